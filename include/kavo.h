@@ -1,0 +1,647 @@
+/*
+ * kavo.h - the public interface of kavo, which asks DNS-based lists and ordinary DNS many questions at once.
+ *
+ * A host creates a context, configures it while it is not running, opens it, asks questions from any number of threads,
+ * closes it and frees it:
+ *
+ *     KAVO kavo;
+ *     KAVO_QUERY_NODE node;
+ *     struct timeval deadline;
+ *     kavo_init(&kavo, 1000, 1 << 20, 0);
+ *     kavo_add_zone(kavo, KAVOT_BL_IP, "list.example");
+ *     kavo_open(kavo);
+ *     kavo_get_deadline(2000, &deadline);
+ *     kavo_subscribe_node_p(kavo, KAVOT_BL_IP, "192.0.2.1", KAVOQF_RECURSIVE, &deadline, &node);
+ *     kavo_wait_node(kavo, node, KAVOWT_FULL, &deadline);
+ *     ... read the answers with an iterator, or copy them ...
+ *     kavo_unsubscribe_node(kavo, node);
+ *     kavo_close(kavo);
+ *     kavo_free(kavo);
+ *
+ * kavo_query does everything between open and close in one call.
+ *
+ * Conventions, which hold wherever a function does not say otherwise:
+ *
+ * Results. A function returns a KAVO_ERR, 0 (KAVOE_OK) for success, unless it returns a name, a count, a handle or
+ * nothing. A null context or a null required argument gives KAVOE_BADPAR, or null or 0 where no code can be returned.
+ * What is handed out through a parameter is defined after success only.
+ *
+ * Ownership. The context owns everything it creates. A node handle is valid from subscribing to unsubscribing; answers
+ * read in place are valid as long. Copies of answers and their record blocks belong to the caller: blocks go back with
+ * kavo_rr_free, arrays of answers with free. Texts that a function returns are constants, or the context's until it is
+ * freed. Arguments are read during the call only.
+ *
+ * Threads. Each open context runs one server thread, which alone talks to DNS. Subscribing, waiting, reading and
+ * unsubscribing may be done from any thread at any time; an iterator belongs to one thread at a time. Configuration
+ * (options, zones, servers, caches, callbacks) is made by one thread while the context is not running, and is refused
+ * with KAVOE_SRV while it is. kavo_open, kavo_close and kavo_free of one context must not overlap, and nothing may use
+ * a context that is being freed. Two contexts have nothing in common.
+ *
+ * Callbacks. The server-state function and the functions of a node-list iterator run with a lock held and must not call
+ * the library. The log function may be called from any thread, several at a time, with locks held; it must not call
+ * the library either.
+ *
+ * Null. A null deadline means no deadline. A null array of servers means the context's servers.
+ *
+ * Time. A deadline is a moment of the system's wall clock (seconds and microseconds since 1970-01-01 UTC), made by
+ * kavo_get_deadline from milliseconds. Time-outs and measured times are milliseconds, times to live seconds.
+ *
+ * Names. A DN is a domain name in wire form: labels, each a length byte of 1 to 63 and that many bytes, closed by a
+ * zero byte, at most 255 bytes with it. A DN handed in must be well formed.
+ */
+#ifndef KAVO_H
+#define KAVO_H
+
+#include <netinet/in.h>
+#include <stdint.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include <kavo/dns.h>
+#include <kavo/dns_rr.h>
+#include <kavo/dns_types.h>
+
+/* In C++ the enumerations have a fixed type, so that a value outside the list is a value like any other. */
+#ifdef __cplusplus
+#define KAVO_ENUM_UNSIGNED : unsigned int
+#define KAVO_ENUM_SIGNED : int
+extern "C" {
+#else
+#define KAVO_ENUM_UNSIGNED
+#define KAVO_ENUM_SIGNED
+#endif
+
+/* ---- constants -------------------------------------------------------------------------------------------------- */
+
+/* KAVO_ERR: what an operation came to. kavo_strerror gives each code's text. */
+typedef enum KAVO_ERR KAVO_ENUM_UNSIGNED {
+  KAVOE_OK = 0,
+  KAVOE_FAIL = 1,     /* failed for a reason that no other code names */
+  KAVOE_NOMEM = 2,    /* no memory, or a buffer or a limit is too small */
+  KAVOE_FILE = 3,     /* a file cannot be read or written, or is malformed */
+  KAVOE_THR = 4,      /* a thread, lock or semaphore failed */
+  KAVOE_DNS = 5,      /* the DNS engine or a server failed */
+  KAVOE_BADPAR = 6,   /* an argument is null, malformed or out of its range */
+  KAVOE_TIMEOUT = 7,  /* the deadline passed, or no server answered in time */
+  KAVOE_SRV = 8,      /* the context is in the wrong state: not running, or running where it must not be */
+  KAVOE_NXDOM = 9,    /* the name does not exist; for a list question: not listed */
+  KAVOE_NOZONES = 10, /* no zones are configured for the type */
+  KAVOE_NODATA = 11,  /* the name has no records of the type, or no answer has arrived yet */
+  KAVOE_NOPARSER = 12 /* answers of the type can be had as raw packets only */
+} KAVO_ERR;
+
+/*
+ * KAVO_TYPE: what is asked, and what a record block holds. DNS types keep their DNS numbers; any number from
+ * KAVOT_DNS_MIN to KAVOT_DNS_MAX may be asked. The list types are asked once in every zone that is configured for them.
+ */
+typedef enum KAVO_TYPE KAVO_ENUM_UNSIGNED {
+  KAVOT_INVALID = 0,
+
+  KAVOT_DNS_MIN = 1,
+  /* clang-format off */
+  KAVOT_DNS_A = 1, KAVOT_DNS_NS = 2, KAVOT_DNS_MD = 3, KAVOT_DNS_MF = 4, KAVOT_DNS_CNAME = 5, KAVOT_DNS_SOA = 6,
+  KAVOT_DNS_MB = 7, KAVOT_DNS_MG = 8, KAVOT_DNS_MR = 9, KAVOT_DNS_NULL = 10, KAVOT_DNS_WKS = 11, KAVOT_DNS_PTR = 12,
+  KAVOT_DNS_HINFO = 13, KAVOT_DNS_MINFO = 14, KAVOT_DNS_MX = 15, KAVOT_DNS_TXT = 16, KAVOT_DNS_RP = 17,
+  KAVOT_DNS_AFSDB = 18, KAVOT_DNS_X25 = 19, KAVOT_DNS_ISDN = 20, KAVOT_DNS_RT = 21, KAVOT_DNS_NSAP = 22,
+  KAVOT_DNS_NSAP_PTR = 23, KAVOT_DNS_SIG = 24, KAVOT_DNS_KEY = 25, KAVOT_DNS_PX = 26, KAVOT_DNS_GPOS = 27,
+  KAVOT_DNS_AAAA = 28, KAVOT_DNS_LOC = 29, KAVOT_DNS_NXT = 30, KAVOT_DNS_EID = 31, KAVOT_DNS_NIMLOC = 32,
+  KAVOT_DNS_SRV = 33, KAVOT_DNS_ATMA = 34, KAVOT_DNS_NAPTR = 35, KAVOT_DNS_KX = 36, KAVOT_DNS_CERT = 37,
+  KAVOT_DNS_A6 = 38, KAVOT_DNS_DNAME = 39, KAVOT_DNS_SINK = 40, KAVOT_DNS_OPT = 41, KAVOT_DNS_APL = 42,
+  KAVOT_DNS_DS = 43, KAVOT_DNS_SSHFP = 44, KAVOT_DNS_IPSECKEY = 45, KAVOT_DNS_RRSIG = 46, KAVOT_DNS_NSEC = 47,
+  KAVOT_DNS_DNSKEY = 48, KAVOT_DNS_DHCID = 49, KAVOT_DNS_NSEC3 = 50, KAVOT_DNS_NSEC3PARAM = 51, KAVOT_DNS_HIP = 55,
+  KAVOT_DNS_NINFO = 56, KAVOT_DNS_RKEY = 57, KAVOT_DNS_TALINK = 58, KAVOT_DNS_SPF = 99, KAVOT_DNS_UINFO = 100,
+  KAVOT_DNS_UID = 101, KAVOT_DNS_GID = 102, KAVOT_DNS_UNSPEC = 103, KAVOT_DNS_TKEY = 249, KAVOT_DNS_TSIG = 250,
+  KAVOT_DNS_IXFR = 251, KAVOT_DNS_AXFR = 252, KAVOT_DNS_MAILB = 253, KAVOT_DNS_MAILA = 254, KAVOT_DNS_ANY = 255,
+  KAVOT_DNS_URI = 256, KAVOT_DNS_TA = 32768, KAVOT_DNS_DLV = 32769,
+  /* clang-format on */
+  KAVOT_DNS_MAX = 65536,
+
+  KAVOT_BL_MIN = 65537,
+  KAVOT_BL_IP = 65537,      /* is an IPv4 address listed: A records */
+  KAVOT_BL_DOM = 65538,     /* is a domain listed: A records */
+  KAVOT_BL_IP_TXT = 65539,  /* why an IPv4 address is listed: TXT records */
+  KAVOT_BL_DOM_TXT = 65540, /* why a domain is listed: TXT records */
+  KAVOT_BL_A6 = 65541,      /* AAAA records of a name in the list's zone; the others alike */
+  KAVOT_BL_MX = 65542,
+  KAVOT_BL_SRV = 65543,
+  KAVOT_BL_CNAME = 65544,
+  KAVOT_BL_NS = 65545,
+  KAVOT_BL_MAX = 65545,
+
+  KAVOT_SP_MIN = 131073,
+  KAVOT_DNS_ETXT = 131073, /* TXT records whose texts may hold any bytes and are not terminated */
+  KAVOT_SYNC = 131074,     /* a sync node */
+  KAVOT_PKT = 131075,      /* a raw packet; the type of the answers to questions with KAVOQF_PKT */
+  KAVOT_SP_MAX = 131075,
+
+  KAVOQT_INVALID = 0,
+  KAVOQT_BL_IP = 65537,
+  KAVOQT_BL_DOM = 65538,
+  KAVOQT_BL_IP_TXT = 65539,
+  KAVOQT_BL_DOM_TXT = 65540,
+  KAVOQT_BL_A6 = 65541,
+  KAVOQT_BL_MX = 65542,
+  KAVOQT_BL_SRV = 65543,
+  KAVOQT_BL_CNAME = 65544,
+  KAVOQT_BL_NS = 65545,
+  KAVOQT_DNS_A = 1,
+  KAVOQT_DNS_NS = 2,
+  KAVOQT_DNS_CNAME = 5,
+  KAVOQT_DNS_PTR = 12,
+  KAVOQT_DNS_MX = 15,
+  KAVOQT_DNS_TXT = 16,
+  KAVOQT_DNS_A6 = 28, /* IPv6 addresses: AAAA */
+  KAVOQT_DNS_SRV = 33,
+  KAVOQT_DNS_ETXT = 131073,
+  KAVOQT_SYNC = 131074
+} KAVO_TYPE;
+typedef KAVO_TYPE KAVO_QUERY_TYPE;
+
+/* KAVO_SRV_STATE: the states of a context's server thread. */
+typedef enum KAVO_SRV_STATE KAVO_ENUM_UNSIGNED {
+  KAVOSS_STOPPED = 1,
+  KAVOSS_STARTING = 2,
+  KAVOSS_RUNNING = 3, /* the only state in which questions can be asked, and in which configuration is refused */
+  KAVOSS_STOPPING = 4,
+  KAVOSS_ERROR = 5 /* the thread failed; the context can be opened again or freed */
+} KAVO_SRV_STATE;
+
+/* KAVO_OPT: options of a context (kavo_set_opt), with their ranges. */
+typedef enum KAVO_OPT KAVO_ENUM_UNSIGNED {
+  KAVOOPT_NXDOM_TTL = 0,         /* seconds a denial without a TTL of its own is cached; 0 to 2147483647 */
+  KAVOOPT_MIN_CACHE_DELAY = 1,   /* kept for the host; 0 to 65535 */
+  KAVOOPT_DNS_PORT = 2,          /* the port of servers that are named without one; 1 to 65535 */
+  KAVOOPT_CLOSE_FAST = 3,        /* 1: kavo_close fails the questions in flight at once; 0: it waits for them */
+  KAVOOPT_MAX_LOOP = 4,          /* referrals followed for one question; 1 to 65536 */
+  KAVOOPT_MAX_ALIAS = 5,         /* aliases followed for one question; 1 to 65536 */
+  KAVOOPT_MAX_PACKET = 6,        /* bytes of the largest UDP answer that is asked for; 512 to 4096 */
+  KAVOOPT_TIMEOUT = 7,           /* seconds of the longest wait for one try; 1 to 300 */
+  KAVOOPT_NTRIES = 8,            /* tries of one question; 1 to 50 */
+  KAVOOPT_NDOTS = 9,             /* 0 to 1000 */
+  KAVOOPT_DNSREC_CACHESIZE = 10, /* bytes of a referral cache of its own; 0 changes nothing */
+  KAVOOPT_BSC_SIZE = 11,         /* servers whose statistics are kept for the choice of the best; 0 (off) to 262144 */
+  KAVOOPT_BSC_UPDTIME = 12,      /* seconds between refreshes of that choice; 0 to 86400 */
+  KAVOOPT_BSC_NBEST = 13,        /* servers that the choice is made from; 1 to 128 */
+  KAVOOPT_SERV_RRB = 14,         /* 1: start each question at the next server in turn; 0: in list order */
+  KAVOOPT_MIN_TTL = 15,          /* seconds below which no answer's TTL falls; 0 to 2147483647 */
+  KAVOOPT_CH_REXPRD = 16,        /* 1: an expired cache entry is delivered as an early answer; 0: not */
+  KAVOOPT_TIMEOUT_MSEC = 17      /* KAVOOPT_TIMEOUT in milliseconds; 1 to 300000 */
+} KAVO_OPT;
+
+/* KAVO_WAIT_LEVEL: how far a node must have come for a wait to end. A failed node ends every wait. */
+typedef enum KAVO_WAIT_LEVEL KAVO_ENUM_SIGNED {
+  KAVOWT_NONE = -2,  /* its questions are with the DNS engine */
+  KAVOWT_CACHE = -1, /* the cache has been looked at and holds no answer */
+  KAVOWT_DCACHE = 0, /* the check of the direct cache has failed */
+  KAVOWT_FIRST = 1,  /* an answer has arrived */
+  KAVOWT_FULL = 2    /* every answer has arrived */
+} KAVO_WAIT_LEVEL;
+
+/* KAVO_CACHE_CODE: what the cache had to do with an answer. */
+typedef enum KAVO_CACHE_CODE KAVO_ENUM_UNSIGNED {
+  KAVOCC_UNKNOWN = 0,
+  KAVOCC_EXISTS = 1,  /* answered from a live cache entry */
+  KAVOCC_OLD = 2,     /* an early answer from an expired entry; the real one follows */
+  KAVOCC_NEXISTS = 3, /* answered by a server */
+  KAVOCC_ERROR = 4
+} KAVO_CACHE_CODE;
+
+/* KAVO_CACHE_TYPE: what a cache is used for; bits. */
+typedef enum KAVO_CACHE_TYPE KAVO_ENUM_UNSIGNED {
+  KAVOCT_ANS = 1, /* answers */
+  KAVOCT_REF = 2, /* referrals */
+  KAVOCT_FULL = 3
+} KAVO_CACHE_TYPE;
+
+/* Flags of a question. Of a caller's flags the low 16 bits are used. */
+enum {
+  KAVOQF_RECURSIVE = 1, /* ask the servers for recursion; ignored where a question has servers of its own */
+  KAVOQF_PKT = 2        /* answers are raw packets (KAVOT_PKT) instead of parsed records */
+};
+
+enum {
+  KAVO_MAX_SERV = 16 /* servers of one question */
+};
+
+/* ---- records ---------------------------------------------------------------------------------------------------- */
+
+typedef struct kavo_t *KAVO;
+typedef struct kavo_query_node_t *KAVO_QUERY_NODE;
+typedef struct kavo_answer_iterator_t *KAVO_ANSWER_ITERATOR;
+typedef struct dns_cacher *KAVO_CACHE;
+
+/* KAVO_RR: a pointer to one record block, under the layout of its type. */
+typedef union KAVO_RR {
+  dns_rr_mem *rr_mem;
+  dns_rr_null *rr_null;
+  dns_rr_a4 *rr_a;
+  dns_rr_a6 *rr_a6;
+  dns_rr_txt *rr_txt;
+  dns_rr_mx *rr_mx;
+  dns_rr_ptr *rr_ptr;
+  dns_rr_cname *rr_cname;
+  dns_rr_srv *rr_srv;
+  dns_rr_ns *rr_ns;
+  dns_rr_pkt *rr_pkt;
+} KAVO_RR;
+
+/* KAVO_ANSWER: one answer of one zone. Records are there when err_code is KAVOE_OK and actual_size is not 0. */
+typedef struct KAVO_ANSWER {
+  KAVO_TYPE type;    /* the question's type, or KAVOT_PKT */
+  KAVO_ERR err_code; /* this zone's outcome; KAVOE_FAIL while it has none */
+  KAVO_CACHE_CODE cache_code;
+  uint32_t actual_size; /* bytes of the record block in use; 0 without records */
+  int32_t zone;         /* the zone's number (kavo_zonesmap_zone); 0 for questions without zones */
+  KAVO_RR rr;
+  uint32_t query_time; /* milliseconds from asking to the answer */
+} KAVO_ANSWER;
+
+/* KAVO_NODELIST_ITERATOR: how the host shows a list of its own to kavo_wait_nodelist. `ctx` is handed to each function.
+ */
+typedef struct KAVO_NODELIST_ITERATOR {
+  void *ctx;
+  unsigned int (*count)(void *ctx);    /* the number of nodes */
+  void (*rewind)(void *ctx);           /* go to the first node */
+  int (*advance)(void *ctx);           /* go to the next node; 0 when there is none */
+  KAVO_QUERY_NODE (*value)(void *ctx); /* the node at this place; null ends the list */
+} KAVO_NODELIST_ITERATOR;
+
+/* kavo_srvstate_chg_fn is told of every change of the server's state before it is made, with the state's lock held. */
+typedef void kavo_srvstate_chg_fn(KAVO kavo, KAVO_SRV_STATE old_state, KAVO_SRV_STATE new_state, void *uctx);
+
+/* ---- logging ---------------------------------------------------------------------------------------------------- */
+
+enum {
+  KAVO_LOG_CRIT = 1,    /* an assertion failed: a fault of this library or misuse of its handles */
+  KAVO_LOG_ERR = 2,     /* an allocation, a lock, a file or the DNS engine failed */
+  KAVO_LOG_WARNING = 3, /* an operation was refused */
+  KAVO_LOG_INFO = 4,    /* a caller's error as met in normal use; statistics */
+  KAVO_LOG_DEBUG = 5
+};
+
+/* kavo_log_fn receives one line without its newline; `line` is valid during the call only. */
+typedef void kavo_log_fn(int level, const char *line, void *uctx);
+
+/* kavo_set_log_cb sends every line of the whole process to `fn` from now on, with `uctx` as its last argument. Null
+ * restores the default: KAVO_LOG_WARNING and graver go to standard error, the rest is dropped. Any thread may call it;
+ * a line that is being written meanwhile may still go the old way. */
+KAVO_EXPORT void kavo_set_log_cb(kavo_log_fn *fn, void *uctx);
+
+/* ---- context ---------------------------------------------------------------------------------------------------- */
+
+/*
+ * kavo_init_ext creates a context.
+ *
+ *   kavo        out: the context, the caller's until kavo_free; null after a failure past the check of the arguments
+ *   table_size  the number of questions that can be held at once, at least 1
+ *   cache_size  bytes of the answer cache; 0 or less: no cache
+ *   max_zones   the number of zones that one type may have, at least 1
+ *   do_open     not 0: open it at once. The context then exists even when opening fails.
+ *
+ * Servers are those of the system's resolver file. Returns KAVOE_OK; KAVOE_BADPAR; KAVOE_NOMEM; KAVOE_THR; KAVOE_DNS;
+ * KAVOE_FAIL without descriptors for the event pipe; with `do_open` the result of kavo_open.
+ */
+KAVO_EXPORT KAVO_ERR kavo_init_ext(KAVO *kavo, int table_size, int cache_size, int max_zones, int do_open);
+
+/* kavo_init is kavo_init_ext with 8 zones for each type. */
+KAVO_EXPORT KAVO_ERR kavo_init(KAVO *kavo, int table_size, int cache_size, int do_open);
+
+/* kavo_open opens the transport and starts the server thread; returns when the thread runs. A running context stays as
+ * it is (KAVOE_OK, a warning). A context whose thread failed is cleaned up first: its questions in flight fail.
+ * KAVOE_NOMEM; KAVOE_DNS without sockets; KAVOE_THR without a thread (the context is stopped); KAVOE_SRV. */
+KAVO_EXPORT KAVO_ERR kavo_open(KAVO kavo);
+
+/* kavo_close stops the server thread and returns when it has ended: after every question in flight has its outcome, or
+ * at once with KAVOOPT_CLOSE_FAST. Questions without an outcome fail; nodes stay the callers' until they unsubscribe.
+ * A stopped context is fine. KAVOE_SRV for one whose thread failed (it is cleaned up); KAVOE_FAIL when the thread
+ * cannot be told. */
+KAVO_EXPORT KAVO_ERR kavo_close(KAVO kavo);
+
+/* kavo_free releases a context and everything it owns: nodes, iterators' answers and texts are gone. KAVOE_SRV for a
+ * running one, which is left whole. */
+KAVO_EXPORT KAVO_ERR kavo_free(KAVO kavo);
+
+/* kavo_set_srvstate_chg_cb installs the server-state function (null: none) with its last argument. It runs on the
+ * thread that opens or closes and on the server thread. 0; KAVOE_BADPAR; KAVOE_SRV while running. */
+KAVO_EXPORT int kavo_set_srvstate_chg_cb(KAVO kavo, kavo_srvstate_chg_fn *fn, void *uctx);
+
+/* kavo_srv_is_running returns 1 while the state is KAVOSS_RUNNING, else 0; 0 for null. Any thread. */
+KAVO_EXPORT int kavo_srv_is_running(KAVO kavo);
+
+/* kavo_add_args makes room for the answers of `count` more zones' questions (at least 1) ahead of need. Without memory
+ * nothing happens. Any thread. */
+KAVO_EXPORT void kavo_add_args(KAVO kavo, int count);
+
+/* kavo_free_args releases that room again. Nothing happens on a running context or while somebody holds a node. */
+KAVO_EXPORT void kavo_free_args(KAVO kavo);
+
+/* ---- options ---------------------------------------------------------------------------------------------------- */
+
+/* kavo_set_opt sets an option to a value of its range (KAVO_OPT). KAVOE_BADPAR for an unknown option or a value out of
+ * range; KAVOE_SRV while running; KAVOE_DNS when the engine or the cache refuses: the option is then unchanged. */
+KAVO_EXPORT KAVO_ERR kavo_set_opt(KAVO kavo, KAVO_OPT opt, uint32_t value);
+
+/* kavo_opt_name returns an option's name, such as "negative_ttl", or null for an unknown one. Any thread. */
+KAVO_EXPORT const char *kavo_opt_name(KAVO_OPT opt);
+
+/* ---- information ------------------------------------------------------------------------------------------------ */
+
+/* kavo_strerror returns a code's text, or null for a value that is no code. Any thread. */
+KAVO_EXPORT const char *kavo_strerror(KAVO_ERR errnum);
+
+/* kavo_typename returns a type's name, such as "DNS_MX" or "BL_IP", or null for a type without one. Any thread. */
+KAVO_EXPORT const char *kavo_typename(KAVO_TYPE type);
+
+/* kavo_name2type returns the type with a name, letter case ignored, or KAVOT_INVALID. Any thread. */
+KAVO_EXPORT KAVO_TYPE kavo_name2type(const char *name);
+
+/* kavo_isparseable returns 1 for a type whose answers can be had as records, 0 for any other. Any thread. */
+KAVO_EXPORT int kavo_isparseable(KAVO_TYPE type);
+
+/* kavo_version returns the version, a byte each for its four numbers, the first in the highest. kavo_rev returns the
+ * revision. Any thread. */
+KAVO_EXPORT uint32_t kavo_version(void);
+KAVO_EXPORT uint32_t kavo_rev(void);
+
+/* kavo_nactive returns the number of nodes in use, sync nodes included; any thread. A null context gives 6 and a lock
+ * that fails its code, which cannot be told from a count. */
+KAVO_EXPORT uint32_t kavo_nactive(KAVO kavo);
+
+/* kavo_set_ext_cache installs a cache of the host's for the uses in `use`; null: none. The context's own caches for
+ * these uses are destroyed; the host's stays the host's and must outlive the context or be taken out of it first.
+ * KAVOE_SRV while running; KAVOE_DNS when the engine refuses. */
+KAVO_EXPORT KAVO_ERR kavo_set_ext_cache(KAVO kavo, KAVO_CACHE_TYPE use, KAVO_CACHE cacher);
+
+/* kavo_get_ext_cache returns the cache installed for a use, the context's own included, or null. It stays its owner's.
+ */
+KAVO_EXPORT KAVO_CACHE kavo_get_ext_cache(KAVO kavo, KAVO_CACHE_TYPE use);
+
+/* kavo_set_cost_zone names the zone that gives servers their costs when the best is chosen; null: none. It is kept for
+ * that choice, which the engine does not make yet. 0; KAVOE_BADPAR; KAVOE_SRV while running; KAVOE_DNS for no name. */
+KAVO_EXPORT int kavo_set_cost_zone(KAVO kavo, const char *zone);
+
+/* kavo_add_expserv accepts answers from `addr` to questions that were sent elsewhere; null forgets all such addresses.
+ * 0; KAVOE_BADPAR; KAVOE_SRV while running; KAVOE_DNS. */
+KAVO_EXPORT int kavo_add_expserv(KAVO kavo, const struct in_addr *addr);
+
+/* ---- subscribing ------------------------------------------------------------------------------------------------ */
+
+/*
+ * A subscription asks a question and hands out its node with one hold, which kavo_unsubscribe_node drops. Callers that
+ * ask the same question (type, name up to letter case, servers in their order, flags) share one node and its packets.
+ *
+ *   query_type  the question's type
+ *   dn          the name as a DN; for a list type without its zone, which is appended
+ *   serv, nserv the servers to ask instead of the context's: IPv4 socket addresses of 16 bytes each, at most
+ *               KAVO_MAX_SERV
+ *   flags       KAVOQF_...
+ *   deadline    how long to wait for a free node when the table is full; not a limit on the answer
+ *   node        out: the node
+ *
+ * All of them return KAVOE_OK; KAVOE_BADPAR (also for a server that is not IPv4, or too many of them); KAVOE_SRV when
+ * the context is not running; KAVOE_NOZONES for a list type without zones; KAVOE_NOPARSER for a type that can only be
+ * asked with KAVOQF_PKT; KAVOE_TIMEOUT when no node became free; KAVOE_NOMEM; KAVOE_THR; KAVOE_FAIL. Any thread; they
+ * block only while the table is full.
+ */
+KAVO_EXPORT KAVO_ERR kavo_subscribe_node_dn(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn, unsigned flags,
+                                            const struct timeval *deadline, KAVO_QUERY_NODE *node);
+
+/* kavo_subscribe_node_serv_ext asks the given servers, never with recursion; kavo_subscribe_node_serv without flags. */
+KAVO_EXPORT KAVO_ERR kavo_subscribe_node_serv_ext(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn,
+                                                  const struct sockaddr *serv, unsigned nserv, unsigned flags,
+                                                  const struct timeval *deadline, KAVO_QUERY_NODE *node);
+KAVO_EXPORT KAVO_ERR kavo_subscribe_node_serv(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn,
+                                              const struct sockaddr *serv, unsigned nserv,
+                                              const struct timeval *deadline, KAVO_QUERY_NODE *node);
+
+/* kavo_subscribe_node_dcache_ext asks the server `dcserv` (null: the context's servers) for what its cache holds first;
+ * kavo_subscribe_node_dcache without flags. KAVOWT_DCACHE waits for that check to fail. */
+KAVO_EXPORT KAVO_ERR kavo_subscribe_node_dcache_ext(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn,
+                                                    const struct sockaddr *dcserv, unsigned flags,
+                                                    const struct timeval *deadline, KAVO_QUERY_NODE *node);
+KAVO_EXPORT KAVO_ERR kavo_subscribe_node_dcache(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn,
+                                                const struct sockaddr *dcserv, const struct timeval *deadline,
+                                                KAVO_QUERY_NODE *node);
+
+/* kavo_subscribe_node takes the subject as bytes: for KAVOT_BL_IP, KAVOT_BL_IP_TXT and KAVOT_DNS_PTR the 4 bytes of an
+ * IPv4 address in network order, else a name as text of 1 to 255 bytes. */
+KAVO_EXPORT KAVO_ERR kavo_subscribe_node(KAVO kavo, KAVO_TYPE query_type, const void *query, int query_len,
+                                         unsigned flags, const struct timeval *deadline, KAVO_QUERY_NODE *node);
+
+/* kavo_subscribe_node_p takes the subject as text: a dotted IPv4 address for those three types, else a name. */
+KAVO_EXPORT KAVO_ERR kavo_subscribe_node_p(KAVO kavo, KAVO_TYPE query_type, const char *query, unsigned flags,
+                                           const struct timeval *deadline, KAVO_QUERY_NODE *node);
+
+/* kavo_unsubscribe_node drops one hold; the caller uses the handle no more. With the last hold the questions in flight
+ * are cancelled. KAVOE_BADPAR for a node without holders. Any thread, also after closing. */
+KAVO_EXPORT KAVO_ERR kavo_unsubscribe_node(KAVO kavo, KAVO_QUERY_NODE node);
+
+/* kavo_node_type returns the type of a held node's question; KAVOT_INVALID for null, for a node that nobody holds and
+ * on a context that is not running. Any thread. */
+KAVO_EXPORT KAVO_TYPE kavo_node_type(KAVO kavo, KAVO_QUERY_NODE node);
+
+/* kavo_node_qdn copies the name that a held node asks (without a zone) into `qdn`, a buffer of `size` bytes, and the
+ * name's length into `written` (null allowed), also when it does not fit: KAVOE_NOMEM. KAVOE_BADPAR for a sync node, a
+ * node that nobody holds and a context that is not running. Any thread. */
+KAVO_EXPORT KAVO_ERR kavo_node_qdn(KAVO kavo, KAVO_QUERY_NODE node, unsigned char *qdn, unsigned size,
+                                   unsigned *written);
+
+/* Statistics of the server at the IPv4 socket address `sa`, since the context first asked it: the average and the last
+ * round-trip time (milliseconds), the moment of the last check (seconds since 1970-01-01 UTC), the packets sent to it,
+ * the questions it was used for, the tries that timed out. KAVOE_BADPAR also for a server that was not asked yet. Any
+ * thread. */
+KAVO_EXPORT KAVO_ERR kavo_get_serv_avgrtt(KAVO kavo, const struct sockaddr *sa, int *value);
+KAVO_EXPORT KAVO_ERR kavo_get_serv_lastrtt(KAVO kavo, const struct sockaddr *sa, int *value);
+KAVO_EXPORT KAVO_ERR kavo_get_serv_last_check(KAVO kavo, const struct sockaddr *sa, int *value);
+KAVO_EXPORT KAVO_ERR kavo_get_serv_nqsent(KAVO kavo, const struct sockaddr *sa, uint64_t *value);
+KAVO_EXPORT KAVO_ERR kavo_get_serv_nused(KAVO kavo, const struct sockaddr *sa, uint64_t *value);
+KAVO_EXPORT KAVO_ERR kavo_get_serv_ntimeout(KAVO kavo, const struct sockaddr *sa, uint64_t *value);
+
+/* ---- waiting ---------------------------------------------------------------------------------------------------- */
+
+/*
+ * kavo_wait_node waits until a node that the caller holds has come to `wait_level`. A node that failed has: its answers
+ * say so. A sync node ends the wait once for each signal.
+ *
+ * The three waits return KAVOE_OK; KAVOE_TIMEOUT once `deadline` has passed (the nodes stay held); KAVOE_BADPAR, also
+ * for a node that nobody holds; KAVOE_SRV when the context is not running; KAVOE_THR. Any thread; they block.
+ */
+KAVO_EXPORT KAVO_ERR kavo_wait_node(KAVO kavo, KAVO_QUERY_NODE node, KAVO_WAIT_LEVEL wait_level,
+                                    const struct timeval *deadline);
+
+/* kavo_wait_multiple_nodes waits for all of an array of `len` nodes (`full` not 0), or for any of them, which is then
+ * handed out in `resolved` (null allowed; set to null where no node is). It consumes every signal in the array. */
+KAVO_EXPORT KAVO_ERR kavo_wait_multiple_nodes(KAVO kavo, KAVO_QUERY_NODE *nodes, int len, KAVO_WAIT_LEVEL wait_level,
+                                              int full, const struct timeval *deadline, KAVO_QUERY_NODE *resolved);
+
+/* kavo_wait_nodelist waits for all or any of the nodes that an iterator shows. Waiting for any, it consumes the signal
+ * of the node that ended the wait only. */
+KAVO_EXPORT KAVO_ERR kavo_wait_nodelist(KAVO kavo, KAVO_NODELIST_ITERATOR *iterator, KAVO_WAIT_LEVEL wait_level,
+                                        int full, const struct timeval *deadline);
+
+/* ---- answers ---------------------------------------------------------------------------------------------------- */
+
+/* kavo_alloc_answer_iterator returns an iterator that is not set, the caller's (kavo_free_answer_iterator), or null. */
+KAVO_EXPORT KAVO_ANSWER_ITERATOR kavo_alloc_answer_iterator(void);
+KAVO_EXPORT void kavo_free_answer_iterator(KAVO_ANSWER_ITERATOR iterator);
+
+/* kavo_set_answer_iterator puts an iterator before the first answer of a held node. Of a node whose answers are not
+ * complete it will show those that have arrived now. KAVOE_NODATA before the first answer; KAVOE_SRV for a node that
+ * failed; KAVOE_FAIL for a sync node; KAVOE_NOMEM; KAVOE_THR; KAVOE_BADPAR. */
+KAVO_EXPORT KAVO_ERR kavo_set_answer_iterator(KAVO kavo, KAVO_QUERY_NODE node, KAVO_ANSWER_ITERATOR iterator);
+
+/* kavo_get_answer returns the next answer, zones in their order, or null after the last. It stays the library's and is
+ * valid while the caller holds the node. */
+KAVO_EXPORT const KAVO_ANSWER *kavo_get_answer(KAVO kavo, KAVO_ANSWER_ITERATOR iterator);
+
+/*
+ * kavo_copy_answer copies a held node's answers into the array `*answer` of `answer_len` entries.
+ *
+ *   answer_written  out: the number of answers
+ *   alloc           not 0: the array (may be null) and the entries' blocks grow as needed and belong to the caller.
+ *                   0: they must be large enough; a block that is not gives its entry the code KAVOE_NOMEM.
+ *
+ * KAVOE_OK, also when entries carry errors; KAVOE_NOMEM when the array is too short; else as kavo_set_answer_iterator.
+ */
+KAVO_EXPORT KAVO_ERR kavo_copy_answer(KAVO kavo, KAVO_QUERY_NODE node, KAVO_ANSWER **answer, int answer_len,
+                                      int *answer_written, int alloc);
+
+/*
+ * kavo_query subscribes, waits, copies with `alloc` and unsubscribes in one call.
+ *
+ *   query, query_len  the subject, as for kavo_subscribe_node
+ *   timeout           milliseconds for the whole; 4294967295: no limit
+ *
+ * The caller owns the array and its blocks; both may be handed in again. Returns what the step that failed returned.
+ * Any thread; blocks.
+ */
+KAVO_EXPORT KAVO_ERR kavo_query(KAVO kavo, KAVO_TYPE type, const void *query, int query_len, KAVO_ANSWER **answer,
+                                int answer_len, int *answer_written, unsigned int timeout, KAVO_WAIT_LEVEL wait_level,
+                                unsigned flags);
+
+/* ---- deadlines and sync nodes ----------------------------------------------------------------------------------- */
+
+/* kavo_get_deadline stores the moment `timeout` milliseconds from now and returns `deadline`; for 4294967295 it returns
+ * null, no deadline. Counts from 2147483648 on are negative: the moment has passed. Any thread. */
+KAVO_EXPORT struct timeval *kavo_get_deadline(unsigned int timeout, struct timeval *deadline);
+
+/* kavo_time_milli_timeval stores a span of milliseconds as seconds and microseconds, both of its sign. KAVOE_BADPAR. */
+KAVO_EXPORT KAVO_ERR kavo_time_milli_timeval(int milliseconds, struct timeval *result);
+
+/* kavo_time_deadline stores the moment `timeout` from now, or the farthest one that a time value holds; for a span that
+ * is not valid, now. KAVOE_BADPAR for null. */
+KAVO_EXPORT KAVO_ERR kavo_time_deadline(const struct timeval *timeout, struct timeval *deadline);
+
+/* kavo_time_milli_delay returns the milliseconds from `start` to `finish`, 0 when `finish` is earlier or either is
+ * null. */
+KAVO_EXPORT unsigned int kavo_time_milli_delay(const struct timeval *start, const struct timeval *finish);
+
+/* kavo_subscribe_syncnode hands out a node that asks nothing: it ends a wait when another thread signals it. `deadline`
+ * is as for subscriptions. KAVOE_BADPAR; KAVOE_TIMEOUT when no node became free; KAVOE_NOMEM; KAVOE_FAIL; KAVOE_THR.
+ * Unsubscribed like any other. */
+KAVO_EXPORT KAVO_ERR kavo_subscribe_syncnode(KAVO kavo, const struct timeval *deadline, KAVO_QUERY_NODE *node);
+
+/* kavo_signal_syncnode signals a held sync node: one wait for it ends, now or when it comes. KAVOE_BADPAR for any other
+ * node. Any thread. */
+KAVO_EXPORT KAVO_ERR kavo_signal_syncnode(KAVO kavo, KAVO_QUERY_NODE node);
+
+/* ---- names and types -------------------------------------------------------------------------------------------- */
+
+/* These keep no state; any thread. `dnsiz` and `ddnsiz` are bytes of the buffer before them. */
+
+/* kavo_dns_a4todn writes an address as DN, octets in reverse: 192.0.2.1 gives 1.2.0.192. Returns its length or 0. */
+KAVO_EXPORT int kavo_dns_a4todn(const struct in_addr *addr, unsigned char *dn, int dnsiz);
+
+/* kavo_dns_ptodn converts a name of `len` bytes (0: up to its terminator). Returns the DN's length, 0 or less for text
+ * that is no name or does not fit. */
+KAVO_EXPORT int kavo_dns_ptodn(const char *name, unsigned len, unsigned char *dn, int dnsiz);
+
+/* kavo_dns_dnlen returns a DN's length, its closing zero byte included. */
+KAVO_EXPORT unsigned kavo_dns_dnlen(const unsigned char *dn);
+
+/* kavo_dns_dntodn copies a DN. Returns its length, 0 when it does not fit. */
+KAVO_EXPORT unsigned kavo_dns_dntodn(const unsigned char *sdn, unsigned char *ddn, unsigned ddnsiz);
+
+/* kavo_dns_dnequal returns not 0 when two DNs name the same domain, letter case ignored. */
+KAVO_EXPORT unsigned kavo_dns_dnequal(const unsigned char *dn1, const unsigned char *dn2);
+
+/* kavo_dns_ptoa4 reads a dotted IPv4 address. Above 0 on success, 0 for text that is none. */
+KAVO_EXPORT int kavo_dns_ptoa4(const char *p, struct in_addr *addr);
+
+/* kavo_convert_type returns the DNS type that is asked for a type, DNS_T_INVALID (and a warning) for none;
+ * kavo_convert_type_r the type of a DNS type. */
+KAVO_EXPORT dns_type kavo_convert_type(KAVO_TYPE type);
+KAVO_EXPORT KAVO_TYPE kavo_convert_type_r(dns_type type);
+
+/* kavo_convert_status returns the code for an engine status; kavo_dns_status that of the last engine operation made for
+ * the context (only while it is not running). */
+KAVO_EXPORT KAVO_ERR kavo_convert_status(dns_status err);
+KAVO_EXPORT KAVO_ERR kavo_dns_status(KAVO kavo);
+
+/* kavo_get_parser returns the record parser for a type's answers, the raw packet's with KAVOQF_PKT, or null. */
+KAVO_EXPORT dns_parse_fn *kavo_get_parser(KAVO_TYPE type, unsigned flags);
+
+/* ---- zones ------------------------------------------------------------------------------------------------------ */
+
+/* kavo_zonesmap_init forgets every configured zone. KAVOE_NOMEM; KAVOE_BADPAR. */
+KAVO_EXPORT KAVO_ERR kavo_zonesmap_init(KAVO kavo);
+
+/*
+ * kavo_zonesmap_init_cfg replaces the zones by those of a text file: a line "#IP" (or DOMAIN, IP_TXT, DOMAIN_TXT, A6,
+ * MX, SRV, CNAME, NS) opens the list of a type, each line after it is one of its zones, an empty line closes it. After
+ * a failure to read or understand the file no zones are configured. KAVOE_SRV while running; KAVOE_FILE; KAVOE_NOMEM.
+ */
+KAVO_EXPORT KAVO_ERR kavo_zonesmap_init_cfg(KAVO kavo, const char *zones_file_path);
+
+/* kavo_zonesmap_save_cfg writes the zones to such a file, replacing it. KAVOE_FILE. */
+KAVO_EXPORT KAVO_ERR kavo_zonesmap_save_cfg(KAVO kavo, const char *zones_file_path);
+
+/* kavo_add_zone appends a zone (at most 254 bytes of text, copied) to the list of a list type, if it is not there.
+ * KAVOE_NOMEM also when the list is full. */
+KAVO_EXPORT KAVO_ERR kavo_add_zone(KAVO kavo, KAVO_TYPE type, const char *zone);
+
+/* kavo_free_zones releases the zones; kavo_zonesmap_init brings the context back into use. */
+KAVO_EXPORT void kavo_free_zones(KAVO kavo);
+
+/* kavo_zonesmap_zone returns the name of a zone number, as it stands in answers, or null. It stays the context's and is
+ * valid until the zones are configured anew. kavo_zonesmap_zone_cpy copies it, terminated, into `buflen` bytes. */
+KAVO_EXPORT const char *kavo_zonesmap_zone(KAVO kavo, int zone);
+KAVO_EXPORT KAVO_ERR kavo_zonesmap_zone_cpy(KAVO kavo, int zone, char *buf, int buflen);
+
+/* ---- records ---------------------------------------------------------------------------------------------------- */
+
+/* kavo_rr_alloc makes an empty block of `size` bytes, at most 1024, the caller's (kavo_rr_free). KAVOE_NOMEM. */
+KAVO_EXPORT KAVO_ERR kavo_rr_alloc(KAVO_RR *rr, unsigned int size);
+
+/* kavo_rr_realloc makes sure that a block has `size` bytes (at most 1024); its content must be written anew after it
+ * has moved. A null block is allocated. KAVOE_NOMEM: the block is unchanged. */
+KAVO_EXPORT KAVO_ERR kavo_rr_realloc(KAVO_RR *rr, unsigned int size);
+
+/* kavo_rr_cpy copies a block of a type into an existing block. KAVOE_FAIL for a type without blocks; KAVOE_NOMEM when
+ * the destination is too small. */
+KAVO_EXPORT KAVO_ERR kavo_rr_cpy(KAVO_TYPE type, const KAVO_RR *src_rr, KAVO_RR *dst_rr);
+
+/* kavo_rr_dup does so after making or growing the destination, the caller's. KAVOE_NOMEM. */
+KAVO_EXPORT KAVO_ERR kavo_rr_dup(KAVO_TYPE type, const KAVO_RR *src_rr, KAVO_RR *dst_rr);
+
+/* kavo_rr_get_size returns the bytes of a block in use, 0 for null. */
+KAVO_EXPORT unsigned int kavo_rr_get_size(const KAVO_RR *rr);
+
+/* kavo_rr_free releases a block and sets the pointer to null; null is fine. */
+KAVO_EXPORT void kavo_rr_free(KAVO_RR *rr);
+
+/* ---- servers ---------------------------------------------------------------------------------------------------- */
+
+/* kavo_add_dns_server appends a server to ask by its dotted IPv4 address, on `port` (0: KAVOOPT_DNS_PORT's; at most
+ * 65534); a null address empties the list. KAVOE_BADPAR; KAVOE_SRV while running; KAVOE_DNS. */
+KAVO_EXPORT KAVO_ERR kavo_add_dns_server(KAVO kavo, const char *addr, unsigned port);
+
+/* kavo_get_dns_servers copies the servers' socket addresses into `serv`, an array of `*nserv` entries, and stores their
+ * number. KAVOE_NOMEM when there are more, with their number stored. */
+KAVO_EXPORT KAVO_ERR kavo_get_dns_servers(KAVO kavo, struct sockaddr *serv, unsigned *nserv);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* KAVO_H */

@@ -1,0 +1,154 @@
+/*
+ * dns.h - the operations of the DNS engine that a host may call directly.
+ *
+ * An engine context (struct dns_ctx) is driven by one thread; a kavo context drives its own. A cache (struct dns_cache)
+ * may be used by any thread at any time. Nothing here blocks.
+ */
+#ifndef KAVO_DNS_H
+#define KAVO_DNS_H
+
+#include <stddef.h>
+#include <sys/socket.h>
+
+#include <kavo/dns_rr.h>
+#include <kavo/dns_types.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- memory --------------------------------------------------------------------------------------------------- */
+
+/* dns_free releases a block that the engine handed out to keep, or one from dns_calloc or dns_realloc; null is fine. */
+KAVO_EXPORT void dns_free(void *block);
+
+/* ---- contexts ------------------------------------------------------------------------------------------------- */
+
+/* dns_new makes an engine context with the servers and options of the system's resolver file (127.0.0.1 where it names
+ * none); with `from`, with those of that context. Returns it, owned by the caller (dns_destroy), or null without
+ * memory. */
+KAVO_EXPORT struct dns_ctx *dns_new(const struct dns_ctx *from);
+
+/* dns_init prepares the engine (`ctx` null) or a context; with `do_open`, opens its transport too. Returns 0 or a
+ * negative status. */
+KAVO_EXPORT dns_status dns_init(struct dns_ctx *ctx, int do_open);
+
+/* dns_open opens the context's transport. Returns 0, or a negative status when no socket can be had. */
+KAVO_EXPORT dns_status dns_open(struct dns_ctx *ctx);
+
+/* dns_close closes the transport; questions still open are dropped without a callback. The context can be opened again.
+ */
+KAVO_EXPORT void dns_close(struct dns_ctx *ctx);
+
+/* dns_destroy closes and releases a context; null is fine. Caches installed in it are left alone. */
+KAVO_EXPORT void dns_destroy(struct dns_ctx *ctx);
+
+/* dns_dbg_fn is told what a context does. `data` depends on `code` (DNS_D_...) and is valid during the call only. It
+ * runs on the thread that drives the context and must not call dns_close or dns_destroy. */
+typedef void dns_dbg_fn(struct dns_ctx *ctx, struct dns_query *q, int code, void *data, void *udata);
+
+/* dns_dpkt: what a debug function learns of a packet. */
+typedef struct dns_dpkt {
+  const unsigned char *dnsd_pkt;     /* the packet */
+  unsigned dnsd_plen;                /* its length in bytes */
+  const struct sockaddr *dnsd_saloc; /* the local address, or null */
+  const struct sockaddr *dnsd_sarem; /* the remote address, or null */
+  int dnsd_proto;                    /* IPPROTO_UDP or IPPROTO_TCP */
+  int dnsd_rtt;                      /* milliseconds from request to answer; 0 when unknown */
+} dns_dpkt;
+
+KAVO_EXPORT void dns_set_dbgfn(struct dns_ctx *ctx, dns_dbg_fn *fn, void *udata);
+
+/* ---- servers -------------------------------------------------------------------------------------------------- */
+
+/* dns_add_serv appends a server by its dotted-quad address, on the port of DNS_OPT_PORT; null empties the list. Returns
+ * the new number of servers (0 after emptying), or a negative status: DNS_E_INVAL for a text that is no address,
+ * DNS_E_NOMEM. An address that the list holds already is appended again. */
+KAVO_EXPORT int dns_add_serv(struct dns_ctx *ctx, const char *address);
+
+/* dns_add_serv_s does the same with an IPv4 socket address (port 0: that of DNS_OPT_PORT). */
+KAVO_EXPORT int dns_add_serv_s(struct dns_ctx *ctx, const struct sockaddr *address);
+
+/* ---- caches --------------------------------------------------------------------------------------------------- */
+
+/*
+ * A cacher is how the engine reaches a cache: four operations on entries. The built-in cache is one; a host that brings
+ * its own puts a dns_cacher at the head of its record. Every operation may be called from any thread.
+ *
+ *   get     looks up the key of `entry` (name without regard to letter case, class, type). Above 0: found, and `entry`
+ * now holds its records and its remaining TTL (negative once expired). 0: not there, or expired and neither
+ *           DNS_CR_EXPIRED nor the entry's flag DNS_CD_FORCE_EXPIRED asks for such. Below 0: a status.
+ *   put     stores a copy of `entry` in the place of any older one; it lives for the entry's TTL from `now`. 0 or a
+ * status. del     removes the key's entry. 0 or above, or a status. getopt, setopt   an option (DNS_CROPT_...) of
+ * `size` bytes (4). 0 or a status.
+ */
+struct dns_cacher;
+typedef struct dns_cacher_ops {
+  int (*get)(struct dns_cacher *cacher, struct dns_cdata *entry, dns_time now);
+  int (*put)(struct dns_cacher *cacher, const struct dns_cdata *entry, dns_time now);
+  int (*del)(struct dns_cacher *cacher, const struct dns_cdata *entry, dns_time now);
+  int (*getopt)(struct dns_cacher *cacher, int opt, void *value, unsigned size);
+  int (*setopt)(struct dns_cacher *cacher, int opt, const void *value, unsigned size);
+} dns_cacher_ops;
+struct dns_cacher {
+  const dns_cacher_ops *dnscr_ops;
+};
+
+/* dns_cache_init makes a cache of at most `size` bytes, allocated as they are used; past them the entry that was not
+ * used for longest gives way. Returns it, owned by the caller (dns_cache_destroy), or null without memory. */
+KAVO_EXPORT struct dns_cache *dns_cache_init(uint64_t size);
+KAVO_EXPORT struct dns_cacher *dns_cache_cacher(struct dns_cache *cache);
+KAVO_EXPORT void dns_cache_destroy(struct dns_cache *cache);
+
+/* dns_rr: one record on its way in or out of a cache entry or a packet. */
+typedef struct dns_rr {
+  unsigned char dnsrr_dn[DNS_MAXDN]; /* the owner name */
+  dns_class dnsrr_cls;
+  dns_type dnsrr_typ;
+  int32_t dnsrr_ttl;         /* seconds */
+  unsigned dnsrr_dsz;        /* bytes of data; for dns_cdata_nextrr, in: bytes of the caller's buffer */
+  unsigned char *dnsrr_dptr; /* the data's first byte */
+  unsigned char *dnsrr_dend; /* the byte after its last */
+} dns_rr;
+
+/* dns_cdata: a cache entry outside a cache, a key with its records. dns_cdata_init makes an empty one with room for
+ * about `size` bytes of records (it grows as needed); null without memory. */
+KAVO_EXPORT struct dns_cdata *dns_cdata_init(unsigned size);
+KAVO_EXPORT void dns_cdata_free(struct dns_cdata *entry);
+
+/* Setters. They return 0, or DNS_E_INVAL for a null entry or a malformed name. */
+KAVO_EXPORT int dns_cdata_setdn(struct dns_cdata *entry, const unsigned char *dn);
+KAVO_EXPORT int dns_cdata_setcls(struct dns_cdata *entry, dns_class cls);
+KAVO_EXPORT int dns_cdata_settyp(struct dns_cdata *entry, dns_type typ);
+KAVO_EXPORT int dns_cdata_setttl(struct dns_cdata *entry, int32_t ttl);
+KAVO_EXPORT int dns_cdata_setflags(struct dns_cdata *entry, unsigned flags);
+KAVO_EXPORT int dns_cdata_setrcode(struct dns_cdata *entry, int rcode);
+
+/* dns_cdata_dn copies the entry's name into `dn`; `*size` is the buffer's bytes in, the name's out. 0 or DNS_E_NOBUFS.
+ */
+KAVO_EXPORT int dns_cdata_dn(const struct dns_cdata *entry, unsigned char *dn, unsigned *size);
+KAVO_EXPORT dns_class dns_cdata_cls(const struct dns_cdata *entry);
+KAVO_EXPORT dns_type dns_cdata_typ(const struct dns_cdata *entry);
+KAVO_EXPORT int32_t dns_cdata_ttl(const struct dns_cdata *entry); /* remaining seconds; negative once expired */
+KAVO_EXPORT unsigned dns_cdata_flags(const struct dns_cdata *entry);
+KAVO_EXPORT int dns_cdata_rcode(const struct dns_cdata *entry);
+KAVO_EXPORT unsigned dns_cdata_nrr(const struct dns_cdata *entry); /* records, aliases included */
+KAVO_EXPORT unsigned dns_cdata_numan(
+    const struct dns_cdata *entry); /* answers: the records, or 1 for a stored denial */
+KAVO_EXPORT unsigned dns_cdata_nalias(const struct dns_cdata *entry); /* CNAME records of a question for another type */
+
+/* dns_cdata_addrr appends a record. Names in its data may be compressed against `packet` (`packet_size` bytes); with a
+ * null packet they must not be. 0, DNS_E_PROTOCOL for data that its type does not allow, DNS_E_NOMEM, DNS_E_INVAL. */
+struct dns_parse;
+KAVO_EXPORT int dns_cdata_addrr(struct dns_cdata *entry, const dns_rr *rr, const struct dns_parse *packet);
+
+/* dns_cdata_nextrr copies the next record into `rr`, its data into the buffer of dnsrr_dsz bytes at dnsrr_dptr. 1 for a
+ * record, 0 after the last one, DNS_E_NOBUFS for data longer than the buffer. dns_cdata_rewind starts again. */
+KAVO_EXPORT int dns_cdata_nextrr(struct dns_cdata *entry, dns_rr *rr);
+KAVO_EXPORT void dns_cdata_rewind(struct dns_cdata *entry);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* KAVO_DNS_H */

@@ -1,0 +1,294 @@
+// cache.cc - the built-in answer cache and the calls by which the engine reaches any cacher.
+//
+// Any thread may use a cache at any time. It is split into shards (cache_shard.h) by the key's hash, each with a mutex
+// and a share of the bytes of its own. Keys come from strangers and are hashed under a secret of the cache's own.
+// Options are atomics.
+#include <stdlib.h>
+#include <string.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <bit>
+#include <new>
+
+#include "cache_shard.h"
+#include "cdata.h"
+#include "dns_engine.h"
+#include "siphash.h"
+
+namespace {
+
+using dns::Entry;
+using dns::Graveyard;
+using dns::Key;
+using dns::Shard;
+
+// No entry lives longer, whatever its TTL says.
+constexpr int32_t kTtlMax = 7 * 24 * 3600;
+
+// Shards are few enough that the largest entry (kRunMax and its name) takes a quarter of a shard at most, and enough
+// that threads seldom meet in one. A cache too small for two has one.
+constexpr unsigned kShardsMax = 16;
+constexpr uint64_t kShardBytesMin = 256 * 1024;
+constexpr int kShardHashBits = 16;  // the hash's uppermost bits choose the shard, its lowest the bucket
+
+constexpr unsigned kFlagsKnown = DNS_CR_EXPIRED | DNS_CR_NCACHE;
+
+}  // namespace
+
+struct dns_cache : dns_cacher {
+  std::atomic<uint32_t> flags = DNS_CR_NCACHE;
+  std::atomic<uint32_t> default_ttl = 0;
+  std::atomic<uint32_t> minimum_ttl = 0;
+  uint8_t secret[16] = {};
+  unsigned shards_begun = 0;
+  unsigned shards_count = 1;  // a power of two
+  std::array<Shard, kShardsMax> shards;
+
+  explicit dns_cache(const dns_cacher_ops *ops) : dns_cacher{ops} {}
+  ~dns_cache() {
+    for (unsigned i = 0; i < shards_begun; ++i)
+      shards[i].end();
+  }
+  Shard *shard_of(const Key &key) { return &shards[(key.hash >> (64 - kShardHashBits)) & (shards_count - 1)]; }
+};
+
+namespace {
+
+static_assert(std::has_single_bit(kShardsMax) && kShardsMax <= 1U << kShardHashBits);
+static_assert(dns::kRunMax + DNS_MAXDN + sizeof(Entry) < kShardBytesMin / 3);
+static_assert(dns::kRunMax <= UINT16_MAX && DNS_MAXDN <= UINT8_MAX, "the counts and sizes of an entry fit its fields");
+
+dns_cache *of(dns_cacher *cacher) {
+  return static_cast<dns_cache *>(cacher);
+}
+
+Key key_of(const dns_cache *cache, const dns_cdata *entry) {
+  uint8_t bytes[DNS_MAXDN + sizeof entry->typ + sizeof entry->cls];
+  size_t size = entry->dn_size;
+  memcpy(bytes, entry->dn, size);
+  memcpy(bytes + size, &entry->typ, sizeof entry->typ);
+  size += sizeof entry->typ;
+  memcpy(bytes + size, &entry->cls, sizeof entry->cls);
+  size += sizeof entry->cls;
+  return {entry->dn, entry->dn_size, entry->typ, entry->cls, siphash_folded(cache->secret, bytes, size)};
+}
+
+constexpr int32_t kNotKept = -1;
+
+// lifetime is for how many seconds the cache keeps `entry`, or kNotKept.
+int32_t lifetime(const dns_cache *cache, const dns_cdata *entry) {
+  int32_t ttl = entry->ttl;
+  if (dns::cdata_is_denial(entry)) {
+    if ((cache->flags & DNS_CR_NCACHE) == 0) return kNotKept;
+    if ((entry->flags & dns::kNoSoa) != 0) {
+      ttl = static_cast<int32_t>(cache->default_ttl);
+      if (ttl == 0) return kNotKept;
+    }
+  }
+  return std::max(std::clamp(ttl, 0, kTtlMax), static_cast<int32_t>(cache->minimum_ttl));
+}
+
+// build makes the block that a shard keeps of `from`, to be released with free; null without memory.
+Entry *build(const dns_cache *cache, const dns_cdata *from, const Key &key, int32_t ttl, dns_time now) {
+  auto *entry = static_cast<Entry *>(malloc(sizeof(Entry) + from->dn_size + from->run_size));
+  if (entry == nullptr) return nullptr;
+  *entry = {.bucket_next = nullptr,
+            .newer = nullptr,
+            .older = nullptr,
+            .hash = key.hash,
+            .stored = now,
+            .ttl = ttl,
+            .run_size = static_cast<uint32_t>(from->run_size),
+            .typ = from->typ,
+            .cls = from->cls,
+            .records = static_cast<uint16_t>(from->records),
+            .cnames = static_cast<uint16_t>(from->cnames),
+            .rcode = from->rcode,
+            .dn_size = from->dn_size};
+  memcpy(entry->dn(), from->dn, from->dn_size);
+  if (from->run_size > 0) memcpy(entry->run(), from->run, from->run_size);
+  const auto least = static_cast<int32_t>(cache->minimum_ttl);
+  dns::run_settle({entry->run(), from->run_size}, from->age, least, std::max(kTtlMax, least));
+  return entry;
+}
+
+// copy_out fills `to`, whose key it is and whose buffer is large enough, with what `entry` holds after `age` seconds.
+void copy_out(Entry *entry, int32_t age, dns_cdata *to) {
+  if (entry->run_size > 0) memcpy(to->run, entry->run(), entry->run_size);
+  to->run_size = entry->run_size;
+  to->records = entry->records;
+  to->cnames = entry->cnames;
+  to->rcode = entry->rcode;
+  to->ttl = entry->ttl - age;
+  to->age = age;
+  to->next = 0;
+}
+
+// look_up copies the key's entry into `to`. 1 or 0 as cache_get; DNS_E_NOBUFS when its buffer must hold `*needed`
+// bytes.
+[[nodiscard]] int look_up(Shard *shard, const Key &key, bool expired_too, dns_time now, dns_cdata *to, size_t *needed) {
+  const pelk_lock lock(&shard->mutex);
+  if (lock.error != 0) return DNS_E_FAIL;
+  Entry *entry = shard->find(key);
+  if (entry == nullptr) return 0;
+  const int32_t age = age_of(entry, now);
+  if (age > entry->ttl && !expired_too) return 0;
+  shard->used(entry);
+  *needed = entry->run_size;
+  if (*needed > to->run_capacity) return DNS_E_NOBUFS;
+  copy_out(entry, age, to);
+  return 1;
+}
+
+// A buffer that is too small is enlarged without the lock; the entry may have changed meanwhile, hence another look.
+// Each round enlarges the buffer, which never needs to exceed kRunMax.
+int cache_get(dns_cacher *cacher, dns_cdata *entry, dns_time now) {
+  dns_cache *cache = of(cacher);
+  const Key key = key_of(cache, entry);
+  const bool expired_too = (cache->flags & DNS_CR_EXPIRED) != 0 || (entry->flags & DNS_CD_FORCE_EXPIRED) != 0;
+  for (;;) {
+    size_t needed = 0;
+    const int found = look_up(cache->shard_of(key), key, expired_too, now, entry, &needed);
+    if (found != DNS_E_NOBUFS) return found;
+    if (!dns::cdata_reserve(entry, needed)) return DNS_E_NOMEM;
+  }
+}
+
+int cache_delete(dns_cacher *cacher, const dns_cdata *entry, dns_time) {
+  dns_cache *cache = of(cacher);
+  const Key key = key_of(cache, entry);
+  Shard *shard = cache->shard_of(key);
+  Graveyard dead;
+  const pelk_lock lock(&shard->mutex);
+  if (lock.error != 0) return DNS_E_FAIL;
+  Entry *old = shard->find(key);
+  if (old == nullptr) return 0;
+  shard->remove(old);
+  dead.add(old);
+  return 1;
+}
+
+[[nodiscard]] int store(dns_cache *cache, const Key &key, Entry *entry) {
+  const bool keep_expired = (cache->flags & DNS_CR_EXPIRED) != 0;
+  Shard *shard = cache->shard_of(key);
+  Graveyard dead;
+  const pelk_lock lock(&shard->mutex);
+  const dns_status status = lock.error != 0 ? DNS_E_FAIL : shard->insert(entry, key, keep_expired, &dead);
+  if (status != DNS_E_NOERROR) dead.add(entry);
+  return status;
+}
+
+// An answer that is not kept still ends an older one of its key, which it has proved wrong.
+int cache_put(dns_cacher *cacher, const dns_cdata *entry, dns_time now) {
+  dns_cache *cache = of(cacher);
+  const int32_t ttl = lifetime(cache, entry);
+  if (ttl == kNotKept) return std::min(cache_delete(cacher, entry, now), 0);
+  const Key key = key_of(cache, entry);
+  Entry *fresh = build(cache, entry, key, ttl, now);
+  return fresh == nullptr ? DNS_E_NOMEM : store(cache, key, fresh);
+}
+
+// option_of finds an option and the largest value that it takes; null for an unknown one.
+std::atomic<uint32_t> *option_of(dns_cacher *cacher, int opt, uint32_t *most) {
+  dns_cache *cache = of(cacher);
+  *most = INT32_MAX;
+  switch (opt) {
+    case DNS_CROPT_FLAGS:
+      *most = kFlagsKnown;
+      return &cache->flags;
+    case DNS_CROPT_DEFTTL:
+      return &cache->default_ttl;
+    case DNS_CROPT_MINTTL:
+      return &cache->minimum_ttl;
+    default:
+      return nullptr;
+  }
+}
+
+int cache_getopt(dns_cacher *cacher, int opt, void *value, unsigned size) {
+  uint32_t most = 0;
+  const std::atomic<uint32_t> *option = option_of(cacher, opt, &most);
+  if (option == nullptr || size != sizeof(uint32_t)) return DNS_E_INVAL;
+  const uint32_t current = *option;
+  memcpy(value, &current, sizeof current);
+  return 0;
+}
+
+int cache_setopt(dns_cacher *cacher, int opt, const void *value, unsigned size) {
+  uint32_t most = 0;
+  std::atomic<uint32_t> *option = option_of(cacher, opt, &most);
+  if (option == nullptr || size != sizeof(uint32_t)) return DNS_E_INVAL;
+  uint32_t wanted = 0;
+  memcpy(&wanted, value, sizeof wanted);
+  if (wanted > most) return DNS_E_INVAL;
+  *option = wanted;
+  return 0;
+}
+
+constexpr dns_cacher_ops kOps = {cache_get, cache_put, cache_delete, cache_getopt, cache_setopt};
+
+unsigned shards_for(uint64_t bytes) {
+  return static_cast<unsigned>(std::bit_floor(std::clamp<uint64_t>(bytes / kShardBytesMin, 1, kShardsMax)));
+}
+
+[[nodiscard]] bool begin(dns_cache *cache, uint64_t bytes) {
+  cache->shards_count = shards_for(bytes);
+  while (cache->shards_begun < cache->shards_count) {
+    if (!cache->shards[cache->shards_begun].begin(bytes / cache->shards_count)) return false;
+    cache->shards_begun += 1;
+  }
+  return siphash_secret(cache->secret) == 0;
+}
+
+bool usable(const dns_cacher *cacher) {
+  return cacher != nullptr && cacher->dnscr_ops != nullptr;
+}
+bool has_key(const dns_cdata *entry) {
+  return entry != nullptr && entry->dn_size != 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+// dns_cache_init also returns null when the system has no secure random source for the cache's secret.
+dns_cache *dns_cache_init(uint64_t size) {
+  auto *cache = new (std::nothrow) dns_cache(&kOps);
+  if (cache == nullptr || begin(cache, size)) return cache;
+  delete cache;
+  return nullptr;
+}
+
+dns_cacher *dns_cache_cacher(dns_cache *cache) {
+  return cache;
+}
+
+void dns_cache_destroy(dns_cache *cache) {
+  delete cache;
+}
+
+// The calls of any cacher: 0 or above, or a status; DNS_E_INVAL without a cacher, a named entry or a value.
+
+int dns_cacher_get(dns_cacher *cacher, dns_cdata *entry, dns_time now) {
+  return usable(cacher) && has_key(entry) ? cacher->dnscr_ops->get(cacher, entry, now) : DNS_E_INVAL;
+}
+
+int dns_cacher_put(dns_cacher *cacher, const dns_cdata *entry, dns_time now) {
+  return usable(cacher) && has_key(entry) ? cacher->dnscr_ops->put(cacher, entry, now) : DNS_E_INVAL;
+}
+
+int dns_cacher_delete(dns_cacher *cacher, const dns_cdata *entry, dns_time now) {
+  return usable(cacher) && has_key(entry) ? cacher->dnscr_ops->del(cacher, entry, now) : DNS_E_INVAL;
+}
+
+int dns_cacher_getopt(dns_cacher *cacher, int opt, void *value, unsigned size) {
+  return usable(cacher) && value != nullptr ? cacher->dnscr_ops->getopt(cacher, opt, value, size) : DNS_E_INVAL;
+}
+
+int dns_cacher_setopt(dns_cacher *cacher, int opt, const void *value, unsigned size) {
+  return usable(cacher) && value != nullptr ? cacher->dnscr_ops->setopt(cacher, opt, value, size) : DNS_E_INVAL;
+}
+
+}  // extern "C"

@@ -1,0 +1,187 @@
+// cache_shard.cc - the index and the list of one shard. Every operation on a shard runs under its mutex.
+#include "cache_shard.h"
+
+#include <algorithm>
+#include <bit>
+
+#include "dns_wire.h"
+
+namespace dns {
+
+namespace {
+
+// Buckets of one segment, an allocation of its own; the directory points to the segments and doubles as it fills.
+constexpr size_t kSegmentBuckets = 32;
+constexpr size_t kDirectoryMin = 8;
+
+// How many entries from the old end of the list are looked at for an expired one that can give way first.
+constexpr unsigned kVictimsSeen = 4;
+
+}  // namespace
+
+int32_t age_of(Entry *entry, dns_time now) {
+  if (now < entry->stored) entry->stored = now;
+  dns_time age = 0;
+  if (__builtin_sub_overflow(now, entry->stored, &age)) return INT32_MAX;
+  return static_cast<int32_t>(std::min<dns_time>(age, INT32_MAX));
+}
+
+Index::~Index() {
+  for (size_t i = 0; i < segments(); ++i)
+    free(directory_[i]);
+  free(directory_);
+}
+
+size_t Index::segments() const {
+  return (buckets_ + kSegmentBuckets - 1) / kSegmentBuckets;
+}
+
+Entry **Index::bucket(size_t i) const {
+  return &directory_[i / kSegmentBuckets][i % kSegmentBuckets];
+}
+
+Entry *Index::first(uint64_t hash) const {
+  return buckets_ == 0 ? nullptr : *bucket(place(hash));
+}
+
+// place is the bucket of a hash: as many of its low bits as number all buckets, one less where that bucket is still to
+// come.
+size_t Index::place(uint64_t hash) const {
+  const size_t span = std::bit_ceil(buckets_);
+  const size_t i = hash & (span - 1);
+  return i < buckets_ ? i : i - span / 2;
+}
+
+void Index::insert(Entry *entry) {
+  Entry **head = bucket(place(entry->hash));
+  entry->bucket_next = std::exchange(*head, entry);
+  entries_ += 1;
+}
+
+void Index::remove(Entry *entry) {
+  Entry **link = bucket(place(entry->hash));
+  while (*link != entry)
+    link = &(*link)->bucket_next;
+  *link = entry->bucket_next;
+  entries_ -= 1;
+}
+
+size_t Index::growth() const {
+  if (buckets_ % kSegmentBuckets != 0) return 0;
+  const size_t segment = kSegmentBuckets * sizeof(Entry *) + kBlockOverhead;
+  if (segments() < directory_size_) return segment;
+  return segment + std::max(kDirectoryMin, directory_size_) * sizeof(Entry **);
+}
+
+size_t Index::bytes() const {
+  return segments() * (kSegmentBuckets * sizeof(Entry *) + kBlockOverhead) + directory_size_ * sizeof(Entry **);
+}
+
+bool Index::add_segment() {
+  if (segments() == directory_size_) {
+    const size_t size = std::max(kDirectoryMin, 2 * directory_size_);
+    void *directory = realloc(directory_, size * sizeof(Entry **));
+    if (directory == nullptr) return false;
+    directory_ = static_cast<Entry ***>(directory);
+    directory_size_ = size;
+  }
+  void *segment = calloc(kSegmentBuckets, sizeof(Entry *));
+  if (segment == nullptr) return false;
+  directory_[segments()] = static_cast<Entry **>(segment);
+  return true;
+}
+
+bool Index::grow() {
+  if (buckets_ % kSegmentBuckets == 0 && !add_segment()) return false;
+  const size_t fresh = buckets_++;
+  if (fresh == 0) return true;
+  Entry **source = bucket(fresh - std::bit_floor(fresh));
+  Entry *entry = std::exchange(*source, nullptr);
+  while (entry != nullptr) {
+    Entry *next = entry->bucket_next;
+    Entry **head = bucket(place(entry->hash));
+    entry->bucket_next = std::exchange(*head, entry);
+    entry = next;
+  }
+  return true;
+}
+
+bool Shard::begin(size_t bytes_max) {
+  bytes_max_ = bytes_max;
+  return pelk_mutex_init(&mutex) == 0;
+}
+
+void Shard::end() {
+  Graveyard dead;
+  for (Entry *entry = newest_; entry != nullptr; entry = entry->older)
+    dead.add(entry);
+  (void)pelk_mutex_destroy(&mutex);
+}
+
+Entry *Shard::find(const Key &key) {
+  for (Entry *entry = index_.first(key.hash); entry != nullptr; entry = entry->bucket_next) {
+    if (entry->hash != key.hash || entry->typ != key.typ || entry->cls != key.cls) continue;
+    if (entry->dn_size == key.dn_size && dns_dnequal(entry->dn(), key.dn) != 0) return entry;
+  }
+  return nullptr;
+}
+
+void Shard::link(Entry *entry) {
+  entry->newer = nullptr;
+  entry->older = newest_;
+  (newest_ != nullptr ? newest_->newer : oldest_) = entry;
+  newest_ = entry;
+}
+
+void Shard::unlink(Entry *entry) {
+  (entry->newer != nullptr ? entry->newer->older : newest_) = entry->older;
+  (entry->older != nullptr ? entry->older->newer : oldest_) = entry->newer;
+}
+
+void Shard::used(Entry *entry) {
+  if (entry == newest_) return;
+  unlink(entry);
+  link(entry);
+}
+
+void Shard::remove(Entry *entry) {
+  index_.remove(entry);
+  unlink(entry);
+  bytes_ -= entry->charge();
+}
+
+// victim chooses the entry that gives way: the one that was not used for longest, or a neighbour of its that has
+// expired and that no look-up returns any more.
+Entry *Shard::victim(dns_time now, bool keep_expired) {
+  Entry *entry = oldest_;
+  for (unsigned i = 0; !keep_expired && entry != nullptr && i < kVictimsSeen; ++i, entry = entry->newer) {
+    if (age_of(entry, now) > entry->ttl) return entry;
+  }
+  return oldest_;
+}
+
+void Shard::make_room(size_t bytes, dns_time now, bool keep_expired, Graveyard *dead) {
+  while (oldest_ != nullptr && bytes_ + index_.bytes() + bytes > bytes_max_) {
+    Entry *entry = victim(now, keep_expired);
+    remove(entry);
+    dead->add(entry);
+  }
+}
+
+dns_status Shard::insert(Entry *entry, const Key &key, bool keep_expired, Graveyard *dead) {
+  const size_t needed = entry->charge() + (index_.due() ? index_.growth() : 0);
+  if (index_.bytes() + needed > bytes_max_) return DNS_E_NOBUFS;
+  if (index_.empty() && !index_.grow()) return DNS_E_NOMEM;
+  if (Entry *old = find(key); old != nullptr) {
+    remove(old);
+    dead->add(old);
+  }
+  make_room(needed, entry->stored, keep_expired, dead);
+  if (index_.due()) (void)index_.grow();  // without memory the buckets grow longer instead
+  index_.insert(entry);
+  link(entry);
+  bytes_ += entry->charge();
+  return DNS_E_NOERROR;
+}
+
+}  // namespace dns

@@ -1,0 +1,147 @@
+// cache_shard.h - one shard of the built-in cache: its entries, the index that finds them, the order in which they give
+// way.
+//
+// A shard is used by any thread that holds its mutex. It is held for one look-up and one copy; entries are built before
+// it is taken and released after. An entry is one block: head, name, records. A shard keeps its entries in a hash index
+// that grows by one bucket at a time (linear hashing, so that no call ever pays for a large step) and in a list in the
+// order of their last use, whose old end gives way when the shard's share of the bytes is spent.
+#ifndef CACHE_SHARD_H
+#define CACHE_SHARD_H
+
+#include <stddef.h>
+#include <stdint.h>
+#include <stdlib.h>
+
+#include <utility>
+
+#include <kavo/dns.h>
+
+#include "pelk.h"
+
+namespace dns {
+
+// What the allocator adds to a block, at most.
+inline constexpr size_t kBlockOverhead = 16;
+
+// Entry is the head of an entry's block; its name and its run follow it.
+struct Entry {
+  Entry *bucket_next;
+  Entry *newer;
+  Entry *older;
+  uint64_t hash;
+  dns_time stored;
+  int32_t ttl;
+  uint32_t run_size;
+  uint16_t typ;
+  uint16_t cls;
+  uint16_t records;
+  uint16_t cnames;
+  uint8_t rcode;
+  uint8_t dn_size;
+
+  uint8_t *dn() { return reinterpret_cast<uint8_t *>(this + 1); }
+  uint8_t *run() { return dn() + dn_size; }
+  [[nodiscard]] size_t charge() const { return sizeof(Entry) + dn_size + run_size + kBlockOverhead; }
+};
+
+// age_of is the time that an entry has spent in the cache. A wall clock that was set back makes its life begin again,
+// so that no entry outlives its TTL by more than the clock's step took from it.
+[[nodiscard]] int32_t age_of(Entry *entry, dns_time now);
+
+// Graveyard holds entries that left their shard until its mutex is released. Declare it before the lock.
+class Graveyard {
+ public:
+  Graveyard() = default;
+  Graveyard(const Graveyard &) = delete;
+  Graveyard &operator=(const Graveyard &) = delete;
+  ~Graveyard() {
+    while (first_ != nullptr)
+      free(std::exchange(first_, first_->bucket_next));
+  }
+  void add(Entry *entry) { entry->bucket_next = std::exchange(first_, entry); }
+
+ private:
+  Entry *first_ = nullptr;
+};
+
+// Index finds entries by hash. It begins empty; grow() adds one bucket and moves to it, from the one bucket that may
+// hold them, the entries that belong there. Its shard's mutex guards it.
+class Index {
+ public:
+  Index() = default;
+  Index(const Index &) = delete;
+  Index &operator=(const Index &) = delete;
+  ~Index();
+
+  [[nodiscard]] Entry *first(uint64_t hash) const;
+  void insert(Entry *entry);
+  void remove(Entry *entry);
+  // due tells whether one more entry asks for one more bucket; the first one always does.
+  [[nodiscard]] bool due() const { return entries_ >= buckets_; }
+  [[nodiscard]] bool empty() const { return buckets_ == 0; }
+  // growth gives the bytes that the next grow() takes beyond those of now.
+  [[nodiscard]] size_t growth() const;
+  // grow returns false without memory: the index then goes on with longer buckets.
+  [[nodiscard]] bool grow();
+  [[nodiscard]] size_t bytes() const;
+
+ private:
+  [[nodiscard]] size_t segments() const;
+  [[nodiscard]] Entry **bucket(size_t i) const;
+  [[nodiscard]] size_t place(uint64_t hash) const;
+  [[nodiscard]] bool add_segment();
+
+  Entry ***directory_ = nullptr;
+  size_t directory_size_ = 0;
+  size_t buckets_ = 0;
+  size_t entries_ = 0;
+};
+
+// Key is what an entry is found by.
+struct Key {
+  const uint8_t *dn;
+  uint8_t dn_size;
+  uint16_t typ;
+  uint16_t cls;
+  uint64_t hash;
+};
+
+inline constexpr size_t kCacheLine = 64;
+
+class alignas(kCacheLine) Shard {
+ public:
+  Shard() = default;
+  Shard(const Shard &) = delete;
+  Shard &operator=(const Shard &) = delete;
+
+  pelk_mutex_t mutex;
+
+  [[nodiscard]] Entry *find(const Key &key) PELK_REQUIRES(mutex);
+  // used puts an entry at the new end of the list.
+  void used(Entry *entry) PELK_REQUIRES(mutex);
+  // remove takes an entry out; the caller releases it.
+  void remove(Entry *entry) PELK_REQUIRES(mutex);
+  // insert files `entry` in the place of any older one of its key; entries give way to it as needed. DNS_E_NOBUFS for
+  // one that is larger than the shard, DNS_E_NOMEM: nothing has changed.
+  [[nodiscard]] dns_status insert(Entry *entry, const Key &key, bool keep_expired, Graveyard *dead)
+      PELK_REQUIRES(mutex);
+  // begin and end frame the shard's life, when no other thread knows it.
+  [[nodiscard]] bool begin(size_t bytes_max) PELK_NO_ANALYSIS;
+  void end() PELK_NO_ANALYSIS;
+
+ private:
+  void link(Entry *entry) PELK_REQUIRES(mutex);
+  void unlink(Entry *entry) PELK_REQUIRES(mutex);
+  [[nodiscard]] Entry *victim(dns_time now, bool keep_expired) PELK_REQUIRES(mutex);
+  void make_room(size_t bytes, dns_time now, bool keep_expired, Graveyard *dead) PELK_REQUIRES(mutex);
+
+  Index index_ PELK_GUARDED_BY(mutex);
+  Entry *newest_ PELK_GUARDED_BY(mutex) = nullptr;
+  Entry *oldest_ PELK_GUARDED_BY(mutex) = nullptr;
+  size_t bytes_ PELK_GUARDED_BY(mutex) = 0;  // of the entries
+  size_t bytes_max_ PELK_GUARDED_BY(mutex) = 0;
+};
+
+}  // namespace dns
+
+#endif  // CACHE_SHARD_H

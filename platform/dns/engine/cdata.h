@@ -1,0 +1,75 @@
+// cdata.h - a cache entry outside a cache (the record behind dns_cdata_*) and the ways between it and an answer packet.
+//
+// An entry belongs to one thread at a time; nothing here locks or reads a clock. Its records are a run of bytes in the
+// form that an answer section has, their data free of compression: owner, type, class, TTL, length, data. An owner that
+// is the entry's own name is the pointer kOwnName, which leads to the question of any packet that begins as an answer
+// does, so that a run becomes an answer section by copying it. A run is written here alone and is therefore trusted.
+#ifndef CDATA_H
+#define CDATA_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <span>
+
+#include <kavo/dns.h>
+
+struct dns_cdata {
+  uint8_t dn[DNS_MAXDN] = {};
+  uint8_t dn_size = 0;  // 0: it has no name yet
+  uint16_t cls = DNS_C_IN;
+  uint16_t typ = DNS_T_INVALID;
+  uint8_t rcode = DNS_R_NOERROR;
+  int32_t ttl = 0;       // what remains; negative once expired
+  int32_t age = 0;       // seconds that it has spent in a cache: its records' TTLs are older by so much
+  unsigned flags = 0;    // DNS_CD_FORCE_EXPIRED, dns::kNoSoa
+  unsigned records = 0;  // all in the run
+  unsigned cnames = 0;   // those of type CNAME
+  uint8_t *run = nullptr;
+  size_t run_size = 0;
+  size_t run_capacity = 0;
+  size_t next = 0;  // where dns_cdata_nextrr goes on
+
+  dns_cdata() = default;
+  dns_cdata(const dns_cdata &) = delete;
+  dns_cdata &operator=(const dns_cdata &) = delete;
+  ~dns_cdata();
+};
+
+namespace dns {
+
+// A flag beside DNS_CD_FORCE_EXPIRED: a denial that came without a SOA record, hence without a time of its own.
+inline constexpr unsigned kNoSoa = 8192;
+
+// A pointer to the question's name, right behind the header (RFC 1035, 4.1.4).
+inline constexpr uint16_t kOwnName = 0xC000 | DNS_HSIZE;
+
+// Bytes of the longest run: header, the longest question and the run always fit one message.
+inline constexpr size_t kQuestionTail = 4;  // type and class
+inline constexpr size_t kRunMax = DNS_MAXPACKET - DNS_HSIZE - DNS_MAXDN - kQuestionTail;
+
+// cdata_reserve makes room for a run of `size` bytes, keeping the run. False without memory: nothing has changed.
+[[nodiscard]] bool cdata_reserve(dns_cdata *entry, size_t size);
+
+// cdata_is_denial tells whether the entry answers its question with nothing: the name does not exist, or its chain of
+// aliases ends without a record of the type.
+[[nodiscard]] bool cdata_is_denial(const dns_cdata *entry);
+
+// cdata_from_answer makes `entry`, whose key is set, hold the answer that stands in `packet`: the chain of aliases from
+// its name and the records of its type at the chain's end, nothing else. DNS_E_NOERROR; DNS_E_PROTOCOL for an answer
+// section that is malformed; DNS_E_CNLOOP; DNS_E_BADQUERY for an entry without a name; DNS_E_NOMEM, also for an answer
+// that is too large once its names are written whole. After a failure the entry holds no records.
+[[nodiscard]] dns_status cdata_from_answer(dns_cdata *entry, std::span<const uint8_t> packet, size_t answers_at,
+                                           unsigned aliases_max, int rcode, int32_t ttl);
+
+// cdata_to_packet writes the entry as a whole answer packet: header (QR, RA, the response code), question, and the
+// records with what remains of their TTLs, 0 for those of an expired entry. Returns its length; DNS_E_NOBUFS when it
+// does not fit `size` (DNS_MAXPACKET always does); DNS_E_BADQUERY for an entry without a name.
+[[nodiscard]] int cdata_to_packet(const dns_cdata *entry, uint8_t *buffer, size_t size);
+
+// run_settle rewrites the TTLs of a run: each lowered by `age`, then kept within `least` and `most`.
+void run_settle(std::span<uint8_t> run, int32_t age, int32_t least, int32_t most);
+
+}  // namespace dns
+
+#endif  // CDATA_H

@@ -1,0 +1,220 @@
+// engine.h - the engine's two records, the context and the question, and how their sources divide the work:
+//
+//   context.cc   making, opening and releasing contexts, options, servers, caches
+//   query.cc     submitting and cancelling, the pools, the index of questions in flight, delivery
+//   drive.cc     the loop: time-outs, the cache's turn, sending, receiving
+//   outcome.cc   what an answer packet means for its question
+//   parsers.cc   the record parsers over the context's result memory
+//
+// A question is in exactly one list, and is taken out of it, of the timers and of the index before anyone is called:
+//
+//   dns_submit_dn_serv -> queued -> (cache) -> sending -> waiting -> delivering -> gone
+//                           |                    ^           |            ^
+//                           +--- live entry -----|-----------|------------+
+//                                                +-- again --+
+//   dns_cancel takes it from any of queued, sending and waiting straight to gone.
+#ifndef DNS_ENGINE_ENGINE_H
+#define DNS_ENGINE_ENGINE_H
+
+#include <dns_engine.h>
+#include <dns_io.h>
+#include <dns_wire.h>
+#include <stdint.h>
+
+#include <span>
+
+#include "list.h"
+#include "pool.h"
+#include "servers.h"
+#include "timer_wheel.h"
+
+namespace dns {
+
+inline constexpr unsigned kServersMax = 32;  // servers of a context: a question's sets of servers are 32-bit masks
+inline constexpr unsigned kExpectedServersMax = 32;
+inline constexpr unsigned kQueryRoom = 300;    // a question packet: header, a name of 255 bytes, type, class, to spare
+inline constexpr unsigned kAnswerRoom = 4096;  // the largest UDP answer that can be asked for
+inline constexpr unsigned kInlineName = 80;    // names up to here lie in the question's own record
+inline constexpr int64_t kUsPerSecond = 1'000'000;
+
+static_assert(DNS_MAXSERV <= kServersMax);
+static_assert(kQueryRoom >= DNS_HSIZE + DNS_MAXDN + 4);
+
+enum class State : uint8_t { queued, sending, waiting, delivering };
+
+struct OwnServers {
+  Server *servers[DNS_MAXSERV];
+};
+
+struct LongName {
+  uint8_t dn[DNS_MAXDN];
+};
+
+// Options as dns_set_opt takes them.
+struct Options {
+  uint32_t flags = 0;
+  int64_t timeout_us = 3 * kUsPerSecond;
+  uint32_t ntries = 4;
+  uint32_t ndots = 1;
+  uint32_t udp_size = 1232;
+  uint32_t port = 53;
+  uint32_t maxloop = 100;
+  uint32_t maxalias = 16;
+  uint32_t bsc_size = 0;
+  uint32_t bsc_update_s = 60;
+  uint32_t bsc_nbest = 1;
+  uint32_t minttl = 0;
+};
+
+// read_resolver_file takes servers and options from a resolver configuration file (resolv.conf's format). A file that
+// cannot be read, and lines that make no sense, change nothing. Returns how many of the `capacity` addresses it filled.
+unsigned read_resolver_file(const char *path, Options *options, sockaddr_in *servers, unsigned capacity);
+
+}  // namespace dns
+
+struct dns_query : dns::Timer {
+  dns_ctx *ctx;
+  dns_query *index_next;  // the next question in its bucket of the index
+  dns_query_fn *callback;
+  void *data;
+  dns_parse_fn *parse;
+  const uint8_t *dn;
+  dns::OwnServers *own;  // null: the context's servers
+  int64_t first_sent_us;
+  int64_t sent_us;
+  uint32_t asked;    // servers that were sent the question, and may answer it
+  uint32_t refused;  // servers that answered with an error, and are not asked again
+  uint32_t flags;
+  uint16_t id;
+  uint16_t typ;
+  uint16_t cls;
+  int16_t slot;   // the slot of the socket it was sent from, UdpPool::kNone before
+  int16_t error;  // the status of the last error that a server answered with, or 0
+  uint8_t nserv;  // servers in `own`
+  uint8_t dn_size;
+  uint8_t server;  // the server of the present try
+  uint8_t tries;   // how often it was sent
+  dns::State state;
+  uint8_t inline_dn[dns::kInlineName];
+};
+
+struct dns_ctx {
+  explicit dns_ctx(const dns::Io *the_io) : io(the_io), random(the_io), sockets(the_io, &random) {}
+  dns_ctx(const dns_ctx &) = delete;
+  dns_ctx &operator=(const dns_ctx &) = delete;
+
+  const dns::Io *io;
+  dns::RandomSource random;
+  dns::UdpPool sockets;
+  dns::ServerTable server_table;
+  dns::Options options;
+  bool opened = false;
+
+  dns::Server *servers[dns::kServersMax] = {};
+  unsigned nserv = 0;
+  unsigned next_first = 0;  // where DNS_SERVRRB starts the next question
+  sockaddr_in expected[dns::kExpectedServersMax] = {};
+  unsigned nexpected = 0;
+  uint8_t cost_zone[DNS_MAXDN] = {};
+
+  dns_cacher *answer_cache = nullptr;
+  dns_cacher *referral_cache = nullptr;
+  dns_cdata *entry = nullptr;  // the entry on its way in or out of the cache
+
+  dns_dbg_fn *dbg = nullptr;
+  void *dbg_data = nullptr;
+  dns_dc_fn *dc = nullptr;
+
+  dns_status status = DNS_E_NOERROR;
+  unsigned sflags = 0;
+
+  // The moment that the loop was last given, and the wall clock read at most once in each of its turns.
+  int64_t now_us = 0;
+  dns_time wall = 0;
+  bool wall_read = false;
+
+  unsigned active = 0;
+  dns::Link queued;
+  dns::Link sending;
+  dns::TimerWheel waiting;
+  dns_query **index = nullptr;  // questions that were sent, by id; a power of two of buckets
+  unsigned index_size = 0;
+  unsigned in_flight = 0;  // questions in the index
+
+  dns::Pool<dns_query, 32> queries;
+  dns::Pool<dns::OwnServers, 16> own_servers;
+  dns::Pool<dns::LongName, 16> long_names;
+
+  uint8_t *result = nullptr;  // the block that the last parse laid out
+  size_t result_size = 0;
+
+  // Packets on their way out and in; allocated when the transport is first opened.
+  struct Buffers {
+    dns::Datagram out[dns::kBatch];
+    dns::Datagram in[dns::kBatch];
+    dns_query *leaving[dns::kBatch];
+    uint8_t queries[dns::kBatch][dns::kQueryRoom];
+    uint8_t answers[dns::kBatch][dns::kAnswerRoom];
+    uint8_t rebuilt[DNS_MAXPACKET];  // an answer packet put together from a cache entry
+  };
+  Buffers *buffers = nullptr;
+};
+
+namespace dns {
+
+// ---- context.cc
+
+// context_new makes a context over another world than the operating system's: without servers, with default options.
+[[nodiscard]] dns_ctx *context_new(const Io *io);
+[[nodiscard]] dns_time wall(dns_ctx *ctx);
+
+// read_server takes an IPv4 socket address out of the 16-byte form of the interface, on `port` where it names none.
+// False for another family.
+[[nodiscard]] bool read_server(const sockaddr *address, uint32_t port, sockaddr_in *server);
+
+// ---- query.cc
+
+[[nodiscard]] inline std::span<Server *const> servers_of(const dns_query *q) {
+  if (q->own != nullptr) return {q->own->servers, q->nserv};
+  return {q->ctx->servers, q->ctx->nserv};
+}
+
+// The index holds every question that was sent, by id, until it is over. index_make allocates it; index_first begins
+// the chain in which a question with that id would lie.
+[[nodiscard]] bool index_make(dns_ctx *ctx);
+void index_add(dns_query *q);
+void index_remove(dns_query *q);
+[[nodiscard]] dns_query *index_first(const dns_ctx *ctx, uint16_t id);
+
+// deliver ends a question: takes it out of every list, calls back, releases it.
+void deliver(dns_query *q, dns_status status, void *result, unsigned size, unsigned sflags);
+
+// drop ends a question without calling back.
+void drop(dns_query *q);
+
+// ask_again moves a question on to its next server and queues it for sending; when it has no try or no server left,
+// ends it with `error`, or with the last error that a server answered with.
+void ask_again(dns_query *q);
+
+// ---- drive.cc
+
+void tell_packet(dns_ctx *ctx, dns_query *q, int code, std::span<const uint8_t> packet, const sockaddr_in *peer,
+                 int rtt_ms);
+
+// ---- outcome.cc
+
+// take_answer decides what `packet`, an answer that passed every check on its origin, means for its question.
+void take_answer(dns_query *q, std::span<const uint8_t> packet, const Header &header, const sockaddr_in &peer);
+
+// take_cached answers a question from the entry in `ctx->entry`; false when the entry turns out to be of no use.
+[[nodiscard]] bool take_cached(dns_query *q);
+
+// set_key makes `ctx->entry` the entry of this question, with the flags of dns_cdata_setflags.
+void set_key(dns_query *q, unsigned flags);
+
+// parsed runs the question's parser over a packet. The block's size, 0 without a parser, or a negative status.
+[[nodiscard]] int parsed(dns_query *q, std::span<const uint8_t> packet, void **result);
+
+}  // namespace dns
+
+#endif  // DNS_ENGINE_ENGINE_H

@@ -1,0 +1,152 @@
+// dns_engine.h - the engine's operations for the library above it: questions, the loop that drives them, options,
+// servers.
+//
+// One thread drives a context through dns_timeouts, dns_sockio and dns_ioevent; every other operation on a context is
+// made by that thread or while none drives it. Exceptions: the dns_get_serv_* statistics and everything on caches, from
+// any thread at any time.
+//
+// A question lives from dns_submit_dn_serv to its one callback, or to dns_cancel. No callback runs inside either of the
+// two: a submission only queues, and the cache is consulted and packets are sent from the next dns_timeouts.
+#ifndef DNS_ENGINE_H
+#define DNS_ENGINE_H
+
+#include <stdint.h>
+
+#include <kavo/dns.h>
+
+extern "C" {
+
+// ---- memory
+// ------------------------------------------------------------------------------------------------------------
+
+void *dns_calloc(size_t count, size_t size);
+void *dns_realloc(void *block, size_t size);
+
+// ---- time
+// --------------------------------------------------------------------------------------------------------------
+
+extern const dns_timeval dns_tv_infinite;  // a span without end
+extern const dns_timeval dns_tv_zero;
+
+// dns_gettimeofday stores the current moment. It starts at the wall clock and then keeps the pace of a clock that is
+// never set, so that a stepped wall clock neither ends every try at once nor holds one up.
+void dns_gettimeofday(dns_timeval *now);
+
+// dns_gettime returns the wall clock's moment, and stores it where `now` is not null.
+dns_time dns_gettime(dns_time *now);
+
+// ---- options, caches, functions
+// ----------------------------------------------------------------------------------------
+
+// 0; DNS_E_INVAL for an unknown option, a wrong size or a value out of range.
+dns_status dns_set_opt(struct dns_ctx *ctx, int opt, const void *value, unsigned size);
+dns_status dns_get_opt(const struct dns_ctx *ctx, int opt, void *value, unsigned size);
+
+// dns_set_cache installs a cacher (null: none) for the uses in `use` (DNS_CU_ANS, DNS_CU_REF); dns_get_cache returns
+// the one installed for the lowest use in `use`. 0; DNS_E_INVAL without a use.
+dns_status dns_set_cache(struct dns_ctx *ctx, unsigned use, struct dns_cacher *cacher);
+struct dns_cacher *dns_get_cache(const struct dns_ctx *ctx, unsigned use);
+
+int dns_cacher_get(struct dns_cacher *cacher, struct dns_cdata *entry, dns_time now);
+int dns_cacher_put(struct dns_cacher *cacher, const struct dns_cdata *entry, dns_time now);
+int dns_cacher_delete(struct dns_cacher *cacher, const struct dns_cdata *entry, dns_time now);
+int dns_cacher_getopt(struct dns_cacher *cacher, int opt, void *value, unsigned size);
+int dns_cacher_setopt(struct dns_cacher *cacher, int opt, const void *value, unsigned size);
+
+// The data of DNS_D_CU_AN.
+struct dns_dcache {
+  struct dns_cacher *dnsd_cacher;
+  struct dns_cdata *dnsd_cdata;  // the engine's copy of the entry, rewound; the function may walk it
+  dns_status dnsd_status;
+};
+
+using dns_dc_fn = void(struct dns_ctx *ctx, struct dns_query *q, int code, void *data, void *udata);
+void dns_set_dcfn(struct dns_ctx *ctx, dns_dc_fn *fn);
+
+// ---- servers
+// -----------------------------------------------------------------------------------------------------------
+
+// dns_get_serv copies the servers' socket addresses (16 bytes each); `size` is the buffer's bytes in and the bytes
+// used, or needed, out. The number of servers, or DNS_E_NOBUFS.
+int dns_get_serv(const struct dns_ctx *ctx, struct sockaddr *addresses, unsigned *size);
+
+// dns_add_expserv_s takes answers from `address` (port 0: any) for questions sent to others too; null empties the list.
+// The new number of such addresses, or a negative status.
+int dns_add_expserv_s(struct dns_ctx *ctx, const struct sockaddr *address);
+
+// dns_set_cost_zone names the zone whose A records give servers their costs (null: none). It is kept for the choice of
+// the best server, which this engine does not make yet: servers are asked in the list's order. 0, or DNS_E_BADQUERY for
+// a text that is no name.
+dns_status dns_set_cost_zone(struct dns_ctx *ctx, const char *zone);
+
+// Statistics of one server, kept since the context first asked it: round-trip times in milliseconds, the moment of the
+// last answer (seconds since 2000-01-01 UTC), packets sent, questions answered, tries that timed out. DNS_E_INVAL for a
+// server that the context has not asked.
+dns_status dns_get_serv_avgrtt(struct dns_ctx *ctx, const struct sockaddr *server, int *value);
+dns_status dns_get_serv_lastrtt(struct dns_ctx *ctx, const struct sockaddr *server, int *value);
+dns_status dns_get_serv_last_check(struct dns_ctx *ctx, const struct sockaddr *server, int *value);
+dns_status dns_get_serv_nqsent(struct dns_ctx *ctx, const struct sockaddr *server, uint64_t *value);
+dns_status dns_get_serv_nused(struct dns_ctx *ctx, const struct sockaddr *server, uint64_t *value);
+dns_status dns_get_serv_ntimeout(struct dns_ctx *ctx, const struct sockaddr *server, uint64_t *value);
+
+// ---- questions
+// ---------------------------------------------------------------------------------------------------------
+
+// dns_query_fn receives a question's outcome: dns_get_status is its status; `result` the parsed block of `size` bytes,
+// or null, which stays the engine's and is valid until the function returns. The question is over: its handle is valid
+// during the call only. The function may submit and cancel questions; it must not close or destroy the context.
+using dns_query_fn = void(struct dns_ctx *ctx, struct dns_query *q, void *result, unsigned size, void *data);
+
+enum { DNS_MAXSERV = 16 };  // servers of one question
+
+// dns_submit_dn_serv queues a question. `servers` are IPv4 socket addresses (null: the context's servers), at most
+// DNS_MAXSERV. With a null parser the callback gets no result. Returns the handle, or null: the context's status is
+// then DNS_E_INVAL, DNS_E_BADQUERY, DNS_E_NOMEM, or DNS_E_PERM on a context that is not open.
+struct dns_query *dns_submit_dn_serv(struct dns_ctx *ctx, const unsigned char *dn, dns_class cls, dns_type typ,
+                                     unsigned flags, const struct sockaddr *servers, unsigned nserv,
+                                     dns_parse_fn *parse, dns_query_fn *callback, void *data);
+
+// dns_cancel drops a question; its callback never runs.
+void dns_cancel(struct dns_ctx *ctx, struct dns_query *q);
+
+dns_status dns_get_status(const struct dns_ctx *ctx);
+void dns_set_status(struct dns_ctx *ctx, dns_status status);
+void dns_set_sflags(struct dns_ctx *ctx, unsigned flags);
+unsigned dns_get_sflags(const struct dns_ctx *ctx);
+
+void *dns_qudata(const struct dns_query *q);
+dns_query_fn *dns_qcbck(const struct dns_query *q);
+const unsigned char *dns_qdn(const struct dns_query *q);
+dns_type dns_qtyp(const struct dns_query *q);
+dns_class dns_qcls(const struct dns_query *q);
+dns_parse_fn *dns_qparse(const struct dns_query *q);
+
+// ---- the loop
+// ----------------------------------------------------------------------------------------------------------
+
+// dns_timeouts does what is due at `now`: submits, sends again, gives up, calls back. Returns the span until it is due
+// again, at most `longest`; exactly dns_tv_infinite once no question is open.
+dns_timeval dns_timeouts(struct dns_ctx *ctx, dns_timeval longest, dns_timeval now);
+
+struct dns_ios {
+  int32_t dnsio_sock;
+  uint32_t dnsio_events;
+};
+
+// dns_sockio fills up to `capacity` records with the sockets and the events they wait for; returns how many there are
+// (possibly more than the capacity), or a negative status.
+int dns_sockio(struct dns_ctx *ctx, struct dns_ios *sockets, unsigned capacity);
+
+// dns_ioevent reads or writes one socket that is ready, and calls back.
+void dns_ioevent(struct dns_ctx *ctx, const struct dns_ios *socket, dns_timeval now);
+
+// dns_active returns the number of open questions.
+int dns_active(const struct dns_ctx *ctx);
+
+}  // extern "C"
+
+inline bool operator==(const dns_timeval &a, const dns_timeval &b) {
+  return a.dnstv_sec == b.dnstv_sec && a.dnstv_usec == b.dnstv_usec;
+}
+
+#endif  // DNS_ENGINE_H

@@ -1,0 +1,192 @@
+// outcome.cc - what an answer means for its question: an answer, a denial, an error, or nothing that can be used; and
+// what of it the cache keeps. See engine.h.
+#include <algorithm>
+
+#include "cdata.h"
+#include "engine.h"
+
+namespace dns {
+namespace {
+
+// Verdict is what became of an answer packet.
+struct Verdict {
+  dns_status status;  // NOERROR, NXDOMAIN, NODATA and CNLOOP end the question; any other is a reason to ask elsewhere
+  int code;           // the event it is reported as
+  int32_t ttl;        // seconds that the cache may keep it
+  bool has_ttl;       // false for a denial without a SOA record
+};
+
+constexpr Verdict broken(int code) {
+  return {DNS_E_PROTOCOL, code, 0, false};
+}
+
+dns_status error_of(uint8_t rcode) {
+  switch (rcode) {
+    case DNS_R_FORMERR:
+      return DNS_E_FORMERR;
+    case DNS_R_SERVFAIL:
+      return DNS_E_SERVFAIL;
+    case DNS_R_NOTIMPL:
+      return DNS_E_NOTIMPL;
+    case DNS_R_REFUSED:
+      return DNS_E_REFUSED;
+    default:
+      return DNS_E_FAIL;
+  }
+}
+
+// judge_denial reads an answer without records of the type.
+Verdict judge_denial(const dns_query *q, std::span<const uint8_t> packet, const Header &header, const Chain &chain) {
+  size_t authority = 0;
+  Denial denial;
+  if (!section_at(packet, DNS_S_NS, &authority) || read_denial(packet, authority, chain.end, &denial) != DNS_E_NOERROR)
+    return broken(DNS_D_PKT_RPINV);
+  const int32_t ttl = std::min(denial.ttl, chain.ttl);
+  if (header.rcode == DNS_R_NXDOMAIN) return {DNS_E_NXDOMAIN, DNS_D_PKT_RPAN, ttl, denial.soa};
+  if (denial.soa) return {DNS_E_NODATA, DNS_D_PKT_RPAN, ttl, true};
+  // The chain's end was not answered for, so nothing is known about it.
+  if (chain.aliases > 0) return broken(DNS_D_PKT_RPCNAME);
+  // A referral: the server does not know, whoever it points to.
+  if (denial.ns && !header.aa) return broken((q->flags & DNS_RCRS) != 0 ? DNS_D_PKT_LAME : DNS_D_PKT_RPNS);
+  return {DNS_E_NODATA, DNS_D_PKT_RPAN, 0, false};
+}
+
+Verdict judge(const dns_query *q, std::span<const uint8_t> packet, const Header &header) {
+  if (header.rcode != DNS_R_NOERROR && header.rcode != DNS_R_NXDOMAIN)
+    return {error_of(header.rcode), DNS_D_PKT_SERVERR, 0, false};
+  if (header.tc) return broken(DNS_D_PKT_TC);
+  size_t answers = 0;
+  Chain chain;
+  if (!section_at(packet, DNS_S_AN, &answers)) return broken(DNS_D_PKT_RPINV);
+  const dns_status status = follow_chain(packet, answers, q->dn, q->typ, q->cls, q->ctx->options.maxalias, &chain);
+  if (status == DNS_E_CNLOOP) return {status, DNS_D_PKT_RPAN, 0, false};
+  if (status != DNS_E_NOERROR) return broken(DNS_D_PKT_RPINV);
+  if (chain.records == 0) return judge_denial(q, packet, header, chain);
+  // Records of a name that does not exist: the server contradicts itself.
+  if (header.rcode == DNS_R_NXDOMAIN) return broken(DNS_D_PKT_RPINV);
+  return {DNS_E_NOERROR, DNS_D_PKT_RPAN, chain.ttl, true};
+}
+
+bool is_denial(dns_status status) {
+  return status == DNS_E_NXDOMAIN || status == DNS_E_NODATA;
+}
+
+void keep(dns_query *q, std::span<const uint8_t> packet, const Header &header, const Verdict &verdict) {
+  dns_ctx *ctx = q->ctx;
+  size_t answers = 0;
+  if (ctx->answer_cache == nullptr || q->own != nullptr || verdict.status == DNS_E_CNLOOP) return;
+  if (!section_at(packet, DNS_S_AN, &answers)) return;
+  set_key(q, verdict.has_ttl ? 0 : kNoSoa);
+  if (cdata_from_answer(ctx->entry, packet, answers, ctx->options.maxalias, header.rcode, verdict.ttl) == DNS_E_NOERROR)
+    (void)dns_cacher_put(ctx->answer_cache, ctx->entry, wall(ctx));
+}
+
+// measure takes the round trip of an answer into its server's estimate. An answer to a question that was sent to the
+// server more than once may belong to either packet (Karn's rule): it counts only when it came too early for the later
+// one.
+void measure(dns_query *q, const sockaddr_in &peer) {
+  dns_ctx *ctx = q->ctx;
+  const auto servers = servers_of(q);
+  Server *server = servers[q->server];
+  server->used.fetch_add(1, std::memory_order_relaxed);
+  if (!same_address(server->address, peer)) return;
+  int64_t rtt = ctx->now_us - q->sent_us;
+  if (q->tries > servers.size()) {
+    if (server->srtt_us == 0 || rtt >= server->srtt_us / 2) return;
+    rtt = ctx->now_us - q->first_sent_us;
+  }
+  server->sample(rtt, wall(ctx));
+}
+
+// answering returns the set of the question's servers that have the answer's address: the one that was asked, or none
+// for an expected stranger, whose answer then stands for the server of the present try.
+uint32_t answering(const dns_query *q, const sockaddr_in &peer) {
+  const auto servers = servers_of(q);
+  uint32_t set = 0;
+  for (unsigned i = 0; i < servers.size(); ++i)
+    if (same_address(servers[i]->address, peer)) set |= 1U << i;
+  return set != 0 ? set : 1U << q->server;
+}
+
+// result_of parses what the callback is given. A denial's records say nothing, so only a raw packet is handed out for
+// it.
+int result_of(dns_query *q, dns_status status, std::span<const uint8_t> packet, void **result) {
+  *result = nullptr;
+  if (is_denial(status) && q->parse != dns_parse_pkt) return 0;
+  return status == DNS_E_CNLOOP ? 0 : parsed(q, packet, result);
+}
+
+}  // namespace
+
+void set_key(dns_query *q, unsigned flags) {
+  dns_cdata *entry = q->ctx->entry;
+  (void)dns_cdata_setdn(entry, q->dn);
+  (void)dns_cdata_setcls(entry, q->cls);
+  (void)dns_cdata_settyp(entry, q->typ);
+  (void)dns_cdata_setflags(entry, flags);
+}
+
+int parsed(dns_query *q, std::span<const uint8_t> packet, void **result) {
+  *result = nullptr;
+  size_t answers = 0;
+  if (q->parse == nullptr) return 0;
+  if (!section_at(packet, DNS_S_AN, &answers)) return DNS_E_PROTOCOL;
+  const uint8_t *start = packet.data();
+  const int size = q->parse(q->ctx, q, q->dn, start, start + answers, start + packet.size(), result, 0);
+  if (size < 0 || q->parse == dns_parse_pkt || *result == nullptr) return size;
+  auto *head = static_cast<dns_rr_null *>(*result);
+  head->dnsn_ttl = std::max(head->dnsn_ttl, static_cast<int32_t>(q->ctx->options.minttl));
+  return size;
+}
+
+void take_answer(dns_query *q, std::span<const uint8_t> packet, const Header &header, const sockaddr_in &peer) {
+  dns_ctx *ctx = q->ctx;
+  measure(q, peer);
+  Verdict verdict = judge(q, packet, header);
+  void *result = nullptr;
+  int size = 0;
+  const auto final_status = [](dns_status status) {
+    return status == DNS_E_NOERROR || is_denial(status) || status == DNS_E_CNLOOP;
+  };
+  if (final_status(verdict.status)) {
+    size = result_of(q, verdict.status, packet, &result);
+    if (size < 0) verdict = {size, DNS_D_PKT_RPINV, 0, false};
+  }
+  constexpr int64_t kUsPerMs = 1000;
+  tell_packet(ctx, q, verdict.code, packet, &peer, static_cast<int>((ctx->now_us - q->sent_us) / kUsPerMs));
+  if (final_status(verdict.status)) {
+    keep(q, packet, header, verdict);
+    deliver(q, verdict.status, result, static_cast<unsigned>(size), 0);
+    return;
+  }
+  q->error = static_cast<int16_t>(verdict.status);
+  q->refused |= answering(q, peer);
+  // An error from a server that was asked before the present one changes nothing about the try that is under way.
+  if (q->state == State::waiting && (q->refused & (1U << q->server)) == 0) return;
+  ask_again(q);
+}
+
+bool take_cached(dns_query *q) {
+  dns_ctx *ctx = q->ctx;
+  const dns_cdata *entry = ctx->entry;
+  dns_status status = DNS_E_NOERROR;
+  if (dns_cdata_rcode(entry) == DNS_R_NXDOMAIN) {
+    status = DNS_E_NXDOMAIN;
+  } else if (dns_cdata_rcode(entry) != DNS_R_NOERROR) {
+    return false;
+  } else if (cdata_is_denial(entry)) {
+    status = DNS_E_NODATA;
+  }
+  void *result = nullptr;
+  int size = 0;
+  if (q->parse != nullptr && (!is_denial(status) || q->parse == dns_parse_pkt)) {
+    const int length = cdata_to_packet(entry, ctx->buffers->rebuilt, sizeof ctx->buffers->rebuilt);
+    if (length < 0) return false;
+    size = result_of(q, status, {ctx->buffers->rebuilt, static_cast<size_t>(length)}, &result);
+    if (size < 0) return false;
+  }
+  deliver(q, status, result, static_cast<unsigned>(size), DNS_SF_CACHED);
+  return true;
+}
+
+}  // namespace dns

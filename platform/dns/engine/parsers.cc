@@ -1,0 +1,65 @@
+// parsers.cc - the record parsers: the wire layer's blocks, laid out in the caller's buffer or in the memory that the
+// context keeps for the result of the last parse.
+#include <stdint.h>
+#include <stdlib.h>
+
+#include "engine.h"
+
+namespace dns {
+namespace {
+
+constexpr size_t kResultMin = 4096;  // the context's first result memory; it grows to the largest block that was needed
+
+bool result_reserve(dns_ctx *ctx, size_t size) {
+  if (size <= ctx->result_size) return true;
+  free(ctx->result);
+  ctx->result_size = 0;
+  ctx->result = static_cast<uint8_t *>(malloc(size));
+  if (ctx->result == nullptr) return false;
+  ctx->result_size = size;
+  return true;
+}
+
+int parse(Block kind, dns_ctx *ctx, const uint8_t *dn, const uint8_t *packet, const uint8_t *at, const uint8_t *end,
+          void **result, unsigned size) {
+  if (dn == nullptr || packet == nullptr || at < packet || end < at || result == nullptr) return DNS_E_INVAL;
+  const std::span<const uint8_t> bytes(packet, end);
+  const size_t answers_at = static_cast<size_t>(at - packet);
+  if (size > 0) {
+    if (*result == nullptr) return DNS_E_INVAL;
+    return lay_block(kind, bytes, answers_at, dn, {static_cast<uint8_t *>(*result), size}, nullptr);
+  }
+  if (ctx == nullptr) return DNS_E_INVAL;
+  if (!result_reserve(ctx, kResultMin)) return DNS_E_NOMEM;
+  size_t needed = 0;
+  int written = lay_block(kind, bytes, answers_at, dn, {ctx->result, ctx->result_size}, &needed, ctx->options.maxalias);
+  if (written == DNS_E_NOBUFS) {
+    if (!result_reserve(ctx, needed)) return DNS_E_NOMEM;
+    written = lay_block(kind, bytes, answers_at, dn, {ctx->result, ctx->result_size}, &needed, ctx->options.maxalias);
+  }
+  if (written >= 0) *result = ctx->result;
+  return written;
+}
+
+}  // namespace
+}  // namespace dns
+
+// Each parser is the same operation over another kind of block.
+#define DNS_PARSER(name, kind)                                                                                      \
+  int name(dns_ctx *ctx, dns_query *, const unsigned char *qdn, const unsigned char *pkt, const unsigned char *cur, \
+           const unsigned char *end, void **result, unsigned size) {                                                \
+    return dns::parse(dns::Block::kind, ctx, qdn, pkt, cur, end, result, size);                                     \
+  }
+
+extern "C" {
+DNS_PARSER(dns_parse_a4, a4)
+DNS_PARSER(dns_parse_a6, a6)
+DNS_PARSER(dns_parse_txt, txt)
+DNS_PARSER(dns_parse_etxt, etxt)
+DNS_PARSER(dns_parse_mx, mx)
+DNS_PARSER(dns_parse_ptr, ptr)
+DNS_PARSER(dns_parse_cname, cname)
+DNS_PARSER(dns_parse_ns, ns)
+DNS_PARSER(dns_parse_srv, srv)
+DNS_PARSER(dns_parse_pkt, pkt)
+}

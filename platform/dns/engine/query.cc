@@ -1,0 +1,245 @@
+// query.cc - the life of a question: submitted, cancelled, indexed while in flight, delivered; see engine.h.
+#include <stdlib.h>
+#include <string.h>
+
+#include <new>
+
+#include "engine.h"
+
+namespace dns {
+namespace {
+
+constexpr unsigned kIndexMin = 64;  // buckets of the first index
+
+void index_grow(dns_ctx *ctx) {
+  const unsigned size = ctx->index_size == 0 ? kIndexMin : ctx->index_size * 2;
+  auto **index = static_cast<dns_query **>(calloc(size, sizeof(dns_query *)));
+  if (index == nullptr) return;  // the index in place goes on, with longer chains
+  for (unsigned i = 0; i < ctx->index_size; ++i)
+    while (dns_query *q = ctx->index[i]) {
+      ctx->index[i] = q->index_next;
+      dns_query *&bucket = index[q->id & (size - 1)];
+      q->index_next = bucket;
+      bucket = q;
+    }
+  free(ctx->index);
+  ctx->index = index;
+  ctx->index_size = size;
+}
+
+bool keep_name(dns_query *q, const uint8_t *dn, unsigned size) {
+  uint8_t *place = q->inline_dn;
+  if (size > kInlineName) {
+    place = static_cast<uint8_t *>(q->ctx->long_names.get());
+    if (place == nullptr) return false;
+  }
+  memcpy(place, dn, size);
+  q->dn = place;
+  q->dn_size = static_cast<uint8_t>(size);
+  return true;
+}
+
+dns_status keep_servers(dns_query *q, const sockaddr *servers, unsigned nserv) {
+  dns_ctx *ctx = q->ctx;
+  void *block = ctx->own_servers.get();
+  if (block == nullptr) return DNS_E_NOMEM;
+  q->own = new (block) OwnServers;
+  for (q->nserv = 0; q->nserv < nserv; ++q->nserv) {
+    sockaddr_in address;
+    if (!read_server(servers + q->nserv, ctx->options.port, &address)) return DNS_E_INVAL;
+    q->own->servers[q->nserv] = ctx->server_table.hold(address);
+    if (q->own->servers[q->nserv] == nullptr) return DNS_E_NOMEM;
+  }
+  return DNS_E_NOERROR;
+}
+
+void release(dns_query *q) {
+  dns_ctx *ctx = q->ctx;
+  if (q->own != nullptr) {
+    for (unsigned i = 0; i < q->nserv; ++i)
+      ctx->server_table.release(q->own->servers[i]);
+    ctx->own_servers.put(q->own);
+  }
+  if (q->dn != nullptr && q->dn != q->inline_dn) ctx->long_names.put(const_cast<uint8_t *>(q->dn));
+  q->~dns_query();
+  ctx->queries.put(q);
+}
+
+uint8_t first_server(dns_ctx *ctx, const dns_query *q) {
+  if ((ctx->options.flags & DNS_SERVRRB) == 0 || q->own != nullptr || ctx->nserv == 0) return 0;
+  ctx->next_first = (ctx->next_first + 1) % ctx->nserv;
+  return static_cast<uint8_t>(ctx->next_first);
+}
+
+// next_server turns to the next server that has not refused the question; false when every one has.
+bool next_server(dns_query *q) {
+  const unsigned count = static_cast<unsigned>(servers_of(q).size());
+  for (unsigned i = 1; i <= count; ++i) {
+    const unsigned server = (q->server + i) % count;
+    if ((q->refused & (1U << server)) != 0) continue;
+    q->server = static_cast<uint8_t>(server);
+    return true;
+  }
+  return false;
+}
+
+void leave_list(dns_query *q) {
+  if (q->state == State::waiting) {
+    q->ctx->waiting.remove(q);
+  } else {
+    q->unlink();
+  }
+}
+
+// leave_everything takes a question out of its list, the timers and the index, and gives its socket back.
+void leave_everything(dns_query *q) {
+  leave_list(q);
+  if (q->slot == UdpPool::kNone) return;
+  index_remove(q);
+  q->ctx->sockets.done(q->slot);
+  q->slot = UdpPool::kNone;
+}
+
+}  // namespace
+
+bool index_make(dns_ctx *ctx) {
+  if (ctx->index == nullptr) index_grow(ctx);
+  return ctx->index != nullptr;
+}
+
+void index_add(dns_query *q) {
+  dns_ctx *ctx = q->ctx;
+  if (ctx->in_flight >= ctx->index_size) index_grow(ctx);
+  dns_query *&bucket = ctx->index[q->id & (ctx->index_size - 1)];
+  q->index_next = bucket;
+  bucket = q;
+  ++ctx->in_flight;
+}
+
+void index_remove(dns_query *q) {
+  dns_ctx *ctx = q->ctx;
+  dns_query **at = &ctx->index[q->id & (ctx->index_size - 1)];
+  while (*at != q)
+    at = &(*at)->index_next;
+  *at = q->index_next;
+  --ctx->in_flight;
+}
+
+dns_query *index_first(const dns_ctx *ctx, uint16_t id) {
+  return ctx->index[id & (ctx->index_size - 1)];
+}
+
+void deliver(dns_query *q, dns_status status, void *result, unsigned size, unsigned sflags) {
+  dns_ctx *ctx = q->ctx;
+  leave_everything(q);
+  q->state = State::delivering;
+  --ctx->active;
+  ctx->status = status;
+  ctx->sflags = sflags;
+  if (q->callback != nullptr) q->callback(ctx, q, result, size, q->data);
+  release(q);
+}
+
+void drop(dns_query *q) {
+  dns_ctx *ctx = q->ctx;
+  leave_everything(q);
+  --ctx->active;
+  release(q);
+}
+
+void ask_again(dns_query *q) {
+  dns_ctx *ctx = q->ctx;
+  if (q->tries >= ctx->options.ntries || !next_server(q)) {
+    const dns_status status = q->error != 0 ? dns_status{q->error} : dns_status{DNS_E_TEMPFAIL};
+    deliver(q, status, nullptr, 0, 0);
+    return;
+  }
+  leave_list(q);
+  q->state = State::sending;
+  ctx->sending.append(q);
+}
+
+}  // namespace dns
+
+using namespace dns;
+
+extern "C" {
+
+dns_query *dns_submit_dn_serv(dns_ctx *ctx, const unsigned char *dn, dns_class cls, dns_type typ, unsigned flags,
+                              const sockaddr *servers, unsigned nserv, dns_parse_fn *parse, dns_query_fn *callback,
+                              void *data) {
+  if (ctx == nullptr) return nullptr;
+  const auto refuse = [ctx](dns_status status) -> dns_query * {
+    ctx->status = status;
+    return nullptr;
+  };
+  constexpr int kNumberMax = 65535;  // types and classes are 16 bits wide
+  if (dn == nullptr || typ <= 0 || typ > kNumberMax || cls <= 0 || cls > kNumberMax || nserv > DNS_MAXSERV)
+    return refuse(DNS_E_INVAL);
+  if (!ctx->opened) return refuse(DNS_E_PERM);
+  const unsigned size = dns_dnlen(dn);
+  if (size == 0) return refuse(DNS_E_BADQUERY);
+
+  void *block = ctx->queries.get();
+  if (block == nullptr) return refuse(DNS_E_NOMEM);
+  auto *q = new (block) dns_query;
+  q->ctx = ctx;
+  q->callback = callback;
+  q->data = data;
+  q->parse = parse;
+  q->dn = nullptr;
+  q->own = nullptr;
+  q->first_sent_us = q->sent_us = 0;
+  q->asked = q->refused = 0;
+  q->flags = flags;
+  q->id = 0;
+  q->typ = static_cast<uint16_t>(typ);
+  q->cls = static_cast<uint16_t>(cls);
+  q->slot = UdpPool::kNone;
+  q->error = 0;
+  q->nserv = 0;
+  q->tries = 0;
+  q->state = State::queued;
+
+  dns_status status = keep_name(q, dn, size) ? DNS_E_NOERROR : DNS_E_NOMEM;
+  if (status == DNS_E_NOERROR && servers != nullptr && nserv > 0) status = keep_servers(q, servers, nserv);
+  if (status != DNS_E_NOERROR) {
+    release(q);
+    return refuse(status);
+  }
+  q->server = first_server(ctx, q);
+  ctx->queued.append(q);
+  ++ctx->active;
+  return q;
+}
+
+void dns_cancel(dns_ctx *ctx, dns_query *q) {
+  // A question that is being delivered is over already.
+  if (ctx == nullptr || q == nullptr || q->state == State::delivering) return;
+  drop(q);
+}
+
+void *dns_qudata(const dns_query *q) {
+  return q->data;
+}
+dns_query_fn *dns_qcbck(const dns_query *q) {
+  return q->callback;
+}
+const unsigned char *dns_qdn(const dns_query *q) {
+  return q->dn;
+}
+dns_type dns_qtyp(const dns_query *q) {
+  return q->typ;
+}
+dns_class dns_qcls(const dns_query *q) {
+  return q->cls;
+}
+dns_parse_fn *dns_qparse(const dns_query *q) {
+  return q->parse;
+}
+
+int dns_active(const dns_ctx *ctx) {
+  return static_cast<int>(ctx->active);
+}
+
+}  // extern "C"

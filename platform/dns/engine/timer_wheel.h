@@ -1,0 +1,45 @@
+// timer_wheel.h - the deadlines of questions in flight. Adding, removing and expiring one takes constant time, however
+// many there are. Time is an argument: the wheel reads no clock.
+#ifndef DNS_ENGINE_TIMER_WHEEL_H
+#define DNS_ENGINE_TIMER_WHEEL_H
+
+#include <stdint.h>
+
+#include "list.h"
+
+namespace dns {
+
+// Timer is what a record embeds to have a deadline.
+struct Timer : Link {
+  int64_t tick = 0;
+};
+
+class TimerWheel {
+ public:
+  static constexpr int64_t kTickUs = 1000;  // deadlines are kept to the millisecond, rounded up
+  static constexpr unsigned kSlots = 4096;  // one lap is 4 s; a later deadline stays in its slot for further laps
+  static constexpr int64_t kNever = INT64_MAX;
+
+  // add files a timer under its deadline (microseconds); one that lies in the past is due at the next tick.
+  void add(Timer *timer, int64_t deadline_us);
+  void remove(Timer *timer);
+
+  // expire moves every timer that is due at `now_us` to `due`, in the order of their deadlines.
+  void expire(int64_t now_us, Link *due);
+
+  // next_us returns a moment at which the wheel wants to be asked again: never later than the earliest deadline. kNever
+  // when it is empty.
+  [[nodiscard]] int64_t next_us() const;
+
+ private:
+  [[nodiscard]] unsigned next_used(unsigned from) const;
+  void expire_slot(unsigned slot, int64_t tick, Link *due);
+
+  Link slots_[kSlots];
+  uint64_t used_[kSlots / 64] = {};  // a bit for each slot that holds a timer
+  int64_t hand_ = 0;                 // the last tick that was expired
+};
+
+}  // namespace dns
+
+#endif  // DNS_ENGINE_TIMER_WHEEL_H

@@ -1,0 +1,116 @@
+// dns_io.h - moving bytes: the one table of functions through which the engine reaches the operating system, the pool
+// of UDP sockets, and the source of random numbers. No decision about a question is taken here.
+//
+// All of it belongs to one engine context and runs on the thread that drives it.
+#ifndef DNS_IO_H
+#define DNS_IO_H
+
+#include <netinet/in.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#include <kavo/dns_types.h>
+
+namespace dns {
+
+// Datagram is one packet on its way out (`size` bytes from `data`) or in (`capacity` bytes at `data`; `size` is then
+// the packet's true length, above `capacity` when the packet was cut).
+struct Datagram {
+  uint8_t *data;
+  uint32_t capacity;
+  uint32_t size;
+  sockaddr_in peer;
+};
+
+inline constexpr unsigned kBatch = 64;  // datagrams that one call sends or receives at most
+
+// Io is the world as the engine sees it. A test puts a simulated network and clock in its place. Functions that fail
+// return a negated errno.
+struct Io {
+  void *self;
+  dns_time (*wall)(void *self);
+  bool (*random)(void *self, void *bytes, size_t size);
+  // udp_open returns a non-blocking socket bound to `port` on every local address.
+  int (*udp_open)(void *self, uint16_t port);
+  void (*udp_close)(void *self, int socket);
+  // udp_send sends up to kBatch datagrams and returns how many left; a negated errno when the first could not.
+  int (*udp_send)(void *self, int socket, const Datagram *datagrams, unsigned count);
+  // udp_receive fills up to kBatch datagrams and returns how many arrived; 0 or -EAGAIN when none is there.
+  int (*udp_receive)(void *self, int socket, Datagram *datagrams, unsigned count);
+};
+
+// system_io returns the table's real body.
+[[nodiscard]] const Io *system_io();
+
+// RandomSource hands out the secure random bytes of an Io, fetched in blocks so that an id does not cost a system call.
+class RandomSource {
+ public:
+  explicit RandomSource(const Io *io) : io_(io) {}
+  [[nodiscard]] bool u16(uint16_t *value);
+
+ private:
+  const Io *io_;
+  uint8_t bytes_[256];
+  unsigned left_ = 0;
+};
+
+// UdpPool keeps the sockets that questions leave from. Each is bound to a random port; a batch of questions takes one
+// of them at random, and an answer counts only on the socket its question left from. The pool grows with the questions
+// in flight, because a socket's receive buffer holds a few hundred answers, and a socket that has served its share is
+// replaced by one on a fresh port (RFC 5452, section 9.2) as soon as nothing is in flight on it.
+class UdpPool {
+ public:
+  static constexpr unsigned kSocketsMin = 4;
+  static constexpr unsigned kSocketsMax = 64;
+  static constexpr unsigned kInFlightPerSocket = 192;  // answers that the usual receive buffer (208 KiB) surely holds
+  static constexpr unsigned kUsesPerSocket = 8192;     // questions after which a socket is replaced
+  static constexpr uint16_t kPortMin = 10240;          // below lie ports that services expect to find free
+  static constexpr int kNone = -1;
+
+  explicit UdpPool(const Io *io, RandomSource *random) : io_(io), random_(random) {}
+  ~UdpPool() { close(); }
+  UdpPool(const UdpPool &) = delete;
+  UdpPool &operator=(const UdpPool &) = delete;
+
+  // open makes sure that at least one socket is there. 0 or a negated errno.
+  [[nodiscard]] int open();
+  void close();
+
+  // pick chooses the slot that the next batch leaves from, opening a socket where the pool needs one, and says how many
+  // questions it has room for; a blocked slot when all are, kNone when no socket can be had.
+  [[nodiscard]] int pick(unsigned *room);
+  // used counts a question that left from a slot, done one whose fate is settled; a worn slot is then closed.
+  void used(int slot);
+  void done(int slot);
+
+  [[nodiscard]] int descriptor(int slot) const { return slots_[slot].descriptor; }
+  [[nodiscard]] int slot_of(int descriptor) const;
+  // blocked marks a slot whose send buffer is full; the loop then waits for it to drain.
+  void set_blocked(int slot, bool blocked) { slots_[slot].blocked = blocked; }
+  [[nodiscard]] bool blocked(int slot) const { return slots_[slot].blocked; }
+  [[nodiscard]] unsigned extent() const { return extent_; }
+  [[nodiscard]] bool is_open(int slot) const { return slots_[slot].descriptor >= 0; }
+
+ private:
+  struct Slot {
+    int descriptor = -1;
+    unsigned in_flight = 0;
+    unsigned uses = 0;
+    bool blocked = false;
+  };
+
+  [[nodiscard]] int open_slot();
+  void close_slot(int slot);
+  [[nodiscard]] bool usable(int slot) const;
+  [[nodiscard]] bool busier(int a, int b) const;
+
+  const Io *io_;
+  RandomSource *random_;
+  Slot slots_[kSocketsMax];
+  unsigned extent_ = 0;  // slots below this one may be open
+  unsigned open_ = 0;
+};
+
+}  // namespace dns
+
+#endif  // DNS_IO_H

@@ -1,0 +1,112 @@
+// system.cc - the table of functions with the operating system behind it, and the random source that reads from it.
+#include <errno.h>
+#include <string.h>
+#include <sys/random.h>
+#include <sys/socket.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "dns_io.h"
+
+namespace dns {
+namespace {
+
+constexpr dns_time kEpoch2000 = 946684800;  // 2000-01-01 00:00:00 UTC in seconds since 1970
+
+dns_time system_wall(void *) {
+  return static_cast<dns_time>(time(nullptr)) - kEpoch2000;
+}
+
+bool system_random(void *, void *bytes, size_t size) {
+  auto *at = static_cast<uint8_t *>(bytes);
+  while (size > 0) {
+    const ssize_t got = getrandom(at, size, 0);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return false;
+    at += got;
+    size -= static_cast<size_t>(got);
+  }
+  return true;
+}
+
+int system_udp_open(void *, uint16_t port) {
+  const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_UDP);
+  if (descriptor < 0) return -errno;
+  sockaddr_in local{};
+  local.sin_family = AF_INET;
+  local.sin_port = htons(port);
+  local.sin_addr.s_addr = htonl(INADDR_ANY);
+  if (bind(descriptor, reinterpret_cast<const sockaddr *>(&local), sizeof local) != 0) {
+    const int error = errno;
+    close(descriptor);
+    return -error;
+  }
+  // As much as an unprivileged process may have; the pool's size does not rely on it.
+  constexpr int kReceiveBytes = 1 << 20;
+  (void)setsockopt(descriptor, SOL_SOCKET, SO_RCVBUF, &kReceiveBytes, sizeof kReceiveBytes);
+  return descriptor;
+}
+
+void system_udp_close(void *, int descriptor) {
+  close(descriptor);
+}
+
+// Headers ties kBatch datagrams to the records that sendmmsg and recvmmsg want. It is built on the stack: 64 records of
+// 64 and 16 bytes, cheaper to fill than to keep in step with the datagrams.
+struct Headers {
+  mmsghdr messages[kBatch];
+  iovec vectors[kBatch];
+
+  void tie(unsigned at, void *data, size_t size, sockaddr_in *peer) {
+    vectors[at] = {data, size};
+    messages[at] = {};
+    messages[at].msg_hdr.msg_name = peer;
+    messages[at].msg_hdr.msg_namelen = sizeof *peer;
+    messages[at].msg_hdr.msg_iov = &vectors[at];
+    messages[at].msg_hdr.msg_iovlen = 1;
+  }
+};
+
+int system_udp_send(void *, int descriptor, const Datagram *datagrams, unsigned count) {
+  Headers headers;
+  for (unsigned i = 0; i < count; ++i)
+    headers.tie(i, datagrams[i].data, datagrams[i].size, const_cast<sockaddr_in *>(&datagrams[i].peer));
+  const int sent = sendmmsg(descriptor, headers.messages, count, MSG_NOSIGNAL);
+  return sent < 0 ? -errno : sent;
+}
+
+int system_udp_receive(void *, int descriptor, Datagram *datagrams, unsigned count) {
+  Headers headers;
+  for (unsigned i = 0; i < count; ++i)
+    headers.tie(i, datagrams[i].data, datagrams[i].capacity, &datagrams[i].peer);
+  const int received = recvmmsg(descriptor, headers.messages, count, MSG_DONTWAIT | MSG_TRUNC, nullptr);
+  if (received < 0) return -errno;
+  for (int i = 0; i < received; ++i) {
+    datagrams[i].size = headers.messages[i].msg_len;
+    if (headers.messages[i].msg_hdr.msg_namelen != sizeof(sockaddr_in)) datagrams[i].peer = {};
+  }
+  return received;
+}
+
+constexpr Io kSystem = {nullptr,          system_wall,     system_random,     system_udp_open,
+                        system_udp_close, system_udp_send, system_udp_receive};
+
+}  // namespace
+
+const Io *system_io() {
+  return &kSystem;
+}
+
+bool RandomSource::u16(uint16_t *value) {
+  if (left_ < sizeof *value) {
+    if (!io_->random(io_->self, bytes_, sizeof bytes_)) return false;
+    left_ = sizeof bytes_;
+  }
+  left_ -= sizeof *value;
+  memcpy(value, bytes_ + left_, sizeof *value);
+  // What was handed out does not stay behind in memory.
+  memset(bytes_ + left_, 0, sizeof *value);
+  return true;
+}
+
+}  // namespace dns

@@ -1,0 +1,106 @@
+// udp_pool.cc - the sockets that questions leave from; see dns_io.h.
+#include <errno.h>
+
+#include "dns_io.h"
+
+namespace dns {
+namespace {
+
+constexpr int kBindTries = 64;  // random ports tried before the pool reports that it can have none
+
+}  // namespace
+
+int UdpPool::open() {
+  return open_ > 0 ? 0 : (open_slot() >= 0 ? 0 : -EADDRNOTAVAIL);
+}
+
+void UdpPool::close() {
+  for (unsigned slot = 0; slot < extent_; ++slot)
+    if (slots_[slot].descriptor >= 0) close_slot(static_cast<int>(slot));
+  extent_ = 0;
+}
+
+int UdpPool::pick(unsigned *room) {
+  // Until the pool has its least number of ports a forger has fewer to guess, so it grows to that before any is used
+  // twice.
+  if (open_ < kSocketsMin) (void)open_slot();
+  uint16_t random = 0;
+  if (!random_->u16(&random) || extent_ == 0) return kNone;
+  for (unsigned i = 0; i < extent_; ++i) {
+    const int slot = static_cast<int>((random + i) % extent_);
+    if (!usable(slot)) continue;
+    *room = kInFlightPerSocket - slots_[slot].in_flight;
+    return slot;
+  }
+  const int fresh = open_slot();
+  if (fresh != kNone) {
+    *room = kInFlightPerSocket;
+    return fresh;
+  }
+  // Every socket is at its measure: share them evenly, and let the kernel drop what its buffers cannot hold.
+  int least = kNone;
+  for (unsigned i = 0; i < extent_; ++i) {
+    const int slot = static_cast<int>((random + i) % extent_);
+    if (is_open(slot) && (least == kNone || busier(least, slot))) least = slot;
+  }
+  *room = kBatch;
+  return least;
+}
+
+bool UdpPool::usable(int slot) const {
+  const Slot &s = slots_[slot];
+  return s.descriptor >= 0 && !s.blocked && s.in_flight < kInFlightPerSocket && s.uses < kUsesPerSocket;
+}
+
+// busier says whether slot `a` is a worse choice than slot `b`: blocked, or with more in flight.
+bool UdpPool::busier(int a, int b) const {
+  if (slots_[a].blocked != slots_[b].blocked) return slots_[a].blocked;
+  return slots_[a].in_flight > slots_[b].in_flight;
+}
+
+void UdpPool::used(int slot) {
+  ++slots_[slot].in_flight;
+  ++slots_[slot].uses;
+}
+
+void UdpPool::done(int slot) {
+  Slot &s = slots_[slot];
+  --s.in_flight;
+  if (s.in_flight == 0 && s.uses >= kUsesPerSocket) close_slot(slot);
+}
+
+int UdpPool::slot_of(int descriptor) const {
+  for (unsigned slot = 0; slot < extent_; ++slot)
+    if (slots_[slot].descriptor == descriptor) return static_cast<int>(slot);
+  return kNone;
+}
+
+int UdpPool::open_slot() {
+  unsigned slot = 0;
+  while (slot < extent_ && slots_[slot].descriptor >= 0)
+    ++slot;
+  if (slot == kSocketsMax) return kNone;
+  for (int i = 0; i < kBindTries; ++i) {
+    uint16_t port = 0;
+    if (!random_->u16(&port)) return kNone;
+    // Ports below the least are drawn again rather than folded up, so that every port stays equally likely.
+    if (port < kPortMin) continue;
+    const int descriptor = io_->udp_open(io_->self, port);
+    if (descriptor == -EADDRINUSE || descriptor == -EACCES) continue;
+    if (descriptor < 0) return kNone;
+    slots_[slot] = {};
+    slots_[slot].descriptor = descriptor;
+    if (slot == extent_) ++extent_;
+    ++open_;
+    return static_cast<int>(slot);
+  }
+  return kNone;
+}
+
+void UdpPool::close_slot(int slot) {
+  io_->udp_close(io_->self, slots_[slot].descriptor);
+  slots_[slot] = {};
+  --open_;
+}
+
+}  // namespace dns

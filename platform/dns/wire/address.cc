@@ -1,0 +1,64 @@
+// address.cc - addresses as labels of list questions (RFC 5782) and as texts. Stateless; any thread.
+#include <arpa/inet.h>
+#include <string.h>
+
+#include <dns_wire.h>
+
+namespace {
+
+constexpr unsigned kNibbleBits = 4;
+constexpr unsigned kNibbleMask = 0x0F;
+constexpr unsigned kNibbleLabelBytes = 2;  // a length byte and one hexadecimal digit
+
+// put_octet writes one label, the octet in decimal without leading zeros. Returns the position behind it, or null when
+// it does not fit before `end`.
+unsigned char *put_octet(unsigned octet, unsigned char *at, const unsigned char *end) {
+  constexpr unsigned kTen = 10;
+  constexpr unsigned kHundred = 100;
+  const unsigned digits = octet >= kHundred ? 3 : octet >= kTen ? 2 : 1;
+  if (end - at < static_cast<ptrdiff_t>(1 + digits)) return nullptr;
+  *at = static_cast<unsigned char>(digits);
+  for (unsigned i = digits; i > 0; --i, octet /= kTen)
+    at[i] = static_cast<unsigned char>('0' + octet % kTen);
+  return at + 1 + digits;
+}
+
+unsigned char *put_nibble(unsigned nibble, unsigned char *at) {
+  constexpr char kHex[] = "0123456789abcdef";
+  *at++ = 1;
+  *at++ = static_cast<unsigned char>(kHex[nibble]);
+  return at;
+}
+
+}  // namespace
+
+unsigned char *dns_a4todn_(const struct in_addr *address, unsigned char *dn, const unsigned char *end) {
+  if (address == nullptr || dn == nullptr || end == nullptr) return nullptr;
+  unsigned char octets[sizeof address->s_addr];
+  memcpy(octets, &address->s_addr, sizeof octets);
+  for (size_t i = sizeof octets; i > 0 && dn != nullptr; --i)
+    dn = put_octet(octets[i - 1], dn, end);
+  return dn;
+}
+
+unsigned char *dns_a6todn_(const struct in6_addr *address, unsigned char *dn, const unsigned char *end) {
+  if (address == nullptr || dn == nullptr || end == nullptr) return nullptr;
+  const auto &octets = address->s6_addr;
+  constexpr size_t kOctets = sizeof(struct in6_addr);
+  if (end - dn < static_cast<ptrdiff_t>(kOctets * 2 * kNibbleLabelBytes)) return nullptr;
+  for (size_t i = kOctets; i > 0; --i) {
+    dn = put_nibble(octets[i - 1] & kNibbleMask, dn);
+    dn = put_nibble(octets[i - 1] >> kNibbleBits, dn);
+  }
+  return dn;
+}
+
+int dns_pton(int family, const char *text, void *address) {
+  if (text == nullptr || address == nullptr) return -1;
+  return inet_pton(family, text, address);
+}
+
+const char *dns_ntop(int family, const void *address, char *text, unsigned size) {
+  if (address == nullptr || text == nullptr) return nullptr;
+  return inet_ntop(family, address, text, size);
+}

@@ -1,0 +1,40 @@
+// chain.h - the walk over the records of one name in an answer section.
+#ifndef DNS_WIRE_CHAIN_H
+#define DNS_WIRE_CHAIN_H
+
+#include <span>
+
+#include <dns_wire.h>
+
+namespace dns {
+
+// Answers walks an answer section and stops at the records of one name and class. It ends with the header's count or
+// with the packet, whichever is first. An owner that is a pointer to the question's name is compared without being
+// read.
+class Answers {
+ public:
+  Answers(std::span<const uint8_t> packet, size_t answers_at, unsigned count, dns_class cls);
+
+  // set_name says whose records next stops at, from here on; `dn` stays the caller's and must not change meanwhile.
+  void set_name(const uint8_t *dn);
+
+  // next reads the next record of the name; its `owner` is not filled in. 1, 0 behind the last one, DNS_E_PROTOCOL.
+  [[nodiscard]] int next(Record *record);
+
+  [[nodiscard]] std::span<const uint8_t> packet() const { return reader_.packet(); }
+
+ private:
+  bool owner_is_ours(Record *record, bool *ours);
+
+  Reader reader_;
+  unsigned left_;
+  dns_class cls_;
+  const uint8_t *name_ = nullptr;
+  uint8_t question_[DNS_MAXDN];
+  bool has_question_ = false;
+  bool at_question_ = false;  // the name looked for is the question's
+};
+
+}  // namespace dns
+
+#endif  // DNS_WIRE_CHAIN_H

@@ -1,0 +1,233 @@
+// dns_wire.h - bytes only: names, addresses, packets and records. No socket, clock, lock or allocation in sight.
+//
+// Foreign bytes are read through Reader, a cursor that cannot pass the end; everything else here is built on it.
+#ifndef DNS_WIRE_H
+#define DNS_WIRE_H
+
+#include <netinet/in.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#include <span>
+
+#include <kavo/dns.h>
+
+// ---- names and addresses, in the C form that the library above calls
+// --------------------------------------------------
+
+extern "C" {
+
+// dns_dnlen returns the length of a DN, its closing zero byte included; 0 for bytes that are no DN (a label above 63
+// bytes, or no closing zero within DNS_MAXDN bytes). It reads at most DNS_MAXDN bytes.
+unsigned dns_dnlen(const unsigned char *dn);
+
+// dns_dnequal returns nonzero when both names are the same domain, ASCII letters without regard to case (RFC 4343):
+// then it is their length. 0 otherwise, also for bytes that are no DN.
+unsigned dns_dnequal(const unsigned char *dn1, const unsigned char *dn2);
+
+// dns_dntodn copies a DN; returns its length, 0 when it does not fit `size` or is no DN.
+unsigned dns_dntodn(const unsigned char *sdn, unsigned char *ddn, unsigned size);
+
+// dns_ptodn turns `length` bytes of text (0: up to its terminator) into a DN. "\X" and "\DDD" escapes are understood; a
+// closing dot is optional and reported through `absolute` (null allowed). Returns the DN's length; 0 when it does not
+// fit `size` or is longer than DNS_MAXDN, below 0 when the text is no name (an empty label, a label above 63 bytes, an
+// escape cut off or above 255). "." is the root.
+int dns_ptodn(const char *text, unsigned length, unsigned char *dn, int size, int *absolute);
+
+// dns_dntop writes a DN as text without a closing dot (the root is "."), dots and backslashes inside labels escaped as
+// "\." and bytes outside printable ASCII as "\DDD". Returns the text's length without its terminator; 0 when it does
+// not fit `size`, below 0 for bytes that are no DN. dns_dntop_size gives the bytes that the text and its terminator
+// need, or 0.
+int dns_dntop(const unsigned char *dn, char *text, int size);
+unsigned dns_dntop_size(const unsigned char *dn);
+
+// dns_dntosp is dns_dntop into a buffer of the calling thread's own, valid until the thread's next call; "" for no DN.
+const char *dns_dntosp(const unsigned char *dn);
+
+// dns_a4todn_ writes the four decimal labels of an address, lowest-order octet first, dns_a6todn_ the 32 nibble labels,
+// lowest first (RFC 5782); neither a closing zero. They return the position after the last label, or null when the
+// labels do not fit before `end`.
+unsigned char *dns_a4todn_(const struct in_addr *address, unsigned char *dn, const unsigned char *end);
+unsigned char *dns_a6todn_(const struct in6_addr *address, unsigned char *dn, const unsigned char *end);
+
+// dns_pton reads an address text (AF_INET: strictly four decimal octets; AF_INET6). Above 0 for an address, 0 for a
+// text that is none, below 0 for another family. dns_ntop writes one and returns `text`, or null when it does not fit.
+int dns_pton(int family, const char *text, void *address);
+const char *dns_ntop(int family, const void *address, char *text, unsigned size);
+
+}  // extern "C"
+
+// ---- packets in the C form
+// ---------------------------------------------------------------------------------------------
+
+// dns_pkt: a packet being written. Records go into the section that is open: the answer section after dns_initpacket;
+// dns_end_section closes the sections before the named one and opens that; DNS_S_ALL closes the packet.
+struct dns_pkt {
+  unsigned char *dnspk_start;
+  unsigned char *dnspk_end;    // the byte after the last one written
+  unsigned char *dnspk_limit;  // the byte after the buffer
+  int dnspk_section;           // the section that is open
+};
+
+// dns_parse: a packet being read, record by record. The packet is foreign and is never read outside its bounds.
+struct dns_parse {
+  const unsigned char *dnsp_pkt;
+  const unsigned char *dnsp_end;
+  const unsigned char *dnsp_cur;  // where the next record begins
+  int dnsp_section;               // the section that is being walked
+  unsigned dnsp_left;             // records left in it
+};
+
+extern "C" {
+
+// dns_initpacket starts a packet with its header (QR and RA set, everything else 0) and one question. Returns the bytes
+// written; DNS_E_NOBUFS or DNS_E_BADQUERY.
+int dns_initpacket(struct dns_pkt *packet, unsigned char *buffer, unsigned size, const unsigned char *dn, dns_type typ,
+                   dns_class cls);
+
+// dns_addrr appends a record to the open section and counts it in the header; its name is compressed to a pointer to
+// the question where it is the question's. Names in its data may be compressed against `source`, and are written whole;
+// with a null source they must not be. 0, DNS_E_NOBUFS, DNS_E_PROTOCOL.
+int dns_addrr(struct dns_pkt *packet, const struct dns_parse *source, const struct dns_rr *rr);
+int dns_end_section(struct dns_pkt *packet, int section);
+
+// dns_initparse prepares to read [packet, end) and stands at its question section; `question` (null allowed) receives
+// the question's DN (DNS_MAXDN bytes). 0, or DNS_E_PROTOCOL for a packet without a whole header or with broken
+// questions.
+int dns_initparse(struct dns_parse *parse, const unsigned char *packet, const unsigned char *end,
+                  unsigned char *question);
+// dns_rewind_sec stands before the first record of a section (DNS_S_AN, DNS_S_NS, DNS_S_AR). 0 or DNS_E_PROTOCOL.
+int dns_rewind_sec(struct dns_parse *parse, int section);
+// dns_nextrr reads the next record of the section; its data points into the packet. 1, 0 after the last one, or
+// DNS_E_PROTOCOL.
+int dns_nextrr(struct dns_parse *parse, struct dns_rr *rr);
+
+}  // extern "C"
+
+namespace dns {
+
+// ---- cursors
+// ---------------------------------------------------------------------------------------------------------
+
+// Reader walks foreign bytes. Every read either succeeds whole or leaves the cursor where it was and returns false.
+// Names may point back into the whole packet (RFC 1035, 4.1.4): only strictly backwards, so that reading one always
+// ends.
+class Reader {
+ public:
+  Reader(std::span<const uint8_t> packet, size_t position)
+      : packet_(packet), at_(position < packet.size() ? position : packet.size()) {}
+  explicit Reader(std::span<const uint8_t> packet) : Reader(packet, 0) {}
+
+  [[nodiscard]] size_t position() const { return at_; }
+  [[nodiscard]] size_t left() const { return packet_.size() - at_; }
+  [[nodiscard]] std::span<const uint8_t> packet() const { return packet_; }
+  [[nodiscard]] bool skip(size_t count);
+  [[nodiscard]] bool u8(uint8_t *value);
+  [[nodiscard]] bool u16(uint16_t *value);
+  [[nodiscard]] bool u32(uint32_t *value);
+  [[nodiscard]] bool bytes(size_t count, std::span<const uint8_t> *value);
+  // name reads a DN into `dn` (DNS_MAXDN bytes), following pointers; its length goes to `size` (null allowed).
+  [[nodiscard]] bool name(uint8_t *dn, unsigned *size = nullptr);
+  [[nodiscard]] bool skip_name();
+
+ private:
+  std::span<const uint8_t> packet_;
+  size_t at_;
+};
+
+// Writer fills a buffer. A write that does not fit changes nothing but `ok`, which then stays false.
+class Writer {
+ public:
+  explicit Writer(std::span<uint8_t> buffer, size_t position = 0) : buffer_(buffer), at_(position) {}
+
+  void u8(uint8_t value);
+  void u16(uint16_t value);
+  void u32(uint32_t value);
+  void bytes(std::span<const uint8_t> value);
+  void name(const uint8_t *dn);
+  void patch_u16(size_t position, uint16_t value);
+  [[nodiscard]] bool ok() const { return ok_; }
+  [[nodiscard]] size_t position() const { return at_; }
+
+ private:
+  uint8_t *room(size_t count);
+  std::span<uint8_t> buffer_;
+  size_t at_;
+  bool ok_ = true;
+};
+
+// ---- packets
+// ---------------------------------------------------------------------------------------------------------
+
+// Header is a packet's first twelve bytes (RFC 1035, 4.1.1).
+struct Header {
+  uint16_t id;
+  bool qr, aa, tc, rd, ra;
+  uint8_t opcode;
+  uint8_t rcode;
+  uint16_t count[4];  // records by section, DNS_S_QD to DNS_S_AR
+};
+[[nodiscard]] bool read_header(std::span<const uint8_t> packet, Header *header);
+
+// write_query builds a question packet with the RD bit as told; returns its length, 0 when `buffer` is too small.
+[[nodiscard]] size_t write_query(std::span<uint8_t> buffer, uint16_t id, bool recursive, const uint8_t *dn,
+                                 dns_type typ, dns_class cls);
+
+// Record is one record of a packet, its data still compressed. `data_at` is the data's place in the packet.
+struct Record {
+  uint8_t owner[DNS_MAXDN];
+  uint16_t typ;
+  uint16_t cls;
+  int32_t ttl;  // 0 to 2^31 - 1: a larger one is read as 0 (RFC 2181, section 8)
+  std::span<const uint8_t> data;
+  size_t data_at;
+};
+[[nodiscard]] bool read_record(Reader *reader, Record *record);
+
+// plain_data writes a record's data to `writer` with every compressed name in it written whole, for the types that may
+// hold one (RFC 3597, section 4). False for data that its type does not allow, or when it does not fit.
+[[nodiscard]] bool plain_data(std::span<const uint8_t> packet, uint16_t typ, size_t data_at, size_t data_size,
+                              Writer *writer);
+
+// Chain is where the aliases of an answer lead: the records of the asked type at `end` answer the question.
+struct Chain {
+  uint8_t end[DNS_MAXDN];
+  unsigned aliases;  // CNAME records followed
+  unsigned records;  // records of the type (and class) at the end
+  int32_t ttl;       // the least TTL of the aliases and those records; INT32_MAX without any
+};
+// follow_chain walks the answer section from `dn`. A CNAME answers a question for CNAME or ANY and is not followed
+// then. DNS_E_NOERROR, DNS_E_PROTOCOL for a section that is malformed, DNS_E_CNLOOP beyond `aliases_max` aliases.
+[[nodiscard]] dns_status follow_chain(std::span<const uint8_t> packet, size_t answers_at, const uint8_t *dn,
+                                      dns_type typ, dns_class cls, unsigned aliases_max, Chain *chain);
+
+// Denial is what the authority section says when there is no answer.
+struct Denial {
+  bool soa;     // a SOA record stands there whose owner is the name asked or one above it
+  bool ns;      // NS records stand there
+  int32_t ttl;  // seconds to keep the denial: the lesser of the SOA's TTL and its MINIMUM (RFC 2308); 0 without
+  uint8_t zone[DNS_MAXDN];  // the owner of the SOA, or of the NS records
+};
+[[nodiscard]] dns_status read_denial(std::span<const uint8_t> packet, size_t authority_at, const uint8_t *dn,
+                                     Denial *denial);
+
+// section_at finds where a section begins. False for a malformed packet.
+[[nodiscard]] bool section_at(std::span<const uint8_t> packet, int section, size_t *position);
+
+// ---- record blocks
+// ---------------------------------------------------------------------------------------------------
+
+enum class Block { a4, a6, txt, etxt, mx, ptr, cname, ns, srv, pkt };
+
+// The aliases that a block's chain may have, where no context sets another bound.
+inline constexpr unsigned kAliasesMax = 16;
+
+// lay_block lays the answer to `dn` out as a record block in `buffer` (aligned to 8 bytes) and returns the block's
+// size, which its size field carries too. DNS_E_NOBUFS: it does not fit, and `needed` (null allowed) says what would.
+// Entries are the records of the block's type at the end of the chain, in packet order.
+[[nodiscard]] int lay_block(Block kind, std::span<const uint8_t> packet, size_t answers_at, const uint8_t *dn,
+                            std::span<uint8_t> buffer, size_t *needed, unsigned aliases_max = kAliasesMax);
+
+}  // namespace dns
+
+#endif  // DNS_WIRE_H

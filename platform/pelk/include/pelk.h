@@ -1,0 +1,144 @@
+// pelk.h - threads, locks, semaphores, deadlines and logging: the thin layer between the project and POSIX threads.
+//
+// Every operation returns 0 on success and an error number otherwise (PELK_TIMEDOUT when a deadline passed). Deadlines
+// are absolute wall-clock moments. Mutexes carry clang's thread-safety attributes: a field marked
+// PELK_GUARDED_BY(mutex) that is touched without the mutex does not compile under clang.
+#ifndef PELK_H
+#define PELK_H
+
+#include <pthread.h>
+#include <stdint.h>
+#include <sys/time.h>
+
+#if defined(__clang__)
+#define PELK_THREAD_ATTRIBUTE(x) __attribute__((x))
+#else
+#define PELK_THREAD_ATTRIBUTE(x)
+#endif
+#define PELK_CAPABILITY(x) PELK_THREAD_ATTRIBUTE(capability(x))
+#define PELK_SCOPED_CAPABILITY PELK_THREAD_ATTRIBUTE(scoped_lockable)
+#define PELK_GUARDED_BY(x) PELK_THREAD_ATTRIBUTE(guarded_by(x))
+#define PELK_REQUIRES(...) PELK_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
+#define PELK_EXCLUDES(...) PELK_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))
+#define PELK_ACQUIRE(...) PELK_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
+#define PELK_RELEASE(...) PELK_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
+#define PELK_TRY_ACQUIRE(...) PELK_THREAD_ATTRIBUTE(try_acquire_capability(__VA_ARGS__))
+#define PELK_NO_ANALYSIS PELK_THREAD_ATTRIBUTE(no_thread_safety_analysis)
+
+enum { PELK_OK = 0, PELK_TIMEDOUT = 12 };
+
+// The seconds of a valid time value lie between these two.
+inline constexpr int64_t PELK_TIME_MIN = INT32_MIN;
+inline constexpr int64_t PELK_TIME_MAX = INT32_MAX;
+
+// ---- mutexes and conditions ---------------------------------------------------------------------------------------
+
+struct PELK_CAPABILITY("mutex") pelk_mutex_t {
+  pthread_mutex_t handle;
+};
+
+int pelk_mutex_init(pelk_mutex_t *mutex);
+int pelk_mutex_lock(pelk_mutex_t *mutex) PELK_ACQUIRE(*mutex);
+int pelk_mutex_unlock(pelk_mutex_t *mutex) PELK_RELEASE(*mutex);
+int pelk_mutex_destroy(pelk_mutex_t *mutex);
+
+// pelk_lock holds a mutex for a scope. `error` is what taking it returned; the analysis takes it for held either way,
+// so a holder that can go on without the lock asks first.
+class PELK_SCOPED_CAPABILITY pelk_lock {
+ public:
+  explicit pelk_lock(pelk_mutex_t *mutex) PELK_ACQUIRE(*mutex) : mutex_(mutex), error(pelk_mutex_lock(mutex)) {}
+  ~pelk_lock() PELK_RELEASE() {
+    if (error == 0) pthread_mutex_unlock(&mutex_->handle);
+  }
+  pelk_lock(const pelk_lock &) = delete;
+  pelk_lock &operator=(const pelk_lock &) = delete;
+
+ private:
+  pelk_mutex_t *mutex_;
+
+ public:
+  const int error;
+};
+
+struct pelk_cond_t {
+  pthread_cond_t handle;
+};
+
+int pelk_cond_init(pelk_cond_t *cond);
+int pelk_cond_wait(pelk_cond_t *cond, pelk_mutex_t *mutex) PELK_REQUIRES(*mutex);
+// pelk_cond_wait_deadline returns PELK_TIMEDOUT once the wall clock has reached `deadline`, at once when it lies in the
+// past.
+int pelk_cond_wait_deadline(pelk_cond_t *cond, pelk_mutex_t *mutex, const struct timeval *deadline)
+    PELK_REQUIRES(*mutex);
+int pelk_cond_signal(pelk_cond_t *cond);
+int pelk_cond_broadcast(pelk_cond_t *cond);
+int pelk_cond_destroy(pelk_cond_t *cond);
+
+// ---- counting semaphores ------------------------------------------------------------------------------------------
+
+// A semaphore of `value` permits, never more than `maximum`: a post beyond it is refused.
+struct pelk_sem_t {
+  pelk_mutex_t mutex;
+  pelk_cond_t nonzero;
+  unsigned value PELK_GUARDED_BY(mutex);
+  unsigned waiters PELK_GUARDED_BY(mutex);
+  unsigned maximum;
+};
+
+int pelk_sem_init(pelk_sem_t *sem, unsigned value, unsigned maximum);
+int pelk_sem_wait(pelk_sem_t *sem);
+// pelk_sem_wait_deadline takes a free permit even when `deadline` has passed; only a wait ends with PELK_TIMEDOUT.
+int pelk_sem_wait_deadline(pelk_sem_t *sem, const struct timeval *deadline);
+int pelk_sem_post(pelk_sem_t *sem);
+int pelk_sem_destroy(pelk_sem_t *sem);
+
+// ---- threads ------------------------------------------------------------------------------------------------------
+
+using pelk_thread_t = pthread_t;
+using pelk_thread_fn = void *(void *);
+
+// pelk_thread_create starts a thread with every signal blocked, so that the host's handlers never run on it.
+int pelk_thread_create(pelk_thread_t *thread, pelk_thread_fn *routine, void *argument);
+int pelk_thread_join(pelk_thread_t thread);
+
+// ---- logging ------------------------------------------------------------------------------------------------------
+
+enum pelk_log_level {
+  PELK_LOG_CRIT = 1,
+  PELK_LOG_ERR = 2,
+  PELK_LOG_WARNING = 3,
+  PELK_LOG_INFO = 4,
+  PELK_LOG_DEBUG = 5
+};
+
+// A sink receives one line without its newline; any thread may call it, several at a time. The text is valid during the
+// call only.
+using pelk_log_sink = void(int level, const char *line, void *udata);
+
+// pelk_set_log_sink sends every line to `sink` from now on. Null restores the default: PELK_LOG_WARNING and above go to
+// standard error, the rest is dropped before it is formatted.
+void pelk_set_log_sink(pelk_log_sink *sink, void *udata);
+
+[[gnu::format(printf, 2, 3)]] void pelk_syslog(int level, const char *format, ...);
+
+// What the PELK_ERROR, PELK_WARN and PELK_INFO macros call. `error_number` is an errno, `code` the result that is
+// returned.
+[[gnu::format(printf, 6, 7)]] void pelk_log_error(const char *file, const char *function, int line, int error_number,
+                                                  int code, const char *format, ...);
+[[gnu::format(printf, 5, 6)]] void pelk_log_note(int level, const char *file, const char *function, int line,
+                                                 const char *format, ...);
+
+// The line is the caller's, hence macros. `file` is the source's name without its ending.
+#define PELK_ERROR(file, function, error_number, code, ...) \
+  pelk_log_error(file, function, __LINE__, error_number, code, __VA_ARGS__)
+#define PELK_WARN(file, function, ...) pelk_log_note(PELK_LOG_WARNING, file, function, __LINE__, __VA_ARGS__)
+#define PELK_INFO(file, function, ...) pelk_log_note(PELK_LOG_INFO, file, function, __LINE__, __VA_ARGS__)
+
+// PELK_ASSERT reports an expression that is false and goes on. It is never compiled out.
+#define PELK_ASSERT(expression, file)                                                                          \
+  do {                                                                                                         \
+    if (!(expression)) [[unlikely]]                                                                            \
+      pelk_syslog(PELK_LOG_CRIT, "[assertion at %s:%s():%d] for '%s'", file, __func__, __LINE__, #expression); \
+  } while (0)
+
+#endif  // PELK_H

@@ -1,0 +1,182 @@
+// pelk_log.cc - one line of text to one sink.
+//
+// Any thread may log and any thread may change the sink. The sink and its data are copied together under a mutex that
+// is released before the sink runs, so a sink may take the host's own locks, log, or set another sink. A line that is
+// being delivered while the sink changes still goes to the one it was copied for: a host keeps its data alive until the
+// threads that log have ended. What a sink itself logs goes to standard error, since sending it to the sink would never
+// end.
+#include <errno.h>
+#include <stdarg.h>
+#include <stddef.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <span>
+
+#include "pelk.h"
+
+namespace {
+
+// Bytes of a line, its newline or closing zero included: room for two names in their longest printed form (1020 bytes).
+// A longer line is cut and ends in kCutMark.
+constexpr size_t kLineMax = 2048;
+constexpr char kCutMark[] = "...";
+constexpr char kUnprintable[] = "(a message that cannot be printed)";
+static_assert(sizeof kUnprintable < kLineMax && sizeof kCutMark < kLineMax);
+
+// Room for the longest text of an error number.
+constexpr size_t kErrorTextMax = 128;
+
+struct sink_choice {
+  pelk_log_sink *sink;  // null: standard error
+  void *udata;
+};
+
+constinit pelk_mutex_t sink_mutex = {PTHREAD_MUTEX_INITIALIZER};
+constinit sink_choice installed_sink PELK_GUARDED_BY(sink_mutex) = {nullptr, nullptr};
+constinit thread_local bool inside_sink = false;
+
+// Logging leaves errno alone: the code around a logging call still means the failure that it reports.
+class errno_keeper {
+ public:
+  errno_keeper() : saved_(errno) {}
+  ~errno_keeper() { errno = saved_; }
+  errno_keeper(const errno_keeper &) = delete;
+  errno_keeper &operator=(const errno_keeper &) = delete;
+
+ private:
+  int saved_;
+};
+
+// log_line gathers one line on the stack. It always holds a closing zero, and never a line break: text that strangers
+// chose (a name, a line of a file) must not be able to begin a line of its own.
+class log_line {
+ public:
+  [[gnu::format(printf, 2, 0)]] void add(const char *format, va_list arguments) {
+    const size_t room = sizeof text_ - size_;
+    const int wanted = vsnprintf(text_ + size_, room, format, arguments);
+    if (wanted < 0) {
+      add("%s", kUnprintable);
+    } else if (static_cast<size_t>(wanted) < room) {
+      size_ += static_cast<size_t>(wanted);
+    } else {
+      size_ = sizeof text_ - 1;
+      memcpy(text_ + sizeof text_ - sizeof kCutMark, kCutMark, sizeof kCutMark);
+    }
+  }
+
+  [[gnu::format(printf, 2, 3)]] void add(const char *format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    add(format, arguments);
+    va_end(arguments);
+  }
+
+  void deliver(const sink_choice &choice, int level) {
+    flatten();
+    if (choice.sink == nullptr) return write_out();
+    inside_sink = true;
+    choice.sink(level, text_, choice.udata);
+    inside_sink = false;
+  }
+
+ private:
+  void flatten() {
+    constexpr unsigned char kDelete = 0x7f;
+    while (size_ > 0 && text_[size_ - 1] == '\n')
+      text_[--size_] = '\0';
+    for (char &character : std::span(text_).first(size_)) {
+      const auto value = static_cast<unsigned char>(character);
+      if (value < ' ' || value == kDelete) character = ' ';
+    }
+  }
+
+  // One write per line, so that the lines of several threads and processes do not mix. A line that standard error does
+  // not take is lost: there is nobody left to tell.
+  void write_out() {
+    text_[size_] = '\n';
+    ssize_t written = -1;
+    do {
+      written = write(STDERR_FILENO, text_, size_ + 1);
+    } while (written < 0 && errno == EINTR);
+  }
+
+  char text_[kLineMax] = "";
+  size_t size_ = 0;
+};
+
+// choose_sink returns where this thread's next line goes.
+sink_choice choose_sink() {
+  if (inside_sink) return {nullptr, nullptr};
+  const pelk_lock guard(&sink_mutex);
+  return installed_sink;
+}
+
+bool is_wanted(const sink_choice &choice, int level) {
+  return choice.sink != nullptr || level <= PELK_LOG_WARNING;
+}
+
+const char *level_name(int level) {
+  switch (level) {
+    case PELK_LOG_CRIT:
+      return "critical";
+    case PELK_LOG_ERR:
+      return "error";
+    case PELK_LOG_WARNING:
+      return "warning";
+    case PELK_LOG_INFO:
+      return "info";
+    default:
+      return "debug";
+  }
+}
+
+}  // namespace
+
+void pelk_set_log_sink(pelk_log_sink *sink, void *udata) {
+  const pelk_lock guard(&sink_mutex);
+  installed_sink = {sink, udata};
+}
+
+void pelk_syslog(int level, const char *format, ...) {
+  const errno_keeper keeper;
+  const sink_choice choice = choose_sink();
+  if (!is_wanted(choice, level)) return;
+  log_line line;
+  va_list arguments;
+  va_start(arguments, format);
+  line.add(format, arguments);
+  va_end(arguments);
+  line.deliver(choice, level);
+}
+
+// The error number and the code stand before the message, where a cut cannot reach them.
+void pelk_log_error(const char *file, const char *function, int line_number, int error_number, int code,
+                    const char *format, ...) {
+  const errno_keeper keeper;
+  const sink_choice choice = choose_sink();
+  if (!is_wanted(choice, PELK_LOG_ERR)) return;
+  char error_text[kErrorTextMax];
+  log_line line;
+  line.add("[%s] %s:%s():%d errno %d (%s) code %d: ", level_name(PELK_LOG_ERR), file, function, line_number,
+           error_number, strerror_r(error_number, error_text, sizeof error_text), code);
+  va_list arguments;
+  va_start(arguments, format);
+  line.add(format, arguments);
+  va_end(arguments);
+  line.deliver(choice, PELK_LOG_ERR);
+}
+
+void pelk_log_note(int level, const char *file, const char *function, int line_number, const char *format, ...) {
+  const errno_keeper keeper;
+  const sink_choice choice = choose_sink();
+  if (!is_wanted(choice, level)) return;
+  log_line line;
+  line.add("[%s] %s:%s():%d: ", level_name(level), file, function, line_number);
+  va_list arguments;
+  va_start(arguments, format);
+  line.add(format, arguments);
+  va_end(arguments);
+  line.deliver(choice, level);
+}

@@ -1,0 +1,151 @@
+// pelk_sync.cc - mutexes, conditions and counting semaphores on POSIX threads.
+//
+// Any thread may call anything here. Mutexes check their use: a thread that takes a mutex it holds gets EDEADLK and one
+// that releases a mutex it does not hold gets EPERM, so a callback that calls back where it must not is an error result
+// and never a hang. Conditions wait on CLOCK_REALTIME, the clock that deadlines are made from.
+#include <errno.h>
+#include <time.h>
+
+#include "pelk.h"
+
+namespace {
+
+constexpr int64_t kUsecPerSec = 1000000;
+constexpr int64_t kNsecPerUsec = 1000;
+
+// The earliest moment that a wait accepts: for every deadline that names no moment since the epoch.
+constexpr timespec kLongAgo = {0, 0};
+
+// to_timespec returns `moment` as the kernel takes it. Microseconds of any size and sign are carried into the seconds;
+// a moment before the epoch, or one that is no valid time value, gives kLongAgo.
+timespec to_timespec(const timeval &moment) {
+  const int64_t seconds = moment.tv_sec;
+  if (seconds < PELK_TIME_MIN || seconds > PELK_TIME_MAX) return kLongAgo;
+  int64_t carry = moment.tv_usec / kUsecPerSec;
+  int64_t micros = moment.tv_usec % kUsecPerSec;
+  if (micros < 0) {
+    micros += kUsecPerSec;
+    carry -= 1;
+  }
+  const int64_t whole = seconds + carry;
+  if (whole < 0 || whole > PELK_TIME_MAX) return kLongAgo;
+  return {whole, micros * kNsecPerUsec};
+}
+
+// wait_for_permit waits until `sem` has a permit, at most until `deadline` unless that is null. 0 or an error number; a
+// permit that came together with the time-out counts.
+int wait_for_permit(pelk_sem_t *sem, const timeval *deadline) PELK_REQUIRES(sem->mutex) {
+  int error = 0;
+  sem->waiters += 1;
+  while (sem->value == 0 && error == 0) {
+    error = deadline == nullptr ? pelk_cond_wait(&sem->nonzero, &sem->mutex)
+                                : pelk_cond_wait_deadline(&sem->nonzero, &sem->mutex, deadline);
+  }
+  sem->waiters -= 1;
+  return sem->value > 0 ? 0 : error;
+}
+
+// take_permit takes one permit, waiting as wait_for_permit does. 0 or an error number.
+int take_permit(pelk_sem_t *sem, const timeval *deadline) {
+  const pelk_lock guard(&sem->mutex);
+  if (guard.error != 0) return guard.error;
+  const int error = wait_for_permit(sem, deadline);
+  if (error == 0) sem->value -= 1;
+  return error;
+}
+
+}  // namespace
+
+int pelk_mutex_init(pelk_mutex_t *mutex) {
+  pthread_mutexattr_t attributes;
+  int error = pthread_mutexattr_init(&attributes);
+  if (error != 0) return error;
+  error = pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ERRORCHECK);
+  if (error == 0) error = pthread_mutex_init(&mutex->handle, &attributes);
+  pthread_mutexattr_destroy(&attributes);
+  return error;
+}
+
+// The analysis cannot see into POSIX: what the two declarations promise is checked at their callers.
+int pelk_mutex_lock(pelk_mutex_t *mutex) PELK_NO_ANALYSIS {
+  return pthread_mutex_lock(&mutex->handle);
+}
+
+int pelk_mutex_unlock(pelk_mutex_t *mutex) PELK_NO_ANALYSIS {
+  return pthread_mutex_unlock(&mutex->handle);
+}
+
+int pelk_mutex_destroy(pelk_mutex_t *mutex) {
+  return pthread_mutex_destroy(&mutex->handle);
+}
+
+int pelk_cond_init(pelk_cond_t *cond) {
+  return pthread_cond_init(&cond->handle, nullptr);
+}
+
+int pelk_cond_wait(pelk_cond_t *cond, pelk_mutex_t *mutex) {
+  return pthread_cond_wait(&cond->handle, &mutex->handle);
+}
+
+int pelk_cond_wait_deadline(pelk_cond_t *cond, pelk_mutex_t *mutex, const struct timeval *deadline) {
+  const timespec moment = to_timespec(*deadline);
+  const int error = pthread_cond_timedwait(&cond->handle, &mutex->handle, &moment);
+  return error == ETIMEDOUT ? PELK_TIMEDOUT : error;
+}
+
+int pelk_cond_signal(pelk_cond_t *cond) {
+  return pthread_cond_signal(&cond->handle);
+}
+
+int pelk_cond_broadcast(pelk_cond_t *cond) {
+  return pthread_cond_broadcast(&cond->handle);
+}
+
+int pelk_cond_destroy(pelk_cond_t *cond) {
+  return pthread_cond_destroy(&cond->handle);
+}
+
+// pelk_sem_init returns EINVAL for a maximum of 0 and for more permits than the maximum.
+int pelk_sem_init(pelk_sem_t *sem, unsigned value, unsigned maximum) {
+  if (maximum == 0 || value > maximum) return EINVAL;
+  int error = pelk_mutex_init(&sem->mutex);
+  if (error != 0) return error;
+  error = pelk_cond_init(&sem->nonzero);
+  if (error != 0) {
+    pelk_mutex_destroy(&sem->mutex);
+    return error;
+  }
+  const pelk_lock guard(&sem->mutex);
+  sem->value = value;
+  sem->waiters = 0;
+  sem->maximum = maximum;
+  return guard.error;
+}
+
+int pelk_sem_wait(pelk_sem_t *sem) {
+  return take_permit(sem, nullptr);
+}
+
+int pelk_sem_wait_deadline(pelk_sem_t *sem, const struct timeval *deadline) {
+  return take_permit(sem, deadline);
+}
+
+// pelk_sem_post returns EOVERFLOW, and changes nothing, when all permits are back already.
+int pelk_sem_post(pelk_sem_t *sem) {
+  const pelk_lock guard(&sem->mutex);
+  if (guard.error != 0) return guard.error;
+  if (sem->value >= sem->maximum) return EOVERFLOW;
+  sem->value += 1;
+  return sem->waiters > 0 ? pelk_cond_signal(&sem->nonzero) : 0;
+}
+
+// pelk_sem_destroy returns EBUSY, and destroys nothing, while a thread waits for a permit.
+int pelk_sem_destroy(pelk_sem_t *sem) {
+  {
+    const pelk_lock guard(&sem->mutex);
+    if (guard.error != 0) return guard.error;
+    if (sem->waiters > 0) return EBUSY;
+  }
+  const int error = pelk_cond_destroy(&sem->nonzero);
+  return error != 0 ? error : pelk_mutex_destroy(&sem->mutex);
+}

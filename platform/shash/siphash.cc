@@ -1,0 +1,110 @@
+// siphash.cc - SipHash-1-3: one round per word of eight bytes, three at the end.
+//
+// Pure functions without state; any thread may call them. The short variant is enough here: the hash stays inside the
+// process, where nobody can read its values back, so an outsider only has to be kept from choosing collisions.
+#include "siphash.h"
+
+#include <errno.h>
+#include <string.h>
+#include <sys/random.h>
+#include <sys/types.h>
+
+#include <bit>
+
+static_assert(std::endian::native == std::endian::little, "words are read as they lie in memory");
+
+namespace {
+
+constexpr size_t kWordSize = sizeof(uint64_t);
+constexpr size_t kSecretSize = 2 * kWordSize;
+constexpr int kFinalRounds = 3;
+constexpr uint64_t kFinalMark = 0xff;
+constexpr int kSizeShift = 56;  // the size's low byte is the last byte of the last word
+
+// `byte` in each of a word's eight bytes.
+constexpr uint64_t in_each(uint8_t byte) {
+  return ~uint64_t{0} / UINT8_MAX * byte;
+}
+
+struct sip_state {
+  uint64_t v0, v1, v2, v3;
+
+  void round() {
+    v0 += v1, v2 += v3;
+    v1 = std::rotl(v1, 13) ^ v0, v3 = std::rotl(v3, 16) ^ v2;
+    v0 = std::rotl(v0, 32);
+    v2 += v1, v0 += v3;
+    v1 = std::rotl(v1, 17) ^ v2, v3 = std::rotl(v3, 21) ^ v0;
+    v2 = std::rotl(v2, 32);
+  }
+
+  void take(uint64_t word) {
+    v3 ^= word;
+    round();
+    v0 ^= word;
+  }
+};
+
+// load returns up to eight bytes as a word, the missing ones 0.
+uint64_t load(const uint8_t *bytes, size_t size) {
+  uint64_t word = 0;
+  memcpy(&word, bytes, size);
+  return word;
+}
+
+// "SipHash"'s four constants spell its initial state.
+sip_state start(const uint8_t secret[16]) {
+  const uint64_t k0 = load(secret, kWordSize);
+  const uint64_t k1 = load(secret + kWordSize, kWordSize);
+  return {k0 ^ 0x736f6d6570736575, k1 ^ 0x646f72616e646f6d, k0 ^ 0x6c7967656e657261, k1 ^ 0x7465646279746573};
+}
+
+uint64_t as_it_is(uint64_t word) {
+  return word;
+}
+
+// fold_letters returns `word` with each byte that is an ASCII upper-case letter made lower case, all eight at once: the
+// additions carry into a byte's top bit exactly when its low seven bits reach 'A', or pass 'Z', and no further.
+uint64_t fold_letters(uint64_t word) {
+  constexpr uint8_t kTopBit = 0x80;
+  constexpr int kTopBitToCaseBit = 2;
+  const uint64_t low_bits = word & in_each(0x7f);
+  const uint64_t from_a = low_bits + in_each(kTopBit - 'A');
+  const uint64_t past_z = low_bits + in_each(kTopBit - 1 - 'Z');
+  const uint64_t upper = (from_a ^ past_z) & ~word & in_each(kTopBit);
+  return word | upper >> kTopBitToCaseBit;
+}
+
+// hash_words hashes `size` bytes, each word passed through `fold` first.
+template <uint64_t fold(uint64_t)>
+uint64_t hash_words(const uint8_t secret[16], const void *data, size_t size) {
+  sip_state state = start(secret);
+  const auto *bytes = static_cast<const uint8_t *>(data);
+  size_t left = size;
+  for (; left >= kWordSize; left -= kWordSize, bytes += kWordSize)
+    state.take(fold(load(bytes, kWordSize)));
+  const uint64_t rest = left == 0 ? 0 : fold(load(bytes, left));
+  state.take(rest | static_cast<uint64_t>(size) << kSizeShift);
+  state.v2 ^= kFinalMark;
+  for (int i = 0; i < kFinalRounds; ++i)
+    state.round();
+  return state.v0 ^ state.v1 ^ state.v2 ^ state.v3;
+}
+
+}  // namespace
+
+uint64_t siphash(const uint8_t secret[16], const void *data, size_t size) {
+  return hash_words<as_it_is>(secret, data, size);
+}
+
+uint64_t siphash_folded(const uint8_t secret[16], const void *data, size_t size) {
+  return hash_words<fold_letters>(secret, data, size);
+}
+
+int siphash_secret(uint8_t secret[16]) {
+  ssize_t got = -1;
+  do {
+    got = getrandom(secret, kSecretSize, 0);
+  } while (got < 0 && errno == EINTR);
+  return got == static_cast<ssize_t>(kSecretSize) ? 0 : -1;
+}

@@ -1,0 +1,173 @@
+// kavo_args.cc - the pool of callback arguments, one for each question to the engine.
+//
+// Arguments are allocated in chunks, given to nodes and returned by them in whole chains, and kept with their record
+// blocks until the context is released: a steady load allocates nothing. mx_table guards the pool. A chain is only
+// appended to while its node is held, since readers walk it without the lock.
+#include <limits.h>
+#include <stdlib.h>
+
+#include <new>
+
+#include "kavo_query_table.h"
+
+// kavo_arg_chunk: one allocation, this head and its arguments after it.
+struct alignas(kavo_cb_arg) kavo_arg_chunk {
+  kavo_arg_chunk *next;
+};
+
+namespace {
+
+constexpr char kSource[] = "kavo_query_table";
+
+kavo_cb_arg *next_of(const kavo_cb_arg *arg) {
+  return arg->next.load(std::memory_order_relaxed);
+}
+
+void link(kavo_cb_arg *arg, kavo_cb_arg *next) {
+  arg->next.store(next, std::memory_order_relaxed);
+}
+
+// set_free gives an argument its free values; it keeps its record block and its place in the chain.
+void set_free(kavo_cb_arg *arg) {
+  const KAVO_RR kept = arg->answer.rr;
+  arg->answer = {};
+  arg->answer.err_code = KAVOE_FAIL;
+  arg->answer.cache_code = KAVOCC_NEXISTS;
+  arg->answer.rr = kept;
+  arg->qh = nullptr;
+  arg->node = nullptr;
+}
+
+// make_chunk allocates `count` linked free arguments with their chunk's head. Returns the first, or null.
+kavo_cb_arg *make_chunk(size_t count, kavo_cb_arg *rest, kavo_arg_chunk **head) {
+  void *memory = calloc(1, sizeof(kavo_arg_chunk) + count * sizeof(kavo_cb_arg));
+  if (memory == nullptr) return nullptr;
+  *head = new (memory) kavo_arg_chunk{};
+  void *records = *head + 1;
+  kavo_cb_arg *first = static_cast<kavo_cb_arg *>(records);
+  for (size_t i = 0; i < count; i++) {
+    kavo_cb_arg *arg = new (first + i) kavo_cb_arg;
+    set_free(arg);
+    link(arg, i + 1 < count ? first + i + 1 : rest);
+  }
+  return first;
+}
+
+// detach takes the first `count` arguments off the free list for a node. Returns them as a chain of their own, its last
+// in `last`; null, with nothing changed, when they cannot be had.
+kavo_cb_arg *detach(KAVO ctx, KAVO_QUERY_NODE node, int count, kavo_cb_arg **last) PELK_REQUIRES(ctx->mx_table) {
+  if (ctx->free_arg_count < count) kavo_table_grow_args(ctx, count - ctx->free_arg_count);
+  if (ctx->free_arg_count < count) return nullptr;
+  kavo_cb_arg *first = ctx->free_arg;
+  kavo_cb_arg *arg = first;
+  for (int i = 1; i < count; i++) {
+    arg->node = node;
+    arg = next_of(arg);
+  }
+  arg->node = node;
+  ctx->free_arg = next_of(arg);
+  ctx->free_arg_count -= count;
+  link(arg, nullptr);
+  *last = arg;
+  return first;
+}
+
+// append links a chain of `count` arguments to the end of a node's, where readers may see it from then on.
+void append(KAVO_QUERY_NODE node, kavo_cb_arg *first, int count) {
+  kavo_cb_arg *tail = nullptr;
+  uint32_t found = 0;
+  for (kavo_cb_arg *arg = node->cb_args; arg != nullptr; arg = next_of(arg)) {
+    tail = arg;
+    found++;
+  }
+  if (found != node->args_count) [[unlikely]]
+    pelk_syslog(PELK_LOG_CRIT, "[assertion at %s:%s():%d] for '%s'", kSource, "kavo_table_get_args", __LINE__,
+                "tail && !*tail && i == node->args_count");
+  if (tail == nullptr)
+    node->cb_args = first;
+  else
+    tail->next.store(first, std::memory_order_release);
+  node->args_count += static_cast<uint32_t>(count);
+}
+
+}  // namespace
+
+void kavo_table_grow_args(KAVO ctx, int count) {
+  const size_t step = static_cast<size_t>(ctx->max_zones);
+  const size_t wanted = step * ((static_cast<size_t>(count) + step - 1) / step);
+  if (wanted > static_cast<size_t>(INT_MAX - ctx->free_arg_count)) return;
+  kavo_arg_chunk *chunk = nullptr;
+  kavo_cb_arg *first = make_chunk(wanted, ctx->free_arg, &chunk);
+  if (first == nullptr) return;
+  chunk->next = ctx->arg_chunks;
+  ctx->arg_chunks = chunk;
+  ctx->free_arg = first;
+  ctx->free_arg_count += static_cast<int>(wanted);
+}
+
+kavo_cb_arg *kavo_table_get_args(KAVO ctx, KAVO_QUERY_NODE node, int count) {
+  kavo_cb_arg *last = nullptr;
+  kavo_cb_arg *first = detach(ctx, node, count, &last);
+  if (first != nullptr) append(node, first, count);
+  return first;
+}
+
+kavo_cb_arg *kavo_table_get_early_arg(KAVO ctx, const kavo_cb_arg *origin) {
+  kavo_cb_arg *last = nullptr;
+  kavo_cb_arg *arg = detach(ctx, origin->node, 1, &last);
+  if (arg == nullptr) return nullptr;
+  arg->n_zone = ctx->max_zones + origin->n_zone;
+  arg->start_time = origin->start_time;
+  arg->answer.cache_code = KAVOCC_OLD;
+  append(origin->node, arg, 1);
+  return arg;
+}
+
+void kavo_table_free_args(KAVO ctx, KAVO_QUERY_NODE node) {
+  kavo_cb_arg *last = nullptr;
+  uint32_t found = 0;
+  for (kavo_cb_arg *arg = node->cb_args; arg != nullptr; arg = next_of(arg)) {
+    PELK_ASSERT(node == arg->node, kSource);
+    set_free(arg);
+    last = arg;
+    found++;
+  }
+  if (node->args_count != 0 && found != node->args_count) [[unlikely]]
+    pelk_syslog(PELK_LOG_CRIT, "[assertion at %s:%s():%d] for '%s'", kSource, __func__, __LINE__,
+                "i == node->args_count - 1 || !node->args_count");
+  if (last != nullptr) {
+    link(last, ctx->free_arg);
+    ctx->free_arg = node->cb_args;
+    ctx->free_arg_count += static_cast<int>(found);
+  }
+  node->args_count = 0;
+  node->cb_args = nullptr;
+}
+
+void kavo_args_release(KAVO ctx) PELK_NO_ANALYSIS {
+  for (kavo_cb_arg *arg = ctx->free_arg; arg != nullptr && ctx->free_arg_count > 0; arg = next_of(arg)) {
+    kavo_rr_free(&arg->answer.rr);
+    ctx->free_arg_count--;
+  }
+  while (ctx->arg_chunks != nullptr) {
+    kavo_arg_chunk *chunk = ctx->arg_chunks;
+    ctx->arg_chunks = chunk->next;
+    free(chunk);
+  }
+  ctx->free_arg = nullptr;
+  ctx->free_arg_count = 0;
+}
+
+// kavo_add_args adds arguments to the pool ahead of need.
+void kavo_add_args(KAVO kavo, int count) {
+  if (kavo == nullptr || count < 1) return;
+  kavo_table_guard guard(kavo);
+  if (guard.error == KAVOE_OK) kavo_table_grow_args(kavo, count);
+}
+
+// kavo_free_args releases the pool, unless a node in use may hold arguments of it.
+void kavo_free_args(KAVO kavo) {
+  if (kavo == nullptr || kavo_srv_is_running(kavo) != 0) return;
+  kavo_table_guard guard(kavo);
+  if (guard.error == KAVOE_OK && kavo->table_nfree == kavo->table_size) kavo_args_release(kavo);
+}

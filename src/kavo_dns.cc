@@ -1,0 +1,271 @@
+// kavo_dns.cc - between the library's terms and the DNS engine's: names, types, statuses and parsers, which keep no
+// state and run on any thread, and the submission and cancellation of a node's questions, which run with the table lock
+// held.
+//
+// A list question is asked once in every zone of its type. Its name is the node's name followed by the zone's labels,
+// joined in one buffer from wire forms that exist already: this runs once for every zone and question.
+#include "kavo_dns.h"
+
+#include <errno.h>
+#include <string.h>
+#include <sys/time.h>
+
+#include <algorithm>
+#include <array>
+
+#include <dns_wire.h>
+
+namespace {
+
+constexpr char kSource[] = "kavo_dns";
+
+// What a type asks, and what reads the answer.
+struct Question {
+  dns_type type;
+  dns_parse_fn *parser;
+};
+
+// The list types, by their distance from the first.
+constexpr std::array<Question, KAVOT_BL_MAX - KAVOT_BL_MIN + 1> kListQuestions = {{
+    {DNS_T_A, dns_parse_a4},
+    {DNS_T_A, dns_parse_a4},
+    {DNS_T_TXT, dns_parse_txt},
+    {DNS_T_TXT, dns_parse_txt},
+    {DNS_T_AAAA, dns_parse_a6},
+    {DNS_T_MX, dns_parse_mx},
+    {DNS_T_SRV, dns_parse_srv},
+    {DNS_T_CNAME, dns_parse_cname},
+    {DNS_T_NS, dns_parse_ns},
+}};
+
+// The parsers of the DNS types, up to the highest that has one.
+constexpr auto kDnsParsers = [] {
+  std::array<dns_parse_fn *, DNS_T_SRV + 1> parsers{};
+  parsers[DNS_T_A] = dns_parse_a4;
+  parsers[DNS_T_NS] = dns_parse_ns;
+  parsers[DNS_T_CNAME] = dns_parse_cname;
+  parsers[DNS_T_PTR] = dns_parse_ptr;
+  parsers[DNS_T_MX] = dns_parse_mx;
+  parsers[DNS_T_TXT] = dns_parse_txt;
+  parsers[DNS_T_AAAA] = dns_parse_a6;
+  parsers[DNS_T_SRV] = dns_parse_srv;
+  return parsers;
+}();
+
+// The codes of the engine's statuses from DNS_E_PERM up to DNS_E_NOERROR.
+constexpr std::array<KAVO_ERR, DNS_E_NOERROR - DNS_E_PERM + 1> kStatusCodes = {
+    KAVOE_THR,      // DNS_E_PERM
+    KAVOE_THR,      // DNS_E_BUSY
+    KAVOE_DNS,      // no status
+    KAVOE_FILE,     // DNS_E_TFILE
+    KAVOE_FILE,     // DNS_E_SFILE
+    KAVOE_FILE,     // DNS_E_WFILE
+    KAVOE_FILE,     // DNS_E_RFILE
+    KAVOE_BADPAR,   // DNS_E_INVAL
+    KAVOE_BADPAR,   // DNS_E_BADQUERY
+    KAVOE_NOMEM,    // DNS_E_NOMEM
+    KAVOE_NODATA,   // DNS_E_NODATA
+    KAVOE_NXDOM,    // DNS_E_NXDOMAIN
+    KAVOE_DNS,      // DNS_E_PROTOCOL
+    KAVOE_TIMEOUT,  // DNS_E_TEMPFAIL
+    KAVOE_DNS,      // DNS_E_FAIL
+    KAVOE_OK,       // DNS_E_NOERROR
+};
+
+constexpr const Question &list_question(KAVO_TYPE type) {
+  return kListQuestions[type - KAVOT_BL_MIN];
+}
+
+// join_zone writes the key's name and the zone's labels behind it to `dn`. False, with a message, when they make no
+// name.
+[[nodiscard]] bool join_zone(const unsigned char *key_dn, unsigned key_size, std::span<const uint8_t> zone,
+                             std::array<unsigned char, DNS_MAXDN> *dn) {
+  if (key_size == 0) {
+    PELK_INFO(kSource, "kavo_submit_key", "Unable to prepare query DN");
+    return false;
+  }
+  const unsigned labels = key_size - 1;
+  if (zone.empty() || zone.size() > dn->size() - labels) {
+    PELK_INFO(kSource, "kavo_submit_key", "Unable to convert zone to DN");
+    return false;
+  }
+  memcpy(dn->data(), key_dn, labels);
+  memcpy(dn->data() + labels, zone.data(), zone.size());
+  return true;
+}
+
+void assert_failed(const char *expression, int line = __builtin_LINE()) {
+  pelk_syslog(PELK_LOG_CRIT, "[assertion at %s:%s():%d] for '%s'", kSource, "kavo_submit_key", line, expression);
+}
+
+// read_servers turns the server bytes of a key into socket addresses; returns how many there are.
+[[nodiscard]] unsigned read_servers(std::span<const unsigned char> bytes,
+                                    std::array<struct sockaddr_in, KAVO_MAX_SERV> *servers) {
+  if (bytes.empty()) return 0;
+  if (bytes.size() % sizeof(kavo_sa) != 0)
+    assert_failed("servsiz >= sizeof(kavo_sa) && servsiz % sizeof(kavo_sa) == 0");
+  const size_t nserv = bytes.size() / sizeof(kavo_sa);
+  if (nserv >= KAVO_MAX_SERV) assert_failed("nserv < KAVO_MAX_SERV");
+  const size_t taken = std::min(nserv, servers->size());
+  for (size_t i = 0; i < taken; ++i) {
+    kavo_sa entry;
+    memcpy(&entry, bytes.data() + i * sizeof(entry), sizeof(entry));
+    struct sockaddr_in &server = (*servers)[i];
+    server = {};
+    server.sin_family = AF_INET;
+    server.sin_port = entry.port;
+    server.sin_addr.s_addr = entry.addr;
+  }
+  return static_cast<unsigned>(taken);
+}
+
+constexpr unsigned engine_flags(unsigned flags) {
+  const unsigned recursive = (flags & KAVOQF_RECURSIVE) != 0 ? static_cast<unsigned>(DNS_RCRS) : 0;
+  return recursive | ((flags & KAVOQF_DCACHE) != 0 ? static_cast<unsigned>(DNS_DCACHE) : 0);
+}
+
+[[nodiscard]] struct dns_query *refuse(KAVO_ERR *err, KAVO_ERR code) {
+  if (err != nullptr) *err = code;
+  return nullptr;
+}
+
+// submit_zone queues the question of one zone of a node.
+[[nodiscard]] KAVO_ERR submit_zone(KAVO ctx, KAVO_QUERY_NODE node, kavo_cb_arg *arg, int32_t number, dns_query_fn *cbck)
+    PELK_REQUIRES(ctx->mx_table) {
+  const std::span<const uint8_t> key = node->hashitem == nullptr ? std::span<const uint8_t>{} : kavo_node_key(node);
+  const bool zoned = number != 0;
+  const std::span<const uint8_t> zone = zoned ? kavo_zonesmap_wire(&ctx->zonesmap, number) : std::span<const uint8_t>{};
+  KAVO_ERR error = KAVOE_OK;
+  arg->qh = kavo_submit_key(ctx, key.data(), static_cast<unsigned>(key.size()), zoned ? &zone : nullptr, node->flags,
+                            cbck, arg, &error);
+  if (arg->qh == nullptr) return error;
+  gettimeofday(&arg->start_time, nullptr);
+  ++node->qh_count;
+  return KAVOE_OK;
+}
+
+}  // namespace
+
+struct dns_query *kavo_submit_key(KAVO ctx, const unsigned char *key, unsigned keylen,
+                                  const std::span<const uint8_t> *zone, unsigned flags, dns_query_fn *cbck, void *data,
+                                  KAVO_ERR *err) {
+  if (ctx == nullptr || key == nullptr || cbck == nullptr || keylen <= KAVO_KEY_DN) return refuse(err, KAVOE_BADPAR);
+  uint32_t number;
+  memcpy(&number, key, sizeof(number));
+  const auto type = static_cast<KAVO_TYPE>(number);
+  dns_parse_fn *parser = kavo_get_parser(type, flags);
+  if (parser == nullptr) return refuse(err, KAVOE_BADPAR);
+
+  const unsigned char *dn = key + KAVO_KEY_DN;
+  const unsigned dn_size = dns_dnlen(dn);
+  std::array<unsigned char, DNS_MAXDN> joined;
+  if (zone != nullptr && !join_zone(dn, dn_size, *zone, &joined)) return refuse(err, KAVOE_BADPAR);
+
+  std::array<struct sockaddr_in, KAVO_MAX_SERV> servers;
+  const unsigned head = std::min(keylen, KAVO_KEY_DN + dn_size);
+  const unsigned nserv = read_servers({key + head, keylen - head}, &servers);
+  struct dns_query *query = dns_submit_dn_serv(
+      ctx->udns_ctx, zone == nullptr ? dn : joined.data(), DNS_C_IN, kavo_convert_type(type), engine_flags(flags),
+      nserv == 0 ? nullptr : reinterpret_cast<const struct sockaddr *>(servers.data()), nserv, parser, cbck, data);
+  if (query != nullptr) return query;
+  const KAVO_ERR code = kavo_dns_status(ctx);
+  PELK_ERROR(kSource, __func__, errno, code, "Unable to submit query, DNS transport error");
+  return refuse(err, code);
+}
+
+KAVO_ERR kavo_submit_query(KAVO ctx, KAVO_QUERY_NODE node, dns_query_fn *cbck) {
+  if (ctx == nullptr || node == nullptr) return KAVOE_BADPAR;
+  kavo_cb_arg *arg = node->cb_args;
+  int position = 0;
+  for (const int32_t number : kavo_zonesmap_zones(&ctx->zonesmap, kavo_node_type_of(node))) {
+    if (arg == nullptr) break;
+    PELK_ASSERT(arg->node == node, kSource);
+    if (arg->qh == nullptr) {
+      arg->n_zone = position;
+      const KAVO_ERR error = submit_zone(ctx, node, arg, number, cbck);
+      if (error != KAVOE_OK) return error;
+    }
+    arg = arg->next.load(std::memory_order_relaxed);
+    ++position;
+  }
+  return KAVOE_OK;
+}
+
+KAVO_ERR kavo_cancel_query(KAVO ctx, KAVO_QUERY_NODE node) {
+  if (ctx == nullptr || node == nullptr) return KAVOE_BADPAR;
+  PELK_ASSERT(node->ctx == ctx, kSource);
+  kavo_cb_arg *arg = node->cb_args;
+  size_t left = node->qh_count == 0 ? 0 : kavo_zonesmap_zones(&ctx->zonesmap, kavo_node_type_of(node)).size();
+  for (; left > 0 && arg != nullptr && node->qh_count != 0; --left) {
+    PELK_ASSERT(arg->node == node, kSource);
+    if (arg->qh != nullptr) {
+      dns_cancel(ctx->udns_ctx, arg->qh);
+      arg->qh = nullptr;
+      --node->qh_count;
+    }
+    arg = arg->next.load(std::memory_order_relaxed);
+  }
+  return KAVOE_OK;
+}
+
+extern "C" {
+
+int kavo_dns_a4todn(const struct in_addr *addr, unsigned char *dn, int dnsiz) {
+  if (addr == nullptr || dn == nullptr || dnsiz < 1) return 0;
+  const unsigned char *end = dn + std::min(dnsiz, static_cast<int>(DNS_MAXDN));
+  unsigned char *last = dns_a4todn_(addr, dn, end);
+  if (last == nullptr || last == dn || last >= end) return 0;
+  *last = 0;
+  return static_cast<int>(last - dn) + 1;
+}
+
+int kavo_dns_ptodn(const char *name, unsigned len, unsigned char *dn, int dnsiz) {
+  if (name == nullptr || dn == nullptr || dnsiz < 1) return 0;
+  return dns_ptodn(name, len, dn, dnsiz, nullptr);
+}
+
+unsigned kavo_dns_dnlen(const unsigned char *dn) {
+  return dn == nullptr ? 0 : dns_dnlen(dn);
+}
+
+unsigned kavo_dns_dntodn(const unsigned char *sdn, unsigned char *ddn, unsigned ddnsiz) {
+  return sdn == nullptr || ddn == nullptr ? 0 : dns_dntodn(sdn, ddn, ddnsiz);
+}
+
+unsigned kavo_dns_dnequal(const unsigned char *dn1, const unsigned char *dn2) {
+  return dn1 == nullptr || dn2 == nullptr ? 0 : dns_dnequal(dn1, dn2);
+}
+
+int kavo_dns_ptoa4(const char *p, struct in_addr *addr) {
+  return p == nullptr || addr == nullptr ? 0 : dns_pton(AF_INET, p, addr);
+}
+
+dns_type kavo_convert_type(KAVO_TYPE type) {
+  if (type >= KAVOT_DNS_MIN && type <= KAVOT_DNS_MAX) return static_cast<dns_type>(type);
+  if (kavo_zonesmap_is_list(type)) return list_question(type).type;
+  if (type == KAVOT_DNS_ETXT) return DNS_T_TXT;
+  PELK_WARN(kSource, __func__, "Invalid type of query passed to submission function");
+  return DNS_T_INVALID;
+}
+
+KAVO_TYPE kavo_convert_type_r(dns_type type) {
+  return static_cast<KAVO_TYPE>(type);
+}
+
+KAVO_ERR kavo_convert_status(dns_status err) {
+  if (err < DNS_E_PERM || err > DNS_E_NOERROR) return KAVOE_DNS;
+  return kStatusCodes[static_cast<size_t>(err - DNS_E_PERM)];
+}
+
+KAVO_ERR kavo_dns_status(KAVO kavo) {
+  return kavo == nullptr ? KAVOE_BADPAR : kavo_convert_status(dns_get_status(kavo->udns_ctx));
+}
+
+dns_parse_fn *kavo_get_parser(KAVO_TYPE type, unsigned flags) {
+  if ((flags & KAVOQF_PKT) != 0) return dns_parse_pkt;
+  if (type < kDnsParsers.size()) return kDnsParsers[type];
+  if (kavo_zonesmap_is_list(type)) return list_question(type).parser;
+  return type == KAVOT_DNS_ETXT ? dns_parse_etxt : nullptr;
+}
+
+}  // extern "C"

@@ -1,0 +1,167 @@
+// kavo_opt.cc - the options of a context: one table of names, ranges and places, and what each option acts on.
+//
+// Options are set while no server thread runs, hence without a lock. A value that is refused, by its range or by what
+// it acts on, is not kept.
+#include <errno.h>
+#include <stdint.h>
+
+#include <array>
+
+#include "kavo_t.h"
+
+namespace {
+
+constexpr char kSource[] = "kavo";
+
+using Action = KAVO_ERR(KAVO kavo, int engine_opt, uint32_t value);
+
+struct Option {
+  const char *name;
+  KAVO_OPT opt;
+  uint32_t kavo_t::*field;
+  uint32_t def_val;
+  uint32_t min;
+  uint32_t max;
+  Action *action;
+  int engine_opt;  // the engine's or the cacher's option that the action sets
+};
+
+KAVO_ERR result_of(int status) {
+  return status < 0 ? KAVOE_DNS : KAVOE_OK;
+}
+
+KAVO_ERR keep_only(KAVO, int, uint32_t) {
+  return KAVOE_OK;
+}
+
+KAVO_ERR set_engine(KAVO kavo, int engine_opt, uint32_t value) {
+  return dns_set_opt(kavo->udns_ctx, engine_opt, &value, sizeof value) == 0 ? KAVOE_OK : KAVOE_DNS;
+}
+
+KAVO_ERR set_timeout(KAVO kavo, const dns_timeval &timeout) {
+  return dns_set_opt(kavo->udns_ctx, DNS_OPT_TIMEOUT, &timeout, sizeof timeout) == 0 ? KAVOE_OK : KAVOE_DNS;
+}
+
+KAVO_ERR set_seconds(KAVO kavo, int, uint32_t value) {
+  return set_timeout(kavo, {static_cast<int32_t>(value), 0});
+}
+
+KAVO_ERR set_milliseconds(KAVO kavo, int, uint32_t value) {
+  constexpr uint32_t kMilli = 1000;
+  return set_timeout(kavo, {static_cast<int32_t>(value / kMilli), static_cast<int32_t>(value % kMilli * kMilli)});
+}
+
+KAVO_ERR set_round_robin(KAVO kavo, int engine_opt, uint32_t value) {
+  uint32_t flags = 0;
+  if (dns_get_opt(kavo->udns_ctx, engine_opt, &flags, sizeof flags) != 0) return KAVOE_DNS;
+  const uint32_t bit = DNS_SERVRRB;
+  return set_engine(kavo, engine_opt, value != 0 ? flags | bit : flags & ~bit);
+}
+
+struct dns_cacher *cacher_of(struct dns_cache *cache) {
+  struct dns_cacher *cacher = dns_cache_cacher(cache);
+  PELK_ASSERT(cacher, kSource);
+  return cacher;
+}
+
+// change_cacher_flags sets and clears bits of the answer cache's flags.
+KAVO_ERR change_cacher_flags(struct dns_cacher *cacher, uint32_t set, uint32_t clear) {
+  uint32_t flags = 0;
+  if (dns_cacher_getopt(cacher, DNS_CROPT_FLAGS, &flags, sizeof flags) < 0) return KAVOE_DNS;
+  flags = (flags | set) & ~clear;
+  return result_of(dns_cacher_setopt(cacher, DNS_CROPT_FLAGS, &flags, sizeof flags));
+}
+
+KAVO_ERR set_negative_ttl(KAVO kavo, int cacher_opt, uint32_t value) {
+  if (kavo->cache == nullptr) return KAVOE_OK;
+  struct dns_cacher *cacher = cacher_of(kavo->cache);
+  if (value != 0) {
+    const KAVO_ERR error = change_cacher_flags(cacher, DNS_CR_NCACHE, 0);
+    if (error != KAVOE_OK) return error;
+  }
+  return result_of(dns_cacher_setopt(cacher, cacher_opt, &value, sizeof value));
+}
+
+KAVO_ERR set_minimum_ttl(KAVO kavo, int cacher_opt, uint32_t value) {
+  if (kavo->cache == nullptr) return set_engine(kavo, DNS_OPT_MINTTL, value);
+  return result_of(dns_cacher_setopt(cacher_of(kavo->cache), cacher_opt, &value, sizeof value));
+}
+
+KAVO_ERR set_return_expired(KAVO kavo, int, uint32_t value) {
+  if (kavo->cache == nullptr) return KAVOE_OK;
+  struct dns_cacher *cacher = cacher_of(kavo->cache);
+  return value != 0 ? change_cacher_flags(cacher, DNS_CR_EXPIRED, 0) : change_cacher_flags(cacher, 0, DNS_CR_EXPIRED);
+}
+
+// set_referral_cache installs a referral cache of `value` bytes in the place of the one there is; the answer cache
+// stays even where it served referrals too.
+KAVO_ERR set_referral_cache(KAVO kavo, int, uint32_t value) {
+  if (value == 0) return KAVOE_OK;
+  struct dns_cache *cache = dns_cache_init(value);
+  if (cache == nullptr) {
+    PELK_ERROR(kSource, "kavo_set_opt", errno, KAVOE_DNS, "Unable to initialize cache for DNS recursion");
+    return KAVOE_DNS;
+  }
+  const dns_status status = dns_set_cache(kavo->udns_ctx, DNS_CU_REF, cacher_of(cache));
+  if (status < 0) {
+    dns_cache_destroy(cache);
+    return KAVOE_DNS;
+  }
+  if (kavo->rcache != nullptr && kavo->rcache != kavo->cache) dns_cache_destroy(kavo->rcache);
+  kavo->rcache = cache;
+  return status == 0 ? KAVOE_OK : KAVOE_DNS;
+}
+
+constexpr uint32_t kMaxInt = INT32_MAX;
+constexpr auto kScratch = &kavo_t::scratch;
+
+// In the order of the codes. def_val tells what a context starts with where nothing else says so; none is applied.
+constexpr std::array<Option, 18> kOptions = {{
+    {"negative_ttl", KAVOOPT_NXDOM_TTL, kScratch, 65535, 0, kMaxInt, set_negative_ttl, DNS_CROPT_DEFTTL},
+    {"min_cache_delay", KAVOOPT_MIN_CACHE_DELAY, &kavo_t::min_cache_delay, 1000, 0, 65535, keep_only, 0},
+    {"dns_port", KAVOOPT_DNS_PORT, &kavo_t::dns_port, 53, 1, 65535, set_engine, DNS_OPT_PORT},
+    {"close_fast", KAVOOPT_CLOSE_FAST, &kavo_t::close_fast, 0, 0, 1, keep_only, 0},
+    {"max_loop", KAVOOPT_MAX_LOOP, kScratch, 100, 1, 65536, set_engine, DNS_OPT_MAXLOOP},
+    {"max_alias", KAVOOPT_MAX_ALIAS, kScratch, 16, 1, 65536, set_engine, DNS_OPT_MAXALIAS},
+    {"max_packet", KAVOOPT_MAX_PACKET, kScratch, 4096, 512, 4096, set_engine, DNS_OPT_UDPSIZE},
+    {"timeout", KAVOOPT_TIMEOUT, kScratch, 3, 1, 300, set_seconds, DNS_OPT_TIMEOUT},
+    {"ntries", KAVOOPT_NTRIES, kScratch, 4, 1, 50, set_engine, DNS_OPT_NTRIES},
+    {"ndots", KAVOOPT_NDOTS, kScratch, 1, 0, 1000, set_engine, DNS_OPT_NDOTS},
+    {"dnsrec_cachesize", KAVOOPT_DNSREC_CACHESIZE, kScratch, 0, 0, UINT32_MAX, set_referral_cache, 0},
+    {"bsc_size", KAVOOPT_BSC_SIZE, kScratch, 0, 0, 262144, set_engine, DNS_OPT_BSC_SIZE},
+    {"bsc_upd_time", KAVOOPT_BSC_UPDTIME, kScratch, 60, 0, 86400, set_engine, DNS_OPT_BSC_UPDTIME},
+    {"bsc_nbest", KAVOOPT_BSC_NBEST, kScratch, 1, 1, 128, set_engine, DNS_OPT_BSC_NBEST},
+    {"serv_round_robin", KAVOOPT_SERV_RRB, kScratch, 0, 0, 1, set_round_robin, DNS_OPT_FLAGS},
+    {"minimum_ttl", KAVOOPT_MIN_TTL, kScratch, 0, 0, kMaxInt, set_minimum_ttl, DNS_CROPT_MINTTL},
+    {"cache_return_expired", KAVOOPT_CH_REXPRD, kScratch, 0, 0, 1, set_return_expired, DNS_CROPT_FLAGS},
+    {"timeout_msec", KAVOOPT_TIMEOUT_MSEC, kScratch, 3000, 1, 300000, set_milliseconds, DNS_OPT_TIMEOUT},
+}};
+
+constexpr bool in_code_order() {
+  for (unsigned i = 0; i < kOptions.size(); i++)
+    if (static_cast<unsigned>(kOptions[i].opt) != i || kOptions[i].min > kOptions[i].def_val ||
+        kOptions[i].def_val > kOptions[i].max)
+      return false;
+  return true;
+}
+static_assert(in_code_order(), "an option's code is its place, and its default lies in its range");
+
+}  // namespace
+
+KAVO_ERR kavo_set_opt(KAVO kavo, KAVO_OPT opt, uint32_t value) {
+  if (opt >= kOptions.size() || kavo == nullptr) return KAVOE_BADPAR;
+  if (kavo_srv_is_running(kavo) != 0) {
+    PELK_WARN(kSource, __func__, "Attempt to set option for already opened context");
+    return KAVOE_SRV;
+  }
+  const Option &option = kOptions[opt];
+  if (value < option.min || value > option.max) return KAVOE_BADPAR;
+  const KAVO_ERR error = option.action(kavo, option.engine_opt, value);
+  if (error != KAVOE_OK) return error;
+  kavo->*option.field = value;
+  return KAVOE_OK;
+}
+
+const char *kavo_opt_name(KAVO_OPT opt) {
+  return opt < kOptions.size() ? kOptions[opt].name : nullptr;
+}

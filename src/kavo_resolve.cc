@@ -1,0 +1,223 @@
+// kavo_resolve.cc - the front door for questions: subscribing and unsubscribing nodes, views of a node, and the
+// engine's statistics of its servers.
+//
+// Runs on the host's threads. A subscription adds only its checks to the query table's work and takes no lock of its
+// own; the views take the table lock; the statistics take none.
+#include "kavo_resolve.h"
+
+#include <errno.h>
+#include <stdint.h>
+#include <string.h>
+
+#include <algorithm>
+#include <array>
+
+#include <dns_engine.h>
+#include <dns_wire.h>
+#include <pelk.h>
+
+#include "kavo_t.h"
+
+namespace {
+
+constexpr auto &kSource = KAVO_RESOLVE_SOURCE;
+
+// The longest question that kavo_subscribe_node takes, in bytes.
+constexpr int kQueryMax = 255;
+
+// The labels that follow a reversed address in a PTR question, in wire form (the closing zero is the literal's own).
+constexpr char kInAddrArpa[] = "\7in-addr\4arpa";
+
+// From 1970-01-01 00:00:00 UTC to 2000-01-01, where the engine's seconds begin.
+constexpr int64_t kEngineEpoch = 946684800;
+
+using Dn = std::array<unsigned char, DNS_MAXDN>;
+using Servers = std::array<kavo_sa, KAVO_MAX_SERV>;
+
+constexpr unsigned public_flags(unsigned flags) {
+  return flags & ~KAVOQF_INTERNAL;
+}
+
+// asks_address returns whether a type's questions are IPv4 addresses.
+constexpr bool asks_address(KAVO_TYPE type) {
+  return type == KAVOT_BL_IP || type == KAVOT_BL_IP_TXT || type == KAVOT_DNS_PTR;
+}
+
+// read_servers turns a caller's list into a key's entries; `nserv` is at most the entries' number.
+[[nodiscard]] KAVO_ERR read_servers(const struct sockaddr *serv, unsigned nserv, Servers *entries) {
+  for (unsigned i = 0; i < nserv; ++i) {
+    struct sockaddr_in server;
+    memcpy(&server, serv + i, sizeof(server));
+    if (server.sin_family != AF_INET) {
+      PELK_INFO(kSource, "kavo_subscribe_node_", "Only IPv4 addresses are supported in servers list for node");
+      return KAVOE_BADPAR;
+    }
+    (*entries)[i] = {.addr = server.sin_addr.s_addr, .port = server.sin_port, .unused = 0};
+  }
+  return KAVOE_OK;
+}
+
+// address_dn writes the DN of a question about an address; 0 when the bytes are no address.
+[[nodiscard]] int address_dn(KAVO_TYPE type, const void *query, int query_len, Dn *dn) {
+  struct in_addr address;
+  if (query_len != static_cast<int>(sizeof(address))) return 0;
+  memcpy(&address, query, sizeof(address));
+  const int size = kavo_dns_a4todn(&address, dn->data(), static_cast<int>(dn->size()));
+  if (size > 0 && type == KAVOT_DNS_PTR) memcpy(dn->data() + size - 1, kInAddrArpa, sizeof(kInAddrArpa));
+  return size;
+}
+
+[[nodiscard]] KAVO_ERR lock_failed(const char *function, KAVO_ERR code) {
+  PELK_ERROR(kSource, function, errno, code, "Unable to lock query table");
+  return code;
+}
+
+// statistic asks the engine for one of its figures about a server.
+template <typename Value>
+[[nodiscard]] KAVO_ERR statistic(dns_status (*getter)(struct dns_ctx *, const struct sockaddr *, Value *), KAVO kavo,
+                                 const struct sockaddr *sa, Value *value) {
+  if (kavo == nullptr || sa == nullptr || value == nullptr) return KAVOE_BADPAR;
+  return kavo_convert_status(getter(kavo->udns_ctx, sa, value));
+}
+
+}  // namespace
+
+KAVO_ERR kavo_subscribe_node_(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn, const struct sockaddr *serv,
+                              unsigned nserv, unsigned flags, const struct timeval *deadline, KAVO_QUERY_NODE *node) {
+  if (kavo == nullptr) return KAVOE_BADPAR;
+  if (kavo_srv_is_running(kavo) == 0) {
+    PELK_INFO(kSource, __func__, "Attempt to subscribe query node when server is stopped");
+    return KAVOE_SRV;
+  }
+  if (kavo_zonesmap_zones(&kavo->zonesmap, query_type).empty()) {
+    PELK_INFO(kSource, __func__, "Cannot subscribe node, no zones defined for query type");
+    return KAVOE_NOZONES;
+  }
+  Servers servers;
+  const unsigned count = serv == nullptr ? 0 : nserv;
+  if (count > 0) {
+    if (count > servers.size()) return KAVOE_BADPAR;
+    const KAVO_ERR error = read_servers(serv, count, &servers);
+    if (error != KAVOE_OK) return error;
+    flags &= ~static_cast<unsigned>(KAVOQF_RECURSIVE);
+  }
+  if (kavo_get_parser(query_type, flags) == nullptr) {
+    PELK_INFO(kSource, __func__, "There is no parser for such type, use raw packet answer flag");
+    return KAVOE_NOPARSER;
+  }
+  return kavo_table_add(kavo, query_type, dn, count == 0 ? nullptr : servers.data(), count, deadline, flags, node);
+}
+
+extern "C" {
+
+KAVO_ERR kavo_subscribe_node_dn(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn, unsigned flags,
+                                const struct timeval *deadline, KAVO_QUERY_NODE *node) {
+  return kavo_subscribe_node_(kavo, query_type, dn, nullptr, 0, public_flags(flags), deadline, node);
+}
+
+KAVO_ERR kavo_subscribe_node_serv_ext(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn,
+                                      const struct sockaddr *serv, unsigned nserv, unsigned flags,
+                                      const struct timeval *deadline, KAVO_QUERY_NODE *node) {
+  return kavo_subscribe_node_(kavo, query_type, dn, serv, nserv, public_flags(flags), deadline, node);
+}
+
+KAVO_ERR kavo_subscribe_node_serv(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn, const struct sockaddr *serv,
+                                  unsigned nserv, const struct timeval *deadline, KAVO_QUERY_NODE *node) {
+  return kavo_subscribe_node_(kavo, query_type, dn, serv, nserv, 0, deadline, node);
+}
+
+KAVO_ERR kavo_subscribe_node_dcache_ext(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn,
+                                        const struct sockaddr *dcserv, unsigned flags, const struct timeval *deadline,
+                                        KAVO_QUERY_NODE *node) {
+  return kavo_subscribe_node_(kavo, query_type, dn, dcserv, 1, public_flags(flags) | KAVOQF_DCACHE, deadline, node);
+}
+
+KAVO_ERR kavo_subscribe_node_dcache(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn,
+                                    const struct sockaddr *dcserv, const struct timeval *deadline,
+                                    KAVO_QUERY_NODE *node) {
+  return kavo_subscribe_node_(kavo, query_type, dn, dcserv, 1, KAVOQF_DCACHE, deadline, node);
+}
+
+KAVO_ERR kavo_subscribe_node(KAVO kavo, KAVO_TYPE query_type, const void *query, int query_len, unsigned flags,
+                             const struct timeval *deadline, KAVO_QUERY_NODE *node) {
+  if (query == nullptr || query_len < 1 || query_len > kQueryMax) return KAVOE_BADPAR;
+  Dn dn;
+  const int size = asks_address(query_type)
+                       ? address_dn(query_type, query, query_len, &dn)
+                       : kavo_dns_ptodn(static_cast<const char *>(query), static_cast<unsigned>(query_len), dn.data(),
+                                        static_cast<int>(dn.size()));
+  if (size < 1) return KAVOE_BADPAR;
+  return kavo_subscribe_node_dn(kavo, query_type, dn.data(), flags, deadline, node);
+}
+
+KAVO_ERR kavo_subscribe_node_p(KAVO kavo, KAVO_TYPE query_type, const char *query, unsigned flags,
+                               const struct timeval *deadline, KAVO_QUERY_NODE *node) {
+  if (query == nullptr) return KAVOE_BADPAR;
+  if (asks_address(query_type)) {
+    struct in_addr address;
+    if (kavo_dns_ptoa4(query, &address) <= 0) return KAVOE_BADPAR;
+    return kavo_subscribe_node(kavo, query_type, &address, static_cast<int>(sizeof(address)), flags, deadline, node);
+  }
+  const auto length = static_cast<int>(strnlen(query, kQueryMax + 1));
+  return kavo_subscribe_node(kavo, query_type, query, length, flags, deadline, node);
+}
+
+KAVO_ERR kavo_unsubscribe_node(KAVO kavo, KAVO_QUERY_NODE node) {
+  if (kavo == nullptr) return KAVOE_BADPAR;
+  kavo_table_guard guard(kavo);
+  if (guard.error != KAVOE_OK) return lock_failed(__func__, guard.error);
+  return kavo_table_unsubscribe_node(kavo, node);
+}
+
+KAVO_TYPE kavo_node_type(KAVO kavo, KAVO_QUERY_NODE node) {
+  if (kavo == nullptr || node == nullptr || kavo_srv_is_running(kavo) == 0) return KAVOT_INVALID;
+  kavo_table_guard guard(kavo);
+  if (guard.error != KAVOE_OK) {
+    PELK_ERROR(kSource, __func__, errno, guard.error, "Unable to lock query table");
+    return KAVOT_INVALID;
+  }
+  return node->state == KAVOQS_READY ? KAVOT_INVALID : kavo_node_type_of(node);
+}
+
+KAVO_ERR kavo_node_qdn(KAVO kavo, KAVO_QUERY_NODE node, unsigned char *qdn, unsigned size, unsigned *written) {
+  if (written != nullptr) *written = 0;
+  if (kavo == nullptr || qdn == nullptr || node == nullptr || size == 0) return KAVOE_BADPAR;
+  if (kavo_srv_is_running(kavo) == 0) return KAVOE_BADPAR;
+  kavo_table_guard guard(kavo);
+  if (guard.error != KAVOE_OK) return lock_failed(__func__, guard.error);
+  if (node->state == KAVOQS_READY || kavo_node_type_of(node) == KAVOT_SYNC) return KAVOE_BADPAR;
+  const uint8_t *dn = kavo_node_dn(node);
+  const unsigned length = dns_dnlen(dn);
+  if (written != nullptr) *written = length;
+  if (size < length) return KAVOE_NOMEM;
+  memcpy(qdn, dn, length);
+  return KAVOE_OK;
+}
+
+KAVO_ERR kavo_get_serv_avgrtt(KAVO kavo, const struct sockaddr *sa, int *value) {
+  return statistic(dns_get_serv_avgrtt, kavo, sa, value);
+}
+
+KAVO_ERR kavo_get_serv_lastrtt(KAVO kavo, const struct sockaddr *sa, int *value) {
+  return statistic(dns_get_serv_lastrtt, kavo, sa, value);
+}
+
+KAVO_ERR kavo_get_serv_last_check(KAVO kavo, const struct sockaddr *sa, int *value) {
+  const KAVO_ERR error = statistic(dns_get_serv_last_check, kavo, sa, value);
+  if (error == KAVOE_OK) *value = static_cast<int>(std::min<int64_t>(*value + kEngineEpoch, INT32_MAX));
+  return error;
+}
+
+KAVO_ERR kavo_get_serv_nqsent(KAVO kavo, const struct sockaddr *sa, uint64_t *value) {
+  return statistic(dns_get_serv_nqsent, kavo, sa, value);
+}
+
+KAVO_ERR kavo_get_serv_nused(KAVO kavo, const struct sockaddr *sa, uint64_t *value) {
+  return statistic(dns_get_serv_nused, kavo, sa, value);
+}
+
+KAVO_ERR kavo_get_serv_ntimeout(KAVO kavo, const struct sockaddr *sa, uint64_t *value) {
+  return statistic(dns_get_serv_ntimeout, kavo, sa, value);
+}
+
+}  // extern "C"

@@ -1,0 +1,55 @@
+// kavo_sync.cc - sync nodes: nodes that ask nothing and end the wait of one thread when another signals them.
+//
+// They lie in the query table like any node, under a name made from the context's counter, and hold a permit. The
+// server thread never sees them. Any thread; the states change with mx_table held.
+#include <errno.h>
+#include <stdint.h>
+
+#include "kavo_query_table.h"
+
+namespace {
+
+constexpr char kSource[] = "kavo_sync";
+
+// Bytes of a sync node's name besides the counter's digits: the label's length, a dot, the closing zero. With the dot
+// no question for a host's name meets it.
+constexpr unsigned kNameExtra = 3;
+constexpr unsigned kDigitsMax = 10;  // digits of a 32-bit counter
+static_assert(kDigitsMax + kNameExtra <= DNS_MAXDN);
+
+constexpr uint32_t kBase = 10;
+
+// write_name writes the name of the sync node with a number: its digits, the lowest first.
+void write_name(uint32_t number, unsigned char *dn) {
+  unsigned char *at = dn + 1;
+  *at++ = '.';
+  do {
+    *at++ = static_cast<unsigned char>('0' + number % kBase);
+    number /= kBase;
+  } while (number != 0);
+  dn[0] = static_cast<unsigned char>(at - dn - 1);
+  *at = 0;
+}
+
+}  // namespace
+
+KAVO_ERR kavo_subscribe_syncnode(KAVO kavo, const struct timeval *deadline, KAVO_QUERY_NODE *node) {
+  if (kavo == nullptr) return KAVOE_BADPAR;
+  unsigned char dn[kDigitsMax + kNameExtra];
+  write_name(kavo->syncid.fetch_add(1, std::memory_order_relaxed), dn);
+  return kavo_table_add(kavo, KAVOT_SYNC, dn, nullptr, 0, deadline, 0, node);
+}
+
+KAVO_ERR kavo_signal_syncnode(KAVO kavo, KAVO_QUERY_NODE node) {
+  if (node == nullptr || kavo == nullptr) return KAVOE_BADPAR;
+  kavo_table_guard guard(kavo);
+  if (guard.error != KAVOE_OK) {
+    PELK_ERROR(kSource, __func__, errno, guard.error, "Unable to lock query table");
+    return guard.error;
+  }
+  if (node->state != KAVOQS_SYNCWAIT && node->state != KAVOQS_SYNCSIG) return KAVOE_BADPAR;
+  const KAVO_ERR error = kavo_table_change_state(kavo, node, KAVOQS_SYNCSIG);
+  if (error != KAVOE_OK)
+    PELK_ERROR(kSource, __func__, errno, error, "Unable to change node state, target state %d", KAVOQS_SYNCSIG);
+  return error;
+}

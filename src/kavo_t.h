@@ -1,0 +1,91 @@
+// kavo_t.h - the context record, which every area of the library is handed.
+//
+// The areas' owners: kavo.cc makes and releases the record and moves the server's state; kavo_srv.cc is the server
+// thread's; kavo_query_table.cc keeps the table, the counters and the pool. The zones map, the options and the caches
+// have no lock: they change only while no server thread runs. What a lock guards says so.
+#ifndef KAVO_T_H
+#define KAVO_T_H
+
+#include <stdint.h>
+
+#include <atomic>
+
+#include <dns_engine.h>
+#include <kavo.h>
+#include <pelk.h>
+#include <shash.h>
+
+#include "kavo_zonesmap.h"
+
+struct kavo_arg_chunk;
+struct kavo_cb_arg;
+
+// Bytes in which the server thread rebuilds an answer from an expired cache entry: the packet, and one record's data.
+inline constexpr unsigned KAVO_PBUF_SIZE = 4096;
+inline constexpr unsigned KAVO_RRBUF_SIZE = 1024;
+
+// kavo_event_pipe: how callers wake the server thread. The read end does not block.
+struct kavo_event_pipe {
+  int read_end = -1;
+  int write_end = -1;
+};
+
+// kavo_lookup: the key that kavo_table_add looks up, which lies in no node. The key comparison takes the flags of such
+// a key from here, and those of any other from its node.
+struct kavo_lookup {
+  const uint8_t *key = nullptr;
+  uint32_t flags = 0;
+};
+
+struct kavo_t {
+  struct dns_ctx *udns_ctx = nullptr;  // the server thread's alone while it runs
+  kavo_event_pipe qa_pipe;
+  std::atomic<bool> wake_pending = false;  // a byte is in the pipe, or about to be, that the server has not answered
+  struct dns_ios *ios = nullptr;           // the server thread's socket list while it runs
+  uint32_t nios = 0;
+  kavo_zonesmap zonesmap = {};
+
+  pelk_mutex_t mx_table = {};
+  pelk_cond_t cond_table = {};
+  pelk_sem_t sem_free_node = {};  // a permit for each node that may still be taken into use
+  bool table_ready = false;       // the table, its locks and its semaphore are there to be released
+  uint32_t table_size = 0;
+  shash_table query_table PELK_GUARDED_BY(mx_table) = {};
+  kavo_lookup lookup PELK_GUARDED_BY(mx_table);
+  uint64_t table_pmotion PELK_GUARDED_BY(mx_table) = 0;   // table_motion when the statistics were last logged
+  uint64_t table_motion PELK_GUARDED_BY(mx_table) = 0;    // additions that reached the table
+  uint64_t table_overflow PELK_GUARDED_BY(mx_table) = 0;  // additions that found no node free
+  uint64_t table_reused PELK_GUARDED_BY(mx_table) = 0;    // additions that joined a node
+  std::atomic<uint64_t> table_dropped = 0;                // additions whose deadline passed before a node was free
+  uint32_t table_nfree PELK_GUARDED_BY(mx_table) = 0;
+  std::atomic<uint32_t> event = 0;  // a node has changed its state since the last broadcast; set with mx_table held
+  kavo_arg_chunk *arg_chunks PELK_GUARDED_BY(mx_table) = nullptr;
+  kavo_cb_arg *free_arg PELK_GUARDED_BY(mx_table) = nullptr;
+  int free_arg_count PELK_GUARDED_BY(mx_table) = 0;
+
+  // mx_srvstate guards every change of the state, the state function's calls and the thread's start and end. It is
+  // never held while mx_table is taken.
+  pelk_mutex_t mx_srvstate = {};
+  pelk_cond_t cond_srvstate = {};
+  bool srv_cond_ready = false;
+  bool srv_mutex_ready = false;
+  std::atomic<KAVO_SRV_STATE> srvstate = KAVOSS_STOPPED;
+  pelk_thread_t srv_tid PELK_GUARDED_BY(mx_srvstate) = {};
+  bool srv_joinable PELK_GUARDED_BY(mx_srvstate) = false;  // srv_tid is a thread that nobody has joined
+  kavo_srvstate_chg_fn *srvstate_chg_cb = nullptr;
+  void *srvstate_chg_cb_uctx = nullptr;
+
+  std::atomic<uint32_t> syncid = 0;  // numbers the sync nodes
+  uint32_t min_cache_delay = 0;
+  uint32_t close_fast = 0;
+  uint32_t dns_port = 0;
+  int32_t max_zones = 0;  // fixed at creation
+  uint32_t scratch = 0;   // the sink of option values that are kept nowhere else
+  struct dns_cache *cache = nullptr;
+  struct dns_cache *rcache = nullptr;  // may be the same object as `cache`
+
+  alignas(8) uint8_t pbuf[KAVO_PBUF_SIZE] = {};
+  alignas(8) uint8_t rrbuf[KAVO_RRBUF_SIZE] = {};
+};
+
+#endif  // KAVO_T_H

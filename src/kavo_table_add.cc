@@ -1,0 +1,262 @@
+// kavo_table_add.cc - the query table: how a question comes to its node.
+//
+// Runs on the host's threads. A question joins the node that asks it already, or takes one. Waiting for a free node
+// happens outside the lock, on a semaphore that holds one permit for each node that may be taken; so a node that is
+// taken always finds room in the hash table, where an item of the free list gives way when there is none.
+#include <errno.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <memory>
+
+#include <dns_wire.h>
+
+#include "kavo_query_table.h"
+#include "kavo_zonesmap.h"
+
+namespace {
+
+constexpr char kSource[] = "kavo_query_table";
+constexpr char kAdd[] = "kavo_table_add";  // the operation that every line logged here belongs to
+
+// Additions since the last line of statistics that make another one due: more than kStatFew, and a tenth of the total
+// at the last line; or more than kStatMany whatever that total was.
+constexpr uint64_t kStatFew = 10;
+constexpr uint64_t kStatShare = 10;
+constexpr uint64_t kStatMany = 500;
+
+struct Key {
+  uint8_t bytes[KAVO_KEY_SIZE_MAX];
+  uint16_t size;
+};
+
+struct Free {
+  void operator()(void *block) const { free(block); }
+};
+using NodePtr = std::unique_ptr<kavo_query_node_t, Free>;
+
+bool is_addable(KAVO_TYPE type) {
+  return (type >= KAVOT_DNS_MIN && type <= KAVOT_BL_MAX) || type == KAVOT_DNS_ETXT || type == KAVOT_SYNC;
+}
+
+// build_key writes the key of a question; false for a name or servers that no key holds.
+bool build_key(KAVO_TYPE type, const unsigned char *dn, const kavo_sa *serv, unsigned nserv, Key *key) {
+  const uint32_t number = type;
+  const unsigned dnlen = dns_dnlen(dn);
+  const unsigned servers = serv == nullptr ? 0 : nserv;
+  if (dnlen < 1 || dnlen > DNS_MAXDN || servers > KAVO_MAX_SERV) return false;
+  memcpy(key->bytes, &number, sizeof number);
+  memcpy(key->bytes + KAVO_KEY_DN, dn, dnlen);
+  if (servers != 0) memcpy(key->bytes + KAVO_KEY_DN + dnlen, serv, servers * sizeof *serv);
+  key->size = static_cast<uint16_t>(KAVO_KEY_DN + dnlen + servers * sizeof *serv);
+  return true;
+}
+
+kavo_query_node_t *find_node(KAVO ctx, const Key &key, uint32_t flags) PELK_REQUIRES(ctx->mx_table) {
+  ctx->lookup = {key.bytes, flags};
+  shash_item *item = shash_search(&ctx->query_table, key.bytes, key.size);
+  ctx->lookup = {};
+  return item == nullptr ? nullptr : kavo_node_of_key(ctx, item->pKey);
+}
+
+// join_node adds a caller's hold to a node that is in use; false for one that is free or has failed.
+bool join_node(KAVO ctx, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_table) {
+  if (node == nullptr || node->state < KAVOQS_SYNCWAIT || node->state > KAVOQS_SYNCSIG) return false;
+  node->client_count++;
+  ctx->table_reused++;
+  return true;
+}
+
+// insert_node makes a node for a key and files it in the list of `state`.
+KAVO_ERR insert_node(KAVO ctx, const Key &key, kavo_query_state state, kavo_query_node_t **node)
+    PELK_REQUIRES(ctx->mx_table) {
+  const size_t distance = kavo_key_distance(ctx);
+  const size_t size = distance + key.size;
+  NodePtr fresh(static_cast<kavo_query_node_t *>(calloc(1, size)));
+  if (fresh == nullptr) {
+    PELK_ERROR(kSource, kAdd, errno, KAVOE_NOMEM, "Unable to allocate %d bytes for query node", static_cast<int>(size));
+    return KAVOE_NOMEM;
+  }
+  void *block = fresh.get();
+  uint8_t *place = static_cast<uint8_t *>(block) + distance;
+  memcpy(place, key.bytes, key.size);
+  fresh->hashitem = shash_insert(&ctx->query_table, place, key.size, static_cast<rindex_t>(kavo_state2range(state)));
+  if (fresh->hashitem == nullptr) {
+    PELK_ERROR(kSource, kAdd, errno, KAVOE_FAIL, "Node insertion error");
+    return KAVOE_FAIL;
+  }
+  *node = fresh.release();
+  return KAVOE_OK;
+}
+
+// take_block finds the block of a question that no node in use asks: the free one that has its key, or a new one. A
+// failed node that still has holders leaves the index, so that its question can be asked anew while they read it.
+KAVO_ERR take_block(KAVO ctx, const Key &key, kavo_query_node_t *found, kavo_query_state state,
+                    kavo_query_node_t **node) PELK_REQUIRES(ctx->mx_table) {
+  if (found != nullptr && found->client_count == 0) {
+    *node = found;
+    return kavo_table_move(ctx, found, kavo_state2range(state));
+  }
+  if (found != nullptr) shash_unindex(&ctx->query_table, found->hashitem);
+  return insert_node(ctx, key, state, node);
+}
+
+void log_statistics(KAVO ctx) PELK_REQUIRES(ctx->mx_table) {
+  const uint64_t added = ctx->table_motion - ctx->table_pmotion;
+  const bool due = added > kStatMany || (added > kStatFew && added >= ctx->table_pmotion / kStatShare);
+  if (!due) return;
+  ctx->table_pmotion = ctx->table_motion;
+  pelk_syslog(PELK_LOG_INFO, "KAVO info: table stat: motion %llu, overflow %llu, reused %llu, dropped %llu",
+              static_cast<unsigned long long>(ctx->table_motion), static_cast<unsigned long long>(ctx->table_overflow),
+              static_cast<unsigned long long>(ctx->table_reused),
+              static_cast<unsigned long long>(ctx->table_dropped.load(std::memory_order_relaxed)));
+}
+
+// arm_node gives a new node its arguments and its two holds, the caller's and the server thread's.
+KAVO_ERR arm_node(KAVO ctx, KAVO_TYPE type, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_table) {
+  const size_t zones = kavo_zonesmap_zones(&ctx->zonesmap, type).size();
+  node->client_count = 2;
+  if (zones != 0 && kavo_table_get_args(ctx, node, static_cast<int>(zones)) != nullptr) return KAVOE_OK;
+  PELK_ERROR(kSource, kAdd, errno, KAVOE_NOMEM, "Unable to get arguments buffer for new node");
+  node->state = KAVOQS_ERROR;
+  node->client_count = 0;
+  static_cast<void>(kavo_table_move(ctx, node, KAVO_RANGE_FREE));
+  kavo_table_give_back(ctx);
+  return KAVOE_NOMEM;
+}
+
+// take_node makes the node of a question, with a permit that is counted. A failure gives the permit back.
+KAVO_ERR take_node(KAVO ctx, const Key &key, KAVO_TYPE type, unsigned flags, kavo_query_node_t *found,
+                   kavo_query_node_t **node) PELK_REQUIRES(ctx->mx_table) {
+  const kavo_query_state state = type == KAVOT_SYNC ? KAVOQS_SYNCWAIT : KAVOQS_NEW;
+  kavo_query_node_t *taken = nullptr;
+  const KAVO_ERR error = take_block(ctx, key, found, state, &taken);
+  if (error != KAVOE_OK) {
+    kavo_table_give_back(ctx);
+    return error;
+  }
+  log_statistics(ctx);
+  taken->ctx = ctx;
+  taken->state = state;
+  taken->flags = flags;
+  taken->client_count = 1;
+  if (type != KAVOT_SYNC) {
+    const KAVO_ERR armed = arm_node(ctx, type, taken);
+    if (armed != KAVOE_OK) return armed;
+  }
+  *node = taken;
+  return KAVOE_OK;
+}
+
+// try_permit takes a permit if one is free, without waiting.
+bool try_permit(KAVO ctx) {
+  const struct timeval past = {};
+  return pelk_sem_wait_deadline(&ctx->sem_free_node, &past) == 0;
+}
+
+KAVO_ERR wait_permit(KAVO ctx, const struct timeval *deadline) {
+  const int error =
+      deadline != nullptr ? pelk_sem_wait_deadline(&ctx->sem_free_node, deadline) : pelk_sem_wait(&ctx->sem_free_node);
+  if (error == 0) return KAVOE_OK;
+  if (error == PELK_TIMEDOUT) {
+    ctx->table_dropped.fetch_add(1, std::memory_order_relaxed);
+    return KAVOE_TIMEOUT;
+  }
+  PELK_ERROR(kSource, kAdd, errno, KAVOE_THR, "Semaphore waiting error");
+  return KAVOE_THR;
+}
+
+// What became of a question: it joined a node that was in use, has a new one, or must wait for a permit.
+enum class Added { joined, taken, full, failed };
+
+// add_at_once serves a question that needs no wait: its node is in use, or a permit is free.
+Added add_at_once(KAVO ctx, const Key &key, KAVO_TYPE type, unsigned flags, kavo_query_node_t **node, KAVO_ERR *error) {
+  kavo_table_guard guard(ctx);
+  if (guard.error != KAVOE_OK) {
+    PELK_ERROR(kSource, kAdd, errno, guard.error, "Unable to lock table");
+    *error = guard.error;
+    return Added::failed;
+  }
+  ctx->table_motion++;
+  kavo_query_node_t *found = find_node(ctx, key, flags);
+  if (join_node(ctx, found)) {
+    *node = found;
+    return Added::joined;
+  }
+  if (ctx->table_nfree == 0) ctx->table_overflow++;
+  if (ctx->table_nfree == 0 || !try_permit(ctx)) return Added::full;
+  ctx->table_nfree--;
+  *error = take_node(ctx, key, type, flags, found, node);
+  return *error == KAVOE_OK ? Added::taken : Added::failed;
+}
+
+// add_with_permit serves a question after the wait for its permit. Another caller may have asked it meanwhile.
+Added add_with_permit(KAVO ctx, const Key &key, KAVO_TYPE type, unsigned flags, kavo_query_node_t **node,
+                      KAVO_ERR *error) {
+  kavo_table_guard guard(ctx);
+  if (guard.error != KAVOE_OK) {
+    PELK_ERROR(kSource, kAdd, errno, guard.error, "Unable to lock table");
+    pelk_sem_post(&ctx->sem_free_node);
+    *error = guard.error;
+    return Added::failed;
+  }
+  ctx->table_nfree--;
+  kavo_query_node_t *found = find_node(ctx, key, flags);
+  if (join_node(ctx, found)) {
+    kavo_table_give_back(ctx);
+    *node = found;
+    return Added::joined;
+  }
+  *error = take_node(ctx, key, type, flags, found, node);
+  return *error == KAVOE_OK ? Added::taken : Added::failed;
+}
+
+// wake_server writes a byte to the event pipe, unless one is there that the server thread has yet to answer: it clears
+// the mark after it has emptied the pipe and before it looks for new nodes.
+bool wake_server(KAVO ctx) {
+  if (ctx->wake_pending.exchange(true, std::memory_order_acq_rel)) return true;
+  const uint8_t event = 0;
+  ssize_t written = 0;
+  do {
+    written = write(ctx->qa_pipe.write_end, &event, sizeof event);
+  } while (written < 0 && errno == EINTR);
+  if (written == sizeof event) return true;
+  ctx->wake_pending.store(false, std::memory_order_release);
+  return false;
+}
+
+// announce wakes the server thread for a new node. A node that cannot be announced stays the server's, which submits it
+// when it next wakes; the caller's hold is dropped.
+KAVO_ERR announce(KAVO ctx, kavo_query_node_t *node) {
+  if (wake_server(ctx)) return KAVOE_OK;
+  PELK_ERROR(kSource, kAdd, errno, KAVOE_FAIL, "Unable to send event to a server via pipe");
+  kavo_table_guard guard(ctx);
+  if (guard.error == KAVOE_OK) kavo_table_unsubscribe_node(ctx, node);
+  return KAVOE_FAIL;
+}
+
+}  // namespace
+
+KAVO_ERR kavo_table_add(KAVO ctx, KAVO_TYPE type, const unsigned char *dn, const kavo_sa *serv, unsigned nserv,
+                        const struct timeval *deadline, unsigned flags, KAVO_QUERY_NODE *query_node) {
+  Key key;
+  if (query_node == nullptr || ctx == nullptr || dn == nullptr || !is_addable(type)) return KAVOE_BADPAR;
+  if (!build_key(type, dn, serv, nserv, &key)) return KAVOE_BADPAR;
+  *query_node = nullptr;
+  kavo_query_node_t *node = nullptr;
+  KAVO_ERR error = KAVOE_OK;
+  Added added = add_at_once(ctx, key, type, flags, &node, &error);
+  if (added == Added::full) {
+    error = wait_permit(ctx, deadline);
+    if (error != KAVOE_OK) return error;
+    added = add_with_permit(ctx, key, type, flags, &node, &error);
+  }
+  if (added == Added::failed) return error;
+  if (added == Added::taken && type != KAVOT_SYNC) {
+    error = announce(ctx, node);
+    if (error != KAVOE_OK) return error;
+  }
+  *query_node = node;
+  return KAVOE_OK;
+}

@@ -1,0 +1,412 @@
+// answers_test - what comes back: list answers zone by zone, what a question costs in packets, every record type
+// through real servers, the cache, and servers that fail or lie. Where packets are counted, a context asks for the
+// first time and nothing is sent twice: the first try of a server that was never asked waits for the whole time-out.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <kavo.h>
+
+#include <algorithm>
+#include <array>
+#include <barrier>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/host.h"
+#include "support/namedaemons.h"
+
+namespace {
+
+using support::Answers;
+using support::Deadline;
+using support::Host;
+using support::kLongMs;
+using support::kShortMs;
+using support::ListServer;
+using support::Node;
+using Texts = std::vector<std::string>;
+
+constexpr uint32_t kNeverMs = 300'000;  // a time-out that no test sits through
+constexpr int kCache = 1 << 20;
+
+constexpr const char *kThreeZones =
+    "zone a.list\nlist 192.0.2.0/24 127.0.0.2 \"first\"\n"
+    "zone b.list\nlist 198.51.100.7\n"
+    "zone c.list\nlist 192.0.2.1 127.0.0.4,127.0.0.5 \"third\"\n"
+    "zone dead.list\nfault dead\n";
+
+class AnswersTest : public support::HostTest {};
+
+const std::string kListed = support::address_bytes("192.0.2.1");
+
+Host &with_three_zones(Host &host, const ListServer &server) {
+  host.server(server.port()).option(KAVOOPT_TIMEOUT_MSEC, kNeverMs).option(KAVOOPT_CLOSE_FAST, 1);
+  for (const char *zone : {"a.list", "b.list", "c.list"})
+    host.zone(KAVOT_BL_IP, zone).zone(KAVOT_BL_IP_TXT, zone);
+  return host.open();
+}
+
+TEST_F(AnswersTest, ThreeZonesCostThreePackets) {
+  ListServer server(kThreeZones);
+  Host host;
+  with_three_zones(host, server);
+  Node node(host, KAVOT_BL_IP, "192.0.2.1");
+  ASSERT_EQ(node.wait(KAVOWT_FULL), KAVOE_OK);
+  std::vector<KAVO_ANSWER> all;
+  EXPECT_EQ(support::in_place(host, node, &all), (Texts{"127.0.0.2", "NXDOM", "127.0.0.4,127.0.0.5"}));
+  ASSERT_EQ(all.size(), 3u);
+  for (size_t i = 0; i < all.size(); ++i) {
+    EXPECT_EQ(all[i].type, KAVOT_BL_IP);
+    EXPECT_EQ(all[i].zone, static_cast<int>(i) + 1);
+    EXPECT_EQ(all[i].cache_code, KAVOCC_NEXISTS);
+  }
+  EXPECT_STREQ(kavo_zonesmap_zone(host, all[2].zone), "c.list");
+  EXPECT_STREQ(all[2].rr.rr_a->dnsa4_qname, "1.2.0.192.c.list");
+  EXPECT_EQ(server.received(), 3u);
+
+  Answers reasons;
+  ASSERT_EQ(reasons.query(host, KAVOT_BL_IP_TXT, kListed), KAVOE_OK);
+  EXPECT_EQ(reasons.texts(), (Texts{"first", "NXDOM", "third"}));
+}
+
+TEST_F(AnswersTest, EightThreadsAtOnceStillCostThreePackets) {
+  constexpr int kThreads = 8;
+  ListServer server(kThreeZones);
+  Host host;
+  with_three_zones(host, server);
+  std::barrier everybody(kThreads);
+  std::array<KAVO_QUERY_NODE, kThreads> nodes{};
+  std::vector<std::thread> threads;
+  for (KAVO_QUERY_NODE &seen : nodes) {
+    threads.emplace_back([&] {
+      everybody.arrive_and_wait();
+      Node node(host, KAVOT_BL_IP, "192.0.2.1");
+      EXPECT_EQ(node.wait(KAVOWT_FULL), KAVOE_OK);
+      EXPECT_EQ(support::in_place(host, node), (Texts{"127.0.0.2", "NXDOM", "127.0.0.4,127.0.0.5"}));
+      seen = node;
+      everybody.arrive_and_wait();  // nobody lets go before everybody has asked
+    });
+  }
+  for (std::thread &thread : threads)
+    thread.join();
+  EXPECT_EQ(std::count(nodes.begin(), nodes.end(), nodes[0]), kThreads);
+  EXPECT_EQ(server.received(), 3u);
+  EXPECT_EQ(kavo_nactive(host), 0u);
+}
+
+TEST_F(AnswersTest, PartlyResolvedNodeShowsWhatHasArrived) {
+  ListServer server(kThreeZones);
+  Host host;
+  host.server(server.port()).option(KAVOOPT_TIMEOUT_MSEC, kNeverMs).option(KAVOOPT_CLOSE_FAST, 1);
+  for (const char *zone : {"a.list", "dead.list", "b.list"})
+    host.zone(KAVOT_BL_IP, zone);
+  host.zone(KAVOT_BL_DOM, "dead.list").open();
+
+  Node silent(host, KAVOT_BL_DOM, "example");
+  EXPECT_EQ(silent.wait(KAVOWT_NONE), KAVOE_OK);
+  Node node(host, KAVOT_BL_IP, "192.0.2.1");
+  EXPECT_EQ(node.wait(KAVOWT_FIRST), KAVOE_OK);
+  Answers answers;
+  for (unsigned waited = 0; answers.size() < 2 && waited < kLongMs; ++waited) {
+    ASSERT_EQ(answers.copy(host, node), KAVOE_OK);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  EXPECT_EQ(answers.texts(), (Texts{"127.0.0.2", "NXDOM"}));
+  EXPECT_EQ(answers[1].zone, 3);
+  EXPECT_EQ(support::in_place(host, node), answers.texts());
+  for (const KAVO_WAIT_LEVEL level : {KAVOWT_NONE, KAVOWT_CACHE, KAVOWT_DCACHE, KAVOWT_FIRST})
+    EXPECT_EQ(node.wait(level, 0), KAVOE_OK) << level;
+  EXPECT_EQ(node.wait(KAVOWT_FULL, kShortMs), KAVOE_TIMEOUT);
+
+  KAVO_QUERY_NODE nodes[]{silent, node};
+  KAVO_QUERY_NODE resolved = nullptr;
+  EXPECT_EQ(kavo_wait_multiple_nodes(host, nodes, 2, KAVOWT_FIRST, 0, Deadline(kLongMs), &resolved), KAVOE_OK);
+  EXPECT_EQ(resolved, nodes[1]);
+  EXPECT_EQ(kavo_wait_multiple_nodes(host, nodes, 2, KAVOWT_FIRST, 1, Deadline(kShortMs), &resolved), KAVOE_TIMEOUT);
+  EXPECT_EQ(resolved, nullptr);
+  EXPECT_EQ(answers.copy(host, silent), KAVOE_NODATA);
+}
+
+TEST_F(AnswersTest, CopiesGoIntoTheCallersStorage) {
+  ListServer server(kThreeZones);
+  Host host;
+  with_three_zones(host, server);
+  Node node(host, KAVOT_BL_IP, "192.0.2.1");
+  ASSERT_EQ(node.wait(KAVOWT_FULL), KAVOE_OK);
+
+  std::array<KAVO_ANSWER, 3> array{};
+  KAVO_ANSWER *place = array.data();
+  int written = -1;
+  EXPECT_EQ(kavo_copy_answer(host, node, &place, 1, &written, 0), KAVOE_NOMEM);
+  EXPECT_EQ(written, 3) << "the caller learns what it needs";
+  ASSERT_EQ(kavo_rr_alloc(&array[0].rr, 1024), KAVOE_OK);
+  ASSERT_EQ(kavo_rr_alloc(&array[2].rr, sizeof(dns_rr_a4)), KAVOE_OK);
+  EXPECT_EQ(kavo_copy_answer(host, node, &place, 3, &written, 0), KAVOE_OK);
+  EXPECT_EQ(support::render(array[0]), "127.0.0.2");
+  EXPECT_EQ(array[1].err_code, KAVOE_NXDOM);
+  EXPECT_EQ(array[2].err_code, KAVOE_NOMEM) << "its block is too small";
+  EXPECT_EQ(array[2].zone, 3);
+  for (KAVO_ANSWER &answer : array)
+    kavo_rr_free(&answer.rr);
+
+  Answers answers;
+  ASSERT_EQ(answers.copy(host, node), KAVOE_OK);
+  const KAVO_ANSWER *data = answers.data();
+  const void *block = answers[0].rr.rr_mem;
+  node.drop();
+  ASSERT_EQ(answers.query(host, KAVOT_BL_IP, kListed), KAVOE_OK);
+  EXPECT_EQ(answers.data(), data) << "array and blocks are used again";
+  EXPECT_EQ(answers[0].rr.rr_mem, block);
+  EXPECT_EQ(answers.texts(), (Texts{"127.0.0.2", "NXDOM", "127.0.0.4,127.0.0.5"}));
+}
+
+TEST_F(AnswersTest, RealListServer) {
+  const auto daemon = support::start_rbldnsd(
+      {{"ip.list", "ip4set", ":127.0.0.2:listed, see $\n192.0.2.0/24\n198.51.100.7 :127.0.0.9:alone\n!192.0.2.66\n"},
+       {"more.list", "ip4set", ":127.0.0.3:too\n192.0.2.0/25\n"},
+       {"dom.list", "dnset", ":127.0.1.2:bad domain\n.bad.example\nonly.example\n"}});
+  Host host;
+  host.server(daemon->port()).zone(KAVOT_BL_IP, "ip.list").zone(KAVOT_BL_IP, "more.list");
+  host.zone(KAVOT_BL_IP_TXT, "ip.list").zone(KAVOT_BL_DOM, "dom.list").zone(KAVOT_BL_DOM_TXT, "dom.list").open();
+  const auto ask = [&](KAVO_TYPE type, const std::string &subject) {
+    Answers answers;
+    EXPECT_EQ(answers.query(host, type, subject), KAVOE_OK);
+    return answers.texts();
+  };
+  EXPECT_EQ(ask(KAVOT_BL_IP, kListed), (Texts{"127.0.0.2", "127.0.0.3"}));
+  EXPECT_EQ(ask(KAVOT_BL_IP, support::address_bytes("192.0.2.66")), (Texts{"NXDOM", "127.0.0.3"}));
+  EXPECT_EQ(ask(KAVOT_BL_IP, support::address_bytes("192.0.2.200")), (Texts{"127.0.0.2", "NXDOM"}));
+  EXPECT_EQ(ask(KAVOT_BL_IP_TXT, support::address_bytes("198.51.100.7")), Texts{"alone"});
+  EXPECT_EQ(ask(KAVOT_BL_IP_TXT, kListed), Texts{"listed, see 192.0.2.1"});
+  EXPECT_EQ(ask(KAVOT_BL_DOM, "deep.below.bad.example"), Texts{"127.0.1.2"});
+  EXPECT_EQ(ask(KAVOT_BL_DOM, "ONLY.Example"), Texts{"127.0.1.2"});
+  EXPECT_EQ(ask(KAVOT_BL_DOM, "not.only.example"), Texts{"NXDOM"});
+  EXPECT_EQ(ask(KAVOT_BL_DOM_TXT, "bad.example"), Texts{"bad domain"});
+}
+
+constexpr const char *kMaster =
+    "$ORIGIN corp.example.\n$TTL 300\n"
+    "@ SOA ns1 admin 1 3600 600 86400 300\n@ NS ns1\n@ NS ns2\nns1 A 127.0.0.1\nns2 A 127.0.0.1\n"
+    "@ MX 10 mx1\n@ MX 20 mx2.corp.example.\n@ TXT \"v=spf1 \" \"-all\"\n@ TXT \"second\"\n"
+    "mx1 A 192.0.2.10\nmx1 A 192.0.2.11\nmx1 AAAA 2001:db8::10\nmx2 A 192.0.2.12\n"
+    "alias CNAME middle\nmiddle CNAME mx1\n_smtp._tcp SRV 1 2 25 mx1\n";
+constexpr const char *kReverse =
+    "$ORIGIN 2.0.192.in-addr.arpa.\n$TTL 300\n@ SOA ns1.corp.example. admin.corp.example. 1 3600 600 86400 300\n"
+    "@ NS ns1.corp.example.\n10 PTR mx1.corp.example.\n";
+
+// An authoritative server and a resolver in front of it.
+class RecordsTest : public AnswersTest {
+ protected:
+  std::unique_ptr<support::NameDaemon> master_ =
+      support::start_nsd({{"corp.example", kMaster}, {"2.0.192.in-addr.arpa", kReverse}});
+  std::unique_ptr<support::NameDaemon> resolver_ =
+      support::start_unbound({{"corp.example", master_->port()}, {"2.0.192.in-addr.arpa", master_->port()}});
+};
+
+TEST_F(RecordsTest, EveryTypeDirectlyAndThroughAResolver) {
+  struct Question {
+    KAVO_TYPE type;
+    std::string subject;
+    std::string answer;
+  };
+  const std::vector<Question> questions{{KAVOT_DNS_A, "mx1.corp.example", "192.0.2.10,192.0.2.11"},
+                                        {KAVOT_DNS_A, "Alias.Corp.Example", "192.0.2.10,192.0.2.11"},
+                                        {KAVOT_DNS_AAAA, "mx1.corp.example", "2001:db8::10"},
+                                        {KAVOT_DNS_NS, "corp.example", "ns1.corp.example,ns2.corp.example"},
+                                        {KAVOT_DNS_MX, "corp.example", "10 mx1.corp.example,20 mx2.corp.example"},
+                                        {KAVOT_DNS_TXT, "corp.example", "second,v=spf1 -all"},
+                                        {KAVOT_DNS_ETXT, "corp.example", "second,v=spf1 -all"},
+                                        {KAVOT_DNS_SRV, "_smtp._tcp.corp.example", "1 2 25 mx1.corp.example"},
+                                        {KAVOT_DNS_CNAME, "alias.corp.example", "middle.corp.example"},
+                                        {KAVOT_DNS_PTR, support::address_bytes("192.0.2.10"), "mx1.corp.example"},
+                                        {KAVOT_DNS_PTR, support::address_bytes("192.0.2.99"), "NXDOM"},
+                                        {KAVOT_DNS_A, "nobody.corp.example", "NXDOM"},
+                                        {KAVOT_DNS_AAAA, "mx2.corp.example", "NODATA"},
+                                        {KAVOT_DNS_MX, "alias.corp.example", "NODATA"}};
+  for (const bool direct : {true, false}) {
+    Host host(64, direct ? 0 : kCache);
+    host.server(direct ? master_->port() : resolver_->port()).option(KAVOOPT_NTRIES, 10).open();
+    for (const Question &question : questions) {
+      Answers answers;
+      ASSERT_EQ(answers.query(host, question.type, question.subject, direct ? 0 : KAVOQF_RECURSIVE), KAVOE_OK);
+      EXPECT_EQ(answers.texts(), Texts{question.answer}) << kavo_typename(question.type) << " " << direct;
+    }
+  }
+}
+
+TEST_F(RecordsTest, AliasesPacketsAndServersOfAQuestionsOwn) {
+  Host host;
+  host.server(support::free_udp_port()).option(KAVOOPT_NTRIES, 2).option(KAVOOPT_TIMEOUT_MSEC, kShortMs).open();
+  Answers answers;
+  ASSERT_EQ(answers.query(host, KAVOT_DNS_A, "alias.corp.example"), KAVOE_OK);
+  EXPECT_EQ(answers[0].err_code, KAVOE_TIMEOUT) << "nobody listens there";
+
+  const sockaddr_in master = support::loopback(master_->port());
+  unsigned char dn[DNS_MAXDN];
+  const auto ask = [&](KAVO_TYPE type, const char *name, unsigned flags) {
+    KAVO_QUERY_NODE node = nullptr;
+    EXPECT_GT(kavo_dns_ptodn(name, 0, dn, sizeof dn), 0);
+    EXPECT_EQ(kavo_subscribe_node_serv_ext(host, type, dn, reinterpret_cast<const sockaddr *>(&master), 1, flags,
+                                           Deadline(kLongMs), &node),
+              KAVOE_OK);
+    EXPECT_EQ(kavo_wait_node(host, node, KAVOWT_FULL, Deadline(kLongMs)), KAVOE_OK);
+    EXPECT_EQ(answers.copy(host, node), KAVOE_OK);
+    EXPECT_EQ(kavo_unsubscribe_node(host, node), KAVOE_OK);
+    return support::render(answers[0]);
+  };
+  EXPECT_EQ(ask(KAVOT_DNS_A, "alias.corp.example", 0), "192.0.2.10,192.0.2.11");
+  EXPECT_STREQ(answers[0].rr.rr_a->dnsa4_cname, "mx1.corp.example");
+  EXPECT_STREQ(answers[0].rr.rr_a->dnsa4_qname, "alias.corp.example");
+  EXPECT_EQ(answers[0].rr.rr_a->dnsa4_ttl, 300);
+  for (const KAVO_TYPE type : {KAVOT_DNS_SOA, KAVOT_DNS_MX}) {
+    const std::string text = ask(type, "corp.example", KAVOQF_PKT);
+    ASSERT_EQ(answers[0].type, KAVOT_PKT);
+    const dns_rr_pkt *packet = answers[0].rr.rr_pkt;
+    ASSERT_GT(packet->dnspkt_psize, static_cast<uint32_t>(DNS_HSIZE));
+    EXPECT_TRUE(packet->dnspkt_pkt[2] & 0x80) << "an answer as it came";
+    EXPECT_NE(packet->dnspkt_pkt[7], 0) << "with records";
+  }
+}
+
+TEST_F(AnswersTest, CacheAnswersTheSecondTime) {
+  ListServer server(kThreeZones);
+  Host host(64, kCache);
+  host.option(KAVOOPT_NXDOM_TTL, 60);
+  with_three_zones(host, server);
+  Answers answers;
+  ASSERT_EQ(answers.query(host, KAVOT_BL_IP, kListed), KAVOE_OK);
+  EXPECT_EQ(answers[0].cache_code, KAVOCC_NEXISTS);
+  ASSERT_EQ(server.received(), 3u);
+  ASSERT_EQ(answers.query(host, KAVOT_BL_IP, kListed), KAVOE_OK);
+  EXPECT_EQ(answers.texts(), (Texts{"127.0.0.2", "NXDOM", "127.0.0.4,127.0.0.5"}));
+  for (int i = 0; i < 3; ++i)
+    EXPECT_EQ(answers[i].cache_code, KAVOCC_EXISTS) << i;
+  // The same names asked as ordinary questions, in other letters.
+  ASSERT_EQ(answers.query(host, KAVOT_DNS_A, "1.2.0.192.C.LIST"), KAVOE_OK);
+  EXPECT_EQ(answers.texts(), Texts{"127.0.0.4,127.0.0.5"});
+  EXPECT_EQ(answers[0].cache_code, KAVOCC_EXISTS);
+  EXPECT_EQ(server.received(), 3u) << "no packet more";
+
+  // A question with servers of its own goes past the cache.
+  unsigned char dn[DNS_MAXDN];
+  ASSERT_GT(kavo_dns_ptodn("1.2.0.192.c.list", 0, dn, sizeof dn), 0);
+  const sockaddr_in own = support::loopback(server.port());
+  KAVO_QUERY_NODE node = nullptr;
+  ASSERT_EQ(
+      kavo_subscribe_node_serv(host, KAVOT_DNS_A, dn, reinterpret_cast<const sockaddr *>(&own), 1, nullptr, &node),
+      KAVOE_OK);
+  EXPECT_EQ(kavo_wait_node(host, node, KAVOWT_FULL, Deadline(kLongMs)), KAVOE_OK);
+  EXPECT_EQ(kavo_unsubscribe_node(host, node), KAVOE_OK);
+  EXPECT_GT(server.received(), 3u);
+}
+
+TEST_F(AnswersTest, ExpiredAnswerComesEarlyAndServesWhenTheServerIsGone) {
+  ListServer server("zone a.list\nttl 1\nlist 192.0.2.1 127.0.0.8\n");
+  Host host(64, kCache);
+  host.server(server.port()).zone(KAVOT_BL_IP, "a.list").option(KAVOOPT_CH_REXPRD, 1);
+  host.option(KAVOOPT_TIMEOUT_MSEC, 2000).option(KAVOOPT_CLOSE_FAST, 1).option(KAVOOPT_NTRIES, 50).open();
+  Answers answers;
+  const auto expire = [] { std::this_thread::sleep_for(std::chrono::milliseconds(2500)); };
+  ASSERT_EQ(answers.query(host, KAVOT_BL_IP, kListed), KAVOE_OK);
+  expire();
+  {
+    Node node(host, KAVOT_BL_IP, "192.0.2.1");
+    ASSERT_EQ(node.wait(KAVOWT_FULL), KAVOE_OK);
+    std::vector<KAVO_ANSWER> all;
+    EXPECT_EQ(support::in_place(host, node, &all), (Texts{"127.0.0.8", "127.0.0.8"}));
+    ASSERT_EQ(all.size(), 2u);
+    EXPECT_EQ(all[0].cache_code, KAVOCC_NEXISTS);
+    EXPECT_EQ(all[1].cache_code, KAVOCC_OLD);
+    EXPECT_EQ(all[1].zone, 1);
+    ASSERT_EQ(answers.copy(host, node), KAVOE_OK);
+    EXPECT_EQ(answers.size(), 1) << "a copy of a resolved node holds each zone once";
+    EXPECT_EQ(answers[0].cache_code, KAVOCC_NEXISTS);
+  }
+  expire();
+  server.stop();
+  Node node(host, KAVOT_BL_IP, "192.0.2.1");
+  ASSERT_EQ(node.wait(KAVOWT_FIRST), KAVOE_OK);
+  ASSERT_EQ(answers.copy(host, node), KAVOE_OK);
+  EXPECT_EQ(answers.texts(), Texts{"127.0.0.8"});
+  EXPECT_EQ(answers[0].cache_code, KAVOCC_OLD);
+}
+
+TEST_F(AnswersTest, WrongAnswersAreNeverBelieved) {
+  ListServer honest(kThreeZones);
+  for (const char *kind : {"wrong=id", "wrong=question", "wrong=garbage", "wrong=cut", "case"}) {
+    ListServer liar("zone a.list\nlist 192.0.2.1 127.0.0.66\n", {kind});
+    Answers answers;
+    Host alone;
+    alone.server(liar.port()).zone(KAVOT_BL_IP, "a.list");
+    alone.option(KAVOOPT_TIMEOUT_MSEC, kShortMs).option(KAVOOPT_NTRIES, 2).open();
+    ASSERT_EQ(answers.query(alone, KAVOT_BL_IP, kListed), KAVOE_OK);
+    EXPECT_EQ(answers[0].err_code, KAVOE_TIMEOUT) << kind;
+    EXPECT_EQ(liar.received(), 2u) << kind;
+
+    Host both;
+    both.server(liar.port()).server(honest.port()).zone(KAVOT_BL_IP, "a.list");
+    both.option(KAVOOPT_TIMEOUT_MSEC, kShortMs).option(KAVOOPT_NTRIES, 50).open();
+    ASSERT_EQ(answers.query(both, KAVOT_BL_IP, kListed), KAVOE_OK);
+    EXPECT_EQ(answers.texts(), Texts{"127.0.0.2"}) << kind;
+  }
+}
+
+TEST_F(AnswersTest, ServerThatFailsIsLeftAtOnce) {
+  ListServer honest(kThreeZones);
+  for (const char *kind : {"wrong=servfail", "wrong=refused", "wrong=notimpl"}) {
+    ListServer failing("zone a.list\nlist 192.0.2.1 127.0.0.66\n", {kind});
+    Answers answers;
+    // No time-out of this context can pass while the test waits.
+    Host both;
+    both.server(failing.port()).server(honest.port()).zone(KAVOT_BL_IP, "a.list");
+    both.option(KAVOOPT_TIMEOUT_MSEC, kNeverMs).option(KAVOOPT_CLOSE_FAST, 1).open();
+    ASSERT_EQ(answers.query(both, KAVOT_BL_IP, kListed), KAVOE_OK);
+    EXPECT_EQ(answers.texts(), Texts{"127.0.0.2"}) << kind;
+    EXPECT_EQ(failing.received(), 1u) << kind;
+
+    Host alone;
+    alone.server(failing.port()).zone(KAVOT_BL_IP, "a.list").option(KAVOOPT_CLOSE_FAST, 1).open();
+    ASSERT_EQ(answers.query(alone, KAVOT_BL_IP, kListed), KAVOE_OK);
+    EXPECT_EQ(answers[0].err_code, KAVOE_DNS) << kind;
+  }
+}
+
+TEST_F(AnswersTest, ServersAreCountedFor) {
+  ListServer server(kThreeZones);
+  Host host;
+  host.server(support::free_udp_port()).server(server.port());
+  host.zone(KAVOT_BL_IP, "a.list").zone(KAVOT_BL_DOM, "dead.list");
+  host.option(KAVOOPT_TIMEOUT_MSEC, kShortMs).option(KAVOOPT_NTRIES, 10).open();
+  const time_t before = time(nullptr);
+  Answers answers;
+  ASSERT_EQ(answers.query(host, KAVOT_BL_IP, kListed), KAVOE_OK);
+  EXPECT_EQ(answers.texts(), Texts{"127.0.0.2"});
+  ASSERT_EQ(answers.query(host, KAVOT_BL_DOM, "example"), KAVOE_OK);
+  EXPECT_EQ(answers[0].err_code, KAVOE_TIMEOUT);
+
+  const sockaddr_in place = support::loopback(server.port());
+  const auto *address = reinterpret_cast<const sockaddr *>(&place);
+  uint64_t sent = 0, used = 0, timed_out = 0;
+  int average = -1, last = -1, checked = -1;
+  EXPECT_EQ(kavo_get_serv_nqsent(host, address, &sent), KAVOE_OK);
+  EXPECT_EQ(kavo_get_serv_nused(host, address, &used), KAVOE_OK);
+  EXPECT_EQ(kavo_get_serv_ntimeout(host, address, &timed_out), KAVOE_OK);
+  EXPECT_EQ(kavo_get_serv_avgrtt(host, address, &average), KAVOE_OK);
+  EXPECT_EQ(kavo_get_serv_lastrtt(host, address, &last), KAVOE_OK);
+  EXPECT_EQ(kavo_get_serv_last_check(host, address, &checked), KAVOE_OK);
+  EXPECT_EQ(sent, server.received());
+  EXPECT_GE(sent, 2u);
+  EXPECT_GE(used, 1u);
+  EXPECT_LE(used, 2u) << "not more often than there were questions";
+  EXPECT_GE(timed_out, 1u);
+  EXPECT_LT(timed_out, sent);
+  EXPECT_GE(average, 0);
+  EXPECT_GE(last, 0);
+  EXPECT_GE(checked, before);
+  EXPECT_LE(checked, time(nullptr));
+}
+
+}  // namespace

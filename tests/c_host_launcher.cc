@@ -1,0 +1,16 @@
+// c_host_launcher - starts the list server and runs c_host_test, the host program in C, against it.
+#include <gtest/gtest.h>
+
+#include "support/host.h"
+
+namespace {
+
+TEST(CHostTest, HostProgramInCAsksAndIsAnswered) {
+  support::ListServer server(
+      "zone a.list\nlist 192.0.2.0/24\nrecord @ MX 10 mail.a.list\n"
+      "zone b.list\nlist bad.example 127.0.0.9\n");
+  const support::Result result = support::run({KAVO_C_HOST, std::to_string(server.port())});
+  EXPECT_EQ(result.status, 0) << result.err;
+}
+
+}  // namespace

@@ -1,0 +1,413 @@
+// engine_test.cc - the engine in a simulated network: one thread, a clock of its own, everything from one seed.
+// Whatever the network does, a question ends in exactly one callback, with the right answer or the right status.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "support/simulation.h"
+
+namespace {
+
+using sim::Temper;
+using sim::World;
+
+struct Asked {
+  std::array<uint8_t, DNS_MAXDN> dn;
+  dns_query *handle = nullptr;
+  int calls = 0;
+  dns_status status = 1;
+  unsigned sflags = 0;
+  in_addr_t address = 0;
+  std::string canonical;
+};
+
+void answered(dns_ctx *ctx, dns_query *q, void *result, unsigned size, void *data) {
+  auto *asked = static_cast<Asked *>(data);
+  EXPECT_EQ(q, asked->handle);
+  EXPECT_NE(dns_dnequal(dns_qdn(q), asked->dn.data()), 0U);
+  ++asked->calls;
+  asked->status = dns_get_status(ctx);
+  asked->sflags = dns_get_sflags(ctx);
+  if (result == nullptr) return;
+  const auto *block = static_cast<const dns_rr_a4 *>(result);
+  EXPECT_EQ(block->dnsa4_size, size);
+  EXPECT_EQ(block->dnsa4_written, size);
+  asked->canonical = block->dnsa4_cname;
+  if (block->dnsa4_nrr == 1) asked->address = ntohl(block->dnsa4_addr[0].s_addr);
+}
+
+// Questions keeps what was asked at one place, for the callbacks point at it.
+class Questions {
+ public:
+  explicit Questions(World *world) : world_(world) {}
+
+  Asked &ask(const std::string &text, const std::vector<std::string> &servers = {}, unsigned flags = 0) {
+    asked_.push_back(std::make_unique<Asked>());
+    Asked &asked = *asked_.back();
+    asked.dn = sim::name(text);
+    std::vector<sockaddr_in> addresses;
+    for (const std::string &server : servers)
+      addresses.push_back(World::address_of(server));
+    asked.handle =
+        dns_submit_dn_serv(world_->ctx, asked.dn.data(), DNS_C_IN, DNS_T_A, flags,
+                           addresses.empty() ? nullptr : reinterpret_cast<const sockaddr *>(addresses.data()),
+                           static_cast<unsigned>(addresses.size()), dns_parse_a4, answered, &asked);
+    EXPECT_NE(asked.handle, nullptr);
+    EXPECT_EQ(asked.calls, 0) << "no callback runs inside a submission";
+    return asked;
+  }
+
+  [[nodiscard]] const std::vector<std::unique_ptr<Asked>> &all() const { return asked_; }
+
+ private:
+  World *world_;
+  std::vector<std::unique_ptr<Asked>> asked_;
+};
+
+void expect_truth(const Asked &asked) {
+  const sim::Truth truth = sim::truth_of(asked.dn.data());
+  EXPECT_EQ(asked.calls, 1);
+  EXPECT_EQ(asked.status, truth.status);
+  EXPECT_EQ(asked.address, truth.address);
+}
+
+std::string some_name(World *world) {
+  static const char *const kinds[] = {"listed-", "listed-", "gone-", "empty-"};
+  std::string text = kinds[world->random(4)] + std::to_string(world->random(1000)) + ".List.test";
+  // Some names are too long to lie in a question's own record.
+  if (world->chance(20)) text += "." + std::string(60, 'x') + "." + std::string(61, 'y');
+  return text;
+}
+
+// One storm: servers of every temper with at least one good one, bad weather, forgers, questions that are cancelled,
+// and questions with servers of their own. Answers may be lost, never wrong.
+void storm(uint64_t seed) {
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  World world(seed);
+  world.weather = {static_cast<int>(world.random(30)), static_cast<int>(world.random(20)), 200,
+                   static_cast<int64_t>(world.random(80'000)), static_cast<int>(world.random(60))};
+  static constexpr Temper kTempers[] = {Temper::good,       Temper::dead,    Temper::refuses,    Temper::fails,
+                                        Temper::truncates,  Temper::garbles, Temper::wrong_name, Temper::wrong_id,
+                                        Temper::wrong_type, Temper::request, Temper::chains,     Temper::refers};
+  const unsigned servers = 1 + static_cast<unsigned>(world.random(4));
+  for (unsigned i = 0; i < servers; ++i)
+    world.add_server("192.0.2." + std::to_string(i + 1),
+                     i == 0 ? Temper::good : kTempers[world.random(std::size(kTempers))]);
+  Questions questions(&world);
+  std::set<const Asked *> cancelled;
+  const unsigned count = 1 + static_cast<unsigned>(world.random(40));
+  for (unsigned i = 0; i < count; ++i) {
+    questions.ask(some_name(&world),
+                  world.chance(20) ? std::vector<std::string>{"192.0.2.1"} : std::vector<std::string>{});
+    if (world.chance(50)) world.turn();
+    const Asked *victim = questions.all()[world.random(questions.all().size())].get();
+    if (world.chance(10) && victim->calls == 0 && cancelled.insert(victim).second)
+      dns_cancel(world.ctx, victim->handle);
+  }
+  ASSERT_TRUE(world.run()) << "the engine never came to rest";
+  EXPECT_EQ(dns_active(world.ctx), 0);
+  for (const auto &asked : questions.all()) {
+    if (cancelled.count(asked.get()) != 0) {
+      EXPECT_EQ(asked->calls, 0);
+    } else if (asked->status == DNS_E_TEMPFAIL || asked->status <= DNS_E_FORMERR || asked->status == DNS_E_PROTOCOL) {
+      EXPECT_EQ(asked->calls, 1);
+      EXPECT_EQ(asked->address, 0U);
+    } else {
+      expect_truth(*asked);
+    }
+  }
+}
+
+TEST(Storm, EveryQuestionEndsOnceAndRightly) {
+  for (uint64_t seed = 1; seed <= 3000 && !testing::Test::HasFailure(); ++seed)
+    storm(seed);
+}
+
+class Engine : public testing::Test {
+ protected:
+  World world{42};
+  Questions questions{&world};
+};
+
+TEST_F(Engine, AnswersDeniesAndFollowsAliasesInAnyOrder) {
+  world.add_server("192.0.2.1", Temper::good);
+  Asked &listed = questions.ask("listed-1.list.test");
+  Asked &gone = questions.ask("gone-1.list.test");
+  Asked &empty = questions.ask("empty-1.list.test");
+  ASSERT_TRUE(world.run());
+  for (const Asked *asked : {&listed, &gone, &empty})
+    expect_truth(*asked);
+  EXPECT_EQ(world.packets_sent, 3U);
+  EXPECT_TRUE(dns_timeouts(world.ctx, dns_tv_infinite, world.now()) == dns_tv_infinite);
+
+  world.set_temper("192.0.2.1", Temper::chains);
+  Asked &aliased = questions.ask("listed-2.list.test");
+  ASSERT_TRUE(world.run());
+  expect_truth(aliased);
+  EXPECT_EQ(aliased.canonical, "END.test");
+
+  world.set_temper("192.0.2.1", Temper::loops);
+  Asked &looping = questions.ask("listed-3.list.test");
+  ASSERT_TRUE(world.run());
+  EXPECT_EQ(looping.status, DNS_E_CNLOOP);
+}
+
+TEST_F(Engine, AFailingServerCostsNoTimeAndADeadOneItsTimeOut) {
+  world.add_server("192.0.2.1", Temper::refuses);
+  world.add_server("192.0.2.2", Temper::fails);
+  world.add_server("192.0.2.3", Temper::garbles);
+  world.add_server("192.0.2.4", Temper::good);
+  const int64_t start = world.now_us;
+  Asked &asked = questions.ask("listed-1.list.test");
+  ASSERT_TRUE(world.run());
+  expect_truth(asked);
+  EXPECT_EQ(world.now_us - start, 4 * world.weather.delay_us);
+  EXPECT_EQ(world.packets_sent, 4U);
+
+  world.set_temper("192.0.2.1", Temper::dead);
+  const int64_t late_start = world.now_us;
+  Asked &late = questions.ask("listed-2.list.test");
+  ASSERT_TRUE(world.run());
+  expect_truth(late);
+  EXPECT_GE(world.now_us - late_start, 50'000) << "the first server's own estimate, at its least";
+  EXPECT_LT(world.now_us - late_start, 100'000);
+}
+
+TEST_F(Engine, StatusesSayWhatWentWrong) {
+  struct Row {
+    Temper temper;
+    dns_status status;
+    unsigned packets;
+  };
+  world.add_server("192.0.2.1", Temper::dead);
+  // A server that answered with an error is not asked again; one that says nothing that counts is asked every time.
+  for (const Row &row : {Row{Temper::dead, DNS_E_TEMPFAIL, 4}, Row{Temper::refuses, DNS_E_REFUSED, 1},
+                         Row{Temper::fails, DNS_E_SERVFAIL, 1}, Row{Temper::truncates, DNS_E_PROTOCOL, 1},
+                         Row{Temper::garbles, DNS_E_PROTOCOL, 1}, Row{Temper::refers, DNS_E_PROTOCOL, 1},
+                         Row{Temper::wrong_id, DNS_E_TEMPFAIL, 4}, Row{Temper::wrong_name, DNS_E_TEMPFAIL, 4},
+                         Row{Temper::wrong_type, DNS_E_TEMPFAIL, 4}, Row{Temper::request, DNS_E_TEMPFAIL, 4}}) {
+    SCOPED_TRACE(static_cast<int>(row.temper));
+    world.set_temper("192.0.2.1", row.temper);
+    world.packets_sent = 0;
+    Asked &asked = questions.ask("listed-1.list.test");
+    ASSERT_TRUE(world.run());
+    EXPECT_EQ(asked.calls, 1);
+    EXPECT_EQ(asked.status, row.status);
+    EXPECT_EQ(world.packets_sent, row.packets);
+  }
+  ASSERT_EQ(dns_add_serv(world.ctx, nullptr), 0);
+  Asked &nobody = questions.ask("listed-1.list.test");
+  ASSERT_TRUE(world.run());
+  EXPECT_EQ(nobody.status, DNS_E_TEMPFAIL);
+}
+
+TEST_F(Engine, CancelledAndClosedQuestionsAreNeverCalledBack) {
+  world.add_server("192.0.2.1", Temper::good);
+  Asked &queued = questions.ask("listed-1.list.test");
+  dns_cancel(world.ctx, queued.handle);
+  Asked &sent = questions.ask("listed-2.list.test");
+  (void)dns_timeouts(world.ctx, dns_tv_infinite, world.now());
+  EXPECT_EQ(world.packets_sent, 1U);
+  dns_cancel(world.ctx, sent.handle);
+  ASSERT_TRUE(world.run());
+  Asked &open = questions.ask("listed-3.list.test");
+  (void)dns_timeouts(world.ctx, dns_tv_infinite, world.now());
+  Asked &waiting = questions.ask("listed-4.list.test");
+  dns_close(world.ctx);
+  EXPECT_EQ(dns_active(world.ctx), 0);
+  EXPECT_EQ(world.sockets_open, 0U);
+  EXPECT_EQ(dns_submit_dn_serv(world.ctx, open.dn.data(), DNS_C_IN, DNS_T_A, 0, nullptr, 0, nullptr, answered, &open),
+            nullptr);
+  EXPECT_EQ(dns_get_status(world.ctx), DNS_E_PERM);
+  ASSERT_EQ(dns_open(world.ctx), DNS_E_NOERROR);
+  Asked &again = questions.ask("listed-5.list.test");
+  ASSERT_TRUE(world.run());
+  expect_truth(again);
+  for (const Asked *asked : {&queued, &sent, &open, &waiting})
+    EXPECT_EQ(asked->calls, 0);
+}
+
+struct HostChain {
+  dns_query *victim = nullptr;
+  int left = 200;
+  int victim_calls = 0;
+};
+
+const auto kChainName = sim::name("listed-1.list.test");
+
+// ask_on is a host that, told one answer, cancels a question of the same turn and asks two more.
+void ask_on(dns_ctx *ctx, dns_query *, void *, unsigned, void *data) {
+  auto *chain = static_cast<HostChain *>(data);
+  dns_cancel(ctx, chain->victim);
+  chain->victim = nullptr;
+  if (chain->left-- == 0) return;
+  dns_query_fn *never = [](dns_ctx *, dns_query *, void *, unsigned, void *d) {
+    ++static_cast<HostChain *>(d)->victim_calls;
+  };
+  const auto ask = [&](dns_query_fn *callback) {
+    return dns_submit_dn_serv(ctx, kChainName.data(), DNS_C_IN, DNS_T_A, 0, nullptr, 0, nullptr, callback, data);
+  };
+  EXPECT_NE(ask(ask_on), nullptr);
+  chain->victim = ask(never);
+}
+
+TEST_F(Engine, CallbacksMayAskAndCancel) {
+  const std::unique_ptr<dns_cache, decltype(&dns_cache_destroy)> cache(dns_cache_init(1 << 16), dns_cache_destroy);
+  // Answers from the cache come in the very turn in which questions are taken up, those from a server later.
+  for (dns_cacher *cacher : {static_cast<dns_cacher *>(nullptr), dns_cache_cacher(cache.get())}) {
+    ASSERT_EQ(dns_set_cache(world.ctx, DNS_CU_ANS, cacher), DNS_E_NOERROR);
+    ASSERT_EQ(dns_add_serv(world.ctx, nullptr), 0);
+    world.add_server("192.0.2.1", Temper::good);
+    HostChain chain;
+    ask_on(world.ctx, nullptr, nullptr, 0, &chain);
+    ASSERT_TRUE(world.run());
+    EXPECT_EQ(chain.left, -1);
+    EXPECT_EQ(chain.victim_calls, 0);
+  }
+}
+
+TEST_F(Engine, RefusesWhatIsNoQuestion) {
+  Asked asked;
+  const auto submit = [&](const uint8_t *dn, dns_class cls, dns_type typ, unsigned nserv) {
+    const sockaddr six = {AF_INET6, {}};
+    dns_query *q =
+        dns_submit_dn_serv(world.ctx, dn, cls, typ, 0, nserv > 0 ? &six : nullptr, nserv, nullptr, answered, &asked);
+    EXPECT_EQ(q, nullptr);
+    return dns_get_status(world.ctx);
+  };
+  const auto dn = sim::name("a.test");
+  const uint8_t long_label[DNS_MAXDN] = {64};
+  uint8_t endless[DNS_MAXDN + 1];
+  memset(endless, 1, sizeof endless);
+  EXPECT_EQ(submit(nullptr, DNS_C_IN, DNS_T_A, 0), DNS_E_INVAL);
+  EXPECT_EQ(submit(dn.data(), DNS_C_IN, 0, 0), DNS_E_INVAL);
+  EXPECT_EQ(submit(dn.data(), DNS_C_IN, 65536, 0), DNS_E_INVAL);
+  EXPECT_EQ(submit(dn.data(), 0, DNS_T_A, 0), DNS_E_INVAL);
+  EXPECT_EQ(submit(dn.data(), DNS_C_IN, DNS_T_A, 1), DNS_E_INVAL) << "only IPv4 servers";
+  EXPECT_EQ(submit(dn.data(), DNS_C_IN, DNS_T_A, DNS_MAXSERV + 1), DNS_E_INVAL);
+  EXPECT_EQ(submit(long_label, DNS_C_IN, DNS_T_A, 0), DNS_E_BADQUERY);
+  EXPECT_EQ(submit(endless, DNS_C_IN, DNS_T_A, 0), DNS_E_BADQUERY);
+  EXPECT_EQ(dns_active(world.ctx), 0);
+}
+
+TEST_F(Engine, TheCacheAnswersUntilTheRecordExpires) {
+  struct CacheDeleter {
+    void operator()(dns_cache *cache) const { dns_cache_destroy(cache); }
+  };
+  const std::unique_ptr<dns_cache, CacheDeleter> cache(dns_cache_init(1 << 20));
+  ASSERT_EQ(dns_set_cache(world.ctx, DNS_CU_ANS, dns_cache_cacher(cache.get())), DNS_E_NOERROR);
+  std::vector<int> events;
+  dns_set_dbgfn(
+      world.ctx,
+      [](dns_ctx *, dns_query *, int code, void *, void *udata) {
+        if ((code & DNS_D_SYS) != 0) static_cast<std::vector<int> *>(udata)->push_back(code);
+      },
+      &events);
+  world.add_server("192.0.2.1", Temper::chains);
+  for (const char *text : {"listed-7.list.test", "gone-7.list.test", "empty-7.list.test"}) {
+    Asked &first = questions.ask(text);
+    ASSERT_TRUE(world.run());
+    expect_truth(first);
+    EXPECT_EQ(first.sflags, 0U);
+    const unsigned sent = world.packets_sent;
+    Asked &second = questions.ask(text);
+    Asked &own = questions.ask(text, {"192.0.2.1"});
+    ASSERT_TRUE(world.run());
+    expect_truth(second);
+    expect_truth(own);
+    EXPECT_EQ(second.sflags, unsigned{DNS_SF_CACHED});
+    EXPECT_EQ(second.canonical, first.canonical);
+    EXPECT_EQ(own.sflags, 0U) << "a question with servers of its own stays out of the cache";
+    EXPECT_EQ(world.packets_sent, sent + 1);
+  }
+  events.resize(6);
+  questions.ask("listed-8.list.test", {"192.0.2.1"});
+  ASSERT_TRUE(world.run());
+  Asked &fresh = questions.ask("listed-8.list.test");
+  ASSERT_TRUE(world.run());
+  EXPECT_EQ(fresh.sflags, 0U) << "nor does such a question fill it";
+  events.resize(6);
+  EXPECT_EQ(events,
+            (std::vector<int>{DNS_D_CU_NOAN, DNS_D_CU_AN, DNS_D_CU_NOAN, DNS_D_CU_AN, DNS_D_CU_NOAN, DNS_D_CU_AN}));
+
+  world.now_us += 301 * int64_t{1'000'000};
+  const unsigned sent = world.packets_sent;
+  Asked &expired = questions.ask("listed-7.list.test");
+  ASSERT_TRUE(world.run());
+  expect_truth(expired);
+  EXPECT_EQ(world.packets_sent, sent + 1);
+}
+
+TEST_F(Engine, AFullSendBufferDelaysQuestionsAndLosesNone) {
+  world.add_server("192.0.2.1", Temper::good);
+  world.send_buffers_full = true;
+  for (int i = 0; i < 300; ++i)
+    questions.ask("listed-" + std::to_string(i) + ".list.test");
+  for (int i = 0; i < 5; ++i)
+    ASSERT_TRUE(world.turn());
+  EXPECT_EQ(world.packets_sent, 0U);
+  world.send_buffers_full = false;
+  ASSERT_TRUE(world.run());
+  for (const auto &asked : questions.all())
+    expect_truth(*asked);
+  EXPECT_EQ(world.packets_sent, 300U);
+}
+
+TEST_F(Engine, SocketsGrowWithTheLoadAndAreRenewed) {
+  world.add_server("192.0.2.1", Temper::good);
+  for (int i = 0; i < 3000; ++i)
+    questions.ask("listed-" + std::to_string(i) + ".list.test");
+  ASSERT_TRUE(world.run());
+  EXPECT_GE(world.sockets_open, 3000 / dns::UdpPool::kInFlightPerSocket);
+  dns_ios before[dns::UdpPool::kSocketsMax];
+  const int count = dns_sockio(world.ctx, before, dns::UdpPool::kSocketsMax);
+  std::set<int> old;
+  for (int i = 0; i < count; ++i)
+    old.insert(before[i].dnsio_sock);
+  for (int round = 0; round < 80; ++round) {
+    for (int i = 0; i < 3000; ++i)
+      questions.ask("listed-" + std::to_string(i) + ".list.test");
+    ASSERT_TRUE(world.run());
+  }
+  EXPECT_LE(world.sockets_open, dns::UdpPool::kSocketsMax);
+  dns_ios after[dns::UdpPool::kSocketsMax];
+  const int now = dns_sockio(world.ctx, after, dns::UdpPool::kSocketsMax);
+  for (int i = 0; i < now; ++i)
+    EXPECT_EQ(old.count(after[i].dnsio_sock), 0U) << "a worn socket is still in use";
+  for (const auto &asked : questions.all())
+    ASSERT_EQ(asked->calls, 1);
+}
+
+TEST_F(Engine, StatisticsFollowTheServers) {
+  world.add_server("192.0.2.1", Temper::dead);
+  world.add_server("192.0.2.2", Temper::good);
+  world.weather.delay_us = 20'000;
+  const sockaddr_in dead = World::address_of("192.0.2.1"), good = World::address_of("192.0.2.2");
+  const auto *dead_address = reinterpret_cast<const sockaddr *>(&dead);
+  const auto *good_address = reinterpret_cast<const sockaddr *>(&good);
+  uint64_t count = 7;
+  EXPECT_EQ(dns_get_serv_nqsent(world.ctx, good_address, &count), DNS_E_INVAL) << "not asked yet";
+  for (int i = 0; i < 5; ++i) {
+    questions.ask("listed-1.list.test");
+    ASSERT_TRUE(world.run());
+  }
+  EXPECT_EQ(dns_get_serv_nqsent(world.ctx, dead_address, &count), DNS_E_NOERROR);
+  EXPECT_EQ(count, 5U);
+  EXPECT_EQ(dns_get_serv_ntimeout(world.ctx, dead_address, &count), DNS_E_NOERROR);
+  EXPECT_EQ(count, 5U);
+  EXPECT_EQ(dns_get_serv_nused(world.ctx, good_address, &count), DNS_E_NOERROR);
+  EXPECT_EQ(count, 5U);
+  int rtt = 0, check = 0;
+  EXPECT_EQ(dns_get_serv_avgrtt(world.ctx, good_address, &rtt), DNS_E_NOERROR);
+  EXPECT_EQ(rtt, 20);
+  EXPECT_EQ(dns_get_serv_lastrtt(world.ctx, good_address, &rtt), DNS_E_NOERROR);
+  EXPECT_EQ(rtt, 20);
+  EXPECT_EQ(dns_get_serv_last_check(world.ctx, good_address, &check), DNS_E_NOERROR);
+  EXPECT_EQ(check, world.now_us / 1'000'000);
+}
+
+}  // namespace

@@ -1,0 +1,382 @@
+// lifecycle_test - a context's life as a host sees it: the order of calls, who may do what when, how nodes are held and
+// shared, how waits end, and what is left behind. Names that nobody answers go to a list server that is dead on
+// request.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <kavo.h>
+
+#include <array>
+#include <climits>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/host.h"
+
+namespace {
+
+using support::Answers;
+using support::Deadline;
+using support::Host;
+using support::kLongMs;
+using support::kShortMs;
+using support::ListServer;
+using support::Node;
+
+constexpr const char *kZones = "zone live.list\nlist 192.0.2.0/24\nzone dead.list\nfault dead\n";
+constexpr uint32_t kNeverMs = 300'000;  // a time-out that no test sits through
+
+using Step = std::pair<KAVO_SRV_STATE, KAVO_SRV_STATE>;
+
+void note_step(KAVO, KAVO_SRV_STATE before, KAVO_SRV_STATE after, void *steps) {
+  static_cast<std::vector<Step> *>(steps)->emplace_back(before, after);
+}
+
+class LifecycleTest : public support::HostTest {
+ protected:
+  ListServer server_{kZones};
+};
+
+TEST_F(LifecycleTest, StatesAreToldInPairsAndContextsReopen) {
+  std::vector<Step> steps;
+  Host host;
+  host.server(server_.port()).zone(KAVOT_BL_IP, "live.list");
+  ASSERT_EQ(kavo_set_srvstate_chg_cb(host, note_step, &steps), 0);
+  const std::vector<Step> expected{{KAVOSS_STOPPED, KAVOSS_STARTING},
+                                   {KAVOSS_STARTING, KAVOSS_RUNNING},
+                                   {KAVOSS_RUNNING, KAVOSS_STOPPING},
+                                   {KAVOSS_STOPPING, KAVOSS_STOPPED}};
+  for (int round = 0; round < 3; ++round) {
+    steps.clear();
+    ASSERT_EQ(kavo_open(host), KAVOE_OK);
+    EXPECT_EQ(kavo_srv_is_running(host), 1);
+    EXPECT_EQ(kavo_open(host), KAVOE_OK) << "a running context stays as it is";
+    Answers answers;
+    ASSERT_EQ(answers.query(host, KAVOT_BL_IP, support::address_bytes("192.0.2.9")), KAVOE_OK);
+    EXPECT_EQ(answers.texts(), std::vector<std::string>{"127.0.0.2"});
+    ASSERT_EQ(kavo_close(host), KAVOE_OK);
+    EXPECT_EQ(kavo_srv_is_running(host), 0);
+    EXPECT_EQ(kavo_close(host), KAVOE_OK) << "a stopped context is fine";
+    EXPECT_EQ(steps, expected);
+  }
+  ASSERT_EQ(kavo_set_srvstate_chg_cb(host, nullptr, nullptr), 0);
+  steps.clear();
+  ASSERT_EQ(kavo_open(host), KAVOE_OK);
+  EXPECT_TRUE(steps.empty());
+}
+
+TEST_F(LifecycleTest, CreationChecksItsArguments) {
+  KAVO const untouched = reinterpret_cast<KAVO>(&server_);
+  KAVO kavo = untouched;
+  EXPECT_EQ(kavo_init_ext(&kavo, 0, 0, 8, 0), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_init_ext(&kavo, 8, 0, 0, 0), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_init_ext(&kavo, 8, 0, -1, 0), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_init_ext(nullptr, 8, 0, 8, 0), KAVOE_BADPAR);
+  EXPECT_EQ(kavo, untouched) << "nothing was created, the handle is not written";
+  EXPECT_NE(kavo_init_ext(&kavo, -1, 0, 8, 0), KAVOE_OK);
+  ASSERT_EQ(kavo_init(&kavo, 8, -1, 1), KAVOE_OK);
+  EXPECT_EQ(kavo_srv_is_running(kavo), 1);
+  EXPECT_EQ(kavo_get_ext_cache(kavo, KAVOCT_ANS), nullptr);
+  EXPECT_EQ(kavo_free(kavo), KAVOE_SRV) << "a running context is left whole";
+  EXPECT_EQ(kavo_srv_is_running(kavo), 1);
+  EXPECT_EQ(kavo_close(kavo), KAVOE_OK);
+  EXPECT_EQ(kavo_free(kavo), KAVOE_OK);
+}
+
+TEST_F(LifecycleTest, RunningContextRefusesConfiguration) {
+  Host host;
+  host.server(server_.port()).zone(KAVOT_BL_IP, "live.list").open();
+  const in_addr address{htonl(INADDR_LOOPBACK)};
+  EXPECT_EQ(kavo_set_opt(host, KAVOOPT_NTRIES, 2), KAVOE_SRV);
+  EXPECT_EQ(kavo_set_srvstate_chg_cb(host, note_step, nullptr), static_cast<int>(KAVOE_SRV));
+  EXPECT_EQ(kavo_add_dns_server(host, "127.0.0.1", 1), KAVOE_SRV);
+  EXPECT_EQ(kavo_zonesmap_init_cfg(host, "/nonexistent/zones"), KAVOE_SRV);
+  EXPECT_EQ(kavo_set_ext_cache(host, KAVOCT_FULL, nullptr), KAVOE_SRV);
+  EXPECT_EQ(kavo_set_cost_zone(host, "cost.list"), static_cast<int>(KAVOE_SRV));
+  EXPECT_EQ(kavo_add_expserv(host, &address), static_cast<int>(KAVOE_SRV));
+  sockaddr servers[4];
+  unsigned count = 4;
+  EXPECT_EQ(kavo_get_dns_servers(host, servers, &count), KAVOE_OK);
+  EXPECT_EQ(count, 1u);
+  Answers answers;
+  EXPECT_EQ(answers.query(host, KAVOT_BL_IP, support::address_bytes("192.0.2.1")), KAVOE_OK);
+  EXPECT_EQ(answers.texts(), std::vector<std::string>{"127.0.0.2"});
+}
+
+TEST_F(LifecycleTest, StoppedContextRefusesQuestions) {
+  Host host;
+  host.server(server_.port()).zone(KAVOT_BL_IP, "live.list").open();
+  Node node(host, KAVOT_BL_IP, "192.0.2.1");
+  ASSERT_EQ(node.wait(KAVOWT_FULL), KAVOE_OK);
+  ASSERT_EQ(kavo_close(host), KAVOE_OK);
+
+  KAVO_QUERY_NODE other = nullptr;
+  EXPECT_EQ(kavo_subscribe_node_p(host, KAVOT_BL_IP, "192.0.2.2", 0, nullptr, &other), KAVOE_SRV);
+  EXPECT_EQ(kavo_subscribe_node_p(host, KAVOT_BL_MX, "example", 0, nullptr, &other), KAVOE_SRV)
+      << "the state is looked at before the zones";
+  KAVO_QUERY_NODE held = node;
+  EXPECT_EQ(node.wait(KAVOWT_FULL), KAVOE_SRV);
+  EXPECT_EQ(kavo_wait_multiple_nodes(host, &held, 1, KAVOWT_FULL, 1, nullptr, nullptr), KAVOE_SRV);
+  EXPECT_EQ(kavo_node_type(host, held), KAVOT_INVALID);
+  Answers answers;
+  EXPECT_EQ(answers.copy(host, held), KAVOE_OK) << "what was resolved stays readable";
+  EXPECT_EQ(answers.texts(), std::vector<std::string>{"127.0.0.2"});
+  EXPECT_EQ(kavo_nactive(host), 1u);
+  node.drop();
+  EXPECT_EQ(kavo_nactive(host), 0u);
+}
+
+TEST_F(LifecycleTest, FastCloseFailsWhatIsInFlightAndWakesItsWaiters) {
+  Host host(4);
+  host.server(server_.port()).zone(KAVOT_BL_IP, "dead.list");
+  host.option(KAVOOPT_CLOSE_FAST, 1).option(KAVOOPT_TIMEOUT_MSEC, kNeverMs).open();
+  Node node(host, KAVOT_BL_IP, "192.0.2.1");
+  std::array<KAVO_ERR, 3> results{};
+  std::vector<std::thread> waiters;
+  for (KAVO_ERR &result : results)
+    waiters.emplace_back([&node, &result] { result = node.wait(KAVOWT_FULL); });
+  ASSERT_EQ(node.wait(KAVOWT_NONE), KAVOE_OK);
+  // Time for the waiters to sleep; one that comes too late is refused, which is as good.
+  std::this_thread::sleep_for(std::chrono::milliseconds(kShortMs));
+  ASSERT_EQ(kavo_close(host), KAVOE_OK);
+  for (std::thread &waiter : waiters)
+    waiter.join();
+  for (const KAVO_ERR result : results)
+    EXPECT_TRUE(result == KAVOE_OK || result == KAVOE_SRV) << result;
+  Answers answers;
+  EXPECT_EQ(answers.copy(host, node), KAVOE_SRV);
+
+  // The failed node is still held; the same question asked again gets a node of its own.
+  ASSERT_EQ(kavo_zonesmap_init(host), KAVOE_OK);
+  host.zone(KAVOT_BL_IP, "live.list").open();
+  Node again(host, KAVOT_BL_IP, "192.0.2.1");
+  ASSERT_EQ(again.wait(KAVOWT_FULL), KAVOE_OK);
+  EXPECT_NE(static_cast<KAVO_QUERY_NODE>(again), static_cast<KAVO_QUERY_NODE>(node));
+  EXPECT_EQ(answers.copy(host, again), KAVOE_OK);
+  EXPECT_EQ(answers.texts(), std::vector<std::string>{"127.0.0.2"});
+  EXPECT_EQ(answers.copy(host, node), KAVOE_SRV);
+  EXPECT_EQ(kavo_nactive(host), 2u);
+  node.drop();
+  EXPECT_EQ(kavo_nactive(host), 1u);
+  again.drop();
+  EXPECT_EQ(kavo_nactive(host), 0u);
+}
+
+TEST_F(LifecycleTest, SlowCloseWaitsForTheOutcome) {
+  Host host;
+  host.server(server_.port()).zone(KAVOT_BL_IP, "dead.list").zone(KAVOT_BL_IP, "live.list");
+  host.option(KAVOOPT_TIMEOUT_MSEC, 100).option(KAVOOPT_NTRIES, 2).open();
+  Node node(host, KAVOT_BL_IP, "192.0.2.1");
+  ASSERT_EQ(node.wait(KAVOWT_NONE), KAVOE_OK);
+  ASSERT_EQ(kavo_close(host), KAVOE_OK);
+  Answers answers;
+  ASSERT_EQ(answers.copy(host, node), KAVOE_OK) << "every question in flight has got its outcome";
+  ASSERT_EQ(answers.size(), 2);
+  EXPECT_EQ(answers[0].err_code, KAVOE_TIMEOUT);
+  EXPECT_EQ(support::render(answers[1]), "127.0.0.2");
+}
+
+TEST_F(LifecycleTest, SubscriptionsCheckTheirArguments) {
+  Host host;
+  host.server(server_.port()).zone(KAVOT_BL_IP, "live.list").open();
+  const unsigned char root[] = {0};
+  const char four[] = {1, 2, 0, 127, 0};
+  KAVO_QUERY_NODE node = nullptr;
+  const auto text = [&](KAVO_TYPE type, const char *subject, unsigned flags = 0) {
+    return kavo_subscribe_node_p(host, type, subject, flags, Deadline(kLongMs), &node);
+  };
+  EXPECT_EQ(text(KAVOT_BL_DOM, "example"), KAVOE_NOZONES);
+  EXPECT_EQ(text(KAVOT_DNS_SOA, "example"), KAVOE_NOPARSER);
+  EXPECT_EQ(text(KAVOT_DNS_A6, "example"), KAVOE_NOPARSER);
+  EXPECT_EQ(text(KAVOT_INVALID, "example", KAVOQF_PKT), KAVOE_BADPAR);
+  EXPECT_EQ(text(KAVOT_PKT, "example", KAVOQF_PKT), KAVOE_BADPAR);
+  EXPECT_EQ(text(static_cast<KAVO_TYPE>(INT_MAX), "example", KAVOQF_PKT), KAVOE_BADPAR);
+  for (const char *no_address : {"example", "1.2.3", "1.2.3.4.5", "1.2.3.256", "", "1.2.3.4 "})
+    EXPECT_EQ(text(KAVOT_BL_IP, no_address), KAVOE_BADPAR) << no_address;
+  const std::string full(DNS_MAXLABEL, 'a');
+  const std::string label(DNS_MAXLABEL + 1, 'a');
+  for (const std::string &no_name :
+       {label, "x." + label + ".y", full + "." + full + "." + full + "." + full, std::string(300, 'a'),
+        std::string("a..b"), std::string(".a"), std::string("a.\\300"), std::string()})
+    EXPECT_EQ(text(KAVOT_DNS_A, no_name.c_str()), KAVOE_BADPAR) << no_name;
+  EXPECT_EQ(text(KAVOT_DNS_A, nullptr), KAVOE_BADPAR);
+  for (const int length : {-1, 0, 3, 5, 256, INT_MAX})
+    EXPECT_EQ(kavo_subscribe_node(host, KAVOT_BL_IP, four, length, 0, nullptr, &node), KAVOE_BADPAR) << length;
+  for (const int length : {INT_MIN, 0, 256, INT_MAX})
+    EXPECT_EQ(kavo_subscribe_node(host, KAVOT_DNS_A, "a", length, 0, nullptr, &node), KAVOE_BADPAR) << length;
+  EXPECT_EQ(kavo_subscribe_node(nullptr, KAVOT_BL_IP, four, 4, 0, nullptr, &node), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_subscribe_node(host, KAVOT_BL_IP, nullptr, 4, 0, nullptr, &node), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_subscribe_node(host, KAVOT_BL_IP, four, 4, 0, nullptr, nullptr), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_subscribe_node_dn(host, KAVOT_DNS_A, nullptr, 0, nullptr, &node), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_subscribe_node_dn(nullptr, KAVOT_DNS_A, root, 0, nullptr, &node), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_subscribe_node_serv(nullptr, KAVOT_DNS_A, root, nullptr, 0, nullptr, &node), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_subscribe_node_dcache(nullptr, KAVOT_DNS_A, root, nullptr, nullptr, &node), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_subscribe_syncnode(nullptr, nullptr, &node), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_subscribe_syncnode(host, nullptr, nullptr), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_nactive(host), 0u) << "no failure leaves a hold behind";
+
+  Node pointer(host, KAVOT_DNS_PTR, "192.0.2.1", KAVOQF_PKT);
+  std::array<unsigned char, DNS_MAXDN> dn, expected;
+  ASSERT_EQ(kavo_node_qdn(host, pointer, dn.data(), dn.size(), nullptr), KAVOE_OK);
+  ASSERT_EQ(kavo_dns_ptodn("1.2.0.192.in-addr.arpa", 0, expected.data(), expected.size()), 24);
+  EXPECT_TRUE(kavo_dns_dnequal(dn.data(), expected.data()));
+  EXPECT_EQ(kavo_node_type(host, pointer), KAVOT_DNS_PTR);
+}
+
+TEST_F(LifecycleTest, EveryOperationTakesNullsCalmly) {
+  Host host;
+  host.server(server_.port()).zone(KAVOT_BL_IP, "live.list").open();
+  Node node(host, KAVOT_BL_IP, "192.0.2.1");
+  KAVO_QUERY_NODE held = node;
+  KAVO_ANSWER_ITERATOR iterator = kavo_alloc_answer_iterator();
+  KAVO_ANSWER *array = nullptr;
+  int written = 0, value = 0;
+  uint64_t big = 0;
+  unsigned char byte = 0;
+  const sockaddr_in unknown = support::loopback(1);
+  const auto *address = reinterpret_cast<const sockaddr *>(&unknown);
+
+  EXPECT_EQ(kavo_open(nullptr), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_close(nullptr), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_free(nullptr), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_set_opt(nullptr, KAVOOPT_NTRIES, 1), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_set_srvstate_chg_cb(nullptr, nullptr, nullptr), static_cast<int>(KAVOE_BADPAR));
+  EXPECT_EQ(kavo_nactive(nullptr), static_cast<uint32_t>(KAVOE_BADPAR));
+  EXPECT_EQ(kavo_get_ext_cache(nullptr, KAVOCT_ANS), nullptr);
+  EXPECT_EQ(kavo_set_ext_cache(nullptr, KAVOCT_ANS, nullptr), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_set_cost_zone(nullptr, "x"), static_cast<int>(KAVOE_BADPAR));
+  EXPECT_EQ(kavo_add_expserv(nullptr, nullptr), static_cast<int>(KAVOE_BADPAR));
+  EXPECT_EQ(kavo_add_zone(nullptr, KAVOT_BL_IP, "x"), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_zonesmap_zone(nullptr, 0), nullptr);
+  EXPECT_EQ(kavo_zonesmap_zone(host, -1), nullptr);
+  EXPECT_EQ(kavo_add_dns_server(nullptr, "127.0.0.1", 0), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_get_dns_servers(host, nullptr, nullptr), KAVOE_BADPAR);
+
+  EXPECT_EQ(kavo_unsubscribe_node(host, nullptr), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_unsubscribe_node(nullptr, held), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_node_type(host, nullptr), KAVOT_INVALID);
+  EXPECT_EQ(kavo_node_type(nullptr, held), KAVOT_INVALID);
+  EXPECT_EQ(kavo_node_qdn(host, nullptr, &byte, 1, nullptr), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_node_qdn(host, held, nullptr, 1, nullptr), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_node_qdn(host, held, &byte, 0, nullptr), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_signal_syncnode(host, nullptr), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_signal_syncnode(nullptr, held), KAVOE_BADPAR);
+
+  for (const int level : {-3, 3, INT_MAX, INT_MIN})
+    EXPECT_EQ(kavo_wait_node(host, held, static_cast<KAVO_WAIT_LEVEL>(level), nullptr), KAVOE_BADPAR) << level;
+  EXPECT_EQ(kavo_wait_node(host, nullptr, KAVOWT_FULL, nullptr), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_wait_node(nullptr, held, KAVOWT_FULL, nullptr), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_wait_multiple_nodes(host, nullptr, 1, KAVOWT_FULL, 1, nullptr, nullptr), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_wait_multiple_nodes(host, &held, 0, KAVOWT_FULL, 1, nullptr, nullptr), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_wait_multiple_nodes(host, &held, -1, KAVOWT_FULL, 1, nullptr, nullptr), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_wait_nodelist(host, nullptr, KAVOWT_FULL, 1, nullptr), KAVOE_BADPAR);
+
+  ASSERT_EQ(node.wait(KAVOWT_FULL), KAVOE_OK);
+  EXPECT_EQ(kavo_get_answer(host, iterator), nullptr) << "not set";
+  EXPECT_EQ(kavo_get_answer(host, nullptr), nullptr);
+  EXPECT_EQ(kavo_set_answer_iterator(host, nullptr, iterator), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_set_answer_iterator(host, held, nullptr), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_set_answer_iterator(nullptr, held, iterator), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_copy_answer(host, held, nullptr, 0, &written, 1), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_copy_answer(host, nullptr, &array, 0, &written, 1), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_copy_answer(host, held, &array, 0, nullptr, 1), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_query(nullptr, KAVOT_DNS_A, "a", 1, &array, 0, &written, 1, KAVOWT_FULL, 0), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_query(host, KAVOT_DNS_A, nullptr, 1, &array, 0, &written, 1, KAVOWT_FULL, 0), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_query(host, KAVOT_BL_IP, "\1\2\0\300", 4, nullptr, 0, &written, kLongMs, KAVOWT_FULL, 0),
+            KAVOE_BADPAR);
+  kavo_free_answer_iterator(nullptr);
+  kavo_free_answer_iterator(iterator);
+
+  EXPECT_EQ(kavo_get_serv_avgrtt(nullptr, address, &value), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_get_serv_nused(host, address, &big), KAVOE_BADPAR) << "never asked";
+  EXPECT_EQ(kavo_get_serv_lastrtt(host, nullptr, &value), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_get_serv_nqsent(host, address, nullptr), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_nactive(host), 1u);
+}
+
+TEST_F(LifecycleTest, DeadlinesSaturateAndDelaysNeverRunBackwards) {
+  timeval value{7, 7};
+  EXPECT_EQ(kavo_time_milli_timeval(-1500, &value), KAVOE_OK);
+  EXPECT_EQ(value.tv_sec, -1);
+  EXPECT_EQ(value.tv_usec, -500000);
+  EXPECT_EQ(kavo_time_milli_timeval(1, nullptr), KAVOE_BADPAR);
+
+  timeval now{}, deadline{};
+  gettimeofday(&now, nullptr);
+  const auto from_now = [&](timeval span) {
+    EXPECT_EQ(kavo_time_deadline(&span, &deadline), KAVOE_OK);
+    EXPECT_EQ(deadline.tv_sec == 0 || deadline.tv_usec == 0 || (deadline.tv_sec > 0) == (deadline.tv_usec > 0), true);
+    return static_cast<int64_t>(deadline.tv_sec) - now.tv_sec;
+  };
+  constexpr int64_t kSlack = kLongMs / 1000;
+  EXPECT_EQ(from_now({INT_MAX, 0}) + now.tv_sec, INT_MAX);
+  EXPECT_EQ(deadline.tv_usec, 999999);
+  EXPECT_LE(from_now({0, 1000000}), kSlack) << "no valid span: now";
+  EXPECT_LE(from_now({5, -1}), kSlack);
+  EXPECT_NEAR(static_cast<double>(from_now({100, 999999})), 101, kSlack);
+  EXPECT_NEAR(static_cast<double>(from_now({-100, -999999})), -100, kSlack);
+  EXPECT_EQ(kavo_time_deadline(nullptr, &deadline), KAVOE_BADPAR);
+
+  EXPECT_EQ(kavo_get_deadline(UINT_MAX, &deadline), nullptr);
+  ASSERT_EQ(kavo_get_deadline(1U << 31, &deadline), &deadline);
+  EXPECT_LT(deadline.tv_sec, now.tv_sec - 24 * 86400);
+
+  const auto delay = [](timeval start, timeval finish) { return kavo_time_milli_delay(&start, &finish); };
+  EXPECT_EQ(delay({10, 999600}, {11, 400}), 0u);
+  EXPECT_EQ(delay({10, 999400}, {11, 600}), 2u);
+  EXPECT_EQ(delay({11, 0}, {10, 0}), 0u);
+}
+
+TEST_F(LifecycleTest, NamesOptionsAndCodesKeepTheirBounds) {
+  EXPECT_STREQ(kavo_strerror(KAVOE_NOPARSER), "KAVO failed because there are no parser for such query type");
+  EXPECT_EQ(kavo_strerror(static_cast<KAVO_ERR>(13)), nullptr);
+  EXPECT_EQ(kavo_strerror(static_cast<KAVO_ERR>(-1)), nullptr);
+  EXPECT_EQ(kavo_typename(KAVOT_SYNC), nullptr);
+  EXPECT_EQ(kavo_typename(static_cast<KAVO_TYPE>(52)), nullptr);
+  EXPECT_EQ(kavo_name2type("dns_txt"), KAVOT_DNS_TXT);
+  for (const char *no_type : {"dns_txt ", "", "DNS", "BL_IP_"})
+    EXPECT_EQ(kavo_name2type(no_type), KAVOT_INVALID) << no_type;
+  // Every name leads back to its type.
+  for (unsigned type = 0; type <= KAVOT_SP_MAX + 1; ++type) {
+    const char *name = kavo_typename(static_cast<KAVO_TYPE>(type));
+    EXPECT_TRUE(name == nullptr || kavo_name2type(name) == static_cast<KAVO_TYPE>(type)) << name;
+  }
+  EXPECT_EQ(kavo_isparseable(KAVOT_INVALID) + kavo_isparseable(static_cast<KAVO_TYPE>(KAVOT_BL_MAX + 1)), 0);
+  EXPECT_EQ(kavo_isparseable(KAVOT_DNS_ETXT), 1);
+  EXPECT_EQ(kavo_opt_name(static_cast<KAVO_OPT>(KAVOOPT_TIMEOUT_MSEC + 1)), nullptr);
+  EXPECT_EQ(kavo_opt_name(static_cast<KAVO_OPT>(-1)), nullptr);
+
+  Host host(1, 1 << 16);
+  const auto set = [&host](KAVO_OPT option, uint32_t value) { return kavo_set_opt(host, option, value); };
+  EXPECT_EQ(set(static_cast<KAVO_OPT>(-1), 0), KAVOE_BADPAR);
+  EXPECT_EQ(set(static_cast<KAVO_OPT>(18), 0), KAVOE_BADPAR);
+  EXPECT_EQ(set(KAVOOPT_DNS_PORT, 0), KAVOE_BADPAR);
+  EXPECT_EQ(set(KAVOOPT_MAX_PACKET, 511), KAVOE_BADPAR);
+  EXPECT_EQ(set(KAVOOPT_MAX_PACKET, 512), KAVOE_OK);
+  EXPECT_EQ(set(KAVOOPT_MAX_PACKET, 4097), KAVOE_BADPAR);
+  EXPECT_EQ(set(KAVOOPT_CLOSE_FAST, 2), KAVOE_BADPAR);
+  EXPECT_EQ(set(KAVOOPT_NXDOM_TTL, 1U << 31), KAVOE_BADPAR);
+  EXPECT_EQ(set(KAVOOPT_DNSREC_CACHESIZE, UINT32_MAX), KAVOE_OK);
+  EXPECT_EQ(set(KAVOOPT_DNSREC_CACHESIZE, 4096), KAVOE_OK);
+  EXPECT_EQ(kavo_set_ext_cache(host, KAVOCT_FULL, nullptr), KAVOE_OK);
+  EXPECT_EQ(kavo_get_ext_cache(host, KAVOCT_ANS), nullptr);
+}
+
+TEST_F(LifecycleTest, ManyLivesLeaveNoDescriptorBehind) {
+  constexpr int kLives = 200;
+  const auto live = [this](bool abandon) {
+    Host host(4);
+    host.server(server_.port()).zone(KAVOT_BL_IP, abandon ? "dead.list" : "live.list");
+    host.option(KAVOOPT_CLOSE_FAST, 1).option(KAVOOPT_TIMEOUT_MSEC, kNeverMs).open();
+    Answers answers;
+    const std::string subject = support::address_bytes("192.0.2.1");
+    EXPECT_EQ(answers.query(host, KAVOT_BL_IP, subject, 0, abandon ? 1 : kLongMs), abandon ? KAVOE_TIMEOUT : KAVOE_OK);
+  };
+  live(false);
+  const size_t before = support::open_descriptors();
+  for (int i = 0; i < kLives; ++i)
+    live(i % 2 == 0);
+  EXPECT_EQ(support::open_descriptors(), before);
+}
+
+}  // namespace

@@ -1,0 +1,319 @@
+// nodes_test - query nodes as host threads hold them: how waits end and run out, how nodes are shared, what a full
+// table does, how sync nodes signal, and how a node fails. Questions that must stay open go to a list zone that is dead
+// on request.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <kavo.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <climits>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/host.h"
+
+namespace {
+
+using support::Answers;
+using support::Deadline;
+using support::Host;
+using support::kLongMs;
+using support::kShortMs;
+using support::ListServer;
+using support::Node;
+
+constexpr const char *kZones = "zone live.list\nlist 192.0.2.0/24\nzone dead.list\nfault dead\n";
+constexpr uint32_t kNeverMs = 300'000;  // a time-out that no test sits through
+
+class NodesTest : public support::HostTest {
+ protected:
+  ListServer server_{kZones};
+};
+
+// A context whose list questions about addresses stay open until it is closed.
+class PendingTest : public NodesTest {
+ protected:
+  PendingTest() {
+    host_.server(server_.port()).zone(KAVOT_BL_IP, "dead.list");
+    host_.option(KAVOOPT_CLOSE_FAST, 1).option(KAVOOPT_TIMEOUT_MSEC, kNeverMs);
+  }
+  Host host_{4};
+};
+
+TEST_F(PendingTest, WaitsRunOutAndLeaveTheNodeAsItWas) {
+  host_.open();
+  Node node(host_, KAVOT_BL_IP, "192.0.2.1");
+  EXPECT_EQ(node.wait(KAVOWT_NONE), KAVOE_OK);
+  for (const KAVO_WAIT_LEVEL level : {KAVOWT_DCACHE, KAVOWT_FIRST, KAVOWT_FULL})
+    EXPECT_EQ(node.wait(level, kShortMs), KAVOE_TIMEOUT) << level;
+  EXPECT_EQ(node.wait(KAVOWT_FULL, UINT_MAX - 1), KAVOE_TIMEOUT) << "that moment has passed";
+  Answers answers;
+  EXPECT_EQ(answers.copy(host_, node), KAVOE_NODATA);
+  EXPECT_EQ(answers.query(host_, KAVOT_BL_IP, support::address_bytes("192.0.2.2"), 0, kShortMs), KAVOE_TIMEOUT);
+  EXPECT_EQ(answers.query(host_, KAVOT_BL_IP, support::address_bytes("192.0.2.2"), 0, kLongMs, KAVOWT_NONE),
+            KAVOE_NODATA);
+  ASSERT_EQ(kavo_close(host_), KAVOE_OK);
+  EXPECT_EQ(kavo_nactive(host_), 1u) << "neither call leaves a node held";
+}
+
+TEST_F(PendingTest, SyncNodesSignalOneWaitEach) {
+  host_.open();
+  Node pending(host_, KAVOT_BL_IP, "192.0.2.1");
+  Node bell(host_), whistle(host_);
+  ASSERT_NE(static_cast<KAVO_QUERY_NODE>(bell), static_cast<KAVO_QUERY_NODE>(whistle));
+  EXPECT_EQ(kavo_node_type(host_, bell), KAVOT_SYNC);
+  EXPECT_EQ(bell.wait(KAVOWT_NONE, kShortMs), KAVOE_TIMEOUT) << "an armed sync node satisfies no level";
+
+  ASSERT_EQ(kavo_signal_syncnode(host_, bell), KAVOE_OK);
+  ASSERT_EQ(kavo_signal_syncnode(host_, bell), KAVOE_OK) << "a second signal adds nothing";
+  EXPECT_EQ(bell.wait(KAVOWT_FULL), KAVOE_OK) << "a signal stays until a wait takes it";
+  EXPECT_EQ(bell.wait(KAVOWT_FULL, kShortMs), KAVOE_TIMEOUT);
+
+  // Among questions: the signal cuts the wait short and says so.
+  KAVO_QUERY_NODE both[]{pending, bell};
+  KAVO_QUERY_NODE resolved = nullptr;
+  std::thread ringer([this, &bell] { EXPECT_EQ(kavo_signal_syncnode(host_, bell), KAVOE_OK); });
+  EXPECT_EQ(kavo_wait_multiple_nodes(host_, both, 2, KAVOWT_FULL, 0, Deadline(kLongMs), &resolved), KAVOE_OK);
+  ringer.join();
+  EXPECT_EQ(resolved, static_cast<KAVO_QUERY_NODE>(bell));
+  EXPECT_EQ(bell.wait(KAVOWT_FULL, kShortMs), KAVOE_TIMEOUT);
+
+  EXPECT_EQ(kavo_signal_syncnode(host_, pending), KAVOE_BADPAR);
+  Answers answers;
+  EXPECT_EQ(answers.copy(host_, bell), KAVOE_FAIL);
+  std::array<unsigned char, DNS_MAXDN> dn;
+  EXPECT_EQ(kavo_node_qdn(host_, bell, dn.data(), dn.size(), nullptr), KAVOE_BADPAR);
+}
+
+TEST_F(PendingTest, OneSignalReleasesOneOfTwoWaiters) {
+  host_.open();
+  Node bell(host_);
+  std::atomic<int> released{0};
+  std::vector<std::thread> waiters;
+  for (int i = 0; i < 2; ++i) {
+    waiters.emplace_back([&bell, &released] {
+      EXPECT_EQ(bell.wait(KAVOWT_FULL), KAVOE_OK);
+      ++released;
+    });
+  }
+  const auto released_after = [&released](int count) {
+    for (unsigned waited = 0; waited < kLongMs && released < count; ++waited)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(kShortMs));
+    return released.load();
+  };
+  ASSERT_EQ(kavo_signal_syncnode(host_, bell), KAVOE_OK);
+  EXPECT_EQ(released_after(1), 1);
+  ASSERT_EQ(kavo_signal_syncnode(host_, bell), KAVOE_OK);
+  EXPECT_EQ(released_after(2), 2);
+  for (std::thread &waiter : waiters)
+    waiter.join();
+}
+
+// A list of the host's own, shown to the library node by node.
+struct HostList {
+  std::vector<KAVO_QUERY_NODE> nodes;
+  size_t at = 0;
+  unsigned claimed = 0;  // what count() says
+
+  KAVO_NODELIST_ITERATOR iterator() {
+    claimed = static_cast<unsigned>(nodes.size());
+    return {this, [](void *list) { return static_cast<HostList *>(list)->claimed; },
+            [](void *list) { static_cast<HostList *>(list)->at = 0; },
+            [](void *list) {
+              auto *self = static_cast<HostList *>(list);
+              return ++self->at < self->nodes.size() ? 1 : 0;
+            },
+            [](void *list) {
+              auto *self = static_cast<HostList *>(list);
+              return self->at < self->nodes.size() ? self->nodes[self->at] : nullptr;
+            }};
+  }
+};
+
+TEST_F(PendingTest, ArrayWaitTakesEverySignalAListWaitOne) {
+  host_.open();
+  Node bell(host_), whistle(host_);
+  const auto signal_both = [&] {
+    return kavo_signal_syncnode(host_, bell) == KAVOE_OK && kavo_signal_syncnode(host_, whistle) == KAVOE_OK;
+  };
+  HostList list{{bell, whistle}};
+  KAVO_NODELIST_ITERATOR iterator = list.iterator();
+
+  ASSERT_TRUE(signal_both());
+  EXPECT_EQ(kavo_wait_nodelist(host_, &iterator, KAVOWT_FULL, 0, Deadline(kLongMs)), KAVOE_OK);
+  EXPECT_EQ(bell.wait(KAVOWT_FULL, kShortMs), KAVOE_TIMEOUT);
+  EXPECT_EQ(whistle.wait(KAVOWT_FULL, kShortMs), KAVOE_OK) << "the second keeps its signal";
+
+  ASSERT_TRUE(signal_both());
+  KAVO_QUERY_NODE resolved = nullptr;
+  EXPECT_EQ(kavo_wait_multiple_nodes(host_, list.nodes.data(), 2, KAVOWT_FULL, 0, Deadline(kLongMs), &resolved),
+            KAVOE_OK);
+  EXPECT_EQ(resolved, list.nodes[0]);
+  EXPECT_EQ(bell.wait(KAVOWT_FULL, kShortMs), KAVOE_TIMEOUT);
+  EXPECT_EQ(whistle.wait(KAVOWT_FULL, kShortMs), KAVOE_TIMEOUT);
+
+  ASSERT_TRUE(signal_both());
+  EXPECT_EQ(kavo_wait_nodelist(host_, &iterator, KAVOWT_FULL, 1, Deadline(kLongMs)), KAVOE_OK);
+  EXPECT_EQ(whistle.wait(KAVOWT_FULL, kShortMs), KAVOE_TIMEOUT);
+  ASSERT_EQ(kavo_signal_syncnode(host_, bell), KAVOE_OK);
+  EXPECT_EQ(kavo_wait_nodelist(host_, &iterator, KAVOWT_FULL, 1, Deadline(kShortMs)), KAVOE_TIMEOUT) << "all means all";
+
+  list.claimed = 0;
+  EXPECT_EQ(kavo_wait_nodelist(host_, &iterator, KAVOWT_FULL, 0, Deadline(kLongMs)), KAVOE_BADPAR);
+  iterator.advance = nullptr;
+  list.claimed = 2;
+  EXPECT_EQ(kavo_wait_nodelist(host_, &iterator, KAVOWT_FULL, 0, Deadline(kLongMs)), KAVOE_BADPAR);
+  KAVO_QUERY_NODE holed[]{bell, nullptr};
+  EXPECT_EQ(kavo_wait_multiple_nodes(host_, holed, 2, KAVOWT_FULL, 1, Deadline(kLongMs), nullptr), KAVOE_BADPAR);
+}
+
+TEST_F(NodesTest, SyncNodesOfManyThreadsAreTheirOwn) {
+  constexpr int kThreads = 4, kNodes = 50;
+  Host host(kThreads * kNodes);
+  host.open();
+  std::array<std::array<KAVO_QUERY_NODE, kNodes>, kThreads> nodes{};
+  std::vector<std::thread> threads;
+  for (auto &row : nodes) {
+    threads.emplace_back([&host, &row] {
+      for (KAVO_QUERY_NODE &node : row)
+        EXPECT_EQ(kavo_subscribe_syncnode(host, nullptr, &node), KAVOE_OK);
+    });
+  }
+  for (std::thread &thread : threads)
+    thread.join();
+  std::set<KAVO_QUERY_NODE> distinct;
+  for (const auto &row : nodes)
+    distinct.insert(row.begin(), row.end());
+  EXPECT_EQ(distinct.size(), static_cast<size_t>(kThreads * kNodes));
+  KAVO_QUERY_NODE more = nullptr;
+  EXPECT_EQ(kavo_subscribe_syncnode(host, Deadline(kShortMs), &more), KAVOE_TIMEOUT) << "the table is full";
+  for (KAVO_QUERY_NODE node : distinct)
+    EXPECT_EQ(kavo_unsubscribe_node(host, node), KAVOE_OK);
+  EXPECT_EQ(kavo_nactive(host), 0u);
+}
+
+TEST_F(NodesTest, FullTableMakesOthersWaitUntilTheirDeadline) {
+  Host host(1);
+  host.server(server_.port()).zone(KAVOT_BL_IP, "live.list").open();
+  Node first(host, KAVOT_BL_IP, "192.0.2.1");
+  ASSERT_EQ(first.wait(KAVOWT_FULL), KAVOE_OK);
+  KAVO_QUERY_NODE other = nullptr;
+  EXPECT_EQ(kavo_subscribe_node_p(host, KAVOT_BL_IP, "192.0.2.2", 0, Deadline(kShortMs), &other), KAVOE_TIMEOUT);
+  EXPECT_EQ(kavo_nactive(host), 1u);
+  Node same(host, KAVOT_BL_IP, "192.0.2.1");
+  EXPECT_EQ(static_cast<KAVO_QUERY_NODE>(same), static_cast<KAVO_QUERY_NODE>(first)) << "joining needs no room";
+
+  std::atomic<bool> in{false};
+  std::thread patient([&host, &in] {
+    KAVO_QUERY_NODE node = nullptr;
+    EXPECT_EQ(kavo_subscribe_node_p(host, KAVOT_BL_IP, "192.0.2.2", 0, nullptr, &node), KAVOE_OK);
+    in = true;
+    EXPECT_EQ(kavo_unsubscribe_node(host, node), KAVOE_OK);
+  });
+  first.drop();
+  std::this_thread::sleep_for(std::chrono::milliseconds(kShortMs));
+  EXPECT_FALSE(in) << "one hold is left";
+  same.drop();
+  patient.join();
+
+  // A freed block is found again, or gives way to another question: many more than the table holds pass through it.
+  for (int i = 0; i < 100; ++i) {
+    const std::string subject = i % 3 == 0 ? "192.0.2.1" : "192.0.2." + std::to_string(i);
+    Node node(host, KAVOT_BL_IP, subject);
+    ASSERT_EQ(node.wait(KAVOWT_FULL), KAVOE_OK);
+    ASSERT_EQ(support::in_place(host, node), std::vector<std::string>{"127.0.0.2"});
+  }
+  EXPECT_EQ(kavo_nactive(host), 0u);
+}
+
+TEST_F(NodesTest, SameQuestionSharesItsNode) {
+  Host host;
+  host.server(server_.port()).zone(KAVOT_BL_DOM, "dead.list");
+  host.option(KAVOOPT_CLOSE_FAST, 1).option(KAVOOPT_TIMEOUT_MSEC, kNeverMs).open();
+  const auto same = [](const Node &a, const Node &b) {
+    return static_cast<KAVO_QUERY_NODE>(a) == static_cast<KAVO_QUERY_NODE>(b);
+  };
+  Node plain(host, KAVOT_BL_DOM, "Mail.Example.ORG"), lower(host, KAVOT_BL_DOM, "mail.example.org");
+  Node packet(host, KAVOT_BL_DOM, "mail.example.org", KAVOQF_PKT);
+  Node recursive(host, KAVOT_BL_DOM, "mail.example.org", KAVOQF_RECURSIVE);
+  Node high(host, KAVOT_BL_DOM, "mail.example.org", 0xffff0000u);
+  EXPECT_TRUE(same(plain, lower));
+  EXPECT_FALSE(same(plain, packet));
+  EXPECT_FALSE(same(plain, recursive));
+  EXPECT_FALSE(same(packet, recursive));
+  EXPECT_TRUE(same(plain, high)) << "the high bits are the library's own";
+  EXPECT_EQ(kavo_nactive(host), 3u);
+
+  unsigned char dn[DNS_MAXDN];
+  ASSERT_GT(kavo_dns_ptodn("mail.example.org", 0, dn, sizeof dn), 0);
+  std::array<sockaddr_in, KAVO_MAX_SERV + 1> servers;
+  servers.fill(support::loopback(server_.port()));
+  servers[1].sin_addr.s_addr = htonl(INADDR_LOOPBACK + 1);
+  const auto *list = reinterpret_cast<const sockaddr *>(servers.data());
+  const auto subscribe = [&](const sockaddr *serv, unsigned count, unsigned flags, KAVO_QUERY_NODE *node) {
+    return kavo_subscribe_node_serv_ext(host, KAVOT_BL_DOM, dn, serv, count, flags, nullptr, node);
+  };
+  std::array<KAVO_QUERY_NODE, 6> nodes{};
+  EXPECT_EQ(subscribe(list, 2, 0, &nodes[0]), KAVOE_OK);
+  EXPECT_EQ(subscribe(list, 2, KAVOQF_RECURSIVE, &nodes[1]), KAVOE_OK);
+  std::swap(servers[0], servers[1]);
+  EXPECT_EQ(subscribe(list, 2, 0, &nodes[2]), KAVOE_OK);
+  EXPECT_EQ(subscribe(list, KAVO_MAX_SERV - 1, 0, &nodes[3]), KAVOE_OK);
+  EXPECT_EQ(subscribe(nullptr, 2, 0, &nodes[4]), KAVOE_OK);
+  EXPECT_EQ(kavo_subscribe_node_dcache(host, KAVOT_BL_DOM, dn, list, nullptr, &nodes[5]), KAVOE_OK);
+  EXPECT_EQ(nodes[0], nodes[1]) << "servers of its own are never asked for recursion";
+  EXPECT_NE(nodes[0], nodes[2]) << "the order of the servers counts";
+  EXPECT_EQ(nodes[4], static_cast<KAVO_QUERY_NODE>(plain)) << "no array, no servers";
+  EXPECT_EQ(std::set<KAVO_QUERY_NODE>(nodes.begin(), nodes.end()).size(), 5u);
+  KAVO_QUERY_NODE refused = nullptr;
+  EXPECT_EQ(subscribe(list, KAVO_MAX_SERV + 1, 0, &refused), KAVOE_BADPAR);
+  servers[1].sin_family = AF_INET6;
+  EXPECT_EQ(subscribe(list, 3, 0, &refused), KAVOE_BADPAR);
+  for (KAVO_QUERY_NODE node : nodes)
+    EXPECT_EQ(kavo_unsubscribe_node(host, node), KAVOE_OK);
+  ASSERT_EQ(kavo_close(host), KAVOE_OK) << "which takes back the server thread's own holds";
+  EXPECT_EQ(kavo_nactive(host), 3u);
+}
+
+// A name of `size` bytes in wire form, as text.
+std::string name_of(size_t size) {
+  std::string text;
+  for (size_t left = size - 1; left > 0;) {
+    size_t label = std::min<size_t>(left - 1, DNS_MAXLABEL);
+    if (left - 1 - label == 1) --label;  // a single byte cannot be a label
+    text += std::string(text.empty() ? 0 : 1, '.') + std::string(label, 'a');
+    left -= label + 1;
+  }
+  return text;
+}
+
+TEST_F(NodesTest, NameThatGrowsTooLongWithItsZoneFailsItsNodeOnly) {
+  constexpr size_t kZoneSize = sizeof "\4live\4list";  // in wire form
+  Host host;
+  host.server(server_.port()).zone(KAVOT_BL_DOM, "live.list").open();
+  const size_t longest = DNS_MAXDN + 1 - kZoneSize;
+  Answers answers;
+  EXPECT_EQ(answers.query(host, KAVOT_BL_DOM, name_of(longest)), KAVOE_OK);
+  EXPECT_EQ(answers.texts(), std::vector<std::string>{"NXDOM"});
+  for (const size_t size : {longest + 1, size_t{DNS_MAXDN}}) {
+    Node node(host, KAVOT_BL_DOM, name_of(size));
+    EXPECT_EQ(node.wait(KAVOWT_FULL), KAVOE_OK) << "a failed node ends every wait";
+    EXPECT_EQ(answers.copy(host, node), KAVOE_SRV);
+    EXPECT_EQ(answers.query(host, KAVOT_BL_DOM, name_of(size)), KAVOE_SRV);
+    std::array<unsigned char, DNS_MAXDN> dn;
+    unsigned written = 0;
+    EXPECT_EQ(kavo_node_qdn(host, node, dn.data(), 5, &written), KAVOE_NOMEM);
+    EXPECT_EQ(written, size);
+    EXPECT_EQ(kavo_node_qdn(host, node, dn.data(), written, &written), KAVOE_OK);
+    EXPECT_EQ(kavo_dns_dnlen(dn.data()), size);
+  }
+  EXPECT_EQ(kavo_nactive(host), 0u);
+  EXPECT_EQ(answers.query(host, KAVOT_BL_DOM, "example"), KAVOE_OK) << "the server thread goes on";
+}
+
+}  // namespace

@@ -1,0 +1,170 @@
+#include "support/namedaemons.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdlib>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+namespace support {
+namespace {
+
+constexpr uint16_t kTypeSoa = 6;
+constexpr int kReadyAttempts = 100;
+constexpr milliseconds kReadyWait{200};
+constexpr uint16_t kProbeId = 0x5e7d;
+constexpr size_t kHeaderSize = 12;
+constexpr mode_t kReadableByAll = 0755;  // a server that gives up root must still reach its files
+
+void append16(std::string *packet, unsigned value) {
+  packet->push_back(static_cast<char>(value >> 8));
+  packet->push_back(static_cast<char>(value & 0xff));
+}
+
+std::string probe_packet(std::string_view name, uint16_t type) {
+  std::string packet;
+  for (const unsigned word : {unsigned{kProbeId}, 0x0100u, 1u, 0u, 0u, 0u})
+    append16(&packet, word);
+  std::istringstream labels{std::string(name)};
+  for (std::string label; std::getline(labels, label, '.');) {
+    packet.push_back(static_cast<char>(label.size()));
+    packet += label;
+  }
+  packet.push_back('\0');
+  append16(&packet, type);
+  append16(&packet, 1);
+  return packet;
+}
+
+std::unique_ptr<TempDir> shared_directory() {
+  auto directory = std::make_unique<TempDir>();
+  if (chmod(directory->path().c_str(), kReadableByAll) != 0) throw std::runtime_error("chmod " + directory->path());
+  return directory;
+}
+
+std::string required_program(std::string_view name) {
+  std::string path = find_program(name);
+  if (path.empty()) throw std::runtime_error(std::string(name) + " is not installed");
+  return path;
+}
+
+// Waits until the daemon answers for every zone; the answer to a zone's own SOA question has code 0.
+std::unique_ptr<NameDaemon> ready(std::unique_ptr<NameDaemon> daemon, const std::vector<std::string> &zones) {
+  size_t answered = 0;
+  for (int i = 0; i < kReadyAttempts && answered < zones.size() && daemon->running(); ++i) {
+    const std::optional<int> rcode = ask_rcode(daemon->port(), zones[answered], kTypeSoa, kReadyWait);
+    if (rcode == 0)
+      ++answered;
+    else
+      std::this_thread::sleep_for(kReadyWait / 4);
+  }
+  if (answered < zones.size())
+    throw std::runtime_error("no answer for " + zones[answered] + " from the server:\n" + daemon->log());
+  return daemon;
+}
+
+}  // namespace
+
+NameDaemon::NameDaemon(std::unique_ptr<TempDir> directory, std::vector<std::string> argv, uint16_t port)
+    : directory_(std::move(directory)), process_(std::move(argv), "", directory_->path()), port_(port) {}
+
+std::optional<int> ask_rcode(uint16_t port, std::string_view name, uint16_t type, milliseconds bound) {
+  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return std::nullopt;
+  const timeval wait{bound.count() / 1000, (bound.count() % 1000) * 1000};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+  sockaddr_in to{};
+  to.sin_family = AF_INET;
+  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  to.sin_port = htons(port);
+  const std::string packet = probe_packet(name, type);
+  std::array<unsigned char, 4096> answer;
+  ssize_t got = -1;
+  if (connect(fd, reinterpret_cast<const sockaddr *>(&to), sizeof to) == 0 &&
+      send(fd, packet.data(), packet.size(), 0) == static_cast<ssize_t>(packet.size()))
+    got = recv(fd, answer.data(), answer.size(), 0);
+  close(fd);
+  if (got < static_cast<ssize_t>(kHeaderSize) || answer[0] != kProbeId >> 8 || answer[1] != (kProbeId & 0xff))
+    return std::nullopt;
+  return answer[3] & 0x0f;
+}
+
+std::string find_program(std::string_view name) {
+  const char *path = std::getenv("PATH");
+  std::istringstream directories(std::string(path == nullptr ? "" : path) + ":/usr/local/sbin:/usr/sbin:/sbin");
+  for (std::string directory; std::getline(directories, directory, ':');) {
+    const std::string candidate = directory + "/" + std::string(name);
+    if (!directory.empty() && access(candidate.c_str(), X_OK) == 0) return candidate;
+  }
+  return "";
+}
+
+std::unique_ptr<NameDaemon> start_rbldnsd(const std::vector<ListZone> &zones) {
+  const uint16_t port = free_udp_port();
+  auto directory = shared_directory();
+  std::vector<std::string> argv{required_program("rbldnsd"),        "-n", "-c", "0", "-b",
+                                "127.0.0.1/" + std::to_string(port)};
+  // It refuses to serve as root.
+  if (geteuid() == 0) argv.insert(argv.end(), {"-u", "nobody"});
+  std::vector<std::string> names;
+  for (const ListZone &zone : zones) {
+    const std::string file = "zone" + std::to_string(names.size());
+    directory->write(file, "$SOA 300 ns.invalid. admin.invalid. 1 300 300 300 300\n$NS 300 ns.invalid.\n" + zone.data);
+    argv.push_back(zone.name + ":" + zone.kind + ":" + file);
+    names.push_back(zone.name);
+  }
+  return ready(std::make_unique<NameDaemon>(std::move(directory), std::move(argv), port), names);
+}
+
+std::unique_ptr<NameDaemon> start_nsd(const std::vector<MasterZone> &zones) {
+  const uint16_t port = free_udp_port();
+  auto directory = shared_directory();
+  const std::string &path = directory->path();
+  std::ostringstream config;
+  config << "server:\n  ip-address: 127.0.0.1\n  port: " << port
+         << "\n  username: \"\"\n  chroot: \"\"\n  server-count: 1\n"
+         << "  zonesdir: \"" << path << "\"\n  pidfile: \"" << path << "/nsd.pid\"\n  database: \"\"\n  xfrdir: \""
+         << path << "\"\n  xfrdfile: \"" << path << "/xfrd.state\"\n  zonelistfile: \"" << path
+         << "/zone.list\"\n  rrl-ratelimit: 0\n"
+         << "remote-control:\n  control-enable: no\n";
+  std::vector<std::string> names;
+  for (const MasterZone &zone : zones) {
+    const std::string file = "zone" + std::to_string(names.size());
+    directory->write(file, zone.records);
+    config << "zone:\n  name: \"" << zone.name << "\"\n  zonefile: \"" << file << "\"\n";
+    names.push_back(zone.name);
+  }
+  std::vector<std::string> argv{required_program("nsd"), "-d", "-c", directory->write("nsd.conf", config.str())};
+  return ready(std::make_unique<NameDaemon>(std::move(directory), std::move(argv), port), names);
+}
+
+std::unique_ptr<NameDaemon> start_unbound(const std::vector<StubZone> &zones) {
+  const uint16_t port = free_udp_port();
+  auto directory = shared_directory();
+  std::ostringstream config;
+  config << "server:\n  interface: 127.0.0.1\n  port: " << port << "\n  username: \"\"\n  chroot: \"\"\n  directory: \""
+         << directory->path() << "\"\n  pidfile: \"" << directory->file("unbound.pid")
+         << "\"\n  do-daemonize: no\n  use-syslog: no\n  num-threads: 1\n  outgoing-interface: 127.0.0.1\n"
+         << "  do-not-query-localhost: no\n  module-config: \"iterator\"\n  access-control: 127.0.0.0/8 allow\n"
+         << "  do-ip6: no\n  outgoing-range: 64\n  num-queries-per-thread: 64\n  unblock-lan-zones: yes\n";
+  // Names that it would otherwise answer for itself, such as those below test.
+  for (const auto &[name, server] : zones)
+    config << "  local-zone: \"" << name << "\" transparent\n";
+  config << "remote-control:\n  control-enable: no\n";
+  std::vector<std::string> names;
+  for (const auto &[name, server] : zones) {
+    config << "stub-zone:\n  name: \"" << name << "\"\n  stub-addr: 127.0.0.1@" << server << "\n  stub-prime: no\n";
+    names.push_back(name);
+  }
+  std::vector<std::string> argv{required_program("unbound"), "-d", "-c",
+                                directory->write("unbound.conf", config.str())};
+  return ready(std::make_unique<NameDaemon>(std::move(directory), std::move(argv), port), names);
+}
+
+}  // namespace support

@@ -1,0 +1,66 @@
+// namedaemons.h - real name servers on loopback for the tests: a list server, an authoritative server and a resolver.
+//
+// Each start_* call writes a configuration of its own into a scratch directory, starts the distribution's program on a
+// free port of 127.0.0.1, and returns once the program answers a real question over UDP. A NameDaemon is stopped by its
+// process id when it goes out of scope. All of them run as root and as an ordinary user, and talk to nobody outside
+// 127.0.0.0/8. They throw std::runtime_error, with what the program wrote, when it does not come up: the test fails and
+// says why.
+#ifndef KAVO_TESTS_SUPPORT_NAMEDAEMONS_H
+#define KAVO_TESTS_SUPPORT_NAMEDAEMONS_H
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "support/process.h"
+
+namespace support {
+
+class NameDaemon {
+ public:
+  NameDaemon(std::unique_ptr<TempDir> directory, std::vector<std::string> argv, uint16_t port);
+
+  [[nodiscard]] uint16_t port() const { return port_; }
+  [[nodiscard]] std::string log() { return process_.output().out + process_.output().err; }
+  [[nodiscard]] bool running() { return process_.running(); }
+  void stop() { process_.stop(); }
+
+ private:
+  std::unique_ptr<TempDir> directory_;  // outlives the process that reads it
+  Process process_;
+  uint16_t port_;
+};
+
+// ListZone is one zone of the list server: its name, the kind of its data ("ip4set", "dnset", ...) and the data itself.
+struct ListZone {
+  std::string name;
+  std::string kind;
+  std::string data;
+};
+[[nodiscard]] std::unique_ptr<NameDaemon> start_rbldnsd(const std::vector<ListZone> &zones);
+
+// MasterZone is a zone of the authoritative server, its records in the usual text form; SOA and NS are among them.
+struct MasterZone {
+  std::string name;
+  std::string records;
+};
+[[nodiscard]] std::unique_ptr<NameDaemon> start_nsd(const std::vector<MasterZone> &zones);
+
+// start_unbound starts a resolver that knows no root and asks 127.0.0.1 at `port` for the names of each zone.
+using StubZone = std::pair<std::string, uint16_t>;
+[[nodiscard]] std::unique_ptr<NameDaemon> start_unbound(const std::vector<StubZone> &zones);
+
+// find_program looks in PATH and in the system administrator's directories; empty when there is no such program.
+[[nodiscard]] std::string find_program(std::string_view name);
+
+// ask_rcode sends one question (class IN, RD set) to 127.0.0.1 and returns the response code; nothing without an
+// answer.
+[[nodiscard]] std::optional<int> ask_rcode(uint16_t port, std::string_view name, uint16_t type, milliseconds bound);
+
+}  // namespace support
+
+#endif  // KAVO_TESTS_SUPPORT_NAMEDAEMONS_H

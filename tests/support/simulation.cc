@@ -1,0 +1,335 @@
+// simulation.cc - see simulation.h.
+#include "simulation.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+namespace dns {
+dns_ctx *context_new(const Io *io);  // the engine's, over a world of one's own
+}
+
+namespace sim {
+namespace {
+
+constexpr int64_t kUsPerSecond = 1'000'000;
+constexpr uint32_t kTtl = 300;
+
+// A packet being written with the writer of the library under test would hide its faults, so this one is the test's
+// own.
+struct Packet {
+  Bytes bytes;
+  void u8(unsigned value) { bytes.push_back(static_cast<uint8_t>(value)); }
+  void u16(unsigned value) {
+    u8(value >> 8);
+    u8(value & 255);
+  }
+  void u32(uint32_t value) {
+    u16(value >> 16);
+    u16(value & 65535);
+  }
+  void name(const std::string &dotted) {
+    size_t at = 0;
+    while (at < dotted.size()) {
+      const size_t dot = std::min(dotted.find('.', at), dotted.size());
+      u8(static_cast<unsigned>(dot - at));
+      bytes.insert(bytes.end(), dotted.begin() + static_cast<long>(at), dotted.begin() + static_cast<long>(dot));
+      at = dot + 1;
+    }
+    u8(0);
+  }
+  void record(unsigned type, const Bytes &data) {
+    u16(type);
+    u16(DNS_C_IN);
+    u32(kTtl);
+    u16(static_cast<unsigned>(data.size()));
+    bytes.insert(bytes.end(), data.begin(), data.end());
+  }
+};
+
+Bytes address_data(in_addr_t address) {
+  Packet data;
+  data.u32(address);
+  return data.bytes;
+}
+
+Bytes name_data(const std::string &dotted) {
+  Packet data;
+  data.name(dotted);
+  return data.bytes;
+}
+
+Bytes soa_data() {
+  Packet data;
+  data.name("ns.test");
+  data.name("admin.test");
+  for (const uint32_t figure : {1U, 3600U, 600U, 86400U, 60U})
+    data.u32(figure);
+  return data.bytes;
+}
+
+size_t question_end(const Bytes &packet) {
+  size_t at = DNS_HSIZE;
+  while (packet.at(at) != 0)
+    at += packet[at] + 1U;
+  return at + 5;
+}
+
+void set_counts(Bytes *packet, unsigned answers, unsigned authority, unsigned rcode, bool authoritative = true) {
+  (*packet)[2] = static_cast<uint8_t>(0x80 | ((*packet)[2] & 1) | (authoritative ? 4 : 0));
+  (*packet)[3] = static_cast<uint8_t>(rcode);
+  (*packet)[7] = static_cast<uint8_t>(answers);
+  (*packet)[9] = static_cast<uint8_t>(authority);
+}
+
+Bytes honest(const Bytes &question) {
+  const Truth truth = truth_of(question.data() + DNS_HSIZE);
+  Packet packet{Bytes(question.begin(), question.begin() + static_cast<long>(question_end(question)))};
+  if (truth.status == DNS_E_NOERROR) {
+    packet.u16(0xC00C);
+    packet.record(DNS_T_A, address_data(truth.address));
+    set_counts(&packet.bytes, 1, 0, DNS_R_NOERROR);
+  } else {
+    packet.u8(0);  // the root's own SOA covers every name
+    packet.record(DNS_T_SOA, soa_data());
+    set_counts(&packet.bytes, 0, 1, truth.status == DNS_E_NXDOMAIN ? DNS_R_NXDOMAIN : DNS_R_NOERROR);
+  }
+  return packet.bytes;
+}
+
+// aliased answers through two aliases that stand behind their targets, or through two that point at each other.
+Bytes aliased(const Bytes &question, bool loop) {
+  const Truth truth = truth_of(question.data() + DNS_HSIZE);
+  if (truth.status != DNS_E_NOERROR && !loop) return honest(question);
+  Packet packet{Bytes(question.begin(), question.begin() + static_cast<long>(question_end(question)))};
+  if (!loop) {
+    packet.name("end.test");
+    packet.record(DNS_T_A, address_data(truth.address));
+  }
+  packet.name("middle.test");
+  packet.record(DNS_T_CNAME, name_data(loop ? "end.test" : "END.test"));
+  packet.u16(0xC00C);
+  packet.record(DNS_T_CNAME, name_data("middle.test"));
+  if (loop) {
+    packet.name("end.test");
+    packet.record(DNS_T_CNAME, name_data("middle.test"));
+  }
+  set_counts(&packet.bytes, 3, 0, DNS_R_NOERROR);
+  return packet.bytes;
+}
+
+Bytes referral(const Bytes &question) {
+  Packet packet{Bytes(question.begin(), question.begin() + static_cast<long>(question_end(question)))};
+  packet.name("test");
+  packet.record(DNS_T_NS, name_data("ns.test"));
+  set_counts(&packet.bytes, 0, 1, DNS_R_NOERROR, false);
+  return packet.bytes;
+}
+
+Bytes wrongly(Bytes answer, size_t byte) {
+  answer.at(byte) ^= 0x21;
+  return answer;
+}
+
+}  // namespace
+
+std::array<uint8_t, DNS_MAXDN> name(const std::string &text) {
+  std::array<uint8_t, DNS_MAXDN> dn{};
+  if (dns_ptodn(text.data(), static_cast<unsigned>(text.size()), dn.data(), DNS_MAXDN, nullptr) <= 0)
+    throw std::invalid_argument(text);
+  return dn;
+}
+
+Truth truth_of(const uint8_t *dn) {
+  const std::string label(reinterpret_cast<const char *>(dn) + 1, dn[0]);
+  if (label.starts_with("gone-")) return {DNS_E_NXDOMAIN, 0};
+  if (label.starts_with("empty-")) return {DNS_E_NODATA, 0};
+  return {DNS_E_NOERROR, 0x7F000000U | (static_cast<uint32_t>(std::hash<std::string>{}(label)) & 0xFFFFFF)};
+}
+
+Bytes answer_to(const Bytes &question, Temper temper) {
+  const size_t end = question_end(question);
+  Bytes error(question.begin(), question.begin() + static_cast<long>(end));
+  switch (temper) {
+    case Temper::good:
+      return honest(question);
+    case Temper::dead:
+      return {};
+    case Temper::refuses:
+      set_counts(&error, 0, 0, DNS_R_REFUSED);
+      return error;
+    case Temper::fails:
+      set_counts(&error, 0, 0, DNS_R_SERVFAIL);
+      return error;
+    case Temper::truncates:
+      set_counts(&error, 0, 0, DNS_R_NOERROR);
+      error[2] |= 2;
+      return error;
+    case Temper::garbles: {
+      Bytes answer = honest(question);
+      answer.resize(answer.size() - 3);
+      return answer;
+    }
+    case Temper::wrong_name:
+      return wrongly(honest(question), DNS_HSIZE + 2);
+    case Temper::wrong_id:
+      return wrongly(honest(question), 1);
+    case Temper::wrong_type:
+      return wrongly(honest(question), end - 3);
+    case Temper::request: {
+      Bytes answer = honest(question);
+      answer[2] &= 0x7F;
+      return answer;
+    }
+    case Temper::chains:
+      return aliased(question, false);
+    case Temper::loops:
+      return aliased(question, true);
+    case Temper::refers:
+      return referral(question);
+  }
+  return {};
+}
+
+World::World(uint64_t seed) : random_(seed), io_{this, wall, random_bytes, udp_open, udp_close, udp_send, udp_receive} {
+  ctx = dns::context_new(&io_);
+  if (ctx == nullptr || dns_open(ctx) != DNS_E_NOERROR) throw std::runtime_error("no engine context");
+}
+
+World::~World() {
+  dns_destroy(ctx);
+}
+
+sockaddr_in World::address_of(const std::string &address) {
+  sockaddr_in result{};
+  result.sin_family = AF_INET;
+  result.sin_port = htons(53);
+  if (inet_pton(AF_INET, address.c_str(), &result.sin_addr) != 1) throw std::invalid_argument(address);
+  return result;
+}
+
+void World::add_server(const std::string &address, Temper temper) {
+  tempers_[address] = temper;
+  if (dns_add_serv(ctx, address.c_str()) <= 0) throw std::runtime_error("server refused");
+}
+
+dns_timeval World::now() const {
+  return {static_cast<int32_t>(now_us / kUsPerSecond), static_cast<int32_t>(now_us % kUsPerSecond)};
+}
+
+bool World::turn() {
+  const dns_timeval wait = dns_timeouts(ctx, dns_tv_infinite, now());
+  if (wait == dns_tv_infinite) return false;
+  int64_t next = now_us + int64_t{wait.dnstv_sec} * kUsPerSecond + wait.dnstv_usec;
+  if (!under_way_.empty()) next = std::min(next, under_way_.begin()->first);
+  now_us = std::max(now_us, next);
+  deliver_due();
+  std::vector<dns_ios> sockets(64);
+  const int count = dns_sockio(ctx, sockets.data(), static_cast<unsigned>(sockets.size()));
+  sockets.resize(static_cast<size_t>(std::min(count, 64)));
+  for (dns_ios socket : sockets) {
+    const bool writable = (socket.dnsio_events & DNS_IO_OUT) != 0 && !send_buffers_full;
+    socket.dnsio_events =
+        (inboxes_[socket.dnsio_sock].empty() ? 0U : unsigned{DNS_IO_IN}) | (writable ? unsigned{DNS_IO_OUT} : 0U);
+    if (socket.dnsio_events != 0) dns_ioevent(ctx, &socket, now());
+  }
+  return true;
+}
+
+bool World::run(unsigned turns_max) {
+  for (unsigned i = 0; i < turns_max; ++i)
+    if (!turn()) return true;
+  return false;
+}
+
+void World::deliver_due() {
+  while (!under_way_.empty() && under_way_.begin()->first <= now_us) {
+    Parcel parcel = std::move(under_way_.begin()->second);
+    under_way_.erase(under_way_.begin());
+    const auto inbox = inboxes_.find(parcel.socket);
+    if (inbox != inboxes_.end()) inbox->second.push_back(std::move(parcel));
+  }
+}
+
+void World::mail(int socket, const sockaddr_in &from, Bytes bytes) {
+  if (bytes.empty() || chance(weather.loss_percent)) return;
+  const int copies = chance(weather.duplicate_percent) ? 2 : 1;
+  for (int i = 0; i < copies; ++i) {
+    const int64_t jitter =
+        weather.jitter_us > 0 ? static_cast<int64_t>(random(static_cast<uint64_t>(weather.jitter_us))) : 0;
+    under_way_.emplace(now_us + weather.delay_us + jitter, Parcel{socket, from, bytes});
+  }
+}
+
+void World::send(int socket, const dns::Datagram &datagram) {
+  ++packets_sent;
+  const Bytes question(datagram.data, datagram.data + datagram.size);
+  char text[INET_ADDRSTRLEN];
+  inet_ntop(AF_INET, &datagram.peer.sin_addr, text, sizeof text);
+  if (chance(weather.forged_percent)) {
+    // A forger knows the question and the server's address; the id and the socket it has to guess.
+    Bytes forged = answer_to(question, Temper::good);
+    forged[0] = static_cast<uint8_t>(random(256));
+    forged[1] = static_cast<uint8_t>(random(256));
+    forged.back() ^= 0xFF;
+    const bool guessed = forged[0] == question[0] && forged[1] == question[1];
+    if (!guessed) mail(socket, datagram.peer, forged);
+    auto other = std::next(inboxes_.begin(), static_cast<long>(random(inboxes_.size())));
+    Bytes right_id = answer_to(question, Temper::good);
+    right_id.back() ^= 0xFF;
+    if (other->first != socket) mail(other->first, datagram.peer, right_id);
+    sockaddr_in stranger = datagram.peer;
+    stranger.sin_addr.s_addr ^= htonl(0xFF);
+    mail(socket, stranger, right_id);
+  }
+  if (chance(weather.loss_percent)) return;
+  mail(socket, datagram.peer, answer_to(question, tempers_.at(text)));
+}
+
+dns_time World::wall(void *self) {
+  return static_cast<World *>(self)->now_us / kUsPerSecond;
+}
+
+bool World::random_bytes(void *self, void *bytes, size_t size) {
+  auto *world = static_cast<World *>(self);
+  std::generate_n(static_cast<uint8_t *>(bytes), size, [world] { return static_cast<uint8_t>(world->random(256)); });
+  return true;
+}
+
+int World::udp_open(void *self, uint16_t) {
+  auto *world = static_cast<World *>(self);
+  world->inboxes_[world->next_socket_];
+  ++world->sockets_open;
+  return world->next_socket_++;
+}
+
+void World::udp_close(void *self, int socket) {
+  auto *world = static_cast<World *>(self);
+  world->inboxes_.erase(socket);
+  --world->sockets_open;
+}
+
+int World::udp_send(void *self, int socket, const dns::Datagram *datagrams, unsigned count) {
+  auto *world = static_cast<World *>(self);
+  if (world->send_buffers_full) return -EAGAIN;
+  for (unsigned i = 0; i < count; ++i)
+    world->send(socket, datagrams[i]);
+  return static_cast<int>(count);
+}
+
+int World::udp_receive(void *self, int socket, dns::Datagram *datagrams, unsigned count) {
+  auto &inbox = static_cast<World *>(self)->inboxes_.at(socket);
+  unsigned got = 0;
+  for (; got < count && !inbox.empty(); ++got, inbox.pop_front()) {
+    const Parcel &parcel = inbox.front();
+    datagrams[got].size = static_cast<uint32_t>(parcel.bytes.size());
+    datagrams[got].peer = parcel.from;
+    memcpy(datagrams[got].data, parcel.bytes.data(), std::min<size_t>(parcel.bytes.size(), datagrams[got].capacity));
+  }
+  return got == 0 ? -EAGAIN : static_cast<int>(got);
+}
+
+}  // namespace sim

@@ -1,0 +1,307 @@
+#include "check.h"
+
+#include <kavo.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string_view>
+
+#include "plan.h"
+#include "report.h"
+#include "source.h"
+#include "subject.h"
+#include "verdict.h"
+
+namespace tool {
+namespace {
+
+constexpr size_t kWindow = 1024;         // subjects asked about at once: bounds memory whatever the list's length
+constexpr int kNodesPerSubject = 2;      // one for the return addresses, one for the reason
+constexpr int kCacheBytes = 4 << 20;     // so that a subject that stands in a long list twice is asked about once
+constexpr unsigned kSlackMs = 5000;      // beyond all tries, before an answer is given up
+constexpr unsigned kPortMax = 65534;     // the library's own bound
+constexpr size_t kSubjectWidthMin = 7;   // "SUBJECT"
+constexpr size_t kSubjectWidthMax = 48;  // longer ones push their line to the right
+constexpr size_t kZoneWidthMin = 4;      // "ZONE"
+
+struct Context {
+  KAVO kavo = nullptr;
+  Context() = default;
+  Context(const Context &) = delete;
+  Context &operator=(const Context &) = delete;
+  ~Context() {
+    if (kavo == nullptr) return;
+    kavo_close(kavo);
+    kavo_free(kavo);
+  }
+};
+
+void must(KAVO_ERR error, const char *what) {
+  if (error != KAVOE_OK) throw std::runtime_error(std::string(what) + ": " + kavo_strerror(error));
+}
+
+struct ServerAddress {
+  std::string address;
+  unsigned port;  // 0: the library's default
+};
+
+ServerAddress parse_server(const std::string &text) {
+  const std::string name = "server \"" + for_terminal(text) + "\"";
+  const size_t colon = text.find(':');
+  if (colon != text.rfind(':') || text.starts_with("["))
+    throw Usage{name + ": only IPv4 addresses of servers are supported"};
+  ServerAddress server{text.substr(0, colon), 0};
+  in_addr ignored;
+  if (kavo_dns_ptoa4(server.address.c_str(), &ignored) <= 0)
+    throw Usage{name + ": \"" + for_terminal(server.address) + "\" is no IPv4 address"};
+  if (colon == std::string::npos) return server;
+  const char *begin = text.data() + colon + 1, *end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(begin, end, server.port);
+  if (error != std::errc() || stop != end || server.port < 1 || server.port > kPortMax) {
+    throw Usage{name + ": the port must be a number from 1 to " + std::to_string(kPortMax)};
+  }
+  return server;
+}
+
+const char *kind_name(Kind kind) {
+  switch (kind) {
+    case Kind::ip4:
+      return "ipv4";
+    case Kind::ip6:
+      return "ipv6";
+    case Kind::domain:
+      return "domain";
+  }
+  return "";
+}
+
+// Asked is a subject on its way: the nodes that hold its questions, or why it cannot be asked about.
+struct Asked {
+  std::string text;
+  std::optional<Subject> subject;  // nothing when the text is none
+  std::string error;
+  KAVO_QUERY_NODE address = nullptr;
+  KAVO_QUERY_NODE reason = nullptr;
+};
+
+class Checker {
+ public:
+  Checker(const CheckArguments &arguments, const Plan &plan, KAVO kavo)
+      : plan_(plan), kavo_(kavo), wait_ms_((kTries + 1) * arguments.timeout_ms + kSlackMs) {}
+
+  Asked ask(const std::string &text);
+  SubjectReport collect(Asked *asked);
+
+ private:
+  std::string unaskable(const Subject &subject, const Questions &questions) const;
+  KAVO_QUERY_NODE subscribe(const Subject &subject, KAVO_TYPE type, std::string *error);
+  void read_node(const Questions &questions, KAVO_QUERY_NODE node, const timeval *deadline,
+                 std::vector<Answer> *answers);
+
+  const Plan &plan_;
+  KAVO kavo_;
+  unsigned wait_ms_;
+  std::unique_ptr<kavo_answer_iterator_t, void (*)(KAVO_ANSWER_ITERATOR)> iterator_{kavo_alloc_answer_iterator(),
+                                                                                    kavo_free_answer_iterator};
+};
+
+// Why a subject cannot be asked about; empty when it can.
+std::string Checker::unaskable(const Subject &subject, const Questions &questions) const {
+  if (questions.zones.empty()) {
+    return subject.kind == Kind::domain ? "no zone for domain names is configured"
+                                        : "no zone for addresses is configured";
+  }
+  const unsigned size = kavo_dns_dnlen(subject.dn.data());
+  for (const AskedZone &zone : questions.zones) {
+    std::array<unsigned char, DNS_MAXDN> dn;
+    const int zone_size = kavo_dns_ptodn(zone.name.c_str(), 0, dn.data(), DNS_MAXDN);
+    if (size - 1 + static_cast<unsigned>(zone_size) > DNS_MAXDN) {
+      return "the name is too long to be asked about in the zone " + zone.name;
+    }
+  }
+  return "";
+}
+
+KAVO_QUERY_NODE Checker::subscribe(const Subject &subject, KAVO_TYPE type, std::string *error) {
+  KAVO_QUERY_NODE node = nullptr;
+  const KAVO_ERR result = kavo_subscribe_node_dn(kavo_, type, subject.dn.data(), KAVOQF_RECURSIVE, nullptr, &node);
+  if (result == KAVOE_OK) return node;
+  *error = std::string("the question could not be asked: ") + kavo_strerror(result);
+  return nullptr;
+}
+
+// Starts a subject's questions. Never blocks: the table has a node for each question of a full window.
+Asked Checker::ask(const std::string &text) {
+  Asked asked;
+  asked.text = text;
+  try {
+    asked.subject = parse_subject(text);
+  } catch (const std::runtime_error &fault) {
+    asked.error = fault.what();
+    return asked;
+  }
+  const Questions &questions = plan_.questions(asked.subject->kind);
+  asked.error = unaskable(*asked.subject, questions);
+  if (!asked.error.empty()) return asked;
+  if (questions.any_address) asked.address = subscribe(*asked.subject, questions.address, &asked.error);
+  if (questions.any_reason) asked.reason = subscribe(*asked.subject, questions.reason, &asked.error);
+  return asked;
+}
+
+// Waits for a node and takes its answers; a zone whose answer has not come by the deadline keeps its time-out.
+void Checker::read_node(const Questions &questions, KAVO_QUERY_NODE node, const timeval *deadline,
+                        std::vector<Answer> *answers) {
+  const KAVO_ERR waited = kavo_wait_node(kavo_, node, KAVOWT_FULL, deadline);
+  KAVO_ERR result = kavo_set_answer_iterator(kavo_, node, iterator_.get());
+  if (waited != KAVOE_OK && waited != KAVOE_TIMEOUT) result = waited;
+  if (result == KAVOE_NODATA) result = KAVOE_TIMEOUT;  // of the iterator: nothing has come yet
+  for (Answer &answer : *answers) {
+    if (answer.asked && result != KAVOE_OK) answer.error = result;
+  }
+  const KAVO_ANSWER *answer;
+  while (result == KAVOE_OK && (answer = kavo_get_answer(kavo_, iterator_.get())) != nullptr) {
+    const auto number = static_cast<size_t>(answer->zone);
+    if (number >= questions.zone_of_number.size()) continue;
+    const size_t place = questions.zone_of_number[number];
+    if (place < answers->size()) (*answers)[place] = read_answer(*answer);
+  }
+  kavo_unsubscribe_node(kavo_, node);
+}
+
+SubjectReport Checker::collect(Asked *asked) {
+  if (!asked->subject) return {asked->text, "invalid", {}, asked->error};
+  const Questions &questions = plan_.questions(asked->subject->kind);
+  timeval deadline;
+  kavo_get_deadline(wait_ms_, &deadline);
+  std::vector<Answer> addresses(questions.zones.size()), reasons(questions.zones.size());
+  for (size_t i = 0; i < questions.zones.size(); ++i) {
+    addresses[i].asked = questions.zones[i].address;
+    reasons[i].asked = questions.zones[i].reason;
+  }
+  if (asked->address != nullptr) read_node(questions, asked->address, &deadline, &addresses);
+  if (asked->reason != nullptr) read_node(questions, asked->reason, &deadline, &reasons);
+  SubjectReport report{asked->text, kind_name(asked->subject->kind), {}, asked->error};
+  if (!report.error.empty()) return report;
+  for (size_t i = 0; i < questions.zones.size(); ++i) {
+    report.zones.push_back({&questions.zones[i].name, judge(addresses[i], reasons[i])});
+  }
+  return report;
+}
+
+Widths widths_for(const Plan &plan, const std::deque<Asked> &asked) {
+  Widths widths{kSubjectWidthMin, kZoneWidthMin};
+  for (const Asked &one : asked) {
+    widths.subject = std::max(widths.subject, std::min(columns_of(for_terminal(one.text)), kSubjectWidthMax));
+    if (!one.subject) continue;
+    for (const AskedZone &zone : plan.questions(one.subject->kind).zones) {
+      widths.zone = std::max(widths.zone, columns_of(zone.name));
+    }
+  }
+  return widths;
+}
+
+bool wants_colour() {
+  const char *term = std::getenv("TERM");
+  return isatty(STDOUT_FILENO) != 0 && std::getenv("NO_COLOR") == nullptr &&
+         (term == nullptr || std::string_view(term) != "dumb");
+}
+
+// Outcome is what the exit status is made of.
+struct Outcome {
+  bool listed = false;
+  bool failed = false;
+  void note(const SubjectReport &report) {
+    failed = failed || !report.error.empty();
+    for (const ZoneLine &line : report.zones) {
+      listed = listed || line.verdict.status == Status::listed;
+      failed = failed || line.verdict.question_failed;
+    }
+  }
+  [[nodiscard]] int status() const { return failed ? kExitFailed : listed ? kExitListed : kExitClear; }
+};
+
+// Keeps the window full, and shows the subjects in their order as the first of them is complete. The table's columns
+// are set by the first window.
+Outcome run(const CheckArguments &arguments, const Plan &plan, KAVO kavo) {
+  Checker checker(arguments, plan, kavo);
+  SubjectSource source(arguments.subjects);
+  std::unique_ptr<Reporter> reporter = arguments.json ? json_reporter() : nullptr;
+  std::deque<Asked> asked;
+  Outcome outcome;
+  for (;;) {
+    bool starved = false;
+    while (asked.size() < kWindow) {
+      const std::optional<std::string> text = source.next(asked.empty(), &starved);
+      if (!text) break;
+      asked.push_back(checker.ask(*text));
+    }
+    if (asked.empty()) break;
+    if (reporter == nullptr) reporter = table_reporter(widths_for(plan, asked), wants_colour());
+    const SubjectReport report = checker.collect(&asked.front());
+    asked.pop_front();
+    reporter->show(report);
+    outcome.note(report);
+    if (starved) std::fflush(stdout);
+  }
+  if (reporter != nullptr) reporter->finish();
+  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) throw std::runtime_error("cannot write the result");
+  return outcome;
+}
+
+// Faults in what stands on the command line are told before anything is asked.
+void examine(const CheckArguments &arguments, Plan *plan) {
+  if (arguments.subjects.empty())
+    throw Usage{"nothing to ask: give an address or a domain name, or - for standard input"};
+  try {
+    if (!arguments.zones_file.empty()) plan->read_file(arguments.zones_file);
+    for (const std::string &zone : arguments.zones)
+      plan->add(zone);
+    for (const std::string &subject : arguments.subjects) {
+      if (subject != "-") (void)parse_subject(subject);
+    }
+  } catch (const std::runtime_error &fault) {
+    throw Usage{fault.what()};
+  }
+  if (plan->empty()) {
+    throw Usage{arguments.zones_file.empty()
+                    ? "no zones: name them with --zone or --zones"
+                    : "no zones: none stands in the sections #IP, #IP_TXT, #DOMAIN and #DOMAIN_TXT of " +
+                          arguments.zones_file};
+  }
+}
+
+void configure(const CheckArguments &arguments, const std::vector<ServerAddress> &servers, KAVO kavo) {
+  must(kavo_set_opt(kavo, KAVOOPT_TIMEOUT_MSEC, arguments.timeout_ms), "cannot set the time-out");
+  must(kavo_set_opt(kavo, KAVOOPT_NTRIES, kTries), "cannot set the number of tries");
+  must(kavo_set_opt(kavo, KAVOOPT_CLOSE_FAST, 1), "cannot set the manner of closing");
+  if (!servers.empty()) must(kavo_add_dns_server(kavo, nullptr, 0), "cannot replace the servers");
+  for (const ServerAddress &server : servers) {
+    must(kavo_add_dns_server(kavo, server.address.c_str(), server.port), "cannot add a server");
+  }
+}
+
+}  // namespace
+
+int check(const CheckArguments &arguments) {
+  Plan plan;
+  examine(arguments, &plan);
+  std::vector<ServerAddress> servers;
+  for (const std::string &server : arguments.servers)
+    servers.push_back(parse_server(server));
+  Context context;
+  must(kavo_init_ext(&context.kavo, kNodesPerSubject * static_cast<int>(kWindow), kCacheBytes, plan.zones_max(), 0),
+       "cannot create the library's context");
+  configure(arguments, servers, context.kavo);
+  plan.configure(context.kavo);
+  must(kavo_open(context.kavo), "cannot open the library's context");
+  return run(arguments, plan, context.kavo).status();
+}
+
+}  // namespace tool

@@ -1,0 +1,121 @@
+#include "subject.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <stdexcept>
+
+namespace tool {
+namespace {
+
+constexpr size_t kNibbles = 32;
+constexpr unsigned kNibbleBits = 4;
+constexpr unsigned kNibbleMask = 0xf;
+constexpr size_t kMappedAt = 12;  // where the IPv4 address stands in a mapped one (RFC 4291, 2.5.5.2)
+
+[[noreturn]] void refuse(const std::string &text, const char *fault) {
+  throw std::runtime_error("\"" + for_terminal(text) + "\" " + fault);
+}
+
+void set_ip4(const in_addr &address, Subject *subject) {
+  subject->kind = Kind::ip4;
+  if (kavo_dns_a4todn(&address, subject->dn.data(), DNS_MAXDN) <= 0) refuse(subject->text, "cannot be reversed");
+}
+
+void set_ip6(const in6_addr &address, Subject *subject) {
+  subject->kind = Kind::ip6;
+  auto at = subject->dn.begin();
+  for (size_t nibble = kNibbles; nibble-- > 0;) {
+    const unsigned byte = address.s6_addr[nibble / 2];
+    *at++ = 1;
+    *at++ =
+        static_cast<unsigned char>("0123456789abcdef"[(nibble % 2 == 0 ? byte >> kNibbleBits : byte) & kNibbleMask]);
+  }
+  *at = 0;
+}
+
+void set_domain(Subject *subject) {
+  subject->kind = Kind::domain;
+  const std::string &text = subject->text;
+  const auto unfit = [](unsigned char byte) { return byte <= ' ' || byte == 0x7f; };
+  if (std::any_of(text.begin(), text.end(), unfit))
+    refuse(text, "is no domain name: it holds a blank or control character");
+  const int size = kavo_dns_ptodn(text.c_str(), static_cast<unsigned>(text.size()), subject->dn.data(), DNS_MAXDN);
+  if (size == 0) refuse(text, "is no domain name: it is longer than 255 bytes");
+  if (size < 0) refuse(text, "is no domain name: a label is empty or longer than 63 bytes, or an escape is wrong");
+  if (size == 1) refuse(text, "is the root and in no list");
+  // No top-level domain is a number, so this is an address with a fault.
+  const size_t end = text.back() == '.' ? text.size() - 1 : text.size();
+  const size_t dot = text.rfind('.', end - 1);
+  const std::string last =
+      text.substr(dot == std::string::npos ? 0 : dot + 1, end - (dot == std::string::npos ? 0 : dot + 1));
+  if (last.find_first_not_of("0123456789") == std::string::npos)
+    refuse(text, "is neither an address nor a domain name");
+}
+
+// The number of bytes that a well-formed UTF-8 character takes here; 0 for a byte that begins none.
+size_t utf8_size(const std::string &text, size_t at) {
+  const auto byte = [&](size_t i) { return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U; };
+  const unsigned lead = byte(at);
+  const size_t size = lead < 0x80                   ? 1
+                      : lead >= 0xc2 && lead < 0xe0 ? 2
+                      : lead >= 0xe0 && lead < 0xf0 ? 3
+                      : lead >= 0xf0 && lead < 0xf5 ? 4
+                                                    : 0;
+  for (size_t i = 1; i < size; ++i) {
+    if ((byte(at + i) & 0xc0) != 0x80) return 0;
+  }
+  const unsigned second = byte(at + 1);
+  const bool overlong = (lead == 0xe0 && second < 0xa0) || (lead == 0xf0 && second < 0x90);
+  const bool outside = (lead == 0xed && second > 0x9f) || (lead == 0xf4 && second > 0x8f);
+  return overlong || outside ? 0 : size;
+}
+
+// Control characters of both sets: below 32 and 127, and U+0080 to U+009F.
+bool is_control(const std::string &text, size_t at, size_t size) {
+  const auto lead = static_cast<unsigned char>(text[at]);
+  if (size == 1) return lead < ' ' || lead == 0x7f;
+  return size == 2 && lead == 0xc2 && static_cast<unsigned char>(text[at + 1]) < 0xa0;
+}
+
+}  // namespace
+
+std::string for_terminal(const std::string &text) {
+  std::string result;
+  for (size_t at = 0; at < text.size();) {
+    const size_t size = utf8_size(text, at);
+    if (size != 0 && !is_control(text, at, size)) {
+      result.append(text, at, size);
+      at += size;
+      continue;
+    }
+    std::array<char, sizeof("\\DDD")> escape;
+    std::snprintf(escape.data(), escape.size(), "\\%03u", static_cast<unsigned char>(text[at++]) & 0xffU);
+    result += escape.data();
+  }
+  return result;
+}
+
+Subject parse_subject(const std::string &text) {
+  Subject subject{text, Kind::domain, {}};
+  if (text.empty()) throw std::runtime_error("an empty text is neither an address nor a domain name");
+  in_addr ip4;
+  in6_addr ip6;
+  if (text.find('\0') == std::string::npos && inet_pton(AF_INET, text.c_str(), &ip4) == 1) {
+    set_ip4(ip4, &subject);
+  } else if (text.find(':') == std::string::npos) {
+    set_domain(&subject);
+  } else if (inet_pton(AF_INET6, text.c_str(), &ip6) != 1) {
+    refuse(text, "is no IPv6 address");
+  } else if (IN6_IS_ADDR_V4MAPPED(&ip6)) {
+    std::memcpy(&ip4, &ip6.s6_addr[kMappedAt], sizeof(ip4));
+    set_ip4(ip4, &subject);
+  } else {
+    set_ip6(ip6, &subject);
+  }
+  return subject;
+}
+
+}  // namespace tool
