@@ -134,4 +134,27 @@ void hit_cache(benchmark::State &state) {
 }
 BENCHMARK(hit_cache);
 
+void cache_get(benchmark::State &state) {
+  dns_cache *cache = dns_cache_init(1 << 24);
+  KAVO_CACHE cacher = dns_cache_cacher(cache);
+  const auto dn = name(kName);
+  const auto packet = answer();
+  size_t answers_at = 0;
+  alignas(8) uint8_t block[1024];
+  if (!dns::section_at(packet, DNS_S_AN, &answers_at) ||
+      dns::lay_block(dns::Block::a4, packet, answers_at, dn.data(), block, nullptr) < 0)
+    state.SkipWithError("no block");
+  KAVO_RR rr;
+  rr.rr_a = reinterpret_cast<dns_rr_a4 *>(block);
+  const auto size = static_cast<int>(strlen(kName));
+  if (kavo_cache_put(cacher, KAVOT_DNS_A, kName, size, &rr) != KAVOE_OK) state.SkipWithError("not stored");
+  KAVO_ANSWER found = {};
+  for (auto _ : state) {
+    if (kavo_cache_get(cacher, KAVOT_DNS_A, kName, size, &found, 0) != KAVOE_OK) state.SkipWithError("not found");
+  }
+  kavo_rr_free(&found.rr);
+  dns_cache_destroy(cache);
+}
+BENCHMARK(cache_get);
+
 }  // namespace

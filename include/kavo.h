@@ -54,6 +54,7 @@
 
 #include <netinet/in.h>
 #include <stdint.h>
+#include <stdio.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
@@ -166,7 +167,9 @@ typedef enum KAVO_SRV_STATE KAVO_ENUM_UNSIGNED {
   KAVOSS_ERROR = 5 /* the thread failed; the context can be opened again or freed */
 } KAVO_SRV_STATE;
 
-/* KAVO_OPT: options of a context (kavo_set_opt), with their ranges. */
+/* KAVO_OPT: options of a context (kavo_set_opt), with their ranges. KAVOOPT_MAX_LOOP, KAVOOPT_MAX_PACKET,
+ * KAVOOPT_DNSREC_CACHESIZE and the three KAVOOPT_BSC options are kept for what the engine does not do yet: following
+ * referrals, asking for large answers, choosing the best server. */
 typedef enum KAVO_OPT KAVO_ENUM_UNSIGNED {
   KAVOOPT_NXDOM_TTL = 0,         /* seconds a denial without a TTL of its own is cached; 0 to 2147483647 */
   KAVOOPT_MIN_CACHE_DELAY = 1,   /* kept for the host; 0 to 65535 */
@@ -177,7 +180,7 @@ typedef enum KAVO_OPT KAVO_ENUM_UNSIGNED {
   KAVOOPT_MAX_PACKET = 6,        /* bytes of the largest UDP answer that is asked for; 512 to 4096 */
   KAVOOPT_TIMEOUT = 7,           /* seconds of the longest wait for one try; 1 to 300 */
   KAVOOPT_NTRIES = 8,            /* tries of one question; 1 to 50 */
-  KAVOOPT_NDOTS = 9,             /* 0 to 1000 */
+  KAVOOPT_NDOTS = 9,             /* kept, as names are asked as they are given; 0 to 1000 */
   KAVOOPT_DNSREC_CACHESIZE = 10, /* bytes of a referral cache of its own; 0 changes nothing */
   KAVOOPT_BSC_SIZE = 11,         /* servers whose statistics are kept for the choice of the best; 0 (off) to 262144 */
   KAVOOPT_BSC_UPDTIME = 12,      /* seconds between refreshes of that choice; 0 to 86400 */
@@ -229,6 +232,7 @@ typedef struct kavo_t *KAVO;
 typedef struct kavo_query_node_t *KAVO_QUERY_NODE;
 typedef struct kavo_answer_iterator_t *KAVO_ANSWER_ITERATOR;
 typedef struct dns_cacher *KAVO_CACHE;
+typedef struct kavo_zonesmap kavo_zonesmap; /* the zones of a context; what it holds is the library's */
 
 /* KAVO_RR: a pointer to one record block, under the layout of its type. */
 typedef union KAVO_RR {
@@ -322,7 +326,7 @@ KAVO_EXPORT KAVO_ERR kavo_close(KAVO kavo);
 KAVO_EXPORT KAVO_ERR kavo_free(KAVO kavo);
 
 /* kavo_set_srvstate_chg_cb installs the server-state function (null: none) with its last argument. It runs on the
- * thread that opens or closes and on the server thread. 0; KAVOE_BADPAR; KAVOE_SRV while running. */
+ * thread that opens or closes and on the server thread. 0; KAVOE_BADPAR; KAVOE_SRV while running; KAVOE_THR. */
 KAVO_EXPORT int kavo_set_srvstate_chg_cb(KAVO kavo, kavo_srvstate_chg_fn *fn, void *uctx);
 
 /* kavo_srv_is_running returns 1 while the state is KAVOSS_RUNNING, else 0; 0 for null. Any thread. */
@@ -608,6 +612,25 @@ KAVO_EXPORT void kavo_free_zones(KAVO kavo);
 KAVO_EXPORT const char *kavo_zonesmap_zone(KAVO kavo, int zone);
 KAVO_EXPORT KAVO_ERR kavo_zonesmap_zone_cpy(KAVO kavo, int zone, char *buf, int buflen);
 
+/* kavo_get_zonesmap returns the context's zones map, for the two calls below. It stays the context's. */
+KAVO_EXPORT kavo_zonesmap *kavo_get_zonesmap(KAVO kavo);
+
+/*
+ * kavo_zonesmap_save_bin writes a zones map to a stream of the host's, which stays open, as one binary record: names,
+ * zone numbers and lists. The record is in the machine's byte order and may stand among other data. What was written
+ * before a failure stays written. KAVOE_FILE; KAVOE_BADPAR also for a map that was released.
+ */
+KAVO_EXPORT KAVO_ERR kavo_zonesmap_save_bin(KAVO kavo, kavo_zonesmap *zonesmap, FILE *zones_file_bin);
+
+/*
+ * kavo_zonesmap_init_bin replaces a context's zones by those of such a record and leaves the stream, which stays open,
+ * behind it. Not while the context is open, which is not checked. After a failure the map is released: no zones are
+ * configured, and kavo_zonesmap_init brings it back into use. KAVOE_FILE for a record that is cut off or malformed, or
+ * that has more zones for one type than the context allows; KAVOE_NOMEM; KAVOE_BADPAR also for a map that is not this
+ * context's.
+ */
+KAVO_EXPORT KAVO_ERR kavo_zonesmap_init_bin(KAVO kavo, kavo_zonesmap *zonesmap, FILE *zones_file_bin);
+
 /* ---- records ---------------------------------------------------------------------------------------------------- */
 
 /* kavo_rr_alloc makes an empty block of `size` bytes, at most 1024, the caller's (kavo_rr_free). KAVOE_NOMEM. */
@@ -630,7 +653,67 @@ KAVO_EXPORT unsigned int kavo_rr_get_size(const KAVO_RR *rr);
 /* kavo_rr_free releases a block and sets the pointer to null; null is fine. */
 KAVO_EXPORT void kavo_rr_free(KAVO_RR *rr);
 
+/*
+ * kavo_rr_write writes a block of a type to a stream of the host's as one record, which says neither its type nor its
+ * length; records may follow one another. kavo_rr_read reads the next record of the stream back into a block of the
+ * same type: `rr` is null or holds a block, which is reused or grown, and is the caller's. A block whose names shared
+ * one text comes back with two. The stream must have been written by a machine of the same byte order.
+ *
+ * KAVOE_FAIL for a type without blocks; KAVOE_FILE when the stream cannot be written or read, or ends inside a record,
+ * or a record contradicts itself: the block then holds a part of it; KAVOE_NOMEM, also for a record of a block above
+ * 1024 bytes; KAVOE_BADPAR, also for a block to write whose counts and lengths cannot be right. Any thread; a stream
+ * and a block by one at a time.
+ */
+KAVO_EXPORT KAVO_ERR kavo_rr_write(KAVO_TYPE type, const KAVO_RR *rr, FILE *f);
+KAVO_EXPORT KAVO_ERR kavo_rr_read(KAVO_TYPE type, KAVO_RR *rr, FILE *f);
+
+/* ---- answer cache ----------------------------------------------------------------------------------------------- */
+
+/*
+ * These reach into a cache: a context's (kavo_get_ext_cache), one of the host's own (dns_cache_cacher) or any other
+ * cacher. `query` is a name of `query_len` bytes of text, 1 to 255, letter case ignored; an address is a name like any
+ * other and is not reversed. Types that ask for the same DNS type share entries. They log nothing of their own and may
+ * be called from any thread at any time, while the context runs too.
+ *
+ * All of them: KAVOE_BADPAR, also for a type that no DNS type stands for; KAVOE_FAIL for a query that is no name, and
+ * when the cache fails.
+ */
+
+/* kavo_cache_put stores a block (its TTL the entry's lifetime in seconds) in the place of any older entry. A block
+ * without entries is stored as a denial: the name has no such records. The block is only read. KAVOE_BADPAR too for
+ * entries of a type that has no blocks; KAVOE_NOMEM. */
+KAVO_EXPORT KAVO_ERR kavo_cache_put(KAVO_CACHE cacher, KAVO_TYPE kavo_query_type, const char *query, int query_len,
+                                    KAVO_RR *kavo_rr);
+
+/*
+ * kavo_cache_get fetches an entry as an answer.
+ *
+ *   answer             out; its `rr` is null or holds a block, which is reused or grown, and is the caller's
+ *                      (kavo_rr_free). err_code is KAVOE_OK, or KAVOE_NODATA or KAVOE_NXDOM for a denial; cache_code is
+ *                      KAVOCC_EXISTS, or KAVOCC_OLD for an expired entry, whose TTL in the block is negative.
+ *   need_expired_also  not 0: fetch an expired entry too
+ *
+ * KAVOE_NODATA when there is no entry (the answer is left alone); KAVOE_FAIL too for an entry that the type cannot
+ * show, or whose block would be above 1024 bytes.
+ */
+KAVO_EXPORT KAVO_ERR kavo_cache_get(KAVO_CACHE cacher, KAVO_TYPE kavo_query_type, const char *query, int query_len,
+                                    KAVO_ANSWER *answer, int need_expired_also);
+
+/* kavo_cache_del deletes an entry; KAVOE_OK too when there was none. */
+KAVO_EXPORT KAVO_ERR kavo_cache_del(KAVO_CACHE cacher, KAVO_TYPE kavo_query_type, const char *query, int query_len);
+
+/* kavo_cache_has returns KAVOE_OK when an entry is there that has not expired, KAVOE_NODATA when not. */
+KAVO_EXPORT KAVO_ERR kavo_cache_has(KAVO_CACHE cacher, KAVO_TYPE kavo_query_type, const char *query, int query_len);
+
 /* ---- servers ---------------------------------------------------------------------------------------------------- */
+
+/* kavo_set_dns_server replaces the servers to ask: by one, where `server_domain` is an IPv4 address; with `direct` not
+ * 0, by the addresses of the host `server_domain`; with 0, by those of the name servers of the zone `server_domain`, as
+ * many as have any. All are asked on `port` (0: KAVOOPT_DNS_PORT's; at most 65534). Names are looked up through the
+ * servers so far, and the call waits for as long as time-outs and tries allow. KAVOE_BADPAR; KAVOE_SRV while running;
+ * KAVOE_NXDOM, KAVOE_NODATA, KAVOE_TIMEOUT, KAVOE_DNS or another code when a name cannot be looked up, the servers then
+ * being as before; KAVOE_NOMEM; KAVOE_DNS too when a server cannot be added, those before it then being set. */
+KAVO_EXPORT KAVO_ERR kavo_set_dns_server(KAVO kavo, const char *server_domain, unsigned port, int direct);
 
 /* kavo_add_dns_server appends a server to ask by its dotted IPv4 address, on `port` (0: KAVOOPT_DNS_PORT's; at most
  * 65534); a null address empties the list. KAVOE_BADPAR; KAVOE_SRV while running; KAVOE_DNS. */
@@ -639,6 +722,20 @@ KAVO_EXPORT KAVO_ERR kavo_add_dns_server(KAVO kavo, const char *addr, unsigned p
 /* kavo_get_dns_servers copies the servers' socket addresses into `serv`, an array of `*nserv` entries, and stores their
  * number. KAVOE_NOMEM when there are more, with their number stored. */
 KAVO_EXPORT KAVO_ERR kavo_get_dns_servers(KAVO kavo, struct sockaddr *serv, unsigned *nserv);
+
+/* ---- trace ------------------------------------------------------------------------------------------------------ */
+
+/* kavo_set_trace has `fn` told, with `udata`, of everything that the context's DNS engine does: packets sent and
+ * received, and what the cache held (DNS_D_... codes, see dns_dbg_fn). It runs on the server thread, and on the calling
+ * thread of kavo_set_dns_server; it must neither block nor call the library. Null ends the trace. KAVOE_BADPAR;
+ * KAVOE_SRV while running. */
+KAVO_EXPORT KAVO_ERR kavo_set_trace(KAVO kavo, dns_dbg_fn *fn, void *udata);
+
+/* kavo_dbgcb is a ready-made function for kavo_set_trace and dns_set_dbgfn: it prints every packet for people to read,
+ * a line on what was asked and on faults to standard output, addresses and the whole packet, laid out as by dig, to
+ * standard error. It ignores `unused_ctx` and `unused_udata`, and every event that is no packet's. */
+KAVO_EXPORT void kavo_dbgcb(struct dns_ctx *unused_ctx, struct dns_query *qh, int code, void *ddata,
+                            void *unused_udata);
 
 #ifdef __cplusplus
 }

@@ -27,18 +27,19 @@ constexpr int kMaxZones = 8;  // of each type, where the host does not say
 constexpr uint32_t kMinCacheDelay = 1000;
 constexpr uint32_t kDnsPort = 53;
 
-KAVO_ERR init_failed(const char *message, KAVO_ERR error) {
-  PELK_ERROR(kSource, "kavo_init_ext", errno, error, "%s", message);
+// init_failed, open_failed and close_failed log a failure with the line that calls them, and return its result.
+KAVO_ERR init_failed(const char *message, KAVO_ERR error, int line = __builtin_LINE()) {
+  pelk_log_error(kSource, "kavo_init_ext", line, errno, error, "%s", message);
   return error;
 }
 
-KAVO_ERR open_failed(const char *message, KAVO_ERR code, KAVO_ERR result) {
-  PELK_ERROR(kSource, "kavo_open", errno, code, "%s", message);
+KAVO_ERR open_failed(const char *message, KAVO_ERR code, KAVO_ERR result, int line = __builtin_LINE()) {
+  pelk_log_error(kSource, "kavo_open", line, errno, code, "%s", message);
   return result;
 }
 
-KAVO_ERR close_failed(const char *message, KAVO_ERR error) {
-  PELK_ERROR(kSource, "kavo_close", errno, error, "%s", message);
+KAVO_ERR close_failed(const char *message, KAVO_ERR error, int line = __builtin_LINE()) {
+  pelk_log_error(kSource, "kavo_close", line, errno, error, "%s", message);
   return error;
 }
 
@@ -96,10 +97,9 @@ KAVO_ERR init_context(KAVO ctx, int table_size, int cache_size, int max_zones) {
     error = init_cache(ctx, cache_size);
     if (error != KAVOE_OK) return error;
   }
-  dns_set_dbgfn(ctx->udns_ctx, kavo_srv_dbgcb, nullptr);
+  dns_set_dbgfn(ctx->udns_ctx, kavo_srv_dbgcb, ctx);
   error = init_server_locks(ctx);
   if (error != KAVOE_OK) return error;
-  ctx->srvstate.store(KAVOSS_STOPPED);
   ctx->min_cache_delay = kMinCacheDelay;
   ctx->dns_port = kDnsPort;
   return init_pipe(ctx);
@@ -124,7 +124,7 @@ void destroy_caches(KAVO ctx) {
   ctx->rcache = nullptr;
 }
 
-// release frees a context, whole or as far as its creation came. Failures to destroy a lock are logged by the table.
+// release frees a context, whole or as far as its creation came. No thread uses it.
 void release(KAVO ctx) {
   close_pipe(ctx);
   destroy_caches(ctx);
@@ -153,8 +153,7 @@ KAVO_ERR fail_node(KAVO ctx, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_tabl
   return dropped;
 }
 
-// fail_nodes fails every node in flight and wakes its waiters, which no thread would do any more. The list of WAIT
-// holds the DCFAIL and PRESOLVED nodes too.
+// fail_nodes fails every node in flight. The list of WAIT holds the DCFAIL and PRESOLVED nodes too.
 KAVO_ERR fail_nodes(KAVO ctx) PELK_REQUIRES(ctx->mx_table) {
   for (const kavo_query_state state : {KAVOQS_NEW, KAVOQS_SUBMITTED, KAVOQS_WAIT}) {
     STAT_RANGEITEM cursor = {};
@@ -164,7 +163,6 @@ KAVO_ERR fail_nodes(KAVO ctx) PELK_REQUIRES(ctx->mx_table) {
       if (error != KAVOE_OK) return error;
     }
   }
-  kavo_table_broadcast(ctx);
   return KAVOE_OK;
 }
 
@@ -175,7 +173,8 @@ void close_transport(KAVO ctx) {
   dns_close(ctx->udns_ctx);
 }
 
-// end_run fails what a thread that has ended left in flight, and closes the transport.
+// end_run fails what a thread that has ended left in flight, wakes the waiters, which no thread would do any more, and
+// closes the transport.
 KAVO_ERR end_run(KAVO ctx) {
   kavo_table_guard guard(ctx);
   if (guard.error != KAVOE_OK) {
@@ -183,27 +182,26 @@ KAVO_ERR end_run(KAVO ctx) {
     return guard.error;
   }
   const KAVO_ERR error = fail_nodes(ctx);
+  kavo_table_broadcast(ctx);
   if (error == KAVOE_OK) close_transport(ctx);
   return error;
 }
 
-// take_thread returns whether there is a thread to join, and hands its handle out, once.
-bool take_thread(KAVO ctx, pelk_thread_t *thread) PELK_REQUIRES(ctx->mx_srvstate) {
-  if (!ctx->srv_joinable) return false;
-  ctx->srv_joinable = false;
-  *thread = ctx->srv_tid;
-  return true;
-}
-
-// clean_up_failed joins a thread that ended in ERROR and ends its run.
-void clean_up_failed(KAVO ctx) {
+// reap waits for the thread's end, unless somebody has, and ends its run.
+KAVO_ERR reap(KAVO ctx) {
   pelk_thread_t thread = {};
   {
-    pelk_lock lock(&ctx->mx_srvstate);
-    if (lock.error != 0 || ctx->srvstate.load() != KAVOSS_ERROR || !take_thread(ctx, &thread)) return;
+    const pelk_lock lock(&ctx->mx_srvstate);
+    if (lock.error != 0 || !ctx->srv_joinable) return KAVOE_OK;
+    ctx->srv_joinable = false;
+    thread = ctx->srv_tid;
   }
   pelk_thread_join(thread);
-  static_cast<void>(end_run(ctx));
+  return end_run(ctx);
+}
+
+void reap_failed(KAVO ctx) {
+  if (ctx->srvstate.load() == KAVOSS_ERROR) static_cast<void>(reap(ctx));
 }
 
 // ---- opening --------------------------------------------------------------------------------------------------------
@@ -217,9 +215,7 @@ KAVO_ERR open_transport(KAVO ctx) {
   dns_set_dcfn(ctx->udns_ctx, kavo_srv_dccb);
   if (dns_open(ctx->udns_ctx) >= 0) return KAVOE_OK;
   open_failed("Unable to open DNS transport", KAVOE_DNS, KAVOE_DNS);
-  free(ctx->ios);
-  ctx->ios = nullptr;
-  ctx->nios = 0;
+  close_transport(ctx);
   return KAVOE_DNS;
 }
 
@@ -264,50 +260,24 @@ bool send_stop(KAVO ctx) {
   return written == sizeof event;
 }
 
-// What stopping the thread came to, and the thread to join.
-struct Stopped {
-  KAVO_ERR error;
-  bool to_join;
-  pelk_thread_t thread;
-};
-
-Stopped stop(KAVO ctx) {
-  Stopped stopped = {KAVOE_OK, false, {}};
-  pelk_lock lock(&ctx->mx_srvstate);
-  const KAVO_SRV_STATE state = ctx->srvstate.load();
-  if (lock.error != 0) {
-    stopped.error = close_failed("Unable to lock server state", KAVOE_SRV);
-  } else if (state == KAVOSS_STOPPED) {
-    PELK_INFO(kSource, "kavo_close", "Server is already stopped");
-  } else if (state == KAVOSS_ERROR) {
-    stopped.error = close_failed("Server thread error", KAVOE_SRV);
-  } else {
-    kavo_srv_set_state(ctx, KAVOSS_STOPPING);
-    if (!send_stop(ctx)) {
-      stopped.error = close_failed("Unable to send event to a server (via pipe)", KAVOE_FAIL);
-      return stopped;
-    }
-    while (ctx->srvstate.load() == KAVOSS_STOPPING)
-      pelk_cond_wait(&ctx->cond_srvstate, &ctx->mx_srvstate);
-    if (ctx->srvstate.load() == KAVOSS_STOPPED)
-      stopped.to_join = take_thread(ctx, &stopped.thread);
-    else
-      stopped.error = close_failed("Server stopping error", KAVOE_SRV);
-  }
-  return stopped;
+// stop_thread has the thread end, and waits until it says that it does.
+KAVO_ERR stop_thread(KAVO ctx) PELK_REQUIRES(ctx->mx_srvstate) {
+  kavo_srv_set_state(ctx, KAVOSS_STOPPING);
+  if (!send_stop(ctx)) return close_failed("Unable to send event to a server (via pipe)", KAVOE_FAIL);
+  while (ctx->srvstate.load() == KAVOSS_STOPPING)
+    pelk_cond_wait(&ctx->cond_srvstate, &ctx->mx_srvstate);
+  return ctx->srvstate.load() == KAVOSS_STOPPED ? KAVOE_OK : close_failed("Server stopping error", KAVOE_SRV);
 }
 
-// join_any waits for a thread that kavo_close could not stop: without the pipe's write end it reads the pipe's end, and
-// leaves.
-void join_any(KAVO ctx) {
-  pelk_thread_t thread = {};
-  {
-    pelk_lock lock(&ctx->mx_srvstate);
-    if (lock.error != 0 || !take_thread(ctx, &thread)) return;
+KAVO_ERR stop(KAVO ctx) {
+  const pelk_lock lock(&ctx->mx_srvstate);
+  if (lock.error != 0) return close_failed("Unable to lock server state", KAVOE_SRV);
+  const KAVO_SRV_STATE state = ctx->srvstate.load();
+  if (state == KAVOSS_STOPPED) {
+    PELK_INFO(kSource, "kavo_close", "Server is already stopped");
+    return KAVOE_OK;
   }
-  close_end(&ctx->qa_pipe.write_end);
-  pelk_thread_join(thread);
-  static_cast<void>(end_run(ctx));
+  return state == KAVOSS_ERROR ? close_failed("Server thread error", KAVOE_SRV) : stop_thread(ctx);
 }
 
 }  // namespace
@@ -339,20 +309,16 @@ KAVO_ERR kavo_open(KAVO kavo) {
     PELK_WARN(kSource, __func__, "Attempt to open already opened context");
     return KAVOE_OK;
   }
-  clean_up_failed(kavo);
+  reap_failed(kavo);
   return start(kavo);
 }
 
 KAVO_ERR kavo_close(KAVO kavo) {
   if (kavo == nullptr) return KAVOE_BADPAR;
-  const Stopped stopped = stop(kavo);
-  if (stopped.error != KAVOE_OK) {
-    clean_up_failed(kavo);
-    return stopped.error;
-  }
-  if (!stopped.to_join) return KAVOE_OK;
-  pelk_thread_join(stopped.thread);
-  return end_run(kavo);
+  const KAVO_ERR error = stop(kavo);
+  if (error == KAVOE_OK) return reap(kavo);
+  reap_failed(kavo);
+  return error;
 }
 
 KAVO_ERR kavo_free(KAVO kavo) {
@@ -361,7 +327,9 @@ KAVO_ERR kavo_free(KAVO kavo) {
     PELK_WARN(kSource, __func__, "Attempt to free opened context");
     return KAVOE_SRV;
   }
-  join_any(kavo);
+  // A thread that kavo_close could not tell to stop reads the pipe's end instead.
+  if (kavo->srvstate.load() == KAVOSS_STOPPING) close_end(&kavo->qa_pipe.write_end);
+  static_cast<void>(reap(kavo));
   release(kavo);
   return KAVOE_OK;
 }
@@ -371,6 +339,11 @@ int kavo_set_srvstate_chg_cb(KAVO kavo, kavo_srvstate_chg_fn *fn, void *uctx) {
   if (kavo_srv_is_running(kavo) != 0) {
     PELK_WARN(kSource, __func__, "Attempt to set server state callback for already opened context");
     return KAVOE_SRV;
+  }
+  const pelk_lock lock(&kavo->mx_srvstate);
+  if (lock.error != 0) {
+    PELK_ERROR(kSource, __func__, errno, KAVOE_THR, "Unable to lock server state");
+    return KAVOE_THR;
   }
   kavo->srvstate_chg_cb = fn;
   kavo->srvstate_chg_cb_uctx = uctx;

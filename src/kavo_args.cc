@@ -53,22 +53,20 @@ kavo_cb_arg *make_chunk(size_t count, kavo_cb_arg *rest, kavo_arg_chunk **head) 
   return first;
 }
 
-// detach takes the first `count` arguments off the free list for a node. Returns them as a chain of their own, its last
-// in `last`; null, with nothing changed, when they cannot be had.
-kavo_cb_arg *detach(KAVO ctx, KAVO_QUERY_NODE node, int count, kavo_cb_arg **last) PELK_REQUIRES(ctx->mx_table) {
+// detach takes the first `count` arguments off the free list for a node. Returns them as a chain of their own; null,
+// with nothing changed, when they cannot be had.
+kavo_cb_arg *detach(KAVO ctx, KAVO_QUERY_NODE node, int count) PELK_REQUIRES(ctx->mx_table) {
   if (ctx->free_arg_count < count) kavo_table_grow_args(ctx, count - ctx->free_arg_count);
   if (ctx->free_arg_count < count) return nullptr;
   kavo_cb_arg *first = ctx->free_arg;
-  kavo_cb_arg *arg = first;
-  for (int i = 1; i < count; i++) {
-    arg->node = node;
-    arg = next_of(arg);
+  kavo_cb_arg *last = nullptr;
+  for (int i = 0; i < count; i++) {
+    last = ctx->free_arg;
+    last->node = node;
+    ctx->free_arg = next_of(last);
   }
-  arg->node = node;
-  ctx->free_arg = next_of(arg);
   ctx->free_arg_count -= count;
-  link(arg, nullptr);
-  *last = arg;
+  link(last, nullptr);
   return first;
 }
 
@@ -106,15 +104,13 @@ void kavo_table_grow_args(KAVO ctx, int count) {
 }
 
 kavo_cb_arg *kavo_table_get_args(KAVO ctx, KAVO_QUERY_NODE node, int count) {
-  kavo_cb_arg *last = nullptr;
-  kavo_cb_arg *first = detach(ctx, node, count, &last);
+  kavo_cb_arg *first = detach(ctx, node, count);
   if (first != nullptr) append(node, first, count);
   return first;
 }
 
 kavo_cb_arg *kavo_table_get_early_arg(KAVO ctx, const kavo_cb_arg *origin) {
-  kavo_cb_arg *last = nullptr;
-  kavo_cb_arg *arg = detach(ctx, origin->node, 1, &last);
+  kavo_cb_arg *arg = detach(ctx, origin->node, 1);
   if (arg == nullptr) return nullptr;
   arg->n_zone = ctx->max_zones + origin->n_zone;
   arg->start_time = origin->start_time;

@@ -109,7 +109,6 @@ const char *kavo_strerror(KAVO_ERR errnum) {
 }
 
 const char *kavo_typename(KAVO_TYPE type) {
-  if (type == KAVOT_INVALID) return nullptr;
   for (const kavo_nameval *row = kavo_typetab; row->name != nullptr; row++)
     if (row->type == type) return row->name;
   return nullptr;
@@ -168,10 +167,9 @@ int kavo_set_cost_zone(KAVO kavo, const char *zone) {
 int kavo_add_expserv(KAVO kavo, const struct in_addr *addr) {
   if (kavo == nullptr) return KAVOE_BADPAR;
   if (refuse_running(kavo, __func__, "expected server")) return KAVOE_SRV;
-  if (addr == nullptr) return dns_add_expserv_s(kavo->udns_ctx, nullptr) < 0 ? KAVOE_DNS : KAVOE_OK;
   struct sockaddr_in address = {};
   address.sin_family = AF_INET;
-  address.sin_addr = *addr;
-  const void *generic = &address;
-  return dns_add_expserv_s(kavo->udns_ctx, static_cast<const struct sockaddr *>(generic)) < 0 ? KAVOE_DNS : KAVOE_OK;
+  if (addr != nullptr) address.sin_addr = *addr;
+  const void *server = addr != nullptr ? &address : nullptr;
+  return dns_add_expserv_s(kavo->udns_ctx, static_cast<const struct sockaddr *>(server)) < 0 ? KAVOE_DNS : KAVOE_OK;
 }

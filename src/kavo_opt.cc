@@ -64,7 +64,7 @@ struct dns_cacher *cacher_of(struct dns_cache *cache) {
   return cacher;
 }
 
-// change_cacher_flags sets and clears bits of the answer cache's flags.
+// change_cacher_flags sets and clears bits of a cacher's flags.
 KAVO_ERR change_cacher_flags(struct dns_cacher *cacher, uint32_t set, uint32_t clear) {
   uint32_t flags = 0;
   if (dns_cacher_getopt(cacher, DNS_CROPT_FLAGS, &flags, sizeof flags) < 0) return KAVOE_DNS;
@@ -137,14 +137,14 @@ constexpr std::array<Option, 18> kOptions = {{
     {"timeout_msec", KAVOOPT_TIMEOUT_MSEC, kScratch, 3000, 1, 300000, set_milliseconds, DNS_OPT_TIMEOUT},
 }};
 
-constexpr bool in_code_order() {
+constexpr bool is_sound() {
   for (unsigned i = 0; i < kOptions.size(); i++)
     if (static_cast<unsigned>(kOptions[i].opt) != i || kOptions[i].min > kOptions[i].def_val ||
         kOptions[i].def_val > kOptions[i].max)
       return false;
   return true;
 }
-static_assert(in_code_order(), "an option's code is its place, and its default lies in its range");
+static_assert(is_sound(), "an option's code is its place, and its default lies in its range");
 
 }  // namespace
 

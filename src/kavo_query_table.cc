@@ -8,8 +8,6 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <memory>
-
 #include <dns_wire.h>
 
 #include "kavo_dns.h"
@@ -17,11 +15,6 @@
 namespace {
 
 constexpr char kSource[] = "kavo_query_table";
-
-struct Free {
-  void operator()(void *block) const { free(block); }
-};
-using NodePtr = std::unique_ptr<kavo_query_node_t, Free>;
 
 // release_node returns what a node holds that becomes free: its arguments and its permit.
 KAVO_ERR release_node(KAVO ctx, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_table) {
@@ -34,7 +27,6 @@ KAVO_ERR release_node(KAVO ctx, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_t
 }
 
 KAVO_ERR leave_flight(KAVO ctx, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_table) {
-  if (node->qh_count == 0) return KAVOE_OK;
   const KAVO_ERR error = kavo_cancel_query(ctx, node);
   if (error != KAVOE_OK) PELK_ERROR(kSource, "kavo_table_change_state", errno, error, "Unable to cancel query");
   return error;
@@ -60,8 +52,9 @@ KAVO_ERR change_range(KAVO ctx, kavo_query_node_t *node, int current, int target
   return kavo_table_move(ctx, node, target);
 }
 
-KAVO_ERR init_failed(const char *message, KAVO_ERR error) {
-  PELK_ERROR(kSource, "kavo_table_init", errno, error, "%s", message);
+// init_failed and destroy_failed log a failure with the line that calls them, and return its result.
+KAVO_ERR init_failed(const char *message, KAVO_ERR error, int line = __builtin_LINE()) {
+  pelk_log_error(kSource, "kavo_table_init", line, errno, error, "%s", message);
   return error;
 }
 
@@ -81,8 +74,8 @@ KAVO_ERR init_locks(KAVO ctx, unsigned table_size) {
   return KAVOE_OK;
 }
 
-KAVO_ERR destroy_failed(const char *message, KAVO_ERR error) {
-  PELK_ERROR(kSource, "kavo_table_destroy", errno, error, "%s", message);
+KAVO_ERR destroy_failed(const char *message, KAVO_ERR error, int line = __builtin_LINE()) {
+  pelk_log_error(kSource, "kavo_table_destroy", line, errno, error, "%s", message);
   return error;
 }
 
@@ -217,12 +210,13 @@ int kavo_table_keycmp(void *owner, const uint8_t *pbuf1, uint16_t len1, const ui
 void kavo_table_keyfree(void *owner, uint8_t *pbuf, PSTAT_HASHITEM pitem) PELK_NO_ANALYSIS {
   if (pbuf == nullptr) return;
   kavo_t *ctx = static_cast<kavo_t *>(owner);
-  NodePtr node(kavo_node_of_key(ctx, pbuf));
+  kavo_query_node_t *node = kavo_node_of_key(ctx, pbuf);
   PELK_ASSERT(!node->client_count && !node->qh_count, kSource);
   PELK_ASSERT(node->hashitem == pitem, kSource);
   PELK_ASSERT((node->cb_args && node->args_count) || (!node->cb_args && !node->args_count), kSource);
   PELK_ASSERT(node->ctx == ctx, kSource);
-  if (node->cb_args != nullptr) kavo_table_free_args(ctx, node.get());
+  kavo_table_free_args(ctx, node);
+  free(node);
 }
 
 // kavo_table_init runs while nobody else knows the context, hence without the lock that it makes.

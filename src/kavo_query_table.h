@@ -132,24 +132,21 @@ inline const kavo_query_node_t *kavo_node_of_key(const kavo_t *ctx, const uint8_
 KAVO_ERR kavo_table_unlock(KAVO ctx) PELK_RELEASE(ctx->mx_table);
 
 // kavo_table_guard holds the table lock for a scope. `error` is what taking it returned; the analysis takes it for held
-// either way, so a holder asks first. release lets it go early.
+// either way, so a holder asks first.
 class PELK_SCOPED_CAPABILITY kavo_table_guard {
  public:
-  explicit kavo_table_guard(KAVO ctx) PELK_ACQUIRE(ctx->mx_table) : ctx_(ctx), error(kavo_table_lock(ctx)) {}
+  explicit kavo_table_guard(KAVO ctx) PELK_ACQUIRE(ctx->mx_table) : error(kavo_table_lock(ctx)), ctx_(ctx) {}
   ~kavo_table_guard() PELK_RELEASE() { drop(); }
-  void release() PELK_RELEASE() { drop(); }
   kavo_table_guard(const kavo_table_guard &) = delete;
   kavo_table_guard &operator=(const kavo_table_guard &) = delete;
 
+  const KAVO_ERR error;
+
  private:
   void drop() PELK_NO_ANALYSIS {
-    if (error == KAVOE_OK && ctx_ != nullptr) kavo_table_unlock(ctx_);
-    ctx_ = nullptr;
+    if (error == KAVOE_OK) kavo_table_unlock(ctx_);
   }
-  KAVO ctx_;
-
- public:
-  const KAVO_ERR error;
+  const KAVO ctx_;
 };
 
 // ---- nodes ----------------------------------------------------------------------------------------------------------
@@ -214,7 +211,7 @@ void kavo_table_grow_args(KAVO ctx, int count) PELK_REQUIRES(ctx->mx_table);
 // kavo_table_free_args returns a node's whole chain to the pool.
 void kavo_table_free_args(KAVO ctx, KAVO_QUERY_NODE node) PELK_REQUIRES(ctx->mx_table);
 
-// kavo_args_release releases the pool; no thread uses the context.
+// kavo_args_release releases the pool, in which every argument lies again; no other thread uses it.
 void kavo_args_release(KAVO ctx);
 
 #endif  // KAVO_QUERY_TABLE_H

@@ -103,14 +103,13 @@ class IoLoop {
     if (listed != Pass::done) return listed;
     int fd_max = 0;
     if (!fill_sets(sockets, &fd_max)) return Pass::no_memory;
-    int ready = sleep(fd_max, wait);
+    const int ready = sleep(fd_max, wait);
     dns_gettimeofday(&now_);
     if (ready < 0) {
       PELK_ASSERT(EBADF != errno && ENOMEM != errno, KAVO_SRV_SOURCE);
       return Pass::again;
     }
-    serve_sockets(sockets, &ready);
-    if (ready <= 0 || !sets_.can_read(ctx_->qa_pipe.read_end)) return Pass::again;
+    if (serve_sockets(sockets, ready) == 0 || !sets_.can_read(ctx_->qa_pipe.read_end)) return Pass::again;
     drain_pipe();
     return mode == Mode::normal ? Pass::done : Pass::again;
   }
@@ -133,15 +132,15 @@ class IoLoop {
   }
 
   bool fill_sets(unsigned sockets, int *fd_max) {
-    const int pipe_fd = ctx_->qa_pipe.read_end;
-    *fd_max = pipe_fd;
+    const KAVO ctx = ctx_;
+    *fd_max = ctx->qa_pipe.read_end;
     for (unsigned i = 0; i < sockets; i++)
-      *fd_max = std::max(*fd_max, ctx_->ios[i].dnsio_sock);
+      *fd_max = std::max(*fd_max, ctx->ios[i].dnsio_sock);
     if (!sets_.start(*fd_max)) return false;
-    sets_.add_read(pipe_fd);
+    sets_.add_read(ctx->qa_pipe.read_end);
     for (unsigned i = 0; i < sockets; i++) {
-      const struct dns_ios &socket = ctx_->ios[i];
-      PELK_ASSERT(socket.dnsio_events, KAVO_SRV_SOURCE);
+      const struct dns_ios &socket = ctx->ios[i];
+      PELK_ASSERT(ctx->ios[i].dnsio_events, KAVO_SRV_SOURCE);
       if ((socket.dnsio_events & DNS_IO_IN) != 0) sets_.add_read(socket.dnsio_sock);
       if ((socket.dnsio_events & DNS_IO_OUT) != 0) sets_.add_write(socket.dnsio_sock);
     }
@@ -150,24 +149,27 @@ class IoLoop {
 
   int sleep(int fd_max, const dns_timeval &wait) {
     if (wait == dns_tv_infinite) {
-      PELK_ASSERT(!dns_active(ctx_->udns_ctx), KAVO_SRV_SOURCE);
+      const KAVO ctx = ctx_;
+      PELK_ASSERT(!dns_active(ctx->udns_ctx), KAVO_SRV_SOURCE);
       return select(fd_max + 1, sets_.reads(), sets_.writes(), nullptr, nullptr);
     }
     struct timeval timeout = {wait.dnstv_sec, wait.dnstv_usec};
     return select(fd_max + 1, sets_.reads(), sets_.writes(), nullptr, &timeout);
   }
 
-  void serve_sockets(unsigned sockets, int *ready) {
-    for (unsigned i = 0; i<sockets && * ready> 0; i++) {
+  // serve_sockets hands the engine its sockets that are ready. Returns how many of `ready` are left for the pipe.
+  int serve_sockets(unsigned sockets, int ready) {
+    for (unsigned i = 0; i < sockets && ready != 0; i++) {
       struct dns_ios &socket = ctx_->ios[i];
       socket.dnsio_events = 0;
       if (sets_.can_read(socket.dnsio_sock)) socket.dnsio_events |= DNS_IO_IN;
       if (sets_.can_write(socket.dnsio_sock)) socket.dnsio_events |= DNS_IO_OUT;
       if (socket.dnsio_events == 0) continue;
-      (*ready)--;
+      ready--;
       dns_ioevent(ctx_->udns_ctx, &socket, now_);
       kavo_table_broadcast(ctx_);
     }
+    return ready;
   }
 
   // drain_pipe empties the pipe, then clears the mark that callers leave. In this order: a caller that finds the mark

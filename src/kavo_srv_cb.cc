@@ -14,8 +14,6 @@
 
 namespace {
 
-constexpr int kCacheUse = DNS_D_CU_AN;  // the subsystem of the cache's events, as their codes carry it
-
 // Early is what an expired cache entry has to say: a status and, perhaps, a block of the engine's.
 struct Early {
   dns_status status;
@@ -61,7 +59,8 @@ void move_node(KAVO ctx, kavo_query_node_t *node, kavo_query_state state) PELK_R
     PELK_ERROR(KAVO_SRV_SOURCE, "kavo_srv_cb", errno, error, "Unable to change node state, target state %d", state);
 }
 
-void move_node_to_wait(KAVO ctx, kavo_query_node_t *node, kavo_query_state state, const char *function)
+// move_unanswered moves a node whose cache did not help on to WAIT or DCFAIL.
+void move_unanswered(KAVO ctx, kavo_query_node_t *node, kavo_query_state state, const char *function)
     PELK_REQUIRES(ctx->mx_table) {
   const KAVO_ERR error = kavo_table_change_state(ctx, node, state);
   if (error != KAVOE_OK) PELK_ERROR(KAVO_SRV_SOURCE, function, errno, error, "Unable to change node state to wait");
@@ -100,7 +99,7 @@ void not_in_cache(KAVO ctx, kavo_cb_arg *arg) {
   }
   if (arg->node->state > KAVOQS_SUBMITTED) return;
   arg->answer.cache_code = KAVOCC_NEXISTS;
-  move_node_to_wait(ctx, arg->node, KAVOQS_WAIT, "kavo_srv_dbgcb");
+  move_unanswered(ctx, arg->node, KAVOQS_WAIT, "kavo_srv_dbgcb");
 }
 
 // is_entry_of tells whether a cache entry has the question's name.
@@ -138,7 +137,8 @@ bool parse_entry(KAVO ctx, struct dns_query *qh, struct dns_cdata *entry, void *
   return parser(ctx->udns_ctx, qh, dns_qdn(qh), ctx->pbuf, parse.dnsp_cur, end, result, 0) >= 0;
 }
 
-// read_entry works out what an expired entry answers; false when it answers nothing.
+// read_entry works out what an expired entry answers; false when it answers nothing. A chain of aliases that ends in no
+// record of the question's type is no data, as it is while the entry lives.
 bool read_entry(KAVO ctx, struct dns_query *qh, struct dns_cdata *entry, Early *early) {
   const int rcode = dns_cdata_rcode(entry);
   if (rcode == DNS_R_NXDOMAIN) {
@@ -146,7 +146,7 @@ bool read_entry(KAVO ctx, struct dns_query *qh, struct dns_cdata *entry, Early *
     return true;
   }
   if (rcode != DNS_R_NOERROR) return false;
-  if (dns_cdata_nrr(entry) == 0) {
+  if (dns_cdata_nrr(entry) == dns_cdata_nalias(entry)) {
     *early = {DNS_E_NODATA, nullptr};
     return true;
   }
@@ -180,6 +180,14 @@ void found_in_cache(KAVO ctx, struct dns_query *qh, const struct dns_dcache *fou
     deliver_expired(ctx, qh, entry, arg);
 }
 
+// trace tells the host's function of an event first. It may walk a cache entry, which must be at its beginning after.
+void trace(KAVO ctx, struct dns_ctx *dnsctx, struct dns_query *qh, int code, void *data) {
+  if (ctx->trace == nullptr) return;
+  ctx->trace(dnsctx, qh, code, data, ctx->trace_data);
+  if (code == DNS_D_CU_AN && data != nullptr)
+    dns_cdata_rewind(static_cast<const struct dns_dcache *>(data)->dnsd_cdata);
+}
+
 }  // namespace
 
 void kavo_srv_cb(struct dns_ctx *dnsctx, struct dns_query *qh, void *r, unsigned, void *data) {
@@ -198,13 +206,15 @@ void kavo_srv_cb(struct dns_ctx *dnsctx, struct dns_query *qh, void *r, unsigned
   count_answer(ctx, arg);
 }
 
-void kavo_srv_dbgcb(struct dns_ctx *, struct dns_query *qh, int code, void *data, void *) {
-  if ((code & DNS_D_SYS) != (kCacheUse & DNS_D_SYS)) return;
+void kavo_srv_dbgcb(struct dns_ctx *dnsctx, struct dns_query *qh, int code, void *data, void *udata) {
+  trace(static_cast<KAVO>(udata), dnsctx, qh, code, data);
+  if (code != DNS_D_CU_AN && code != DNS_D_CU_NOAN) return;
   kavo_cb_arg *arg = own_arg(qh);
   if (arg == nullptr) return;
   KAVO ctx = arg->node->ctx;
-  if (code == DNS_D_CU_NOAN) not_in_cache(ctx, arg);
-  if (code == DNS_D_CU_AN && data != nullptr)
+  if (code == DNS_D_CU_NOAN)
+    not_in_cache(ctx, arg);
+  else if (data != nullptr)
     found_in_cache(ctx, qh, static_cast<const struct dns_dcache *>(data), arg);
 }
 
@@ -218,5 +228,5 @@ void kavo_srv_dccb(struct dns_ctx *, struct dns_query *qh, int code, void *, voi
     PELK_ERROR(KAVO_SRV_SOURCE, __func__, errno, guard.error, "Unable to lock table");
     return;
   }
-  if (arg->node->state <= KAVOQS_WAIT) move_node_to_wait(ctx, arg->node, KAVOQS_DCFAIL, __func__);
+  if (arg->node->state <= KAVOQS_WAIT) move_unanswered(ctx, arg->node, KAVOQS_DCFAIL, __func__);
 }

@@ -63,8 +63,8 @@ struct kavo_t {
   kavo_cb_arg *free_arg PELK_GUARDED_BY(mx_table) = nullptr;
   int free_arg_count PELK_GUARDED_BY(mx_table) = 0;
 
-  // mx_srvstate guards every change of the state, the state function's calls and the thread's start and end. It is
-  // never held while mx_table is taken.
+  // mx_srvstate guards every change of the state, the state function and its calls and the thread's start and end. It
+  // is never held while mx_table is taken.
   pelk_mutex_t mx_srvstate = {};
   pelk_cond_t cond_srvstate = {};
   bool srv_cond_ready = false;
@@ -72,8 +72,8 @@ struct kavo_t {
   std::atomic<KAVO_SRV_STATE> srvstate = KAVOSS_STOPPED;
   pelk_thread_t srv_tid PELK_GUARDED_BY(mx_srvstate) = {};
   bool srv_joinable PELK_GUARDED_BY(mx_srvstate) = false;  // srv_tid is a thread that nobody has joined
-  kavo_srvstate_chg_fn *srvstate_chg_cb = nullptr;
-  void *srvstate_chg_cb_uctx = nullptr;
+  kavo_srvstate_chg_fn *srvstate_chg_cb PELK_GUARDED_BY(mx_srvstate) = nullptr;
+  void *srvstate_chg_cb_uctx PELK_GUARDED_BY(mx_srvstate) = nullptr;
 
   std::atomic<uint32_t> syncid = 0;  // numbers the sync nodes
   uint32_t min_cache_delay = 0;
@@ -81,6 +81,8 @@ struct kavo_t {
   uint32_t dns_port = 0;
   int32_t max_zones = 0;  // fixed at creation
   uint32_t scratch = 0;   // the sink of option values that are kept nowhere else
+  dns_dbg_fn *trace = nullptr;  // the host's view of the traffic; changes only while no server thread runs
+  void *trace_data = nullptr;
   struct dns_cache *cache = nullptr;
   struct dns_cache *rcache = nullptr;  // may be the same object as `cache`
 

@@ -26,9 +26,12 @@ constexpr uint64_t kStatFew = 10;
 constexpr uint64_t kStatShare = 10;
 constexpr uint64_t kStatMany = 500;
 
-struct Key {
-  uint8_t bytes[KAVO_KEY_SIZE_MAX];
-  uint16_t size;
+// Question is what a caller asks: the node's key, and the flags that belong to the node's identity with it.
+struct Question {
+  KAVO_TYPE type;
+  uint32_t flags;
+  uint16_t key_size;
+  uint8_t key[KAVO_KEY_SIZE_MAX];
 };
 
 struct Free {
@@ -40,22 +43,22 @@ bool is_addable(KAVO_TYPE type) {
   return (type >= KAVOT_DNS_MIN && type <= KAVOT_BL_MAX) || type == KAVOT_DNS_ETXT || type == KAVOT_SYNC;
 }
 
-// build_key writes the key of a question; false for a name or servers that no key holds.
-bool build_key(KAVO_TYPE type, const unsigned char *dn, const kavo_sa *serv, unsigned nserv, Key *key) {
-  const uint32_t number = type;
+// build_key writes the key of a question, whose type is set; false for a name or servers that no key holds.
+bool build_key(const unsigned char *dn, const kavo_sa *serv, unsigned nserv, Question *question) {
+  const uint32_t number = question->type;
   const unsigned dnlen = dns_dnlen(dn);
   const unsigned servers = serv == nullptr ? 0 : nserv;
   if (dnlen < 1 || dnlen > DNS_MAXDN || servers > KAVO_MAX_SERV) return false;
-  memcpy(key->bytes, &number, sizeof number);
-  memcpy(key->bytes + KAVO_KEY_DN, dn, dnlen);
-  if (servers != 0) memcpy(key->bytes + KAVO_KEY_DN + dnlen, serv, servers * sizeof *serv);
-  key->size = static_cast<uint16_t>(KAVO_KEY_DN + dnlen + servers * sizeof *serv);
+  memcpy(question->key, &number, sizeof number);
+  memcpy(question->key + KAVO_KEY_DN, dn, dnlen);
+  if (servers != 0) memcpy(question->key + KAVO_KEY_DN + dnlen, serv, servers * sizeof *serv);
+  question->key_size = static_cast<uint16_t>(KAVO_KEY_DN + dnlen + servers * sizeof *serv);
   return true;
 }
 
-kavo_query_node_t *find_node(KAVO ctx, const Key &key, uint32_t flags) PELK_REQUIRES(ctx->mx_table) {
-  ctx->lookup = {key.bytes, flags};
-  shash_item *item = shash_search(&ctx->query_table, key.bytes, key.size);
+kavo_query_node_t *find_node(KAVO ctx, const Question &question) PELK_REQUIRES(ctx->mx_table) {
+  ctx->lookup = {question.key, question.flags};
+  shash_item *item = shash_search(&ctx->query_table, question.key, question.key_size);
   ctx->lookup = {};
   return item == nullptr ? nullptr : kavo_node_of_key(ctx, item->pKey);
 }
@@ -63,16 +66,15 @@ kavo_query_node_t *find_node(KAVO ctx, const Key &key, uint32_t flags) PELK_REQU
 // join_node adds a caller's hold to a node that is in use; false for one that is free or has failed.
 bool join_node(KAVO ctx, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_table) {
   if (node == nullptr || node->state < KAVOQS_SYNCWAIT || node->state > KAVOQS_SYNCSIG) return false;
-  node->client_count++;
   ctx->table_reused++;
-  return true;
+  return kavo_table_subscribe_node(node) == KAVOE_OK;
 }
 
-// insert_node makes a node for a key and files it in the list of `state`.
-KAVO_ERR insert_node(KAVO ctx, const Key &key, kavo_query_state state, kavo_query_node_t **node)
+// insert_node makes a node for a question and files it in the list of `state`.
+KAVO_ERR insert_node(KAVO ctx, const Question &question, kavo_query_state state, kavo_query_node_t **node)
     PELK_REQUIRES(ctx->mx_table) {
   const size_t distance = kavo_key_distance(ctx);
-  const size_t size = distance + key.size;
+  const size_t size = distance + question.key_size;
   NodePtr fresh(static_cast<kavo_query_node_t *>(calloc(1, size)));
   if (fresh == nullptr) {
     PELK_ERROR(kSource, kAdd, errno, KAVOE_NOMEM, "Unable to allocate %d bytes for query node", static_cast<int>(size));
@@ -80,8 +82,9 @@ KAVO_ERR insert_node(KAVO ctx, const Key &key, kavo_query_state state, kavo_quer
   }
   void *block = fresh.get();
   uint8_t *place = static_cast<uint8_t *>(block) + distance;
-  memcpy(place, key.bytes, key.size);
-  fresh->hashitem = shash_insert(&ctx->query_table, place, key.size, static_cast<rindex_t>(kavo_state2range(state)));
+  memcpy(place, question.key, question.key_size);
+  const rindex_t range = static_cast<rindex_t>(kavo_state2range(state));
+  fresh->hashitem = shash_insert(&ctx->query_table, place, question.key_size, range);
   if (fresh->hashitem == nullptr) {
     PELK_ERROR(kSource, kAdd, errno, KAVOE_FAIL, "Node insertion error");
     return KAVOE_FAIL;
@@ -92,14 +95,14 @@ KAVO_ERR insert_node(KAVO ctx, const Key &key, kavo_query_state state, kavo_quer
 
 // take_block finds the block of a question that no node in use asks: the free one that has its key, or a new one. A
 // failed node that still has holders leaves the index, so that its question can be asked anew while they read it.
-KAVO_ERR take_block(KAVO ctx, const Key &key, kavo_query_node_t *found, kavo_query_state state,
+KAVO_ERR take_block(KAVO ctx, const Question &question, kavo_query_node_t *found, kavo_query_state state,
                     kavo_query_node_t **node) PELK_REQUIRES(ctx->mx_table) {
   if (found != nullptr && found->client_count == 0) {
     *node = found;
     return kavo_table_move(ctx, found, kavo_state2range(state));
   }
   if (found != nullptr) shash_unindex(&ctx->query_table, found->hashitem);
-  return insert_node(ctx, key, state, node);
+  return insert_node(ctx, question, state, node);
 }
 
 void log_statistics(KAVO ctx) PELK_REQUIRES(ctx->mx_table) {
@@ -127,11 +130,11 @@ KAVO_ERR arm_node(KAVO ctx, KAVO_TYPE type, kavo_query_node_t *node) PELK_REQUIR
 }
 
 // take_node makes the node of a question, with a permit that is counted. A failure gives the permit back.
-KAVO_ERR take_node(KAVO ctx, const Key &key, KAVO_TYPE type, unsigned flags, kavo_query_node_t *found,
-                   kavo_query_node_t **node) PELK_REQUIRES(ctx->mx_table) {
-  const kavo_query_state state = type == KAVOT_SYNC ? KAVOQS_SYNCWAIT : KAVOQS_NEW;
+KAVO_ERR take_node(KAVO ctx, const Question &question, kavo_query_node_t *found, kavo_query_node_t **node)
+    PELK_REQUIRES(ctx->mx_table) {
+  const kavo_query_state state = question.type == KAVOT_SYNC ? KAVOQS_SYNCWAIT : KAVOQS_NEW;
   kavo_query_node_t *taken = nullptr;
-  const KAVO_ERR error = take_block(ctx, key, found, state, &taken);
+  const KAVO_ERR error = take_block(ctx, question, found, state, &taken);
   if (error != KAVOE_OK) {
     kavo_table_give_back(ctx);
     return error;
@@ -139,10 +142,10 @@ KAVO_ERR take_node(KAVO ctx, const Key &key, KAVO_TYPE type, unsigned flags, kav
   log_statistics(ctx);
   taken->ctx = ctx;
   taken->state = state;
-  taken->flags = flags;
+  taken->flags = question.flags;
   taken->client_count = 1;
-  if (type != KAVOT_SYNC) {
-    const KAVO_ERR armed = arm_node(ctx, type, taken);
+  if (question.type != KAVOT_SYNC) {
+    const KAVO_ERR armed = arm_node(ctx, question.type, taken);
     if (armed != KAVOE_OK) return armed;
   }
   *node = taken;
@@ -171,7 +174,7 @@ KAVO_ERR wait_permit(KAVO ctx, const struct timeval *deadline) {
 enum class Added { joined, taken, full, failed };
 
 // add_at_once serves a question that needs no wait: its node is in use, or a permit is free.
-Added add_at_once(KAVO ctx, const Key &key, KAVO_TYPE type, unsigned flags, kavo_query_node_t **node, KAVO_ERR *error) {
+Added add_at_once(KAVO ctx, const Question &question, kavo_query_node_t **node, KAVO_ERR *error) {
   kavo_table_guard guard(ctx);
   if (guard.error != KAVOE_OK) {
     PELK_ERROR(kSource, kAdd, errno, guard.error, "Unable to lock table");
@@ -179,7 +182,7 @@ Added add_at_once(KAVO ctx, const Key &key, KAVO_TYPE type, unsigned flags, kavo
     return Added::failed;
   }
   ctx->table_motion++;
-  kavo_query_node_t *found = find_node(ctx, key, flags);
+  kavo_query_node_t *found = find_node(ctx, question);
   if (join_node(ctx, found)) {
     *node = found;
     return Added::joined;
@@ -187,13 +190,12 @@ Added add_at_once(KAVO ctx, const Key &key, KAVO_TYPE type, unsigned flags, kavo
   if (ctx->table_nfree == 0) ctx->table_overflow++;
   if (ctx->table_nfree == 0 || !try_permit(ctx)) return Added::full;
   ctx->table_nfree--;
-  *error = take_node(ctx, key, type, flags, found, node);
+  *error = take_node(ctx, question, found, node);
   return *error == KAVOE_OK ? Added::taken : Added::failed;
 }
 
 // add_with_permit serves a question after the wait for its permit. Another caller may have asked it meanwhile.
-Added add_with_permit(KAVO ctx, const Key &key, KAVO_TYPE type, unsigned flags, kavo_query_node_t **node,
-                      KAVO_ERR *error) {
+Added add_with_permit(KAVO ctx, const Question &question, kavo_query_node_t **node, KAVO_ERR *error) {
   kavo_table_guard guard(ctx);
   if (guard.error != KAVOE_OK) {
     PELK_ERROR(kSource, kAdd, errno, guard.error, "Unable to lock table");
@@ -202,13 +204,13 @@ Added add_with_permit(KAVO ctx, const Key &key, KAVO_TYPE type, unsigned flags, 
     return Added::failed;
   }
   ctx->table_nfree--;
-  kavo_query_node_t *found = find_node(ctx, key, flags);
+  kavo_query_node_t *found = find_node(ctx, question);
   if (join_node(ctx, found)) {
     kavo_table_give_back(ctx);
     *node = found;
     return Added::joined;
   }
-  *error = take_node(ctx, key, type, flags, found, node);
+  *error = take_node(ctx, question, found, node);
   return *error == KAVOE_OK ? Added::taken : Added::failed;
 }
 
@@ -240,17 +242,19 @@ KAVO_ERR announce(KAVO ctx, kavo_query_node_t *node) {
 
 KAVO_ERR kavo_table_add(KAVO ctx, KAVO_TYPE type, const unsigned char *dn, const kavo_sa *serv, unsigned nserv,
                         const struct timeval *deadline, unsigned flags, KAVO_QUERY_NODE *query_node) {
-  Key key;
   if (query_node == nullptr || ctx == nullptr || dn == nullptr || !is_addable(type)) return KAVOE_BADPAR;
-  if (!build_key(type, dn, serv, nserv, &key)) return KAVOE_BADPAR;
+  Question question;
+  question.type = type;
+  question.flags = flags;
+  if (!build_key(dn, serv, nserv, &question)) return KAVOE_BADPAR;
   *query_node = nullptr;
   kavo_query_node_t *node = nullptr;
   KAVO_ERR error = KAVOE_OK;
-  Added added = add_at_once(ctx, key, type, flags, &node, &error);
+  Added added = add_at_once(ctx, question, &node, &error);
   if (added == Added::full) {
     error = wait_permit(ctx, deadline);
     if (error != KAVOE_OK) return error;
-    added = add_with_permit(ctx, key, type, flags, &node, &error);
+    added = add_with_permit(ctx, question, &node, &error);
   }
   if (added == Added::failed) return error;
   if (added == Added::taken && type != KAVOT_SYNC) {

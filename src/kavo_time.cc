@@ -53,20 +53,28 @@ uint32_t milli_of(const struct timeval &moment) {
   return static_cast<uint32_t>(moment.tv_sec) * kMilli + static_cast<uint32_t>(micro / kMilli);
 }
 
+// to_span returns a span of milliseconds, both parts of its sign; from_now the moment that lies a span from now.
+struct timeval to_span(int milliseconds) {
+  return {milliseconds / kMilli, milliseconds % kMilli * kMilli};
+}
+
+struct timeval from_now(const struct timeval &span) {
+  struct timeval now = {};
+  gettimeofday(&now, nullptr);
+  return is_valid(now) && is_valid(span) ? add(now, span) : now;
+}
+
 }  // namespace
 
 KAVO_ERR kavo_time_milli_timeval(int milliseconds, struct timeval *result) {
   if (result == nullptr) return KAVOE_BADPAR;
-  result->tv_sec = milliseconds / kMilli;
-  result->tv_usec = milliseconds % kMilli * kMilli;
+  *result = to_span(milliseconds);
   return KAVOE_OK;
 }
 
 KAVO_ERR kavo_time_deadline(const struct timeval *timeout, struct timeval *deadline) {
   if (timeout == nullptr || deadline == nullptr) return KAVOE_BADPAR;
-  struct timeval now = {};
-  gettimeofday(&now, nullptr);
-  *deadline = is_valid(now) && is_valid(*timeout) ? add(now, *timeout) : now;
+  *deadline = from_now(*timeout);
   return KAVOE_OK;
 }
 
@@ -78,8 +86,6 @@ unsigned int kavo_time_milli_delay(const struct timeval *start, const struct tim
 
 struct timeval *kavo_get_deadline(unsigned int timeout, struct timeval *deadline) {
   if (timeout == UINT_MAX || deadline == nullptr) return nullptr;
-  struct timeval span = {};
-  if (kavo_time_milli_timeval(static_cast<int>(timeout), &span) != KAVOE_OK) return nullptr;
-  if (kavo_time_deadline(&span, deadline) != KAVOE_OK) return nullptr;
+  *deadline = from_now(to_span(static_cast<int>(timeout)));
   return deadline;
 }

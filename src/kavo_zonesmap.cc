@@ -69,12 +69,6 @@ char *make_name(const char *text, std::span<const uint8_t> wire) {
   return name;
 }
 
-char *make_zone_name(const char *text) {
-  std::array<uint8_t, DNS_MAXDN> wire;
-  const int size = dns_ptodn(text, 0, wire.data(), static_cast<int>(wire.size()), nullptr);
-  return make_name(text, std::span(wire).first(size > 0 ? static_cast<size_t>(size) : 0));
-}
-
 [[nodiscard]] int32_t find_zone(const kavo_zonesmap *map, const char *text) {
   for (int32_t i = 1; i < map->zones_count; ++i) {
     if (strcmp(map->prefixes[i], text) == 0) return i;
@@ -101,7 +95,7 @@ enum class Stored { ok, no_table, no_copy };
   *number = find_zone(map, text);
   if (*number != kNoZone) return Stored::ok;
   if (!grow_names(map)) return Stored::no_table;
-  char *name = make_zone_name(text);
+  char *name = kavo_zonesmap_make_name(text);
   if (name == nullptr) return Stored::no_copy;
   *number = map->zones_count++;
   map->prefixes[*number] = name;
@@ -232,6 +226,12 @@ class Loader {
 }
 
 }  // namespace
+
+char *kavo_zonesmap_make_name(const char *text) {
+  std::array<uint8_t, DNS_MAXDN> wire;
+  const int size = dns_ptodn(text, 0, wire.data(), static_cast<int>(wire.size()), nullptr);
+  return make_name(text, std::span(wire).first(size > 0 ? static_cast<size_t>(size) : 0));
+}
 
 std::span<const uint8_t> kavo_zonesmap_wire(const kavo_zonesmap *map, int32_t number) {
   const char *name = map->prefixes[number];

@@ -127,6 +127,7 @@ TEST_F(AnswersTest, PartlyResolvedNodeShowsWhatHasArrived) {
   EXPECT_EQ(resolved, nodes[1]);
   EXPECT_EQ(kavo_wait_multiple_nodes(host, nodes, 2, KAVOWT_FIRST, 1, Deadline(kShortMs), &resolved), KAVOE_TIMEOUT);
   EXPECT_EQ(resolved, nullptr);
+  EXPECT_EQ(kavo_wait_multiple_nodes(host, nodes, 2, KAVOWT_FULL, 0, Deadline(kShortMs), nullptr), KAVOE_TIMEOUT);
   EXPECT_EQ(answers.copy(host, silent), KAVOE_NODATA);
 }
 
@@ -301,6 +302,20 @@ TEST_F(AnswersTest, CacheAnswersTheSecondTime) {
   EXPECT_EQ(kavo_wait_node(host, node, KAVOWT_FULL, Deadline(kLongMs)), KAVOE_OK);
   EXPECT_EQ(kavo_unsubscribe_node(host, node), KAVOE_OK);
   EXPECT_GT(server.received(), 3u);
+}
+
+TEST_F(AnswersTest, CachedZoneShowsWhileAnotherIsAsked) {
+  ListServer server(kThreeZones);
+  Host host(64, kCache);
+  host.server(server.port()).option(KAVOOPT_TIMEOUT_MSEC, kNeverMs).option(KAVOOPT_CLOSE_FAST, 1);
+  host.zone(KAVOT_BL_IP, "a.list").zone(KAVOT_BL_IP, "dead.list").open();
+  Answers answers;
+  ASSERT_EQ(answers.query(host, KAVOT_DNS_A, "1.2.0.192.a.list"), KAVOE_OK);
+  Node node(host, KAVOT_BL_IP, "192.0.2.1");
+  ASSERT_EQ(node.wait(KAVOWT_FIRST), KAVOE_OK) << "what the second zone lacks takes nothing from the first";
+  ASSERT_EQ(answers.copy(host, node), KAVOE_OK);
+  EXPECT_EQ(answers.texts(), Texts{"127.0.0.2"});
+  EXPECT_EQ(answers[0].cache_code, KAVOCC_EXISTS);
 }
 
 TEST_F(AnswersTest, ExpiredAnswerComesEarlyAndServesWhenTheServerIsGone) {

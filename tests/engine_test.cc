@@ -2,12 +2,14 @@
 // Whatever the network does, a question ends in exactly one callback, with the right answer or the right status.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "../platform/dns/engine/engine.h"
 #include "support/simulation.h"
 
 namespace {
@@ -357,6 +359,14 @@ TEST_F(Engine, AFullSendBufferDelaysQuestionsAndLosesNone) {
   EXPECT_EQ(world.packets_sent, 300U);
 }
 
+TEST_F(Engine, AQuestionEndsThoughItsSocketNeverDrains) {
+  world.add_server("192.0.2.1", Temper::good);
+  world.send_buffers_full = true;
+  const Asked &asked = questions.ask("listed-1.list.test");
+  ASSERT_TRUE(world.run(1000));
+  EXPECT_EQ(asked.status, DNS_E_TEMPFAIL);
+}
+
 TEST_F(Engine, SocketsGrowWithTheLoadAndAreRenewed) {
   world.add_server("192.0.2.1", Temper::good);
   for (int i = 0; i < 3000; ++i)
@@ -408,6 +418,102 @@ TEST_F(Engine, StatisticsFollowTheServers) {
   EXPECT_EQ(rtt, 20);
   EXPECT_EQ(dns_get_serv_last_check(world.ctx, good_address, &check), DNS_E_NOERROR);
   EXPECT_EQ(check, world.now_us / 1'000'000);
+}
+
+TEST(ResolverFile, ServersAndFiguresWithinTheirBounds) {
+  const std::string path = testing::TempDir() + "kavo_resolver_file";
+  const std::unique_ptr<FILE, decltype(&fclose)> file(fopen(path.c_str(), "w"), fclose);
+  ASSERT_NE(file, nullptr);
+  fputs(("; a comment\nnameserver 192.0.2.1\nnameserver 2001:db8::1\nnameserver\nnameserver 192.0.2.256\n#" +
+         std::string(2000, 'x') + " nameserver 192.0.2.9\noptions rotate timeout:99 attempts:0 ndots: ndots:x\n" +
+         "nameserver\t0.0.0.0")
+            .c_str(),
+        file.get());
+  ASSERT_EQ(fflush(file.get()), 0);
+  dns::Options options;
+  sockaddr_in servers[dns::kServersMax];
+  ASSERT_EQ(dns::read_resolver_file(path.c_str(), &options, servers, dns::kServersMax), 2U);
+  EXPECT_TRUE(dns::same_address(servers[0], World::address_of("192.0.2.1")));
+  EXPECT_TRUE(dns::same_address(servers[1], World::address_of("127.0.0.1"))) << "where a packet to 0.0.0.0 arrives";
+  EXPECT_EQ(options.timeout_us, 30 * dns::kUsPerSecond);
+  EXPECT_EQ(options.ntries, 1U);
+  EXPECT_EQ(options.ndots, dns::Options{}.ndots);
+  EXPECT_EQ(options.flags, unsigned{DNS_SERVRRB});
+  EXPECT_EQ(dns::read_resolver_file(path.c_str(), &options, servers, 1), 1U);
+  EXPECT_EQ(dns::read_resolver_file("/nowhere/resolv.conf", &options, servers, 1), 0U);
+  remove(path.c_str());
+}
+
+TEST_F(Engine, AServerThatSlowsDownIsSoonWaitedFor) {
+  world.weather.delay_us = 1000;
+  world.add_server("192.0.2.1", Temper::good);
+  for (const int64_t delay_us : {1000, 200'000}) {
+    world.weather.delay_us = delay_us;
+    world.packets_sent = 0;
+    constexpr unsigned kQuestions = 20;
+    for (unsigned i = 0; i < kQuestions; ++i) {
+      questions.ask("listed-1.list.test");
+      ASSERT_TRUE(world.run());
+    }
+    EXPECT_LE(world.packets_sent, kQuestions + 5);
+  }
+}
+
+// A debug function that cancels and asks as it likes, and parses a packet that takes more memory than any answer.
+struct Meddler {
+  World *world;
+  Questions *questions;
+  unsigned cancelled = 0;
+
+  static void told(dns_ctx *ctx, dns_query *q, int, void *, void *udata) {
+    auto *self = static_cast<Meddler *>(udata);
+    self->parse(ctx);
+    if (q == nullptr || !self->world->chance(20)) return;
+    dns_cancel(ctx, q);
+    ++self->cancelled;
+    if (self->world->chance(50)) self->questions->ask(some_name(self->world));
+  }
+
+  void parse(dns_ctx *ctx) const {
+    const auto dn = sim::name("other.test");
+    std::vector<uint8_t> packet(40'000), text(30'208);
+    for (size_t at = 0; at < text.size(); at += 256)
+      text[at] = 255;
+    dns_pkt out;
+    dns_rr rr{};
+    memcpy(rr.dnsrr_dn, dn.data(), dn.size());
+    rr.dnsrr_cls = DNS_C_IN;
+    rr.dnsrr_typ = DNS_T_TXT;
+    rr.dnsrr_dsz = static_cast<unsigned>(text.size());
+    rr.dnsrr_dptr = text.data();
+    rr.dnsrr_dend = text.data() + text.size();
+    const int start =
+        dns_initpacket(&out, packet.data(), static_cast<unsigned>(packet.size()), dn.data(), DNS_T_TXT, DNS_C_IN);
+    ASSERT_GT(start, 0);
+    ASSERT_EQ(dns_addrr(&out, nullptr, &rr), 0);
+    void *block = nullptr;
+    EXPECT_GT(dns_parse_txt(ctx, nullptr, dn.data(), packet.data(), packet.data() + start, out.dnspk_end, &block, 0),
+              0);
+  }
+};
+
+TEST_F(Engine, ADebugFunctionMayCancelAskAndParse) {
+  const std::unique_ptr<dns_cache, decltype(&dns_cache_destroy)> cache(dns_cache_init(1 << 20), dns_cache_destroy);
+  ASSERT_EQ(dns_set_cache(world.ctx, DNS_CU_ANS, dns_cache_cacher(cache.get())), DNS_E_NOERROR);
+  world.weather = {10, 10, 200, 50'000, 20};
+  world.add_server("192.0.2.1", Temper::good);
+  world.add_server("192.0.2.2", Temper::fails);
+  Meddler meddler{&world, &questions};
+  dns_set_dbgfn(world.ctx, Meddler::told, &meddler);
+  for (int i = 0; i < 100; ++i)
+    questions.ask(some_name(&world));
+  ASSERT_TRUE(world.run());
+  unsigned calls = 0;
+  for (const auto &asked : questions.all()) {
+    calls += static_cast<unsigned>(asked->calls);
+    if (asked->status == DNS_E_NOERROR) expect_truth(*asked);
+  }
+  EXPECT_EQ(calls + meddler.cancelled, questions.all().size());
 }
 
 }  // namespace

@@ -46,6 +46,7 @@ TEST_F(LifecycleTest, StatesAreToldInPairsAndContextsReopen) {
                                    {KAVOSS_STARTING, KAVOSS_RUNNING},
                                    {KAVOSS_RUNNING, KAVOSS_STOPPING},
                                    {KAVOSS_STOPPING, KAVOSS_STOPPED}};
+  const size_t descriptors = support::open_descriptors();
   for (int round = 0; round < 3; ++round) {
     steps.clear();
     ASSERT_EQ(kavo_open(host), KAVOE_OK);
@@ -58,6 +59,7 @@ TEST_F(LifecycleTest, StatesAreToldInPairsAndContextsReopen) {
     EXPECT_EQ(kavo_srv_is_running(host), 0);
     EXPECT_EQ(kavo_close(host), KAVOE_OK) << "a stopped context is fine";
     EXPECT_EQ(steps, expected);
+    EXPECT_EQ(support::open_descriptors(), descriptors) << "a closed context keeps no sockets";
   }
   ASSERT_EQ(kavo_set_srvstate_chg_cb(host, nullptr, nullptr), 0);
   steps.clear();

@@ -231,6 +231,30 @@ TEST_F(NodesTest, FullTableMakesOthersWaitUntilTheirDeadline) {
   EXPECT_EQ(kavo_nactive(host), 0u);
 }
 
+TEST_F(NodesTest, TwoWhoWaitForRoomWithOneQuestionTakeOnePlace) {
+  Host host(2);
+  host.server(server_.port()).zone(KAVOT_BL_IP, "live.list").open();
+  Node first(host), second(host);
+  std::array<KAVO_QUERY_NODE, 2> nodes{};
+  std::vector<std::thread> threads;
+  for (KAVO_QUERY_NODE &node : nodes) {
+    threads.emplace_back([&host, &node] {
+      EXPECT_EQ(kavo_subscribe_node_p(host, KAVOT_BL_IP, "192.0.2.1", 0, nullptr, &node), KAVOE_OK);
+    });
+  }
+  // Time for both to wait for room; one that comes later joins at once.
+  std::this_thread::sleep_for(std::chrono::milliseconds(kShortMs));
+  first.drop();
+  second.drop();
+  for (std::thread &thread : threads)
+    thread.join();
+  EXPECT_EQ(nodes[0], nodes[1]);
+  EXPECT_EQ(kavo_nactive(host), 1u);
+  Node other(host);  // finds the second place free
+  for (KAVO_QUERY_NODE node : nodes)
+    EXPECT_EQ(kavo_unsubscribe_node(host, node), KAVOE_OK);
+}
+
 TEST_F(NodesTest, SameQuestionSharesItsNode) {
   Host host;
   host.server(server_.port()).zone(KAVOT_BL_DOM, "dead.list");
@@ -278,6 +302,62 @@ TEST_F(NodesTest, SameQuestionSharesItsNode) {
     EXPECT_EQ(kavo_unsubscribe_node(host, node), KAVOE_OK);
   ASSERT_EQ(kavo_close(host), KAVOE_OK) << "which takes back the server thread's own holds";
   EXPECT_EQ(kavo_nactive(host), 3u);
+}
+
+// An answer cache of the host's that holds an expired entry for every question; what it says is chosen by the first
+// digit of the question's name.
+struct StaleCache : dns_cacher {
+  StaleCache() : dns_cacher{&kOps} {}
+
+  static int get(dns_cacher *, dns_cdata *entry, dns_time) {
+    dns_rr rr{};
+    unsigned size = sizeof rr.dnsrr_dn;
+    EXPECT_EQ(dns_cdata_dn(entry, rr.dnsrr_dn, &size), 0);
+    const char kind = static_cast<char>(rr.dnsrr_dn[1]);
+    dns_cdata_setttl(entry, -1);
+    dns_cdata_setrcode(entry, kind == '1' ? DNS_R_NXDOMAIN : kind == '2' ? DNS_R_SERVFAIL : DNS_R_NOERROR);
+    if (kind == '4') add(entry, &rr, DNS_T_CNAME, {1, 'x', 0});
+    if (kind == '5') add(entry, &rr, DNS_T_A, {127, 0, 0, 9});
+    return 1;
+  }
+  static void add(dns_cdata *entry, dns_rr *rr, dns_type type, std::vector<unsigned char> data) {
+    rr->dnsrr_cls = DNS_C_IN;
+    rr->dnsrr_typ = type;
+    rr->dnsrr_dsz = static_cast<unsigned>(data.size());
+    rr->dnsrr_dptr = data.data();
+    rr->dnsrr_dend = data.data() + data.size();
+    EXPECT_EQ(dns_cdata_addrr(entry, rr, nullptr), 0);
+    dns_cdata_rewind(entry);
+  }
+  static constexpr dns_cacher_ops kOps = {get, [](dns_cacher *, const dns_cdata *, dns_time) { return 0; },
+                                          [](dns_cacher *, const dns_cdata *, dns_time) { return 0; },
+                                          [](dns_cacher *, int, void *, unsigned) { return -1; },
+                                          [](dns_cacher *, int, const void *, unsigned) { return -1; }};
+};
+
+TEST_F(PendingTest, ExpiredEntriesSpeakAsTheyDidWhenTheyLived) {
+  static StaleCache stale;
+  ASSERT_EQ(kavo_set_ext_cache(host_, KAVOCT_ANS, &stale), KAVOE_OK);
+  host_.open();
+  const std::array<const char *, 4> said{"NXDOM", "NODATA", "NODATA", "127.0.0.9"};
+  const std::array<const char *, 4> subjects{"192.0.2.1", "192.0.2.3", "192.0.2.4", "192.0.2.5"};
+  for (size_t i = 0; i < said.size(); ++i) {
+    Node node(host_, KAVOT_BL_IP, subjects[i]);
+    ASSERT_EQ(node.wait(KAVOWT_FIRST), KAVOE_OK);
+    std::vector<KAVO_ANSWER> all;
+    EXPECT_EQ(support::in_place(host_, node, &all), std::vector<std::string>{said[i]}) << subjects[i];
+    ASSERT_EQ(all.size(), 1u);
+    EXPECT_EQ(all[0].cache_code, KAVOCC_OLD);
+    EXPECT_EQ(all[0].zone, 1);
+    EXPECT_EQ(node.wait(KAVOWT_FULL, kShortMs), KAVOE_TIMEOUT) << "the question itself goes on";
+  }
+  ASSERT_EQ(kavo_close(host_), KAVOE_OK);
+  ASSERT_EQ(kavo_open(host_), KAVOE_OK);
+  Node failed(host_, KAVOT_BL_IP, "192.0.2.2");
+  EXPECT_EQ(failed.wait(KAVOWT_NONE), KAVOE_OK);
+  EXPECT_EQ(failed.wait(KAVOWT_DCACHE, kShortMs), KAVOE_TIMEOUT) << "a server's failure is not news";
+  ASSERT_EQ(kavo_close(host_), KAVOE_OK);
+  EXPECT_EQ(kavo_set_ext_cache(host_, KAVOCT_ANS, nullptr), KAVOE_OK);
 }
 
 // A name of `size` bytes in wire form, as text.

@@ -210,6 +210,17 @@ TEST(Blocks, EmptyAnswersSmallBuffersAndMalformedData) {
   EXPECT_EQ(Laid(Block::a4, high.packet, high.answers_at, "www.example.org").as<dns_rr_a4>()->dnsa4_ttl, 0);
 }
 
+TEST(Blocks, HoldTheRecordsOfTheClassThatWasAsked) {
+  constexpr uint8_t kChaos = 3;
+  Answer answer("version.bind");
+  answer.add(kQuestionPointer, DNS_T_TXT, {3, 'o', 'n', 'e'});
+  answer.packet.at(answer.answers_at - 1) = kChaos;
+  EXPECT_EQ(Laid(Block::txt, answer.packet, answer.answers_at, "version.bind").as<dns_rr_txt>()->dnstxt_nrr, 0);
+  constexpr size_t kPointerTypeAndHalfTheClass = 5;
+  answer.packet.at(answer.answers_at + kPointerTypeAndHalfTheClass) = kChaos;
+  EXPECT_EQ(Laid(Block::txt, answer.packet, answer.answers_at, "version.bind").as<dns_rr_txt>()->dnstxt_nrr, 1);
+}
+
 // chain_answer makes aliases n0 -> n1 -> ... -> n<links>, with an address at the end.
 Answer chain_answer(int links, bool reverse, bool loop = false) {
   Answer answer("n0");

@@ -2,7 +2,7 @@
  * dns.h - the operations of the DNS engine that a host may call directly.
  *
  * An engine context (struct dns_ctx) is driven by one thread; a kavo context drives its own. A cache (struct dns_cache)
- * may be used by any thread at any time. Nothing here blocks.
+ * may be used by any thread at any time. Nothing here blocks but the lookups dns_resolve_a4 and dns_resolve_p.
  */
 #ifndef KAVO_DNS_H
 #define KAVO_DNS_H
@@ -57,6 +57,14 @@ typedef struct dns_dpkt {
   int dnsd_rtt;                      /* milliseconds from request to answer; 0 when unknown */
 } dns_dpkt;
 
+/* dns_dcache: the data of DNS_D_CU_AN. */
+struct dns_cacher;
+typedef struct dns_dcache {
+  struct dns_cacher *dnsd_cacher;
+  struct dns_cdata *dnsd_cdata; /* the engine's copy of the entry, rewound; the function may walk it */
+  dns_status dnsd_status;
+} dns_dcache;
+
 KAVO_EXPORT void dns_set_dbgfn(struct dns_ctx *ctx, dns_dbg_fn *fn, void *udata);
 
 /* ---- servers -------------------------------------------------------------------------------------------------- */
@@ -68,6 +76,26 @@ KAVO_EXPORT int dns_add_serv(struct dns_ctx *ctx, const char *address);
 
 /* dns_add_serv_s does the same with an IPv4 socket address (port 0: that of DNS_OPT_PORT). */
 KAVO_EXPORT int dns_add_serv_s(struct dns_ctx *ctx, const struct sockaddr *address);
+
+/* ---- synchronous lookups -------------------------------------------------------------------------------------- */
+
+/*
+ * dns_resolve_p asks the context's servers (and its cache, where it has one) for the records of `name`, a text, and
+ * waits for the answer as long as the context's time-out and tries allow. The calling thread drives the context
+ * meanwhile: it must be open, driven by nobody else, and not be calling back. DNS_RCRS is set whatever `flags` say.
+ * Returns the block that `parse` (one of dns_parse_*) makes of the answer, the caller's own, released with dns_free; or
+ * null, and dns_get_status says why: DNS_E_NXDOMAIN, DNS_E_NODATA, DNS_E_TEMPFAIL when nobody answered, an error of a
+ * server or of the answer, DNS_E_BADQUERY for a text that is no name, DNS_E_INVAL, DNS_E_PERM on a context that is not
+ * open, DNS_E_NOMEM, DNS_E_CANCEL.
+ */
+KAVO_EXPORT void *dns_resolve_p(struct dns_ctx *ctx, const char *name, dns_class cls, dns_type typ, unsigned flags,
+                                dns_parse_fn *parse);
+
+/* dns_resolve_a4 does the same for IPv4 addresses. */
+KAVO_EXPORT dns_rr_a4 *dns_resolve_a4(struct dns_ctx *ctx, const char *name, unsigned flags);
+
+/* dns_get_status returns the status of the context's last operation or question. */
+KAVO_EXPORT dns_status dns_get_status(const struct dns_ctx *ctx);
 
 /* ---- caches --------------------------------------------------------------------------------------------------- */
 

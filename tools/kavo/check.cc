@@ -281,6 +281,11 @@ void configure(const CheckArguments &arguments, const std::vector<ServerAddress>
   must(kavo_set_opt(kavo, KAVOOPT_TIMEOUT_MSEC, arguments.timeout_ms), "cannot set the time-out");
   must(kavo_set_opt(kavo, KAVOOPT_NTRIES, kTries), "cannot set the number of tries");
   must(kavo_set_opt(kavo, KAVOOPT_CLOSE_FAST, 1), "cannot set the manner of closing");
+  if (arguments.trace) {
+    must(kavo_set_trace(kavo, kavo_dbgcb, nullptr), "cannot set the trace");
+    // The trace goes to both streams: a whole line at a time keeps them in step where they end up in one place.
+    (void)std::setvbuf(stdout, nullptr, _IOLBF, 0);
+  }
   if (!servers.empty()) must(kavo_add_dns_server(kavo, nullptr, 0), "cannot replace the servers");
   for (const ServerAddress &server : servers) {
     must(kavo_add_dns_server(kavo, server.address.c_str(), server.port), "cannot add a server");

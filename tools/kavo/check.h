@@ -23,6 +23,7 @@ struct CheckArguments {
   std::vector<std::string> servers;
   unsigned timeout_ms = kTimeoutMs;
   bool json = false;
+  bool trace = false;
   std::vector<std::string> subjects;
 };
 

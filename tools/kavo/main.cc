@@ -38,7 +38,8 @@ void describe_check(CLI::App *check, tool::CheckArguments *arguments) {
                    "milliseconds that one try of a question may take; three are made")
       ->check(CLI::Range(1U, tool::kTimeoutMsMax))
       ->capture_default_str();
-  check->add_flag("--json", arguments->json, "one JSON object a line for each subject");
+  CLI::Option *json = check->add_flag("--json", arguments->json, "one JSON object a line for each subject");
+  check->add_flag("--trace", arguments->trace, "show every packet that is sent and received")->excludes(json);
   check->add_option("SUBJECT", arguments->subjects,
                     "IPv4 or IPv6 addresses and domain names; - reads more from standard input, one a line");
   check->footer(kCheckFooter);

@@ -104,6 +104,8 @@ dns_time wall(dns_ctx *ctx) {
 bool read_server(const sockaddr *address, uint32_t port, sockaddr_in *server) {
   memcpy(server, address, sizeof *server);
   if (server->sin_family != AF_INET) return false;
+  // The address that means "this host" answers from loopback.
+  if (server->sin_addr.s_addr == htonl(INADDR_ANY)) server->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   if (server->sin_port == 0) server->sin_port = htons(static_cast<uint16_t>(port));
   memset(server->sin_zero, 0, sizeof server->sin_zero);
   return true;
@@ -210,6 +212,7 @@ void dns_destroy(dns_ctx *ctx) {
 }
 
 void dns_set_dbgfn(dns_ctx *ctx, dns_dbg_fn *fn, void *udata) {
+  if (ctx == nullptr) return;
   ctx->dbg = fn;
   ctx->dbg_data = udata;
 }

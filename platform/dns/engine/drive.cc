@@ -12,8 +12,9 @@ namespace {
 constexpr unsigned kReceiveTurns = 16;            // batches taken from one socket before the others get their turn
 constexpr int64_t kBlockedWaitUs = kUsPerSecond;  // how soon to look again when every question waits for a full socket
 
+// Seconds are read without their sign, which carries moments past January 2038.
 int64_t to_us(dns_timeval moment) {
-  return int64_t{moment.dnstv_sec} * kUsPerSecond + moment.dnstv_usec;
+  return int64_t{static_cast<uint32_t>(moment.dnstv_sec)} * kUsPerSecond + moment.dnstv_usec;
 }
 
 dns_timeval to_timeval(int64_t us) {
@@ -25,21 +26,25 @@ void begin_turn(dns_ctx *ctx, dns_timeval now) {
   ctx->wall_read = false;
 }
 
-void tell_cache(dns_query *q, int code, dns_dcache *data) {
-  if (q->ctx->dbg != nullptr) q->ctx->dbg(q->ctx, q, code, data, q->ctx->dbg_data);
+// tell_cache tells the debug function what the cache holds; false when that cancelled the question.
+bool tell_cache(dns_query *q, int code, dns_dcache *data) {
+  dns_ctx *ctx = q->ctx;
+  if (ctx->dbg == nullptr) return true;
+  const Hold hold(ctx);
+  ctx->dbg(ctx, q, code, data, ctx->dbg_data);
+  return q->state != State::cancelled;
 }
 
-// answer_from_cache consults the answer cache; true when a live entry answered the question.
+// answer_from_cache consults the answer cache; true when the question is over.
 bool answer_from_cache(dns_query *q) {
   dns_ctx *ctx = q->ctx;
   if (ctx->answer_cache == nullptr || q->own != nullptr) return false;
   set_key(q, 0);
   if (dns_cacher_get(ctx->answer_cache, ctx->entry, wall(ctx)) <= 0) {
-    tell_cache(q, DNS_D_CU_NOAN, nullptr);
-    return false;
+    return !tell_cache(q, DNS_D_CU_NOAN, nullptr);
   }
   dns_dcache found = {ctx->answer_cache, ctx->entry, DNS_E_NOERROR};
-  tell_cache(q, DNS_D_CU_AN, &found);
+  if (!tell_cache(q, DNS_D_CU_AN, &found)) return true;
   return dns_cdata_ttl(ctx->entry) >= 0 && take_cached(q);
 }
 
@@ -56,6 +61,7 @@ void take_queued(dns_ctx *ctx) {
       continue;
     }
     q->state = State::sending;
+    q->sent_us = ctx->now_us;
     ctx->sending.append(q);
   }
 }
@@ -122,6 +128,17 @@ void not_sent(dns_query *q) {
   ask_again(q);
 }
 
+// tell_sent tells the debug function of the packets that have left; it may cancel what it is still to be told of.
+void tell_sent(dns_ctx *ctx, int count) {
+  if (ctx->dbg == nullptr) return;
+  const dns_ctx::Buffers *buffers = ctx->buffers;
+  const Hold hold(ctx);
+  for (int i = 0; i < count; ++i)
+    if (buffers->leaving[i]->state != State::cancelled)
+      tell_packet(ctx, buffers->leaving[i], DNS_D_PKT_REQ, {buffers->out[i].data, buffers->out[i].size},
+                  &buffers->out[i].peer, 0);
+}
+
 // send_batch sends what `collect` gathered; false when the socket's buffer is full.
 bool send_batch(dns_ctx *ctx, int slot, unsigned count) {
   dns_ctx::Buffers *buffers = ctx->buffers;
@@ -130,9 +147,7 @@ bool send_batch(dns_ctx *ctx, int slot, unsigned count) {
   if (result == -EINTR) return true;
   for (int i = 0; i < result; ++i)
     sent(buffers->leaving[i], slot);
-  for (int i = 0; i < result && ctx->dbg != nullptr; ++i)
-    tell_packet(ctx, buffers->leaving[i], DNS_D_PKT_REQ, {buffers->out[i].data, buffers->out[i].size},
-                &buffers->out[i].peer, 0);
+  tell_sent(ctx, std::max(result, 0));
   // The network refused the first of them (no route, say): that try has failed.
   if (result <= 0) not_sent(buffers->leaving[0]);
   return true;
@@ -146,7 +161,12 @@ void flush(dns_ctx *ctx) {
     unsigned room = kBatch;
     const int slot = q->slot != UdpPool::kNone ? q->slot : ctx->sockets.pick(&room);
     if (slot != UdpPool::kNone && ctx->sockets.blocked(slot)) {
-      held.append(q);
+      // A try that cannot leave is over when its longest wait would be, so that every question ends.
+      if (ctx->now_us - q->sent_us >= ctx->options.timeout_us) {
+        not_sent(q);
+      } else {
+        held.append(q);
+      }
       continue;
     }
     const unsigned count = slot == UdpPool::kNone ? 0 : collect(ctx, slot, room);
@@ -255,7 +275,8 @@ dns_timeval dns_timeouts(dns_ctx *ctx, dns_timeval longest, dns_timeval now) {
   if (ctx->active == 0) return dns_tv_infinite;
   if (!ctx->queued.alone()) return dns_tv_zero;
   const int64_t next = ctx->waiting.next_us();
-  const int64_t wait = next == TimerWheel::kNever ? kBlockedWaitUs : std::max<int64_t>(next - ctx->now_us, 0);
+  int64_t wait = next == TimerWheel::kNever ? kBlockedWaitUs : std::max<int64_t>(next - ctx->now_us, 0);
+  if (!ctx->sending.alone()) wait = std::min(wait, kBlockedWaitUs);
   return to_timeval(std::min(wait, to_us(longest)));
 }
 

@@ -5,6 +5,7 @@
 //   drive.cc     the loop: time-outs, the cache's turn, sending, receiving
 //   outcome.cc   what an answer packet means for its question
 //   parsers.cc   the record parsers over the context's result memory
+//   resolve.cc   synchronous lookups, which drive the loop themselves
 //
 // A question is in exactly one list, and is taken out of it, of the timers and of the index before anyone is called:
 //
@@ -40,7 +41,7 @@ inline constexpr int64_t kUsPerSecond = 1'000'000;
 static_assert(DNS_MAXSERV <= kServersMax);
 static_assert(kQueryRoom >= DNS_HSIZE + DNS_MAXDN + 4);
 
-enum class State : uint8_t { queued, sending, waiting, delivering };
+enum class State : uint8_t { queued, sending, waiting, delivering, cancelled };
 
 struct OwnServers {
   Server *servers[DNS_MAXSERV];
@@ -81,7 +82,7 @@ struct dns_query : dns::Timer {
   const uint8_t *dn;
   dns::OwnServers *own;  // null: the context's servers
   int64_t first_sent_us;
-  int64_t sent_us;
+  int64_t sent_us;   // when the present try left, or when it was due
   uint32_t asked;    // servers that were sent the question, and may answer it
   uint32_t refused;  // servers that answered with an error, and are not asked again
   uint32_t flags;
@@ -134,6 +135,8 @@ struct dns_ctx {
   bool wall_read = false;
 
   unsigned active = 0;
+  unsigned holds = 0;  // Hold objects in force; meanwhile a question that is dropped stays in `cancelled`
+  dns::Link cancelled;
   dns::Link queued;
   dns::Link sending;
   dns::TimerWheel waiting;
@@ -191,6 +194,21 @@ void deliver(dns_query *q, dns_status status, void *result, unsigned size, unsig
 
 // drop ends a question without calling back.
 void drop(dns_query *q);
+
+// Hold keeps the records of questions and the memory of the last result while a debug function runs: it may cancel any
+// question, the one it is told of too, and may parse packets of its own.
+class Hold {
+ public:
+  explicit Hold(dns_ctx *ctx);
+  ~Hold();
+  Hold(const Hold &) = delete;
+  Hold &operator=(const Hold &) = delete;
+
+ private:
+  dns_ctx *ctx_;
+  uint8_t *result_;
+  size_t result_size_;
+};
 
 // ask_again moves a question on to its next server and queues it for sending; when it has no try or no server left,
 // ends it with `error`, or with the last error that a server answered with.

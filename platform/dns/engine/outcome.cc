@@ -10,7 +10,7 @@ namespace {
 
 // Verdict is what became of an answer packet.
 struct Verdict {
-  dns_status status;  // NOERROR, NXDOMAIN, NODATA and CNLOOP end the question; any other is a reason to ask elsewhere
+  dns_status status;  // NOERROR, NXDOMAIN, NODATA, CNLOOP and NOMEM end the question; with any other the next is asked
   int code;           // the event it is reported as
   int32_t ttl;        // seconds that the cache may keep it
   bool has_ttl;       // false for a denial without a SOA record
@@ -42,6 +42,9 @@ Verdict judge_denial(const dns_query *q, std::span<const uint8_t> packet, const 
   if (!section_at(packet, DNS_S_NS, &authority) || read_denial(packet, authority, chain.end, &denial) != DNS_E_NOERROR)
     return broken(DNS_D_PKT_RPINV);
   const int32_t ttl = std::min(denial.ttl, chain.ttl);
+  // A denial by another zone than the name's ends the question and is not kept.
+  if (denial.stray_soa && !denial.soa && (header.rcode == DNS_R_NXDOMAIN || chain.aliases == 0))
+    return {header.rcode == DNS_R_NXDOMAIN ? DNS_E_NXDOMAIN : DNS_E_NODATA, DNS_D_PKT_INVSOA, 0, true};
   if (header.rcode == DNS_R_NXDOMAIN) return {DNS_E_NXDOMAIN, DNS_D_PKT_RPAN, ttl, denial.soa};
   if (denial.soa) return {DNS_E_NODATA, DNS_D_PKT_RPAN, ttl, true};
   // The chain's end was not answered for, so nothing is known about it.
@@ -71,31 +74,43 @@ bool is_denial(dns_status status) {
   return status == DNS_E_NXDOMAIN || status == DNS_E_NODATA;
 }
 
+// keeps_all tells whether a cache keeps every answer for a time, also one whose TTL of 0 makes it good for the question at
+// hand alone (RFC 1035, 3.2.1).
+bool keeps_all(dns_cacher *cacher) {
+  uint32_t least = 0;
+  return dns_cacher_getopt(cacher, DNS_CROPT_MINTTL, &least, sizeof least) == 0 && least > 0;
+}
+
 void keep(dns_query *q, std::span<const uint8_t> packet, const Header &header, const Verdict &verdict) {
   dns_ctx *ctx = q->ctx;
   size_t answers = 0;
-  if (ctx->answer_cache == nullptr || q->own != nullptr || verdict.status == DNS_E_CNLOOP) return;
+  if (ctx->answer_cache == nullptr || q->own != nullptr || verdict.status == DNS_E_CNLOOP || verdict.status == DNS_E_NOMEM)
+    return;
   if (!section_at(packet, DNS_S_AN, &answers)) return;
   set_key(q, verdict.has_ttl ? 0 : kNoSoa);
+  if (verdict.has_ttl && verdict.ttl == 0 && !keeps_all(ctx->answer_cache)) {
+    (void)dns_cacher_delete(ctx->answer_cache, ctx->entry, wall(ctx));
+    return;
+  }
   if (cdata_from_answer(ctx->entry, packet, answers, ctx->options.maxalias, header.rcode, verdict.ttl) == DNS_E_NOERROR)
     (void)dns_cacher_put(ctx->answer_cache, ctx->entry, wall(ctx));
 }
 
-// measure takes the round trip of an answer into its server's estimate. An answer to a question that was sent to the
-// server more than once may belong to either packet (Karn's rule): it counts only when it came too early for the later
-// one.
+// measure takes the round trip of an answer into the estimate of the server that sent it. Once a question was sent
+// again the answer may belong to an earlier packet (Karn's rule), and only the time since the first is sure to hold its
+// round trip. It counts where it is above the estimate: a server that has become slower than the wait for it would
+// otherwise never be measured again, and be asked twice for ever.
 void measure(dns_query *q, const sockaddr_in &peer) {
   dns_ctx *ctx = q->ctx;
   const auto servers = servers_of(q);
-  Server *server = servers[q->server];
+  Server *present = servers[q->server];
+  const auto found = std::ranges::find_if(servers, [&peer](const Server *s) { return same_address(s->address, peer); });
+  Server *server = same_address(present->address, peer) || found == servers.end() ? present : *found;
   server->used.fetch_add(1, std::memory_order_relaxed);
   if (!same_address(server->address, peer)) return;
-  int64_t rtt = ctx->now_us - q->sent_us;
-  if (q->tries > servers.size()) {
-    if (server->srtt_us == 0 || rtt >= server->srtt_us / 2) return;
-    rtt = ctx->now_us - q->first_sent_us;
-  }
-  server->sample(rtt, wall(ctx));
+  const bool sure = server == present && q->tries <= servers.size();
+  const int64_t rtt = ctx->now_us - (sure ? q->sent_us : q->first_sent_us);
+  if (sure || (server->srtt_us != 0 && rtt > server->srtt_us)) server->sample(rtt, wall(ctx));
 }
 
 // answering returns the set of the question's servers that have the answer's address: the one that was asked, or none
@@ -114,6 +129,16 @@ int result_of(dns_query *q, dns_status status, std::span<const uint8_t> packet, 
   *result = nullptr;
   if (is_denial(status) && q->parse != dns_parse_pkt) return 0;
   return status == DNS_E_CNLOOP ? 0 : parsed(q, packet, result);
+}
+
+// tell_answer tells the debug function of an answer; false when that cancelled the question.
+bool tell_answer(dns_query *q, int code, std::span<const uint8_t> packet, const sockaddr_in &peer) {
+  constexpr int64_t kUsPerMs = 1000;
+  dns_ctx *ctx = q->ctx;
+  if (ctx->dbg == nullptr) return true;
+  const Hold hold(ctx);
+  tell_packet(ctx, q, code, packet, &peer, static_cast<int>((ctx->now_us - q->sent_us) / kUsPerMs));
+  return q->state != State::cancelled;
 }
 
 }  // namespace
@@ -140,23 +165,21 @@ int parsed(dns_query *q, std::span<const uint8_t> packet, void **result) {
 }
 
 void take_answer(dns_query *q, std::span<const uint8_t> packet, const Header &header, const sockaddr_in &peer) {
-  dns_ctx *ctx = q->ctx;
   measure(q, peer);
   Verdict verdict = judge(q, packet, header);
   void *result = nullptr;
   int size = 0;
   const auto final_status = [](dns_status status) {
-    return status == DNS_E_NOERROR || is_denial(status) || status == DNS_E_CNLOOP;
+    return status == DNS_E_NOERROR || is_denial(status) || status == DNS_E_CNLOOP || status == DNS_E_NOMEM;
   };
   if (final_status(verdict.status)) {
     size = result_of(q, verdict.status, packet, &result);
-    if (size < 0) verdict = {size, DNS_D_PKT_RPINV, 0, false};
+    if (size < 0) verdict = size == DNS_E_NOMEM ? Verdict{size, DNS_D_PKT_RPAN, 0, false} : broken(DNS_D_PKT_RPINV);
   }
-  constexpr int64_t kUsPerMs = 1000;
-  tell_packet(ctx, q, verdict.code, packet, &peer, static_cast<int>((ctx->now_us - q->sent_us) / kUsPerMs));
+  if (!tell_answer(q, verdict.code, packet, peer)) return;
   if (final_status(verdict.status)) {
     keep(q, packet, header, verdict);
-    deliver(q, verdict.status, result, static_cast<unsigned>(size), 0);
+    deliver(q, verdict.status, result, static_cast<unsigned>(std::max(size, 0)), 0);
     return;
   }
   q->error = static_cast<int16_t>(verdict.status);

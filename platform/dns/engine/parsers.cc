@@ -27,7 +27,8 @@ int parse(Block kind, dns_ctx *ctx, const uint8_t *dn, const uint8_t *packet, co
   const size_t answers_at = static_cast<size_t>(at - packet);
   if (size > 0) {
     if (*result == nullptr) return DNS_E_INVAL;
-    return lay_block(kind, bytes, answers_at, dn, {static_cast<uint8_t *>(*result), size}, nullptr);
+    const unsigned aliases_max = ctx != nullptr ? ctx->options.maxalias : kAliasesMax;
+    return lay_block(kind, bytes, answers_at, dn, {static_cast<uint8_t *>(*result), size}, nullptr, aliases_max);
   }
   if (ctx == nullptr) return DNS_E_INVAL;
   if (!result_reserve(ctx, kResultMin)) return DNS_E_NOMEM;

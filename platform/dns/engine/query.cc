@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include <new>
+#include <utility>
 
 #include "engine.h"
 
@@ -144,7 +145,28 @@ void drop(dns_query *q) {
   dns_ctx *ctx = q->ctx;
   leave_everything(q);
   --ctx->active;
-  release(q);
+  if (ctx->holds == 0) {
+    release(q);
+  } else {
+    q->state = State::cancelled;
+    ctx->cancelled.append(q);
+  }
+}
+
+Hold::Hold(dns_ctx *ctx)
+    : ctx_(ctx), result_(std::exchange(ctx->result, nullptr)), result_size_(std::exchange(ctx->result_size, 0)) {
+  ++ctx->holds;
+}
+
+Hold::~Hold() {
+  free(std::exchange(ctx_->result, result_));
+  ctx_->result_size = result_size_;
+  if (--ctx_->holds > 0) return;
+  while (!ctx_->cancelled.alone()) {
+    auto *q = static_cast<dns_query *>(ctx_->cancelled.next);
+    q->unlink();
+    release(q);
+  }
 }
 
 void ask_again(dns_query *q) {
@@ -156,6 +178,7 @@ void ask_again(dns_query *q) {
   }
   leave_list(q);
   q->state = State::sending;
+  q->sent_us = ctx->now_us;
   ctx->sending.append(q);
 }
 
@@ -215,7 +238,7 @@ dns_query *dns_submit_dn_serv(dns_ctx *ctx, const unsigned char *dn, dns_class c
 
 void dns_cancel(dns_ctx *ctx, dns_query *q) {
   // A question that is being delivered is over already.
-  if (ctx == nullptr || q == nullptr || q->state == State::delivering) return;
+  if (ctx == nullptr || q == nullptr || q->state == State::delivering || q->state == State::cancelled) return;
   drop(q);
 }
 

@@ -58,7 +58,10 @@ unsigned read_resolver_file(const char *path, Options *options, sockaddr_in *ser
       sockaddr_in server{};
       server.sin_family = AF_INET;
       server.sin_port = htons(static_cast<uint16_t>(options->port));
-      if (dns_pton(AF_INET, word, &server.sin_addr) > 0) servers[count++] = server;
+      if (dns_pton(AF_INET, word, &server.sin_addr) <= 0) continue;
+      // The address 0.0.0.0 means this host, which answers from the address below.
+      if (server.sin_addr.s_addr == htonl(INADDR_ANY)) server.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+      servers[count++] = server;
     } else if (strcmp(keyword, "options") == 0) {
       for (; word != nullptr; word = strtok_r(nullptr, kBlanks, &state))
         take_option(word, options);

@@ -183,15 +183,25 @@ bool same_text(const uint8_t *dn1, const uint8_t *dn2) {
   return size == dns_dnlen(dn2) && memcmp(dn1, dn2, size) == 0;
 }
 
+// class_of returns the class that a packet's question asks about; IN for a packet without a question.
+dns_class class_of(std::span<const uint8_t> packet, const Header &header) {
+  Reader reader(packet, DNS_HSIZE);
+  uint16_t typ = 0;
+  uint16_t cls = DNS_C_IN;
+  const bool asked = header.count[DNS_S_QD] > 0 && reader.skip_name() && reader.u16(&typ) && reader.u16(&cls);
+  return asked ? dns_class{cls} : dns_class{DNS_C_IN};
+}
+
 // lay_records lays a whole block of records; its size is then what `layer` needed.
 dns_status lay_records(const Layout &layout, std::span<const uint8_t> packet, size_t answers_at, const uint8_t *dn,
                        unsigned aliases_max, Layer *layer) {
-  Chain chain;
-  const dns_status found = follow_chain(packet, answers_at, dn, layout.typ, DNS_C_IN, aliases_max, &chain);
-  if (found != DNS_E_NOERROR) return found;
   Header header{};
   if (!read_header(packet, &header)) return DNS_E_PROTOCOL;
-  Answers answers(packet, answers_at, header.count[DNS_S_AN], DNS_C_IN);
+  const dns_class cls = class_of(packet, header);
+  Chain chain;
+  const dns_status found = follow_chain(packet, answers_at, dn, layout.typ, cls, aliases_max, &chain);
+  if (found != DNS_E_NOERROR) return found;
+  Answers answers(packet, answers_at, header.count[DNS_S_AN], cls);
   answers.set_name(chain.end);
 
   Head head = {};

@@ -134,7 +134,7 @@ dns_status follow_chain(std::span<const uint8_t> packet, size_t answers_at, cons
 }
 
 dns_status read_denial(std::span<const uint8_t> packet, size_t authority_at, const uint8_t *dn, Denial *denial) {
-  *denial = {.soa = false, .ns = false, .ttl = 0, .zone = {}};
+  *denial = {.soa = false, .stray_soa = false, .ns = false, .ttl = 0, .zone = {}};
   Header header{};
   if (dns_dnlen(dn) == 0) return DNS_E_INVAL;
   if (authority_at > packet.size() || !read_header(packet, &header)) return DNS_E_PROTOCOL;
@@ -143,7 +143,9 @@ dns_status read_denial(std::span<const uint8_t> packet, size_t authority_at, con
   for (unsigned left = header.count[DNS_S_NS]; left > 0; --left) {
     if (!read_record(&reader, &record)) return DNS_E_PROTOCOL;
     const bool first_ns = record.typ == DNS_T_NS && !denial->ns;
-    const bool first_soa = record.typ == DNS_T_SOA && !denial->soa && covers(record.owner, dn);
+    const bool covering = record.typ == DNS_T_SOA && covers(record.owner, dn);
+    const bool first_soa = covering && !denial->soa;
+    denial->stray_soa = denial->stray_soa || (record.typ == DNS_T_SOA && !covering);
     if (first_soa && !soa_ttl(packet, record, &denial->ttl)) return DNS_E_PROTOCOL;
     if (first_soa || (first_ns && !denial->soa)) memcpy(denial->zone, record.owner, dns_dnlen(record.owner));
     denial->ns = denial->ns || first_ns;

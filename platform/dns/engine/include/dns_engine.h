@@ -53,13 +53,6 @@ int dns_cacher_delete(struct dns_cacher *cacher, const struct dns_cdata *entry, 
 int dns_cacher_getopt(struct dns_cacher *cacher, int opt, void *value, unsigned size);
 int dns_cacher_setopt(struct dns_cacher *cacher, int opt, const void *value, unsigned size);
 
-// The data of DNS_D_CU_AN.
-struct dns_dcache {
-  struct dns_cacher *dnsd_cacher;
-  struct dns_cdata *dnsd_cdata;  // the engine's copy of the entry, rewound; the function may walk it
-  dns_status dnsd_status;
-};
-
 using dns_dc_fn = void(struct dns_ctx *ctx, struct dns_query *q, int code, void *data, void *udata);
 void dns_set_dcfn(struct dns_ctx *ctx, dns_dc_fn *fn);
 
@@ -109,7 +102,6 @@ struct dns_query *dns_submit_dn_serv(struct dns_ctx *ctx, const unsigned char *d
 // dns_cancel drops a question; its callback never runs.
 void dns_cancel(struct dns_ctx *ctx, struct dns_query *q);
 
-dns_status dns_get_status(const struct dns_ctx *ctx);
 void dns_set_status(struct dns_ctx *ctx, dns_status status);
 void dns_set_sflags(struct dns_ctx *ctx, unsigned flags);
 unsigned dns_get_sflags(const struct dns_ctx *ctx);

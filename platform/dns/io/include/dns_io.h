@@ -63,7 +63,7 @@ class UdpPool {
   static constexpr unsigned kSocketsMin = 4;
   static constexpr unsigned kSocketsMax = 64;
   static constexpr unsigned kInFlightPerSocket = 192;  // answers that the usual receive buffer (208 KiB) surely holds
-  static constexpr unsigned kUsesPerSocket = 8192;     // questions after which a socket is replaced
+  static constexpr unsigned kUsesPerSocket = 1024;     // questions after which a socket is replaced
   static constexpr uint16_t kPortMin = 10240;          // below lie ports that services expect to find free
   static constexpr int kNone = -1;
 

@@ -7,6 +7,7 @@
 #include <netinet/in.h>
 #include <stddef.h>
 #include <stdint.h>
+#include <stdio.h>
 
 #include <span>
 
@@ -101,6 +102,13 @@ int dns_rewind_sec(struct dns_parse *parse, int section);
 // dns_nextrr reads the next record of the section; its data points into the packet. 1, 0 after the last one, or
 // DNS_E_PROTOCOL.
 int dns_nextrr(struct dns_parse *parse, struct dns_rr *rr);
+
+// dns_printheader prints a packet's header, dns_printsection one of its sections (DNS_S_QD to DNS_S_AR), as dig does:
+// records in master-file form, an OPT record as the pseudo-section that it is. At `level` 0 there are records only, no
+// header and no titles. A section prints as far as it is sound. Only the bounds of `parse` matter, so that a packet
+// which dns_initparse refused can be shown. 0, DNS_E_PROTOCOL for a packet that is cut off or broken, DNS_E_INVAL.
+int dns_printheader(FILE *stream, int level, const struct dns_parse *parse);
+int dns_printsection(FILE *stream, int level, const struct dns_parse *parse, int section);
 
 }  // extern "C"
 
@@ -203,9 +211,10 @@ struct Chain {
 
 // Denial is what the authority section says when there is no answer.
 struct Denial {
-  bool soa;     // a SOA record stands there whose owner is the name asked or one above it
-  bool ns;      // NS records stand there
-  int32_t ttl;  // seconds to keep the denial: the lesser of the SOA's TTL and its MINIMUM (RFC 2308); 0 without
+  bool soa;        // a SOA record stands there whose owner is the name asked or one above it
+  bool stray_soa;  // a SOA record of another zone stands there
+  bool ns;         // NS records stand there
+  int32_t ttl;     // seconds to keep the denial: the lesser of the SOA's TTL and its MINIMUM (RFC 2308); 0 without
   uint8_t zone[DNS_MAXDN];  // the owner of the SOA, or of the NS records
 };
 [[nodiscard]] dns_status read_denial(std::span<const uint8_t> packet, size_t authority_at, const uint8_t *dn,
