@@ -494,14 +494,14 @@ KAVO_EXPORT void kavo_free_answer_iterator(KAVO_ANSWER_ITERATOR iterator);
  * failed; KAVOE_FAIL for a sync node; KAVOE_NOMEM; KAVOE_THR; KAVOE_BADPAR. */
 KAVO_EXPORT KAVO_ERR kavo_set_answer_iterator(KAVO kavo, KAVO_QUERY_NODE node, KAVO_ANSWER_ITERATOR iterator);
 
-/* kavo_get_answer returns the next answer, zones in their order, or null after the last. It stays the library's and is
- * valid while the caller holds the node. */
+/* kavo_get_answer returns the next answer, zones in their order and early answers behind them, or null after the last.
+ * It stays the library's and is valid while the caller holds the node. */
 KAVO_EXPORT const KAVO_ANSWER *kavo_get_answer(KAVO kavo, KAVO_ANSWER_ITERATOR iterator);
 
 /*
  * kavo_copy_answer copies a held node's answers into the array `*answer` of `answer_len` entries.
  *
- *   answer_written  out: the number of answers
+ *   answer_written  out: the entries filled; where the array is too short, the entries needed
  *   alloc           not 0: the array (may be null) and the entries' blocks grow as needed and belong to the caller.
  *                   0: they must be large enough; a block that is not gives its entry the code KAVOE_NOMEM.
  *

@@ -49,9 +49,15 @@ void clear(KAVO_ANSWER_ITERATOR iterator) {
   return KAVOE_OK;
 }
 
+// assert_failed reports a false expression as the macro does, where the macro would give another name or text.
+void assert_failed(const char *function, const char *expression, int line = __builtin_LINE()) {
+  pelk_syslog(PELK_LOG_CRIT, "[assertion at %s:%s():%d] for '%s'", kSource, function, line, expression);
+}
+
 // set_on puts the iterator before a node's first answer, as far as the node's state allows.
 [[nodiscard]] KAVO_ERR set_on(KAVO kavo, KAVO_QUERY_NODE node, KAVO_ANSWER_ITERATOR iterator)
     PELK_REQUIRES(kavo->mx_table) {
+  static constexpr char kFunction[] = "kavo_set_answer_iterator";
   switch (node->state) {
     case KAVOQS_READY:
       return KAVOE_BADPAR;
@@ -61,18 +67,20 @@ void clear(KAVO_ANSWER_ITERATOR iterator) {
     case KAVOQS_DCFAIL:
       return KAVOE_NODATA;
     case KAVOQS_PRESOLVED:
-      PELK_ASSERT(node->qh_count, kSource);
+      if (node->qh_count == 0) [[unlikely]]
+        assert_failed(kFunction, "node->qh_count");
       memcpy(iterator->first_answers, node->first_answers, kavo_answer_map_size(kavo->max_zones));
       break;
     case KAVOQS_RESOLVED:
-      PELK_ASSERT(!node->qh_count, kSource);
+      if (node->qh_count != 0) [[unlikely]]
+        assert_failed(kFunction, "!node->qh_count");
       break;
     case KAVOQS_ERROR:
       return KAVOE_SRV;
     case KAVOQS_SYNCWAIT:
     case KAVOQS_SYNCSIG:
     default:
-      PELK_ERROR(kSource, "kavo_set_answer_iterator", errno, KAVOE_FAIL, "Invalid node state");
+      PELK_ERROR(kSource, kFunction, errno, KAVOE_FAIL, "Invalid node state");
       return KAVOE_FAIL;
   }
   iterator->node = node;
@@ -115,17 +123,17 @@ kavo_cb_arg *following(const kavo_cb_arg *arg) {
 
 // make_room grows the caller's array of `length` entries to `count`, where it may.
 [[nodiscard]] KAVO_ERR make_room(KAVO_ANSWER **answers, int length, int count, bool alloc) {
-  static constexpr char kStep[] = "kavo_copy_answer";
+  static constexpr char kFunction[] = "kavo_copy_answer";
   const int held = *answers == nullptr ? 0 : std::max(length, 0);
   if (held >= count) return KAVOE_OK;
   if (!alloc) {
-    PELK_INFO(kSource, kStep, "Not enough buffers to copy answers");
+    PELK_INFO(kSource, kFunction, "Not enough buffers to copy answers");
     return KAVOE_NOMEM;
   }
   const size_t bytes = static_cast<size_t>(count) * sizeof(KAVO_ANSWER);
   auto *grown = static_cast<KAVO_ANSWER *>(realloc(*answers, bytes));
   if (grown == nullptr) {
-    PELK_ERROR(kSource, kStep, errno, KAVOE_NOMEM, "Unable to allocate %d bytes for answers coping",
+    PELK_ERROR(kSource, kFunction, errno, KAVOE_NOMEM, "Unable to allocate %d bytes for answers coping",
                static_cast<int>(bytes));
     return KAVOE_NOMEM;
   }
@@ -200,10 +208,8 @@ const KAVO_ANSWER *kavo_get_answer(KAVO kavo, KAVO_ANSWER_ITERATOR iterator) {
   PELK_ASSERT(iterator->node->ctx == kavo, kSource);
   iterator->current = next_shown(iterator, iterator->current);
   if (iterator->current == nullptr) return nullptr;
-  if (iterator->current->node != iterator->node) [[unlikely]] {
-    pelk_syslog(PELK_LOG_CRIT, "[assertion at %s:%s():%d] for '%s'", kSource, __func__, __LINE__,
-                "(kavo_query_node*)iterator->node == iterator->current->node");
-  }
+  if (iterator->current->node != iterator->node) [[unlikely]]
+    assert_failed(__func__, "(kavo_query_node*)iterator->node == iterator->current->node");
   const KAVO_ANSWER *answer = &iterator->current->answer;
   iterator->current = following(iterator->current);
   return answer;

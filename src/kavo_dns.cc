@@ -132,7 +132,7 @@ constexpr unsigned engine_flags(unsigned flags) {
 // submit_zone queues the question of one zone of a node.
 [[nodiscard]] KAVO_ERR submit_zone(KAVO ctx, KAVO_QUERY_NODE node, kavo_cb_arg *arg, int32_t number, dns_query_fn *cbck)
     PELK_REQUIRES(ctx->mx_table) {
-  const std::span<const uint8_t> key = node->hashitem == nullptr ? std::span<const uint8_t>{} : kavo_node_key(node);
+  const std::span<const uint8_t> key = kavo_node_key(node);
   const bool zoned = number != 0;
   const std::span<const uint8_t> zone = zoned ? kavo_zonesmap_wire(&ctx->zonesmap, number) : std::span<const uint8_t>{};
   KAVO_ERR error = KAVOE_OK;
@@ -195,7 +195,7 @@ KAVO_ERR kavo_cancel_query(KAVO ctx, KAVO_QUERY_NODE node) {
   if (ctx == nullptr || node == nullptr) return KAVOE_BADPAR;
   PELK_ASSERT(node->ctx == ctx, kSource);
   kavo_cb_arg *arg = node->cb_args;
-  size_t left = node->qh_count == 0 ? 0 : kavo_zonesmap_zones(&ctx->zonesmap, kavo_node_type_of(node)).size();
+  size_t left = kavo_zonesmap_zones(&ctx->zonesmap, kavo_node_type_of(node)).size();
   for (; left > 0 && arg != nullptr && node->qh_count != 0; --left) {
     PELK_ASSERT(arg->node == node, kSource);
     if (arg->qh != nullptr) {

@@ -67,8 +67,9 @@ constexpr bool asks_address(KAVO_TYPE type) {
   return size;
 }
 
-[[nodiscard]] KAVO_ERR lock_failed(const char *function, KAVO_ERR code) {
-  PELK_ERROR(kSource, function, errno, code, "Unable to lock query table");
+// lock_failed logs that `function` could not take the table lock, with the line that calls this; returns the code.
+[[nodiscard]] KAVO_ERR lock_failed(const char *function, KAVO_ERR code, int line = __builtin_LINE()) {
+  pelk_log_error(kSource, function, line, errno, code, "Unable to lock query table");
   return code;
 }
 
@@ -173,7 +174,7 @@ KAVO_TYPE kavo_node_type(KAVO kavo, KAVO_QUERY_NODE node) {
   if (kavo == nullptr || node == nullptr || kavo_srv_is_running(kavo) == 0) return KAVOT_INVALID;
   kavo_table_guard guard(kavo);
   if (guard.error != KAVOE_OK) {
-    PELK_ERROR(kSource, __func__, errno, guard.error, "Unable to lock query table");
+    static_cast<void>(lock_failed(__func__, guard.error));
     return KAVOT_INVALID;
   }
   return node->state == KAVOQS_READY ? KAVOT_INVALID : kavo_node_type_of(node);

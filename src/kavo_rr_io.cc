@@ -247,7 +247,10 @@ class RecordReader {
   [[nodiscard]] bool text(size_t entry_at, int32_t length) {
     const size_t closing = form_.text == Text::closed ? 1 : 0;
     const auto size = static_cast<size_t>(length);
-    if (length <= 0) return length == 0;
+    if (length <= 0) {
+      unclosed_ += closing;
+      return length == 0;
+    }
     if (size + closing > room() || !get(block() + at_, size)) return false;
     point(entry_at + form_.text_at, at_);
     at_ += size + closing;
@@ -273,15 +276,29 @@ class RecordReader {
   // finish reads the names. A block may have held both in one text; read back it has two, and may have to grow.
   [[nodiscard]] KAVO_ERR finish() {
     static constexpr Step kStep = {"kavo_rr_read_finish", "common"};
-    uint32_t size = 0;
-    if (!get(&size, sizeof(size)) || size > room() || !name_at(offsetof(dns_rr_null, dnsn_cname), size))
-      return read_failed(kStep);
-    if (!get(&size, sizeof(size)) || size > limit_) return read_failed(kStep);
-    if (size > room()) {
-      const KAVO_ERR error = widen(at_ + size);
+    uint32_t cname_size = 0;
+    uint32_t qname_size = 0;
+    if (!get(&cname_size, sizeof(cname_size)) || cname_size > room()) return read_failed(kStep);
+    if (!name_at(offsetof(dns_rr_null, dnsn_cname), cname_size)) return read_failed(kStep);
+    if (!get(&qname_size, sizeof(qname_size)) || qname_size > limit_) return read_failed(kStep);
+    if (qname_size > room()) {
+      const KAVO_ERR error = widen(at_ + unclosed_ + qname_size);
       if (error != KAVOE_OK) return error;
     }
-    return name_at(offsetof(dns_rr_null, dnsn_qname), size) ? KAVOE_OK : read_failed(kStep);
+    if (unclosed_ + qname_size <= room()) leave_room(cname_size);
+    return name_at(offsetof(dns_rr_null, dnsn_qname), qname_size) ? KAVOE_OK : read_failed(kStep);
+  }
+
+  // leave_room moves the canonical name up by the terminators of the texts that are null: a copy of the block gives
+  // each of them one, and keeps the name where it is.
+  void leave_room(size_t cname_size) {
+    if (cname_size > 0 && unclosed_ > 0) {
+      const size_t cname_at = at_ - cname_size;
+      memmove(block() + cname_at + unclosed_, block() + cname_at, cname_size);
+      memset(block() + cname_at, 0, unclosed_);
+      point(offsetof(dns_rr_null, dnsn_cname), cname_at + unclosed_);
+    }
+    at_ += unclosed_;
   }
 
   // widen gives the block `size` used bytes, keeping what it holds.
@@ -318,6 +335,7 @@ class RecordReader {
   KAVO_RR *rr_;
   size_t at_ = 0;
   size_t limit_ = 0;
+  size_t unclosed_ = 0;  // texts that are null, and would have a terminator if they were not
 };
 
 }  // namespace

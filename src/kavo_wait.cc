@@ -45,7 +45,7 @@ struct Wanted {
   unsigned count;  // the nodes that must satisfy the state when `full`
 };
 
-// ArrayNodes and ListNodes show the nodes of the two kinds of waits: first and next return null past the last one.
+// ArrayNodes and ListNodes show the nodes of the two kinds of waits: first and next return false past the last one.
 class ArrayNodes {
  public:
   explicit ArrayNodes(std::span<KAVO_QUERY_NODE> nodes) : nodes_(nodes) {}

@@ -52,7 +52,8 @@ inline std::span<const int32_t> kavo_zonesmap_zones(const kavo_zonesmap *map, KA
 // name.
 [[nodiscard]] std::span<const uint8_t> kavo_zonesmap_wire(const kavo_zonesmap *map, int32_t number);
 
-// kavo_zonesmap_make_name returns a name as `prefixes` holds it, the caller's until it stands there; null without memory.
+// kavo_zonesmap_make_name returns a name as `prefixes` holds it, the caller's until it stands there; null without
+// memory.
 [[nodiscard]] char *kavo_zonesmap_make_name(const char *text);
 
 // kavo_zonesmap_init_ordinary brings a map into its initial state: the pseudo-zone alone, every list type empty. What

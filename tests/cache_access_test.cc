@@ -1,0 +1,266 @@
+// cache_access_test.cc - a host's own way into an answer cache, from outside: put, get, delete, has, from one thread
+// and from many beside a running context.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <kavo.h>
+
+#include <array>
+#include <atomic>
+#include <ctime>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/host.h"
+#include "support/stored_records.h"
+
+namespace {
+
+using namespace std::string_literals;
+using namespace support;
+
+class CacheTest : public HostTest {
+ protected:
+  ~CacheTest() override {
+    kavo_rr_free(&found.rr);
+    dns_cache_destroy(cache_);
+  }
+  KAVO_ERR put(KAVO_TYPE type, const std::string &query, KAVO_RR *rr) {
+    return kavo_cache_put(cacher, type, query.c_str(), static_cast<int>(query.size()), rr);
+  }
+  KAVO_ERR get(KAVO_TYPE type, const std::string &query, int expired = 0) {
+    return kavo_cache_get(cacher, type, query.c_str(), static_cast<int>(query.size()), &found, expired);
+  }
+  KAVO_ERR has(KAVO_TYPE type, const std::string &query) {
+    return kavo_cache_has(cacher, type, query.c_str(), static_cast<int>(query.size()));
+  }
+  KAVO_ERR del(KAVO_TYPE type, const std::string &query) {
+    return kavo_cache_del(cacher, type, query.c_str(), static_cast<int>(query.size()));
+  }
+  static dns_time now() {
+    constexpr dns_time kEpoch2000 = 946'684'800;
+    return time(nullptr) - kEpoch2000;
+  }
+  using Data = std::unique_ptr<dns_cdata, decltype(&dns_cdata_free)>;
+  static Data entry(const std::string &query, dns_type typ) {
+    Data data(dns_cdata_init(256), dns_cdata_free);
+    std::array<unsigned char, DNS_MAXDN> dn;
+    EXPECT_GT(kavo_dns_ptodn(query.c_str(), 0, dn.data(), DNS_MAXDN), 0);
+    EXPECT_EQ(dns_cdata_setdn(data.get(), dn.data()), 0);
+    EXPECT_EQ(dns_cdata_settyp(data.get(), typ), 0);
+    return data;
+  }
+  // data returns the first record's data as it lies in the cache.
+  std::string data(const std::string &query, dns_type typ) {
+    const Data raw = entry(query, typ);
+    std::array<unsigned char, 1024> buffer;
+    dns_rr rr = {};
+    rr.dnsrr_dptr = buffer.data();
+    rr.dnsrr_dsz = buffer.size();
+    if (cacher->dnscr_ops->get(cacher, raw.get(), now()) <= 0 || dns_cdata_nextrr(raw.get(), &rr) <= 0) return "none";
+    return {rr.dnsrr_dptr, rr.dnsrr_dend};
+  }
+
+  dns_cache *cache_ = dns_cache_init(1 << 20);
+  KAVO_CACHE cacher = dns_cache_cacher(cache_);
+  KAVO_ANSWER found = {};
+};
+
+TEST_F(CacheTest, EveryTypeIsPutFetchedAndDeleted) {
+  for (const Stored &record : every_layout()) {
+    SCOPED_TRACE(record.type);
+    Rr rr = read(record.type, record.bytes);
+    if (record.type == KAVOT_PKT) {
+      EXPECT_EQ(put(record.type, "pkt.example", rr), KAVOE_BADPAR);
+      continue;
+    }
+    const std::string query = "t" + std::to_string(record.type) + ".Example";
+    const std::string other = "T" + std::to_string(record.type) + ".eXAMPLE";
+    ASSERT_EQ(put(record.type, query, rr), KAVOE_OK);
+    EXPECT_EQ(has(record.type, other), KAVOE_OK);
+    ASSERT_EQ(get(record.type, other), KAVOE_OK);
+    const bool empty = record.shows.empty();
+    EXPECT_EQ(render(found), empty ? "NODATA" : record.shows);
+    EXPECT_EQ(found.type, record.type);
+    EXPECT_EQ(found.cache_code, KAVOCC_EXISTS);
+    EXPECT_EQ(found.rr.rr_null->dnsn_nrr == 0, empty);
+    EXPECT_EQ(found.actual_size, kavo_rr_get_size(&found.rr));
+    EXPECT_EQ(found.rr.rr_null->dnsn_qname, other);
+    EXPECT_NEAR(found.rr.rr_null->dnsn_ttl, empty ? 0 : kTtl, 5);
+    EXPECT_EQ(del(record.type, other), KAVOE_OK);
+    EXPECT_EQ(del(record.type, other), KAVOE_OK);
+    EXPECT_EQ(has(record.type, query), KAVOE_NODATA);
+    EXPECT_EQ(get(record.type, query), KAVOE_NODATA);
+  }
+}
+
+TEST_F(CacheTest, RecordsLieInTheCacheAsInAPacket) {
+  for (const size_t length : {0, 1, 255, 300}) {
+    const std::string value(length, 'x');
+    Rr rr = read(KAVOT_DNS_TXT, u32(500) + u32(1) + u32(kTtl) + text(value) + name("c") + name("q"));
+    ASSERT_EQ(put(KAVOT_BL_IP_TXT, "txt.example", rr), KAVOE_OK);
+    const size_t cut = length < 255 ? 0 : 255;
+    const std::string last = static_cast<char>(length - cut) + value.substr(cut);
+    EXPECT_EQ(data("txt.example", DNS_T_TXT), (cut == 0 ? "" : "\xff" + value.substr(0, 255)) + last);
+    for (const KAVO_TYPE type : {KAVOT_DNS_TXT, KAVOT_BL_DOM_TXT, KAVOT_DNS_ETXT}) {
+      ASSERT_EQ(get(type, "txt.example"), KAVOE_OK) << "types of one DNS type share entries";
+      EXPECT_EQ(render(found), value);
+    }
+  }
+  const auto all = every_layout();
+  Rr mx = read(KAVOT_DNS_MX, all[1].bytes);
+  ASSERT_EQ(put(KAVOT_BL_MX, "192.0.2.1", mx), KAVOE_OK);
+  EXPECT_EQ(data("192.0.2.1", DNS_T_MX), "\0\x0a\1m\7example\0"s) << "and the address is not reversed";
+  Rr srv = read(KAVOT_DNS_SRV,
+                u32(99) + u32(1) + u32(kTtl) + u32(0x10001) + u32(2) + u32(53) + name("s") + name("c") + name("q"));
+  ASSERT_EQ(put(KAVOT_DNS_SRV, "s.example", srv), KAVOE_OK);
+  EXPECT_EQ(data("s.example", DNS_T_SRV), "\0\1\0\2\0\x35\1s\0"s);
+  Rr bad = read(KAVOT_DNS_PTR, u32(99) + u32(1) + u32(kTtl) + name("a..b") + name("c") + name("q"));
+  EXPECT_EQ(put(KAVOT_DNS_PTR, "bad.example", bad), KAVOE_FAIL);
+  // 80 addresses make no block of 1024 bytes.
+  const Data many = entry("many.example", DNS_T_AAAA);
+  in6_addr address = in6addr_loopback;
+  dns_rr rr = {.dnsrr_dn = "\1x",
+               .dnsrr_cls = DNS_C_IN,
+               .dnsrr_typ = DNS_T_AAAA,
+               .dnsrr_ttl = 60,
+               .dnsrr_dsz = sizeof address,
+               .dnsrr_dptr = reinterpret_cast<unsigned char *>(&address),
+               .dnsrr_dend = reinterpret_cast<unsigned char *>(&address + 1)};
+  ASSERT_GT(kavo_dns_ptodn("many.example", 0, rr.dnsrr_dn, DNS_MAXDN), 0);
+  dns_cdata_setttl(many.get(), 60);
+  for (int i = 0; i < 300; ++i)
+    ASSERT_EQ(dns_cdata_addrr(many.get(), &rr, nullptr), 0);
+  ASSERT_EQ(cacher->dnscr_ops->put(cacher, many.get(), now()), 0);
+  EXPECT_EQ(get(KAVOT_DNS_AAAA, "many.example"), KAVOE_FAIL);
+  EXPECT_EQ(has(KAVOT_DNS_AAAA, "many.example"), KAVOE_OK);
+}
+
+TEST_F(CacheTest, ExpiredEntriesAndDenialsSaySo) {
+  constexpr int32_t kAge = 1000;
+  Rr rr = read(KAVOT_DNS_A, every_layout()[0].bytes);
+  ASSERT_EQ(put(KAVOT_DNS_A, "old.example", rr), KAVOE_OK);
+  const Data old = entry("old.example", DNS_T_A);
+  ASSERT_GT(cacher->dnscr_ops->get(cacher, old.get(), now()), 0);
+  ASSERT_EQ(cacher->dnscr_ops->put(cacher, old.get(), now() - kAge), 0);
+  EXPECT_EQ(has(KAVOT_DNS_A, "old.example"), KAVOE_NODATA);
+  found.err_code = KAVOE_THR;
+  EXPECT_EQ(get(KAVOT_DNS_A, "old.example"), KAVOE_NODATA);
+  EXPECT_EQ(found.err_code, KAVOE_THR) << "nothing found, nothing touched";
+  ASSERT_EQ(get(KAVOT_BL_IP, "old.example", 1), KAVOE_OK);
+  EXPECT_EQ(found.cache_code, KAVOCC_OLD);
+  EXPECT_NEAR(found.rr.rr_null->dnsn_ttl, static_cast<int32_t>(kTtl) - kAge, 5);
+  EXPECT_EQ(render(found), "127.0.0.2,192.0.2.1");
+
+  const Data denial = entry("nx.example", DNS_T_A);
+  dns_cdata_setttl(denial.get(), 60);
+  dns_cdata_setrcode(denial.get(), 3);
+  ASSERT_EQ(cacher->dnscr_ops->put(cacher, denial.get(), now()), 0);
+  ASSERT_EQ(get(KAVOT_BL_DOM, "nx.example"), KAVOE_OK);
+  EXPECT_EQ(render(found), "NXDOM");
+  dns_cdata_setrcode(denial.get(), 2);
+  ASSERT_EQ(cacher->dnscr_ops->put(cacher, denial.get(), now()), 0);
+  EXPECT_EQ(get(KAVOT_BL_DOM, "nx.example"), KAVOE_FAIL) << "no answer at all";
+}
+
+TEST_F(CacheTest, KeysHaveLimits) {
+  Rr rr = read(KAVOT_DNS_A, every_layout()[0].bytes);
+  const std::string longest =
+      std::string(63, 'a') + "." + std::string(63, 'b') + "." + std::string(63, 'c') + "." + std::string(61, 'd');
+  EXPECT_EQ(put(KAVOT_DNS_A, longest, rr), KAVOE_OK);
+  EXPECT_EQ(get(KAVOT_DNS_A, longest), KAVOE_OK);
+  EXPECT_EQ(put(KAVOT_DNS_A, longest + "d", rr), KAVOE_FAIL);
+  EXPECT_EQ(kavo_cache_has(cacher, KAVOT_DNS_A, "old.example, and more", 11), KAVOE_NODATA) << "the length counts";
+  for (const std::string &bad : {""s, "a..b"s, std::string(256, 'a')}) {
+    EXPECT_EQ(put(KAVOT_DNS_A, bad, rr), KAVOE_FAIL);
+    EXPECT_EQ(get(KAVOT_DNS_A, bad), KAVOE_FAIL);
+    EXPECT_EQ(has(KAVOT_DNS_A, bad), KAVOE_FAIL);
+    EXPECT_EQ(del(KAVOT_DNS_A, bad), KAVOE_FAIL);
+  }
+  EXPECT_EQ(kavo_cache_put(cacher, KAVOT_DNS_A, nullptr, 3, rr), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_cache_get(cacher, KAVOT_DNS_A, nullptr, 3, &found, 0), KAVOE_FAIL);
+  EXPECT_EQ(kavo_cache_get(cacher, KAVOT_DNS_A, "a", 1, nullptr, 0), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_cache_has(nullptr, KAVOT_DNS_A, "a", 1), KAVOE_BADPAR);
+  EXPECT_EQ(put(KAVOT_SYNC, "a.example", rr), KAVOE_BADPAR);
+  EXPECT_EQ(has(KAVOT_PKT, "a.example"), KAVOE_BADPAR);
+  EXPECT_EQ(put(KAVOT_DNS_SOA, "a.example", rr), KAVOE_BADPAR);
+  rr.rr.rr_null->dnsn_nrr = 0;
+  EXPECT_EQ(put(KAVOT_DNS_SOA, "a.example", rr), KAVOE_OK);
+  EXPECT_EQ(has(KAVOT_DNS_SOA, "a.example"), KAVOE_OK);
+  EXPECT_EQ(get(KAVOT_DNS_SOA, "a.example"), KAVOE_FAIL) << "nothing parses it";
+}
+
+// ---- threads
+// ------------------------------------------------------------------------------------------------------------
+
+constexpr unsigned kThreads = 8;
+constexpr unsigned kKeys = 64;
+constexpr unsigned kQuestions = kSanitized ? 2'000 : 20'000;
+
+// Key k is the question for 10.k.0.1, which the server answers with 127.0.0.k; threads put 127.9.0.k.
+std::string key(unsigned k) {
+  return "1.0." + std::to_string(k) + ".10.list.example";
+}
+bool right(const KAVO_ANSWER &answer, unsigned k) {
+  const std::string text = render(answer);
+  return text == "127.0.0." + std::to_string(k) || text == "127.9.0." + std::to_string(k);
+}
+
+void use_cache(KAVO_CACHE cacher, unsigned seed, const std::atomic<bool> *over, std::atomic<unsigned> *wrong) {
+  std::mt19937 chance(seed);
+  KAVO_ANSWER found = {};
+  Rr rr = read(KAVOT_DNS_A, stored(KAVOT_DNS_A, 8, 1, "\x7f\x09\0\0"s, "").bytes);
+  while (!*over) {
+    const unsigned k = chance() % kKeys;
+    const std::string query = key(k);
+    const int size = static_cast<int>(query.size());
+    KAVO_ERR error = KAVOE_OK;
+    switch (chance() % 4) {
+      case 0:
+        rr.rr.rr_a->dnsa4_addr[0].s_addr = htonl(0x7f090000 + k);
+        error = kavo_cache_put(cacher, KAVOT_DNS_A, query.c_str(), size, rr);
+        break;
+      case 1:
+        error = kavo_cache_del(cacher, KAVOT_DNS_A, query.c_str(), size);
+        break;
+      default:
+        error = kavo_cache_get(cacher, KAVOT_BL_IP, query.c_str(), size, &found, 1);
+        if (error == KAVOE_OK && !right(found, k)) ++*wrong;
+        if (error == KAVOE_NODATA) error = KAVOE_OK;
+    }
+    if (error != KAVOE_OK) ++*wrong;
+  }
+  kavo_rr_free(&found.rr);
+}
+
+TEST_F(CacheTest, ThreadsShareTheCacheOfARunningContext) {
+  std::string zones = "zone list.example\n";
+  for (unsigned k = 0; k < kKeys; ++k)
+    zones += "list 10." + std::to_string(k) + ".0.0/16 127.0.0." + std::to_string(k) + "\n";
+  ListServer server(zones);
+  Host host(64, 1 << 20);
+  host.server(server.port()).zone(KAVOT_BL_IP, "list.example").open();
+  cacher = kavo_get_ext_cache(host, KAVOCT_ANS);
+  ASSERT_NE(cacher, nullptr);
+  std::atomic<bool> over = false;
+  std::atomic<unsigned> wrong = 0;
+  std::vector<std::thread> threads;
+  for (unsigned i = 0; i < kThreads; ++i)
+    threads.emplace_back(use_cache, cacher, i, &over, &wrong);
+  Answers answers;
+  for (unsigned i = 0; i < kQuestions; ++i) {
+    const unsigned k = i % kKeys;
+    const std::string subject = address_bytes(("10." + std::to_string(k) + ".0.1").c_str());
+    EXPECT_EQ(answers.query(host, KAVOT_BL_IP, subject), KAVOE_OK);
+    if (answers.size() != 1 || !right(answers[0], k)) ++wrong;
+  }
+  over = true;
+  for (std::thread &thread : threads)
+    thread.join();
+  EXPECT_EQ(wrong, 0U);
+  EXPECT_GT(server.received(), 0U);
+}
+
+}  // namespace

@@ -1,0 +1,236 @@
+// stored_test.cc - what a host keeps in streams of its own, from outside: record blocks and zones, whole and damaged.
+#include <gtest/gtest.h>
+#include <kavo.h>
+
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "support/host.h"
+#include "support/stored_records.h"
+
+namespace {
+
+using namespace std::string_literals;
+using namespace support;
+
+class StoredTest : public HostTest {};
+
+std::string written(const std::function<KAVO_ERR(FILE *)> &write) {
+  char *bytes = nullptr;
+  size_t size = 0;
+  FILE *file = open_memstream(&bytes, &size);
+  EXPECT_EQ(write(file), KAVOE_OK);
+  fclose(file);
+  std::string result(bytes, size);
+  free(bytes);
+  return result;
+}
+
+// each_damage calls `check` with the bytes cut at every place and with every byte changed in three ways.
+void each_damage(const std::string &bytes, const std::function<void(const std::string &, bool cut)> &check) {
+  for (size_t i = 0; i < bytes.size(); ++i) {
+    SCOPED_TRACE(i);
+    check(bytes.substr(0, i), true);
+    for (const int flip : {0x01, 0x80, 0xff}) {
+      std::string damaged = bytes;
+      damaged[i] = static_cast<char>(damaged[i] ^ flip);
+      check(damaged, false);
+    }
+  }
+}
+
+TEST_F(StoredTest, EveryLayoutIsReadAndWrittenByteForByte) {
+  for (const Stored &record : every_layout()) {
+    SCOPED_TRACE(record.type);
+    const File file = reading(record.bytes + record.bytes + "more");
+    Rr rr, again;
+    // The second record goes into a block that is larger and in use.
+    ASSERT_EQ(kavo_rr_read(record.type, rr, file.get()), KAVOE_OK);
+    ASSERT_EQ(kavo_rr_alloc(again, 1024), KAVOE_OK);
+    memset(reinterpret_cast<char *>(again.rr.rr_mem) + sizeof(dns_rr_mem), 0xee, 1024 - sizeof(dns_rr_mem));
+    ASSERT_EQ(kavo_rr_read(record.type, again, file.get()), KAVOE_OK);
+    EXPECT_EQ(fgetc(file.get()), 'm');
+    EXPECT_EQ(rr.rr.rr_mem->dnsm_size, rr.rr.rr_mem->dnsm_written);
+    EXPECT_EQ(again.rr.rr_mem->dnsm_size, 1024U);
+    for (KAVO_RR *block : {&rr.rr, &again.rr}) {
+      EXPECT_EQ(shown(record.type, *block), record.shows);
+      EXPECT_EQ(u32(block->rr_mem->dnsm_written), record.bytes.substr(0, 4));
+      Rr copy;
+      ASSERT_EQ(kavo_rr_dup(record.type, block, copy), KAVOE_OK) << "a block that was read is a block like any other";
+      EXPECT_EQ(written([&](FILE *to) { return kavo_rr_write(record.type, copy, to); }), record.bytes);
+    }
+    EXPECT_TRUE(record.type != KAVOT_DNS_TXT || rr.rr.rr_txt->dnstxt_txt[2].txt[6] == '\0');
+    const File full(fopen("/dev/full", "w"), fclose);
+    setvbuf(full.get(), nullptr, _IONBF, 0);
+    EXPECT_EQ(kavo_rr_write(record.type, rr, full.get()), KAVOE_FILE);
+  }
+}
+
+TEST_F(StoredTest, NamesMayBeNullOrShared) {
+  Rr rr;
+  const std::string nameless = u32(40) + u32(0) + u32(kTtl) + u32(0) + u32(0);
+  Rr none = read(KAVOT_DNS_A, nameless);
+  EXPECT_EQ(none.rr.rr_null->dnsn_cname, nullptr);
+  EXPECT_EQ(none.rr.rr_null->dnsn_qname, nullptr);
+  EXPECT_EQ(written([&](FILE *to) { return kavo_rr_write(KAVOT_DNS_A, none, to); }), nameless);
+
+  // What a block with one text for both names is written as, up to the limit of a block's size.
+  const std::string host = std::string(30, 'h') + ".example";
+  const auto shared = [&host](uint32_t size) {
+    return u32(size) + u32(2) + u32(kTtl) + name("a.example") + name("b.example") + name(host) + name(host);
+  };
+  const uint32_t size = 40 + 16 + 20 + static_cast<uint32_t>(host.size()) + 1;
+  ASSERT_EQ(kavo_rr_read(KAVOT_BL_NS, rr, reading(shared(size)).get()), KAVOE_OK);
+  EXPECT_EQ(shown(KAVOT_BL_NS, rr.rr), "a.example,b.example");
+  EXPECT_NE(rr.rr.rr_null->dnsn_qname, rr.rr.rr_null->dnsn_cname);
+  EXPECT_EQ(rr.rr.rr_null->dnsn_qname, host);
+  Rr copy;
+  EXPECT_EQ(kavo_rr_dup(KAVOT_BL_NS, rr, copy), KAVOE_OK);
+  EXPECT_EQ(shown(KAVOT_BL_NS, copy.rr), "a.example,b.example");
+
+  const std::string long_text(900, 't');
+  const std::string crowded = u32(40 + 16 + 901 + 39) + u32(1) + u32(kTtl) + text(long_text) + name(host) + name(host);
+  EXPECT_EQ(kavo_rr_read(KAVOT_DNS_TXT, rr, reading(crowded).get()), KAVOE_NOMEM);
+  EXPECT_EQ(rr.rr.rr_txt->dnstxt_txt[0].txt, long_text);
+}
+
+TEST_F(StoredTest, DamagedRecordsAreRefusedOrRead) {
+  for (const Stored &record : every_layout()) {
+    SCOPED_TRACE(record.type);
+    each_damage(record.bytes, [&record](const std::string &bytes, bool cut) {
+      Rr rr;
+      const File file = reading(bytes);
+      const KAVO_ERR error = kavo_rr_read(record.type, rr, file.get());
+      if (cut || error != KAVOE_OK) {
+        EXPECT_TRUE(error == KAVOE_FILE || (!cut && error == KAVOE_NOMEM)) << error;
+        return;
+      }
+      const auto used = static_cast<size_t>(ftell(file.get()));
+      const std::string back = written([&](FILE *to) { return kavo_rr_write(record.type, rr, to); });
+      EXPECT_EQ(back.substr(4), bytes.substr(4, used - 4)) << "what was read is what stood there";
+    });
+  }
+}
+
+TEST_F(StoredTest, ImpossibleRecordsAreRefused) {
+  Rr rr;
+  const auto read_of = [&rr](KAVO_TYPE type, const std::string &bytes) {
+    return kavo_rr_read(type, rr, reading(bytes).get());
+  };
+  const std::string names = name("c") + name("q");
+  EXPECT_EQ(read_of(KAVOT_DNS_A, u32(1025)), KAVOE_NOMEM);
+  EXPECT_EQ(rr.rr.rr_mem, nullptr);
+  EXPECT_EQ(read_of(KAVOT_DNS_A, u32(39) + u32(0) + u32(0) + names), KAVOE_FILE);
+  EXPECT_EQ(read_of(KAVOT_PKT, u32(11)), KAVOE_FILE);
+  EXPECT_EQ(read_of(KAVOT_DNS_A, u32(99) + u32(UINT32_MAX) + u32(0) + names), KAVOE_FILE);
+  EXPECT_EQ(read_of(KAVOT_DNS_A, u32(99) + u32(1 << 30) + u32(0) + names), KAVOE_FILE);
+  EXPECT_EQ(read_of(KAVOT_DNS_TXT, u32(99) + u32(1) + u32(0) + u32(UINT32_MAX) + names), KAVOE_FILE);
+  EXPECT_EQ(read_of(KAVOT_DNS_TXT, u32(61) + u32(1) + u32(0) + text("textt") + names), KAVOE_FILE) << "no terminator";
+  EXPECT_EQ(read_of(KAVOT_DNS_PTR, u32(99) + u32(1) + u32(0) + u32(3) + "abc" + names), KAVOE_FILE);
+  EXPECT_EQ(read_of(KAVOT_DNS_PTR, u32(99) + u32(1) + u32(0) + u32(3) + "a\0\0"s + names), KAVOE_FILE);
+  for (const KAVO_TYPE type : {KAVOT_DNS_A6, KAVOT_SYNC, KAVOT_DNS_SOA}) {
+    EXPECT_EQ(read_of(type, ""), KAVOE_FAIL);
+    EXPECT_EQ(kavo_rr_write(type, rr, stdout), KAVOE_FAIL);
+  }
+  EXPECT_EQ(kavo_rr_read(KAVOT_DNS_A, rr, nullptr), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_rr_read(KAVOT_DNS_A, nullptr, stdin), KAVOE_BADPAR);
+  Rr txt = read(KAVOT_DNS_TXT, u32(99) + u32(1) + u32(0) + text("text") + names);
+  const File sink(fopen("/dev/null", "w"), fclose);
+  txt.rr.rr_txt->dnstxt_txt[0].txt = nullptr;
+  EXPECT_EQ(kavo_rr_write(KAVOT_DNS_TXT, txt, sink.get()), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_rr_write(KAVOT_DNS_TXT, Rr(), sink.get()), KAVOE_BADPAR);
+}
+
+// ---- zones
+// --------------------------------------------------------------------------------------------------------------
+
+std::string saved(const Host &host) {
+  return written([&host](FILE *to) { return kavo_zonesmap_save_bin(host, kavo_get_zonesmap(host), to); });
+}
+KAVO_ERR load(const Host &host, FILE *file) {
+  return kavo_zonesmap_init_bin(host, kavo_get_zonesmap(host), file);
+}
+
+void fill(Host *host) {
+  host->zone(KAVOT_BL_NS, "z.example").zone(KAVOT_BL_IP, "a.example").zone(KAVOT_BL_IP, "b.example");
+  host->zone(KAVOT_BL_IP_TXT, "b.example").zone(KAVOT_BL_IP_TXT, "z.example");
+}
+
+std::string zone_list(const std::vector<uint32_t> &numbers) {
+  std::string bytes = u32(static_cast<uint32_t>(numbers.size()));
+  for (const uint32_t number : numbers)
+    bytes += u32(number);
+  return bytes;
+}
+
+TEST_F(StoredTest, ZonesComeBackUnderTheirNumbers) {
+  Host host(4, 0, 8), wide(4, 0, 20), narrow(4, 0, 1);
+  std::string fresh = u32(1);
+  for (uint32_t slot = 1; slot <= 9; ++slot)
+    fresh += u32(slot) + u32(0);
+  fresh += u32(0);
+  EXPECT_EQ(fresh.size(), 80U);
+  EXPECT_EQ(saved(host), fresh);
+
+  fill(&host);
+  std::string expected = u32(4) + name("z.example") + name("a.example") + name("b.example");
+  for (uint32_t slot = 1; slot <= 9; ++slot)
+    expected += u32(slot) + zone_list(slot == 1   ? std::vector<uint32_t>{2, 3}
+                                      : slot == 3 ? std::vector<uint32_t>{3, 1}
+                                      : slot == 9 ? std::vector<uint32_t>{1}
+                                                  : std::vector<uint32_t>{});
+  expected += u32(0);
+  const std::string bytes = saved(host);
+  EXPECT_EQ(bytes, expected);
+
+  const File file = reading(bytes + fresh + "host");
+  ASSERT_EQ(load(wide, file.get()), KAVOE_OK);
+  EXPECT_EQ(saved(wide), bytes);
+  EXPECT_STREQ(kavo_zonesmap_zone(wide, 0), "GLOBAL LOOKUP");
+  EXPECT_STREQ(kavo_zonesmap_zone(wide, 3), "b.example");
+  ASSERT_EQ(load(wide, file.get()), KAVOE_OK) << "the second record of the stream";
+  EXPECT_EQ(saved(wide), fresh);
+  EXPECT_EQ(fgetc(file.get()), 'h');
+
+  EXPECT_EQ(load(narrow, reading(bytes).get()), KAVOE_FILE);
+  EXPECT_EQ(kavo_add_zone(narrow, KAVOT_BL_IP, "a.example"), KAVOE_BADPAR) << "the map is released";
+  EXPECT_EQ(kavo_zonesmap_save_bin(narrow, kavo_get_zonesmap(narrow), stdout), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_zonesmap_init(narrow), KAVOE_OK);
+  EXPECT_EQ(saved(narrow), fresh);
+
+  // Lists may come in any order, twice, or not at all; a name is what stands before its last byte.
+  const std::string odd = u32(2) + u32(10) + "a.exampleX" + u32(9) + zone_list({1}) + u32(1) + zone_list({1, 1}) +
+                          u32(9) + zone_list({}) + u32(0);
+  ASSERT_EQ(load(wide, reading(odd).get()), KAVOE_OK);
+  EXPECT_STREQ(kavo_zonesmap_zone(wide, 1), "a.example");
+  EXPECT_EQ(saved(wide).substr(4 + 14, 16), u32(1) + zone_list({1, 1}));
+  const File full(fopen("/dev/full", "w"), fclose);
+  setvbuf(full.get(), nullptr, _IONBF, 0);
+  EXPECT_EQ(kavo_zonesmap_save_bin(host, kavo_get_zonesmap(host), full.get()), KAVOE_FILE);
+  EXPECT_EQ(kavo_zonesmap_init_bin(wide, kavo_get_zonesmap(host), full.get()), KAVOE_BADPAR);
+  EXPECT_EQ(saved(host), bytes);
+}
+
+TEST_F(StoredTest, DamagedZonesAreRefusedOrLoaded) {
+  Host host(4), victim(4);
+  fill(&host);
+  const std::string zone = u32(2) + name("a");
+  for (const std::string &bad :
+       {u32(INT32_MAX), u32(0), u32(UINT32_MAX), u32(2) + u32(INT32_MAX) + "a", u32(2) + u32(0), u32(2) + u32(1U << 31),
+        zone + u32(10) + zone_list({}) + u32(0), zone + u32(UINT32_MAX) + zone_list({}) + u32(0),
+        zone + u32(1) + u32(UINT32_MAX) + u32(0), zone + u32(1) + zone_list({2}) + u32(0),
+        zone + u32(1) + zone_list({UINT32_MAX}) + u32(0), zone + u32(1) + u32(9) + std::string(40, '\0')})
+    EXPECT_EQ(load(victim, reading(bad).get()), KAVOE_FILE);
+  const std::string bytes = saved(host);
+  each_damage(bytes, [&victim](const std::string &damaged, bool cut) {
+    const File file = reading(damaged);
+    const KAVO_ERR error = load(victim, file.get());
+    EXPECT_TRUE(error == KAVOE_FILE || (!cut && error == KAVOE_OK)) << error;
+    EXPECT_EQ(kavo_zonesmap_zone(victim, 0) == nullptr, error != KAVOE_OK);
+    EXPECT_TRUE(error != KAVOE_OK || !saved(victim).empty());
+  });
+}
+
+}  // namespace
