@@ -436,8 +436,9 @@ KAVO_EXPORT KAVO_ERR kavo_subscribe_node(KAVO kavo, KAVO_TYPE query_type, const 
 KAVO_EXPORT KAVO_ERR kavo_subscribe_node_p(KAVO kavo, KAVO_TYPE query_type, const char *query, unsigned flags,
                                            const struct timeval *deadline, KAVO_QUERY_NODE *node);
 
-/* kavo_unsubscribe_node drops one hold; the caller uses the handle no more. With the last hold the questions in flight
- * are cancelled. KAVOE_BADPAR for a node without holders. Any thread, also after closing. */
+/* kavo_unsubscribe_node drops one hold; the caller uses the handle no more. The server thread has a hold of its own until
+ * the question's outcome is known: a node that is let go before keeps its place in the table until then, and its answers
+ * reach the cache. KAVOE_BADPAR for a node without holders. Any thread, also after closing. */
 KAVO_EXPORT KAVO_ERR kavo_unsubscribe_node(KAVO kavo, KAVO_QUERY_NODE node);
 
 /* kavo_node_type returns the type of a held node's question; KAVOT_INVALID for null, for a node that nobody holds and
@@ -452,7 +453,7 @@ KAVO_EXPORT KAVO_ERR kavo_node_qdn(KAVO kavo, KAVO_QUERY_NODE node, unsigned cha
 
 /* Statistics of the server at the IPv4 socket address `sa`, since the context first asked it: the average and the last
  * round-trip time (milliseconds), the moment of the last check (seconds since 1970-01-01 UTC), the packets sent to it,
- * the questions it was used for, the tries that timed out. KAVOE_BADPAR also for a server that was not asked yet. Any
+ * the answers taken from it, the tries that timed out. KAVOE_BADPAR also for a server that was not asked yet. Any
  * thread. */
 KAVO_EXPORT KAVO_ERR kavo_get_serv_avgrtt(KAVO kavo, const struct sockaddr *sa, int *value);
 KAVO_EXPORT KAVO_ERR kavo_get_serv_lastrtt(KAVO kavo, const struct sockaddr *sa, int *value);
