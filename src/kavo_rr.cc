@@ -379,6 +379,8 @@ KAVO_ERR kavo_rr_cpy(KAVO_TYPE type, const KAVO_RR *src_rr, KAVO_RR *dst_rr) {
 
 KAVO_ERR kavo_rr_dup(KAVO_TYPE type, const KAVO_RR *src_rr, KAVO_RR *dst_rr) {
   if (src_rr == nullptr || dst_rr == nullptr || src_rr->rr_mem == nullptr) return KAVOE_BADPAR;
+  // To make room would release the source.
+  if (src_rr->rr_mem == dst_rr->rr_mem) return kavo_rr_cpy(type, src_rr, dst_rr);
   KAVO_ERR error = KAVOE_OK;
   if (dst_rr->rr_mem == nullptr || dst_rr->rr_mem->dnsm_size == 0) {
     error = replace(dst_rr, src_rr->rr_mem->dnsm_size);

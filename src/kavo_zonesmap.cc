@@ -330,12 +330,13 @@ const char *kavo_zonesmap_zone(KAVO kavo, int zone) {
 
 KAVO_ERR kavo_zonesmap_zone_cpy(KAVO kavo, int zone, char *buf, int buflen) {
   const char *name = kavo_zonesmap_zone(kavo, zone);
-  if (name == nullptr || buf == nullptr) return KAVOE_BADPAR;
+  if (name == nullptr) return KAVOE_BADPAR;
   const size_t size = strlen(name) + 1;
   if (buflen < 0 || static_cast<size_t>(buflen) < size) {
     PELK_INFO(kSource, __func__, "Not enough memory to copy zone");
     return KAVOE_NOMEM;
   }
+  if (buf == nullptr) return KAVOE_BADPAR;
   memcpy(buf, name, size);
   return KAVOE_OK;
 }

@@ -276,6 +276,11 @@ TEST(Records, SizesHaveLimits) {
   EXPECT_EQ(kavo_rr_realloc(&rr, 1025), KAVOE_NOMEM);
   kavo_rr_free(&rr);
   kavo_rr_free(&rr);
+  ASSERT_EQ(kavo_rr_alloc(&rr, 0), KAVOE_OK);
+  KAVO_RR same = rr;
+  EXPECT_EQ(kavo_rr_dup(KAVOT_BL_IP, &rr, &same), KAVOE_OK) << "a block without room onto itself";
+  EXPECT_EQ(same.rr_mem, rr.rr_mem);
+  kavo_rr_free(&rr);
   EXPECT_EQ(kavo_rr_get_size(&rr), 0U);
 
   source.rr()->rr_mem->dnsm_size = 2000;
@@ -442,6 +447,7 @@ TEST_F(Zones, AddingCountsEachNameOnce) {
   char name[10] = "";
   EXPECT_EQ(kavo_zonesmap_zone_cpy(kavo_, 1, name, 9), KAVOE_NOMEM);
   EXPECT_EQ(kavo_zonesmap_zone_cpy(kavo_, 1, name, -1), KAVOE_NOMEM);
+  EXPECT_EQ(kavo_zonesmap_zone_cpy(kavo_, 1, nullptr, 0), KAVOE_NOMEM);
   EXPECT_EQ(kavo_zonesmap_zone_cpy(kavo_, -1, name, 10), KAVOE_BADPAR);
   EXPECT_EQ(kavo_zonesmap_zone_cpy(kavo_, 1, name, 10), KAVOE_OK);
   EXPECT_STREQ(name, "a.example");

@@ -119,6 +119,24 @@ TEST_F(ToolTest, AListThatCannotBeAskedHidesNothingThatOthersSay) {
   EXPECT_EQ(zones["one.test"]["status"], "listed");
 }
 
+TEST_F(ToolTest, EveryServerIsAskedWhenTheOthersAreDead) {
+  std::vector<std::string> argv{KAVO_TOOLS_DIR "/kavo", "check", "--timeout", "200", "--zone", "one.test"};
+  for (const char *dead : {"127.0.0.2:9", "127.0.0.3:9", "127.0.0.4:9", "127.0.0.5:9"})
+    argv.insert(argv.end(), {"--server", dead});
+  argv.insert(argv.end(), {"--server", address_, "192.0.2.10"});
+  EXPECT_EQ(support::run(argv).status, 1);
+}
+
+// Nothing of the library may take the place of a standard stream that the caller closed.
+TEST_F(ToolTest, ClosedStreamsAreFaultsAndNotSockets) {
+  const std::string command = KAVO_TOOLS_DIR "/kavo check --server " + address_ + " --zone one.test ";
+  const Result in = support::run({"/bin/sh", "-c", command + "- <&-"});
+  EXPECT_EQ(in.status, 2);
+  EXPECT_NE(in.err.find("Bad file descriptor"), std::string::npos) << in.err;
+  EXPECT_EQ(support::run({"/bin/sh", "-c", command + "192.0.2.10 >&-"}).status, 2);
+  EXPECT_EQ(support::run({"/bin/sh", "-c", command + "192.0.2.10 2>&-"}).status, 1);
+}
+
 TEST_F(ToolTest, TableHasOneHeaderAlignedColumnsAndNoColourOutsideATerminal) {
   const Result result = check({"--zone", "one.test", "--zone", "two.test", "192.0.2.10", "evil.test", "203.0.113.7"});
   EXPECT_EQ(result.status, 1) << result.err;
@@ -143,6 +161,9 @@ TEST_F(ToolTest, ZonesFileSaysWhatIsAsked) {
   const std::string plain = dir_.write("plain.txt", "#IP\none.test\n");
   EXPECT_EQ(zones_of({"--zones", plain, "192.0.2.10"}, 1)["one.test"]["reasons"].size(), 0U);
   EXPECT_EQ(zones_of({"--zones", plain, "--zone", "two.test", "192.0.2.10"}, 1).size(), 2U);
+
+  // A file that can be read only once.
+  EXPECT_EQ(check({"--zones", "/dev/stdin", "192.0.2.10"}, "#IP\none.test\n").status, 1);
 
   const Result domain = check({"--zones", plain, "spam.test"});
   EXPECT_EQ(domain.status, 2);
@@ -196,6 +217,10 @@ TEST_F(ToolTest, FaultsOfTheCommandLineAreOneLineWithStatus64) {
       {{zone, "--unknown", "192.0.2.1"}, "--unknown"},
       {{zone, "192.0.2.256"}, "neither an address nor a domain name"},
       {{zone, "a b"}, "blank"},
+      {{zone, "192.0.2.0/24"}, "it holds a /"},
+      {{zone, "user@spam.test"}, "it holds a @"},
+      {{zone, "https://spam.test/"}, "neither an address nor a domain name"},
+      {{"--zone", "https://one.test", "192.0.2.1"}, "is no zone name"},
       {{zone, "2001:db8:::"}, "is no IPv6 address"},
       {{zone, std::string(64, 'a')}, "label"},
       {{zone, ""}, "empty"},

@@ -53,14 +53,14 @@ struct ServerAddress {
 };
 
 ServerAddress parse_server(const std::string &text) {
-  const std::string name = "server \"" + for_terminal(text) + "\"";
+  const std::string name = "server " + quoted(text);
   const size_t colon = text.find(':');
   if (colon != text.rfind(':') || text.starts_with("["))
     throw Usage{name + ": only IPv4 addresses of servers are supported"};
   ServerAddress server{text.substr(0, colon), 0};
   in_addr ignored;
   if (kavo_dns_ptoa4(server.address.c_str(), &ignored) <= 0)
-    throw Usage{name + ": \"" + for_terminal(server.address) + "\" is no IPv4 address"};
+    throw Usage{name + ": " + quoted(server.address) + " is no IPv4 address"};
   if (colon == std::string::npos) return server;
   const char *begin = text.data() + colon + 1, *end = text.data() + text.size();
   const auto [stop, error] = std::from_chars(begin, end, server.port);
@@ -68,6 +68,11 @@ ServerAddress parse_server(const std::string &text) {
     throw Usage{name + ": the port must be a number from 1 to " + std::to_string(kPortMax)};
   }
   return server;
+}
+
+// Each server is asked once at least.
+unsigned tries_of(const CheckArguments &arguments) {
+  return std::clamp(static_cast<unsigned>(arguments.servers.size()), kTries, kTriesMax);
 }
 
 const char *kind_name(Kind kind) {
@@ -94,7 +99,7 @@ struct Asked {
 class Checker {
  public:
   Checker(const CheckArguments &arguments, const Plan &plan, KAVO kavo)
-      : plan_(plan), kavo_(kavo), wait_ms_((kTries + 1) * arguments.timeout_ms + kSlackMs) {}
+      : plan_(plan), kavo_(kavo), wait_ms_((tries_of(arguments) + 1) * arguments.timeout_ms + kSlackMs) {}
 
   Asked ask(const std::string &text);
   SubjectReport collect(Asked *asked);
@@ -201,7 +206,7 @@ Widths widths_for(const Plan &plan, const std::deque<Asked> &asked) {
     widths.subject = std::max(widths.subject, std::min(columns_of(for_terminal(one.text)), kSubjectWidthMax));
     if (!one.subject) continue;
     for (const AskedZone &zone : plan.questions(one.subject->kind).zones) {
-      widths.zone = std::max(widths.zone, columns_of(zone.name));
+      widths.zone = std::max(widths.zone, columns_of(for_terminal(zone.name)));
     }
   }
   return widths;
@@ -279,7 +284,7 @@ void examine(const CheckArguments &arguments, Plan *plan) {
 
 void configure(const CheckArguments &arguments, const std::vector<ServerAddress> &servers, KAVO kavo) {
   must(kavo_set_opt(kavo, KAVOOPT_TIMEOUT_MSEC, arguments.timeout_ms), "cannot set the time-out");
-  must(kavo_set_opt(kavo, KAVOOPT_NTRIES, kTries), "cannot set the number of tries");
+  must(kavo_set_opt(kavo, KAVOOPT_NTRIES, tries_of(arguments)), "cannot set the number of tries");
   must(kavo_set_opt(kavo, KAVOOPT_CLOSE_FAST, 1), "cannot set the manner of closing");
   if (arguments.trace) {
     must(kavo_set_trace(kavo, kavo_dbgcb, nullptr), "cannot set the trace");

@@ -16,6 +16,7 @@ inline constexpr int kExitUsage = 64;  // EX_USAGE of sysexits.h
 inline constexpr unsigned kTimeoutMs = 2000;
 inline constexpr unsigned kTimeoutMsMax = 300000;  // the library's own bound
 inline constexpr unsigned kTries = 3;
+inline constexpr unsigned kTriesMax = 50;  // the library's own bound
 
 struct CheckArguments {
   std::string zones_file;  // empty: none

@@ -1,5 +1,7 @@
 // kavo: asks DNS-based lists from a shell.
+#include <fcntl.h>
 #include <kavo.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -35,7 +37,7 @@ void describe_check(CLI::App *check, tool::CheckArguments *arguments) {
       ->allow_extra_args(false);
   check
       ->add_option("--timeout", arguments->timeout_ms,
-                   "milliseconds that one try of a question may take; three are made")
+                   "milliseconds that one try of a question may take; three are made, or one for each server")
       ->check(CLI::Range(1U, tool::kTimeoutMsMax))
       ->capture_default_str();
   CLI::Option *json = check->add_flag("--json", arguments->json, "one JSON object a line for each subject");
@@ -60,9 +62,18 @@ int run_check(const tool::CheckArguments &arguments) {
   }
 }
 
+// Opens the null device in place of every standard stream that the caller has closed, the wrong way round: no file or
+// socket gets its number, and using it fails.
+void hold_standard_streams() {
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(fd, F_GETFD) < 0) (void)open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+  }
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
+  hold_standard_streams();
   CLI::App app("Asks DNS-based lists, many questions at once.", "kavo");
   app.set_version_flag("--version", version());
   app.require_subcommand(1);

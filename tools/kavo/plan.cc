@@ -32,25 +32,21 @@ KAVO_TYPE section_type(const std::string &line) {
   }
   if (line.back() == '\r')
     throw std::runtime_error("the line ends in a carriage return; lines must end in a newline alone");
-  throw std::runtime_error("\"" + for_terminal(line) +
-                           "\" is no section: a line that begins with # must be one of #IP, #IP_TXT, #DOMAIN, "
+  throw std::runtime_error(quoted(line) +
+                           " is no section: a line that begins with # must be one of #IP, #IP_TXT, #DOMAIN, "
                            "#DOMAIN_TXT, #A6, #MX, #SRV, #CNAME, #NS");
 }
 
 void check_zone(const std::string &zone) {
   std::array<unsigned char, DNS_MAXDN> dn;
-  const auto unfit = [](unsigned char byte) { return byte <= ' ' || byte == 0x7f; };
-  const bool blank = std::any_of(zone.begin(), zone.end(), unfit);
   const bool fits = !zone.empty() && zone.size() <= kZoneMax;
-  if (blank || !fits || kavo_dns_ptodn(zone.c_str(), static_cast<unsigned>(zone.size()), dn.data(), DNS_MAXDN) <= 1) {
-    throw std::runtime_error("\"" + for_terminal(zone) + "\" is no zone name");
+  if (stray_byte(zone).has_value() || !fits ||
+      kavo_dns_ptodn(zone.c_str(), static_cast<unsigned>(zone.size()), dn.data(), DNS_MAXDN) <= 1) {
+    throw std::runtime_error(quoted(zone) + " is no zone name");
   }
 }
 
-struct Sections {
-  std::map<KAVO_TYPE, std::vector<std::string>> zones;
-  size_t longest = 0;  // of all sections, those included that a later one replaces
-};
+using Sections = std::map<KAVO_TYPE, std::vector<std::string>>;
 
 // Reads the file as the library does: a header opens a section and empties its list, an empty line closes it, lines
 // outside a section are ignored.
@@ -63,12 +59,11 @@ Sections read_sections(std::istream &stream, const std::string &path) {
       if (line.empty()) {
         open = nullptr;
       } else if (line[0] == '#') {
-        open = &sections.zones[section_type(line)];
+        open = &sections[section_type(line)];
         open->clear();
       } else if (open != nullptr) {
         check_zone(line);
         open->push_back(line);
-        sections.longest = std::max(sections.longest, open->size());
       }
     } catch (const std::runtime_error &fault) {
       throw std::runtime_error("zones file " + path + ", line " + std::to_string(number) + ": " + fault.what());
@@ -86,18 +81,18 @@ void Plan::take(KAVO_TYPE type, const std::string &zone) {
   const auto same = [&](const AskedZone &other) { return other.name == zone; };
   auto place = std::find_if(questions.zones.begin(), questions.zones.end(), same);
   if (place == questions.zones.end()) place = questions.zones.insert(place, AskedZone{zone, false, false});
-  (type == questions.address ? place->address : place->reason) = true;
+  bool &asked = type == questions.address ? place->address : place->reason;
+  if (asked) return;
+  asked = true;
   (type == questions.address ? questions.any_address : questions.any_reason) = true;
+  zones_[type].push_back(zone);
 }
 
 void Plan::read_file(const std::string &path) {
   if (std::filesystem::is_directory(path)) throw std::runtime_error("zones file " + path + ": it is a directory");
   std::ifstream stream(path);
   if (!stream) throw std::runtime_error("zones file " + path + ": " + std::strerror(errno));
-  file_ = path;
-  const Sections sections = read_sections(stream, path);
-  section_max_ = std::max(section_max_, static_cast<int>(sections.longest));
-  for (const auto &[type, zones] : sections.zones) {
+  for (const auto &[type, zones] : read_sections(stream, path)) {
     if (type > KAVOT_BL_DOM_TXT) continue;  // asked by other questions than this tool's
     for (const std::string &zone : zones)
       take(type, zone);
@@ -106,9 +101,15 @@ void Plan::read_file(const std::string &path) {
 
 void Plan::add(const std::string &zone) {
   check_zone(zone);
-  added_.push_back(zone);
   for (const KAVO_TYPE type : {KAVOT_BL_IP, KAVOT_BL_IP_TXT, KAVOT_BL_DOM, KAVOT_BL_DOM_TXT})
     take(type, zone);
+}
+
+int Plan::zones_max() const {
+  size_t most = 1;
+  for (const auto &[type, zones] : zones_)
+    most = std::max(most, zones.size());
+  return static_cast<int>(most);
 }
 
 void Plan::number_zones(KAVO kavo, Questions *questions) {
@@ -122,14 +123,10 @@ void Plan::number_zones(KAVO kavo, Questions *questions) {
 }
 
 void Plan::configure(KAVO kavo) {
-  if (!file_.empty()) {
-    const KAVO_ERR error = kavo_zonesmap_init_cfg(kavo, file_.c_str());
-    if (error != KAVOE_OK) throw std::runtime_error("zones file " + file_ + ": " + kavo_strerror(error));
-  }
-  for (const std::string &zone : added_) {
-    for (const KAVO_TYPE type : {KAVOT_BL_IP, KAVOT_BL_IP_TXT, KAVOT_BL_DOM, KAVOT_BL_DOM_TXT}) {
+  for (const auto &[type, zones] : zones_) {
+    for (const std::string &zone : zones) {
       const KAVO_ERR error = kavo_add_zone(kavo, type, zone.c_str());
-      if (error != KAVOE_OK) throw std::runtime_error("zone " + zone + ": " + kavo_strerror(error));
+      if (error != KAVOE_OK) throw std::runtime_error("zone " + quoted(zone) + ": " + kavo_strerror(error));
     }
   }
   number_zones(kavo, &ip_);

@@ -4,6 +4,7 @@
 
 #include <kavo.h>
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -41,7 +42,7 @@ class Plan {
   // std::runtime_error.
   void configure(KAVO kavo);
 
-  [[nodiscard]] int zones_max() const { return section_max_ + static_cast<int>(added_.size()); }
+  [[nodiscard]] int zones_max() const;
   [[nodiscard]] bool empty() const { return ip_.zones.empty() && domain_.zones.empty(); }
   [[nodiscard]] const Questions &questions(Kind kind) const { return kind == Kind::domain ? domain_ : ip_; }
 
@@ -49,9 +50,7 @@ class Plan {
   void take(KAVO_TYPE type, const std::string &zone);
   void number_zones(KAVO kavo, Questions *questions);
 
-  std::string file_;
-  std::vector<std::string> added_;
-  int section_max_ = 1;  // zones of the file's longest section
+  std::map<KAVO_TYPE, std::vector<std::string>> zones_;  // each name once a type
   Questions ip_{KAVOT_BL_IP, KAVOT_BL_IP_TXT};
   Questions domain_{KAVOT_BL_DOM, KAVOT_BL_DOM_TXT};
 };

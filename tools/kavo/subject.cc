@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <stdexcept>
+#include <string_view>
 
 namespace tool {
 namespace {
@@ -13,10 +14,12 @@ namespace {
 constexpr size_t kNibbles = 32;
 constexpr unsigned kNibbleBits = 4;
 constexpr unsigned kNibbleMask = 0xf;
-constexpr size_t kMappedAt = 12;  // where the IPv4 address stands in a mapped one (RFC 4291, 2.5.5.2)
+constexpr std::string_view kMarks = "!\"#$%&'()*+,/:;<=>?@[]^`{|}~";
+constexpr size_t kQuotedMax = 300;  // bytes of a text that a message repeats: every name, and no endless line
+constexpr size_t kMappedAt = 12;    // where the IPv4 address stands in a mapped one (RFC 4291, 2.5.5.2)
 
-[[noreturn]] void refuse(const std::string &text, const char *fault) {
-  throw std::runtime_error("\"" + for_terminal(text) + "\" " + fault);
+[[noreturn]] void refuse(const std::string &text, const std::string &fault) {
+  throw std::runtime_error(quoted(text) + " " + fault);
 }
 
 void set_ip4(const in_addr &address, Subject *subject) {
@@ -39,9 +42,11 @@ void set_ip6(const in6_addr &address, Subject *subject) {
 void set_domain(Subject *subject) {
   subject->kind = Kind::domain;
   const std::string &text = subject->text;
-  const auto unfit = [](unsigned char byte) { return byte <= ' ' || byte == 0x7f; };
-  if (std::any_of(text.begin(), text.end(), unfit))
-    refuse(text, "is no domain name: it holds a blank or control character");
+  if (const std::optional<char> stray = stray_byte(text)) {
+    const bool mark = kMarks.find(*stray) != std::string_view::npos;
+    refuse(text, mark ? std::string("is neither an address nor a domain name: it holds a ") + *stray
+                      : "is no domain name: it holds a blank or control character");
+  }
   const int size = kavo_dns_ptodn(text.c_str(), static_cast<unsigned>(text.size()), subject->dn.data(), DNS_MAXDN);
   if (size == 0) refuse(text, "is no domain name: it is longer than 255 bytes");
   if (size < 0) refuse(text, "is no domain name: a label is empty or longer than 63 bytes, or an escape is wrong");
@@ -82,6 +87,20 @@ bool is_control(const std::string &text, size_t at, size_t size) {
 
 }  // namespace
 
+std::optional<char> stray_byte(const std::string &text) {
+  const auto stray = [](char byte) {
+    const auto value = static_cast<unsigned char>(byte);
+    return value <= ' ' || value == 0x7f || kMarks.find(byte) != std::string_view::npos;
+  };
+  const auto found = std::find_if(text.begin(), text.end(), stray);
+  return found == text.end() ? std::nullopt : std::optional<char>(*found);
+}
+
+std::string quoted(const std::string &text) {
+  const bool whole = text.size() <= kQuotedMax;
+  return "\"" + for_terminal(whole ? text : text.substr(0, kQuotedMax) + "...") + "\"";
+}
+
 std::string for_terminal(const std::string &text) {
   std::string result;
   for (size_t at = 0; at < text.size();) {
@@ -108,7 +127,8 @@ Subject parse_subject(const std::string &text) {
   } else if (text.find(':') == std::string::npos) {
     set_domain(&subject);
   } else if (inet_pton(AF_INET6, text.c_str(), &ip6) != 1) {
-    refuse(text, "is no IPv6 address");
+    const bool address = text.find_first_not_of("0123456789abcdefABCDEF:.") == std::string::npos;
+    refuse(text, address ? "is no IPv6 address" : "is neither an address nor a domain name");
   } else if (IN6_IS_ADDR_V4MAPPED(&ip6)) {
     std::memcpy(&ip4, &ip6.s6_addr[kMappedAt], sizeof(ip4));
     set_ip4(ip4, &subject);

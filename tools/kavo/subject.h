@@ -5,6 +5,7 @@
 #include <kavo.h>
 
 #include <array>
+#include <optional>
 #include <string>
 
 namespace tool {
@@ -19,6 +20,14 @@ struct Subject {
 
 // parse_subject throws std::runtime_error, with a text that names the fault, for what is neither address nor name.
 Subject parse_subject(const std::string &text);
+
+// stray_byte returns the first byte of a text that belongs into no name that is asked about, if there is one: a blank,
+// a control character, or a mark of a network, a URL, a mail address or a list. Asked as they stand, those would come
+// back as "not listed". An escape (\DDD) still says any byte.
+std::optional<char> stray_byte(const std::string &text);
+
+// quoted returns a text as a message shows it: in quotation marks, for_terminal, and cut where it is very long.
+std::string quoted(const std::string &text);
 
 // for_terminal returns a text whose control characters and bytes that are no UTF-8 are written as \DDD, so that what
 // strangers put into their records cannot steer the terminal.
