@@ -436,9 +436,9 @@ KAVO_EXPORT KAVO_ERR kavo_subscribe_node(KAVO kavo, KAVO_TYPE query_type, const 
 KAVO_EXPORT KAVO_ERR kavo_subscribe_node_p(KAVO kavo, KAVO_TYPE query_type, const char *query, unsigned flags,
                                            const struct timeval *deadline, KAVO_QUERY_NODE *node);
 
-/* kavo_unsubscribe_node drops one hold; the caller uses the handle no more. The server thread has a hold of its own until
- * the question's outcome is known: a node that is let go before keeps its place in the table until then, and its answers
- * reach the cache. KAVOE_BADPAR for a node without holders. Any thread, also after closing. */
+/* kavo_unsubscribe_node drops one hold; the caller uses the handle no more. The server thread has a hold of its own
+ * until the question's outcome is known: a node that is let go before keeps its place in the table until then, and its
+ * answers reach the cache. KAVOE_BADPAR for a node without holders. Any thread, also after closing. */
 KAVO_EXPORT KAVO_ERR kavo_unsubscribe_node(KAVO kavo, KAVO_QUERY_NODE node);
 
 /* kavo_node_type returns the type of a held node's question; KAVOT_INVALID for null, for a node that nobody holds and

@@ -79,8 +79,8 @@ struct kavo_t {
   uint32_t min_cache_delay = 0;
   uint32_t close_fast = 0;
   uint32_t dns_port = 0;
-  int32_t max_zones = 0;  // fixed at creation
-  uint32_t scratch = 0;   // the sink of option values that are kept nowhere else
+  int32_t max_zones = 0;        // fixed at creation
+  uint32_t scratch = 0;         // the sink of option values that are kept nowhere else
   dns_dbg_fn *trace = nullptr;  // the host's view of the traffic; changes only while no server thread runs
   void *trace_data = nullptr;
   struct dns_cache *cache = nullptr;

@@ -74,8 +74,8 @@ bool is_denial(dns_status status) {
   return status == DNS_E_NXDOMAIN || status == DNS_E_NODATA;
 }
 
-// keeps_all tells whether a cache keeps every answer for a time, also one whose TTL of 0 makes it good for the question at
-// hand alone (RFC 1035, 3.2.1).
+// keeps_all tells whether a cache keeps every answer for a time, also one whose TTL of 0 makes it good for the question
+// at hand alone (RFC 1035, 3.2.1).
 bool keeps_all(dns_cacher *cacher) {
   uint32_t least = 0;
   return dns_cacher_getopt(cacher, DNS_CROPT_MINTTL, &least, sizeof least) == 0 && least > 0;
@@ -84,7 +84,8 @@ bool keeps_all(dns_cacher *cacher) {
 void keep(dns_query *q, std::span<const uint8_t> packet, const Header &header, const Verdict &verdict) {
   dns_ctx *ctx = q->ctx;
   size_t answers = 0;
-  if (ctx->answer_cache == nullptr || q->own != nullptr || verdict.status == DNS_E_CNLOOP || verdict.status == DNS_E_NOMEM)
+  if (ctx->answer_cache == nullptr || q->own != nullptr || verdict.status == DNS_E_CNLOOP ||
+      verdict.status == DNS_E_NOMEM)
     return;
   if (!section_at(packet, DNS_S_AN, &answers)) return;
   set_key(q, verdict.has_ttl ? 0 : kNoSoa);
