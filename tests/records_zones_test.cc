@@ -9,12 +9,12 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <functional>
-#include <memory>
 #include <random>
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "support/stored_records.h"
 
 namespace {
 
@@ -34,230 +34,73 @@ class Log {
   std::string text_;
 };
 
+using support::name;
+using support::read;
+using support::Rr;
+using support::Stored;
+using support::text;
+using support::u32;
+using namespace std::string_literals;
+
 bool contains(const std::string &text, const std::string &part) {
   return text.find(part) != std::string::npos;
 }
 
-// Block is a record block that a host lays out itself. Its memory is exactly as long as its content, so that a copy
-// which reads past the end is seen by the address sanitizer.
-class Block {
- public:
-  explicit Block(KAVO_TYPE type, size_t head = sizeof(dns_rr_a4)) : type_(type) { bytes_.assign(head, '\0'); }
-
-  // entries appends the array; what it points to is given as offsets, which seal turns into pointers.
-  template <typename Entry>
-  Block &entries(const std::vector<Entry> &list) {
-    put(sizeof(dns_rr_null), bytes_.size(), true);
-    count_ = static_cast<int32_t>(list.size());
-    bytes_.append(reinterpret_cast<const char *>(list.data()), list.size() * sizeof(Entry));
-    return *this;
-  }
-  // text appends a text for the pointer at `field` of entry `index`.
-  template <typename Entry>
-  Block &text(size_t index, size_t field, std::string bytes) {
-    put(sizeof(dns_rr_a4) + index * sizeof(Entry) + field, bytes_.size(), true);
-    bytes_ += bytes;
-    return *this;
-  }
-  Block &names(const std::string &cname, const std::string &qname) {
-    put(offsetof(dns_rr_null, dnsn_cname), bytes_.size(), true);
-    bytes_ += cname + '\0';
-    put(offsetof(dns_rr_null, dnsn_qname), bytes_.size() - (qname.empty() ? cname.size() + 1 : 0), true);
-    if (!qname.empty()) bytes_ += qname + '\0';
-    return *this;
-  }
-  Block &packet(const std::string &bytes) {
-    bytes_.resize(sizeof(dns_rr_pkt));
-    const auto size = static_cast<uint32_t>(bytes.size());
-    memcpy(&bytes_[offsetof(dns_rr_pkt, dnspkt_psize)], &size, sizeof(size));
-    bytes_ += bytes;
-    return *this;
-  }
-  Block &seal() {
-    memory_.reset(static_cast<char *>(malloc(bytes_.size())));
-    memcpy(memory_.get(), bytes_.data(), bytes_.size());
-    for (const size_t at : pointers_) {
-      uint64_t offset;
-      memcpy(&offset, &bytes_[at], sizeof(offset));
-      const char *target = memory_.get() + offset;
-      memcpy(memory_.get() + at, &target, sizeof(target));
-    }
-    rr_.rr_mem = reinterpret_cast<dns_rr_mem *>(memory_.get());
-    rr_.rr_mem->dnsm_size = rr_.rr_mem->dnsm_written = static_cast<uint32_t>(bytes_.size());
-    if (type_ != KAVOT_PKT) {
-      rr_.rr_null->dnsn_ttl = 300;
-      rr_.rr_null->dnsn_nrr = count_;
-    }
-    return *this;
-  }
-
-  KAVO_TYPE type() const { return type_; }
-  KAVO_RR *rr() { return &rr_; }
-  unsigned size() const { return static_cast<unsigned>(bytes_.size()); }
-  char *at(size_t offset) { return memory_.get() + offset; }
-
- private:
-  struct Free {
-    void operator()(char *memory) const { free(memory); }
-  };
-  void put(size_t at, uint64_t offset, bool pointer) {
-    memcpy(&bytes_[at], &offset, sizeof(offset));
-    if (pointer) pointers_.push_back(at);
-  }
-  KAVO_TYPE type_;
-  std::string bytes_;
-  std::vector<size_t> pointers_;
-  int32_t count_ = 0;
-  std::unique_ptr<char, Free> memory_;
-  KAVO_RR rr_ = {};
-};
-
-constexpr size_t kArrayAt = sizeof(dns_rr_a4);
-
-template <typename Entry>
-Block named(KAVO_TYPE type, size_t field, Entry first, Entry second) {
-  Block block(type);
-  block.entries<Entry>({first, second});
-  for (size_t i = 0; i < 2; ++i)
-    block.text<Entry>(i, field, std::string(i == 0 ? "one.example" : "two.example") + '\0');
-  return std::move(block.names("list.example", "asked.example").seal());
-}
-
-Block texts(KAVO_TYPE type, bool closed) {
-  Block block(type);
-  block.entries<dns_txt>({{5, nullptr}, {0, nullptr}, {4, nullptr}});
-  const std::string end = closed ? std::string(1, '\0') : "";
-  block.text<dns_txt>(0, offsetof(dns_txt, txt), std::string("ab\0cd", 5) + end);
-  block.text<dns_txt>(1, offsetof(dns_txt, txt), end).text<dns_txt>(2, offsetof(dns_txt, txt), "last" + end);
-  return std::move(block.names("list.example", "").seal());
-}
-
-Block addresses(KAVO_TYPE type) {
-  Block block(type);
-  block.entries<in_addr>({{htonl(0x7f000002)}, {htonl(0xc0000201)}, {htonl(0x01020304)}});
-  return std::move(block.names("list.example", "asked.example").seal());
-}
-
-std::vector<Block> every_layout() {
-  std::vector<Block> blocks;
-  for (const KAVO_TYPE type : {KAVOT_DNS_A, KAVOT_BL_IP, KAVOT_BL_DOM})
-    blocks.push_back(addresses(type));
-  for (const KAVO_TYPE type : {KAVOT_DNS_AAAA, KAVOT_BL_A6}) {
-    Block block(type);
-    block.entries<in6_addr>({in6_addr{}, in6addr_loopback});
-    blocks.push_back(std::move(block.names("six.example", "").seal()));
-  }
-  for (const KAVO_TYPE type : {KAVOT_DNS_TXT, KAVOT_BL_IP_TXT, KAVOT_BL_DOM_TXT})
-    blocks.push_back(texts(type, true));
-  blocks.push_back(texts(KAVOT_DNS_ETXT, false));
-  for (const KAVO_TYPE type : {KAVOT_DNS_MX, KAVOT_BL_MX}) {
-    blocks.push_back(named<dns_mx>(type, offsetof(dns_mx, name), {10, nullptr}, {-1, nullptr}));
-  }
-  for (const KAVO_TYPE type : {KAVOT_DNS_SRV, KAVOT_BL_SRV}) {
-    blocks.push_back(named<dns_srv>(type, offsetof(dns_srv, name), {1, 2, 53, nullptr}, {4, 5, 65535, nullptr}));
-  }
-  for (const KAVO_TYPE type : {KAVOT_DNS_PTR, KAVOT_DNS_CNAME, KAVOT_BL_CNAME, KAVOT_DNS_NS, KAVOT_BL_NS}) {
-    blocks.push_back(named<char *>(type, 0, nullptr, nullptr));
-  }
-  Block empty(KAVOT_DNS_A);
-  blocks.push_back(std::move(empty.entries<in_addr>({}).names("none.example", "").seal()));
-  Block packet(KAVOT_PKT, sizeof(dns_rr_pkt));
-  blocks.push_back(std::move(packet.packet(std::string("\x12\x34\x81\x80packet", 10)).seal()));
-  return blocks;
-}
-
-// describe reads a whole block through its public layout. Anything that lies outside the used bytes is a failure.
+// describe reads a whole block through its public layout; its names and its array must lie in its used bytes.
 std::string describe(KAVO_TYPE type, const KAVO_RR &rr) {
-  std::ostringstream out;
-  const char *start = reinterpret_cast<const char *>(rr.rr_mem);
-  const char *end = start + rr.rr_mem->dnsm_written;
-  const auto inside = [&](const void *place, size_t size) {
-    const char *at = static_cast<const char *>(place);
-    const bool fits = at >= start && at <= end && size <= static_cast<size_t>(end - at);
-    EXPECT_TRUE(fits) << "type " << type << " points outside its block";
-    return fits;
-  };
-  const auto bytes = [&](const char *place, size_t size) {
-    if (inside(place, size)) out << " '" << std::string(place, size) << "'";
-  };
-  const auto name = [&](const char *place) {
-    if (inside(place, 1)) bytes(place, strnlen(place, static_cast<size_t>(end - place)));
-  };
-  if (type == KAVOT_PKT) {
-    bytes(reinterpret_cast<const char *>(rr.rr_pkt->dnspkt_pkt), rr.rr_pkt->dnspkt_psize);
-    return out.str();
-  }
-  const auto count = static_cast<size_t>(rr.rr_null->dnsn_nrr);
-  out << rr.rr_null->dnsn_ttl << " x" << count;
-  name(rr.rr_null->dnsn_cname);
-  name(rr.rr_null->dnsn_qname);
-  out << (rr.rr_null->dnsn_cname == rr.rr_null->dnsn_qname ? " shared" : " apart");
-  const auto each = [&]<typename Entry>(const Entry *array, auto show) {
-    if (!inside(array, count * sizeof(Entry))) return;
-    for (size_t i = 0; i < count; ++i)
-      show(array[i]);
-  };
-  switch (static_cast<unsigned>(kavo_convert_type(type))) {
-    case DNS_T_A:
-      each(rr.rr_a->dnsa4_addr, [&](const in_addr &a) { out << ' ' << a.s_addr; });
-      break;
-    case DNS_T_AAAA:
-      each(rr.rr_a6->dnsa6_addr, [&](const in6_addr &a) { bytes(reinterpret_cast<const char *>(&a), sizeof(a)); });
-      break;
-    case DNS_T_TXT:
-      each(rr.rr_txt->dnstxt_txt, [&](const dns_txt &t) { bytes(t.txt, static_cast<size_t>(t.len)); });
-      break;
-    case DNS_T_MX:
-      each(rr.rr_mx->dnsmx_mx, [&](const dns_mx &m) { out << ' ' << m.priority, name(m.name); });
-      break;
-    case DNS_T_SRV:
-      each(rr.rr_srv->dnssrv_srv,
-           [&](const dns_srv &s) { out << ' ' << s.priority << ' ' << s.weight << ' ' << s.port, name(s.name); });
-      break;
-    default:
-      each(rr.rr_ns->dnsns_ns, [&](char *const &n) { name(n); });
-      break;
-  }
-  return out.str();
+  if (type == KAVOT_PKT) return std::string(reinterpret_cast<const char *>(rr.rr_pkt->dnspkt_pkt), 6);
+  const dns_rr_null &head = *rr.rr_null;
+  const char *start = reinterpret_cast<const char *>(&head);
+  for (const char *place : std::initializer_list<const char *>{head.dnsn_cname, head.dnsn_qname,
+                                                               reinterpret_cast<const char *>(rr.rr_ns->dnsns_ns)})
+    EXPECT_TRUE(place >= start && place < start + head.dnsn_written) << "type " << type << " points outside its block";
+  return std::to_string(head.dnsn_ttl) + " x" + std::to_string(head.dnsn_nrr) + " " + head.dnsn_cname + " " +
+         head.dnsn_qname + (head.dnsn_cname == head.dnsn_qname ? " shared " : " apart ") + support::shown(type, rr);
+}
+
+void scribble(const Rr &block) {
+  memset(reinterpret_cast<char *>(block.rr.rr_mem) + sizeof(dns_rr_mem), 0xee,
+         block.rr.rr_mem->dnsm_size - sizeof(dns_rr_mem));
 }
 
 TEST(Records, EveryLayoutSurvivesItsSource) {
-  for (Block &source : every_layout()) {
-    SCOPED_TRACE(source.type());
-    const std::string expected = describe(source.type(), *source.rr());
-    KAVO_RR copy = {};
-    ASSERT_EQ(kavo_rr_dup(source.type(), source.rr(), &copy), KAVOE_OK);
-    EXPECT_EQ(copy.rr_mem->dnsm_size, source.size());
-    EXPECT_EQ(kavo_rr_get_size(&copy), source.size());
-
-    KAVO_RR exact = {};
-    KAVO_RR tight = {};
-    ASSERT_EQ(kavo_rr_alloc(&exact, source.size()), KAVOE_OK);
-    ASSERT_EQ(kavo_rr_alloc(&tight, source.size() - 1), KAVOE_OK);
-    const Log log;
-    EXPECT_EQ(kavo_rr_cpy(source.type(), &copy, &exact), KAVOE_OK);
-    EXPECT_EQ(kavo_rr_cpy(source.type(), &copy, &tight), KAVOE_NOMEM);
-    EXPECT_EQ(kavo_rr_get_size(&tight), 0U);
-    EXPECT_EQ(kavo_rr_dup(source.type(), &copy, &tight), KAVOE_OK) << "an existing block grows";
-
-    memset(source.at(0), 0xee, source.size());
-    memset(reinterpret_cast<char *>(copy.rr_mem) + sizeof(dns_rr_mem), 0xee, source.size() - sizeof(dns_rr_mem));
-    EXPECT_EQ(describe(source.type(), exact), expected);
-    EXPECT_EQ(describe(source.type(), tight), expected);
-    for (KAVO_RR *rr : {&copy, &exact, &tight})
-      kavo_rr_free(rr);
+  for (const Stored &stored : support::every_layout()) {
+    for (const bool shared : {false, true}) {
+      SCOPED_TRACE(stored.type);
+      Rr source = read(stored.type, stored.bytes), copy, exact, tight;
+      if (shared && stored.type != KAVOT_PKT) source.rr.rr_null->dnsn_qname = source.rr.rr_null->dnsn_cname;
+      const std::string expected = describe(stored.type, source.rr);
+      ASSERT_EQ(kavo_rr_dup(stored.type, source, copy), KAVOE_OK);
+      EXPECT_EQ(copy.rr.rr_mem->dnsm_size, source.rr.rr_mem->dnsm_size);
+      const unsigned size = kavo_rr_get_size(copy);
+      EXPECT_TRUE(shared || size == kavo_rr_get_size(source)) << size;
+      ASSERT_EQ(kavo_rr_alloc(exact, size), KAVOE_OK);
+      ASSERT_EQ(kavo_rr_alloc(tight, size - 1), KAVOE_OK);
+      const Log log;
+      EXPECT_EQ(kavo_rr_cpy(stored.type, copy, exact), KAVOE_OK);
+      EXPECT_EQ(kavo_rr_cpy(stored.type, copy, tight), KAVOE_NOMEM);
+      EXPECT_EQ(kavo_rr_get_size(tight), 0U);
+      EXPECT_EQ(kavo_rr_dup(stored.type, copy, tight), KAVOE_OK) << "an existing block grows";
+      scribble(source);
+      scribble(copy);
+      EXPECT_EQ(describe(stored.type, exact.rr), expected);
+      EXPECT_EQ(describe(stored.type, tight.rr), expected);
+    }
   }
+}
+
+Rr some_texts(KAVO_TYPE type) {
+  return read(type, support::stored(type, 48 + 12, 3, text("") + text("b\0c"s) + text("second"), "").bytes);
 }
 
 TEST(Records, OnlyTextsOfTxtAreTerminated) {
   for (const bool closed : {true, false}) {
-    Block source = texts(closed ? KAVOT_DNS_TXT : KAVOT_DNS_ETXT, closed);
-    KAVO_RR copy = {};
-    ASSERT_EQ(kavo_rr_dup(source.type(), source.rr(), &copy), KAVOE_OK);
-    const dns_txt *text = copy.rr_txt->dnstxt_txt;
-    EXPECT_EQ(text[1].txt - text[0].txt, closed ? 6 : 5);
-    EXPECT_EQ(text[2].txt[text[2].len], closed ? '\0' : 'l') << "the canonical name follows the last text";
-    kavo_rr_free(&copy);
+    const KAVO_TYPE type = closed ? KAVOT_DNS_TXT : KAVOT_DNS_ETXT;
+    Rr source = some_texts(type), copy;
+    ASSERT_EQ(kavo_rr_dup(type, source, copy), KAVOE_OK);
+    const dns_txt *texts = copy.rr.rr_txt->dnstxt_txt;
+    EXPECT_EQ(texts[2].txt - texts[1].txt, closed ? 4 : 3);
+    EXPECT_EQ(texts[2].txt[texts[2].len], closed ? '\0' : 'c') << "the canonical name follows the last text";
   }
 }
 
@@ -268,8 +111,8 @@ TEST(Records, SizesHaveLimits) {
   EXPECT_TRUE(contains(log.take(), "Attempt to allocate too many memory for RR (requested: 1025, limit: 1024)"));
   EXPECT_EQ(rr.rr_mem, nullptr);
   ASSERT_EQ(kavo_rr_realloc(&rr, 0), KAVOE_OK) << "a block without room is still a block";
-  Block source = addresses(KAVOT_BL_IP);
-  EXPECT_EQ(kavo_rr_dup(KAVOT_BL_IP, source.rr(), &rr), KAVOE_OK);
+  Rr source = read(KAVOT_BL_IP, support::stored(KAVOT_BL_IP, 8, 1, "\x7f\0\0\4"s, "").bytes);
+  EXPECT_EQ(kavo_rr_dup(KAVOT_BL_IP, source, &rr), KAVOE_OK);
   EXPECT_EQ(kavo_rr_realloc(&rr, 1024), KAVOE_OK);
   EXPECT_EQ(kavo_rr_realloc(&rr, 10), KAVOE_OK);
   EXPECT_EQ(rr.rr_mem->dnsm_size, 1024U) << "a block never shrinks";
@@ -283,92 +126,104 @@ TEST(Records, SizesHaveLimits) {
   kavo_rr_free(&rr);
   EXPECT_EQ(kavo_rr_get_size(&rr), 0U);
 
-  source.rr()->rr_mem->dnsm_size = 2000;
-  EXPECT_EQ(kavo_rr_dup(KAVOT_BL_IP, source.rr(), &rr), KAVOE_NOMEM);
+  source.rr.rr_mem->dnsm_size = 2000;
+  EXPECT_EQ(kavo_rr_dup(KAVOT_BL_IP, source, &rr), KAVOE_NOMEM);
   EXPECT_EQ(rr.rr_mem, nullptr);
   log.take();
   ASSERT_EQ(kavo_rr_alloc(&rr, 1024), KAVOE_OK);
   for (const KAVO_TYPE type : {KAVOT_DNS_A6, KAVOT_SYNC, KAVOT_DNS_SOA, KAVOT_INVALID, KAVOT_DNS_MAX}) {
-    EXPECT_EQ(kavo_rr_cpy(type, source.rr(), &rr), KAVOE_FAIL);
+    EXPECT_EQ(kavo_rr_cpy(type, source, &rr), KAVOE_FAIL);
   }
   KAVO_RR none = {};
   EXPECT_EQ(kavo_rr_cpy(KAVOT_DNS_A, &none, &rr), KAVOE_BADPAR);
-  EXPECT_EQ(kavo_rr_cpy(KAVOT_DNS_A, source.rr(), &none), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_rr_cpy(KAVOT_DNS_A, source, &none), KAVOE_BADPAR);
   EXPECT_EQ(log.take(), "");
   kavo_rr_free(&rr);
 }
 
-// A source that lies is refused, with a word in the log; the destination ends empty and nothing around it is touched.
+constexpr size_t kArrayAt = sizeof(dns_rr_a4);
+constexpr uint32_t kPacketSize = sizeof(dns_rr_pkt) + 6;
+
+char *at(KAVO_RR *rr, size_t offset) {
+  return reinterpret_cast<char *>(rr->rr_mem) + offset;
+}
+
+// expect_refused tells a lie about a block; the destination must end empty with nothing around it touched.
+void expect_refused(const char *what, KAVO_TYPE type, Rr source, void (*tell)(KAVO_RR *)) {
+  SCOPED_TRACE(what);
+  constexpr uint64_t kCanary = 0x5ca1ab1e5ca1ab1e;
+  const uint32_t size = source.rr.rr_mem->dnsm_size;
+  tell(source);
+  std::vector<uint64_t> room(64, kCanary);
+  KAVO_RR target = {.rr_mem = reinterpret_cast<dns_rr_mem *>(room.data())};
+  *target.rr_mem = {size, 8};
+  Log log;
+  EXPECT_EQ(kavo_rr_cpy(type, source, &target), KAVOE_FAIL);
+  EXPECT_EQ(target.rr_mem->dnsm_written, 0U);
+  EXPECT_TRUE(contains(log.take(), "[assertion at kavo_rr:"));
+  for (size_t i = (size + 7) / 8; i < room.size(); ++i)
+    ASSERT_EQ(room[i], kCanary);
+}
+
+// A source that lies is refused, with a word in the log.
 TEST(Records, LyingSourcesAreRefused) {
   static char elsewhere[] = "elsewhere";
-  const auto name_of = [](Block *b) -> char *& { return b->rr()->rr_null->dnsn_cname; };
-  const auto list = [] { return named<char *>(KAVOT_BL_NS, 0, nullptr, nullptr); };
-  const auto text = [] { return texts(KAVOT_DNS_TXT, true); };
-  const auto packet = [] { return std::move(every_layout().back()); };
-  struct Lie {
-    const char *what;
-    std::function<Block()> make;
-    std::function<void(Block *)> tell;
-  };
-  const Lie lies[] = {
-      {"negative count", list, [](Block *b) { b->rr()->rr_null->dnsn_nrr = -1; }},
-      {"count beyond the block", list, [](Block *b) { b->rr()->rr_null->dnsn_nrr = 1 << 30; }},
-      {"array elsewhere", list, [](Block *b) { b->rr()->rr_ns->dnsns_ns = reinterpret_cast<char **>(elsewhere); }},
-      {"entry elsewhere", list, [](Block *b) { b->rr()->rr_ns->dnsns_ns[1] = elsewhere; }},
-      {"null entry", list, [](Block *b) { b->rr()->rr_ns->dnsns_ns[0] = nullptr; }},
-      {"entries that share a long text", list,
-       [](Block *b) { b->rr()->rr_ns->dnsns_ns[0] = b->rr()->rr_ns->dnsns_ns[1] = b->rr()->rr_null->dnsn_cname; }},
-      {"name elsewhere", list, [&](Block *b) { name_of(b) = elsewhere; }},
-      {"null name", list, [&](Block *b) { name_of(b) = nullptr; }},
-      {"name inside the record", list, [&](Block *b) { name_of(b) = b->at(sizeof(dns_rr_mem)); }},
-      {"name before the entries", list, [&](Block *b) { name_of(b) = b->at(kArrayAt); }},
-      {"question's name elsewhere", list, [](Block *b) { b->rr()->rr_null->dnsn_qname = elsewhere; }},
-      {"name without an end", list, [](Block *b) { b->at(b->size())[-1] = 'x'; }},
-      {"negative text", text, [](Block *b) { b->rr()->rr_txt->dnstxt_txt[0].len = -5; }},
-      {"text beyond the block", text, [](Block *b) { b->rr()->rr_txt->dnstxt_txt[2].len = INT32_MAX; }},
-      {"texts that share a long text", text,
-       [](Block *b) {
-         for (int i = 0; i < 2; ++i)
-           b->rr()->rr_txt->dnstxt_txt[i] = {12, b->rr()->rr_null->dnsn_cname};
-       }},
-      {"text elsewhere", text, [](Block *b) { b->rr()->rr_txt->dnstxt_txt[2].txt = elsewhere; }},
-      {"less than a record", text, [](Block *b) { b->rr()->rr_mem->dnsm_written = kArrayAt - 1; }},
-      {"packet beyond the block", packet, [](Block *b) { b->rr()->rr_pkt->dnspkt_psize++; }},
-      {"endless packet", packet, [](Block *b) { b->rr()->rr_pkt->dnspkt_psize = UINT32_MAX; }},
-  };
-  constexpr uint64_t kCanary = 0x5ca1ab1e5ca1ab1e;
-  for (const Lie &lie : lies) {
-    SCOPED_TRACE(lie.what);
-    Block source = lie.make();
-    lie.tell(&source);
-    std::vector<uint64_t> room(64, kCanary);
-    KAVO_RR target = {.rr_mem = reinterpret_cast<dns_rr_mem *>(room.data())};
-    *target.rr_mem = {source.size(), 8};
-    Log log;
-    EXPECT_EQ(kavo_rr_cpy(source.type(), source.rr(), &target), KAVOE_FAIL);
-    EXPECT_EQ(target.rr_mem->dnsm_written, 0U);
-    EXPECT_TRUE(contains(log.take(), "[assertion at kavo_rr:"));
-    for (size_t i = (source.size() + 7) / 8; i < room.size(); ++i)
-      ASSERT_EQ(room[i], kCanary);
+  using Lie = std::pair<const char *, void (*)(KAVO_RR *)>;
+  const Lie of_lists[] = {
+      {"negative count", [](KAVO_RR *rr) { rr->rr_null->dnsn_nrr = -1; }},
+      {"count beyond the block", [](KAVO_RR *rr) { rr->rr_null->dnsn_nrr = 1 << 30; }},
+      {"array elsewhere", [](KAVO_RR *rr) { rr->rr_ns->dnsns_ns = reinterpret_cast<char **>(elsewhere); }},
+      {"entry elsewhere", [](KAVO_RR *rr) { rr->rr_ns->dnsns_ns[1] = elsewhere; }},
+      {"null entry", [](KAVO_RR *rr) { rr->rr_ns->dnsns_ns[0] = nullptr; }},
+      {"entries that share a long text",
+       [](KAVO_RR *rr) { rr->rr_ns->dnsns_ns[0] = rr->rr_ns->dnsns_ns[1] = rr->rr_null->dnsn_cname; }},
+      {"name elsewhere", [](KAVO_RR *rr) { rr->rr_null->dnsn_cname = elsewhere; }},
+      {"null name", [](KAVO_RR *rr) { rr->rr_null->dnsn_cname = nullptr; }},
+      {"name inside the record", [](KAVO_RR *rr) { rr->rr_null->dnsn_cname = at(rr, sizeof(dns_rr_mem)); }},
+      {"name before the entries", [](KAVO_RR *rr) { rr->rr_null->dnsn_cname = at(rr, kArrayAt); }},
+      {"question's name elsewhere", [](KAVO_RR *rr) { rr->rr_null->dnsn_qname = elsewhere; }},
+      {"name without an end", [](KAVO_RR *rr) { *at(rr, kavo_rr_get_size(rr) - 1) = 'x'; }}};
+  const Lie of_texts[] = {{"negative text", [](KAVO_RR *rr) { rr->rr_txt->dnstxt_txt[0].len = -5; }},
+                          {"text beyond the block", [](KAVO_RR *rr) { rr->rr_txt->dnstxt_txt[2].len = INT32_MAX; }},
+                          {"texts that share a long text",
+                           [](KAVO_RR *rr) {
+                             rr->rr_txt->dnstxt_txt[0] = rr->rr_txt->dnstxt_txt[1] = {9, rr->rr_null->dnsn_cname};
+                           }},
+                          {"text elsewhere", [](KAVO_RR *rr) { rr->rr_txt->dnstxt_txt[2].txt = elsewhere; }},
+                          {"less than a record", [](KAVO_RR *rr) { rr->rr_mem->dnsm_written = kArrayAt - 1; }}};
+  const Lie of_packets[] = {{"packet beyond the block", [](KAVO_RR *rr) { rr->rr_pkt->dnspkt_psize++; }},
+                            {"endless packet", [](KAVO_RR *rr) { rr->rr_pkt->dnspkt_psize = UINT32_MAX; }}};
+  for (const Lie &lie : of_lists) {
+    const std::string bytes = u32(kArrayAt + 16 + 2 + 2 + 13 + 10) + u32(2) + u32(300) + name("x") + name("y");
+    expect_refused(lie.first, KAVOT_BL_NS, read(KAVOT_BL_NS, bytes + name("long.example") + name("q.example")),
+                   lie.second);
   }
+  for (const Lie &lie : of_texts)
+    expect_refused(lie.first, KAVOT_DNS_TXT, some_texts(KAVOT_DNS_TXT), lie.second);
+  for (const Lie &lie : of_packets)
+    expect_refused(lie.first, KAVOT_PKT, read(KAVOT_PKT, u32(kPacketSize) + "packet"), lie.second);
 }
 
 // Blocks with any bytes changed copy to something whole or not at all.
 TEST(Records, ChangedBytesNeverEscape) {
   const Log log;
-  for (unsigned seed = 0; seed < 400; ++seed) {
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(seed);
-    for (Block &source : every_layout()) {
-      for (unsigned changes = 1 + random() % 4; changes > 0; --changes) {
-        const size_t at = sizeof(dns_rr_mem) + random() % (source.size() - sizeof(dns_rr_mem));
-        *source.at(at) = static_cast<char>(random() % 2 == 0 ? random() : *source.at(at) + 8);
+  std::mt19937 random(1);
+  for (unsigned round = 0; round < 400; ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
+    for (const Stored &stored : support::every_layout()) {
+      Rr copy;
+      {
+        Rr source = read(stored.type, stored.bytes);
+        const size_t bytes = kavo_rr_get_size(source) - sizeof(dns_rr_mem);
+        for (unsigned changes = 1 + random() % 4; changes > 0; --changes) {
+          char *place = at(source, sizeof(dns_rr_mem) + random() % bytes);
+          *place = static_cast<char>(random() % 2 == 0 ? random() : *place + 8);
+        }
+        const KAVO_ERR result = kavo_rr_dup(stored.type, source, copy);
+        EXPECT_TRUE(result == KAVOE_OK || result == KAVOE_FAIL);
+        if (result != KAVOE_OK) continue;
       }
-      KAVO_RR copy = {};
-      const KAVO_ERR result = kavo_rr_dup(source.type(), source.rr(), &copy);
-      EXPECT_TRUE(result == KAVOE_OK || result == KAVOE_FAIL);
-      if (result == KAVOE_OK) describe(source.type(), copy);
-      kavo_rr_free(&copy);
+      describe(stored.type, copy.rr);  // the source is gone
     }
   }
 }
