@@ -20,16 +20,9 @@
 
 namespace {
 
-using support::Answers;
-using support::Deadline;
-using support::Host;
-using support::kLongMs;
-using support::kShortMs;
-using support::ListServer;
-using support::Node;
+using namespace support;
 using Texts = std::vector<std::string>;
 
-constexpr uint32_t kNeverMs = 300'000;  // a time-out that no test sits through
 constexpr int kCache = 1 << 20;
 
 constexpr const char *kThreeZones =
@@ -38,12 +31,12 @@ constexpr const char *kThreeZones =
     "zone c.list\nlist 192.0.2.1 127.0.0.4,127.0.0.5 \"third\"\n"
     "zone dead.list\nfault dead\n";
 
-class AnswersTest : public support::HostTest {};
+using AnswersTest = HostTest;
 
-const std::string kListed = support::address_bytes("192.0.2.1");
+const std::string kListed = address_bytes("192.0.2.1");
 
 Host &with_three_zones(Host &host, const ListServer &server) {
-  host.server(server.port()).option(KAVOOPT_TIMEOUT_MSEC, kNeverMs).option(KAVOOPT_CLOSE_FAST, 1);
+  host.server(server.port()).patient();
   for (const char *zone : {"a.list", "b.list", "c.list"})
     host.zone(KAVOT_BL_IP, zone).zone(KAVOT_BL_IP_TXT, zone);
   return host.open();
@@ -56,7 +49,7 @@ TEST_F(AnswersTest, ThreeZonesCostThreePackets) {
   Node node(host, KAVOT_BL_IP, "192.0.2.1");
   ASSERT_EQ(node.wait(KAVOWT_FULL), KAVOE_OK);
   std::vector<KAVO_ANSWER> all;
-  EXPECT_EQ(support::in_place(host, node, &all), (Texts{"127.0.0.2", "NXDOM", "127.0.0.4,127.0.0.5"}));
+  EXPECT_EQ(in_place(host, node, &all), (Texts{"127.0.0.2", "NXDOM", "127.0.0.4,127.0.0.5"}));
   ASSERT_EQ(all.size(), 3u);
   for (size_t i = 0; i < all.size(); ++i) {
     EXPECT_EQ(all[i].type, KAVOT_BL_IP);
@@ -85,7 +78,7 @@ TEST_F(AnswersTest, EightThreadsAtOnceStillCostThreePackets) {
       everybody.arrive_and_wait();
       Node node(host, KAVOT_BL_IP, "192.0.2.1");
       EXPECT_EQ(node.wait(KAVOWT_FULL), KAVOE_OK);
-      EXPECT_EQ(support::in_place(host, node), (Texts{"127.0.0.2", "NXDOM", "127.0.0.4,127.0.0.5"}));
+      EXPECT_EQ(in_place(host, node), (Texts{"127.0.0.2", "NXDOM", "127.0.0.4,127.0.0.5"}));
       seen = node;
       everybody.arrive_and_wait();  // nobody lets go before everybody has asked
     });
@@ -100,7 +93,7 @@ TEST_F(AnswersTest, EightThreadsAtOnceStillCostThreePackets) {
 TEST_F(AnswersTest, PartlyResolvedNodeShowsWhatHasArrived) {
   ListServer server(kThreeZones);
   Host host;
-  host.server(server.port()).option(KAVOOPT_TIMEOUT_MSEC, kNeverMs).option(KAVOOPT_CLOSE_FAST, 1);
+  host.server(server.port()).patient();
   for (const char *zone : {"a.list", "dead.list", "b.list"})
     host.zone(KAVOT_BL_IP, zone);
   host.zone(KAVOT_BL_DOM, "dead.list").open();
@@ -116,7 +109,7 @@ TEST_F(AnswersTest, PartlyResolvedNodeShowsWhatHasArrived) {
   }
   EXPECT_EQ(answers.texts(), (Texts{"127.0.0.2", "NXDOM"}));
   EXPECT_EQ(answers[1].zone, 3);
-  EXPECT_EQ(support::in_place(host, node), answers.texts());
+  EXPECT_EQ(in_place(host, node), answers.texts());
   for (const KAVO_WAIT_LEVEL level : {KAVOWT_NONE, KAVOWT_CACHE, KAVOWT_DCACHE, KAVOWT_FIRST})
     EXPECT_EQ(node.wait(level, 0), KAVOE_OK) << level;
   EXPECT_EQ(node.wait(KAVOWT_FULL, kShortMs), KAVOE_TIMEOUT);
@@ -146,7 +139,7 @@ TEST_F(AnswersTest, CopiesGoIntoTheCallersStorage) {
   ASSERT_EQ(kavo_rr_alloc(&array[0].rr, 1024), KAVOE_OK);
   ASSERT_EQ(kavo_rr_alloc(&array[2].rr, sizeof(dns_rr_a4)), KAVOE_OK);
   EXPECT_EQ(kavo_copy_answer(host, node, &place, 3, &written, 0), KAVOE_OK);
-  EXPECT_EQ(support::render(array[0]), "127.0.0.2");
+  EXPECT_EQ(render(array[0]), "127.0.0.2");
   EXPECT_EQ(array[1].err_code, KAVOE_NXDOM);
   EXPECT_EQ(array[2].err_code, KAVOE_NOMEM) << "its block is too small";
   EXPECT_EQ(array[2].zone, 3);
@@ -165,7 +158,7 @@ TEST_F(AnswersTest, CopiesGoIntoTheCallersStorage) {
 }
 
 TEST_F(AnswersTest, RealListServer) {
-  const auto daemon = support::start_rbldnsd(
+  const auto daemon = start_rbldnsd(
       {{"ip.list", "ip4set", ":127.0.0.2:listed, see $\n192.0.2.0/24\n198.51.100.7 :127.0.0.9:alone\n!192.0.2.66\n"},
        {"more.list", "ip4set", ":127.0.0.3:too\n192.0.2.0/25\n"},
        {"dom.list", "dnset", ":127.0.1.2:bad domain\n.bad.example\nonly.example\n"}});
@@ -178,14 +171,29 @@ TEST_F(AnswersTest, RealListServer) {
     return answers.texts();
   };
   EXPECT_EQ(ask(KAVOT_BL_IP, kListed), (Texts{"127.0.0.2", "127.0.0.3"}));
-  EXPECT_EQ(ask(KAVOT_BL_IP, support::address_bytes("192.0.2.66")), (Texts{"NXDOM", "127.0.0.3"}));
-  EXPECT_EQ(ask(KAVOT_BL_IP, support::address_bytes("192.0.2.200")), (Texts{"127.0.0.2", "NXDOM"}));
-  EXPECT_EQ(ask(KAVOT_BL_IP_TXT, support::address_bytes("198.51.100.7")), Texts{"alone"});
+  EXPECT_EQ(ask(KAVOT_BL_IP, address_bytes("192.0.2.66")), (Texts{"NXDOM", "127.0.0.3"}));
+  EXPECT_EQ(ask(KAVOT_BL_IP, address_bytes("192.0.2.200")), (Texts{"127.0.0.2", "NXDOM"}));
+  EXPECT_EQ(ask(KAVOT_BL_IP_TXT, address_bytes("198.51.100.7")), Texts{"alone"});
   EXPECT_EQ(ask(KAVOT_BL_IP_TXT, kListed), Texts{"listed, see 192.0.2.1"});
   EXPECT_EQ(ask(KAVOT_BL_DOM, "deep.below.bad.example"), Texts{"127.0.1.2"});
   EXPECT_EQ(ask(KAVOT_BL_DOM, "ONLY.Example"), Texts{"127.0.1.2"});
   EXPECT_EQ(ask(KAVOT_BL_DOM, "not.only.example"), Texts{"NXDOM"});
   EXPECT_EQ(ask(KAVOT_BL_DOM_TXT, "bad.example"), Texts{"bad domain"});
+}
+
+// ask_at asks one server, in place of those of the context.
+std::string ask_at(KAVO kavo, uint16_t port, KAVO_TYPE type, const char *name, unsigned flags, Answers *answers) {
+  const sockaddr_in server = loopback(port);
+  unsigned char dn[DNS_MAXDN];
+  KAVO_QUERY_NODE node = nullptr;
+  EXPECT_GT(kavo_dns_ptodn(name, 0, dn, sizeof dn), 0);
+  EXPECT_EQ(kavo_subscribe_node_serv_ext(kavo, type, dn, reinterpret_cast<const sockaddr *>(&server), 1, flags,
+                                         Deadline(kLongMs), &node),
+            KAVOE_OK);
+  EXPECT_EQ(kavo_wait_node(kavo, node, KAVOWT_FULL, Deadline(kLongMs)), KAVOE_OK);
+  EXPECT_EQ(answers->copy(kavo, node), KAVOE_OK);
+  EXPECT_EQ(kavo_unsubscribe_node(kavo, node), KAVOE_OK);
+  return render((*answers)[0]);
 }
 
 constexpr const char *kMaster =
@@ -201,10 +209,9 @@ constexpr const char *kReverse =
 // An authoritative server and a resolver in front of it.
 class RecordsTest : public AnswersTest {
  protected:
-  std::unique_ptr<support::NameDaemon> master_ =
-      support::start_nsd({{"corp.example", kMaster}, {"2.0.192.in-addr.arpa", kReverse}});
-  std::unique_ptr<support::NameDaemon> resolver_ =
-      support::start_unbound({{"corp.example", master_->port()}, {"2.0.192.in-addr.arpa", master_->port()}});
+  std::unique_ptr<NameDaemon> master_ = start_nsd({{"corp.example", kMaster}, {"2.0.192.in-addr.arpa", kReverse}});
+  std::unique_ptr<NameDaemon> resolver_ =
+      start_unbound({{"corp.example", master_->port()}, {"2.0.192.in-addr.arpa", master_->port()}});
 };
 
 TEST_F(RecordsTest, EveryTypeDirectlyAndThroughAResolver) {
@@ -222,8 +229,8 @@ TEST_F(RecordsTest, EveryTypeDirectlyAndThroughAResolver) {
                                         {KAVOT_DNS_ETXT, "corp.example", "second,v=spf1 -all"},
                                         {KAVOT_DNS_SRV, "_smtp._tcp.corp.example", "1 2 25 mx1.corp.example"},
                                         {KAVOT_DNS_CNAME, "alias.corp.example", "middle.corp.example"},
-                                        {KAVOT_DNS_PTR, support::address_bytes("192.0.2.10"), "mx1.corp.example"},
-                                        {KAVOT_DNS_PTR, support::address_bytes("192.0.2.99"), "NXDOM"},
+                                        {KAVOT_DNS_PTR, address_bytes("192.0.2.10"), "mx1.corp.example"},
+                                        {KAVOT_DNS_PTR, address_bytes("192.0.2.99"), "NXDOM"},
                                         {KAVOT_DNS_A, "nobody.corp.example", "NXDOM"},
                                         {KAVOT_DNS_AAAA, "mx2.corp.example", "NODATA"},
                                         {KAVOT_DNS_MX, "alias.corp.example", "NODATA"}};
@@ -240,30 +247,17 @@ TEST_F(RecordsTest, EveryTypeDirectlyAndThroughAResolver) {
 
 TEST_F(RecordsTest, AliasesPacketsAndServersOfAQuestionsOwn) {
   Host host;
-  host.server(support::free_udp_port()).option(KAVOOPT_NTRIES, 2).option(KAVOOPT_TIMEOUT_MSEC, kShortMs).open();
+  host.server(free_udp_port()).option(KAVOOPT_NTRIES, 2).option(KAVOOPT_TIMEOUT_MSEC, kShortMs).open();
   Answers answers;
   ASSERT_EQ(answers.query(host, KAVOT_DNS_A, "alias.corp.example"), KAVOE_OK);
   EXPECT_EQ(answers[0].err_code, KAVOE_TIMEOUT) << "nobody listens there";
 
-  const sockaddr_in master = support::loopback(master_->port());
-  unsigned char dn[DNS_MAXDN];
-  const auto ask = [&](KAVO_TYPE type, const char *name, unsigned flags) {
-    KAVO_QUERY_NODE node = nullptr;
-    EXPECT_GT(kavo_dns_ptodn(name, 0, dn, sizeof dn), 0);
-    EXPECT_EQ(kavo_subscribe_node_serv_ext(host, type, dn, reinterpret_cast<const sockaddr *>(&master), 1, flags,
-                                           Deadline(kLongMs), &node),
-              KAVOE_OK);
-    EXPECT_EQ(kavo_wait_node(host, node, KAVOWT_FULL, Deadline(kLongMs)), KAVOE_OK);
-    EXPECT_EQ(answers.copy(host, node), KAVOE_OK);
-    EXPECT_EQ(kavo_unsubscribe_node(host, node), KAVOE_OK);
-    return support::render(answers[0]);
-  };
-  EXPECT_EQ(ask(KAVOT_DNS_A, "alias.corp.example", 0), "192.0.2.10,192.0.2.11");
+  EXPECT_EQ(ask_at(host, master_->port(), KAVOT_DNS_A, "alias.corp.example", 0, &answers), "192.0.2.10,192.0.2.11");
   EXPECT_STREQ(answers[0].rr.rr_a->dnsa4_cname, "mx1.corp.example");
   EXPECT_STREQ(answers[0].rr.rr_a->dnsa4_qname, "alias.corp.example");
   EXPECT_EQ(answers[0].rr.rr_a->dnsa4_ttl, 300);
   for (const KAVO_TYPE type : {KAVOT_DNS_SOA, KAVOT_DNS_MX}) {
-    const std::string text = ask(type, "corp.example", KAVOQF_PKT);
+    (void)ask_at(host, master_->port(), type, "corp.example", KAVOQF_PKT, &answers);
     ASSERT_EQ(answers[0].type, KAVOT_PKT);
     const dns_rr_pkt *packet = answers[0].rr.rr_pkt;
     ASSERT_GT(packet->dnspkt_psize, static_cast<uint32_t>(DNS_HSIZE));
@@ -292,22 +286,14 @@ TEST_F(AnswersTest, CacheAnswersTheSecondTime) {
   EXPECT_EQ(server.received(), 3u) << "no packet more";
 
   // A question with servers of its own goes past the cache.
-  unsigned char dn[DNS_MAXDN];
-  ASSERT_GT(kavo_dns_ptodn("1.2.0.192.c.list", 0, dn, sizeof dn), 0);
-  const sockaddr_in own = support::loopback(server.port());
-  KAVO_QUERY_NODE node = nullptr;
-  ASSERT_EQ(
-      kavo_subscribe_node_serv(host, KAVOT_DNS_A, dn, reinterpret_cast<const sockaddr *>(&own), 1, nullptr, &node),
-      KAVOE_OK);
-  EXPECT_EQ(kavo_wait_node(host, node, KAVOWT_FULL, Deadline(kLongMs)), KAVOE_OK);
-  EXPECT_EQ(kavo_unsubscribe_node(host, node), KAVOE_OK);
+  (void)ask_at(host, server.port(), KAVOT_DNS_A, "1.2.0.192.c.list", 0, &answers);
   EXPECT_GT(server.received(), 3u);
 }
 
 TEST_F(AnswersTest, CachedZoneShowsWhileAnotherIsAsked) {
   ListServer server(kThreeZones);
   Host host(64, kCache);
-  host.server(server.port()).option(KAVOOPT_TIMEOUT_MSEC, kNeverMs).option(KAVOOPT_CLOSE_FAST, 1);
+  host.server(server.port()).patient();
   host.zone(KAVOT_BL_IP, "a.list").zone(KAVOT_BL_IP, "dead.list").open();
   Answers answers;
   ASSERT_EQ(answers.query(host, KAVOT_DNS_A, "1.2.0.192.a.list"), KAVOE_OK);
@@ -331,7 +317,7 @@ TEST_F(AnswersTest, ExpiredAnswerComesEarlyAndServesWhenTheServerIsGone) {
     Node node(host, KAVOT_BL_IP, "192.0.2.1");
     ASSERT_EQ(node.wait(KAVOWT_FULL), KAVOE_OK);
     std::vector<KAVO_ANSWER> all;
-    EXPECT_EQ(support::in_place(host, node, &all), (Texts{"127.0.0.8", "127.0.0.8"}));
+    EXPECT_EQ(in_place(host, node, &all), (Texts{"127.0.0.8", "127.0.0.8"}));
     ASSERT_EQ(all.size(), 2u);
     EXPECT_EQ(all[0].cache_code, KAVOCC_NEXISTS);
     EXPECT_EQ(all[1].cache_code, KAVOCC_OLD);
@@ -349,50 +335,38 @@ TEST_F(AnswersTest, ExpiredAnswerComesEarlyAndServesWhenTheServerIsGone) {
   EXPECT_EQ(answers[0].cache_code, KAVOCC_OLD);
 }
 
-TEST_F(AnswersTest, WrongAnswersAreNeverBelieved) {
+TEST_F(AnswersTest, LiarsAreNeverBelievedAndFailingServersLeftAtOnce) {
   ListServer honest(kThreeZones);
-  for (const char *kind : {"wrong=id", "wrong=question", "wrong=garbage", "wrong=cut", "case"}) {
+  for (const char *kind : {"wrong=id", "wrong=question", "wrong=garbage", "wrong=cut", "case", "wrong=servfail",
+                           "wrong=refused", "wrong=notimpl"}) {
+    SCOPED_TRACE(kind);
+    const std::string said(kind);
+    const bool fails = said == "wrong=servfail" || said == "wrong=refused" || said == "wrong=notimpl";
     ListServer liar("zone a.list\nlist 192.0.2.1 127.0.0.66\n", {kind});
     Answers answers;
     Host alone;
-    alone.server(liar.port()).zone(KAVOT_BL_IP, "a.list");
-    alone.option(KAVOOPT_TIMEOUT_MSEC, kShortMs).option(KAVOOPT_NTRIES, 2).open();
+    alone.server(liar.port()).zone(KAVOT_BL_IP, "a.list").option(KAVOOPT_CLOSE_FAST, 1);
+    if (!fails) alone.option(KAVOOPT_TIMEOUT_MSEC, kShortMs).option(KAVOOPT_NTRIES, 2);
+    alone.open();
     ASSERT_EQ(answers.query(alone, KAVOT_BL_IP, kListed), KAVOE_OK);
-    EXPECT_EQ(answers[0].err_code, KAVOE_TIMEOUT) << kind;
-    EXPECT_EQ(liar.received(), 2u) << kind;
+    EXPECT_EQ(answers[0].err_code, fails ? KAVOE_DNS : KAVOE_TIMEOUT);
+    EXPECT_EQ(liar.received(), fails ? 1u : 2u);
 
     Host both;
     both.server(liar.port()).server(honest.port()).zone(KAVOT_BL_IP, "a.list");
-    both.option(KAVOOPT_TIMEOUT_MSEC, kShortMs).option(KAVOOPT_NTRIES, 50).open();
+    if (fails)
+      both.patient().open();  // no time-out can pass while the test waits
+    else
+      both.option(KAVOOPT_TIMEOUT_MSEC, kShortMs).option(KAVOOPT_NTRIES, 50).open();
     ASSERT_EQ(answers.query(both, KAVOT_BL_IP, kListed), KAVOE_OK);
-    EXPECT_EQ(answers.texts(), Texts{"127.0.0.2"}) << kind;
-  }
-}
-
-TEST_F(AnswersTest, ServerThatFailsIsLeftAtOnce) {
-  ListServer honest(kThreeZones);
-  for (const char *kind : {"wrong=servfail", "wrong=refused", "wrong=notimpl"}) {
-    ListServer failing("zone a.list\nlist 192.0.2.1 127.0.0.66\n", {kind});
-    Answers answers;
-    // No time-out of this context can pass while the test waits.
-    Host both;
-    both.server(failing.port()).server(honest.port()).zone(KAVOT_BL_IP, "a.list");
-    both.option(KAVOOPT_TIMEOUT_MSEC, kNeverMs).option(KAVOOPT_CLOSE_FAST, 1).open();
-    ASSERT_EQ(answers.query(both, KAVOT_BL_IP, kListed), KAVOE_OK);
-    EXPECT_EQ(answers.texts(), Texts{"127.0.0.2"}) << kind;
-    EXPECT_EQ(failing.received(), 1u) << kind;
-
-    Host alone;
-    alone.server(failing.port()).zone(KAVOT_BL_IP, "a.list").option(KAVOOPT_CLOSE_FAST, 1).open();
-    ASSERT_EQ(answers.query(alone, KAVOT_BL_IP, kListed), KAVOE_OK);
-    EXPECT_EQ(answers[0].err_code, KAVOE_DNS) << kind;
+    EXPECT_EQ(answers.texts(), Texts{"127.0.0.2"});
   }
 }
 
 TEST_F(AnswersTest, ServersAreCountedFor) {
   ListServer server(kThreeZones);
   Host host;
-  host.server(support::free_udp_port()).server(server.port());
+  host.server(free_udp_port()).server(server.port());
   host.zone(KAVOT_BL_IP, "a.list").zone(KAVOT_BL_DOM, "dead.list");
   host.option(KAVOOPT_TIMEOUT_MSEC, kShortMs).option(KAVOOPT_NTRIES, 10).open();
   const time_t before = time(nullptr);
@@ -402,26 +376,20 @@ TEST_F(AnswersTest, ServersAreCountedFor) {
   ASSERT_EQ(answers.query(host, KAVOT_BL_DOM, "example"), KAVOE_OK);
   EXPECT_EQ(answers[0].err_code, KAVOE_TIMEOUT);
 
-  const sockaddr_in place = support::loopback(server.port());
+  const sockaddr_in place = loopback(server.port());
   const auto *address = reinterpret_cast<const sockaddr *>(&place);
   uint64_t sent = 0, used = 0, timed_out = 0;
   int average = -1, last = -1, checked = -1;
-  EXPECT_EQ(kavo_get_serv_nqsent(host, address, &sent), KAVOE_OK);
-  EXPECT_EQ(kavo_get_serv_nused(host, address, &used), KAVOE_OK);
-  EXPECT_EQ(kavo_get_serv_ntimeout(host, address, &timed_out), KAVOE_OK);
-  EXPECT_EQ(kavo_get_serv_avgrtt(host, address, &average), KAVOE_OK);
-  EXPECT_EQ(kavo_get_serv_lastrtt(host, address, &last), KAVOE_OK);
-  EXPECT_EQ(kavo_get_serv_last_check(host, address, &checked), KAVOE_OK);
+  for (const KAVO_ERR error :
+       {kavo_get_serv_nqsent(host, address, &sent), kavo_get_serv_nused(host, address, &used),
+        kavo_get_serv_ntimeout(host, address, &timed_out), kavo_get_serv_avgrtt(host, address, &average),
+        kavo_get_serv_lastrtt(host, address, &last), kavo_get_serv_last_check(host, address, &checked)})
+    EXPECT_EQ(error, KAVOE_OK);
   EXPECT_EQ(sent, server.received());
-  EXPECT_GE(sent, 2u);
-  EXPECT_GE(used, 1u);
-  EXPECT_LE(used, 2u) << "not more often than there were questions";
-  EXPECT_GE(timed_out, 1u);
-  EXPECT_LT(timed_out, sent);
-  EXPECT_GE(average, 0);
-  EXPECT_GE(last, 0);
-  EXPECT_GE(checked, before);
-  EXPECT_LE(checked, time(nullptr));
+  EXPECT_TRUE(used >= 1 && used <= 2) << "not more often than there were questions";
+  EXPECT_TRUE(timed_out >= 1 && timed_out < sent) << timed_out << " of " << sent;
+  EXPECT_TRUE(average >= 0 && last >= 0);
+  EXPECT_TRUE(checked >= before && checked <= time(nullptr)) << checked;
 }
 
 }  // namespace

@@ -18,29 +18,14 @@
 
 namespace {
 
-using support::Answers;
-using support::Deadline;
-using support::Host;
-using support::kLongMs;
-using support::kShortMs;
-using support::ListServer;
-using support::Node;
+using namespace support;
 
-constexpr const char *kZones = "zone live.list\nlist 192.0.2.0/24\nzone dead.list\nfault dead\n";
-constexpr uint32_t kNeverMs = 300'000;  // a time-out that no test sits through
-
-class NodesTest : public support::HostTest {
- protected:
-  ListServer server_{kZones};
-};
+using NodesTest = LiveAndDeadTest;
 
 // A context whose list questions about addresses stay open until it is closed.
 class PendingTest : public NodesTest {
  protected:
-  PendingTest() {
-    host_.server(server_.port()).zone(KAVOT_BL_IP, "dead.list");
-    host_.option(KAVOOPT_CLOSE_FAST, 1).option(KAVOOPT_TIMEOUT_MSEC, kNeverMs);
-  }
+  PendingTest() { host_.server(server_.port()).zone(KAVOT_BL_IP, "dead.list").patient(); }
   Host host_{4};
 };
 
@@ -53,9 +38,8 @@ TEST_F(PendingTest, WaitsRunOutAndLeaveTheNodeAsItWas) {
   EXPECT_EQ(node.wait(KAVOWT_FULL, UINT_MAX - 1), KAVOE_TIMEOUT) << "that moment has passed";
   Answers answers;
   EXPECT_EQ(answers.copy(host_, node), KAVOE_NODATA);
-  EXPECT_EQ(answers.query(host_, KAVOT_BL_IP, support::address_bytes("192.0.2.2"), 0, kShortMs), KAVOE_TIMEOUT);
-  EXPECT_EQ(answers.query(host_, KAVOT_BL_IP, support::address_bytes("192.0.2.2"), 0, kLongMs, KAVOWT_NONE),
-            KAVOE_NODATA);
+  EXPECT_EQ(answers.query(host_, KAVOT_BL_IP, address_bytes("192.0.2.2"), 0, kShortMs), KAVOE_TIMEOUT);
+  EXPECT_EQ(answers.query(host_, KAVOT_BL_IP, address_bytes("192.0.2.2"), 0, kLongMs, KAVOWT_NONE), KAVOE_NODATA);
   ASSERT_EQ(kavo_close(host_), KAVOE_OK);
   EXPECT_EQ(kavo_nactive(host_), 1u) << "neither call leaves a node held";
 }
@@ -117,21 +101,14 @@ TEST_F(PendingTest, OneSignalReleasesOneOfTwoWaiters) {
 // A list of the host's own, shown to the library node by node.
 struct HostList {
   std::vector<KAVO_QUERY_NODE> nodes;
+  unsigned claimed = 2;  // what count() says
   size_t at = 0;
-  unsigned claimed = 0;  // what count() says
 
+  static HostList &of(void *list) { return *static_cast<HostList *>(list); }
   KAVO_NODELIST_ITERATOR iterator() {
-    claimed = static_cast<unsigned>(nodes.size());
-    return {this, [](void *list) { return static_cast<HostList *>(list)->claimed; },
-            [](void *list) { static_cast<HostList *>(list)->at = 0; },
-            [](void *list) {
-              auto *self = static_cast<HostList *>(list);
-              return ++self->at < self->nodes.size() ? 1 : 0;
-            },
-            [](void *list) {
-              auto *self = static_cast<HostList *>(list);
-              return self->at < self->nodes.size() ? self->nodes[self->at] : nullptr;
-            }};
+    return {this, [](void *list) { return of(list).claimed; }, [](void *list) { of(list).at = 0; },
+            [](void *list) { return ++of(list).at < of(list).nodes.size() ? 1 : 0; },
+            [](void *list) { return of(list).at < of(list).nodes.size() ? of(list).nodes[of(list).at] : nullptr; }};
   }
 };
 
@@ -172,31 +149,6 @@ TEST_F(PendingTest, ArrayWaitTakesEverySignalAListWaitOne) {
   EXPECT_EQ(kavo_wait_multiple_nodes(host_, holed, 2, KAVOWT_FULL, 1, Deadline(kLongMs), nullptr), KAVOE_BADPAR);
 }
 
-TEST_F(NodesTest, SyncNodesOfManyThreadsAreTheirOwn) {
-  constexpr int kThreads = 4, kNodes = 50;
-  Host host(kThreads * kNodes);
-  host.open();
-  std::array<std::array<KAVO_QUERY_NODE, kNodes>, kThreads> nodes{};
-  std::vector<std::thread> threads;
-  for (auto &row : nodes) {
-    threads.emplace_back([&host, &row] {
-      for (KAVO_QUERY_NODE &node : row)
-        EXPECT_EQ(kavo_subscribe_syncnode(host, nullptr, &node), KAVOE_OK);
-    });
-  }
-  for (std::thread &thread : threads)
-    thread.join();
-  std::set<KAVO_QUERY_NODE> distinct;
-  for (const auto &row : nodes)
-    distinct.insert(row.begin(), row.end());
-  EXPECT_EQ(distinct.size(), static_cast<size_t>(kThreads * kNodes));
-  KAVO_QUERY_NODE more = nullptr;
-  EXPECT_EQ(kavo_subscribe_syncnode(host, Deadline(kShortMs), &more), KAVOE_TIMEOUT) << "the table is full";
-  for (KAVO_QUERY_NODE node : distinct)
-    EXPECT_EQ(kavo_unsubscribe_node(host, node), KAVOE_OK);
-  EXPECT_EQ(kavo_nactive(host), 0u);
-}
-
 TEST_F(NodesTest, FullTableMakesOthersWaitUntilTheirDeadline) {
   Host host(1);
   host.server(server_.port()).zone(KAVOT_BL_IP, "live.list").open();
@@ -204,6 +156,7 @@ TEST_F(NodesTest, FullTableMakesOthersWaitUntilTheirDeadline) {
   ASSERT_EQ(first.wait(KAVOWT_FULL), KAVOE_OK);
   KAVO_QUERY_NODE other = nullptr;
   EXPECT_EQ(kavo_subscribe_node_p(host, KAVOT_BL_IP, "192.0.2.2", 0, Deadline(kShortMs), &other), KAVOE_TIMEOUT);
+  EXPECT_EQ(kavo_subscribe_syncnode(host, Deadline(kShortMs), &other), KAVOE_TIMEOUT);
   EXPECT_EQ(kavo_nactive(host), 1u);
   Node same(host, KAVOT_BL_IP, "192.0.2.1");
   EXPECT_EQ(static_cast<KAVO_QUERY_NODE>(same), static_cast<KAVO_QUERY_NODE>(first)) << "joining needs no room";
@@ -226,7 +179,7 @@ TEST_F(NodesTest, FullTableMakesOthersWaitUntilTheirDeadline) {
     const std::string subject = i % 3 == 0 ? "192.0.2.1" : "192.0.2." + std::to_string(i);
     Node node(host, KAVOT_BL_IP, subject);
     ASSERT_EQ(node.wait(KAVOWT_FULL), KAVOE_OK);
-    ASSERT_EQ(support::in_place(host, node), std::vector<std::string>{"127.0.0.2"});
+    ASSERT_EQ(in_place(host, node), std::vector<std::string>{"127.0.0.2"});
   }
   EXPECT_EQ(kavo_nactive(host), 0u);
 }
@@ -257,26 +210,19 @@ TEST_F(NodesTest, TwoWhoWaitForRoomWithOneQuestionTakeOnePlace) {
 
 TEST_F(NodesTest, SameQuestionSharesItsNode) {
   Host host;
-  host.server(server_.port()).zone(KAVOT_BL_DOM, "dead.list");
-  host.option(KAVOOPT_CLOSE_FAST, 1).option(KAVOOPT_TIMEOUT_MSEC, kNeverMs).open();
-  const auto same = [](const Node &a, const Node &b) {
-    return static_cast<KAVO_QUERY_NODE>(a) == static_cast<KAVO_QUERY_NODE>(b);
-  };
+  host.server(server_.port()).zone(KAVOT_BL_DOM, "dead.list").patient().open();
   Node plain(host, KAVOT_BL_DOM, "Mail.Example.ORG"), lower(host, KAVOT_BL_DOM, "mail.example.org");
   Node packet(host, KAVOT_BL_DOM, "mail.example.org", KAVOQF_PKT);
   Node recursive(host, KAVOT_BL_DOM, "mail.example.org", KAVOQF_RECURSIVE);
   Node high(host, KAVOT_BL_DOM, "mail.example.org", 0xffff0000u);
-  EXPECT_TRUE(same(plain, lower));
-  EXPECT_FALSE(same(plain, packet));
-  EXPECT_FALSE(same(plain, recursive));
-  EXPECT_FALSE(same(packet, recursive));
-  EXPECT_TRUE(same(plain, high)) << "the high bits are the library's own";
+  EXPECT_EQ((std::set<KAVO_QUERY_NODE>{plain, packet, recursive}.size()), 3u);
+  EXPECT_EQ((std::set<KAVO_QUERY_NODE>{plain, lower, high}.size()), 1u) << "the high bits are the library's own";
   EXPECT_EQ(kavo_nactive(host), 3u);
 
   unsigned char dn[DNS_MAXDN];
   ASSERT_GT(kavo_dns_ptodn("mail.example.org", 0, dn, sizeof dn), 0);
   std::array<sockaddr_in, KAVO_MAX_SERV + 1> servers;
-  servers.fill(support::loopback(server_.port()));
+  servers.fill(loopback(server_.port()));
   servers[1].sin_addr.s_addr = htonl(INADDR_LOOPBACK + 1);
   const auto *list = reinterpret_cast<const sockaddr *>(servers.data());
   const auto subscribe = [&](const sockaddr *serv, unsigned count, unsigned flags, KAVO_QUERY_NODE *node) {
@@ -339,13 +285,14 @@ TEST_F(PendingTest, ExpiredEntriesSpeakAsTheyDidWhenTheyLived) {
   static StaleCache stale;
   ASSERT_EQ(kavo_set_ext_cache(host_, KAVOCT_ANS, &stale), KAVOE_OK);
   host_.open();
-  const std::array<const char *, 4> said{"NXDOM", "NODATA", "NODATA", "127.0.0.9"};
-  const std::array<const char *, 4> subjects{"192.0.2.1", "192.0.2.3", "192.0.2.4", "192.0.2.5"};
-  for (size_t i = 0; i < said.size(); ++i) {
-    Node node(host_, KAVOT_BL_IP, subjects[i]);
+  for (const auto &[subject, said] : {std::pair{"192.0.2.1", "NXDOM"},
+                                      {"192.0.2.3", "NODATA"},
+                                      {"192.0.2.4", "NODATA"},
+                                      {"192.0.2.5", "127.0.0.9"}}) {
+    Node node(host_, KAVOT_BL_IP, subject);
     ASSERT_EQ(node.wait(KAVOWT_FIRST), KAVOE_OK);
     std::vector<KAVO_ANSWER> all;
-    EXPECT_EQ(support::in_place(host_, node, &all), std::vector<std::string>{said[i]}) << subjects[i];
+    EXPECT_EQ(in_place(host_, node, &all), std::vector<std::string>{said}) << subject;
     ASSERT_EQ(all.size(), 1u);
     EXPECT_EQ(all[0].cache_code, KAVOCC_OLD);
     EXPECT_EQ(all[0].zone, 1);

@@ -48,7 +48,8 @@ bool contains(const std::string &text, const std::string &part) {
 
 // describe reads a whole block through its public layout; its names and its array must lie in its used bytes.
 std::string describe(KAVO_TYPE type, const KAVO_RR &rr) {
-  if (type == KAVOT_PKT) return std::string(reinterpret_cast<const char *>(rr.rr_pkt->dnspkt_pkt), 6);
+  if (type == KAVOT_PKT)
+    return std::string(reinterpret_cast<const char *>(rr.rr_pkt->dnspkt_pkt), rr.rr_pkt->dnspkt_psize);
   const dns_rr_null &head = *rr.rr_null;
   const char *start = reinterpret_cast<const char *>(&head);
   for (const char *place : std::initializer_list<const char *>{head.dnsn_cname, head.dnsn_qname,

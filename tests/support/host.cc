@@ -120,6 +120,10 @@ Host &Host::option(KAVO_OPT option, uint32_t value) {
   return *this;
 }
 
+Host &Host::patient() {
+  return option(KAVOOPT_CLOSE_FAST, 1).option(KAVOOPT_TIMEOUT_MSEC, kNeverMs);
+}
+
 Host &Host::open() {
   EXPECT_EQ(kavo_open(kavo_), KAVOE_OK);
   return *this;

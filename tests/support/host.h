@@ -21,6 +21,7 @@ namespace support {
 inline constexpr unsigned kLongMs = 60'000;
 // For waits that are meant to run out.
 inline constexpr unsigned kShortMs = 60;
+inline constexpr uint32_t kNeverMs = 300'000;  // a time-out that no test sits through
 
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
 inline constexpr bool kSanitized = true;
@@ -56,6 +57,7 @@ class Host {
   Host &server(uint16_t port);  // of 127.0.0.1, after those that are there
   Host &zone(KAVO_TYPE type, const char *name);
   Host &option(KAVO_OPT option, uint32_t value);
+  Host &patient();  // waits for an answer until it is closed, which fails what is open
   Host &open();
 
  private:
@@ -134,6 +136,12 @@ class HostTest : public testing::Test {
  protected:
   void SetUp() override;
   void TearDown() override;
+};
+
+// LiveAndDeadTest has a server with a list that answers and one that keeps its questions open.
+class LiveAndDeadTest : public HostTest {
+ protected:
+  ListServer server_{"zone live.list\nlist 192.0.2.0/24\nzone dead.list\nfault dead\n"};
 };
 
 }  // namespace support

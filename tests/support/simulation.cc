@@ -50,21 +50,20 @@ struct Packet {
   }
 };
 
-Bytes address_data(in_addr_t address) {
-  Packet data;
-  data.u32(address);
-  return data.bytes;
-}
-
 Bytes name_data(const std::string &dotted) {
   Packet data;
   data.name(dotted);
   return data.bytes;
 }
 
-Bytes soa_data() {
+Bytes address_data(in_addr_t address) {
   Packet data;
-  data.name("ns.test");
+  data.u32(address);
+  return data.bytes;
+}
+
+Bytes soa_data() {
+  Packet data{name_data("ns.test")};
   data.name("admin.test");
   for (const uint32_t figure : {1U, 3600U, 600U, 86400U, 60U})
     data.u32(figure);
@@ -85,9 +84,20 @@ void set_counts(Bytes *packet, unsigned answers, unsigned authority, unsigned rc
   (*packet)[9] = static_cast<uint8_t>(authority);
 }
 
+// echo is the header and the question, where every answer starts.
+Packet echo(const Bytes &question) {
+  return {Bytes(question.begin(), question.begin() + static_cast<long>(question_end(question)))};
+}
+
+Bytes bare(const Bytes &question, unsigned rcode) {
+  Packet packet = echo(question);
+  set_counts(&packet.bytes, 0, 0, rcode);
+  return packet.bytes;
+}
+
 Bytes honest(const Bytes &question) {
   const Truth truth = truth_of(question.data() + DNS_HSIZE);
-  Packet packet{Bytes(question.begin(), question.begin() + static_cast<long>(question_end(question)))};
+  Packet packet = echo(question);
   if (truth.status == DNS_E_NOERROR) {
     packet.u16(0xC00C);
     packet.record(DNS_T_A, address_data(truth.address));
@@ -104,7 +114,7 @@ Bytes honest(const Bytes &question) {
 Bytes aliased(const Bytes &question, bool loop) {
   const Truth truth = truth_of(question.data() + DNS_HSIZE);
   if (truth.status != DNS_E_NOERROR && !loop) return honest(question);
-  Packet packet{Bytes(question.begin(), question.begin() + static_cast<long>(question_end(question)))};
+  Packet packet = echo(question);
   if (!loop) {
     packet.name("end.test");
     packet.record(DNS_T_A, address_data(truth.address));
@@ -122,7 +132,7 @@ Bytes aliased(const Bytes &question, bool loop) {
 }
 
 Bytes referral(const Bytes &question) {
-  Packet packet{Bytes(question.begin(), question.begin() + static_cast<long>(question_end(question)))};
+  Packet packet = echo(question);
   packet.name("test");
   packet.record(DNS_T_NS, name_data("ns.test"));
   set_counts(&packet.bytes, 0, 1, DNS_R_NOERROR, false);
@@ -151,43 +161,35 @@ Truth truth_of(const uint8_t *dn) {
 }
 
 Bytes answer_to(const Bytes &question, Temper temper) {
-  const size_t end = question_end(question);
-  Bytes error(question.begin(), question.begin() + static_cast<long>(end));
+  Bytes answer = honest(question);
   switch (temper) {
     case Temper::good:
-      return honest(question);
+      return answer;
     case Temper::dead:
       return {};
     case Temper::refuses:
-      set_counts(&error, 0, 0, DNS_R_REFUSED);
-      return error;
+      return bare(question, DNS_R_REFUSED);
     case Temper::fails:
-      set_counts(&error, 0, 0, DNS_R_SERVFAIL);
-      return error;
+      return bare(question, DNS_R_SERVFAIL);
     case Temper::truncates:
-      set_counts(&error, 0, 0, DNS_R_NOERROR);
-      error[2] |= 2;
-      return error;
-    case Temper::garbles: {
-      Bytes answer = honest(question);
+      answer = bare(question, DNS_R_NOERROR);
+      answer[2] |= 2;
+      return answer;
+    case Temper::garbles:
       answer.resize(answer.size() - 3);
       return answer;
-    }
     case Temper::wrong_name:
-      return wrongly(honest(question), DNS_HSIZE + 2);
+      return wrongly(answer, DNS_HSIZE + 2);
     case Temper::wrong_id:
-      return wrongly(honest(question), 1);
+      return wrongly(answer, 1);
     case Temper::wrong_type:
-      return wrongly(honest(question), end - 3);
-    case Temper::request: {
-      Bytes answer = honest(question);
+      return wrongly(answer, question_end(question) - 3);
+    case Temper::request:
       answer[2] &= 0x7F;
       return answer;
-    }
     case Temper::chains:
-      return aliased(question, false);
     case Temper::loops:
-      return aliased(question, true);
+      return aliased(question, temper == Temper::loops);
     case Temper::refers:
       return referral(question);
   }
