@@ -706,6 +706,23 @@ KAVO_EXPORT KAVO_ERR kavo_cache_del(KAVO_CACHE cacher, KAVO_TYPE kavo_query_type
 /* kavo_cache_has returns KAVOE_OK when an entry is there that has not expired, KAVOE_NODATA when not. */
 KAVO_EXPORT KAVO_ERR kavo_cache_has(KAVO_CACHE cacher, KAVO_TYPE kavo_query_type, const char *query, int query_len);
 
+/*
+ * kavo_cachesave writes the context's own caches to a file, which it creates (permissions 0644) or overwrites, and
+ * kavo_cacheload fills the context's own caches from one; caches of the host's are left alone. A dump holds what is
+ * alive, each entry as old as it is, so that times to live go on counting while it lies in the file; expired entries
+ * too where the cache returns them. A cache of the dump goes where the context has one for its use: one that served
+ * answers and referrals into both where these are two, two into the one that serves both. What the context's cache
+ * knows as fresh or fresher stays. From any thread at any time, while the context runs too, but not while
+ * kavo_set_ext_cache is called.
+ *
+ * The file is written in place: a process that is killed while saving leaves a file that kavo_cacheload refuses. So is
+ * every file that is cut off, altered, or no dump; what a failed load has put into the caches until then stays, none of
+ * it from the damaged cache. KAVOE_BADPAR; KAVOE_FILE when the file cannot be opened, written or read, and for one that
+ * is refused; KAVOE_FAIL for what is no regular file to load from; KAVOE_NOMEM.
+ */
+KAVO_EXPORT KAVO_ERR kavo_cachesave(KAVO kavo, const char *filename);
+KAVO_EXPORT KAVO_ERR kavo_cacheload(KAVO kavo, const char *filename);
+
 /* ---- servers ---------------------------------------------------------------------------------------------------- */
 
 /* kavo_set_dns_server replaces the servers to ask: by one, where `server_domain` is an IPv4 address; with `direct` not

@@ -175,6 +175,59 @@ KAVO_EXPORT int dns_cdata_addrr(struct dns_cdata *entry, const dns_rr *rr, const
 KAVO_EXPORT int dns_cdata_nextrr(struct dns_cdata *entry, dns_rr *rr);
 KAVO_EXPORT void dns_cdata_rewind(struct dns_cdata *entry);
 
+/* ---- cache dumps ------------------------------------------------------------------------------------------------ */
+
+/*
+ * A dump keeps the entries of caches in a file, in a format of the engine's own: a magic number and a version, each
+ * cache with user data of its caller's, network byte order, absolute times, checksums throughout, and an end mark that
+ * is written last. A dump context (struct dns_cdump) is used by one thread at a time; the caches may be used by any
+ * thread meanwhile. The context has a descriptor of its own for the file: the caller may close his once init has
+ * returned. `now` is what dns_gettime gave; what had expired by then is neither saved nor loaded, unless the cache
+ * returns expired entries (DNS_CR_EXPIRED).
+ *
+ * A file that is cut off, altered or something else is refused with DNS_E_TFILE. One whose writer was killed has no end
+ * mark and is refused before anything of it is loaded; of a cache whose section is damaged nothing is loaded.
+ */
+struct dns_cdump;
+
+/* dns_cdump_save_init begins a dump at the position of `fd`, which is open for writing. Returns the context, released
+ * by dns_cdump_save_finish, or null for another descriptor and without memory. */
+KAVO_EXPORT struct dns_cdump *dns_cdump_save_init(int fd, dns_time now);
+
+/* dns_cdump_save_cache appends a cache, with `size` bytes (at most 256) of user data. An entry that is in the cache all
+ * the while is saved; one that comes or goes meanwhile may be. The order of last use is not kept. 0; DNS_E_WFILE;
+ * DNS_E_INVAL; DNS_E_FAIL. After a failure the dump cannot be completed any more: everything returns the same status.
+ */
+KAVO_EXPORT int dns_cdump_save_cache(struct dns_cdump *dump, struct dns_cache *cache, const void *udata, unsigned size);
+
+/* dns_cdump_save_finish completes the file, unless the saving failed, and releases the context in any case. 0, or the
+ * status of what failed: the file then is no dump. The file is not synchronized with its disk. */
+KAVO_EXPORT int dns_cdump_save_finish(struct dns_cdump *dump);
+
+/* dns_cdump_load_init begins to load the dump that stands from the position of `fd` to the end of its file, which must
+ * be a regular one open for reading. Returns the context, released by dns_cdump_load_finish, or null for another
+ * descriptor and without memory. */
+KAVO_EXPORT struct dns_cdump *dns_cdump_load_init(int fd, dns_time now);
+
+/* dns_cdump_first_cache and dns_cdump_next_cache move to the first cache of the dump or the next one, and read it
+ * through. 1: it is there and whole; 0: the dump holds no more; DNS_E_TFILE; DNS_E_RFILE; DNS_E_INVAL, also for a next
+ * one before the first or after a failure. */
+KAVO_EXPORT int dns_cdump_first_cache(struct dns_cdump *dump);
+KAVO_EXPORT int dns_cdump_next_cache(struct dns_cdump *dump);
+
+/* dns_cdump_get_udata copies the current cache's user data into `buffer`. Returns their bytes, which `stored` (null
+ * allowed) receives too; DNS_E_NOBUFS when `size` is less, with `stored` set; DNS_E_INVAL without a current cache. */
+KAVO_EXPORT int dns_cdump_get_udata(const struct dns_cdump *dump, void *buffer, unsigned size, unsigned *stored);
+
+/* dns_cdump_load_cache puts the current cache's entries into `cache`, each as old as it is. What the cache has that is
+ * as new stays; denials are left out where it keeps none, and entries too large for it. 0; DNS_E_NODATA when it kept
+ * none; DNS_E_NOMEM; DNS_E_RFILE; DNS_E_TFILE when the file was changed since dns_cdump_next_cache, or its entries are
+ * none that a cache could hold; DNS_E_FAIL; DNS_E_INVAL. */
+KAVO_EXPORT int dns_cdump_load_cache(struct dns_cdump *dump, struct dns_cache *cache);
+
+/* dns_cdump_load_finish releases the context. 0, or DNS_E_INVAL. */
+KAVO_EXPORT int dns_cdump_load_finish(struct dns_cdump *dump);
+
 #ifdef __cplusplus
 }
 #endif

@@ -12,6 +12,7 @@
 #include <bit>
 #include <new>
 
+#include "cache_image.h"
 #include "cache_shard.h"
 #include "cdata.h"
 #include "dns_engine.h"
@@ -51,7 +52,10 @@ struct dns_cache : dns_cacher {
     for (unsigned i = 0; i < shards_begun; ++i)
       shards[i].end();
   }
-  Shard *shard_of(const Key &key) { return &shards[(key.hash >> (64 - kShardHashBits)) & (shards_count - 1)]; }
+  [[nodiscard]] size_t shard_number(uint64_t hash) const {
+    return (hash >> (64 - kShardHashBits)) & (shards_count - 1);
+  }
+  Shard *shard_of(const Key &key) { return &shards[shard_number(key.hash)]; }
 };
 
 namespace {
@@ -64,15 +68,19 @@ dns_cache *of(dns_cacher *cacher) {
   return static_cast<dns_cache *>(cacher);
 }
 
+Key key_of(const dns_cache *cache, std::span<const uint8_t> dn, uint16_t typ, uint16_t cls) {
+  uint8_t bytes[DNS_MAXDN + sizeof typ + sizeof cls];
+  size_t size = dn.size();
+  memcpy(bytes, dn.data(), size);
+  memcpy(bytes + size, &typ, sizeof typ);
+  size += sizeof typ;
+  memcpy(bytes + size, &cls, sizeof cls);
+  size += sizeof cls;
+  return {dn.data(), static_cast<uint8_t>(dn.size()), typ, cls, siphash_folded(cache->secret, bytes, size)};
+}
+
 Key key_of(const dns_cache *cache, const dns_cdata *entry) {
-  uint8_t bytes[DNS_MAXDN + sizeof entry->typ + sizeof entry->cls];
-  size_t size = entry->dn_size;
-  memcpy(bytes, entry->dn, size);
-  memcpy(bytes + size, &entry->typ, sizeof entry->typ);
-  size += sizeof entry->typ;
-  memcpy(bytes + size, &entry->cls, sizeof entry->cls);
-  size += sizeof entry->cls;
-  return {entry->dn, entry->dn_size, entry->typ, entry->cls, siphash_folded(cache->secret, bytes, size)};
+  return key_of(cache, {entry->dn, entry->dn_size}, entry->typ, entry->cls);
 }
 
 constexpr int32_t kNotKept = -1;
@@ -90,25 +98,36 @@ int32_t lifetime(const dns_cache *cache, const dns_cdata *entry) {
   return std::max(std::clamp(ttl, 0, kTtlMax), static_cast<int32_t>(cache->minimum_ttl));
 }
 
+// make_entry makes the block of an entry that `head` describes but for its sizes, to be released with free; null
+// without memory.
+Entry *make_entry(const Entry &head, std::span<const uint8_t> dn, std::span<const uint8_t> run) {
+  auto *entry = static_cast<Entry *>(malloc(sizeof(Entry) + dn.size() + run.size()));
+  if (entry == nullptr) return nullptr;
+  *entry = head;
+  entry->dn_size = static_cast<uint8_t>(dn.size());
+  entry->run_size = static_cast<uint32_t>(run.size());
+  memcpy(entry->dn(), dn.data(), dn.size());
+  if (!run.empty()) memcpy(entry->run(), run.data(), run.size());
+  return entry;
+}
+
 // build makes the block that a shard keeps of `from`, to be released with free; null without memory.
 Entry *build(const dns_cache *cache, const dns_cdata *from, const Key &key, int32_t ttl, dns_time now) {
-  auto *entry = static_cast<Entry *>(malloc(sizeof(Entry) + from->dn_size + from->run_size));
+  const Entry head = {.bucket_next = nullptr,
+                      .newer = nullptr,
+                      .older = nullptr,
+                      .hash = key.hash,
+                      .stored = now,
+                      .ttl = ttl,
+                      .run_size = 0,
+                      .typ = from->typ,
+                      .cls = from->cls,
+                      .records = static_cast<uint16_t>(from->records),
+                      .cnames = static_cast<uint16_t>(from->cnames),
+                      .rcode = from->rcode,
+                      .dn_size = 0};
+  Entry *entry = make_entry(head, {from->dn, from->dn_size}, {from->run, from->run_size});
   if (entry == nullptr) return nullptr;
-  *entry = {.bucket_next = nullptr,
-            .newer = nullptr,
-            .older = nullptr,
-            .hash = key.hash,
-            .stored = now,
-            .ttl = ttl,
-            .run_size = static_cast<uint32_t>(from->run_size),
-            .typ = from->typ,
-            .cls = from->cls,
-            .records = static_cast<uint16_t>(from->records),
-            .cnames = static_cast<uint16_t>(from->cnames),
-            .rcode = from->rcode,
-            .dn_size = from->dn_size};
-  memcpy(entry->dn(), from->dn, from->dn_size);
-  if (from->run_size > 0) memcpy(entry->run(), from->run, from->run_size);
   const auto least = static_cast<int32_t>(cache->minimum_ttl);
   dns::run_settle({entry->run(), from->run_size}, from->age, least, std::max(kTtlMax, least));
   return entry;
@@ -175,7 +194,8 @@ int cache_delete(dns_cacher *cacher, const dns_cdata *entry, dns_time) {
   Shard *shard = cache->shard_of(key);
   Graveyard dead;
   const pelk_lock lock(&shard->mutex);
-  const dns_status status = lock.error != 0 ? DNS_E_FAIL : shard->insert(entry, key, keep_expired, &dead);
+  const dns_status status =
+      lock.error != 0 ? DNS_E_FAIL : shard->insert(entry, key, entry->stored, keep_expired, &dead);
   if (status != DNS_E_NOERROR) dead.add(entry);
   return status;
 }
@@ -242,6 +262,124 @@ unsigned shards_for(uint64_t bytes) {
   return siphash_secret(cache->secret) == 0;
 }
 
+// ---- the walk and the way back (cache_image.h) --------------------------------------------------------------------
+
+// Buckets that are walked at a time: about as many entries, copied in a few microseconds.
+constexpr size_t kWalkStep = 64;
+
+// gone tells whether an entry would no longer be returned. It leaves the entry alone, unlike age_of: the walk's moment
+// may be older than the entry.
+bool gone(const Entry *entry, dns_time now, bool expired_too) {
+  dns_time age = 0;
+  return !expired_too && now > entry->stored && (__builtin_sub_overflow(now, entry->stored, &age) || age > entry->ttl);
+}
+
+// copy_bucket appends the images of a bucket's entries, or none of them when they do not all fit. False when the room
+// is full.
+[[nodiscard]] bool copy_bucket(Entry *first, dns_time now, bool expired_too, size_t *taken, dns::Images *images) {
+  const dns::Images before = *images;
+  size_t count = 0;
+  for (Entry *entry = first; entry != nullptr; entry = entry->bucket_next, ++count) {
+    if (count < *taken || gone(entry, now, expired_too)) continue;
+    const size_t size = dns::image_size(*entry);
+    if (size > images->room.size() - images->used) {
+      *taken = before.used == 0 ? count : 0;
+      if (before.used > 0) *images = before;
+      return false;
+    }
+    dns::write_image(entry, &images->room[images->used]);
+    images->used += size;
+    images->entries += 1;
+  }
+  *taken = 0;
+  return true;
+}
+
+enum class Step { kMore, kFull, kDone, kFailed };
+
+// walk_step walks a few buckets of a shard.
+[[nodiscard]] Step walk_step(Shard *shard, dns::CacheWalk *walk, dns_time now, bool expired_too, dns::Images *images) {
+  const pelk_lock lock(&shard->mutex);
+  if (lock.error != 0) return Step::kFailed;
+  const dns::Index &index = shard->index();
+  const size_t end = std::min(walk->bucket + kWalkStep, index.buckets());
+  for (size_t i = walk->bucket; i < end; ++i) {
+    const Entry *entry = index.head(i);
+    __builtin_prefetch(entry);
+    __builtin_prefetch(entry + 1);
+  }
+  for (; walk->bucket < end; ++walk->bucket) {
+    if (!copy_bucket(index.head(walk->bucket), now, expired_too, &walk->taken, images)) return Step::kFull;
+  }
+  return end == index.buckets() ? Step::kDone : Step::kMore;
+}
+
+// Waiting holds entries on their way into a cache, by shard, linked through bucket_next.
+using Waiting = std::array<Entry *, kShardsMax>;
+
+Key key_of(Entry *entry) {
+  return {entry->dn(), entry->dn_size, entry->typ, entry->cls, entry->hash};
+}
+
+// restored makes the entry of an image, to be released with free; null without memory.
+[[nodiscard]] Entry *restored(const dns_cache *cache, const dns::Image &image, dns_time now) {
+  const Key key = key_of(cache, image.dn, image.typ, image.cls);
+  const int32_t longest = std::max(kTtlMax, static_cast<int32_t>(cache->minimum_ttl));
+  Entry head = {};
+  head.hash = key.hash;
+  head.stored = std::min(image.stored, now);  // as age_of has it
+  head.ttl = std::min(image.ttl, longest);
+  head.typ = image.typ;
+  head.cls = image.cls;
+  head.records = image.records;
+  head.cnames = image.cnames;
+  head.rcode = image.rcode;
+  Entry *entry = make_entry(head, image.dn, image.run);
+  if (entry != nullptr) dns::run_settle({entry->run(), entry->run_size}, 0, 0, longest);
+  return entry;
+}
+
+// sort_out makes entries of those images that the cache would keep and files them by shard. False without memory: then
+// some are there.
+[[nodiscard]] bool sort_out(dns_cache *cache, std::span<const dns::Image> images, dns_time now, Waiting *waiting) {
+  const bool expired_too = (cache->flags & DNS_CR_EXPIRED) != 0;
+  const bool denials_too = (cache->flags & DNS_CR_NCACHE) != 0;
+  for (const dns::Image &image : images) {
+    if (!denials_too && dns::is_denial(image.typ, image.rcode, image.records, image.cnames)) continue;
+    Entry *entry = restored(cache, image, now);
+    if (entry == nullptr) return false;
+    if (gone(entry, now, expired_too)) {
+      free(entry);
+      continue;
+    }
+    entry->bucket_next = std::exchange((*waiting)[cache->shard_number(entry->hash)], entry);
+  }
+  return true;
+}
+
+// put_waiting inserts the entries that wait for one shard. Their buckets, and then the entries there, are fetched from
+// memory side by side instead of one after another.
+[[nodiscard]] dns_status put_waiting(Shard *shard, Entry *first, dns_time now, bool expired_too, uint64_t *kept) {
+  Graveyard dead;
+  const pelk_lock lock(&shard->mutex);
+  dns_status status = lock.error != 0 ? DNS_E_FAIL : DNS_E_NOERROR;
+  for (const Entry *entry = first; entry != nullptr; entry = entry->bucket_next)
+    shard->index().prefetch(entry->hash);
+  for (const Entry *entry = first; entry != nullptr; entry = entry->bucket_next)
+    __builtin_prefetch(shard->index().first(entry->hash));
+  while (first != nullptr) {
+    Entry *entry = std::exchange(first, first->bucket_next);
+    const Key key = key_of(entry);
+    const Entry *there = status == DNS_E_NOERROR ? shard->find(key) : entry;
+    const bool wanted = there == nullptr || there->stored < entry->stored;
+    const dns_status outcome = wanted ? shard->insert(entry, key, now, expired_too, &dead) : DNS_E_NOBUFS;
+    if (outcome != DNS_E_NOERROR) dead.add(entry);
+    if (outcome == DNS_E_NOERROR) *kept += 1;
+    if (outcome == DNS_E_NOMEM) status = outcome;
+  }
+  return status;
+}
+
 bool usable(const dns_cacher *cacher) {
   return cacher != nullptr && cacher->dnscr_ops != nullptr;
 }
@@ -250,6 +388,49 @@ bool has_key(const dns_cdata *entry) {
 }
 
 }  // namespace
+
+namespace dns {
+
+int cache_walk(dns_cache *cache, CacheWalk *walk, dns_time now, Images *images) {
+  const bool expired_too = (cache->flags & DNS_CR_EXPIRED) != 0;
+  while (walk->shard < cache->shards_count) {
+    switch (walk_step(&cache->shards[walk->shard], walk, now, expired_too, images)) {
+      case Step::kMore:
+        break;
+      case Step::kFull:
+        return 1;
+      case Step::kFailed:
+        return DNS_E_FAIL;
+      case Step::kDone:
+        *walk = {walk->shard + 1, 0, 0};
+        break;
+    }
+  }
+  return 0;
+}
+
+void cache_expect(dns_cache *cache, uint64_t entries) {
+  for (unsigned i = 0; i < cache->shards_count; ++i) {
+    Shard *shard = &cache->shards[i];
+    for (bool more = true; more;) {
+      const pelk_lock lock(&shard->mutex);
+      more = lock.error == 0 && shard->expect(entries / cache->shards_count);
+    }
+  }
+}
+
+int cache_restore(dns_cache *cache, std::span<const Image> images, dns_time now, uint64_t *kept) {
+  const bool expired_too = (cache->flags & DNS_CR_EXPIRED) != 0;
+  Waiting waiting = {};
+  dns_status status = sort_out(cache, images, now, &waiting) ? DNS_E_NOERROR : DNS_E_NOMEM;
+  for (unsigned i = 0; i < cache->shards_count; ++i) {
+    const dns_status outcome = put_waiting(&cache->shards[i], waiting[i], now, expired_too, kept);
+    if (status == DNS_E_NOERROR) status = outcome;
+  }
+  return status;
+}
+
+}  // namespace dns
 
 extern "C" {
 

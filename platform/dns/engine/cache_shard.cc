@@ -17,6 +17,11 @@ constexpr size_t kDirectoryMin = 8;
 // How many entries from the old end of the list are looked at for an expired one that can give way first.
 constexpr unsigned kVictimsSeen = 4;
 
+// Buckets made at once ahead of the entries, and the part of a shard that they may take: less than what they take of a
+// shard full of small entries.
+constexpr unsigned kGrowthStep = 256;
+constexpr size_t kIndexShare = 16;
+
 }  // namespace
 
 int32_t age_of(Entry *entry, dns_time now) {
@@ -168,7 +173,16 @@ void Shard::make_room(size_t bytes, dns_time now, bool keep_expired, Graveyard *
   }
 }
 
-dns_status Shard::insert(Entry *entry, const Key &key, bool keep_expired, Graveyard *dead) {
+bool Shard::expect(size_t entries) {
+  for (unsigned i = 0; i < kGrowthStep; ++i) {
+    const size_t index_bytes = index_.bytes() + index_.growth();
+    if (index_.buckets() >= entries || index_bytes > bytes_max_ / kIndexShare) return false;
+    if (bytes_ + index_bytes > bytes_max_ || !index_.grow()) return false;
+  }
+  return true;
+}
+
+dns_status Shard::insert(Entry *entry, const Key &key, dns_time now, bool keep_expired, Graveyard *dead) {
   const size_t needed = entry->charge() + (index_.due() ? index_.growth() : 0);
   if (index_.bytes() + needed > bytes_max_) return DNS_E_NOBUFS;
   if (index_.empty() && !index_.grow()) return DNS_E_NOMEM;
@@ -176,7 +190,7 @@ dns_status Shard::insert(Entry *entry, const Key &key, bool keep_expired, Gravey
     remove(old);
     dead->add(old);
   }
-  make_room(needed, entry->stored, keep_expired, dead);
+  make_room(needed, now, keep_expired, dead);
   if (index_.due()) (void)index_.grow();  // without memory the buckets grow longer instead
   index_.insert(entry);
   link(entry);

@@ -84,6 +84,14 @@ class Index {
   // grow returns false without memory: the index then goes on with longer buckets.
   [[nodiscard]] bool grow();
   [[nodiscard]] size_t bytes() const;
+  [[nodiscard]] size_t buckets() const { return buckets_; }
+  // head gives the first entry of bucket `i`, below buckets(). While the index grows, an entry only ever moves to the
+  // new last bucket, so that a walk in ascending order meets it.
+  [[nodiscard]] Entry *head(size_t i) const { return *bucket(i); }
+  // prefetch has the processor fetch the bucket of a hash.
+  void prefetch(uint64_t hash) const {
+    if (buckets_ > 0) __builtin_prefetch(bucket(place(hash)));
+  }
 
  private:
   [[nodiscard]] size_t segments() const;
@@ -123,8 +131,12 @@ class alignas(kCacheLine) Shard {
   void remove(Entry *entry) PELK_REQUIRES(mutex);
   // insert files `entry` in the place of any older one of its key; entries give way to it as needed. DNS_E_NOBUFS for
   // one that is larger than the shard, DNS_E_NOMEM: nothing has changed.
-  [[nodiscard]] dns_status insert(Entry *entry, const Key &key, bool keep_expired, Graveyard *dead)
+  [[nodiscard]] dns_status insert(Entry *entry, const Key &key, dns_time now, bool keep_expired, Graveyard *dead)
       PELK_REQUIRES(mutex);
+  // expect gives the index buckets for `entries`, a bounded number at a call. False when it has them, or more would
+  // take too much of the shard.
+  [[nodiscard]] bool expect(size_t entries) PELK_REQUIRES(mutex);
+  [[nodiscard]] const Index &index() const PELK_REQUIRES(mutex) { return index_; }
   // begin and end frame the shard's life, when no other thread knows it.
   [[nodiscard]] bool begin(size_t bytes_max) PELK_NO_ANALYSIS;
   void end() PELK_NO_ANALYSIS;

@@ -4,10 +4,12 @@
 // packet, is checked and written whole by `append`; what goes out is walked by `next_record`, which trusts the run.
 #include "cdata.h"
 
+#include <limits.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include <algorithm>
+#include <array>
 #include <new>
 
 #include "dns_wire.h"
@@ -74,6 +76,33 @@ struct Source {
   return written == source.size && (written == 0 || memcmp(buffer.data() + at, source.packet.data(), written) == 0);
 }
 
+// skip_owner passes an owner in the form that append gives it: the pointer to the entry's own name, or a whole name.
+[[nodiscard]] bool skip_owner(Reader *reader) {
+  const size_t at = reader->position();
+  Reader ahead = *reader;
+  uint16_t pointer = 0;
+  if (ahead.u16(&pointer) && pointer == dns::kOwnName) {
+    *reader = ahead;
+    return true;
+  }
+  uint8_t dn[DNS_MAXDN];
+  unsigned size = 0;
+  return reader->name(dn, &size) && reader->position() - at == size;  // one with a pointer is never as long as its name
+}
+
+// read_plain passes a record that append may have written and gives its type.
+[[nodiscard]] bool read_plain(Reader *reader, uint16_t *typ) {
+  std::span<const uint8_t> fixed, data;
+  if (!skip_owner(reader) || !reader->bytes(kRecordFixed, &fixed)) return false;
+  const auto u16_at = [&fixed](size_t at) { return static_cast<uint16_t>(fixed[at] << CHAR_BIT | fixed[at + 1]); };
+  const uint16_t size = u16_at(kRecordFixed - 2);
+  *typ = u16_at(0);
+  if (!reader->bytes(size, &data)) return false;
+  std::array<uint8_t, dns::kRunMax + kExpansionMax> copy;  // written before it is read
+  dns::Writer writer(copy);
+  return write_data({data, 0, size, true}, *typ, copy, &writer);
+}
+
 // append writes a record behind the run. DNS_E_NOERROR; DNS_E_INVAL for an owner that is no name, DNS_E_PROTOCOL for
 // data that the type does not allow, DNS_E_NOMEM.
 [[nodiscard]] dns_status append(dns_cdata *entry, const uint8_t *owner, uint16_t typ, uint16_t cls, int32_t ttl,
@@ -113,8 +142,12 @@ void drop_records(dns_cdata *entry) {
   entry->age = 0;
 }
 
+unsigned aliases_of(uint16_t typ, unsigned cnames) {
+  return typ == DNS_T_CNAME || typ == DNS_T_ANY ? 0 : cnames;
+}
+
 unsigned alias_count(const dns_cdata *entry) {
-  return entry->typ == DNS_T_CNAME || entry->typ == DNS_T_ANY ? 0 : entry->cnames;
+  return aliases_of(entry->typ, entry->cnames);
 }
 
 bool fits_u16(int value) {
@@ -232,7 +265,11 @@ bool cdata_reserve(dns_cdata *entry, size_t size) {
 }
 
 bool cdata_is_denial(const dns_cdata *entry) {
-  return entry->rcode == DNS_R_NXDOMAIN || entry->records == alias_count(entry);
+  return is_denial(entry->typ, entry->rcode, entry->records, entry->cnames);
+}
+
+bool is_denial(uint16_t typ, uint8_t rcode, unsigned records, unsigned cnames) {
+  return rcode == DNS_R_NXDOMAIN || records == aliases_of(typ, cnames);
 }
 
 dns_status cdata_from_answer(dns_cdata *entry, std::span<const uint8_t> packet, size_t answers_at, unsigned aliases_max,
@@ -262,6 +299,19 @@ int cdata_to_packet(const dns_cdata *entry, uint8_t *buffer, size_t size) {
   const int32_t most = entry->ttl < 0 ? 0 : INT32_MAX;
   run_settle(packet.subspan(static_cast<size_t>(head_size), entry->run_size), entry->age, 0, most);
   return static_cast<int>(writer.position());
+}
+
+bool run_counts(std::span<const uint8_t> run, uint16_t *records, uint16_t *cnames) {
+  *records = 0;
+  *cnames = 0;
+  Reader reader(run);
+  while (reader.left() > 0) {
+    uint16_t typ = 0;
+    if (!read_plain(&reader, &typ)) return false;
+    *records = static_cast<uint16_t>(*records + 1);
+    if (typ == DNS_T_CNAME) *cnames = static_cast<uint16_t>(*cnames + 1);
+  }
+  return true;
 }
 
 void run_settle(std::span<uint8_t> run, int32_t age, int32_t least, int32_t most) {

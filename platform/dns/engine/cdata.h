@@ -3,7 +3,8 @@
 // An entry belongs to one thread at a time; nothing here locks or reads a clock. Its records are a run of bytes in the
 // form that an answer section has, their data free of compression: owner, type, class, TTL, length, data. An owner that
 // is the entry's own name is the pointer kOwnName, which leads to the question of any packet that begins as an answer
-// does, so that a run becomes an answer section by copying it. A run is written here alone and is therefore trusted.
+// does, so that a run becomes an answer section by copying it. A run is written here alone, or has passed run_counts,
+// and is therefore trusted.
 #ifndef CDATA_H
 #define CDATA_H
 
@@ -54,6 +55,7 @@ inline constexpr size_t kRunMax = DNS_MAXPACKET - DNS_HSIZE - DNS_MAXDN - kQuest
 // cdata_is_denial tells whether the entry answers its question with nothing: the name does not exist, or its chain of
 // aliases ends without a record of the type.
 [[nodiscard]] bool cdata_is_denial(const dns_cdata *entry);
+[[nodiscard]] bool is_denial(uint16_t typ, uint8_t rcode, unsigned records, unsigned cnames);
 
 // cdata_from_answer makes `entry`, whose key is set, hold the answer that stands in `packet`: the chain of aliases from
 // its name and the records of its type at the chain's end, nothing else. DNS_E_NOERROR; DNS_E_PROTOCOL for an answer
@@ -66,6 +68,10 @@ inline constexpr size_t kRunMax = DNS_MAXPACKET - DNS_HSIZE - DNS_MAXDN - kQuest
 // records with what remains of their TTLs, 0 for those of an expired entry. Returns its length; DNS_E_NOBUFS when it
 // does not fit `size` (DNS_MAXPACKET always does); DNS_E_BADQUERY for an entry without a name.
 [[nodiscard]] int cdata_to_packet(const dns_cdata *entry, uint8_t *buffer, size_t size);
+
+// run_counts checks a run from outside the process and counts its records and aliases. False for one that could not
+// have been written here.
+[[nodiscard]] bool run_counts(std::span<const uint8_t> run, uint16_t *records, uint16_t *cnames);
 
 // run_settle rewrites the TTLs of a run: each lowered by `age`, then kept within `least` and `most`.
 void run_settle(std::span<uint8_t> run, int32_t age, int32_t least, int32_t most);

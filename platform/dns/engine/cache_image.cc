@@ -1,0 +1,66 @@
+// cache_image.cc - entries to images and back. Pure functions on what the caller holds; nothing here locks.
+#include "cache_image.h"
+
+#include <string.h>
+
+#include "cache_shard.h"
+
+namespace dns {
+
+namespace {
+
+constexpr uint8_t kRcodeMax = 15;  // a response code is four bits of a packet's header
+
+constexpr size_t kTtlAt = 8;
+constexpr size_t kRunSizeAt = 12;
+constexpr size_t kTypAt = 14;
+constexpr size_t kClsAt = 16;
+constexpr size_t kRcodeAt = 18;
+constexpr size_t kDnSizeAt = 19;
+static_assert(kDnSizeAt + 1 == kImageHead && DNS_MAXDN == UINT8_MAX);
+
+// whole_name tells whether `bytes`, at most DNS_MAXDN, are a DN and nothing else.
+[[nodiscard]] bool whole_name(std::span<const uint8_t> bytes) {
+  size_t at = 0;
+  while (at < bytes.size() && bytes[at] != 0 && bytes[at] <= DNS_MAXLABEL)
+    at += 1 + size_t{bytes[at]};
+  return at + 1 == bytes.size() && bytes[at] == 0;
+}
+
+}  // namespace
+
+size_t image_size(const Entry &entry) {
+  return kImageHead + entry.dn_size + entry.run_size;
+}
+
+void write_image(Entry *entry, uint8_t *to) {
+  put_be(to, static_cast<uint64_t>(entry->stored));
+  put_be(to + kTtlAt, static_cast<uint32_t>(entry->ttl));
+  put_be(to + kRunSizeAt, static_cast<uint16_t>(entry->run_size));
+  put_be(to + kTypAt, entry->typ);
+  put_be(to + kClsAt, entry->cls);
+  to[kRcodeAt] = entry->rcode;
+  to[kDnSizeAt] = entry->dn_size;
+  memcpy(to + kImageHead, entry->dn(), size_t{entry->dn_size} + entry->run_size);  // they lie side by side there too
+}
+
+bool read_image(std::span<const uint8_t> *bytes, Image *image) {
+  if (bytes->size() < kImageHead) return false;
+  const uint8_t *head = bytes->data();
+  const size_t run_size = get_be<uint16_t>(head + kRunSizeAt);
+  const size_t dn_size = head[kDnSizeAt];
+  const uint32_t ttl = get_be<uint32_t>(head + kTtlAt);
+  if (run_size > kRunMax || ttl > INT32_MAX || head[kRcodeAt] > kRcodeMax) return false;
+  if (bytes->size() - kImageHead < dn_size + run_size) return false;
+  image->stored = static_cast<dns_time>(get_be<uint64_t>(head));
+  image->ttl = static_cast<int32_t>(ttl);
+  image->typ = get_be<uint16_t>(head + kTypAt);
+  image->cls = get_be<uint16_t>(head + kClsAt);
+  image->rcode = head[kRcodeAt];
+  image->dn = bytes->subspan(kImageHead, dn_size);
+  image->run = bytes->subspan(kImageHead + dn_size, run_size);
+  *bytes = bytes->subspan(kImageHead + dn_size + run_size);
+  return whole_name(image->dn) && run_counts(image->run, &image->records, &image->cnames);
+}
+
+}  // namespace dns

@@ -1,0 +1,93 @@
+// cache_image.h - the form in which a cache's entries leave it and come back: one image each, bytes in network order.
+//
+// An image is its head (when the entry was stored, TTL, run size, type, class, response code, name size), the name, the
+// run. Images are written under a shard's mutex and read by nobody's leave: what stands in one is foreign until
+// read_image has checked it.
+#ifndef CACHE_IMAGE_H
+#define CACHE_IMAGE_H
+
+#include <limits.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#include <concepts>
+#include <span>
+
+#include <kavo/dns.h>
+
+#include "cdata.h"
+
+namespace dns {
+
+struct Entry;
+
+// An integer of two bytes or more in network order.
+template <std::unsigned_integral T>
+void put_be(uint8_t *to, T value) {
+  static_assert(sizeof(T) > 1);
+  for (size_t i = sizeof(T); i > 0; value = static_cast<T>(value >> CHAR_BIT))
+    to[--i] = static_cast<uint8_t>(value);
+}
+
+template <std::unsigned_integral T>
+[[nodiscard]] T get_be(const uint8_t *from) {
+  T value = 0;
+  for (size_t i = 0; i < sizeof(T); ++i)
+    value = static_cast<T>(value << CHAR_BIT | from[i]);
+  return value;
+}
+
+// Image is what an image says.
+struct Image {
+  dns_time stored;
+  int32_t ttl;
+  uint16_t typ;
+  uint16_t cls;
+  uint8_t rcode;
+  uint16_t records;
+  uint16_t cnames;
+  std::span<const uint8_t> dn;
+  std::span<const uint8_t> run;
+};
+
+inline constexpr size_t kImageHead = 8 + 4 + 2 + 2 + 2 + 1 + 1;
+inline constexpr size_t kImageMin = kImageHead + 1;  // of the root, without records
+inline constexpr size_t kImageMax = kImageHead + DNS_MAXDN + kRunMax;
+
+[[nodiscard]] size_t image_size(const Entry &entry);
+// write_image writes image_size bytes.
+void write_image(Entry *entry, uint8_t *to);
+// read_image takes the image at the head of `*bytes`, which then begin behind it; the image points into them. False for
+// what no entry of a cache can look like.
+[[nodiscard]] bool read_image(std::span<const uint8_t> *bytes, Image *image);
+
+// CacheWalk is a place in a walk over a cache, made by nothing but the walk.
+struct CacheWalk {
+  unsigned shard = 0;
+  size_t bucket = 0;
+  size_t taken = 0;  // entries of the bucket that are through; above 0 only in a bucket larger than a whole room
+};
+
+// Images are filled by a walk.
+struct Images {
+  std::span<uint8_t> room;  // kImageMax at least
+  size_t used = 0;
+  uint64_t entries = 0;
+};
+
+// cache_walk appends the images of entries that `cache` would return at `now`, from `walk` on. Above 0: the room is
+// full; 0: the cache has been walked to its end; DNS_E_FAIL. Any thread may use the cache meanwhile: a shard's mutex is
+// held for a few dozen buckets at a time. An entry that is there all the while is found, one that comes, goes or is
+// replaced meanwhile may be found or not, and some may be found twice.
+[[nodiscard]] int cache_walk(dns_cache *cache, CacheWalk *walk, dns_time now, Images *images);
+
+// cache_expect prepares a cache for `entries` more, which saves their putting most of its work.
+void cache_expect(dns_cache *cache, uint64_t entries);
+
+// cache_restore puts entries back as old as they are: those that the cache would still return and has nothing newer
+// for. `*kept` grows by their number. 0; DNS_E_NOMEM, DNS_E_FAIL. An entry too large for the cache is left out.
+[[nodiscard]] int cache_restore(dns_cache *cache, std::span<const Image> images, dns_time now, uint64_t *kept);
+
+}  // namespace dns
+
+#endif  // CACHE_IMAGE_H
