@@ -91,11 +91,16 @@ std::string some_name(World *world) {
 void storm(uint64_t seed) {
   SCOPED_TRACE("seed " + std::to_string(seed));
   World world(seed);
-  world.weather = {static_cast<int>(world.random(30)), static_cast<int>(world.random(20)), 200,
-                   static_cast<int64_t>(world.random(80'000)), static_cast<int>(world.random(60))};
-  static constexpr Temper kTempers[] = {Temper::good,       Temper::dead,    Temper::refuses,    Temper::fails,
-                                        Temper::truncates,  Temper::garbles, Temper::wrong_name, Temper::wrong_id,
-                                        Temper::wrong_type, Temper::request, Temper::chains,     Temper::refers};
+  world.weather = {static_cast<int>(world.random(30)),
+                   static_cast<int>(world.random(20)),
+                   200,
+                   static_cast<int64_t>(world.random(80'000)),
+                   static_cast<int>(world.random(60)),
+                   static_cast<int>(world.random(20))};
+  static constexpr Temper kTempers[] = {Temper::good,        Temper::dead,        Temper::refuses,    Temper::fails,
+                                        Temper::truncates,   Temper::garbles,     Temper::wrong_name, Temper::wrong_id,
+                                        Temper::wrong_type,  Temper::request,     Temper::chains,     Temper::refers,
+                                        Temper::refuses_tcp, Temper::knows_no_opt};
   const unsigned servers = 1 + static_cast<unsigned>(world.random(4));
   for (unsigned i = 0; i < servers; ++i)
     world.add_server("192.0.2." + std::to_string(i + 1),
@@ -180,6 +185,39 @@ TEST_F(Engine, AFailingServerCostsNoTimeAndADeadOneItsTimeOut) {
   EXPECT_LT(world.now_us - late_start, 100'000);
 }
 
+TEST_F(Engine, WhatIsCutOffIsAskedForOnOneConnection) {
+  world.add_server("192.0.2.1", Temper::truncates);
+  std::vector<Asked *> all;
+  for (int i = 0; i < 500; ++i)
+    all.push_back(&questions.ask("listed-" + std::to_string(i) + ".list.test"));
+  ASSERT_TRUE(world.run());
+  for (const Asked *asked : all)
+    expect_truth(*asked);
+  EXPECT_EQ(world.connections_made, 1U);
+  EXPECT_EQ(world.packets_sent, 500U);
+  world.weather.breaks_percent = 30;
+  for (int i = 0; i < 200; ++i)
+    questions.ask("listed-" + std::to_string(i) + ".list.test");
+  ASSERT_TRUE(world.run());
+  EXPECT_GT(world.connections_made, 1U);
+  dns_close(world.ctx);
+  EXPECT_EQ(world.sockets_open, 0U);
+}
+
+TEST_F(Engine, AServerWithoutEdnsIsAskedPlainlyFromThenOn) {
+  world.add_server("192.0.2.1", Temper::knows_no_opt);
+  for (const unsigned packets : {2U, 3U, 4U}) {
+    Asked &asked = questions.ask("listed-1.list.test");
+    ASSERT_TRUE(world.run());
+    expect_truth(asked);
+    EXPECT_EQ(world.packets_sent, packets);
+  }
+  world.now_us += dns::kNoEdnsUs;
+  questions.ask("listed-1.list.test");
+  ASSERT_TRUE(world.run());
+  EXPECT_EQ(world.packets_sent, 6U);
+}
+
 TEST_F(Engine, StatusesSayWhatWentWrong) {
   struct Row {
     Temper temper;
@@ -189,7 +227,7 @@ TEST_F(Engine, StatusesSayWhatWentWrong) {
   world.add_server("192.0.2.1", Temper::dead);
   // A server that answered with an error is not asked again; one that says nothing that counts is asked every time.
   for (const Row &row : {Row{Temper::dead, DNS_E_TEMPFAIL, 4}, Row{Temper::refuses, DNS_E_REFUSED, 1},
-                         Row{Temper::fails, DNS_E_SERVFAIL, 1}, Row{Temper::truncates, DNS_E_PROTOCOL, 1},
+                         Row{Temper::fails, DNS_E_SERVFAIL, 1}, Row{Temper::refuses_tcp, DNS_E_PROTOCOL, 1},
                          Row{Temper::garbles, DNS_E_PROTOCOL, 1}, Row{Temper::refers, DNS_E_PROTOCOL, 1},
                          Row{Temper::wrong_id, DNS_E_TEMPFAIL, 4}, Row{Temper::wrong_name, DNS_E_TEMPFAIL, 4},
                          Row{Temper::wrong_type, DNS_E_TEMPFAIL, 4}, Row{Temper::request, DNS_E_TEMPFAIL, 4}}) {

@@ -82,6 +82,7 @@ void set_counts(Bytes *packet, unsigned answers, unsigned authority, unsigned rc
   (*packet)[3] = static_cast<uint8_t>(rcode);
   (*packet)[7] = static_cast<uint8_t>(answers);
   (*packet)[9] = static_cast<uint8_t>(authority);
+  (*packet)[11] = 0;
 }
 
 // echo is the header and the question, where every answer starts.
@@ -160,7 +161,7 @@ Truth truth_of(const uint8_t *dn) {
   return {DNS_E_NOERROR, 0x7F000000U | (static_cast<uint32_t>(std::hash<std::string>{}(label)) & 0xFFFFFF)};
 }
 
-Bytes answer_to(const Bytes &question, Temper temper) {
+Bytes answer_to(const Bytes &question, Temper temper, bool by_tcp) {
   Bytes answer = honest(question);
   switch (temper) {
     case Temper::good:
@@ -171,7 +172,11 @@ Bytes answer_to(const Bytes &question, Temper temper) {
       return bare(question, DNS_R_REFUSED);
     case Temper::fails:
       return bare(question, DNS_R_SERVFAIL);
+    case Temper::knows_no_opt:
+      return question[11] == 0 ? answer : bare(question, DNS_R_FORMERR);
     case Temper::truncates:
+    case Temper::refuses_tcp:
+      if (by_tcp) return answer;
       answer = bare(question, DNS_R_NOERROR);
       answer[2] |= 2;
       return answer;
@@ -196,7 +201,9 @@ Bytes answer_to(const Bytes &question, Temper temper) {
   return {};
 }
 
-World::World(uint64_t seed) : random_(seed), io_{this, wall, random_bytes, udp_open, udp_close, udp_send, udp_receive} {
+World::World(uint64_t seed)
+    : random_(seed), io_{this,        wall,         random_bytes, udp_open,  udp_close, udp_send,
+                         udp_receive, udp_returned, tcp_open,     tcp_close, tcp_send,  tcp_receive} {
   ctx = dns::context_new(&io_);
   if (ctx == nullptr || dns_open(ctx) != DNS_E_NOERROR) throw std::runtime_error("no engine context");
 }
@@ -234,8 +241,9 @@ bool World::turn() {
   sockets.resize(static_cast<size_t>(std::min(count, 64)));
   for (dns_ios socket : sockets) {
     const bool writable = (socket.dnsio_events & DNS_IO_OUT) != 0 && !send_buffers_full;
-    socket.dnsio_events =
-        (inboxes_[socket.dnsio_sock].empty() ? 0U : unsigned{DNS_IO_IN}) | (writable ? unsigned{DNS_IO_OUT} : 0U);
+    const bool stream = streams_.count(socket.dnsio_sock) != 0;
+    const bool readable = stream ? !streams_[socket.dnsio_sock].out.empty() : !inboxes_[socket.dnsio_sock].empty();
+    socket.dnsio_events = (readable ? unsigned{DNS_IO_IN} : 0U) | (writable ? unsigned{DNS_IO_OUT} : 0U);
     if (socket.dnsio_events != 0) dns_ioevent(ctx, &socket, now());
   }
   return true;
@@ -332,6 +340,63 @@ int World::udp_receive(void *self, int socket, dns::Datagram *datagrams, unsigne
     memcpy(datagrams[got].data, parcel.bytes.data(), std::min<size_t>(parcel.bytes.size(), datagrams[got].capacity));
   }
   return got == 0 ? -EAGAIN : static_cast<int>(got);
+}
+
+int World::udp_returned(void *, int, dns::Datagram *) {
+  return 0;
+}
+
+int World::tcp_open(void *self, const sockaddr_in &peer) {
+  auto *world = static_cast<World *>(self);
+  char text[INET_ADDRSTRLEN];
+  inet_ntop(AF_INET, &peer.sin_addr, text, sizeof text);
+  const Temper temper = world->tempers_.at(text);
+  if (temper == Temper::refuses_tcp) return -ECONNREFUSED;
+  world->streams_[world->next_socket_] = {temper, {}, {}};
+  ++world->connections_made;
+  ++world->sockets_open;
+  return world->next_socket_++;
+}
+
+void World::tcp_close(void *self, int socket) {
+  auto *world = static_cast<World *>(self);
+  world->streams_.erase(socket);
+  --world->sockets_open;
+}
+
+// A stream's server answers whole messages, the last first where several arrived together, and lets go of every third
+// piece that it is sent when the weather is bad.
+int World::tcp_send(void *self, int socket, const uint8_t *bytes, size_t size) {
+  auto *world = static_cast<World *>(self);
+  Stream &stream = world->streams_.at(socket);
+  if (world->chance(world->weather.breaks_percent)) return -ECONNRESET;
+  const size_t taken = 1 + world->random(size);
+  stream.in.insert(stream.in.end(), bytes, bytes + taken);
+  std::vector<Bytes> questions;
+  while (stream.in.size() >= 2) {
+    const size_t length = stream.in[0] * 256U + stream.in[1];
+    if (stream.in.size() < 2 + length) break;
+    questions.emplace_back(stream.in.begin() + 2, stream.in.begin() + 2 + static_cast<long>(length));
+    stream.in.erase(stream.in.begin(), stream.in.begin() + 2 + static_cast<long>(length));
+  }
+  for (auto question = questions.rbegin(); question != questions.rend(); ++question) {
+    const Bytes answer = answer_to(*question, stream.temper, true);
+    if (answer.empty()) continue;
+    stream.out.push_back(static_cast<uint8_t>(answer.size() >> 8));
+    stream.out.push_back(static_cast<uint8_t>(answer.size()));
+    stream.out.insert(stream.out.end(), answer.begin(), answer.end());
+  }
+  return static_cast<int>(taken);
+}
+
+int World::tcp_receive(void *self, int socket, uint8_t *bytes, size_t size) {
+  auto *world = static_cast<World *>(self);
+  Stream &stream = world->streams_.at(socket);
+  if (stream.out.empty()) return world->chance(world->weather.breaks_percent) ? 0 : -EAGAIN;
+  const size_t taken = std::min<size_t>(size, 1 + world->random(stream.out.size()));
+  std::copy_n(stream.out.begin(), taken, bytes);
+  stream.out.erase(stream.out.begin(), stream.out.begin() + static_cast<long>(taken));
+  return static_cast<int>(taken);
 }
 
 }  // namespace sim

@@ -27,6 +27,8 @@ enum class Temper {
   refuses,
   fails,
   truncates,
+  refuses_tcp,
+  knows_no_opt,
   garbles,
   wrong_name,
   wrong_id,
@@ -43,6 +45,7 @@ struct Weather {
   int64_t delay_us = 100;
   int64_t jitter_us = 0;
   int forged_percent = 0;  // packets sent that draw a forger's answer with a guessed id
+  int breaks_percent = 0;  // of the times that a connection is written to or found empty, it breaks
 };
 
 // The truth about a name, as every honest server tells it: names are "listed-N", "gone-N" or "empty-N" under any zone.
@@ -64,6 +67,7 @@ class World {
   int64_t now_us = 1'000'000'000;
   unsigned packets_sent = 0;
   unsigned sockets_open = 0;
+  unsigned connections_made = 0;
   bool send_buffers_full = false;  // every send finds its buffer full until this is cleared
 
   void add_server(const std::string &address, Temper temper);
@@ -86,12 +90,22 @@ class World {
     Bytes bytes;
   };
 
+  struct Stream {
+    Temper temper;
+    std::deque<uint8_t> in, out;  // of the server
+  };
+
   static dns_time wall(void *self);
   static bool random_bytes(void *self, void *bytes, size_t size);
   static int udp_open(void *self, uint16_t port);
   static void udp_close(void *self, int socket);
   static int udp_send(void *self, int socket, const dns::Datagram *datagrams, unsigned count);
   static int udp_receive(void *self, int socket, dns::Datagram *datagrams, unsigned count);
+  static int udp_returned(void *self, int socket, dns::Datagram *datagram);
+  static int tcp_open(void *self, const sockaddr_in &peer);
+  static void tcp_close(void *self, int socket);
+  static int tcp_send(void *self, int socket, const uint8_t *bytes, size_t size);
+  static int tcp_receive(void *self, int socket, uint8_t *bytes, size_t size);
 
   void send(int socket, const dns::Datagram &datagram);
   void mail(int socket, const sockaddr_in &from, Bytes bytes);
@@ -102,11 +116,12 @@ class World {
   std::map<std::string, Temper> tempers_;
   std::multimap<int64_t, Parcel> under_way_;
   std::map<int, std::deque<Parcel>> inboxes_;
+  std::map<int, Stream> streams_;
   int next_socket_ = 100;
 };
 
 // answer_to builds what a server of some temper sends back; empty for silence.
-Bytes answer_to(const Bytes &question, Temper temper);
+Bytes answer_to(const Bytes &question, Temper temper, bool by_tcp = false);
 
 // name makes a DN of a text.
 std::array<uint8_t, DNS_MAXDN> name(const std::string &text);

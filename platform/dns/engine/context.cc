@@ -191,10 +191,13 @@ void dns_close(dns_ctx *ctx) {
     drop(static_cast<dns_query *>(ctx->queued.next));
   while (!ctx->sending.alone())
     drop(static_cast<dns_query *>(ctx->sending.next));
+  while (!ctx->tcp_waiting.alone())
+    drop(static_cast<dns_query *>(ctx->tcp_waiting.next));
   // What remains has been sent: every one of it is in the index.
   for (unsigned i = 0; i < ctx->index_size; ++i)
     while (ctx->index[i] != nullptr)
       drop(ctx->index[i]);
+  tcp_close(ctx);
   ctx->sockets.close();
   ctx->opened = false;
 }

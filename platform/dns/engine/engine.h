@@ -2,7 +2,10 @@
 //
 //   context.cc   making, opening and releasing contexts, options, servers, caches
 //   query.cc     submitting and cancelling, the pools, the index of questions in flight, delivery
-//   drive.cc     the loop: time-outs, the cache's turn, sending, receiving
+//   drive.cc     the loop: time-outs, the cache's turn, what to wait for
+//   send.cc      packets out
+//   receive.cc   packets in, and which question each of them answers
+//   tcp.cc       connections to servers, and the questions that go over them
 //   outcome.cc   what an answer packet means for its question
 //   parsers.cc   the record parsers over the context's result memory
 //   resolve.cc   synchronous lookups, which drive the loop themselves
@@ -33,13 +36,22 @@ namespace dns {
 
 inline constexpr unsigned kServersMax = 32;  // servers of a context: a question's sets of servers are 32-bit masks
 inline constexpr unsigned kExpectedServersMax = 32;
-inline constexpr unsigned kQueryRoom = 300;    // a question packet: header, a name of 255 bytes, type, class, to spare
+inline constexpr unsigned kQueryRoom = 340;    // a question packet: header, a name of 255 bytes, type, class, OPT
 inline constexpr unsigned kAnswerRoom = 4096;  // the largest UDP answer that can be asked for
 inline constexpr unsigned kInlineName = 80;    // names up to here lie in the question's own record
 inline constexpr int64_t kUsPerSecond = 1'000'000;
 
+inline constexpr unsigned kConnectionsMax = 16;
+inline constexpr unsigned kPerConnection = 100;           // questions under way on one connection
+inline constexpr int kTcpSlot = UdpPool::kSocketsMax;     // the slot of the first connection, behind the sockets
+inline constexpr int64_t kTcpIdleUs = 10 * kUsPerSecond;  // after which a connection is closed
+inline constexpr unsigned kTcpTriesMax = 2;               // connections on which one server is asked one question
+inline constexpr int64_t kNoEdnsUs = 900 * kUsPerSecond;  // for which a server is asked without EDNS0
+inline constexpr size_t kOptSize = 1 + 2 + 2 + 4 + 2;     // an OPT record without options
+inline constexpr size_t kCookieMax = 4 + 8 + 32;          // a cookie option (RFC 7873, section 4)
+
 static_assert(DNS_MAXSERV <= kServersMax);
-static_assert(kQueryRoom >= DNS_HSIZE + DNS_MAXDN + 4);
+static_assert(kQueryRoom >= DNS_HSIZE + DNS_MAXDN + 4 + kOptSize + kCookieMax);
 
 enum class State : uint8_t { queued, sending, waiting, delivering, cancelled };
 
@@ -49,6 +61,16 @@ struct OwnServers {
 
 struct LongName {
   uint8_t dn[DNS_MAXDN];
+};
+
+// Connection is the one TCP connection to a server, with the questions that are under way on it.
+struct Connection {
+  TcpLink link;
+  Server *server = nullptr;
+  int64_t heard_us = 0;  // when something last arrived on it, or it was opened
+  int64_t used_us = 0;   // when a question or an answer last went over it
+  unsigned count = 0;
+  dns_query *asked[kPerConnection];
 };
 
 // Options as dns_set_opt takes them.
@@ -80,6 +102,7 @@ struct dns_query : dns::Timer {
   void *data;
   dns_parse_fn *parse;
   const uint8_t *dn;
+  const uint8_t *ask;    // the name that servers are asked for
   dns::OwnServers *own;  // null: the context's servers
   int64_t first_sent_us;
   int64_t sent_us;   // when the present try left, or when it was due
@@ -89,12 +112,19 @@ struct dns_query : dns::Timer {
   uint16_t id;
   uint16_t typ;
   uint16_t cls;
-  int16_t slot;   // the slot of the socket it was sent from, UdpPool::kNone before
+  int16_t slot;   // the slot of the socket or connection it was sent from, UdpPool::kNone before
   int16_t error;  // the status of the last error that a server answered with, or 0
   uint8_t nserv;  // servers in `own`
   uint8_t dn_size;
-  uint8_t server;  // the server of the present try
-  uint8_t tries;   // how often it was sent
+  uint8_t ask_size;
+  uint8_t server;     // the server of the present try
+  uint8_t tries;      // how often it was sent
+  uint8_t tcp_tries;  // connections on which the present server was asked
+  uint8_t place;      // its place among those of its connection
+  bool over_tcp;      // the present try goes over TCP
+  bool plain;         // the present server is asked without EDNS0
+  bool with_opt;      // the present try says EDNS0
+  bool uncached;      // it neither reads nor fills the cache
   dns::State state;
   uint8_t inline_dn[dns::kInlineName];
 };
@@ -139,10 +169,14 @@ struct dns_ctx {
   dns::Link cancelled;
   dns::Link queued;
   dns::Link sending;
+  dns::Link tcp_waiting;  // questions for which no connection has room
   dns::TimerWheel waiting;
   dns_query **index = nullptr;  // questions that were sent, by id; a power of two of buckets
   unsigned index_size = 0;
   unsigned in_flight = 0;  // questions in the index
+
+  dns::Connection connections[dns::kConnectionsMax];
+  unsigned connections_open = 0;
 
   dns::Pool<dns_query, 32> queries;
   dns::Pool<dns::OwnServers, 16> own_servers;
@@ -189,6 +223,12 @@ void index_add(dns_query *q);
 void index_remove(dns_query *q);
 [[nodiscard]] dns_query *index_first(const dns_ctx *ctx, uint16_t id);
 
+// leave takes a question out of its list, the timers, the index and its connection, and gives its socket back.
+void leave(dns_query *q);
+
+// enqueue puts a question that is in no list, or in a plain one, at the end of those that are to be sent.
+void enqueue(dns_query *q);
+
 // deliver ends a question: takes it out of every list, calls back, releases it.
 void deliver(dns_query *q, dns_status status, void *result, unsigned size, unsigned sflags);
 
@@ -214,15 +254,63 @@ class Hold {
 // ends it with `error`, or with the last error that a server answered with.
 void ask_again(dns_query *q);
 
-// ---- drive.cc
+// ask_otherwise asks the present server again at once, without EDNS0 or over TCP as the question's fields now say.
+void ask_otherwise(dns_query *q);
 
-void tell_packet(dns_ctx *ctx, dns_query *q, int code, std::span<const uint8_t> packet, const sockaddr_in *peer,
-                 int rtt_ms);
+// ---- send.cc
+
+// build writes the packet that asks `q` of its present server; its length.
+[[nodiscard]] size_t build(dns_query *q, std::span<uint8_t> packet);
+
+// sent notes that a try of a question is on its way, and for how long it is waited for.
+void sent(dns_query *q, int64_t patience_us);
+
+// flush sends every question that is due. Questions whose socket is full stay until it drains.
+void flush(dns_ctx *ctx);
+
+// ---- receive.cc
+
+// Arrival is a packet that came in, from where and by which road.
+struct Arrival {
+  std::span<const uint8_t> packet;
+  const sockaddr_in *peer;
+  int slot;
+
+  [[nodiscard]] int protocol() const { return slot >= kTcpSlot ? IPPROTO_TCP : IPPROTO_UDP; }
+};
+
+// take_packet gives a packet to the question that it answers.
+void take_packet(dns_ctx *ctx, const Arrival &arrival);
+
+// receive reads what has arrived on a UDP socket.
+void receive(dns_ctx *ctx, int slot);
+
+// take_returned reads which questions the network has sent back as undeliverable on a UDP socket, and asks the next
+// server at once. False when there was none.
+bool take_returned(dns_ctx *ctx, int slot);
+
+void tell_packet(dns_ctx *ctx, dns_query *q, int code, const Arrival &arrival, int rtt_ms);
+
+// ---- tcp.cc
+
+// send_over_tcp sends a question on the connection to its server, or has it wait for one.
+void send_over_tcp(dns_query *q);
+// tcp_flush writes what is to be written on every connection. True when one broke, and left questions to be sent.
+[[nodiscard]] bool tcp_flush(dns_ctx *ctx);
+// tcp_forget takes a question off its connection.
+void tcp_forget(dns_query *q);
+// tcp_timed_out gives up the try of a question that is under way on a connection.
+void tcp_timed_out(dns_query *q);
+// tcp_event reads and writes the connection of a descriptor; false when there is none.
+[[nodiscard]] bool tcp_event(dns_ctx *ctx, const dns_ios &socket);
+// tcp_tidy closes connections that have been idle, tcp_close all.
+void tcp_tidy(dns_ctx *ctx);
+void tcp_close(dns_ctx *ctx);
 
 // ---- outcome.cc
 
-// take_answer decides what `packet`, an answer that passed every check on its origin, means for its question.
-void take_answer(dns_query *q, std::span<const uint8_t> packet, const Header &header, const sockaddr_in &peer);
+// take_answer decides what a packet that passed every check on its origin means for its question.
+void take_answer(dns_query *q, const Arrival &arrival, const Header &header);
 
 // take_cached answers a question from the entry in `ctx->entry`; false when the entry turns out to be of no use.
 [[nodiscard]] bool take_cached(dns_query *q);

@@ -57,10 +57,13 @@ Verdict judge_denial(const dns_query *q, std::span<const uint8_t> packet, const 
 Verdict judge(const dns_query *q, std::span<const uint8_t> packet, const Header &header) {
   if (header.rcode != DNS_R_NOERROR && header.rcode != DNS_R_NXDOMAIN)
     return {error_of(header.rcode), DNS_D_PKT_SERVERR, 0, false};
-  if (header.tc) return broken(DNS_D_PKT_TC);
+  // What is cut off over TCP as well cannot be had at all.
+  if (header.tc) return broken(q->over_tcp ? DNS_D_PKT_RPINV : DNS_D_PKT_TC);
   size_t answers = 0;
   Chain chain;
-  if (!section_at(packet, DNS_S_AN, &answers)) return broken(DNS_D_PKT_RPINV);
+  Opt opt;
+  if (!section_at(packet, DNS_S_AN, &answers) || !read_opt(packet, &opt)) return broken(DNS_D_PKT_RPINV);
+  if (opt.rcode_high != 0) return {DNS_E_FAIL, DNS_D_PKT_SERVERR, 0, false};
   const dns_status status = follow_chain(packet, answers, q->dn, q->typ, q->cls, q->ctx->options.maxalias, &chain);
   if (status == DNS_E_CNLOOP) return {status, DNS_D_PKT_RPAN, 0, false};
   if (status != DNS_E_NOERROR) return broken(DNS_D_PKT_RPINV);
@@ -84,8 +87,7 @@ bool keeps_all(dns_cacher *cacher) {
 void keep(dns_query *q, std::span<const uint8_t> packet, const Header &header, const Verdict &verdict) {
   dns_ctx *ctx = q->ctx;
   size_t answers = 0;
-  if (ctx->answer_cache == nullptr || q->own != nullptr || verdict.status == DNS_E_CNLOOP ||
-      verdict.status == DNS_E_NOMEM)
+  if (ctx->answer_cache == nullptr || q->uncached || verdict.status == DNS_E_CNLOOP || verdict.status == DNS_E_NOMEM)
     return;
   if (!section_at(packet, DNS_S_AN, &answers)) return;
   set_key(q, verdict.has_ttl ? 0 : kNoSoa);
@@ -101,14 +103,16 @@ void keep(dns_query *q, std::span<const uint8_t> packet, const Header &header, c
 // again the answer may belong to an earlier packet (Karn's rule), and only the time since the first is sure to hold its
 // round trip. It counts where it is above the estimate: a server that has become slower than the wait for it would
 // otherwise never be measured again, and be asked twice for ever.
-void measure(dns_query *q, const sockaddr_in &peer) {
+void measure(dns_query *q, const Arrival &arrival) {
   dns_ctx *ctx = q->ctx;
+  const sockaddr_in &peer = *arrival.peer;
   const auto servers = servers_of(q);
   Server *present = servers[q->server];
   const auto found = std::ranges::find_if(servers, [&peer](const Server *s) { return same_address(s->address, peer); });
   Server *server = same_address(present->address, peer) || found == servers.end() ? present : *found;
   server->used.fetch_add(1, std::memory_order_relaxed);
-  if (!same_address(server->address, peer)) return;
+  // Over TCP the time holds a connection's making, or its waiting for others.
+  if (arrival.protocol() == IPPROTO_TCP || !same_address(server->address, peer)) return;
   const bool sure = server == present && q->tries <= servers.size();
   const int64_t rtt = ctx->now_us - (sure ? q->sent_us : q->first_sent_us);
   if (sure || (server->srtt_us != 0 && rtt > server->srtt_us)) server->sample(rtt, wall(ctx));
@@ -133,13 +137,37 @@ int result_of(dns_query *q, dns_status status, std::span<const uint8_t> packet, 
 }
 
 // tell_answer tells the debug function of an answer; false when that cancelled the question.
-bool tell_answer(dns_query *q, int code, std::span<const uint8_t> packet, const sockaddr_in &peer) {
+bool tell_answer(dns_query *q, int code, const Arrival &arrival) {
   constexpr int64_t kUsPerMs = 1000;
   dns_ctx *ctx = q->ctx;
   if (ctx->dbg == nullptr) return true;
   const Hold hold(ctx);
-  tell_packet(ctx, q, code, packet, &peer, static_cast<int>((ctx->now_us - q->sent_us) / kUsPerMs));
+  tell_packet(ctx, q, code, arrival, static_cast<int>((ctx->now_us - q->sent_us) / kUsPerMs));
   return q->state != State::cancelled;
+}
+
+// wants_no_opt tells whether a server stumbled over the OPT record of the present try: it says that it does not
+// understand the question, in an answer without an OPT record, or that it knows no version of EDNS0 (RFC 6891, 6.1.3
+// and 7).
+bool wants_no_opt(const dns_query *q, std::span<const uint8_t> packet, const Header &header) {
+  constexpr uint8_t kBadVersionHigh = 1;
+  Opt opt;
+  if (!q->with_opt || !read_opt(packet, &opt)) return false;
+  if (header.rcode == DNS_R_FORMERR || header.rcode == DNS_R_NOTIMPL) return !opt.present;
+  return header.rcode == DNS_R_NOERROR && opt.rcode_high == kBadVersionHigh;
+}
+
+// asked_otherwise asks the present server again without EDNS0 or over TCP, where its answer calls for that. False when
+// it does not.
+bool asked_otherwise(dns_query *q, int code, const Arrival &arrival, const Header &header) {
+  if (!same_address(servers_of(q)[q->server]->address, *arrival.peer)) return false;
+  const bool without_opt = code == DNS_D_PKT_SERVERR && wants_no_opt(q, arrival.packet, header);
+  if (!without_opt && code != DNS_D_PKT_TC) return false;
+  if (without_opt) q->plain = true;
+  if (code == DNS_D_PKT_TC) q->over_tcp = true;
+  if (without_opt && !tell_answer(q, DNS_D_PKT_NEDNS0, arrival)) return true;
+  ask_otherwise(q);
+  return true;
 }
 
 }  // namespace
@@ -165,8 +193,9 @@ int parsed(dns_query *q, std::span<const uint8_t> packet, void **result) {
   return size;
 }
 
-void take_answer(dns_query *q, std::span<const uint8_t> packet, const Header &header, const sockaddr_in &peer) {
-  measure(q, peer);
+void take_answer(dns_query *q, const Arrival &arrival, const Header &header) {
+  const std::span<const uint8_t> packet = arrival.packet;
+  measure(q, arrival);
   Verdict verdict = judge(q, packet, header);
   void *result = nullptr;
   int size = 0;
@@ -177,14 +206,16 @@ void take_answer(dns_query *q, std::span<const uint8_t> packet, const Header &he
     size = result_of(q, verdict.status, packet, &result);
     if (size < 0) verdict = size == DNS_E_NOMEM ? Verdict{size, DNS_D_PKT_RPAN, 0, false} : broken(DNS_D_PKT_RPINV);
   }
-  if (!tell_answer(q, verdict.code, packet, peer)) return;
+  if (!tell_answer(q, verdict.code, arrival)) return;
   if (final_status(verdict.status)) {
+    if (q->plain) servers_of(q)[q->server]->plain_until_us = q->ctx->now_us + kNoEdnsUs;
     keep(q, packet, header, verdict);
     deliver(q, verdict.status, result, static_cast<unsigned>(std::max(size, 0)), 0);
     return;
   }
   q->error = static_cast<int16_t>(verdict.status);
-  q->refused |= answering(q, peer);
+  if (asked_otherwise(q, verdict.code, arrival, header)) return;
+  q->refused |= answering(q, *arrival.peer);
   // An error from a server that was asked before the present one changes nothing about the try that is under way.
   if (q->state == State::waiting && (q->refused & (1U << q->server)) == 0) return;
   ask_again(q);

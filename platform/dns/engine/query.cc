@@ -36,7 +36,8 @@ bool keep_name(dns_query *q, const uint8_t *dn, unsigned size) {
   }
   memcpy(place, dn, size);
   q->dn = place;
-  q->dn_size = static_cast<uint8_t>(size);
+  q->ask = place;
+  q->dn_size = q->ask_size = static_cast<uint8_t>(size);
   return true;
 }
 
@@ -92,16 +93,25 @@ void leave_list(dns_query *q) {
   }
 }
 
-// leave_everything takes a question out of its list, the timers and the index, and gives its socket back.
-void leave_everything(dns_query *q) {
+}  // namespace
+
+void leave(dns_query *q) {
   leave_list(q);
   if (q->slot == UdpPool::kNone) return;
   index_remove(q);
-  q->ctx->sockets.done(q->slot);
+  if (q->slot >= kTcpSlot) {
+    tcp_forget(q);
+  } else {
+    q->ctx->sockets.done(q->slot);
+  }
   q->slot = UdpPool::kNone;
 }
 
-}  // namespace
+void enqueue(dns_query *q) {
+  q->state = State::sending;
+  q->sent_us = q->ctx->now_us;
+  q->ctx->sending.append(q);
+}
 
 bool index_make(dns_ctx *ctx) {
   if (ctx->index == nullptr) index_grow(ctx);
@@ -132,7 +142,7 @@ dns_query *index_first(const dns_ctx *ctx, uint16_t id) {
 
 void deliver(dns_query *q, dns_status status, void *result, unsigned size, unsigned sflags) {
   dns_ctx *ctx = q->ctx;
-  leave_everything(q);
+  leave(q);
   q->state = State::delivering;
   --ctx->active;
   ctx->status = status;
@@ -143,7 +153,7 @@ void deliver(dns_query *q, dns_status status, void *result, unsigned size, unsig
 
 void drop(dns_query *q) {
   dns_ctx *ctx = q->ctx;
-  leave_everything(q);
+  leave(q);
   --ctx->active;
   if (ctx->holds == 0) {
     release(q);
@@ -176,10 +186,20 @@ void ask_again(dns_query *q) {
     deliver(q, status, nullptr, 0, 0);
     return;
   }
-  leave_list(q);
-  q->state = State::sending;
-  q->sent_us = ctx->now_us;
-  ctx->sending.append(q);
+  q->plain = false;
+  q->tcp_tries = 0;
+  // By UDP the answer to an earlier try still counts, so that the question keeps its socket and its id.
+  if (std::exchange(q->over_tcp, false)) {
+    leave(q);
+  } else {
+    leave_list(q);
+  }
+  enqueue(q);
+}
+
+void ask_otherwise(dns_query *q) {
+  leave(q);
+  enqueue(q);
 }
 
 }  // namespace dns
@@ -210,7 +230,7 @@ dns_query *dns_submit_dn_serv(dns_ctx *ctx, const unsigned char *dn, dns_class c
   q->callback = callback;
   q->data = data;
   q->parse = parse;
-  q->dn = nullptr;
+  q->dn = q->ask = nullptr;
   q->own = nullptr;
   q->first_sent_us = q->sent_us = 0;
   q->asked = q->refused = 0;
@@ -221,7 +241,9 @@ dns_query *dns_submit_dn_serv(dns_ctx *ctx, const unsigned char *dn, dns_class c
   q->slot = UdpPool::kNone;
   q->error = 0;
   q->nserv = 0;
-  q->tries = 0;
+  q->tries = q->tcp_tries = 0;
+  q->over_tcp = q->plain = false;
+  q->uncached = servers != nullptr && nserv > 0;
   q->state = State::queued;
 
   dns_status status = keep_name(q, dn, size) ? DNS_E_NOERROR : DNS_E_NOMEM;

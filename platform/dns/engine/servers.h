@@ -27,6 +27,7 @@ struct Server : Link {
   // driving thread touches them.
   int64_t srtt_us;
   int64_t deviation_us;
+  int64_t plain_until_us;  // until when it is asked without EDNS0
 
   std::atomic<int> average_ms;
   std::atomic<int> last_ms;

@@ -1,10 +1,13 @@
 // system.cc - the table of functions with the operating system behind it, and the random source that reads from it.
 #include <errno.h>
+#include <netinet/tcp.h>
 #include <string.h>
 #include <sys/random.h>
 #include <sys/socket.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <linux/errqueue.h>  // relies on <time.h>
 
 #include "dns_io.h"
 
@@ -44,10 +47,12 @@ int system_udp_open(void *, uint16_t port) {
   // As much as an unprivileged process may have; the pool's size does not rely on it.
   constexpr int kReceiveBytes = 1 << 20;
   (void)setsockopt(descriptor, SOL_SOCKET, SO_RCVBUF, &kReceiveBytes, sizeof kReceiveBytes);
+  constexpr int kOn = 1;
+  (void)setsockopt(descriptor, IPPROTO_IP, IP_RECVERR, &kOn, sizeof kOn);
   return descriptor;
 }
 
-void system_udp_close(void *, int descriptor) {
+void system_close(void *, int descriptor) {
   close(descriptor);
 }
 
@@ -88,8 +93,64 @@ int system_udp_receive(void *, int descriptor, Datagram *datagrams, unsigned cou
   return received;
 }
 
-constexpr Io kSystem = {nullptr,          system_wall,     system_random,     system_udp_open,
-                        system_udp_close, system_udp_send, system_udp_receive};
+// came_back_by_icmp tells whether a message of the error queue is there because a router or the peer sent it back.
+bool came_back_by_icmp(msghdr *message) {
+  for (cmsghdr *part = CMSG_FIRSTHDR(message); part != nullptr; part = CMSG_NXTHDR(message, part)) {
+    if (part->cmsg_level != IPPROTO_IP || part->cmsg_type != IP_RECVERR) continue;
+    sock_extended_err error;
+    memcpy(&error, CMSG_DATA(part), sizeof error);
+    return error.ee_origin == SO_EE_ORIGIN_ICMP;
+  }
+  return false;
+}
+
+int system_udp_returned(void *, int descriptor, Datagram *datagram) {
+  for (;;) {
+    iovec vector = {datagram->data, datagram->capacity};
+    alignas(cmsghdr) uint8_t control[CMSG_SPACE(sizeof(sock_extended_err) + sizeof(sockaddr_in))];
+    msghdr message{};
+    message.msg_name = &datagram->peer;
+    message.msg_namelen = sizeof datagram->peer;
+    message.msg_iov = &vector;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    const ssize_t got = recvmsg(descriptor, &message, MSG_ERRQUEUE | MSG_DONTWAIT);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) return 0;
+    datagram->size = static_cast<uint32_t>(got);
+    if (came_back_by_icmp(&message) && message.msg_namelen == sizeof datagram->peer) return 1;
+  }
+}
+
+int system_tcp_open(void *, const sockaddr_in &peer) {
+  const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP);
+  if (descriptor < 0) return -errno;
+  constexpr int kOn = 1;
+  (void)setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &kOn, sizeof kOn);
+  if (connect(descriptor, reinterpret_cast<const sockaddr *>(&peer), sizeof peer) == 0 || errno == EINPROGRESS)
+    return descriptor;
+  const int error = errno;
+  close(descriptor);
+  return -error;
+}
+
+int result_of(ssize_t moved) {
+  if (moved >= 0) return static_cast<int>(moved);
+  return errno == EWOULDBLOCK || errno == EINTR ? -EAGAIN : -errno;
+}
+
+int system_tcp_send(void *, int descriptor, const uint8_t *bytes, size_t size) {
+  return result_of(send(descriptor, bytes, size, MSG_NOSIGNAL | MSG_DONTWAIT));
+}
+
+int system_tcp_receive(void *, int descriptor, uint8_t *bytes, size_t size) {
+  return result_of(recv(descriptor, bytes, size, MSG_DONTWAIT));
+}
+
+constexpr Io kSystem = {nullptr,         system_wall,     system_random,      system_udp_open,
+                        system_close,    system_udp_send, system_udp_receive, system_udp_returned,
+                        system_tcp_open, system_close,    system_tcp_send,    system_tcp_receive};
 
 }  // namespace
 

@@ -1,5 +1,5 @@
 // dns_io.h - moving bytes: the one table of functions through which the engine reaches the operating system, the pool
-// of UDP sockets, and the source of random numbers. No decision about a question is taken here.
+// of UDP sockets, TCP connections, and the source of random numbers. No decision about a question is taken here.
 //
 // All of it belongs to one engine context and runs on the thread that drives it.
 #ifndef DNS_IO_H
@@ -8,6 +8,8 @@
 #include <netinet/in.h>
 #include <stddef.h>
 #include <stdint.h>
+
+#include <span>
 
 #include <kavo/dns_types.h>
 
@@ -37,6 +39,16 @@ struct Io {
   int (*udp_send)(void *self, int socket, const Datagram *datagrams, unsigned count);
   // udp_receive fills up to kBatch datagrams and returns how many arrived; 0 or -EAGAIN when none is there.
   int (*udp_receive)(void *self, int socket, Datagram *datagrams, unsigned count);
+  // udp_returned takes one packet that the network reported back as undeliverable: its bytes as far as they came back,
+  // and as peer where it was going. 1; 0 when there is none.
+  int (*udp_returned)(void *self, int socket, Datagram *datagram);
+  // tcp_open returns a non-blocking socket that is connecting to `peer`.
+  int (*tcp_open)(void *self, const sockaddr_in &peer);
+  void (*tcp_close)(void *self, int socket);
+  // tcp_send and tcp_receive return how many bytes went through; -EAGAIN when none can yet, also while connecting;
+  // tcp_receive 0 at the end of what the peer has to say.
+  int (*tcp_send)(void *self, int socket, const uint8_t *bytes, size_t size);
+  int (*tcp_receive)(void *self, int socket, uint8_t *bytes, size_t size);
 };
 
 // system_io returns the table's real body.
@@ -109,6 +121,44 @@ class UdpPool {
   Slot slots_[kSocketsMax];
   unsigned extent_ = 0;  // slots below this one may be open
   unsigned open_ = 0;
+};
+
+// TcpLink is one connection to a server: messages with their length in front (RFC 1035, 4.2.2), any number of them
+// under way in either direction (RFC 7766, 6.2.1.1).
+class TcpLink {
+ public:
+  static constexpr size_t kUnsentMax = 64 * 1024;  // bytes of questions that wait for the socket
+
+  TcpLink() = default;
+  ~TcpLink() { close(); }
+  TcpLink(const TcpLink &) = delete;
+  TcpLink &operator=(const TcpLink &) = delete;
+
+  // open begins to connect. 0 or a negated errno, -ENOMEM among them.
+  [[nodiscard]] int open(const Io *io, const sockaddr_in &peer);
+  void close();
+  [[nodiscard]] bool is_open() const { return descriptor_ >= 0; }
+  [[nodiscard]] int descriptor() const { return descriptor_; }
+
+  // push queues a message; false when kUnsentMax would be passed. flush sends what is queued as far as the socket takes
+  // it: 0, or a negated errno once the connection is broken.
+  [[nodiscard]] bool push(std::span<const uint8_t> message);
+  [[nodiscard]] int flush();
+  [[nodiscard]] bool wants_to_write() const { return unsent_ > 0; }
+
+  // fill reads what has arrived: above 0 for something, -EAGAIN for nothing yet, 0 when the peer has closed, else a
+  // negated errno. next takes the next whole message out of it, valid until the next fill; false when none is whole.
+  [[nodiscard]] int fill();
+  [[nodiscard]] bool next(std::span<const uint8_t> *message);
+
+ private:
+  const Io *io_ = nullptr;
+  int descriptor_ = -1;
+  uint8_t *out_ = nullptr;  // kUnsentMax bytes, then the room for what comes in
+  uint8_t *in_ = nullptr;
+  size_t unsent_ = 0;  // bytes at `out_` that have not left
+  size_t taken_ = 0;   // bytes at `in_` that `next` has handed out
+  size_t filled_ = 0;  // bytes at `in_`
 };
 
 }  // namespace dns

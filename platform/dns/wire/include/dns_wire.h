@@ -181,6 +181,23 @@ struct Header {
 [[nodiscard]] size_t write_query(std::span<uint8_t> buffer, uint16_t id, bool recursive, const uint8_t *dn,
                                  dns_type typ, dns_class cls);
 
+// write_opt appends an OPT record (RFC 6891) to the question packet of `size` bytes in `packet`: it tells the server
+// that UDP answers may be `udp_size` bytes, and carries a cookie option (RFC 7873) where `cookie` is not empty. The
+// packet's length, 0 when it does not fit.
+[[nodiscard]] size_t write_opt(std::span<uint8_t> packet, size_t size, uint16_t udp_size,
+                               std::span<const uint8_t> cookie);
+
+// Opt is what an answer's OPT record says. `cookie` points into the packet.
+struct Opt {
+  bool present;
+  uint8_t rcode_high;  // the upper eight bits of the response code, above the header's four
+  uint8_t version;
+  uint16_t udp_size;
+  std::span<const uint8_t> cookie;
+};
+// read_opt looks for an OPT record. False for a packet that is malformed or has two.
+[[nodiscard]] bool read_opt(std::span<const uint8_t> packet, Opt *opt);
+
 // Record is one record of a packet, its data still compressed. `data_at` is the data's place in the packet.
 struct Record {
   uint8_t owner[DNS_MAXDN];

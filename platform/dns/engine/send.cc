@@ -1,0 +1,147 @@
+// send.cc - packets out: what is due to be sent, in batches; see engine.h.
+#include <errno.h>
+
+#include <algorithm>
+
+#include "engine.h"
+
+namespace dns {
+namespace {
+
+// collect builds the packets of the questions that can leave from `slot` in one batch: those at the head of the list
+// that left from it before, or that are new where the first one is. They stay in the list until they are sent.
+unsigned collect(dns_ctx *ctx, int slot, unsigned room) {
+  const bool fresh = static_cast<const dns_query *>(ctx->sending.next)->slot == UdpPool::kNone;
+  dns_ctx::Buffers *buffers = ctx->buffers;
+  unsigned count = 0;
+  for (Link *link = ctx->sending.next; link != &ctx->sending && count < std::min(room, kBatch); link = link->next) {
+    auto *q = static_cast<dns_query *>(link);
+    const bool is_new = q->slot == UdpPool::kNone;
+    if (q->over_tcp || is_new != fresh || (!is_new && q->slot != slot)) break;
+    if (is_new && !ctx->random.u16(&q->id)) break;
+    Datagram &datagram = buffers->out[count];
+    datagram.data = buffers->queries[count];
+    datagram.size = static_cast<uint32_t>(build(q, buffers->queries[count]));
+    datagram.peer = servers_of(q)[q->server]->address;
+    buffers->leaving[count++] = q;
+  }
+  return count;
+}
+
+// sent_by_udp notes that a try of a question has left from a slot.
+void sent_by_udp(dns_query *q, int slot) {
+  dns_ctx *ctx = q->ctx;
+  if (q->slot == UdpPool::kNone) {
+    q->slot = static_cast<int16_t>(slot);
+    ctx->sockets.used(slot);
+    index_add(q);
+    q->first_sent_us = ctx->now_us;
+  }
+  const auto servers = servers_of(q);
+  const unsigned round = q->tries / static_cast<unsigned>(servers.size());
+  ++q->tries;
+  q->asked |= 1U << q->server;
+  // Nothing is sent after the last try, so it may as well wait its whole time: an answer to any try still counts.
+  const bool last = q->tries >= ctx->options.ntries;
+  const int64_t longest = ctx->options.timeout_us;
+  sent(q, last ? longest : servers[q->server]->patience_us(round, longest));
+}
+
+void not_sent(dns_query *q) {
+  ++q->tries;
+  ask_again(q);
+}
+
+// tell_sent tells the debug function of the packets that have left; it may cancel what it is still to be told of.
+void tell_sent(dns_ctx *ctx, int slot, int count) {
+  if (ctx->dbg == nullptr) return;
+  const dns_ctx::Buffers *buffers = ctx->buffers;
+  const Hold hold(ctx);
+  for (int i = 0; i < count; ++i) {
+    const Datagram &out = buffers->out[i];
+    if (buffers->leaving[i]->state != State::cancelled)
+      tell_packet(ctx, buffers->leaving[i], DNS_D_PKT_REQ, {{out.data, out.size}, &out.peer, slot}, 0);
+  }
+}
+
+// try_send sends a batch. An error that the socket had in store for an earlier packet is taken out of the way first.
+int try_send(dns_ctx *ctx, int slot, unsigned count) {
+  const auto attempt = [&] {
+    return ctx->io->udp_send(ctx->io->self, ctx->sockets.descriptor(slot), ctx->buffers->out, count);
+  };
+  const int result = attempt();
+  const bool blocked = result == -EAGAIN || result == -EWOULDBLOCK || result == -ENOBUFS || result == -EINTR;
+  return result > 0 || blocked ? result : attempt();
+}
+
+// send_batch sends what `collect` gathered; false when the socket's buffer is full.
+bool send_batch(dns_ctx *ctx, int slot, unsigned count) {
+  const dns_ctx::Buffers *buffers = ctx->buffers;
+  const int result = try_send(ctx, slot, count);
+  if (result == -EAGAIN || result == -EWOULDBLOCK || result == -ENOBUFS) return false;
+  if (result == -EINTR) return true;
+  for (int i = 0; i < result; ++i)
+    sent_by_udp(buffers->leaving[i], slot);
+  tell_sent(ctx, slot, std::max(result, 0));
+  // The network refused the first of them (no route, say): that try has failed.
+  if (result <= 0) not_sent(buffers->leaving[0]);
+  return true;
+}
+
+// send_next sends the question at the head of the list, and with it what can leave in the same call.
+void send_next(dns_ctx *ctx, Link *held) {
+  auto *q = static_cast<dns_query *>(ctx->sending.next);
+  unsigned room = kBatch;
+  const int slot = q->slot != UdpPool::kNone ? q->slot : ctx->sockets.pick(&room);
+  if (slot != UdpPool::kNone && ctx->sockets.blocked(slot)) {
+    // A try that cannot leave is over when its longest wait would be, so that every question ends.
+    if (ctx->now_us - q->sent_us >= ctx->options.timeout_us) {
+      not_sent(q);
+    } else {
+      held->append(q);
+    }
+    return;
+  }
+  const unsigned count = slot == UdpPool::kNone ? 0 : collect(ctx, slot, room);
+  if (count == 0) {
+    not_sent(q);
+  } else if (!send_batch(ctx, slot, count)) {
+    ctx->sockets.set_blocked(slot, true);
+  }
+}
+
+}  // namespace
+
+size_t build(dns_query *q, std::span<uint8_t> packet) {
+  const dns_ctx *ctx = q->ctx;
+  const size_t size = write_query(packet, q->id, (q->flags & DNS_RCRS) != 0, q->ask, q->typ, q->cls);
+  q->with_opt = !q->plain && servers_of(q)[q->server]->plain_until_us <= ctx->now_us;
+  return q->with_opt ? write_opt(packet, size, static_cast<uint16_t>(ctx->options.udp_size), {}) : size;
+}
+
+void sent(dns_query *q, int64_t patience_us) {
+  dns_ctx *ctx = q->ctx;
+  q->sent_us = ctx->now_us;
+  servers_of(q)[q->server]->sent.fetch_add(1, std::memory_order_relaxed);
+  q->unlink();
+  q->state = State::waiting;
+  ctx->waiting.add(q, ctx->now_us + patience_us);
+}
+
+void flush(dns_ctx *ctx) {
+  Link held;
+  ctx->sending.take_all(&ctx->tcp_waiting);
+  do {
+    while (!ctx->sending.alone()) {
+      auto *q = static_cast<dns_query *>(ctx->sending.next);
+      if (q->over_tcp) {
+        send_over_tcp(q);
+      } else {
+        send_next(ctx, &held);
+      }
+    }
+  } while (tcp_flush(ctx));
+  ctx->sending.take_all(&held);
+}
+
+}  // namespace dns

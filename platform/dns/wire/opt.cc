@@ -1,0 +1,72 @@
+// opt.cc - the OPT record of EDNS0 (RFC 6891): written behind a question, and read from an answer. Stateless; any
+// thread.
+
+#include <dns_wire.h>
+
+#include "wire.h"
+
+namespace dns {
+namespace {
+
+constexpr size_t kAdditionalCountAt = 10;  // where the header counts the additional records
+constexpr uint16_t kOptionCookie = 10;     // RFC 7873
+constexpr unsigned kRcodeShift = 24;       // the upper bits of the response code, in what is the TTL elsewhere
+constexpr unsigned kVersionShift = 16;
+
+// read_options looks for a cookie among the options of an OPT record. False when they are malformed.
+[[nodiscard]] bool read_options(std::span<const uint8_t> data, Opt *opt) {
+  Reader reader(data);
+  while (reader.left() > 0) {
+    uint16_t code = 0, size = 0;
+    std::span<const uint8_t> value;
+    if (!reader.u16(&code) || !reader.u16(&size) || !reader.bytes(size, &value)) return false;
+    if (code == kOptionCookie) opt->cookie = value;
+  }
+  return true;
+}
+
+}  // namespace
+
+size_t write_opt(std::span<uint8_t> packet, size_t size, uint16_t udp_size, std::span<const uint8_t> cookie) {
+  Writer writer(packet, size);
+  writer.u8(0);  // the root owns it
+  writer.u16(DNS_T_OPT);
+  writer.u16(udp_size);
+  writer.u32(0);  // version 0, no flags
+  constexpr size_t kOptionHead = 4;
+  writer.u16(static_cast<uint16_t>(cookie.empty() ? 0 : kOptionHead + cookie.size()));
+  if (!cookie.empty()) {
+    writer.u16(kOptionCookie);
+    writer.u16(static_cast<uint16_t>(cookie.size()));
+    writer.bytes(cookie);
+  }
+  writer.patch_u16(kAdditionalCountAt, 1);
+  return writer.ok() ? writer.position() : 0;
+}
+
+bool read_opt(std::span<const uint8_t> packet, Opt *opt) {
+  *opt = {};
+  Header header;
+  size_t at = 0;
+  if (!read_header(packet, &header) || header.count[DNS_S_AR] == 0) return true;
+  if (!section_at(packet, DNS_S_AR, &at)) return false;
+  Reader reader(packet, at);
+  for (unsigned left = header.count[DNS_S_AR]; left > 0; --left) {
+    uint16_t typ = 0, cls = 0, size = 0;
+    uint32_t ttl = 0;
+    std::span<const uint8_t> data;
+    if (!reader.skip_name() || !reader.u16(&typ) || !reader.u16(&cls) || !reader.u32(&ttl) || !reader.u16(&size) ||
+        !reader.bytes(size, &data))
+      return false;
+    if (typ != DNS_T_OPT) continue;
+    if (opt->present) return false;  // only one may stand there (RFC 6891, 6.1.1)
+    opt->present = true;
+    opt->udp_size = cls;
+    opt->rcode_high = static_cast<uint8_t>(ttl >> kRcodeShift);
+    opt->version = static_cast<uint8_t>(ttl >> kVersionShift & UINT8_MAX);
+    if (!read_options(data, opt)) return false;
+  }
+  return true;
+}
+
+}  // namespace dns
