@@ -208,9 +208,10 @@ bool in_class(const dns_cdata *entry, const dns::Record &record) {
 }
 
 // append_aliases appends the records of the chain, which mostly stand in its order and then take one pass.
-[[nodiscard]] dns_status append_aliases(dns_cdata *entry, const Section &section, const dns::Chain &chain) {
+[[nodiscard]] dns_status append_aliases(dns_cdata *entry, const Section &section, const uint8_t *from,
+                                        const dns::Chain &chain) {
   uint8_t dn[DNS_MAXDN];
-  memcpy(dn, entry->dn, sizeof dn);
+  if (dns_dntodn(from, dn, sizeof dn) == 0) return DNS_E_BADQUERY;
   for (unsigned left = chain.aliases; left > 0;) {
     const unsigned before = left;
     const dns_status status = append_pass(entry, section, dn, &left);
@@ -232,18 +233,6 @@ bool in_class(const dns_cdata *entry, const dns::Record &record) {
     if (status != DNS_E_NOERROR) return status;
   }
   return DNS_E_NOERROR;
-}
-
-[[nodiscard]] dns_status append_chain(dns_cdata *entry, std::span<const uint8_t> packet, size_t answers_at,
-                                      unsigned aliases_max) {
-  dns::Header header;
-  dns::Chain chain;
-  if (!dns::read_header(packet, &header)) return DNS_E_PROTOCOL;
-  dns_status status = dns::follow_chain(packet, answers_at, entry->dn, entry->typ, entry->cls, aliases_max, &chain);
-  if (status != DNS_E_NOERROR) return status;
-  const Section section = {packet, answers_at, header.count[DNS_S_AN]};
-  status = append_aliases(entry, section, chain);
-  return status == DNS_E_NOERROR ? append_answers(entry, section, chain.end) : status;
 }
 
 }  // namespace
@@ -279,9 +268,20 @@ dns_status cdata_from_answer(dns_cdata *entry, std::span<const uint8_t> packet, 
   if (rcode < 0 || rcode > kRcodeMax) return DNS_E_PROTOCOL;
   entry->rcode = static_cast<uint8_t>(rcode);
   entry->ttl = ttl;
-  const dns_status status = append_chain(entry, packet, answers_at, aliases_max);
+  Chain chain;
+  dns_status status = follow_chain(packet, answers_at, entry->dn, entry->typ, entry->cls, aliases_max, &chain);
+  if (status == DNS_E_NOERROR) status = cdata_append_chain(entry, packet, answers_at, entry->dn, chain, true);
   if (status != DNS_E_NOERROR) drop_records(entry);
   return status;
+}
+
+dns_status cdata_append_chain(dns_cdata *entry, std::span<const uint8_t> packet, size_t answers_at, const uint8_t *from,
+                              const Chain &chain, bool answers) {
+  Header header;
+  if (!read_header(packet, &header)) return DNS_E_PROTOCOL;
+  const Section section = {packet, answers_at, header.count[DNS_S_AN]};
+  const dns_status status = append_aliases(entry, section, from, chain);
+  return status == DNS_E_NOERROR && answers ? append_answers(entry, section, chain.end) : status;
 }
 
 int cdata_to_packet(const dns_cdata *entry, uint8_t *buffer, size_t size) {

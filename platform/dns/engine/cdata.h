@@ -13,6 +13,7 @@
 
 #include <span>
 
+#include <dns_wire.h>
 #include <kavo/dns.h>
 
 struct dns_cdata {
@@ -63,6 +64,11 @@ inline constexpr size_t kRunMax = DNS_MAXPACKET - DNS_HSIZE - DNS_MAXDN - kQuest
 // that is too large once its names are written whole. After a failure the entry holds no records.
 [[nodiscard]] dns_status cdata_from_answer(dns_cdata *entry, std::span<const uint8_t> packet, size_t answers_at,
                                            unsigned aliases_max, int rcode, int32_t ttl);
+
+// cdata_append_chain appends to the records of `entry` the aliases of `chain`, which follow_chain found from `from` on
+// in `packet`, and, with `answers`, the records of the entry's type at its end. DNS_E_NOERROR, or as cdata_from_answer.
+[[nodiscard]] dns_status cdata_append_chain(dns_cdata *entry, std::span<const uint8_t> packet, size_t answers_at,
+                                            const uint8_t *from, const Chain &chain, bool answers);
 
 // cdata_to_packet writes the entry as a whole answer packet: header (QR, RA, the response code), question, and the
 // records with what remains of their TTLs, 0 for those of an expired entry. Returns its length; DNS_E_NOBUFS when it

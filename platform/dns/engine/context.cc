@@ -187,6 +187,8 @@ dns_status dns_open(dns_ctx *ctx) {
 
 void dns_close(dns_ctx *ctx) {
   if (ctx == nullptr || !ctx->opened) return;
+  while (!ctx->resting.alone())
+    drop(static_cast<dns_query *>(ctx->resting.next));
   while (!ctx->queued.alone())
     drop(static_cast<dns_query *>(ctx->queued.next));
   while (!ctx->sending.alone())

@@ -52,6 +52,8 @@ void take_queued(dns_ctx *ctx) {
   while (!turn.alone()) {
     auto *q = static_cast<dns_query *>(turn.next);
     if (answer_from_cache(q)) continue;
+    begin_at_delegation(q);
+    if (q->state != State::queued) continue;
     if (servers_of(q).empty()) {
       deliver(q, DNS_E_TEMPFAIL, nullptr, 0, 0);
       continue;

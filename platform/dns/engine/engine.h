@@ -7,6 +7,7 @@
 //   receive.cc   packets in, and which question each of them answers
 //   tcp.cc       connections to servers, and the questions that go over them
 //   outcome.cc   what an answer packet means for its question
+//   journey.cc   aliases that lead out of an answer, referrals, the direct cache
 //   parsers.cc   the record parsers over the context's result memory
 //   resolve.cc   synchronous lookups, which drive the loop themselves
 //
@@ -16,7 +17,8 @@
 //                           |                    ^           |            ^
 //                           +--- live entry -----|-----------|------------+
 //                                                +-- again --+
-//   dns_cancel takes it from any of queued, sending and waiting straight to gone.
+//   A question that needs the address of a server first rests until its look-up, a question of the engine's own, is
+//   over. dns_cancel takes it from any of queued, sending, waiting and resting straight to gone.
 #ifndef DNS_ENGINE_ENGINE_H
 #define DNS_ENGINE_ENGINE_H
 
@@ -53,7 +55,7 @@ inline constexpr size_t kCookieMax = 4 + 8 + 32;          // a cookie option (RF
 static_assert(DNS_MAXSERV <= kServersMax);
 static_assert(kQueryRoom >= DNS_HSIZE + DNS_MAXDN + 4 + kOptSize + kCookieMax);
 
-enum class State : uint8_t { queued, sending, waiting, delivering, cancelled };
+enum class State : uint8_t { queued, sending, waiting, resting, delivering, cancelled };
 
 struct OwnServers {
   Server *servers[DNS_MAXSERV];
@@ -61,6 +63,29 @@ struct OwnServers {
 
 struct LongName {
   uint8_t dn[DNS_MAXDN];
+};
+
+inline constexpr unsigned kDelegatedMax = 13;  // servers of a zone that are asked
+inline constexpr unsigned kTargetsMax = 4;     // servers of a zone whose addresses are looked up
+
+// Journey is what a question remembers once an answer has sent it on.
+struct Journey {
+  uint8_t ask[DNS_MAXDN];
+  uint8_t zone[DNS_MAXDN];    // which `servers` answer for
+  uint8_t coming[DNS_MAXDN];  // the zone whose servers are being looked up
+  uint8_t targets[kTargetsMax][DNS_MAXDN];
+  unsigned ntargets = 0;
+  unsigned nserv = 0;  // 0: the context's servers, or the question's own
+  Server *servers[kDelegatedMax];
+  bool remembered = false;      // the servers are those of a cached delegation
+  dns_cdata *passed = nullptr;  // the aliases that were passed, under the question's own key
+  int32_t ttl = INT32_MAX;      // the least of theirs
+  unsigned aliases = 0;
+  unsigned steps = 0;           // referrals followed, by look-ups too
+  unsigned lookups = 0;         // made for its sake
+  unsigned depth = 0;           // of a look-up: how many questions wait for it, one for the other
+  Journey *top = nullptr;       // of a look-up: the journey of the first of them
+  dns_query *lookup = nullptr;  // that it waits for
 };
 
 // Connection is the one TCP connection to a server, with the questions that are under way on it.
@@ -104,6 +129,7 @@ struct dns_query : dns::Timer {
   const uint8_t *dn;
   const uint8_t *ask;    // the name that servers are asked for
   dns::OwnServers *own;  // null: the context's servers
+  dns::Journey *journey;
   int64_t first_sent_us;
   int64_t sent_us;   // when the present try left, or when it was due
   uint32_t asked;    // servers that were sent the question, and may answer it
@@ -169,6 +195,7 @@ struct dns_ctx {
   dns::Link cancelled;
   dns::Link queued;
   dns::Link sending;
+  dns::Link resting;
   dns::Link tcp_waiting;  // questions for which no connection has room
   dns::TimerWheel waiting;
   dns_query **index = nullptr;  // questions that were sent, by id; a power of two of buckets
@@ -181,6 +208,7 @@ struct dns_ctx {
   dns::Pool<dns_query, 32> queries;
   dns::Pool<dns::OwnServers, 16> own_servers;
   dns::Pool<dns::LongName, 16> long_names;
+  dns::Pool<dns::Journey, 8> journeys;
 
   uint8_t *result = nullptr;  // the block that the last parse laid out
   size_t result_size = 0;
@@ -212,9 +240,22 @@ namespace dns {
 // ---- query.cc
 
 [[nodiscard]] inline std::span<Server *const> servers_of(const dns_query *q) {
+  if (q->journey != nullptr && q->journey->nserv > 0) return {q->journey->servers, q->journey->nserv};
   if (q->own != nullptr) return {q->own->servers, q->nserv};
   return {q->ctx->servers, q->ctx->nserv};
 }
+
+// recursive tells whether the question's present servers are asked for recursion, iterates whether the engine goes from
+// zone to zone itself.
+[[nodiscard]] inline bool recursive(const dns_query *q) {
+  return (q->flags & (DNS_RCRS | DNS_DCACHE)) == DNS_RCRS;
+}
+[[nodiscard]] inline bool iterates(const dns_query *q) {
+  return (q->flags & (DNS_RCRS | DNS_DCACHE)) == 0 && q->own == nullptr && q->cls == DNS_C_IN;
+}
+
+// release_own_servers has a question ask the context's servers from now on.
+void release_own_servers(dns_query *q);
 
 // The index holds every question that was sent, by id, until it is over. index_make allocates it; index_first begins
 // the chain in which a question with that id would lie.
@@ -320,6 +361,34 @@ void set_key(dns_query *q, unsigned flags);
 
 // parsed runs the question's parser over a packet. The block's size, 0 without a parser, or a negative status.
 [[nodiscard]] int parsed(dns_query *q, std::span<const uint8_t> packet, void **result);
+
+// ---- journey.cc
+
+// zone_of is the zone that the question's present servers speak for; null for the root.
+[[nodiscard]] const uint8_t *zone_of(const dns_query *q);
+[[nodiscard]] unsigned aliases_left(const dns_query *q);
+
+// begin_at_delegation has a new question asked of the servers of the nearest zone above it that is remembered.
+// begin_anew forgets those, when they are of no use, and asks the context's servers: false when there are none to
+// forget.
+void begin_at_delegation(dns_query *q);
+[[nodiscard]] bool begin_anew(dns_query *q);
+
+// ask_on asks for the name that a chain of aliases led to. follow_referral asks the servers of `zone`, which the packet
+// refers to. False when the question cannot go on so: then nothing has changed.
+[[nodiscard]] bool ask_on(dns_query *q, std::span<const uint8_t> packet, size_t answers_at, const Chain &chain);
+[[nodiscard]] bool follow_referral(dns_query *q, std::span<const uint8_t> packet, const uint8_t *zone);
+
+// complete adds the last answer to the aliases that were passed, in the journey's entry, and makes one packet of all.
+[[nodiscard]] dns_status complete(dns_query *q, std::span<const uint8_t> packet, size_t answers_at, const Chain &chain,
+                                  int rcode, int32_t ttl, std::span<const uint8_t> *whole);
+
+// abandon_lookup cancels the look-up that a question waits for; end_journey releases all that it has remembered.
+void abandon_lookup(dns_query *q);
+void end_journey(dns_query *q);
+
+// end_direct ends the asking of servers for what they hold, and has the context's servers asked for recursion.
+void end_direct(dns_query *q);
 
 }  // namespace dns
 

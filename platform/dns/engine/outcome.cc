@@ -35,10 +35,18 @@ dns_status error_of(uint8_t rcode) {
   }
 }
 
-// judge_denial reads an answer without records of the type.
-Verdict judge_denial(const dns_query *q, std::span<const uint8_t> packet, const Header &header, const Chain &chain) {
-  size_t authority = 0;
+// Reading is what a packet says, as far as it was read.
+struct Reading {
+  size_t answers_at;
+  Chain chain;
   Denial denial;
+};
+
+// judge_denial reads an answer without records of the type.
+Verdict judge_denial(const dns_query *q, std::span<const uint8_t> packet, const Header &header, Reading *reading) {
+  size_t authority = 0;
+  const Chain &chain = reading->chain;
+  Denial &denial = reading->denial;
   if (!section_at(packet, DNS_S_NS, &authority) || read_denial(packet, authority, chain.end, &denial) != DNS_E_NOERROR)
     return broken(DNS_D_PKT_RPINV);
   const int32_t ttl = std::min(denial.ttl, chain.ttl);
@@ -47,27 +55,30 @@ Verdict judge_denial(const dns_query *q, std::span<const uint8_t> packet, const 
     return {header.rcode == DNS_R_NXDOMAIN ? DNS_E_NXDOMAIN : DNS_E_NODATA, DNS_D_PKT_INVSOA, 0, true};
   if (header.rcode == DNS_R_NXDOMAIN) return {DNS_E_NXDOMAIN, DNS_D_PKT_RPAN, ttl, denial.soa};
   if (denial.soa) return {DNS_E_NODATA, DNS_D_PKT_RPAN, ttl, true};
+  // What a server that is asked for its cache alone does not deny with authority, it does not know.
+  if ((q->flags & DNS_DCACHE) != 0 && !header.aa) return broken(DNS_D_PKT_RPNS);
   // The chain's end was not answered for, so nothing is known about it.
   if (chain.aliases > 0) return broken(DNS_D_PKT_RPCNAME);
   // A referral: the server does not know, whoever it points to.
-  if (denial.ns && !header.aa) return broken((q->flags & DNS_RCRS) != 0 ? DNS_D_PKT_LAME : DNS_D_PKT_RPNS);
+  if (denial.ns && !header.aa) return broken(iterates(q) ? DNS_D_PKT_RPNS : DNS_D_PKT_LAME);
   return {DNS_E_NODATA, DNS_D_PKT_RPAN, 0, false};
 }
 
-Verdict judge(const dns_query *q, std::span<const uint8_t> packet, const Header &header) {
+Verdict judge(const dns_query *q, std::span<const uint8_t> packet, const Header &header, Reading *reading) {
   if (header.rcode != DNS_R_NOERROR && header.rcode != DNS_R_NXDOMAIN)
     return {error_of(header.rcode), DNS_D_PKT_SERVERR, 0, false};
   // What is cut off over TCP as well cannot be had at all.
   if (header.tc) return broken(q->over_tcp ? DNS_D_PKT_RPINV : DNS_D_PKT_TC);
-  size_t answers = 0;
-  Chain chain;
+  Chain &chain = reading->chain;
   Opt opt;
-  if (!section_at(packet, DNS_S_AN, &answers) || !read_opt(packet, &opt)) return broken(DNS_D_PKT_RPINV);
+  if (!section_at(packet, DNS_S_AN, &reading->answers_at) || !read_opt(packet, &opt)) return broken(DNS_D_PKT_RPINV);
   if (opt.rcode_high != 0) return {DNS_E_FAIL, DNS_D_PKT_SERVERR, 0, false};
-  const dns_status status = follow_chain(packet, answers, q->dn, q->typ, q->cls, q->ctx->options.maxalias, &chain);
+  const dns_status status =
+      follow_chain(packet, reading->answers_at, q->ask, q->typ, q->cls, aliases_left(q), &chain, zone_of(q));
   if (status == DNS_E_CNLOOP) return {status, DNS_D_PKT_RPAN, 0, false};
   if (status != DNS_E_NOERROR) return broken(DNS_D_PKT_RPINV);
-  if (chain.records == 0) return judge_denial(q, packet, header, chain);
+  if (chain.left) return broken(DNS_D_PKT_RPCNAME);
+  if (chain.records == 0) return judge_denial(q, packet, header, reading);
   // Records of a name that does not exist: the server contradicts itself.
   if (header.rcode == DNS_R_NXDOMAIN) return broken(DNS_D_PKT_RPINV);
   return {DNS_E_NOERROR, DNS_D_PKT_RPAN, chain.ttl, true};
@@ -77,6 +88,14 @@ bool is_denial(dns_status status) {
   return status == DNS_E_NXDOMAIN || status == DNS_E_NODATA;
 }
 
+bool is_answer(dns_status status) {
+  return status == DNS_E_NOERROR || is_denial(status);
+}
+
+bool is_final(dns_status status) {
+  return is_answer(status) || status == DNS_E_CNLOOP || status == DNS_E_NOMEM;
+}
+
 // keeps_all tells whether a cache keeps every answer for a time, also one whose TTL of 0 makes it good for the question
 // at hand alone (RFC 1035, 3.2.1).
 bool keeps_all(dns_cacher *cacher) {
@@ -84,19 +103,27 @@ bool keeps_all(dns_cacher *cacher) {
   return dns_cacher_getopt(cacher, DNS_CROPT_MINTTL, &least, sizeof least) == 0 && least > 0;
 }
 
-void keep(dns_query *q, std::span<const uint8_t> packet, const Header &header, const Verdict &verdict) {
+// passed_aliases tells whether the answer at hand is only the last part of what the question is answered with.
+bool passed_aliases(const dns_query *q) {
+  return q->journey != nullptr && q->journey->passed != nullptr;
+}
+
+void keep(dns_query *q, std::span<const uint8_t> packet, const Header &header, const Verdict &verdict,
+          size_t answers_at) {
   dns_ctx *ctx = q->ctx;
-  size_t answers = 0;
   if (ctx->answer_cache == nullptr || q->uncached || verdict.status == DNS_E_CNLOOP || verdict.status == DNS_E_NOMEM)
     return;
-  if (!section_at(packet, DNS_S_AN, &answers)) return;
   set_key(q, verdict.has_ttl ? 0 : kNoSoa);
-  if (verdict.has_ttl && verdict.ttl == 0 && !keeps_all(ctx->answer_cache)) {
+  dns_cdata *entry = passed_aliases(q) ? q->journey->passed : ctx->entry;
+  (void)dns_cdata_setflags(entry, verdict.has_ttl ? 0 : kNoSoa);
+  const int32_t ttl = passed_aliases(q) ? std::min(verdict.ttl, q->journey->ttl) : verdict.ttl;
+  if (verdict.has_ttl && ttl == 0 && !keeps_all(ctx->answer_cache)) {
     (void)dns_cacher_delete(ctx->answer_cache, ctx->entry, wall(ctx));
     return;
   }
-  if (cdata_from_answer(ctx->entry, packet, answers, ctx->options.maxalias, header.rcode, verdict.ttl) == DNS_E_NOERROR)
-    (void)dns_cacher_put(ctx->answer_cache, ctx->entry, wall(ctx));
+  if (passed_aliases(q) ||
+      cdata_from_answer(entry, packet, answers_at, ctx->options.maxalias, header.rcode, ttl) == DNS_E_NOERROR)
+    (void)dns_cacher_put(ctx->answer_cache, entry, wall(ctx));
 }
 
 // measure takes the round trip of an answer into the estimate of the server that sent it. Once a question was sent
@@ -170,6 +197,15 @@ bool asked_otherwise(dns_query *q, int code, const Arrival &arrival, const Heade
   return true;
 }
 
+// goes_on sends a question on that its server's answer neither ends nor fails. False when it does.
+bool goes_on(dns_query *q, const Arrival &arrival, const Header &header, const Verdict &verdict,
+             const Reading &reading) {
+  if (asked_otherwise(q, verdict.code, arrival, header)) return true;
+  if ((q->flags & DNS_DCACHE) != 0) return false;
+  if (verdict.code == DNS_D_PKT_RPCNAME) return ask_on(q, arrival.packet, reading.answers_at, reading.chain);
+  return verdict.code == DNS_D_PKT_RPNS && follow_referral(q, arrival.packet, reading.denial.zone);
+}
+
 }  // namespace
 
 void set_key(dns_query *q, unsigned flags) {
@@ -194,27 +230,30 @@ int parsed(dns_query *q, std::span<const uint8_t> packet, void **result) {
 }
 
 void take_answer(dns_query *q, const Arrival &arrival, const Header &header) {
-  const std::span<const uint8_t> packet = arrival.packet;
   measure(q, arrival);
-  Verdict verdict = judge(q, packet, header);
+  Reading reading;
+  std::span<const uint8_t> packet = arrival.packet;
+  Verdict verdict = judge(q, packet, header, &reading);
   void *result = nullptr;
   int size = 0;
-  const auto final_status = [](dns_status status) {
-    return status == DNS_E_NOERROR || is_denial(status) || status == DNS_E_CNLOOP || status == DNS_E_NOMEM;
-  };
-  if (final_status(verdict.status)) {
+  if (is_answer(verdict.status) && passed_aliases(q)) {
+    const dns_status status =
+        complete(q, packet, reading.answers_at, reading.chain, header.rcode, verdict.ttl, &packet);
+    if (status != DNS_E_NOERROR) verdict = {status == DNS_E_NOMEM ? status : DNS_E_PROTOCOL, DNS_D_PKT_RPINV, 0, false};
+  }
+  if (is_final(verdict.status)) {
     size = result_of(q, verdict.status, packet, &result);
     if (size < 0) verdict = size == DNS_E_NOMEM ? Verdict{size, DNS_D_PKT_RPAN, 0, false} : broken(DNS_D_PKT_RPINV);
   }
   if (!tell_answer(q, verdict.code, arrival)) return;
-  if (final_status(verdict.status)) {
+  if (is_final(verdict.status)) {
     if (q->plain) servers_of(q)[q->server]->plain_until_us = q->ctx->now_us + kNoEdnsUs;
-    keep(q, packet, header, verdict);
+    keep(q, packet, header, verdict, reading.answers_at);
     deliver(q, verdict.status, result, static_cast<unsigned>(std::max(size, 0)), 0);
     return;
   }
   q->error = static_cast<int16_t>(verdict.status);
-  if (asked_otherwise(q, verdict.code, arrival, header)) return;
+  if (goes_on(q, arrival, header, verdict, reading)) return;
   q->refused |= answering(q, *arrival.peer);
   // An error from a server that was asked before the present one changes nothing about the try that is under way.
   if (q->state == State::waiting && (q->refused & (1U << q->server)) == 0) return;

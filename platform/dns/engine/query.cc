@@ -2,6 +2,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <new>
 #include <utility>
 
@@ -57,11 +58,8 @@ dns_status keep_servers(dns_query *q, const sockaddr *servers, unsigned nserv) {
 
 void release(dns_query *q) {
   dns_ctx *ctx = q->ctx;
-  if (q->own != nullptr) {
-    for (unsigned i = 0; i < q->nserv; ++i)
-      ctx->server_table.release(q->own->servers[i]);
-    ctx->own_servers.put(q->own);
-  }
+  end_journey(q);
+  release_own_servers(q);
   if (q->dn != nullptr && q->dn != q->inline_dn) ctx->long_names.put(const_cast<uint8_t *>(q->dn));
   q->~dns_query();
   ctx->queries.put(q);
@@ -113,6 +111,13 @@ void enqueue(dns_query *q) {
   q->ctx->sending.append(q);
 }
 
+void release_own_servers(dns_query *q) {
+  if (q->own == nullptr) return;
+  for (unsigned i = 0; i < q->nserv; ++i)
+    q->ctx->server_table.release(q->own->servers[i]);
+  q->ctx->own_servers.put(std::exchange(q->own, nullptr));
+}
+
 bool index_make(dns_ctx *ctx) {
   if (ctx->index == nullptr) index_grow(ctx);
   return ctx->index != nullptr;
@@ -153,6 +158,7 @@ void deliver(dns_query *q, dns_status status, void *result, unsigned size, unsig
 
 void drop(dns_query *q) {
   dns_ctx *ctx = q->ctx;
+  abandon_lookup(q);
   leave(q);
   --ctx->active;
   if (ctx->holds == 0) {
@@ -181,7 +187,14 @@ Hold::~Hold() {
 
 void ask_again(dns_query *q) {
   dns_ctx *ctx = q->ctx;
-  if (q->tries >= ctx->options.ntries || !next_server(q)) {
+  const bool direct = (q->flags & DNS_DCACHE) != 0;
+  const auto most = std::min<size_t>(ctx->options.ntries, direct ? servers_of(q).size() : SIZE_MAX);
+  if (q->tries >= most || !next_server(q)) {
+    if (direct) {
+      end_direct(q);
+      return;
+    }
+    if (begin_anew(q)) return;
     const dns_status status = q->error != 0 ? dns_status{q->error} : dns_status{DNS_E_TEMPFAIL};
     deliver(q, status, nullptr, 0, 0);
     return;
@@ -232,6 +245,7 @@ dns_query *dns_submit_dn_serv(dns_ctx *ctx, const unsigned char *dn, dns_class c
   q->parse = parse;
   q->dn = q->ask = nullptr;
   q->own = nullptr;
+  q->journey = nullptr;
   q->first_sent_us = q->sent_us = 0;
   q->asked = q->refused = 0;
   q->flags = flags;

@@ -42,7 +42,7 @@ void sent_by_udp(dns_query *q, int slot) {
   ++q->tries;
   q->asked |= 1U << q->server;
   // Nothing is sent after the last try, so it may as well wait its whole time: an answer to any try still counts.
-  const bool last = q->tries >= ctx->options.ntries;
+  const bool last = q->tries >= ctx->options.ntries && recursive(q);
   const int64_t longest = ctx->options.timeout_us;
   sent(q, last ? longest : servers[q->server]->patience_us(round, longest));
 }
@@ -114,7 +114,7 @@ void send_next(dns_ctx *ctx, Link *held) {
 
 size_t build(dns_query *q, std::span<uint8_t> packet) {
   const dns_ctx *ctx = q->ctx;
-  const size_t size = write_query(packet, q->id, (q->flags & DNS_RCRS) != 0, q->ask, q->typ, q->cls);
+  const size_t size = write_query(packet, q->id, recursive(q), q->ask, q->typ, q->cls);
   q->with_opt = !q->plain && servers_of(q)[q->server]->plain_until_us <= ctx->now_us;
   return q->with_opt ? write_opt(packet, size, static_cast<uint16_t>(ctx->options.udp_size), {}) : size;
 }

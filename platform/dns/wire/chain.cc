@@ -16,7 +16,8 @@ constexpr size_t kSoaNumbers = 4;  // SERIAL, REFRESH, RETRY and EXPIRE stand be
 // Finder looks for the end of a chain of aliases, pass by pass over the answer section.
 class Finder {
  public:
-  Finder(const Answers &answers, dns_type typ, Chain *chain) : start_(answers), typ_(typ), chain_(chain) {}
+  Finder(const Answers &answers, dns_type typ, const uint8_t *within, Chain *chain)
+      : start_(answers), typ_(typ), within_(within), chain_(chain) {}
 
   // pass walks the section once; `moved` tells that an alias was followed, so that what the section holds in front of
   // it must be looked at again. `aliases_max` bounds the aliases of all passes.
@@ -37,6 +38,8 @@ class Finder {
         if (!follow(answers, record)) return DNS_E_PROTOCOL;
         answers.set_name(chain_->end);
         *moved = true;
+        chain_->left = within_ != nullptr && !covers(within_, chain_->end);
+        if (chain_->left) return DNS_E_NOERROR;
       }
     }
   }
@@ -54,20 +57,10 @@ class Finder {
 
   const Answers start_;
   dns_type typ_;
+  const uint8_t *within_;
   int32_t ttl_ = INT32_MAX;  // of the records at the end
   Chain *chain_;
 };
-
-// covers tells whether a zone holds a name: whether it is the name itself or one above it.
-bool covers(const uint8_t *zone, const uint8_t *dn) {
-  const unsigned zone_size = dns_dnlen(zone);
-  unsigned left = dns_dnlen(dn);
-  while (left > zone_size) {
-    left -= 1U + *dn;
-    dn += 1U + *dn;
-  }
-  return left == zone_size && dns_dnequal(zone, dn) != 0;
-}
 
 // soa_ttl reads how long a SOA record lets a denial be kept. False for malformed data.
 bool soa_ttl(std::span<const uint8_t> packet, const Record &record, int32_t *ttl) {
@@ -81,6 +74,16 @@ bool soa_ttl(std::span<const uint8_t> packet, const Record &record, int32_t *ttl
 }
 
 }  // namespace
+
+bool covers(const uint8_t *zone, const uint8_t *dn) {
+  const unsigned zone_size = dns_dnlen(zone);
+  unsigned left = dns_dnlen(dn);
+  while (left > zone_size) {
+    left -= 1U + *dn;
+    dn += 1U + *dn;
+  }
+  return left == zone_size && dns_dnequal(zone, dn) != 0;
+}
 
 Answers::Answers(std::span<const uint8_t> packet, size_t answers_at, unsigned count, dns_class cls)
     : reader_(packet, answers_at), left_(count), cls_(cls) {
@@ -117,19 +120,20 @@ bool Answers::owner_is_ours(Record *record, bool *ours) {
 }
 
 dns_status follow_chain(std::span<const uint8_t> packet, size_t answers_at, const uint8_t *dn, dns_type typ,
-                        dns_class cls, unsigned aliases_max, Chain *chain) {
-  *chain = {.end = {}, .aliases = 0, .records = 0, .ttl = INT32_MAX};
+                        dns_class cls, unsigned aliases_max, Chain *chain, const uint8_t *within) {
+  *chain = {.end = {}, .aliases = 0, .records = 0, .ttl = INT32_MAX, .left = false};
   Header header{};
   if (dns_dntodn(dn, chain->end, sizeof chain->end) == 0) return DNS_E_INVAL;
   if (answers_at > packet.size() || !read_header(packet, &header)) return DNS_E_PROTOCOL;
   const unsigned count = header.count[DNS_S_AN];
   // A chain that takes more steps than there are records has taken one of them twice.
   const unsigned steps_max = std::min(aliases_max, count);
-  Finder finder(Answers(packet, answers_at, count, cls), typ, chain);
+  Finder finder(Answers(packet, answers_at, count, cls), typ, within, chain);
   dns_status status = DNS_E_NOERROR;
-  for (bool moved = true; moved && status == DNS_E_NOERROR;)
+  for (bool moved = true; moved && !chain->left && status == DNS_E_NOERROR;)
     status = finder.pass(steps_max, &moved);
-  chain->ttl = std::min(chain->ttl, finder.records_ttl());
+  if (chain->left) chain->records = 0;
+  chain->ttl = std::min(chain->ttl, chain->left ? INT32_MAX : finder.records_ttl());
   return status;
 }
 

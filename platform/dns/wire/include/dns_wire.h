@@ -220,11 +220,18 @@ struct Chain {
   unsigned aliases;  // CNAME records followed
   unsigned records;  // records of the type (and class) at the end
   int32_t ttl;       // the least TTL of the aliases and those records; INT32_MAX without any
+  bool left;         // `end` lies outside the zone whose servers answered, so that nothing is known about it
 };
 // follow_chain walks the answer section from `dn`. A CNAME answers a question for CNAME or ANY and is not followed
-// then. DNS_E_NOERROR, DNS_E_PROTOCOL for a section that is malformed, DNS_E_CNLOOP beyond `aliases_max` aliases.
+// then. It ends at the first name outside the zone `within` (null: none is outside), whose servers cannot speak for it
+// (RFC 2181, 5.4.1). DNS_E_NOERROR, DNS_E_PROTOCOL for a section that is malformed, DNS_E_CNLOOP beyond `aliases_max`
+// aliases.
 [[nodiscard]] dns_status follow_chain(std::span<const uint8_t> packet, size_t answers_at, const uint8_t *dn,
-                                      dns_type typ, dns_class cls, unsigned aliases_max, Chain *chain);
+                                      dns_type typ, dns_class cls, unsigned aliases_max, Chain *chain,
+                                      const uint8_t *within = nullptr);
+
+// covers tells whether a zone holds a name: whether it is the name itself or one above it.
+[[nodiscard]] bool covers(const uint8_t *zone, const uint8_t *dn);
 
 // Denial is what the authority section says when there is no answer.
 struct Denial {
