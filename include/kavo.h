@@ -164,7 +164,7 @@ typedef enum KAVO_SRV_STATE KAVO_ENUM_UNSIGNED {
   KAVOSS_STARTING = 2,
   KAVOSS_RUNNING = 3, /* the only state in which questions can be asked, and in which configuration is refused */
   KAVOSS_STOPPING = 4,
-  KAVOSS_ERROR = 5 /* the thread failed; the context can be opened again or freed */
+  KAVOSS_ERROR = 5 /* the thread failed; the context can be configured, opened again or freed */
 } KAVO_SRV_STATE;
 
 /* KAVO_OPT: options of a context (kavo_set_opt), with their ranges. KAVOOPT_MAX_LOOP, KAVOOPT_MAX_PACKET,

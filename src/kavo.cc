@@ -282,6 +282,12 @@ KAVO_ERR stop(KAVO ctx) {
 
 }  // namespace
 
+bool kavo_is_configurable(KAVO kavo) {
+  if (kavo_srv_is_running(kavo) != 0) return false;
+  reap_failed(kavo);
+  return true;
+}
+
 KAVO_ERR kavo_init_ext(KAVO *kavo, int table_size, int cache_size, int max_zones, int do_open) {
   if (max_zones <= 0 || table_size <= 0 || kavo == nullptr) return KAVOE_BADPAR;
   *kavo = new (std::nothrow) kavo_t{};

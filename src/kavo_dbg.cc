@@ -137,7 +137,7 @@ void kavo_dbgcb(struct dns_ctx *, struct dns_query *qh, int code, void *ddata, v
 
 KAVO_ERR kavo_set_trace(KAVO kavo, dns_dbg_fn *fn, void *udata) {
   if (kavo == nullptr) return KAVOE_BADPAR;
-  if (kavo_srv_is_running(kavo) != 0) {
+  if (!kavo_is_configurable(kavo)) {
     PELK_WARN(kSource, __func__, "Cannot set trace function because KAVO is already opened");
     return KAVOE_SRV;
   }

@@ -80,7 +80,7 @@ bool names_equal(const char *name, const char *upper) {
 
 // refuse_running tells whether a context runs, with a warning, and so cannot be given `what`.
 bool refuse_running(KAVO kavo, const char *function, const char *what) {
-  if (kavo_srv_is_running(kavo) == 0) return false;
+  if (kavo_is_configurable(kavo)) return false;
   PELK_WARN(kSource, function, "Attempt to set %s for already opened context", what);
   return true;
 }

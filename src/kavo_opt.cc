@@ -150,7 +150,7 @@ static_assert(is_sound(), "an option's code is its place, and its default lies i
 
 KAVO_ERR kavo_set_opt(KAVO kavo, KAVO_OPT opt, uint32_t value) {
   if (opt >= kOptions.size() || kavo == nullptr) return KAVOE_BADPAR;
-  if (kavo_srv_is_running(kavo) != 0) {
+  if (!kavo_is_configurable(kavo)) {
     PELK_WARN(kSource, __func__, "Attempt to set option for already opened context");
     return KAVOE_SRV;
   }

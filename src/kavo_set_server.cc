@@ -24,7 +24,7 @@ extern "C" {
 
 KAVO_ERR kavo_add_dns_server(KAVO kavo, const char *addr, unsigned port) {
   if (port > kPortMax || kavo == nullptr) return KAVOE_BADPAR;
-  if (kavo_srv_is_running(kavo) != 0) {
+  if (!kavo_is_configurable(kavo)) {
     PELK_WARN(kSource, __func__, "Cannot add DNS server because KAVO is already opened");
     return KAVOE_SRV;
   }

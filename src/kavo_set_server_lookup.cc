@@ -191,7 +191,7 @@ extern "C" {
 
 KAVO_ERR kavo_set_dns_server(KAVO kavo, const char *server_domain, unsigned port, int direct) {
   if (kavo == nullptr || server_domain == nullptr || direct < 0 || port > kPortMax) return KAVOE_BADPAR;
-  if (kavo_srv_is_running(kavo) != 0) {
+  if (!kavo_is_configurable(kavo)) {
     PELK_WARN(kSource, __func__, "Cannot set DNS server because KAVO is already opened");
     return KAVOE_SRV;
   }

@@ -90,4 +90,9 @@ struct kavo_t {
   alignas(8) uint8_t rrbuf[KAVO_RRBUF_SIZE] = {};
 };
 
+// kavo_is_configurable tells whether no server thread runs, so that the calling thread may change what one works with.
+// The run of a thread that has failed is ended first: until then the thread may still drive the engine, and its
+// questions lie there.
+[[nodiscard]] bool kavo_is_configurable(KAVO kavo);
+
 #endif  // KAVO_T_H

@@ -286,7 +286,7 @@ void kavo_free_zones(KAVO kavo) {
 
 KAVO_ERR kavo_zonesmap_init_cfg(KAVO kavo, const char *zones_file_path) {
   if (kavo == nullptr || zones_file_path == nullptr || zones_file_path[0] == '\0') return KAVOE_BADPAR;
-  if (kavo_srv_is_running(kavo) != 0) {
+  if (!kavo_is_configurable(kavo)) {
     PELK_WARN(kSource, __func__, "Cannot initialize zonesmap because KAVO is already opened");
     return KAVOE_SRV;
   }

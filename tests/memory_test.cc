@@ -1,5 +1,5 @@
-// memory_test.cc - what contexts and outstanding questions cost, as the allocator counts it. The server is a socket
-// that nobody reads, so that every question stays outstanding.
+// memory_test.cc - what contexts and outstanding questions cost, as the allocator counts it, and what becomes of a
+// context that gets no more. The server is a socket that nobody reads, so that every question stays outstanding.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <kavo.h>
@@ -7,7 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <string>
+#include <atomic>
 #include <vector>
 
 namespace {
@@ -17,6 +17,19 @@ constexpr bool kCounts = false;  // the sanitizers' allocators keep books of the
 #else
 constexpr bool kCounts = true;
 #endif
+
+std::atomic<bool> nothing_grows = false;
+
+}  // namespace
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+extern "C" void *__libc_realloc(void *block, size_t size);
+extern "C" KAVO_EXPORT void *realloc(void *block, size_t size) {
+  return nothing_grows.load() ? nullptr : __libc_realloc(block, size);
+}
+#endif
+
+namespace {
 
 size_t allocated() {
   const struct mallinfo2 info = mallinfo2();
@@ -55,6 +68,23 @@ KAVO make(int table_size, uint16_t port) {
   return kavo;
 }
 
+// ask asks up to so many questions, as long as the context takes them.
+std::vector<KAVO_QUERY_NODE> ask(KAVO kavo, size_t questions) {
+  std::vector<KAVO_QUERY_NODE> nodes;
+  KAVO_QUERY_NODE node = nullptr;
+  for (in_addr address = {1}; nodes.size() < questions; ++address.s_addr) {
+    if (kavo_subscribe_node(kavo, KAVOT_BL_IP, &address, sizeof address, 0, nullptr, &node) != KAVOE_OK) break;
+    nodes.push_back(node);
+  }
+  return nodes;
+}
+
+void leave(KAVO kavo, const std::vector<KAVO_QUERY_NODE> &nodes) {
+  for (KAVO_QUERY_NODE node : nodes)
+    EXPECT_EQ(kavo_unsubscribe_node(kavo, node), KAVOE_OK);
+  EXPECT_EQ(kavo_nactive(kavo), 0U);
+}
+
 TEST(Memory, ALargeTableCostsNothingBeforeItIsUsed) {
   if (!kCounts) GTEST_SKIP() << "the sanitizer's allocator does not count";
   const Silence silence;
@@ -75,14 +105,9 @@ TEST(Memory, AnOutstandingQuestionCostsLessThanOneKibibyte) {
   constexpr size_t kBound = 1024;
   const Silence silence;
   KAVO kavo = make(kQuestions, silence.port());
-  std::vector<KAVO_QUERY_NODE> nodes(kQuestions);
   const size_t before = allocated();
-  for (int i = 0; i < kQuestions; ++i) {
-    const in_addr address = {htonl(0x0A000000U + static_cast<uint32_t>(i))};
-    ASSERT_EQ(
-        kavo_subscribe_node(kavo, KAVOT_BL_IP, &address, sizeof address, 0, nullptr, &nodes[static_cast<size_t>(i)]),
-        KAVOE_OK);
-  }
+  std::vector<KAVO_QUERY_NODE> nodes = ask(kavo, kQuestions);
+  ASSERT_EQ(nodes.size(), size_t{kQuestions});
   ASSERT_EQ(kavo_wait_multiple_nodes(kavo, nodes.data(), kQuestions, KAVOWT_NONE, 1, nullptr, nullptr), KAVOE_OK);
   const size_t each = (allocated() - before) / kQuestions;
   RecordProperty("bytes_a_question", static_cast<int>(each));
@@ -91,9 +116,27 @@ TEST(Memory, AnOutstandingQuestionCostsLessThanOneKibibyte) {
   }
   EXPECT_EQ(kavo_nactive(kavo), static_cast<uint32_t>(kQuestions));
   EXPECT_EQ(kavo_close(kavo), KAVOE_OK);
-  for (KAVO_QUERY_NODE node : nodes)
-    EXPECT_EQ(kavo_unsubscribe_node(kavo, node), KAVOE_OK);
-  EXPECT_EQ(kavo_nactive(kavo), 0U);
+  leave(kavo, nodes);
+  EXPECT_EQ(kavo_free(kavo), KAVOE_OK);
+}
+
+TEST(Memory, AContextThatFailedForWantOfItIsConfiguredAndOpenedAgain) {
+  if (!kCounts) GTEST_SKIP() << "the sanitizer's allocator does not fail";
+  constexpr int kQuestions = 1000;
+  const Silence silence;
+  KAVO kavo = make(kQuestions, silence.port());
+  nothing_grows = true;  // the list of sockets, for one
+  const std::vector<KAVO_QUERY_NODE> lost = ask(kavo, kQuestions);
+  for (int i = 0; i < 10'000 && kavo_srv_is_running(kavo) != 0; ++i)
+    usleep(1000);
+  nothing_grows = false;
+  EXPECT_EQ(kavo_set_dns_server(kavo, "no..name", 0, 1), KAVOE_BADPAR);
+  ASSERT_EQ(kavo_open(kavo), KAVOE_OK);
+  leave(kavo, lost);
+  std::vector<KAVO_QUERY_NODE> nodes = ask(kavo, kQuestions);
+  EXPECT_EQ(kavo_wait_multiple_nodes(kavo, nodes.data(), kQuestions, KAVOWT_NONE, 1, nullptr, nullptr), KAVOE_OK);
+  EXPECT_EQ(kavo_close(kavo), KAVOE_OK);
+  leave(kavo, nodes);
   EXPECT_EQ(kavo_free(kavo), KAVOE_OK);
 }
 
