@@ -173,7 +173,7 @@ typedef enum KAVO_SRV_STATE KAVO_ENUM_UNSIGNED {
 typedef enum KAVO_OPT KAVO_ENUM_UNSIGNED {
   KAVOOPT_NXDOM_TTL = 0,         /* seconds a denial without a TTL of its own is cached; 0 to 2147483647 */
   KAVOOPT_MIN_CACHE_DELAY = 1,   /* kept for the host; 0 to 65535 */
-  KAVOOPT_DNS_PORT = 2,          /* the port of servers that are named without one; 1 to 65535 */
+  KAVOOPT_DNS_PORT = 2,          /* the port of the system's servers and of those named without one; 1 to 65535 */
   KAVOOPT_CLOSE_FAST = 3,        /* 1: kavo_close fails the questions in flight at once; 0: it waits for them */
   KAVOOPT_MAX_LOOP = 4,          /* referrals followed for one question; 1 to 65536 */
   KAVOOPT_MAX_ALIAS = 5,         /* aliases followed for one question; 1 to 65536 */

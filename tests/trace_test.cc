@@ -317,6 +317,12 @@ std::vector<std::string> servers_of(KAVO kavo) {
 using Texts = std::vector<std::string>;
 
 TEST_F(HostTraceTest, ServersAreSetByAddressByHostAndByZone) {
+  KAVO fresh = nullptr;
+  ASSERT_EQ(kavo_init(&fresh, 1, 0, 0), KAVOE_OK);
+  EXPECT_EQ(kavo_set_opt(fresh, KAVOOPT_DNS_PORT, 5353), KAVOE_OK);
+  EXPECT_TRUE(servers_of(fresh).at(0).ends_with(":5353")) << "the system's servers have no port of their own";
+  EXPECT_EQ(kavo_free(fresh), KAVOE_OK);
+
   ListServer server(kZones);
   const auto set = [&](const char *name, unsigned port, int direct, KAVO_ERR expected = KAVOE_OK) {
     Host host;

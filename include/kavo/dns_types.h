@@ -103,7 +103,7 @@ enum {
   DNS_OPT_NTRIES = 4,   /* how often a question is sent at most */
   DNS_OPT_NDOTS = 5,    /* kept, as the engine asks names as they are given */
   DNS_OPT_UDPSIZE = 6,  /* bytes of the largest UDP answer that is asked for */
-  DNS_OPT_PORT = 7,     /* the port of servers that are named without one */
+  DNS_OPT_PORT = 7,     /* the port of servers that are named without one, those of the resolver file too */
   DNS_OPT_MAXLOOP = 8,  /* referrals followed for one question */
   DNS_OPT_MAXALIAS = 9, /* aliases followed for one question */
   DNS_OPT_BSC_SIZE = 11,

@@ -29,14 +29,31 @@ void drop_servers(dns_ctx *ctx) {
   for (unsigned i = 0; i < ctx->nserv; ++i)
     ctx->server_table.release(ctx->servers[i]);
   ctx->nserv = 0;
+  ctx->portless = 0;
 }
 
-int add_server(dns_ctx *ctx, const sockaddr_in &address) {
+int add_server(dns_ctx *ctx, const sockaddr_in &address, bool portless) {
   if (ctx->nserv == kServersMax) return DNS_E_NOBUFS;
   Server *server = ctx->server_table.hold(address);
   if (server == nullptr) return DNS_E_NOMEM;
+  if (portless) ctx->portless |= 1U << ctx->nserv;
   ctx->servers[ctx->nserv++] = server;
   return static_cast<int>(ctx->nserv);
+}
+
+// move_portless gives the servers that were named without a port a new one. Without memory some may have moved.
+dns_status move_portless(dns_ctx *ctx, uint32_t port) {
+  if (ctx->active > 0 && ctx->portless != 0) return DNS_E_BUSY;  // open questions know their servers by their addresses
+  for (unsigned i = 0; i < ctx->nserv; ++i) {
+    if ((ctx->portless & 1U << i) == 0) continue;
+    sockaddr_in address = ctx->servers[i]->address;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    Server *server = ctx->server_table.hold(address);
+    if (server == nullptr) return DNS_E_NOMEM;
+    ctx->server_table.release(ctx->servers[i]);
+    ctx->servers[i] = server;
+  }
+  return DNS_E_NOERROR;
 }
 
 // A number among the options, with the range that it may take.
@@ -147,8 +164,10 @@ dns_ctx *dns_new(const dns_ctx *from) {
   if (ctx == nullptr) return nullptr;
   sockaddr_in servers[kServersMax];
   unsigned count = 0;
+  uint32_t portless = UINT32_MAX;
   if (from != nullptr) {
     ctx->options = from->options;
+    portless = from->portless;
     for (; count < from->nserv; ++count)
       servers[count] = from->servers[count]->address;
   } else {
@@ -162,7 +181,7 @@ dns_ctx *dns_new(const dns_ctx *from) {
     }
   }
   for (unsigned i = 0; i < count; ++i)
-    if (add_server(ctx, servers[i]) < 0) {
+    if (add_server(ctx, servers[i], (portless & 1U << i) != 0) < 0) {
       dns_destroy(ctx);
       return nullptr;
     }
@@ -242,8 +261,9 @@ dns_status dns_set_opt(dns_ctx *ctx, int opt, const void *value, unsigned size) 
   if (figure == nullptr || size != sizeof number) return DNS_E_INVAL;
   memcpy(&number, value, sizeof number);
   if (number < figure->least || number > figure->most) return DNS_E_INVAL;
-  ctx->options.*figure->field = number;
-  return DNS_E_NOERROR;
+  const dns_status moved = opt == DNS_OPT_PORT ? move_portless(ctx, number) : dns_status{DNS_E_NOERROR};
+  if (moved == DNS_E_NOERROR) ctx->options.*figure->field = number;
+  return moved;
 }
 
 dns_status dns_get_opt(const dns_ctx *ctx, int opt, void *value, unsigned size) {
@@ -282,8 +302,10 @@ int dns_add_serv_s(dns_ctx *ctx, const sockaddr *address) {
     return 0;
   }
   sockaddr_in server;
+  memcpy(&server, address, sizeof server);
+  const bool portless = server.sin_port == 0;
   if (!read_server(address, ctx->options.port, &server)) return DNS_E_INVAL;
-  return add_server(ctx, server);
+  return add_server(ctx, server, portless);
 }
 
 int dns_add_serv(dns_ctx *ctx, const char *address) {

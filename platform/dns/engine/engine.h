@@ -169,6 +169,7 @@ struct dns_ctx {
 
   dns::Server *servers[dns::kServersMax] = {};
   unsigned nserv = 0;
+  uint32_t portless = 0;    // the servers, by their places, that were named without a port and follow DNS_OPT_PORT
   unsigned next_first = 0;  // where DNS_SERVRRB starts the next question
   sockaddr_in expected[dns::kExpectedServersMax] = {};
   unsigned nexpected = 0;

@@ -38,7 +38,8 @@ dns_time dns_gettime(dns_time *now);
 // ---- options, caches, functions
 // ----------------------------------------------------------------------------------------
 
-// 0; DNS_E_INVAL for an unknown option, a wrong size or a value out of range.
+// 0; DNS_E_INVAL for an unknown option, a wrong size or a value out of range; DNS_E_BUSY for a new port of the
+// context's servers while questions are open; DNS_E_NOMEM.
 dns_status dns_set_opt(struct dns_ctx *ctx, int opt, const void *value, unsigned size);
 dns_status dns_get_opt(const struct dns_ctx *ctx, int opt, void *value, unsigned size);
 
