@@ -139,6 +139,7 @@ const char *entries_of(const KAVO_RR &rr) {
 
 [[nodiscard]] KAVO_ERR write_records(FILE *file, const Form &form, const KAVO_RR &rr) {
   const dns_rr_null *head = rr.rr_null;
+  if (head->dnsn_written < kRecordSize) return KAVOE_BADPAR;
   if (head->dnsn_nrr < 0 || (head->dnsn_nrr > 0 && entries_of(rr) == nullptr)) return KAVOE_BADPAR;
   KAVO_ERR error = write_header(file, head->dnsn_written);
   if (error != KAVOE_OK) return error;

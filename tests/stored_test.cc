@@ -141,6 +141,9 @@ TEST_F(StoredTest, ImpossibleRecordsAreRefused) {
   txt.rr.rr_txt->dnstxt_txt[0].txt = nullptr;
   EXPECT_EQ(kavo_rr_write(KAVOT_DNS_TXT, txt, sink.get()), KAVOE_BADPAR);
   EXPECT_EQ(kavo_rr_write(KAVOT_DNS_TXT, Rr(), sink.get()), KAVOE_BADPAR);
+  Rr small;
+  ASSERT_EQ(kavo_rr_alloc(small, sizeof(dns_rr_mem)), KAVOE_OK);
+  EXPECT_EQ(kavo_rr_write(KAVOT_DNS_TXT, small, sink.get()), KAVOE_BADPAR) << "a block without room for a record";
 }
 
 // ---- zones
