@@ -282,7 +282,8 @@ class RecordReader {
     if (!get(&cname_size, sizeof(cname_size)) || cname_size > room()) return read_failed(kStep);
     if (!name_at(offsetof(dns_rr_null, dnsn_cname), cname_size)) return read_failed(kStep);
     if (!get(&qname_size, sizeof(qname_size)) || qname_size > limit_) return read_failed(kStep);
-    if (qname_size > room()) {
+    // Room for the terminators alone is what a block with one text has; the query name must not take it.
+    if (qname_size > room() || (qname_size > 0 && room() == unclosed_)) {
       const KAVO_ERR error = widen(at_ + unclosed_ + qname_size);
       if (error != KAVOE_OK) return error;
     }

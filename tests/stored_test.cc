@@ -90,6 +90,11 @@ TEST_F(StoredTest, NamesMayBeNullOrShared) {
   EXPECT_EQ(kavo_rr_dup(KAVOT_BL_NS, rr, copy), KAVOE_OK);
   EXPECT_EQ(shown(KAVOT_BL_NS, copy.rr), "a.example,b.example");
 
+  // Three texts without bytes leave room for a short query name, which is not the name's to take.
+  const std::string brief =
+      u32(40 + 48 + 3 + 2) + u32(3) + u32(kTtl) + u32(0) + u32(0) + u32(0) + name("c") + name("c");
+  EXPECT_EQ(kavo_rr_dup(KAVOT_DNS_TXT, read(KAVOT_DNS_TXT, brief), copy), KAVOE_OK);
+
   const std::string long_text(900, 't');
   const std::string crowded = u32(40 + 16 + 901 + 39) + u32(1) + u32(kTtl) + text(long_text) + name(host) + name(host);
   EXPECT_EQ(kavo_rr_read(KAVOT_DNS_TXT, rr, reading(crowded).get()), KAVOE_NOMEM);
