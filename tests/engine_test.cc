@@ -234,7 +234,7 @@ TEST_F(Engine, StatusesSayWhatWentWrong) {
     SCOPED_TRACE(static_cast<int>(row.temper));
     world.set_temper("192.0.2.1", row.temper);
     world.packets_sent = 0;
-    Asked &asked = questions.ask("listed-1.list.test");
+    Asked &asked = questions.ask("listed-" + std::to_string(static_cast<int>(row.temper)) + ".list.test");
     ASSERT_TRUE(world.run());
     EXPECT_EQ(asked.calls, 1);
     EXPECT_EQ(asked.status, row.status);
@@ -403,6 +403,59 @@ TEST_F(Engine, AFullSendBufferDelaysQuestionsAndLosesNone) {
   EXPECT_EQ(stuck.status, DNS_E_TEMPFAIL) << "a question ends though its socket never drains";
 }
 
+TEST_F(Engine, TheSameQuestionIsAskedOnce) {
+  world.add_server("192.0.2.1", Temper::good);
+  std::vector<Asked *> same;
+  for (int i = 0; i < 5; ++i)
+    same.push_back(&questions.ask("listed-1.list.test"));
+  Asked &shouted = questions.ask("LISTED-1.list.test");
+  Asked &recursive = questions.ask("listed-1.list.test", {}, DNS_RCRS);
+  Asked &elsewhere = questions.ask("listed-1.list.test", {"192.0.2.1"});
+  dns_timeouts(world.ctx, dns_tv_infinite, world.now());
+  EXPECT_EQ(world.packets_sent, 4U);
+  Asked &late = questions.ask("listed-1.list.test");
+  dns_cancel(world.ctx, same[0]->handle);  // the one that was sent: another takes its place
+  dns_cancel(world.ctx, same[3]->handle);
+  ASSERT_TRUE(world.run());
+  EXPECT_EQ(world.packets_sent, 5U);
+  for (const Asked *asked : {same[1], same[2], same[4], &shouted, &recursive, &elsewhere, &late})
+    EXPECT_TRUE(asked->calls == 1 && asked->status == DNS_E_NOERROR && asked->address != 0);
+  EXPECT_EQ(same[0]->calls + same[3]->calls, 0);
+}
+
+TEST_F(Engine, AFailureIsRememberedForAFewSeconds) {
+  world.add_server("192.0.2.1", Temper::fails);
+  for (int i = 0; i < 3; ++i) {
+    Asked &asked = questions.ask("listed-1.list.test");
+    ASSERT_TRUE(world.run());
+    EXPECT_EQ(asked.status, DNS_E_SERVFAIL);
+  }
+  EXPECT_EQ(world.packets_sent, 1U);
+  world.set_temper("192.0.2.1", Temper::good);
+  Asked &other = questions.ask("listed-2.list.test");
+  ASSERT_TRUE(world.run());
+  expect_truth(other);
+  world.now_us += dns::Failures::kKeptUs;
+  Asked &later = questions.ask("listed-1.list.test");
+  ASSERT_TRUE(world.run());
+  expect_truth(later);
+}
+
+TEST_F(Engine, MoreThanAServerMayHaveUnderWayWaitsForRoom) {
+  world.add_server("192.0.2.1", Temper::good);
+  for (unsigned i = 0; i < 3 * dns::kPerServer; ++i)
+    questions.ask("listed-" + std::to_string(i) + ".list.test");
+  world.turn();
+  EXPECT_EQ(world.packets_sent, dns::kPerServer);
+  for (const unsigned first : {0U, 2 * dns::kPerServer})
+    for (unsigned i = first; i < first + 100; ++i)
+      dns_cancel(world.ctx, questions.all()[i]->handle);
+  ASSERT_TRUE(world.run());
+  for (size_t i = 100; i < 2 * dns::kPerServer; ++i)
+    expect_truth(*questions.all()[i]);
+  EXPECT_EQ(dns_active(world.ctx), 0);
+}
+
 TEST_F(Engine, SocketsGrowWithTheLoadAndAreRenewed) {
   world.add_server("192.0.2.1", Temper::good);
   for (int i = 0; i < 3000; ++i)
@@ -414,6 +467,10 @@ TEST_F(Engine, SocketsGrowWithTheLoadAndAreRenewed) {
   std::set<int> old;
   for (int i = 0; i < count; ++i)
     old.insert(before[i].dnsio_sock);
+  world.now_us += dns::UdpPool::kAgeMaxUs;
+  questions.ask("listed-1.list.test");
+  ASSERT_TRUE(world.run());
+  EXPECT_LE(world.sockets_open, dns::UdpPool::kSocketsMin) << "sockets age";
   for (int round = 0; round < 80; ++round) {
     for (int i = 0; i < 3000; ++i)
       questions.ask("listed-" + std::to_string(i) + ".list.test");

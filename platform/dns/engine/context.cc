@@ -105,7 +105,7 @@ dns_ctx *context_new(const Io *io) {
   if (block == nullptr) return nullptr;
   auto *ctx = new (block) dns_ctx(io);
   ctx->entry = dns_cdata_init(kEntryRoom);
-  if (ctx->entry != nullptr) return ctx;
+  if (ctx->entry != nullptr && io->random(io->self, ctx->secret, sizeof ctx->secret)) return ctx;
   dns_destroy(ctx);
   return nullptr;
 }
@@ -206,18 +206,15 @@ dns_status dns_open(dns_ctx *ctx) {
 
 void dns_close(dns_ctx *ctx) {
   if (ctx == nullptr || !ctx->opened) return;
-  while (!ctx->resting.alone())
-    drop(static_cast<dns_query *>(ctx->resting.next));
-  while (!ctx->queued.alone())
-    drop(static_cast<dns_query *>(ctx->queued.next));
-  while (!ctx->sending.alone())
-    drop(static_cast<dns_query *>(ctx->sending.next));
-  while (!ctx->tcp_waiting.alone())
-    drop(static_cast<dns_query *>(ctx->tcp_waiting.next));
-  // What remains has been sent: every one of it is in the index.
-  for (unsigned i = 0; i < ctx->index_size; ++i)
-    while (ctx->index[i] != nullptr)
-      drop(ctx->index[i]);
+  // What has been sent is in the index. Dropping one question may have another sent that followed it.
+  while (ctx->active > 0) {
+    for (Link *list : {&ctx->resting, &ctx->queued, &ctx->sending, &ctx->tcp_waiting})
+      while (!list->alone())
+        drop(static_cast<dns_query *>(list->next));
+    for (unsigned i = 0; i < ctx->index_size; ++i)
+      while (ctx->index[i] != nullptr)
+        drop(ctx->index[i]);
+  }
   tcp_close(ctx);
   ctx->sockets.close();
   ctx->opened = false;
@@ -229,6 +226,7 @@ void dns_destroy(dns_ctx *ctx) {
   drop_servers(ctx);
   dns_cdata_free(ctx->entry);
   free(ctx->index);
+  free(ctx->leaders);
   free(ctx->result);
   free(ctx->buffers);
   ctx->~dns_ctx();

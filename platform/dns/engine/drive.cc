@@ -51,9 +51,9 @@ void take_queued(dns_ctx *ctx) {
   turn.take_all(&ctx->queued);
   while (!turn.alone()) {
     auto *q = static_cast<dns_query *>(turn.next);
-    if (answer_from_cache(q)) continue;
+    if (answer_from_cache(q) || follow(q)) continue;
     begin_at_delegation(q);
-    if (q->state != State::queued) continue;
+    if (q->state != State::queued || !recall_failures(q)) continue;
     if (servers_of(q).empty()) {
       deliver(q, DNS_E_TEMPFAIL, nullptr, 0, 0);
       continue;

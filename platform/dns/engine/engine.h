@@ -3,6 +3,7 @@
 //   context.cc   making, opening and releasing contexts, options, servers, caches
 //   query.cc     submitting and cancelling, the pools, the index of questions in flight, delivery
 //   drive.cc     the loop: time-outs, the cache's turn, what to wait for
+//   follow.cc    identical questions, of which only one is asked
 //   send.cc      packets out
 //   receive.cc   packets in, and which question each of them answers
 //   tcp.cc       connections to servers, and the questions that go over them
@@ -16,6 +17,7 @@
 //   dns_submit_dn_serv -> queued -> (cache) -> sending -> waiting -> delivering -> gone
 //                           |                    ^           |            ^
 //                           +--- live entry -----|-----------|------------+
+//                           +--- following ------|-----------|------------+
 //                                                +-- again --+
 //   A question that needs the address of a server first rests until its look-up, a question of the engine's own, is
 //   over. dns_cancel takes it from any of queued, sending, waiting and resting straight to gone.
@@ -29,6 +31,7 @@
 
 #include <span>
 
+#include "failures.h"
 #include "list.h"
 #include "pool.h"
 #include "servers.h"
@@ -43,6 +46,7 @@ inline constexpr unsigned kAnswerRoom = 4096;  // the largest UDP answer that ca
 inline constexpr unsigned kInlineName = 80;    // names up to here lie in the question's own record
 inline constexpr int64_t kUsPerSecond = 1'000'000;
 
+inline constexpr unsigned kPerServer = 4096;  // questions under way by UDP to one server; more wait for room
 inline constexpr unsigned kConnectionsMax = 16;
 inline constexpr unsigned kPerConnection = 100;           // questions under way on one connection
 inline constexpr int kTcpSlot = UdpPool::kSocketsMax;     // the slot of the first connection, behind the sockets
@@ -55,7 +59,7 @@ inline constexpr size_t kCookieMax = 4 + 8 + 32;          // a cookie option (RF
 static_assert(DNS_MAXSERV <= kServersMax);
 static_assert(kQueryRoom >= DNS_HSIZE + DNS_MAXDN + 4 + kOptSize + kCookieMax);
 
-enum class State : uint8_t { queued, sending, waiting, resting, delivering, cancelled };
+enum class State : uint8_t { queued, following, sending, waiting, resting, delivering, cancelled };
 
 struct OwnServers {
   Server *servers[DNS_MAXSERV];
@@ -122,7 +126,9 @@ unsigned read_resolver_file(const char *path, Options *options, sockaddr_in *ser
 
 struct dns_query : dns::Timer {
   dns_ctx *ctx;
-  dns_query *index_next;  // the next question in its bucket of the index
+  dns_query *index_next;   // the next question in its bucket of the index
+  dns_query *leader_next;  // the next question in its bucket of leaders
+  dns::Link followers;     // questions that share its outcome
   dns_query_fn *callback;
   void *data;
   dns_parse_fn *parse;
@@ -130,6 +136,8 @@ struct dns_query : dns::Timer {
   const uint8_t *ask;    // the name that servers are asked for
   dns::OwnServers *own;  // null: the context's servers
   dns::Journey *journey;
+  dns::Server *under_way;  // the server of the present try while an answer is waited for, else null
+  uint64_t hash;
   int64_t first_sent_us;
   int64_t sent_us;   // when the present try left, or when it was due
   uint32_t asked;    // servers that were sent the question, and may answer it
@@ -150,6 +158,7 @@ struct dns_query : dns::Timer {
   bool over_tcp;      // the present try goes over TCP
   bool plain;         // the present server is asked without EDNS0
   bool with_opt;      // the present try says EDNS0
+  bool leads;         // it is in the table of leaders
   bool uncached;      // it neither reads nor fills the cache
   dns::State state;
   uint8_t inline_dn[dns::kInlineName];
@@ -202,6 +211,12 @@ struct dns_ctx {
   dns_query **index = nullptr;  // questions that were sent, by id; a power of two of buckets
   unsigned index_size = 0;
   unsigned in_flight = 0;  // questions in the index
+
+  uint8_t secret[16] = {};        // of this context's hashes
+  dns_query **leaders = nullptr;  // questions that others may follow; a power of two of buckets
+  unsigned leaders_size = 0;
+  unsigned leader_count = 0;
+  dns::Failures failures;
 
   dns::Connection connections[dns::kConnectionsMax];
   unsigned connections_open = 0;
@@ -265,6 +280,9 @@ void index_add(dns_query *q);
 void index_remove(dns_query *q);
 [[nodiscard]] dns_query *index_first(const dns_ctx *ctx, uint16_t id);
 
+// recall_failures passes over servers that failed at the question a moment ago. False when that ended it.
+[[nodiscard]] bool recall_failures(dns_query *q);
+
 // leave takes a question out of its list, the timers, the index and its connection, and gives its socket back.
 void leave(dns_query *q);
 
@@ -298,6 +316,15 @@ void ask_again(dns_query *q);
 
 // ask_otherwise asks the present server again at once, without EDNS0 or over TCP as the question's fields now say.
 void ask_otherwise(dns_query *q);
+
+// ---- follow.cc
+
+// follow has a question wait for an identical one that is open: true. Else it may be followed itself from now on.
+[[nodiscard]] bool follow(dns_query *q);
+// stop_leading takes a question out of the table and moves those that follow it to `followers`; hand_over makes the
+// first of them the leader of the others, and has it sent.
+void stop_leading(dns_query *q, Link *followers);
+void hand_over(Link *followers);
 
 // ---- send.cc
 

@@ -70,16 +70,18 @@ Journey *top(Journey *journey) {
   return journey->top != nullptr ? journey->top : journey;
 }
 
-// start_over asks a question of its present servers as if it were new.
+// start_over asks a question, which has left everything, of its present servers as if it were new.
 void start_over(dns_query *q) {
-  leave(q);
   q->asked = q->refused = 0;
   q->tries = q->tcp_tries = 0;
   q->error = 0;
   q->server = 0;
   q->over_tcp = q->plain = false;
   enqueue(q);
-  if (servers_of(q).empty()) deliver(q, DNS_E_TEMPFAIL, nullptr, 0, 0);
+  if (servers_of(q).empty())
+    deliver(q, DNS_E_TEMPFAIL, nullptr, 0, 0);
+  else
+    (void)recall_failures(q);
 }
 
 void release_servers(dns_query *q) {
@@ -188,6 +190,7 @@ void keep_delegation(dns_ctx *ctx, const Delegation &delegation) {
 [[nodiscard]] bool install(dns_query *q, const Delegation &delegation) {
   Journey *journey = q->journey;
   dns_ctx *ctx = q->ctx;
+  leave(q);
   release_servers(q);
   for (unsigned i = 0; i < delegation.naddresses; ++i) {
     sockaddr_in address{};
@@ -230,11 +233,9 @@ void looked_up(dns_ctx *ctx, dns_query *lookup, void *result, unsigned, void *da
 void look_up_next(dns_query *q) {
   dns_ctx *ctx = q->ctx;
   Journey *journey = q->journey;
-  if (q->state != State::resting) {
-    leave(q);
-    q->state = State::resting;
-    ctx->resting.append(q);
-  }
+  leave(q);
+  q->state = State::resting;
+  ctx->resting.append(q);
   while (journey->ntargets > 0 && journey->depth < kDepthMax && top(journey)->lookups < kLookupsMax) {
     ++top(journey)->lookups;
     const uint8_t *target = journey->targets[--journey->ntargets];
@@ -294,6 +295,7 @@ bool begin_anew(dns_query *q) {
   if (journey == nullptr || !std::exchange(journey->remembered, false)) return false;
   const Entry entry = key_of_delegation(journey->zone);
   if (entry != nullptr) (void)dns_cacher_delete(q->ctx->referral_cache, entry.get(), wall(q->ctx));
+  leave(q);
   release_servers(q);
   start_over(q);
   return true;
@@ -311,6 +313,7 @@ bool ask_on(dns_query *q, std::span<const uint8_t> packet, size_t answers_at, co
   if (cdata_append_chain(journey->passed, packet, answers_at, q->ask, chain, false) != DNS_E_NOERROR) return false;
   journey->aliases += chain.aliases;
   journey->ttl = std::min(journey->ttl, chain.ttl);
+  leave(q);
   memcpy(journey->ask, chain.end, sizeof journey->ask);
   q->ask = journey->ask;
   q->ask_size = static_cast<uint8_t>(dns_dnlen(q->ask));
@@ -366,6 +369,7 @@ void end_direct(dns_query *q) {
     ctx->dc(ctx, q, DNS_DC_CHFAIL, nullptr, q->data);
     if (q->state == State::cancelled) return;
   }
+  leave(q);
   release_own_servers(q);
   start_over(q);
 }

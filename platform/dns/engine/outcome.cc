@@ -197,6 +197,19 @@ bool asked_otherwise(dns_query *q, int code, const Arrival &arrival, const Heade
   return true;
 }
 
+// deliver_all ends a question, and those that follow it, each with what its own parser makes of the packet.
+void deliver_all(dns_query *q, dns_status status, std::span<const uint8_t> packet, void *result, unsigned size) {
+  Link followers;
+  stop_leading(q, &followers);
+  deliver(q, status, result, size, 0);
+  while (!followers.alone()) {
+    auto *next = static_cast<dns_query *>(followers.next);
+    const int parsed_size = result_of(next, status, packet, &result);
+    const dns_status outcome = parsed_size < 0 ? parsed_size : status;
+    deliver(next, outcome, result, static_cast<unsigned>(std::max(parsed_size, 0)), 0);
+  }
+}
+
 // goes_on sends a question on that its server's answer neither ends nor fails. False when it does.
 bool goes_on(dns_query *q, const Arrival &arrival, const Header &header, const Verdict &verdict,
              const Reading &reading) {
@@ -249,12 +262,17 @@ void take_answer(dns_query *q, const Arrival &arrival, const Header &header) {
   if (is_final(verdict.status)) {
     if (q->plain) servers_of(q)[q->server]->plain_until_us = q->ctx->now_us + kNoEdnsUs;
     keep(q, packet, header, verdict, reading.answers_at);
-    deliver(q, verdict.status, result, static_cast<unsigned>(std::max(size, 0)), 0);
+    deliver_all(q, verdict.status, packet, result, static_cast<unsigned>(std::max(size, 0)));
     return;
   }
   q->error = static_cast<int16_t>(verdict.status);
   if (goes_on(q, arrival, header, verdict, reading)) return;
-  q->refused |= answering(q, *arrival.peer);
+  const uint32_t failed = answering(q, *arrival.peer);
+  q->refused |= failed;
+  const auto servers = servers_of(q);
+  for (unsigned i = 0; i < servers.size(); ++i)
+    if ((failed & (1U << i)) != 0 && (q->flags & DNS_DCACHE) == 0)
+      q->ctx->failures.remember(q, servers[i], verdict.status);
   // An error from a server that was asked before the present one changes nothing about the try that is under way.
   if (q->state == State::waiting && (q->refused & (1U << q->server)) == 0) return;
   ask_again(q);

@@ -83,12 +83,19 @@ bool next_server(dns_query *q) {
   return false;
 }
 
+// make_room has a question that was parked for a server sent, now that the server has one less under way.
+void make_room(dns_ctx *ctx, Server *server) {
+  --server->under_way;
+  if (!server->parked.alone()) ctx->sending.append(server->parked.next);
+}
+
 void leave_list(dns_query *q) {
-  if (q->state == State::waiting) {
-    q->ctx->waiting.remove(q);
-  } else {
+  if (q->state != State::waiting) {
     q->unlink();
+    return;
   }
+  q->ctx->waiting.remove(q);
+  if (q->under_way != nullptr) make_room(q->ctx, std::exchange(q->under_way, nullptr));
 }
 
 }  // namespace
@@ -103,6 +110,21 @@ void leave(dns_query *q) {
     q->ctx->sockets.done(q->slot);
   }
   q->slot = UdpPool::kNone;
+}
+
+bool recall_failures(dns_query *q) {
+  dns_ctx *ctx = q->ctx;
+  if (!ctx->failures.fresh(ctx->now_us)) return true;
+  const auto servers = servers_of(q);
+  for (unsigned i = 0; i < servers.size(); ++i) {
+    const dns_status status = ctx->failures.recall(q, servers[i]);
+    if (status == DNS_E_NOERROR) continue;
+    q->refused |= 1U << i;
+    q->error = static_cast<int16_t>(status);
+  }
+  if ((q->refused & (1U << q->server)) == 0 || next_server(q)) return true;
+  deliver(q, q->error, nullptr, 0, 0);
+  return false;
 }
 
 void enqueue(dns_query *q) {
@@ -147,6 +169,8 @@ dns_query *index_first(const dns_ctx *ctx, uint16_t id) {
 
 void deliver(dns_query *q, dns_status status, void *result, unsigned size, unsigned sflags) {
   dns_ctx *ctx = q->ctx;
+  Link followers;
+  stop_leading(q, &followers);
   leave(q);
   q->state = State::delivering;
   --ctx->active;
@@ -154,13 +178,18 @@ void deliver(dns_query *q, dns_status status, void *result, unsigned size, unsig
   ctx->sflags = sflags;
   if (q->callback != nullptr) q->callback(ctx, q, result, size, q->data);
   release(q);
+  while (!followers.alone())
+    deliver(static_cast<dns_query *>(followers.next), status, nullptr, 0, sflags);
 }
 
 void drop(dns_query *q) {
   dns_ctx *ctx = q->ctx;
+  Link followers;
   abandon_lookup(q);
+  stop_leading(q, &followers);
   leave(q);
   --ctx->active;
+  hand_over(&followers);
   if (ctx->holds == 0) {
     release(q);
   } else {
@@ -246,6 +275,8 @@ dns_query *dns_submit_dn_serv(dns_ctx *ctx, const unsigned char *dn, dns_class c
   q->dn = q->ask = nullptr;
   q->own = nullptr;
   q->journey = nullptr;
+  q->under_way = nullptr;
+  q->leads = false;
   q->first_sent_us = q->sent_us = 0;
   q->asked = q->refused = 0;
   q->flags = flags;

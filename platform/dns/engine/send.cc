@@ -44,6 +44,8 @@ void sent_by_udp(dns_query *q, int slot) {
   // Nothing is sent after the last try, so it may as well wait its whole time: an answer to any try still counts.
   const bool last = q->tries >= ctx->options.ntries && recursive(q);
   const int64_t longest = ctx->options.timeout_us;
+  q->under_way = servers[q->server];
+  ++q->under_way->under_way;
   sent(q, last ? longest : servers[q->server]->patience_us(round, longest));
 }
 
@@ -88,11 +90,21 @@ bool send_batch(dns_ctx *ctx, int slot, unsigned count) {
   return true;
 }
 
+// room_at tells how many questions more a server may have under way.
+unsigned room_at(const Server *server) {
+  return kPerServer - std::min(kPerServer, server->under_way);
+}
+
 // send_next sends the question at the head of the list, and with it what can leave in the same call.
 void send_next(dns_ctx *ctx, Link *held) {
   auto *q = static_cast<dns_query *>(ctx->sending.next);
+  Server *server = servers_of(q)[q->server];
+  if (room_at(server) == 0) {
+    server->parked.append(q);
+    return;
+  }
   unsigned room = kBatch;
-  const int slot = q->slot != UdpPool::kNone ? q->slot : ctx->sockets.pick(&room);
+  const int slot = q->slot != UdpPool::kNone ? q->slot : ctx->sockets.pick(ctx->now_us, &room);
   if (slot != UdpPool::kNone && ctx->sockets.blocked(slot)) {
     // A try that cannot leave is over when its longest wait would be, so that every question ends.
     if (ctx->now_us - q->sent_us >= ctx->options.timeout_us) {

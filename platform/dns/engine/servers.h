@@ -28,6 +28,8 @@ struct Server : Link {
   int64_t srtt_us;
   int64_t deviation_us;
   int64_t plain_until_us;  // until when it is asked without EDNS0
+  unsigned under_way;      // questions that wait for its answer by UDP
+  Link parked;             // questions that wait until it has fewer of them
 
   std::atomic<int> average_ms;
   std::atomic<int> last_ms;

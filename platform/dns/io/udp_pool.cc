@@ -11,7 +11,7 @@ constexpr int kBindTries = 64;  // random ports tried before the pool reports th
 }  // namespace
 
 int UdpPool::open() {
-  return open_ > 0 ? 0 : (open_slot() >= 0 ? 0 : -EADDRNOTAVAIL);
+  return open_ > 0 ? 0 : (open_slot(0) >= 0 ? 0 : -EADDRNOTAVAIL);
 }
 
 void UdpPool::close() {
@@ -20,10 +20,25 @@ void UdpPool::close() {
   extent_ = 0;
 }
 
-int UdpPool::pick(unsigned *room) {
+// retire wears out sockets that have been in use for their time.
+void UdpPool::retire(int64_t now_us) {
+  retired_us_ = now_us;
+  for (unsigned i = 0; i < extent_; ++i) {
+    Slot &s = slots_[i];
+    if (s.descriptor < 0) continue;
+    if (s.born_us == 0) s.born_us = now_us;
+    if (now_us - s.born_us < kAgeMaxUs) continue;
+    s.uses = kUsesPerSocket;
+    if (s.in_flight == 0) close_slot(static_cast<int>(i));
+  }
+}
+
+int UdpPool::pick(int64_t now_us, unsigned *room) {
+  constexpr int64_t kLookUs = 1'000'000;
+  if (now_us - retired_us_ >= kLookUs) retire(now_us);
   // Until the pool has its least number of ports a forger has fewer to guess, so it grows to that before any is used
   // twice.
-  if (open_ < kSocketsMin) (void)open_slot();
+  if (open_ < kSocketsMin) (void)open_slot(now_us);
   uint16_t random = 0;
   if (!random_->u16(&random) || extent_ == 0) return kNone;
   for (unsigned i = 0; i < extent_; ++i) {
@@ -32,7 +47,7 @@ int UdpPool::pick(unsigned *room) {
     *room = kInFlightPerSocket - slots_[slot].in_flight;
     return slot;
   }
-  const int fresh = open_slot();
+  const int fresh = open_slot(now_us);
   if (fresh != kNone) {
     *room = kInFlightPerSocket;
     return fresh;
@@ -75,7 +90,7 @@ int UdpPool::slot_of(int descriptor) const {
   return kNone;
 }
 
-int UdpPool::open_slot() {
+int UdpPool::open_slot(int64_t now_us) {
   unsigned slot = 0;
   while (slot < extent_ && slots_[slot].descriptor >= 0)
     ++slot;
@@ -90,6 +105,7 @@ int UdpPool::open_slot() {
     if (descriptor < 0) return kNone;
     slots_[slot] = {};
     slots_[slot].descriptor = descriptor;
+    slots_[slot].born_us = now_us;
     if (slot == extent_) ++extent_;
     ++open_;
     return static_cast<int>(slot);

@@ -76,6 +76,7 @@ class UdpPool {
   static constexpr unsigned kSocketsMax = 64;
   static constexpr unsigned kInFlightPerSocket = 192;  // answers that the usual receive buffer (208 KiB) surely holds
   static constexpr unsigned kUsesPerSocket = 1024;     // questions after which a socket is replaced
+  static constexpr int64_t kAgeMaxUs = 60'000'000;     // time after which it is
   static constexpr uint16_t kPortMin = 10240;          // below lie ports that services expect to find free
   static constexpr int kNone = -1;
 
@@ -90,7 +91,7 @@ class UdpPool {
 
   // pick chooses the slot that the next batch leaves from, opening a socket where the pool needs one, and says how many
   // questions it has room for; a blocked slot when all are, kNone when no socket can be had.
-  [[nodiscard]] int pick(unsigned *room);
+  [[nodiscard]] int pick(int64_t now_us, unsigned *room);
   // used counts a question that left from a slot, done one whose fate is settled; a worn slot is then closed.
   void used(int slot);
   void done(int slot);
@@ -109,9 +110,11 @@ class UdpPool {
     unsigned in_flight = 0;
     unsigned uses = 0;
     bool blocked = false;
+    int64_t born_us = 0;  // 0 until it is looked at
   };
 
-  [[nodiscard]] int open_slot();
+  [[nodiscard]] int open_slot(int64_t now_us);
+  void retire(int64_t now_us);
   void close_slot(int slot);
   [[nodiscard]] bool usable(int slot) const;
   [[nodiscard]] bool busier(int a, int b) const;
@@ -119,7 +122,8 @@ class UdpPool {
   const Io *io_;
   RandomSource *random_;
   Slot slots_[kSocketsMax];
-  unsigned extent_ = 0;  // slots below this one may be open
+  int64_t retired_us_ = 0;  // when sockets were last looked at for their age
+  unsigned extent_ = 0;     // slots below this one may be open
   unsigned open_ = 0;
 };
 

@@ -1,0 +1,44 @@
+// failures.h - which server failed at which question a moment ago (RFC 9520): it is not asked the same again for a few
+// seconds, whoever asks, so that questions that cannot be answered do not become a storm.
+//
+// It belongs to one context and its driving thread. It holds a fixed number of failures; a later one takes the place of
+// another, which then merely costs a packet.
+#ifndef DNS_ENGINE_FAILURES_H
+#define DNS_ENGINE_FAILURES_H
+
+#include <stdint.h>
+
+#include <kavo/dns_types.h>
+
+struct dns_query;
+
+namespace dns {
+
+struct Server;
+
+class Failures {
+ public:
+  static constexpr int64_t kKeptUs = 5'000'000;  // RFC 9520, 3.2: at least 1 s, at most 5 minutes
+
+  // remember notes that `server` failed at a question with `status`, a negative one.
+  void remember(const dns_query *q, const Server *server, dns_status status);
+  // recall returns the status with which it failed, or 0.
+  [[nodiscard]] dns_status recall(const dns_query *q, const Server *server) const;
+  // fresh tells whether any failure is remembered at all.
+  [[nodiscard]] bool fresh(int64_t now_us) const { return now_us < until_us_; }
+
+ private:
+  static constexpr unsigned kCells = 1024;
+  struct Cell {
+    uint64_t key;
+    int64_t until_us;
+    dns_status status;
+  };
+
+  Cell cells_[kCells] = {};
+  int64_t until_us_ = 0;  // when the last failure is forgotten
+};
+
+}  // namespace dns
+
+#endif  // DNS_ENGINE_FAILURES_H

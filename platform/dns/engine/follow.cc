@@ -1,0 +1,109 @@
+// follow.cc - identical questions that are open at the same time are asked once: the first is the leader, the others
+// follow it and share its outcome. So nobody multiplies a forger's chances by making a host ask again and again
+// (RFC 5452, section 5). See engine.h.
+//
+// Look-ups of the engine's own lead and follow nobody: one that waited for a question that waits for it would never
+// end.
+#include <siphash.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <algorithm>
+
+#include "engine.h"
+
+namespace dns {
+namespace {
+
+constexpr unsigned kLeadersMin = 64;  // buckets of the first table
+
+uint64_t hash_of(const dns_query *q) {
+  uint8_t bytes[DNS_MAXDN + 8];
+  const uint16_t numbers[] = {q->typ, q->cls, static_cast<uint16_t>(recursive(q))};
+  memcpy(bytes, q->dn, q->dn_size);
+  memcpy(bytes + q->dn_size, numbers, sizeof numbers);
+  return siphash_folded(q->ctx->secret, bytes, q->dn_size + sizeof numbers);
+}
+
+bool same_servers(const dns_query *a, const dns_query *b) {
+  if (a->own == nullptr || b->own == nullptr) return a->uncached == b->uncached && a->own == b->own;
+  return a->nserv == b->nserv && std::equal(a->own->servers, a->own->servers + a->nserv, b->own->servers);
+}
+
+// same compares names letter case included: an answer is given for the name as it was asked.
+bool same(const dns_query *a, const dns_query *b) {
+  return a->hash == b->hash && a->typ == b->typ && a->cls == b->cls && recursive(a) == recursive(b) &&
+         a->dn_size == b->dn_size && memcmp(a->dn, b->dn, a->dn_size) == 0 && same_servers(a, b);
+}
+
+bool may_lead(const dns_query *q) {
+  return (q->flags & DNS_DCACHE) == 0 && (q->journey == nullptr || q->journey->top == nullptr);
+}
+
+void grow(dns_ctx *ctx) {
+  const unsigned size = ctx->leaders_size == 0 ? kLeadersMin : 2 * ctx->leaders_size;
+  auto **leaders = static_cast<dns_query **>(calloc(size, sizeof(dns_query *)));
+  if (leaders == nullptr) return;  // the table in place goes on, with longer chains
+  for (unsigned i = 0; i < ctx->leaders_size; ++i)
+    while (dns_query *q = ctx->leaders[i]) {
+      ctx->leaders[i] = q->leader_next;
+      dns_query *&bucket = leaders[q->hash & (size - 1)];
+      q->leader_next = bucket;
+      bucket = q;
+    }
+  free(ctx->leaders);
+  ctx->leaders = leaders;
+  ctx->leaders_size = size;
+}
+
+// lead makes a question one that others may follow. Without memory it is asked alone.
+void lead(dns_query *q) {
+  dns_ctx *ctx = q->ctx;
+  if (ctx->leader_count >= ctx->leaders_size) grow(ctx);
+  if (ctx->leaders == nullptr) return;
+  dns_query *&bucket = ctx->leaders[q->hash & (ctx->leaders_size - 1)];
+  q->leader_next = bucket;
+  bucket = q;
+  q->leads = true;
+  ++ctx->leader_count;
+}
+
+}  // namespace
+
+bool follow(dns_query *q) {
+  dns_ctx *ctx = q->ctx;
+  if (!may_lead(q)) return false;
+  q->hash = hash_of(q);
+  dns_query *leader = ctx->leaders_size == 0 ? nullptr : ctx->leaders[q->hash & (ctx->leaders_size - 1)];
+  while (leader != nullptr && !same(leader, q))
+    leader = leader->leader_next;
+  if (leader == nullptr) {
+    lead(q);
+    return false;
+  }
+  q->state = State::following;
+  leader->followers.append(q);
+  return true;
+}
+
+void stop_leading(dns_query *q, Link *followers) {
+  followers->take_all(&q->followers);
+  if (!q->leads) return;
+  dns_ctx *ctx = q->ctx;
+  dns_query **at = &ctx->leaders[q->hash & (ctx->leaders_size - 1)];
+  while (*at != q)
+    at = &(*at)->leader_next;
+  *at = q->leader_next;
+  q->leads = false;
+  --ctx->leader_count;
+}
+
+void hand_over(Link *followers) {
+  if (followers->alone()) return;
+  auto *q = static_cast<dns_query *>(followers->next);
+  lead(q);
+  enqueue(q);
+  q->followers.take_all(followers);
+}
+
+}  // namespace dns
