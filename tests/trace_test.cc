@@ -430,7 +430,10 @@ TEST_F(HostTraceTest, OfTheToolShowsEveryPacket) {
   argv.emplace_back("192.0.2.10");
   const support::Result result = support::run(argv);
   EXPECT_EQ(result.status, 1) << result.err;
-  EXPECT_TRUE(has_line(result.out, ";; trying 10.2.0.192.list.test.")) << result.out;
+  // Questions leave with their letters in random case.
+  std::string asked = result.out;
+  std::transform(asked.begin(), asked.end(), asked.begin(), [](char c) { return static_cast<char>(tolower(c)); });
+  EXPECT_TRUE(has_line(asked, ";; trying 10.2.0.192.list.test.")) << result.out;
   EXPECT_TRUE(has_line(result.out, ";; response: answer for 10.2.0.192.list.test."));
   EXPECT_NE(result.out.find("LISTED"), std::string::npos);
   EXPECT_TRUE(has_line(result.err, "10.2.0.192.list.test.\t300\tIN\tA\t127.0.0.4")) << result.err;

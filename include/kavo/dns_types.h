@@ -90,6 +90,7 @@ enum {
 
 /* dns_flags: of a question (DNS_RCRS, DNS_DCACHE) and of a context (DNS_OPT_FLAGS). */
 enum {
+  DNS_COOKIES = 16777216,  /* exchange DNS cookies with servers (RFC 7873; a context's flag) */
   DNS_DCACHE = 67108864,   /* ask the server for what its cache holds first */
   DNS_SERVRRB = 134217728, /* start each question at the next server in turn (a context's flag) */
   DNS_RCRS = 268435456     /* ask the server for recursion: the RD bit */

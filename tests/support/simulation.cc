@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
@@ -140,6 +141,27 @@ Bytes referral(const Bytes &question) {
   return packet.bytes;
 }
 
+// with_cookie answers with the server's cookie, or with BADCOOKIE a question that lacks it.
+Bytes with_cookie(const Bytes &question, Bytes answer) {
+  constexpr size_t kClient = 8, kServer = 16, kOptHead = 11, kOptionHead = 4;
+  const size_t at = question_end(question) + kOptHead + kOptionHead;
+  if (question.size() < at + kClient) return answer;  // no cookie, no terms
+  const bool knows = question.size() == at + kClient + kServer && question[at + kClient] == 'S';
+  Packet packet{knows ? answer : bare(question, 7)};
+  packet.u8(0);
+  packet.u16(DNS_T_OPT);
+  packet.u16(1232);
+  packet.u32(knows ? 0 : 1U << 24);  // BADCOOKIE is 23: the upper bits stand here
+  packet.u16(kOptionHead + kClient + kServer);
+  packet.u16(10);
+  packet.u16(kClient + kServer);
+  packet.bytes.insert(packet.bytes.end(), question.begin() + static_cast<long>(at),
+                      question.begin() + static_cast<long>(at + kClient));
+  packet.bytes.insert(packet.bytes.end(), kServer, 'S');
+  packet.bytes[11] = 1;
+  return packet.bytes;
+}
+
 Bytes wrongly(Bytes answer, size_t byte) {
   answer.at(byte) ^= 0x21;
   return answer;
@@ -155,7 +177,8 @@ std::array<uint8_t, DNS_MAXDN> name(const std::string &text) {
 }
 
 Truth truth_of(const uint8_t *dn) {
-  const std::string label(reinterpret_cast<const char *>(dn) + 1, dn[0]);
+  std::string label(reinterpret_cast<const char *>(dn) + 1, dn[0]);
+  std::transform(label.begin(), label.end(), label.begin(), [](char c) { return static_cast<char>(tolower(c)); });
   if (label.starts_with("gone-")) return {DNS_E_NXDOMAIN, 0};
   if (label.starts_with("empty-")) return {DNS_E_NODATA, 0};
   return {DNS_E_NOERROR, 0x7F000000U | (static_cast<uint32_t>(std::hash<std::string>{}(label)) & 0xFFFFFF)};
@@ -174,6 +197,13 @@ Bytes answer_to(const Bytes &question, Temper temper, bool by_tcp) {
       return bare(question, DNS_R_SERVFAIL);
     case Temper::knows_no_opt:
       return question[11] == 0 ? answer : bare(question, DNS_R_FORMERR);
+    case Temper::lowers_case:
+    case Temper::lowers_case_by_tcp:
+      std::transform(answer.begin() + DNS_HSIZE, answer.begin() + static_cast<long>(question_end(question)) - 4,
+                     answer.begin() + DNS_HSIZE, [](uint8_t c) { return static_cast<uint8_t>(tolower(c)); });
+      return answer;
+    case Temper::bakes_cookies:
+      return with_cookie(question, answer);
     case Temper::truncates:
     case Temper::refuses_tcp:
       if (by_tcp) return answer;
@@ -236,9 +266,14 @@ bool World::turn() {
   if (!under_way_.empty()) next = std::min(next, under_way_.begin()->first);
   now_us = std::max(now_us, next);
   deliver_due();
-  std::vector<dns_ios> sockets(64);
+  read_sockets();
+  return true;
+}
+
+void World::read_sockets() {
+  std::vector<dns_ios> sockets(96);
   const int count = dns_sockio(ctx, sockets.data(), static_cast<unsigned>(sockets.size()));
-  sockets.resize(static_cast<size_t>(std::min(count, 64)));
+  sockets.resize(static_cast<size_t>(std::min(count, 96)));
   for (dns_ios socket : sockets) {
     const bool writable = (socket.dnsio_events & DNS_IO_OUT) != 0 && !send_buffers_full;
     const bool stream = streams_.count(socket.dnsio_sock) != 0;
@@ -246,7 +281,6 @@ bool World::turn() {
     socket.dnsio_events = (readable ? unsigned{DNS_IO_IN} : 0U) | (writable ? unsigned{DNS_IO_OUT} : 0U);
     if (socket.dnsio_events != 0) dns_ioevent(ctx, &socket, now());
   }
-  return true;
 }
 
 bool World::run(unsigned turns_max) {
@@ -274,9 +308,15 @@ void World::mail(int socket, const sockaddr_in &from, Bytes bytes) {
   }
 }
 
+void World::forge(const std::string &server, const Bytes &packet) {
+  for (auto &[socket, inbox] : inboxes_)
+    inbox.push_back({socket, address_of(server), packet});
+}
+
 void World::send(int socket, const dns::Datagram &datagram) {
   ++packets_sent;
   const Bytes question(datagram.data, datagram.data + datagram.size);
+  last_question_ = question;
   char text[INET_ADDRSTRLEN];
   inet_ntop(AF_INET, &datagram.peer.sin_addr, text, sizeof text);
   if (chance(weather.forged_percent)) {
@@ -351,7 +391,7 @@ int World::tcp_open(void *self, const sockaddr_in &peer) {
   char text[INET_ADDRSTRLEN];
   inet_ntop(AF_INET, &peer.sin_addr, text, sizeof text);
   const Temper temper = world->tempers_.at(text);
-  if (temper == Temper::refuses_tcp) return -ECONNREFUSED;
+  if (temper == Temper::refuses_tcp || temper == Temper::lowers_case) return -ECONNREFUSED;
   world->streams_[world->next_socket_] = {temper, {}, {}};
   ++world->connections_made;
   ++world->sockets_open;

@@ -29,6 +29,9 @@ enum class Temper {
   truncates,
   refuses_tcp,
   knows_no_opt,
+  lowers_case,         // and has no TCP
+  lowers_case_by_tcp,  // there too
+  bakes_cookies,       // refuses a question without its cookie
   garbles,
   wrong_name,
   wrong_id,
@@ -74,9 +77,16 @@ class World {
   void set_temper(const std::string &address, Temper temper) { tempers_[address] = temper; }
   static sockaddr_in address_of(const std::string &address);
 
+  // forge puts a packet into the inbox of every socket, as if it came from a server.
+  void forge(const std::string &server, const Bytes &packet);
+  // last_question is the last packet that was sent by UDP.
+  [[nodiscard]] const Bytes &last_question() const { return last_question_; }
+
   // turn lets the engine do what is due, moves the clock to whatever comes next and delivers it. False once no question
   // is open.
   bool turn();
+  // read_sockets hands the engine what its sockets hold.
+  void read_sockets();
   // run takes turns until no question is open; false when that takes more than `turns_max`.
   bool run(unsigned turns_max = 100'000);
   [[nodiscard]] dns_timeval now() const;
@@ -117,6 +127,7 @@ class World {
   std::multimap<int64_t, Parcel> under_way_;
   std::map<int, std::deque<Parcel>> inboxes_;
   std::map<int, Stream> streams_;
+  Bytes last_question_;
   int next_socket_ = 100;
 };
 

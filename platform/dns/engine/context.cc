@@ -105,7 +105,9 @@ dns_ctx *context_new(const Io *io) {
   if (block == nullptr) return nullptr;
   auto *ctx = new (block) dns_ctx(io);
   ctx->entry = dns_cdata_init(kEntryRoom);
-  if (ctx->entry != nullptr && io->random(io->self, ctx->secret, sizeof ctx->secret)) return ctx;
+  if (ctx->entry != nullptr && io->random(io->self, ctx->secret, sizeof ctx->secret) &&
+      io->random(io->self, ctx->cookie_secret, sizeof ctx->cookie_secret))
+    return ctx;
   dns_destroy(ctx);
   return nullptr;
 }

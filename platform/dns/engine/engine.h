@@ -53,6 +53,7 @@ inline constexpr int kTcpSlot = UdpPool::kSocketsMax;     // the slot of the fir
 inline constexpr int64_t kTcpIdleUs = 10 * kUsPerSecond;  // after which a connection is closed
 inline constexpr unsigned kTcpTriesMax = 2;               // connections on which one server is asked one question
 inline constexpr int64_t kNoEdnsUs = 900 * kUsPerSecond;  // for which a server is asked without EDNS0
+inline constexpr int64_t kLowerUs = 900 * kUsPerSecond;   // for which a server is asked in lower case
 inline constexpr size_t kOptSize = 1 + 2 + 2 + 4 + 2;     // an OPT record without options
 inline constexpr size_t kCookieMax = 4 + 8 + 32;          // a cookie option (RFC 7873, section 4)
 
@@ -138,9 +139,11 @@ struct dns_query : dns::Timer {
   dns::Journey *journey;
   dns::Server *under_way;  // the server of the present try while an answer is waited for, else null
   uint64_t hash;
+  uint64_t case_bits;  // the case in which the letters of its name were sent
   int64_t first_sent_us;
   int64_t sent_us;   // when the present try left, or when it was due
   uint32_t asked;    // servers that were sent the question, and may answer it
+  uint32_t lowered;  // servers that were sent it in lower case
   uint32_t refused;  // servers that answered with an error, and are not asked again
   uint32_t flags;
   uint16_t id;
@@ -158,6 +161,8 @@ struct dns_query : dns::Timer {
   bool over_tcp;      // the present try goes over TCP
   bool plain;         // the present server is asked without EDNS0
   bool with_opt;      // the present try says EDNS0
+  bool case_missed;   // an answer changed the case of its name: whether the server does so is asked over TCP
+  bool fresh_cookie;  // the server has given a new cookie for it
   bool leads;         // it is in the table of leaders
   bool uncached;      // it neither reads nor fills the cache
   dns::State state;
@@ -212,7 +217,8 @@ struct dns_ctx {
   unsigned index_size = 0;
   unsigned in_flight = 0;  // questions in the index
 
-  uint8_t secret[16] = {};        // of this context's hashes
+  uint8_t secret[16] = {};  // of this context's hashes
+  uint8_t cookie_secret[16] = {};
   dns_query **leaders = nullptr;  // questions that others may follow; a power of two of buckets
   unsigned leaders_size = 0;
   unsigned leader_count = 0;
@@ -331,6 +337,10 @@ void hand_over(Link *followers);
 // build writes the packet that asks `q` of its present server; its length.
 [[nodiscard]] size_t build(dns_query *q, std::span<uint8_t> packet);
 
+// client_cookie is this side's cookie for a server (RFC 7873, section 4.1).
+inline constexpr size_t kClientCookieSize = 8;
+void client_cookie(const dns_ctx *ctx, const Server *server, uint8_t *cookie);
+
 // sent notes that a try of a question is on its way, and for how long it is waited for.
 void sent(dns_query *q, int64_t patience_us);
 
@@ -349,7 +359,7 @@ struct Arrival {
 };
 
 // take_packet gives a packet to the question that it answers.
-void take_packet(dns_ctx *ctx, const Arrival &arrival);
+void take_packet(dns_ctx *ctx, std::span<uint8_t> packet, const sockaddr_in &peer, int slot);
 
 // receive reads what has arrived on a UDP socket.
 void receive(dns_ctx *ctx, int slot);
@@ -366,6 +376,8 @@ void tell_packet(dns_ctx *ctx, dns_query *q, int code, const Arrival &arrival, i
 void send_over_tcp(dns_query *q);
 // tcp_flush writes what is to be written on every connection. True when one broke, and left questions to be sent.
 [[nodiscard]] bool tcp_flush(dns_ctx *ctx);
+// tcp_failed ends the asking of the present server over TCP.
+void tcp_failed(dns_query *q);
 // tcp_forget takes a question off its connection.
 void tcp_forget(dns_query *q);
 // tcp_timed_out gives up the try of a question that is under way on a connection.

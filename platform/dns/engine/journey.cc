@@ -72,11 +72,11 @@ Journey *top(Journey *journey) {
 
 // start_over asks a question, which has left everything, of its present servers as if it were new.
 void start_over(dns_query *q) {
-  q->asked = q->refused = 0;
+  q->asked = q->lowered = q->refused = 0;
   q->tries = q->tcp_tries = 0;
   q->error = 0;
   q->server = 0;
-  q->over_tcp = q->plain = false;
+  q->over_tcp = q->plain = q->case_missed = q->fresh_cookie = false;
   enqueue(q);
   if (servers_of(q).empty())
     deliver(q, DNS_E_TEMPFAIL, nullptr, 0, 0);

@@ -1,6 +1,7 @@
 // outcome.cc - what an answer means for its question: an answer, a denial, an error, or nothing that can be used; and
 // what of it the cache keeps. See engine.h.
 #include <algorithm>
+#include <utility>
 
 #include "cdata.h"
 #include "engine.h"
@@ -184,10 +185,25 @@ bool wants_no_opt(const dns_query *q, std::span<const uint8_t> packet, const Hea
   return header.rcode == DNS_R_NOERROR && opt.rcode_high == kBadVersionHigh;
 }
 
+// wants_cookie tells whether a server refuses the cookie that it was sent (BADCOOKIE, RFC 7873, 5.3): it has given a
+// new one, and after that there is TCP.
+bool wants_cookie(const dns_query *q, std::span<const uint8_t> packet, const Header &header) {
+  constexpr unsigned kBadCookie = 23;
+  Opt opt;
+  if ((q->ctx->options.flags & DNS_COOKIES) == 0 || !q->with_opt || q->over_tcp || !read_opt(packet, &opt))
+    return false;
+  return opt.present && (unsigned{opt.rcode_high} << 4 | header.rcode) == kBadCookie;
+}
+
 // asked_otherwise asks the present server again without EDNS0 or over TCP, where its answer calls for that. False when
 // it does not.
 bool asked_otherwise(dns_query *q, int code, const Arrival &arrival, const Header &header) {
   if (!same_address(servers_of(q)[q->server]->address, *arrival.peer)) return false;
+  if (code == DNS_D_PKT_SERVERR && wants_cookie(q, arrival.packet, header)) {
+    q->over_tcp = q->over_tcp || std::exchange(q->fresh_cookie, true);
+    ask_otherwise(q);
+    return true;
+  }
   const bool without_opt = code == DNS_D_PKT_SERVERR && wants_no_opt(q, arrival.packet, header);
   if (!without_opt && code != DNS_D_PKT_TC) return false;
   if (without_opt) q->plain = true;

@@ -228,7 +228,7 @@ void ask_again(dns_query *q) {
     deliver(q, status, nullptr, 0, 0);
     return;
   }
-  q->plain = false;
+  q->plain = q->case_missed = q->fresh_cookie = false;
   q->tcp_tries = 0;
   // By UDP the answer to an earlier try still counts, so that the question keeps its socket and its id.
   if (std::exchange(q->over_tcp, false)) {
@@ -276,7 +276,9 @@ dns_query *dns_submit_dn_serv(dns_ctx *ctx, const unsigned char *dn, dns_class c
   q->own = nullptr;
   q->journey = nullptr;
   q->under_way = nullptr;
-  q->leads = false;
+  q->leads = q->case_missed = q->fresh_cookie = false;
+  q->case_bits = 0;
+  q->lowered = 0;
   q->first_sent_us = q->sent_us = 0;
   q->asked = q->refused = 0;
   q->flags = flags;

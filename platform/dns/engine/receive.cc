@@ -9,46 +9,103 @@ namespace dns {
 namespace {
 
 constexpr unsigned kReceiveTurns = 16;   // batches taken from one socket before the others get their turn
+constexpr size_t kServerCookieMin = 8;   // RFC 7873, section 4
 constexpr unsigned kReturnedMax = 1024;  // packets taken at a time that came back undeliverable
 
-bool was_asked(const dns_query *q, const sockaddr_in &peer) {
+constexpr int kNotAsked = -1;
+
+// asked_server is the place of the server that sent a packet among those that were asked: for an expected stranger that
+// of the present try. kNotAsked for anybody else.
+int asked_server(const dns_query *q, const sockaddr_in &peer) {
   const auto servers = servers_of(q);
   for (unsigned i = 0; i < servers.size(); ++i)
-    if ((q->asked & (1U << i)) != 0 && same_address(servers[i]->address, peer)) return true;
+    if ((q->asked & (1U << i)) != 0 && same_address(servers[i]->address, peer)) return static_cast<int>(i);
   for (const sockaddr_in &expected : std::span(q->ctx->expected, q->ctx->nexpected))
     if (expected.sin_addr.s_addr == peer.sin_addr.s_addr &&
         (expected.sin_port == 0 || expected.sin_port == peer.sin_port))
-      return true;
-  return false;
+      return q->server;
+  return kNotAsked;
 }
 
-// same_question compares the packet's question with the one that was sent, letter case included.
-bool same_question(const dns_query *q, std::span<const uint8_t> packet, const Header &header) {
+enum class Match { none, but_for_case, whole };
+
+// match compares a packet's question with the one that `server` was sent, letter case included.
+Match match(const dns_query *q, int server, std::span<const uint8_t> packet, const Header &header) {
   Reader reader(packet, DNS_HSIZE);
   std::span<const uint8_t> name;
   uint16_t typ = 0, cls = 0;
-  return header.count[DNS_S_QD] == 1 && reader.bytes(q->ask_size, &name) &&
-         memcmp(name.data(), q->ask, q->ask_size) == 0 && reader.u16(&typ) && reader.u16(&cls) && typ == q->typ &&
-         cls == q->cls;
+  if (header.count[DNS_S_QD] != 1 || !reader.bytes(q->ask_size, &name) || !reader.u16(&typ) || !reader.u16(&cls) ||
+      typ != q->typ || cls != q->cls)
+    return Match::none;
+  if (has_case(name, q->ask, (q->lowered & (1U << server)) != 0 ? kLowerCase : q->case_bits)) return Match::whole;
+  return dns_dnequal(name.data(), q->ask) == q->ask_size ? Match::but_for_case : Match::none;
 }
 
-// find returns the question that a packet answers; `code` is what else the packet is.
-dns_query *find(dns_ctx *ctx, const Arrival &arrival, Header *header, int *code) {
-  *code = DNS_D_PKT_RPINV;
-  if (!read_header(arrival.packet, header)) return nullptr;
+// Found is the question that a packet answers, or what else the packet is.
+struct Found {
+  dns_query *q;
+  int code;
+  Match match;
+  int server;
+};
+
+Found find(dns_ctx *ctx, const Arrival &arrival, Header *header) {
+  Found found = {nullptr, DNS_D_PKT_RPINV, Match::none, 0};
+  if (!read_header(arrival.packet, header)) return found;
   if (!header->qr) {
-    *code = DNS_D_PKT_NOQR;
-    return nullptr;
+    found.code = DNS_D_PKT_NOQR;
+    return found;
   }
-  if (header->opcode != 0) return nullptr;
-  *code = DNS_D_PKT_NOREQ;
+  if (header->opcode != 0) return found;
+  found.code = DNS_D_PKT_NOREQ;
   for (dns_query *q = index_first(ctx, header->id); q != nullptr; q = q->index_next) {
     if (q->id != header->id || q->slot != arrival.slot) continue;
-    if (arrival.slot < kTcpSlot && !was_asked(q, *arrival.peer)) continue;
-    if (same_question(q, arrival.packet, *header)) return q;
-    *code = DNS_D_PKT_RPINV;
+    const int server = arrival.slot < kTcpSlot ? asked_server(q, *arrival.peer) : int{q->server};
+    if (server == kNotAsked) continue;
+    found.code = DNS_D_PKT_RPINV;
+    const Match how = match(q, server, arrival.packet, *header);
+    if (how == Match::none) continue;
+    found = {q, DNS_D_PKT_RPINV, how, server};
+    if (how == Match::whole) break;
   }
-  return nullptr;
+  return found;
+}
+
+// take_other_case deals with an answer that is right but for the case of its question's letters. By UDP it may be a
+// forger's good guess, and does not count: TCP, which no forger reaches, is to tell whether the server is like that.
+// True when it counts.
+bool take_other_case(const Found &found, int slot) {
+  dns_query *q = found.q;
+  dns_ctx *ctx = q->ctx;
+  Server *server = servers_of(q)[static_cast<size_t>(found.server)];
+  if (slot >= kTcpSlot) {
+    server->lower_until_us = ctx->now_us + kLowerUs;
+    return true;
+  }
+  if (q->state != State::waiting || found.server != q->server || (q->lowered & (1U << found.server)) != 0) return false;
+  q->case_missed = q->over_tcp = true;
+  ask_otherwise(q);
+  return false;
+}
+
+// has_right_cookie checks the cookie of an answer and keeps the server's part of it (RFC 7873, section 5.3).
+bool has_right_cookie(const Found &found, const Arrival &arrival) {
+  const dns_query *q = found.q;
+  const dns_ctx *ctx = q->ctx;
+  Server *server = servers_of(q)[static_cast<size_t>(found.server)];
+  Opt opt;
+  if ((ctx->options.flags & DNS_COOKIES) == 0 || !q->with_opt) return true;
+  if (!read_opt(arrival.packet, &opt)) return false;
+  if (opt.cookie.empty()) return !server->gives_cookies || arrival.protocol() == IPPROTO_TCP;
+  uint8_t own[kClientCookieSize];
+  client_cookie(ctx, server, own);
+  if (opt.cookie.size() < sizeof own || memcmp(opt.cookie.data(), own, sizeof own) != 0) return false;
+  const std::span<const uint8_t> theirs = opt.cookie.subspan(sizeof own);
+  if (theirs.size() < kServerCookieMin || theirs.size() > kServerCookieMax) return theirs.empty();
+  memcpy(server->cookie, theirs.data(), theirs.size());
+  server->cookie_size = static_cast<uint8_t>(theirs.size());
+  server->gives_cookies = true;
+  return true;
 }
 
 // returned_to finds the question of a packet that came back: its try at the server that the packet was going to is the
@@ -58,7 +115,8 @@ dns_query *returned_to(dns_ctx *ctx, int slot, std::span<const uint8_t> packet, 
   if (!read_header(packet, &header)) return nullptr;
   for (dns_query *q = index_first(ctx, header.id); q != nullptr; q = q->index_next) {
     if (q->id != header.id || q->slot != slot || q->state != State::waiting) continue;
-    if (same_address(servers_of(q)[q->server]->address, server) && same_question(q, packet, header)) return q;
+    if (same_address(servers_of(q)[q->server]->address, server) && match(q, q->server, packet, header) == Match::whole)
+      return q;
   }
   return nullptr;
 }
@@ -71,15 +129,21 @@ bool has_fresh_server(const dns_query *q) {
 
 }  // namespace
 
-void take_packet(dns_ctx *ctx, const Arrival &arrival) {
+void take_packet(dns_ctx *ctx, std::span<uint8_t> packet, const sockaddr_in &peer, int slot) {
+  const Arrival arrival = {packet, &peer, slot};
   Header header;
-  int code = DNS_D_PKT_RPINV;
-  dns_query *q = find(ctx, arrival, &header, &code);
-  if (q == nullptr) {
-    tell_packet(ctx, nullptr, code, arrival, 0);
+  const Found found = find(ctx, arrival, &header);
+  if (found.q == nullptr || !has_right_cookie(found, arrival)) {
+    tell_packet(ctx, nullptr, found.code, arrival, 0);
     return;
   }
-  take_answer(q, arrival, header);
+  if (found.match == Match::but_for_case) {
+    tell_packet(ctx, nullptr, found.code, arrival, 0);
+    if (!take_other_case(found, slot)) return;
+  }
+  // What the case of the letters was good for is done: the host sees the name as it gave it.
+  memcpy(packet.data() + DNS_HSIZE, found.q->ask, found.q->ask_size);
+  take_answer(found.q, arrival, header);
 }
 
 void receive(dns_ctx *ctx, int slot) {
@@ -92,12 +156,11 @@ void receive(dns_ctx *ctx, int slot) {
     const int count = ctx->io->udp_receive(ctx->io->self, descriptor, ctx->buffers->in, kBatch);
     for (int i = 0; i < count; ++i) {
       const Datagram &in = ctx->buffers->in[i];
-      const Arrival arrival = {{in.data, std::min(in.size, in.capacity)}, &in.peer, slot};
       if (in.size <= in.capacity) {
-        take_packet(ctx, arrival);
+        take_packet(ctx, {in.data, in.size}, in.peer, slot);
       } else {
         // Larger than was asked for, and cut by the kernel: it counts for no more than garbage.
-        tell_packet(ctx, nullptr, DNS_D_PKT_RPINV, arrival, 0);
+        tell_packet(ctx, nullptr, DNS_D_PKT_RPINV, {{in.data, in.capacity}, &in.peer, slot}, 0);
       }
       // An answer may have been the last that a worn socket waited for.
       if (ctx->sockets.descriptor(slot) != descriptor) return;

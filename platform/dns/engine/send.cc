@@ -1,5 +1,7 @@
 // send.cc - packets out: what is due to be sent, in batches; see engine.h.
 #include <errno.h>
+#include <siphash.h>
+#include <string.h>
 
 #include <algorithm>
 
@@ -18,7 +20,7 @@ unsigned collect(dns_ctx *ctx, int slot, unsigned room) {
     auto *q = static_cast<dns_query *>(link);
     const bool is_new = q->slot == UdpPool::kNone;
     if (q->over_tcp || is_new != fresh || (!is_new && q->slot != slot)) break;
-    if (is_new && !ctx->random.u16(&q->id)) break;
+    if (is_new && (!ctx->random.u16(&q->id) || !ctx->random.u64(&q->case_bits))) break;
     Datagram &datagram = buffers->out[count];
     datagram.data = buffers->queries[count];
     datagram.size = static_cast<uint32_t>(build(q, buffers->queries[count]));
@@ -124,11 +126,29 @@ void send_next(dns_ctx *ctx, Link *held) {
 
 }  // namespace
 
+void client_cookie(const dns_ctx *ctx, const Server *server, uint8_t *cookie) {
+  const uint64_t hash = siphash(ctx->cookie_secret, &server->address, sizeof server->address);
+  static_assert(sizeof hash == kClientCookieSize);
+  memcpy(cookie, &hash, sizeof hash);
+}
+
 size_t build(dns_query *q, std::span<uint8_t> packet) {
   const dns_ctx *ctx = q->ctx;
+  const Server *server = servers_of(q)[q->server];
+  const bool lower = server->lower_until_us > ctx->now_us;
   const size_t size = write_query(packet, q->id, recursive(q), q->ask, q->typ, q->cls);
-  q->with_opt = !q->plain && servers_of(q)[q->server]->plain_until_us <= ctx->now_us;
-  return q->with_opt ? write_opt(packet, size, static_cast<uint16_t>(ctx->options.udp_size), {}) : size;
+  apply_case(packet.subspan(DNS_HSIZE, q->ask_size), lower ? kLowerCase : q->case_bits);
+  q->lowered = lower ? q->lowered | 1U << q->server : q->lowered & ~(1U << q->server);
+  q->with_opt = !q->plain && server->plain_until_us <= ctx->now_us;
+  if (!q->with_opt) return size;
+  uint8_t cookie[kClientCookieSize + kServerCookieMax];
+  size_t cookie_size = 0;
+  if ((ctx->options.flags & DNS_COOKIES) != 0) {
+    client_cookie(ctx, server, cookie);
+    memcpy(cookie + kClientCookieSize, server->cookie, server->cookie_size);
+    cookie_size = kClientCookieSize + server->cookie_size;
+  }
+  return write_opt(packet, size, static_cast<uint16_t>(ctx->options.udp_size), {cookie, cookie_size});
 }
 
 void sent(dns_query *q, int64_t patience_us) {

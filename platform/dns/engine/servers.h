@@ -17,6 +17,8 @@
 
 namespace dns {
 
+inline constexpr unsigned kServerCookieMax = 32;  // RFC 7873, section 4
+
 // Server is one address that questions go to. `link` is its place in the list of records that nobody holds.
 struct Server : Link {
   sockaddr_in address;
@@ -28,8 +30,12 @@ struct Server : Link {
   int64_t srtt_us;
   int64_t deviation_us;
   int64_t plain_until_us;  // until when it is asked without EDNS0
-  unsigned under_way;      // questions that wait for its answer by UDP
-  Link parked;             // questions that wait until it has fewer of them
+  int64_t lower_until_us;  // until when it is asked in lower case, because it does not keep the case of letters
+  uint8_t cookie[kServerCookieMax];  // the server's own cookie (RFC 7873)
+  uint8_t cookie_size;
+  bool gives_cookies;  // it has answered with a cookie, and so always will
+  unsigned under_way;  // questions that wait for its answer by UDP
+  Link parked;         // questions that wait until it has fewer of them
 
   std::atomic<int> average_ms;
   std::atomic<int> last_ms;

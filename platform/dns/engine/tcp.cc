@@ -7,6 +7,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "engine.h"
 
@@ -43,8 +44,7 @@ void broken(dns_ctx *ctx, Connection *connection) {
       enqueue(q);
       continue;
     }
-    q->refused |= 1U << q->server;
-    ask_again(q);
+    tcp_failed(q);
   }
 }
 
@@ -82,7 +82,7 @@ Connection *connect(dns_ctx *ctx, Server *server, bool *waits) {
 [[nodiscard]] bool post(dns_query *q, Connection *connection) {
   dns_ctx *ctx = q->ctx;
   uint8_t packet[kQueryRoom];
-  if (connection->count == kPerConnection || !ctx->random.u16(&q->id)) return false;
+  if (connection->count == kPerConnection || !ctx->random.u16(&q->id) || !ctx->random.u64(&q->case_bits)) return false;
   const std::span<const uint8_t> message(packet, build(q, packet));
   if (!connection->link.push(message)) return false;
   q->slot = static_cast<int16_t>(slot_of(ctx, connection));
@@ -107,8 +107,8 @@ Connection *connect(dns_ctx *ctx, Server *server, bool *waits) {
     if (got == -EAGAIN) return true;
     if (got <= 0) return false;
     connection->heard_us = connection->used_us = ctx->now_us;
-    for (std::span<const uint8_t> message; connection->link.next(&message);)
-      take_packet(ctx, {message, &peer, slot_of(ctx, connection)});
+    for (std::span<uint8_t> message; connection->link.next(&message);)
+      take_packet(ctx, message, peer, slot_of(ctx, connection));
   }
   return true;
 }
@@ -126,8 +126,7 @@ void send_over_tcp(dns_query *q) {
     ctx->tcp_waiting.append(q);
     return;
   }
-  q->refused |= 1U << q->server;
-  ask_again(q);
+  tcp_failed(q);
 }
 
 bool tcp_flush(dns_ctx *ctx) {
@@ -135,6 +134,24 @@ bool tcp_flush(dns_ctx *ctx) {
   for (Connection &connection : ctx->connections)
     if (connection.link.wants_to_write() && connection.link.flush() != 0) broken(ctx, &connection);
   return !ctx->sending.alone();
+}
+
+// tcp_failed leaves the server, unless UDP is open to it: where TCP was to tell whether it keeps the case of letters,
+// it is then taken for one that does not, and asked in lower case.
+void tcp_failed(dns_query *q) {
+  dns_ctx *ctx = q->ctx;
+  if (!std::exchange(q->case_missed, false)) {
+    q->refused |= 1U << q->server;
+    ask_again(q);
+    return;
+  }
+  servers_of(q)[q->server]->lower_until_us = ctx->now_us + kLowerUs;
+  q->over_tcp = false;
+  if (q->tries < ctx->options.ntries) {
+    ask_otherwise(q);
+  } else {
+    ask_again(q);
+  }
 }
 
 void tcp_forget(dns_query *q) {
@@ -148,8 +165,7 @@ void tcp_timed_out(dns_query *q) {
   dns_ctx *ctx = q->ctx;
   Connection *connection = &ctx->connections[q->slot - kTcpSlot];
   const bool silent = connection->heard_us <= q->sent_us;
-  q->refused |= 1U << q->server;
-  ask_again(q);
+  tcp_failed(q);
   // Nothing at all came back: the others would wait in vain too.
   if (silent && connection->link.is_open()) broken(ctx, connection);
 }

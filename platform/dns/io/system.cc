@@ -158,15 +158,15 @@ const Io *system_io() {
   return &kSystem;
 }
 
-bool RandomSource::u16(uint16_t *value) {
-  if (left_ < sizeof *value) {
+bool RandomSource::take(void *to, size_t size) {
+  if (left_ < size) {
     if (!io_->random(io_->self, bytes_, sizeof bytes_)) return false;
     left_ = sizeof bytes_;
   }
-  left_ -= sizeof *value;
-  memcpy(value, bytes_ + left_, sizeof *value);
+  left_ -= static_cast<unsigned>(size);
+  memcpy(to, bytes_ + left_, size);
   // What was handed out does not stay behind in memory.
-  memset(bytes_ + left_, 0, sizeof *value);
+  memset(bytes_ + left_, 0, size);
   return true;
 }
 

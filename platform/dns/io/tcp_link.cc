@@ -69,8 +69,8 @@ int TcpLink::fill() {
   return got;
 }
 
-bool TcpLink::next(std::span<const uint8_t> *message) {
-  const uint8_t *at = in_ + taken_;
+bool TcpLink::next(std::span<uint8_t> *message) {
+  uint8_t *at = in_ + taken_;
   if (filled_ - taken_ < kLengthSize) return false;
   const size_t size = static_cast<size_t>(at[0] << CHAR_BIT | at[1]);
   if (filled_ - taken_ - kLengthSize < size) return false;

@@ -58,11 +58,14 @@ struct Io {
 class RandomSource {
  public:
   explicit RandomSource(const Io *io) : io_(io) {}
-  [[nodiscard]] bool u16(uint16_t *value);
+  [[nodiscard]] bool u16(uint16_t *value) { return take(value, sizeof *value); }
+  [[nodiscard]] bool u64(uint64_t *value) { return take(value, sizeof *value); }
 
  private:
+  [[nodiscard]] bool take(void *to, size_t size);
+
   const Io *io_;
-  uint8_t bytes_[256];
+  uint8_t bytes_[1024];
   unsigned left_ = 0;
 };
 
@@ -153,7 +156,7 @@ class TcpLink {
   // fill reads what has arrived: above 0 for something, -EAGAIN for nothing yet, 0 when the peer has closed, else a
   // negated errno. next takes the next whole message out of it, valid until the next fill; false when none is whole.
   [[nodiscard]] int fill();
-  [[nodiscard]] bool next(std::span<const uint8_t> *message);
+  [[nodiscard]] bool next(std::span<uint8_t> *message);
 
  private:
   const Io *io_ = nullptr;

@@ -181,6 +181,13 @@ struct Header {
 [[nodiscard]] size_t write_query(std::span<uint8_t> buffer, uint16_t id, bool recursive, const uint8_t *dn,
                                  dns_type typ, dns_class cls);
 
+// Letter case carries random bits that an answer must bring back (a forger has to guess them). apply_case gives the
+// letters of a DN the case that `bits` says, each of up to 64 bytes a bit of its own; kLowerCase makes all lower case.
+// has_case tells whether `name`, of dn's size, is `dn` with its letters in that case.
+inline constexpr uint64_t kLowerCase = UINT64_MAX;
+void apply_case(std::span<uint8_t> dn, uint64_t bits);
+[[nodiscard]] bool has_case(std::span<const uint8_t> name, const uint8_t *dn, uint64_t bits);
+
 // write_opt appends an OPT record (RFC 6891) to the question packet of `size` bytes in `packet`: it tells the server
 // that UDP answers may be `udp_size` bytes, and carries a cookie option (RFC 7873) where `cookie` is not empty. The
 // packet's length, 0 when it does not fit.
