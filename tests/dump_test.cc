@@ -16,6 +16,7 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -64,19 +65,23 @@ void put(dns_cache *cache, const std::string &name, int32_t ttl, const std::stri
   EXPECT_EQ(dns_cacher_put(dns_cache_cacher(cache), entry.get(), now), 0);
 }
 
-// held gives an entry as text: its TTL and its records with theirs; "" for none.
-std::string held(dns_cache *cache, const std::string &name, dns_time now = kNow, dns_type typ = DNS_T_A) {
-  const Data entry = entry_of(name, typ);
-  if (dns_cacher_get(dns_cache_cacher(cache), entry.get(), now) != 1) return "";
-  std::string text = std::to_string(dns_cdata_ttl(entry.get())) + "/" + std::to_string(dns_cdata_rcode(entry.get()));
+// text_of gives an entry as text: its TTL, its response code and its records with their TTLs.
+std::string text_of(dns_cdata *entry) {
+  std::string text = std::to_string(dns_cdata_ttl(entry)) + "/" + std::to_string(dns_cdata_rcode(entry));
   std::vector<unsigned char> buffer(DNS_MAXPACKET);
   dns_rr rr = {};
   for (;;) {
     rr.dnsrr_dptr = buffer.data();
     rr.dnsrr_dsz = static_cast<unsigned>(buffer.size());
-    if (dns_cdata_nextrr(entry.get(), &rr) != 1) return text;
+    if (dns_cdata_nextrr(entry, &rr) != 1) return text;
     text += " " + std::to_string(rr.dnsrr_ttl) + ":" + std::string(rr.dnsrr_dptr, rr.dnsrr_dend);
   }
+}
+
+// held gives a cache's entry as text; "" for none.
+std::string held(dns_cache *cache, const std::string &name, dns_time now = kNow, dns_type typ = DNS_T_A) {
+  const Data entry = entry_of(name, typ);
+  return dns_cacher_get(dns_cache_cacher(cache), entry.get(), now) == 1 ? text_of(entry.get()) : "";
 }
 
 class DumpTest : public testing::Test {
@@ -120,6 +125,29 @@ class DumpTest : public testing::Test {
     return status < 0 ? status : count;
   }
 
+  // shown gives the entries of the file's first cache, each as its name, type and text.
+  std::set<std::string> shown(dns_time now) {
+    const int fd = open(path_.c_str(), O_RDONLY);
+    dns_cdump *dump = dns_cdump_load_init(fd, now);
+    close(fd);
+    const Data entry(dns_cdata_init(0), dns_cdata_free);
+    EXPECT_EQ(dns_cdump_next_entry(dump, entry.get()), DNS_E_INVAL) << "no cache yet";
+    EXPECT_EQ(dns_cdump_first_cache(dump), 1);
+    std::set<std::string> entries;
+    int status = 1;
+    while ((status = dns_cdump_next_entry(dump, entry.get())) == 1) {
+      unsigned char dn[DNS_MAXDN];
+      unsigned size = sizeof dn;
+      EXPECT_EQ(dns_cdata_dn(entry.get(), dn, &size), 0);
+      const std::string key(reinterpret_cast<char *>(dn), size - 1);
+      entries.insert(key + "/" + std::to_string(dns_cdata_typ(entry.get())) + "/" + text_of(entry.get()));
+    }
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(dns_cdump_next_entry(dump, entry.get()), 0) << "the end stays";
+    EXPECT_EQ(dns_cdump_load_finish(dump), 0);
+    return entries;
+  }
+
   std::string file() {
     std::ifstream in(path_, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), {}};
@@ -146,6 +174,11 @@ TEST_F(DumpTest, EntriesComeBackOlderByTheTimeBetween) {
   put(to.get(), "both.example", kTtl, "new ", kNow + 1);
   save({from.get()});
   EXPECT_EQ(file().find("gone"), std::string::npos) << "what has expired is not even saved";
+  const std::set<std::string> entries = shown(kNow + 101);
+  EXPECT_EQ(entries.size(), 6U);
+  for (const std::string &entry :
+       {"/1/3499/0 3499:root"s, "\5short\7example/1/-1/0 -1:\x7f\0\0\2"s, "\6denied\7example/1/3499/0"s})
+    EXPECT_EQ(entries.count(entry), 1U) << entry;
   ASSERT_EQ(load(to.get(), kNow + 60), 1);
   EXPECT_EQ(user_data_, "user");
   for (const char *name : {"short.example", "several.example", "denied.example", "."})

@@ -225,6 +225,13 @@ KAVO_EXPORT int dns_cdump_get_udata(const struct dns_cdump *dump, void *buffer, 
  * none that a cache could hold; DNS_E_FAIL; DNS_E_INVAL. */
 KAVO_EXPORT int dns_cdump_load_cache(struct dns_cdump *dump, struct dns_cache *cache);
 
+/* dns_cdump_next_entry makes `entry` hold the next entry of the current cache: its key, response code and records, and
+ * what was left of its TTLs at the context's `now`, below 0 for one that had expired by then: it gives all that the
+ * file holds, in no order. The walk begins with dns_cdump_first_cache or dns_cdump_next_cache, and again with
+ * dns_cdump_load_cache. 1; 0 after the last entry; DNS_E_NOMEM; DNS_E_RFILE; DNS_E_TFILE as dns_cdump_load_cache;
+ * DNS_E_INVAL without a current cache. After a failure the walk stays where it is. */
+KAVO_EXPORT int dns_cdump_next_entry(struct dns_cdump *dump, struct dns_cdata *entry);
+
 /* dns_cdump_load_finish releases the context. 0, or DNS_E_INVAL. */
 KAVO_EXPORT int dns_cdump_load_finish(struct dns_cdump *dump);
 

@@ -270,8 +270,7 @@ constexpr size_t kWalkStep = 64;
 // gone tells whether an entry would no longer be returned. It leaves the entry alone, unlike age_of: the walk's moment
 // may be older than the entry.
 bool gone(const Entry *entry, dns_time now, bool expired_too) {
-  dns_time age = 0;
-  return !expired_too && now > entry->stored && (__builtin_sub_overflow(now, entry->stored, &age) || age > entry->ttl);
+  return !expired_too && dns::age_since(entry->stored, now) > entry->ttl;
 }
 
 // copy_bucket appends the images of a bucket's entries, or none of them when they do not all fit. False when the room

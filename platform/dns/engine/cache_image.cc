@@ -63,4 +63,23 @@ bool read_image(std::span<const uint8_t> *bytes, Image *image) {
   return whole_name(image->dn) && run_counts(image->run, &image->records, &image->cnames);
 }
 
+bool image_to_cdata(const Image &image, dns_time now, dns_cdata *entry) {
+  if (!cdata_reserve(entry, image.run.size())) return false;
+  memcpy(entry->dn, image.dn.data(), image.dn.size());
+  entry->dn_size = static_cast<uint8_t>(image.dn.size());
+  entry->cls = image.cls;
+  entry->typ = image.typ;
+  entry->rcode = image.rcode;
+  entry->age = age_since(image.stored, now);
+  entry->ttl = image.ttl - entry->age;
+  entry->records = image.records;
+  entry->cnames = image.cnames;
+  entry->run_size = image.run.size();
+  entry->next = 0;
+  if (entry->run_size == 0) return true;
+  memcpy(entry->run, image.run.data(), entry->run_size);
+  run_settle({entry->run, entry->run_size}, 0, 0, INT32_MAX);
+  return true;
+}
+
 }  // namespace dns

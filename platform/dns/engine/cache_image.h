@@ -60,6 +60,8 @@ void write_image(Entry *entry, uint8_t *to);
 // read_image takes the image at the head of `*bytes`, which then begin behind it; the image points into them. False for
 // what no entry of a cache can look like.
 [[nodiscard]] bool read_image(std::span<const uint8_t> *bytes, Image *image);
+// image_to_cdata makes `entry` hold what the image says, as old as it is at `now`. False without memory.
+[[nodiscard]] bool image_to_cdata(const Image &image, dns_time now, dns_cdata *entry);
 
 // CacheWalk is a place in a walk over a cache, made by nothing but the walk.
 struct CacheWalk {

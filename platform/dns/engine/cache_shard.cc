@@ -24,11 +24,16 @@ constexpr size_t kIndexShare = 16;
 
 }  // namespace
 
-int32_t age_of(Entry *entry, dns_time now) {
-  if (now < entry->stored) entry->stored = now;
+int32_t age_since(dns_time stored, dns_time now) {
   dns_time age = 0;
-  if (__builtin_sub_overflow(now, entry->stored, &age)) return INT32_MAX;
+  if (now < stored) return 0;
+  if (__builtin_sub_overflow(now, stored, &age)) return INT32_MAX;
   return static_cast<int32_t>(std::min<dns_time>(age, INT32_MAX));
+}
+
+int32_t age_of(Entry *entry, dns_time now) {
+  entry->stored = std::min(entry->stored, now);
+  return age_since(entry->stored, now);
 }
 
 Index::~Index() {

@@ -44,6 +44,9 @@ struct Entry {
   [[nodiscard]] size_t charge() const { return sizeof(Entry) + dn_size + run_size + kBlockOverhead; }
 };
 
+// age_since is how old at `now` is what was stored at `stored`, in seconds; 0 for what is stored later.
+[[nodiscard]] int32_t age_since(dns_time stored, dns_time now);
+
 // age_of is the time that an entry has spent in the cache. A wall clock that was set back makes its life begin again,
 // so that no entry outlives its TTL by more than the clock's step took from it.
 [[nodiscard]] int32_t age_of(Entry *entry, dns_time now);

@@ -63,6 +63,14 @@ struct Place {
   uint64_t sum = 0;
 };
 
+// Shown is how far a cache's entries have been handed out: the next block, what is left of the one in the frame, and
+// how many entries there were.
+struct Shown {
+  Place next;
+  std::span<const uint8_t> left;
+  uint64_t entries = 0;
+};
+
 struct Frame {
   uint32_t kind;
   std::span<const uint8_t> body;
@@ -88,6 +96,7 @@ struct dns_cdump {
   uint64_t checked = 0;  // blocks before this offset have been read and found whole
   Place blocks;          // on a cache: its first block, its totals, its user data
   Totals totals;
+  Shown shown;
   size_t user_size = 0;
   std::array<uint8_t, kUserDataMax> user_data = {};
   std::unique_ptr<uint8_t, Free> frame;  // head and body of one frame
@@ -279,6 +288,7 @@ uint64_t checksum(uint64_t before, const uint8_t *frame, size_t body_size) {
   status = check_blocks(dump, &at);
   if (status != DNS_E_NOERROR) return status;
   dump->checked = std::max(dump->checked, at.offset);
+  dump->shown = {dump->blocks, {}, 0};
   dump->place = at;
   dump->caches += 1;
   dump->state = State::kOnCache;
@@ -303,6 +313,7 @@ uint64_t checksum(uint64_t before, const uint8_t *frame, size_t body_size) {
 
 [[nodiscard]] dns_status load_cache(dns_cdump *dump, dns_cache *cache) {
   Place at = dump->blocks;
+  dump->shown = {at, {}, 0};  // the frame is needed here
   uint64_t seen = 0;
   uint64_t kept = 0;
   dns::cache_expect(cache, dump->totals.first);
@@ -315,6 +326,22 @@ uint64_t checksum(uint64_t before, const uint8_t *frame, size_t body_size) {
   }
   if (seen != dump->totals.first) return DNS_E_TFILE;
   return kept > 0 ? DNS_E_NOERROR : DNS_E_NODATA;
+}
+
+// show_block reads blocks until there is one with entries left to show: 1; 0 at their end. A failure moves nothing, so
+// that it is found again.
+[[nodiscard]] int show_block(dns_cdump *dump) {
+  Shown *shown = &dump->shown;
+  while (shown->left.empty()) {
+    Frame frame;
+    Place at = shown->next;
+    const dns_status status = next_frame(dump, &at, false, &frame);
+    if (status != DNS_E_NOERROR) return status;
+    if (frame.kind != kBlock) return shown->entries == dump->totals.first ? 0 : DNS_E_TFILE;
+    shown->next = at;
+    shown->left = frame.body;
+  }
+  return 1;
 }
 
 }  // namespace
@@ -387,6 +414,19 @@ int dns_cdump_get_udata(const dns_cdump *dump, void *buffer, unsigned size, unsi
 int dns_cdump_load_cache(dns_cdump *dump, dns_cache *cache) {
   if (dump == nullptr || dump->state != State::kOnCache || cache == nullptr) return DNS_E_INVAL;
   return dump->totals.first == 0 ? DNS_E_NODATA : load_cache(dump, cache);
+}
+
+int dns_cdump_next_entry(dns_cdump *dump, dns_cdata *entry) {
+  if (dump == nullptr || dump->state != State::kOnCache || entry == nullptr) return DNS_E_INVAL;
+  const int found = show_block(dump);
+  if (found <= 0) return found;
+  dns::Image image;
+  std::span<const uint8_t> left = dump->shown.left;
+  if (!dns::read_image(&left, &image)) return DNS_E_TFILE;
+  if (!dns::image_to_cdata(image, dump->now, entry)) return DNS_E_NOMEM;
+  dump->shown.left = left;
+  dump->shown.entries += 1;
+  return 1;
 }
 
 int dns_cdump_load_finish(dns_cdump *dump) {
