@@ -29,13 +29,14 @@ const char *kavo_xntop(int af, const void *src) {
   return dns_ntop(af, src, text, sizeof text) != nullptr ? text : "";
 }
 
-// question_name returns the name behind the packet's header as text; empty where none stands.
+// question_name returns the name behind the packet's header as text without its closing dot: empty for the root, and
+// where none stands.
 const char *question_name(const dns_dpkt &event) {
   unsigned char dn[DNS_MAXDN];
   memset(dn, UINT8_MAX, sizeof dn);  // no label's length: a name that is cut off is none
   if (event.dnsd_plen > DNS_HSIZE)
     memcpy(dn, event.dnsd_pkt + DNS_HSIZE, std::min<size_t>(event.dnsd_plen - DNS_HSIZE, sizeof dn));
-  return dns_dntosp(dn);
+  return *dn == 0 ? "" : dns_dntosp(dn);
 }
 
 const char *response_kind(int code) {

@@ -95,6 +95,8 @@ TEST(TraceLines, StayHonestAboutPacketsThatAreNone) {
   const support::Output brief = printed([] { trace(kQuestion.substr(0, 11), DNS_D_PKT_REQ); });
   EXPECT_EQ(brief.out, ";; trying .\n");
   EXPECT_EQ(brief.err, ";; short packet (11 bytes)\n");
+  const std::string root = kQuestion.substr(0, DNS_HSIZE) + std::string("\0\0\2\0\1", 5);
+  EXPECT_EQ(printed([&] { trace(root, DNS_D_PKT_REQ); }).out, ";; trying .\n");
   const support::Output empty = printed([] { trace("", DNS_D_PKT_RPINV, some_query()); });
   EXPECT_EQ(empty.out, ";; response: for .\n;; invalid response\n");
   EXPECT_EQ(empty.err, ";; short packet (0 bytes)\n");
