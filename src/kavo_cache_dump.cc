@@ -121,7 +121,8 @@ KAVO_ERR kavo_cachesave(KAVO kavo, const char *filename) {
 
 KAVO_ERR kavo_cacheload(KAVO kavo, const char *filename) {
   if (kavo == nullptr || filename == nullptr) return KAVOE_BADPAR;
-  const int fd = open(filename, O_RDONLY | O_CLOEXEC);
+  // O_NONBLOCK: a pipe that nobody writes to is refused like any other file that is not regular, not waited for.
+  const int fd = open(filename, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) return no_file(kLoad, filename, "reading");
   struct dns_cdump *dump = dns_cdump_load_init(fd, dns_gettime(nullptr));
   const KAVO_ERR begun = dump == nullptr ? no_dump(kLoad) : KAVOE_OK;
