@@ -703,7 +703,8 @@ KAVO_EXPORT KAVO_ERR kavo_cache_get(KAVO_CACHE cacher, KAVO_TYPE kavo_query_type
 /* kavo_cache_del deletes an entry; KAVOE_OK too when there was none. */
 KAVO_EXPORT KAVO_ERR kavo_cache_del(KAVO_CACHE cacher, KAVO_TYPE kavo_query_type, const char *query, int query_len);
 
-/* kavo_cache_has returns KAVOE_OK when an entry is there that has not expired, KAVOE_NODATA when not. */
+/* kavo_cache_has returns KAVOE_OK when an entry is there, an expired one only where the cache returns those
+ * (DNS_CR_EXPIRED), KAVOE_NODATA when not. */
 KAVO_EXPORT KAVO_ERR kavo_cache_has(KAVO_CACHE cacher, KAVO_TYPE kavo_query_type, const char *query, int query_len);
 
 /*

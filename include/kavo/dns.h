@@ -165,8 +165,9 @@ KAVO_EXPORT unsigned dns_cdata_numan(
     const struct dns_cdata *entry); /* answers: the records, or 1 for a stored denial */
 KAVO_EXPORT unsigned dns_cdata_nalias(const struct dns_cdata *entry); /* CNAME records of a question for another type */
 
-/* dns_cdata_addrr appends a record. Names in its data may be compressed against `packet` (`packet_size` bytes); with a
- * null packet they must not be. 0, DNS_E_PROTOCOL for data that its type does not allow, DNS_E_NOMEM, DNS_E_INVAL. */
+/* dns_cdata_addrr appends a record. Names in its data may be compressed against `packet`, in which the data must lie;
+ * with a null packet they must not be. 0, DNS_E_PROTOCOL for data that its type does not allow, DNS_E_NOMEM,
+ * DNS_E_INVAL. */
 struct dns_parse;
 KAVO_EXPORT int dns_cdata_addrr(struct dns_cdata *entry, const dns_rr *rr, const struct dns_parse *packet);
 
