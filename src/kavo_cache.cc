@@ -97,9 +97,11 @@ struct Question {
   return size > 0 ? KAVOE_OK : KAVOE_FAIL;
 }
 
+// KAVOT_DNS_MAX passes the conversion, but no record has such a type.
 [[nodiscard]] KAVO_ERR convert_query(KAVO_TYPE type, const char *query, int query_len, Question *question) {
   question->typ = kavo_convert_type(type);
-  return question->typ == DNS_T_INVALID ? KAVOE_BADPAR : convert_query_to_dn(query, query_len, &question->dn);
+  if (question->typ == DNS_T_INVALID || question->typ > UINT16_MAX) return KAVOE_BADPAR;
+  return convert_query_to_dn(query, query_len, &question->dn);
 }
 
 // ---- from a block to records --------------------------------------------------------------------------------------

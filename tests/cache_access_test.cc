@@ -184,6 +184,7 @@ TEST_F(CacheTest, KeysHaveLimits) {
   EXPECT_EQ(kavo_cache_get(cacher, KAVOT_DNS_A, "a", 1, nullptr, 0), KAVOE_BADPAR);
   EXPECT_EQ(kavo_cache_has(nullptr, KAVOT_DNS_A, "a", 1), KAVOE_BADPAR);
   EXPECT_EQ(put(KAVOT_SYNC, "a.example", rr), KAVOE_BADPAR);
+  EXPECT_EQ(put(KAVOT_DNS_MAX, "a.example", rr), KAVOE_BADPAR);
   EXPECT_EQ(has(KAVOT_PKT, "a.example"), KAVOE_BADPAR);
   EXPECT_EQ(put(KAVOT_DNS_SOA, "a.example", rr), KAVOE_BADPAR);
   rr.rr.rr_null->dnsn_nrr = 0;
