@@ -167,9 +167,7 @@ typedef enum KAVO_SRV_STATE KAVO_ENUM_UNSIGNED {
   KAVOSS_ERROR = 5 /* the thread failed; the context can be configured, opened again or freed */
 } KAVO_SRV_STATE;
 
-/* KAVO_OPT: options of a context (kavo_set_opt), with their ranges. KAVOOPT_MAX_LOOP, KAVOOPT_MAX_PACKET,
- * KAVOOPT_DNSREC_CACHESIZE and the three KAVOOPT_BSC options are kept for what the engine does not do yet: following
- * referrals, asking for large answers, choosing the best server. */
+/* KAVO_OPT: options of a context (kavo_set_opt), with their ranges. */
 typedef enum KAVO_OPT KAVO_ENUM_UNSIGNED {
   KAVOOPT_NXDOM_TTL = 0,         /* seconds a denial without a TTL of its own is cached; 0 to 2147483647 */
   KAVOOPT_MIN_CACHE_DELAY = 1,   /* kept for the host; 0 to 65535 */
@@ -741,6 +739,11 @@ KAVO_EXPORT KAVO_ERR kavo_add_dns_server(KAVO kavo, const char *addr, unsigned p
 /* kavo_get_dns_servers copies the servers' socket addresses into `serv`, an array of `*nserv` entries, and stores their
  * number. KAVOE_NOMEM when there are more, with their number stored. */
 KAVO_EXPORT KAVO_ERR kavo_get_dns_servers(KAVO kavo, struct sockaddr *serv, unsigned *nserv);
+
+/* kavo_set_cookies has the context exchange DNS cookies with its servers (RFC 7873), or not, as at first: with servers
+ * that give cookies it makes forged answers hopeless, but forwarders and filters are known that drop questions with a
+ * cookie. KAVOE_BADPAR; KAVOE_SRV while running; KAVOE_DNS. */
+KAVO_EXPORT KAVO_ERR kavo_set_cookies(KAVO kavo, int on);
 
 /* ---- trace ------------------------------------------------------------------------------------------------------ */
 

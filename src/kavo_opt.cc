@@ -51,11 +51,14 @@ KAVO_ERR set_milliseconds(KAVO kavo, int, uint32_t value) {
   return set_timeout(kavo, {static_cast<int32_t>(value / kMilli), static_cast<int32_t>(value % kMilli * kMilli)});
 }
 
-KAVO_ERR set_round_robin(KAVO kavo, int engine_opt, uint32_t value) {
+KAVO_ERR set_flag(KAVO kavo, uint32_t bit, bool on) {
   uint32_t flags = 0;
-  if (dns_get_opt(kavo->udns_ctx, engine_opt, &flags, sizeof flags) != 0) return KAVOE_DNS;
-  const uint32_t bit = DNS_SERVRRB;
-  return set_engine(kavo, engine_opt, value != 0 ? flags | bit : flags & ~bit);
+  if (dns_get_opt(kavo->udns_ctx, DNS_OPT_FLAGS, &flags, sizeof flags) != 0) return KAVOE_DNS;
+  return set_engine(kavo, DNS_OPT_FLAGS, on ? flags | bit : flags & ~bit);
+}
+
+KAVO_ERR set_round_robin(KAVO kavo, int, uint32_t value) {
+  return set_flag(kavo, DNS_SERVRRB, value != 0);
 }
 
 struct dns_cacher *cacher_of(struct dns_cache *cache) {
@@ -160,6 +163,15 @@ KAVO_ERR kavo_set_opt(KAVO kavo, KAVO_OPT opt, uint32_t value) {
   if (error != KAVOE_OK) return error;
   kavo->*option.field = value;
   return KAVOE_OK;
+}
+
+KAVO_ERR kavo_set_cookies(KAVO kavo, int on) {
+  if (kavo == nullptr) return KAVOE_BADPAR;
+  if (!kavo_is_configurable(kavo)) {
+    PELK_WARN(kSource, __func__, "Attempt to set cookies for already opened context");
+    return KAVOE_SRV;
+  }
+  return set_flag(kavo, DNS_COOKIES, on != 0);
 }
 
 const char *kavo_opt_name(KAVO_OPT opt) {

@@ -389,7 +389,7 @@ void count_events(dns_ctx *, dns_query *, int code, void *data, void *udata) {
     return;
   }
   const auto *event = static_cast<const dns_dpkt *>(data);
-  const bool whole = event->dnsd_plen > 12 && event->dnsd_sarem != nullptr && event->dnsd_saloc == nullptr;
+  const bool whole = event->dnsd_plen > 12 && event->dnsd_sarem != nullptr && event->dnsd_saloc != nullptr;
   ++(!whole                   ? seen->others
      : code == DNS_D_PKT_REQ  ? seen->requests
      : code == DNS_D_PKT_RPAN ? seen->answers

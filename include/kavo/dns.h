@@ -51,7 +51,7 @@ typedef void dns_dbg_fn(struct dns_ctx *ctx, struct dns_query *q, int code, void
 typedef struct dns_dpkt {
   const unsigned char *dnsd_pkt;     /* the packet */
   unsigned dnsd_plen;                /* its length in bytes */
-  const struct sockaddr *dnsd_saloc; /* the local address, or null */
+  const struct sockaddr *dnsd_saloc; /* the local address (UDP: any, and the port), or null */
   const struct sockaddr *dnsd_sarem; /* the remote address, or null */
   int dnsd_proto;                    /* IPPROTO_UDP or IPPROTO_TCP */
   int dnsd_rtt;                      /* milliseconds from request to answer; 0 when unknown */

@@ -187,9 +187,13 @@ bool take_returned(dns_ctx *ctx, int slot) {
 
 void tell_packet(dns_ctx *ctx, dns_query *q, int code, const Arrival &arrival, int rtt_ms) {
   if (ctx->dbg == nullptr) return;
+  const bool by_udp = arrival.protocol() == IPPROTO_UDP;
+  sockaddr_in local{};  // the port is what tells questions apart; the address is the system's to choose
+  local.sin_family = AF_INET;
+  local.sin_port = htons(by_udp ? ctx->sockets.port(arrival.slot) : uint16_t{0});
   dns_dpkt event = {arrival.packet.data(),
                     static_cast<unsigned>(arrival.packet.size()),
-                    nullptr,
+                    by_udp ? reinterpret_cast<const sockaddr *>(&local) : nullptr,
                     reinterpret_cast<const sockaddr *>(arrival.peer),
                     arrival.protocol(),
                     rtt_ms};

@@ -106,6 +106,7 @@ int UdpPool::open_slot(int64_t now_us) {
     slots_[slot] = {};
     slots_[slot].descriptor = descriptor;
     slots_[slot].born_us = now_us;
+    slots_[slot].port = port;
     if (slot == extent_) ++extent_;
     ++open_;
     return static_cast<int>(slot);

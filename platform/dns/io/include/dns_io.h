@@ -100,6 +100,8 @@ class UdpPool {
   void done(int slot);
 
   [[nodiscard]] int descriptor(int slot) const { return slots_[slot].descriptor; }
+  // port is the local port that a slot's questions leave from.
+  [[nodiscard]] uint16_t port(int slot) const { return slots_[slot].port; }
   [[nodiscard]] int slot_of(int descriptor) const;
   // blocked marks a slot whose send buffer is full; the loop then waits for it to drain.
   void set_blocked(int slot, bool blocked) { slots_[slot].blocked = blocked; }
@@ -113,6 +115,7 @@ class UdpPool {
     unsigned in_flight = 0;
     unsigned uses = 0;
     bool blocked = false;
+    uint16_t port = 0;
     int64_t born_us = 0;  // 0 until it is looked at
   };
 
