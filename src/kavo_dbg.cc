@@ -16,7 +16,6 @@ namespace {
 
 constexpr char kSource[] = "kavo_dbg";
 
-constexpr int kVerbose = 3;            // the level of detail that the engine's printers are given
 constexpr unsigned kAddressRoom = 46;  // the longest text of an address of either family, and its terminator
 constexpr unsigned kFlagsAt = 2;       // the third byte of a header: opcode and TC among others
 constexpr unsigned kOpcodeShift = 3;
@@ -110,12 +109,7 @@ void print_packet(const dns_dpkt &event) {
   const unsigned opcode = flags >> kOpcodeShift & kOpcodeMask;
   if (opcode != 0) fprintf(stderr, ";; unexpected opcode %u\n", opcode);
   if ((flags & kTcBit) != 0) fputs(";; warning: TC bit set, probably incomplete reply\n", stderr);
-  struct dns_parse parse = {};
-  // A packet that is refused here has its bounds set all the same, and is printed as far as it is sound.
-  (void)dns_initparse(&parse, event.dnsd_pkt, event.dnsd_pkt + event.dnsd_plen, nullptr);
-  (void)dns_printheader(stderr, kVerbose, &parse);
-  for (const int section : {DNS_S_QD, DNS_S_AN, DNS_S_NS, DNS_S_AR})
-    if (dns_printsection(stderr, kVerbose, &parse, section) != 0) break;
+  (void)dns_printpkt(stderr, event.dnsd_pkt, event.dnsd_plen);  // as far as it is sound
   fputs("\n\n\n", stderr);
 }
 

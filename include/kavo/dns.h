@@ -8,6 +8,7 @@
 #define KAVO_DNS_H
 
 #include <stddef.h>
+#include <stdio.h>
 #include <sys/socket.h>
 
 #include <kavo/dns_rr.h>
@@ -175,6 +176,17 @@ KAVO_EXPORT int dns_cdata_addrr(struct dns_cdata *entry, const dns_rr *rr, const
  * record, 0 after the last one, DNS_E_NOBUFS for data longer than the buffer. dns_cdata_rewind starts again. */
 KAVO_EXPORT int dns_cdata_nextrr(struct dns_cdata *entry, dns_rr *rr);
 KAVO_EXPORT void dns_cdata_rewind(struct dns_cdata *entry);
+
+/* ---- printing --------------------------------------------------------------------------------------------------- */
+
+/* dns_printpkt prints a packet of `size` bytes for people to read: its header, questions and records, laid out as by
+ * dig, strangers' bytes escaped. 0; DNS_E_PROTOCOL for a packet that is cut off or broken, which is printed as far as
+ * it is sound; DNS_E_INVAL. */
+KAVO_EXPORT int dns_printpkt(FILE *stream, const unsigned char *packet, unsigned size);
+
+/* dns_printrr prints a record in master-file form: above `level` 0 as a line, a TTL below 0 as 0; at 0 its data alone,
+ * without a newline. Names in its data must not be compressed, as dns_cdata_nextrr gives them. 0 or DNS_E_INVAL. */
+KAVO_EXPORT int dns_printrr(FILE *stream, int level, const dns_rr *rr);
 
 /* ---- cache dumps ------------------------------------------------------------------------------------------------ */
 

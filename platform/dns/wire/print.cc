@@ -4,6 +4,8 @@
 // may write to as well.
 #include <stdio.h>
 
+#include <algorithm>
+
 #include "print.h"
 
 namespace dns {
@@ -46,10 +48,10 @@ constexpr unsigned kVersionShift = 16;
 constexpr unsigned kByteMask = 0xFF;
 constexpr uint32_t kFlagDo = 0x8000;
 
-void put_record(std::span<const uint8_t> packet, const Record &record, Text *out) {
+void put_record(std::span<const uint8_t> packet, const Record &record, uint32_t ttl, Text *out) {
   put_name(record.owner, out);
   out->column(kTtlColumn);
-  out->number(ttl_of(packet, record));
+  out->number(ttl);
   out->column(kClassColumn);
   put_class(record.cls, out);
   out->column(kTypeColumn);
@@ -120,7 +122,7 @@ int put_records(Reader reader, unsigned count, int section, bool opt, int level,
     if (opt) {
       put_opt(reader.packet(), record, level, out);
     } else {
-      put_record(reader.packet(), record, out);
+      put_record(reader.packet(), record, ttl_of(reader.packet(), record), out);
     }
   }
   return DNS_E_NOERROR;
@@ -195,4 +197,29 @@ int dns_printsection(FILE *stream, int level, const struct dns_parse *parse, int
   // dig shows the OPT record in front, where it does not tear the records apart. What is broken ends both walks alike.
   if (section == DNS_S_AR) (void)put_records(Reader(packet, at), count, section, true, level, &out);
   return put_records(Reader(packet, at), count, section, false, level, &out);
+}
+
+int dns_printpkt(FILE *stream, const unsigned char *packet, unsigned size) {
+  if (stream == nullptr || packet == nullptr) return DNS_E_INVAL;
+  const struct dns_parse parse = {packet, packet + size, packet, DNS_S_QD, 0};
+  int status = dns_printheader(stream, 1, &parse);
+  for (int section = DNS_S_QD; section < DNS_S_ALL && status == DNS_E_NOERROR; ++section)
+    status = dns_printsection(stream, 1, &parse, section);
+  return status;
+}
+
+int dns_printrr(FILE *stream, int level, const struct dns_rr *rr) {
+  if (stream == nullptr || rr == nullptr || (rr->dnsrr_dptr == nullptr && rr->dnsrr_dsz > 0)) return DNS_E_INVAL;
+  if (rr->dnsrr_dsz > UINT16_MAX) return DNS_E_INVAL;
+  Record record = {};
+  if (dns_dntodn(rr->dnsrr_dn, record.owner, sizeof record.owner) == 0) return DNS_E_INVAL;
+  record.typ = static_cast<uint16_t>(rr->dnsrr_typ);
+  record.cls = static_cast<uint16_t>(rr->dnsrr_cls);
+  record.data = {rr->dnsrr_dptr, rr->dnsrr_dsz};
+  Text out(stream);
+  if (level > 0)
+    put_record(record.data, record, static_cast<uint32_t>(std::max(rr->dnsrr_ttl, 0)), &out);
+  else
+    put_data(record.data, record, &out);
+  return DNS_E_NOERROR;
 }
