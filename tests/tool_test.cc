@@ -1,12 +1,17 @@
 // The command `kavo` asked from a shell, against the list server: what it prints, and the exit status that a script
 // sees.
 #include <gtest/gtest.h>
+#include <kavo.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/process.h"
@@ -43,24 +48,62 @@ zone servfail.test
 fault wrong=servfail
 zone cname.test
 record 10.2.0.192 CNAME 10.2.0.192.two.test
+zone plain.test
+ttl 60
+record @ A 192.0.2.2
+record @ A 192.0.2.1
+record @ MX 20 mx2.plain.test
+record @ MX 10 mail.plain.test
+record @ TXT "say \"\\\" \me" "ü"
+record _sip._tcp SRV 1 2 5060 sip.plain.test
+record alias CNAME plain.test.
+ttl 1
+record brief A 192.0.2.9
+zone 2.0.192.in-addr.arpa
+record 10 PTR ten.plain.test
+zone 8.b.d.0.1.0.0.2.ip6.arpa
+record 1.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0 PTR six.plain.test
 zone unruly.test
 fault reorder=5 dup=20
 list 192.0.2.0/25
 list 2001:db8::/32
 )";
 
+std::vector<json> json_lines(const std::string &text) {
+  std::vector<json> lines;
+  for (size_t begin = 0, end; (end = text.find('\n', begin)) != std::string::npos; begin = end + 1)
+    lines.push_back(json::parse(text.substr(begin, end - begin)));
+  return lines;
+}
+
 class ToolTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    std::string lists = std::string(kLists) + "zone wide.test\n";
+    for (int i = 0; i < 70; ++i)
+      lists += "record @ A 192.0.2." + std::to_string(i) + "\n";
+    for (int i = 0; i < 16; ++i)
+      lists += "record @ MX " + std::to_string(i) + " a-mail-exchanger-with-a-name-of-some-length.wide.test\n";
     server_ = std::make_unique<Process>(
-        std::vector<std::string>{KAVO_TOOLS_DIR "/kavo-listserver", "--seed", "7", dir_.write("lists.txt", kLists)});
+        std::vector<std::string>{KAVO_TOOLS_DIR "/kavo-listserver", "--seed", "7", dir_.write("lists.txt", lists)});
     const auto line = server_->wait_line("listening on ");
     ASSERT_TRUE(line) << server_->output().err;
     address_ = "127.0.0.1:" + std::to_string(support::port_in(*line));
   }
 
   Result check(std::vector<std::string> words, const std::string &input = "") {
-    std::vector<std::string> argv{KAVO_TOOLS_DIR "/kavo", "check", "--server", address_, "--timeout", "200"};
+    return ask({"check"}, std::move(words), input);
+  }
+
+  Result query(std::vector<std::string> words, const std::string &input = "") {
+    return ask({"query"}, std::move(words), input);
+  }
+
+  // Runs a command against the list server.
+  Result ask(const std::vector<std::string> &command, std::vector<std::string> words, const std::string &input = "") {
+    std::vector<std::string> argv{KAVO_TOOLS_DIR "/kavo"};
+    argv.insert(argv.end(), command.begin(), command.end());
+    argv.insert(argv.end(), {"--server", address_, "--timeout", "200"});
     argv.insert(argv.end(), words.begin(), words.end());
     return support::run(std::move(argv), input);
   }
@@ -178,10 +221,7 @@ TEST_F(ToolTest, LongListFromStandardInputOverAnUnrulyListComesBackWholeAndInOrd
   input += "not a name\n2001:db8::25";
   const Result result = check({"--json", "--zone", "unruly.test", "-", "192.0.2.10"}, input);
   EXPECT_EQ(result.status, 2) << result.err;
-  std::vector<json> lines;
-  for (size_t begin = 0, end; (end = result.out.find('\n', begin)) != std::string::npos; begin = end + 1) {
-    lines.push_back(json::parse(result.out.substr(begin, end - begin)));
-  }
+  const std::vector<json> lines = json_lines(result.out);
   ASSERT_EQ(lines.size(), kSubjects + 3U);
   EXPECT_EQ(lines[510]["subject"], "192.0.2.10");
   for (int i = 0; i < kSubjects; ++i) {
@@ -232,6 +272,165 @@ TEST_F(ToolTest, FaultsOfTheCommandLineAreOneLineWithStatus64) {
     EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
     EXPECT_EQ(result.out, "");
   }
+}
+
+TEST_F(ToolTest, QueryPrintsTheRecordsOfEachTypeInAnswerOrder) {
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases{
+      {{"plain.test"}, "192.0.2.2\n192.0.2.1\n"},
+      {{"--type", "dns_mx", "alias.plain.test"}, "20 mx2.plain.test.\n10 mail.plain.test.\n"},
+      {{"--type", "SRV", "_sip._tcp.plain.test."}, "1 2 5060 sip.plain.test.\n"},
+      {{"--type", "TXT", "plain.test"}, "\"say \\\"\\\\\\\" me\\195\\188\"\n"},
+      {{"--type", "TYPE5", "alias.plain.test"}, "plain.test.\n"},
+      {{"--type", "PTR", "192.0.2.10", "2001:db8::1"}, "192.0.2.10\tten.plain.test.\n2001:db8::1\tsix.plain.test.\n"},
+  };
+  for (const auto &[words, out] : cases) {
+    const Result result = query(words);
+    EXPECT_EQ(result.out, out) << result.err;
+    EXPECT_EQ(result.status, 0) << out;
+  }
+
+  const Result mixed = query({"--json", "-", "dead.test"}, "alias.plain.test\nnone.plain.test\n\nno name\n");
+  EXPECT_EQ(mixed.status, 2);
+  const std::vector<json> lines = json_lines(mixed.out);
+  ASSERT_EQ(lines.size(), 4U) << mixed.out;
+  EXPECT_EQ(lines[0]["canonical"], "plain.test.");
+  EXPECT_EQ(lines[0]["ttl"], 60);
+  EXPECT_EQ(lines[0]["answers"], json({{{"address", "192.0.2.2"}}, {{"address", "192.0.2.1"}}}));
+  EXPECT_EQ(lines[1]["status"], "nxdomain");
+  EXPECT_EQ(lines[2]["name"], "no name");
+  EXPECT_EQ(lines[3]["error"], "no answer in time");
+
+  const Result nothing = query({"--type", "AAAA", "plain.test", "none.plain.test"});
+  EXPECT_EQ(nothing.status, 1);
+  EXPECT_EQ(nothing.out, "");
+  EXPECT_EQ(nothing.err, "kavo query: plain.test: no AAAA records\nkavo query: none.plain.test: no such name\n");
+}
+
+TEST_F(ToolTest, RawQueryShowsThePacketOfAnyType) {
+  const Result soa = query({"--type", "SOA", "plain.test"});
+  EXPECT_EQ(soa.status, 64);
+  EXPECT_NE(soa.err.find("--raw"), std::string::npos);
+  const Result raw = query({"--raw", "--type", "SOA", "plain.test", "none.plain.test"});
+  EXPECT_EQ(raw.status, 1) << raw.err;
+  for (const char *part : {"status: NOERROR", ";; ANSWER SECTION:\nplain.test.", "IN\tSOA\tns.plain.test.",
+                           "status: NXDOMAIN", ";; AUTHORITY SECTION:"}) {
+    EXPECT_NE(raw.out.find(part), std::string::npos) << part << " not in:\n" << raw.out;
+  }
+  // The library hands out no block above 1024 bytes; the tool shows all the same what was answered.
+  EXPECT_NE(query({"--raw", "wide.test"}).out.find("ANSWER: 70,"), std::string::npos);
+  const Result wide = query({"--type", "MX", "wide.test", "WIDE.test"});
+  EXPECT_EQ(wide.status, 0) << wide.err;
+  EXPECT_EQ(std::count(wide.out.begin(), wide.out.end(), '\n'), 32);
+
+  const json object = json::parse(query({"--raw", "--json", "--type", "TYPE16", "plain.test"}).out);
+  EXPECT_NE(object["packet"].get<std::string>().find("05706c61696e0474657374"), std::string::npos) << object;
+}
+
+// The library is the judge, whatever the tool makes of a file.
+TEST_F(ToolTest, ZonesCommandAgreesWithTheLibraryOnEveryFile) {
+  const std::vector<std::string> words{"#IP\n",
+                                       "#IP_TXT\n",
+                                       "#NS\n",
+                                       "#ip\n",
+                                       "# IP\n",
+                                       "#MX\r\n",
+                                       "a.test\n",
+                                       "b.test\n",
+                                       "\n",
+                                       "a..b\r\n",
+                                       "#IP",
+                                       std::string(1, '\0'),
+                                       std::string(254, 'x') + "\n",
+                                       std::string(255, '#') + "\n"};
+  std::minstd_rand random(11);
+  int refused = 0;
+  for (int i = 0; i < 60; ++i) {
+    std::string text;
+    for (size_t lines = random() % 12; lines > 0; --lines)
+      text += words[random() % (i % 3 == 0 ? words.size() : 10)];
+    const std::string file = dir_.write("zones.txt", text);
+    KAVO kavo = nullptr;
+    ASSERT_EQ(kavo_init_ext(&kavo, 1, 0, 2, 0), KAVOE_OK);
+    const bool accepted = kavo_zonesmap_init_cfg(kavo, file.c_str()) == KAVOE_OK;
+    kavo_free(kavo);
+    refused += accepted ? 0 : 1;
+    const Result result = support::run({KAVO_TOOLS_DIR "/kavo", "zones", "--json", "--max-zones", "2", file});
+    ASSERT_EQ(result.status, accepted ? 0 : 1) << text;
+    const json object = json::parse(result.out);
+    EXPECT_EQ(object["faults"].empty(), accepted) << text;
+    for (const json &fault : object["faults"])
+      EXPECT_FALSE(fault["line"].is_null()) << "a fault that only the library found: " << fault << "\n" << text;
+  }
+  EXPECT_GT(refused, 10);
+  EXPECT_LT(refused, 50);
+}
+
+TEST_F(ToolTest, ZonesCommandNamesEveryFaultByItsLineOrCountsTheZones) {
+  const auto zones = [](std::vector<std::string> words, const std::string &input = "") {
+    words.insert(words.begin(), {KAVO_TOOLS_DIR "/kavo", "zones"});
+    return support::run(std::move(words), input);
+  };
+  const std::string bad = dir_.write("bad", "lost.test\n#IP\na..b\n\n#Ip\nx\n#MX\n1\n2\n3\n#NS\r\n");
+  const Result faults = zones({"--max-zones", "2", bad});
+  EXPECT_EQ(faults.status, 1);
+  for (const char *part : {":1: warning: \"lost.test\" is ignored", ":3: warning: \"a..b\" is no zone name",
+                           ":5: fault: \"#Ip\" is no section", ":10: fault: \"3\" is the 3rd zone of #MX",
+                           ":11: fault: the line ends in a carriage return"}) {
+    EXPECT_NE(faults.out.find(bad + part), std::string::npos) << part << " not in:\n" << faults.out;
+  }
+  EXPECT_EQ(std::count(faults.out.begin(), faults.out.end(), '\n'), 5);
+  const Result good = zones({"/dev/stdin"}, "#IP\na.test\nb.test\n\n#MX\na.test\n");
+  EXPECT_EQ(good.status, 0) << good.err;
+  EXPECT_EQ(good.out, "/dev/stdin: 3 zones in 2 sections\n  #IP               2\n  #MX               1\n");
+  EXPECT_EQ(zones({dir_.file("missing")}).status, 64);
+  EXPECT_EQ(zones({dir_.path()}).status, 64);
+}
+
+TEST_F(ToolTest, SavedCacheAnswersWithoutAServerAndGoesOnAgeing) {
+  const std::string dump = dir_.file("dump");
+  const auto cache = [&](const char *command, std::vector<std::string> words) {
+    words.insert(words.begin(), {KAVO_TOOLS_DIR "/kavo", "cache", command, "--json", dump});
+    const Result result = support::run(std::move(words));
+    return std::make_pair(result.status, json_lines(result.out));
+  };
+  const Result saved =
+      ask({"cache", "save"}, {dump, "-", "brief.plain.test", "dead.test"}, "alias.plain.test\nno.plain.test\n");
+  EXPECT_EQ(saved.status, 2);
+  EXPECT_EQ(saved.err, "kavo cache save: dead.test: no answer in time\n");
+  EXPECT_EQ(saved.out, dump + ": 4 names asked, 3 answers saved\n");
+  server_->stop();
+
+  auto loaded = cache("load", {"alias.plain.test", "NO.plain.test", "brief.plain.test", "dead.test"});
+  for (int i = 0; i < 100 && loaded.second.at(2)["state"] != "expired"; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    loaded = cache("load", {"alias.plain.test", "NO.plain.test", "brief.plain.test", "dead.test"});
+  }
+  const std::vector<json> &found = loaded.second;
+  EXPECT_EQ(loaded.first, 1);
+  EXPECT_EQ(found[0]["state"], "alive");
+  EXPECT_EQ(found[0]["canonical"], "plain.test.");
+  EXPECT_EQ(found[0]["answers"].size(), 2U);
+  EXPECT_LT(found[0]["ttl"], 60);
+  EXPECT_EQ(found[1]["status"], "nxdomain");
+  EXPECT_EQ(found[2]["answers"], json({{{"address", "192.0.2.9"}}}));
+  EXPECT_LT(found[2]["ttl"], 0);
+  EXPECT_EQ(found[3]["state"], "absent");
+  EXPECT_EQ(cache("load", {"alias.plain.test"}).first, 0);
+
+  std::map<std::string, json> shown;
+  for (const json &entry : cache("show", {}).second)
+    shown[entry["name"]] = entry;
+  ASSERT_EQ(shown.size(), 3U);
+  EXPECT_EQ(shown["alias.plain.test."]["records"][0]["data"], "plain.test.");
+  EXPECT_EQ(shown["no.plain.test."]["status"], "nxdomain");
+  EXPECT_EQ(shown["brief.plain.test."]["state"], "expired");
+  const Result text = support::run({KAVO_TOOLS_DIR "/kavo", "cache", "show", dump});
+  EXPECT_NE(text.out.find("; brief.plain.test. A: expired "), std::string::npos) << text.out;
+  EXPECT_TRUE(text.out.ends_with("; 3 entries: 2 alive, 1 expired\n")) << text.out;
+
+  EXPECT_EQ(truncate(dump.c_str(), 150), 0);
+  EXPECT_EQ(cache("load", {"alias.plain.test"}), std::make_pair(2, std::vector<json>()));
+  EXPECT_EQ(cache("show", {}), std::make_pair(2, std::vector<json>()));
 }
 
 TEST(ToolTestPlain, VersionHelpAndNoCommand) {

@@ -4,8 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
-#include <cstdio>
 #include <cstdlib>
 #include <deque>
 #include <memory>
@@ -13,6 +11,7 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "output.h"
 #include "plan.h"
 #include "report.h"
 #include "source.h"
@@ -22,58 +21,11 @@
 namespace tool {
 namespace {
 
-constexpr size_t kWindow = 1024;         // subjects asked about at once: bounds memory whatever the list's length
 constexpr int kNodesPerSubject = 2;      // one for the return addresses, one for the reason
 constexpr int kCacheBytes = 4 << 20;     // so that a subject that stands in a long list twice is asked about once
-constexpr unsigned kSlackMs = 5000;      // beyond all tries, before an answer is given up
-constexpr unsigned kPortMax = 65534;     // the library's own bound
 constexpr size_t kSubjectWidthMin = 7;   // "SUBJECT"
 constexpr size_t kSubjectWidthMax = 48;  // longer ones push their line to the right
 constexpr size_t kZoneWidthMin = 4;      // "ZONE"
-
-struct Context {
-  KAVO kavo = nullptr;
-  Context() = default;
-  Context(const Context &) = delete;
-  Context &operator=(const Context &) = delete;
-  ~Context() {
-    if (kavo == nullptr) return;
-    kavo_close(kavo);
-    kavo_free(kavo);
-  }
-};
-
-void must(KAVO_ERR error, const char *what) {
-  if (error != KAVOE_OK) throw std::runtime_error(std::string(what) + ": " + kavo_strerror(error));
-}
-
-struct ServerAddress {
-  std::string address;
-  unsigned port;  // 0: the library's default
-};
-
-ServerAddress parse_server(const std::string &text) {
-  const std::string name = "server " + quoted(text);
-  const size_t colon = text.find(':');
-  if (colon != text.rfind(':') || text.starts_with("["))
-    throw Usage{name + ": only IPv4 addresses of servers are supported"};
-  ServerAddress server{text.substr(0, colon), 0};
-  in_addr ignored;
-  if (kavo_dns_ptoa4(server.address.c_str(), &ignored) <= 0)
-    throw Usage{name + ": " + quoted(server.address) + " is no IPv4 address"};
-  if (colon == std::string::npos) return server;
-  const char *begin = text.data() + colon + 1, *end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(begin, end, server.port);
-  if (error != std::errc() || stop != end || server.port < 1 || server.port > kPortMax) {
-    throw Usage{name + ": the port must be a number from 1 to " + std::to_string(kPortMax)};
-  }
-  return server;
-}
-
-// Each server is asked once at least.
-unsigned tries_of(const CheckArguments &arguments) {
-  return std::clamp(static_cast<unsigned>(arguments.servers.size()), kTries, kTriesMax);
-}
 
 const char *kind_name(Kind kind) {
   switch (kind) {
@@ -98,8 +50,7 @@ struct Asked {
 
 class Checker {
  public:
-  Checker(const CheckArguments &arguments, const Plan &plan, KAVO kavo)
-      : plan_(plan), kavo_(kavo), wait_ms_((tries_of(arguments) + 1) * arguments.timeout_ms + kSlackMs) {}
+  Checker(const Plan &plan, const Session &session) : plan_(plan), kavo_(session.kavo()), wait_ms_(session.wait_ms()) {}
 
   Asked ask(const std::string &text);
   SubjectReport collect(Asked *asked);
@@ -232,31 +183,21 @@ struct Outcome {
   [[nodiscard]] int status() const { return failed ? kExitFailed : listed ? kExitListed : kExitClear; }
 };
 
-// Keeps the window full, and shows the subjects in their order as the first of them is complete. The table's columns
-// are set by the first window.
-Outcome run(const CheckArguments &arguments, const Plan &plan, KAVO kavo) {
-  Checker checker(arguments, plan, kavo);
-  SubjectSource source(arguments.subjects);
+// The table's columns are set by the first window.
+Outcome run(const CheckArguments &arguments, const Plan &plan, const Session &session) {
+  Checker checker(plan, session);
   std::unique_ptr<Reporter> reporter = arguments.json ? json_reporter() : nullptr;
-  std::deque<Asked> asked;
   Outcome outcome;
-  for (;;) {
-    bool starved = false;
-    while (asked.size() < kWindow) {
-      const std::optional<std::string> text = source.next(asked.empty(), &starved);
-      if (!text) break;
-      asked.push_back(checker.ask(*text));
-    }
-    if (asked.empty()) break;
+  const auto ask = [&](const std::string &text) { return checker.ask(text); };
+  const auto show = [&](std::deque<Asked> &asked) {
     if (reporter == nullptr) reporter = table_reporter(widths_for(plan, asked), wants_colour());
     const SubjectReport report = checker.collect(&asked.front());
-    asked.pop_front();
     reporter->show(report);
     outcome.note(report);
-    if (starved) std::fflush(stdout);
-  }
+  };
+  ask_all(arguments.subjects, kWindow, ask, show);
   if (reporter != nullptr) reporter->finish();
-  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) throw std::runtime_error("cannot write the result");
+  finish_output();
   return outcome;
 }
 
@@ -282,36 +223,15 @@ void examine(const CheckArguments &arguments, Plan *plan) {
   }
 }
 
-void configure(const CheckArguments &arguments, const std::vector<ServerAddress> &servers, KAVO kavo) {
-  must(kavo_set_opt(kavo, KAVOOPT_TIMEOUT_MSEC, arguments.timeout_ms), "cannot set the time-out");
-  must(kavo_set_opt(kavo, KAVOOPT_NTRIES, tries_of(arguments)), "cannot set the number of tries");
-  must(kavo_set_opt(kavo, KAVOOPT_CLOSE_FAST, 1), "cannot set the manner of closing");
-  if (arguments.trace) {
-    must(kavo_set_trace(kavo, kavo_dbgcb, nullptr), "cannot set the trace");
-    // The trace goes to both streams: a whole line at a time keeps them in step where they end up in one place.
-    (void)std::setvbuf(stdout, nullptr, _IOLBF, 0);
-  }
-  if (!servers.empty()) must(kavo_add_dns_server(kavo, nullptr, 0), "cannot replace the servers");
-  for (const ServerAddress &server : servers) {
-    must(kavo_add_dns_server(kavo, server.address.c_str(), server.port), "cannot add a server");
-  }
-}
-
 }  // namespace
 
 int check(const CheckArguments &arguments) {
   Plan plan;
   examine(arguments, &plan);
-  std::vector<ServerAddress> servers;
-  for (const std::string &server : arguments.servers)
-    servers.push_back(parse_server(server));
-  Context context;
-  must(kavo_init_ext(&context.kavo, kNodesPerSubject * static_cast<int>(kWindow), kCacheBytes, plan.zones_max(), 0),
-       "cannot create the library's context");
-  configure(arguments, servers, context.kavo);
-  plan.configure(context.kavo);
-  must(kavo_open(context.kavo), "cannot open the library's context");
-  return run(arguments, plan, context.kavo).status();
+  Session session(arguments.network, {kNodesPerSubject * static_cast<int>(kWindow), kCacheBytes, plan.zones_max()});
+  plan.configure(session.kavo());
+  session.open();
+  return run(arguments, plan, session).status();
 }
 
 }  // namespace tool

@@ -1,80 +1,12 @@
 #include "plan.h"
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <map>
+#include <limits>
 #include <stdexcept>
-#include <string_view>
-#include <utility>
+
+#include "zones_file.h"
 
 namespace tool {
-namespace {
-
-constexpr size_t kZoneMax = 254;  // characters of a zone's name, as the library takes them
-
-constexpr std::array<std::pair<std::string_view, KAVO_TYPE>, 9> kSections{{{"IP", KAVOT_BL_IP},
-                                                                           {"DOMAIN", KAVOT_BL_DOM},
-                                                                           {"IP_TXT", KAVOT_BL_IP_TXT},
-                                                                           {"DOMAIN_TXT", KAVOT_BL_DOM_TXT},
-                                                                           {"A6", KAVOT_BL_A6},
-                                                                           {"MX", KAVOT_BL_MX},
-                                                                           {"SRV", KAVOT_BL_SRV},
-                                                                           {"CNAME", KAVOT_BL_CNAME},
-                                                                           {"NS", KAVOT_BL_NS}}};
-
-KAVO_TYPE section_type(const std::string &line) {
-  for (const auto &[name, type] : kSections) {
-    if (line.compare(1, std::string::npos, name) == 0) return type;
-  }
-  if (line.back() == '\r')
-    throw std::runtime_error("the line ends in a carriage return; lines must end in a newline alone");
-  throw std::runtime_error(quoted(line) +
-                           " is no section: a line that begins with # must be one of #IP, #IP_TXT, #DOMAIN, "
-                           "#DOMAIN_TXT, #A6, #MX, #SRV, #CNAME, #NS");
-}
-
-void check_zone(const std::string &zone) {
-  std::array<unsigned char, DNS_MAXDN> dn;
-  const bool fits = !zone.empty() && zone.size() <= kZoneMax;
-  if (stray_byte(zone).has_value() || !fits ||
-      kavo_dns_ptodn(zone.c_str(), static_cast<unsigned>(zone.size()), dn.data(), DNS_MAXDN) <= 1) {
-    throw std::runtime_error(quoted(zone) + " is no zone name");
-  }
-}
-
-using Sections = std::map<KAVO_TYPE, std::vector<std::string>>;
-
-// Reads the file as the library does: a header opens a section and empties its list, an empty line closes it, lines
-// outside a section are ignored.
-Sections read_sections(std::istream &stream, const std::string &path) {
-  Sections sections;
-  std::vector<std::string> *open = nullptr;
-  std::string line;
-  for (unsigned number = 1; std::getline(stream, line); ++number) {
-    try {
-      if (line.empty()) {
-        open = nullptr;
-      } else if (line[0] == '#') {
-        open = &sections[section_type(line)];
-        open->clear();
-      } else if (open != nullptr) {
-        check_zone(line);
-        open->push_back(line);
-      }
-    } catch (const std::runtime_error &fault) {
-      throw std::runtime_error("zones file " + path + ", line " + std::to_string(number) + ": " + fault.what());
-    }
-  }
-  if (stream.bad()) throw std::runtime_error("zones file " + path + ": " + std::strerror(errno));
-  return sections;
-}
-
-}  // namespace
-
 void Plan::take(KAVO_TYPE type, const std::string &zone) {
   const bool domain = type == KAVOT_BL_DOM || type == KAVOT_BL_DOM_TXT;
   Questions &questions = domain ? domain_ : ip_;
@@ -89,10 +21,18 @@ void Plan::take(KAVO_TYPE type, const std::string &zone) {
 }
 
 void Plan::read_file(const std::string &path) {
-  if (std::filesystem::is_directory(path)) throw std::runtime_error("zones file " + path + ": it is a directory");
-  std::ifstream stream(path);
-  if (!stream) throw std::runtime_error("zones file " + path + ": " + std::strerror(errno));
-  for (const auto &[type, zones] : read_sections(stream, path)) {
+  const std::string name = "zones file " + path;
+  ZonesFile file;
+  try {
+    file = scan_zones(tool::read_file(path), std::numeric_limits<size_t>::max());
+  } catch (const std::runtime_error &fault) {
+    throw std::runtime_error(name + ": " + fault.what());
+  }
+  for (const Finding &finding : file.findings) {
+    if (finding.gravity == Gravity::odd) continue;
+    throw std::runtime_error(name + ", line " + std::to_string(finding.line) + ": " + finding.text);
+  }
+  for (const auto &[type, zones] : file.sections) {
     if (type > KAVOT_BL_DOM_TXT) continue;  // asked by other questions than this tool's
     for (const std::string &zone : zones)
       take(type, zone);
@@ -100,7 +40,8 @@ void Plan::read_file(const std::string &path) {
 }
 
 void Plan::add(const std::string &zone) {
-  check_zone(zone);
+  const std::string fault = zone_fault(zone);
+  if (!fault.empty()) throw std::runtime_error(fault);
   for (const KAVO_TYPE type : {KAVOT_BL_IP, KAVOT_BL_IP_TXT, KAVOT_BL_DOM, KAVOT_BL_DOM_TXT})
     take(type, zone);
 }

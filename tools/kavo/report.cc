@@ -1,9 +1,8 @@
 #include "report.h"
 
-#include <algorithm>
 #include <cstdio>
-#include <nlohmann/json.hpp>
 
+#include "output.h"
 #include "subject.h"
 
 namespace tool {
@@ -15,11 +14,6 @@ constexpr const char *kGap = "  ";
 constexpr const char *kRed = "\033[1;31m";
 constexpr const char *kYellow = "\033[1;33m";
 constexpr const char *kPlain = "\033[0m";
-
-std::string padded(const std::string &text, size_t width) {
-  const size_t columns = columns_of(text);
-  return columns < width ? text + std::string(width - columns, ' ') : text;
-}
 
 std::string joined(const std::vector<std::string> &texts, const char *between) {
   std::string result;
@@ -40,13 +34,6 @@ const char *word_of(Status status) {
       return "FAILED";
   }
   return "";
-}
-
-void print_line(std::string line) {
-  while (!line.empty() && line.back() == ' ')
-    line.pop_back();
-  line += '\n';
-  std::fwrite(line.data(), 1, line.size(), stdout);
 }
 
 class Table : public Reporter {
@@ -111,9 +98,7 @@ class Json : public Reporter {
     object["zones"] = nlohmann::ordered_json::array();
     for (const ZoneLine &line : report.zones)
       object["zones"].push_back(zone_object(line));
-    // Strangers' bytes that are no UTF-8 become the replacement character, as JSON can hold no others.
-    std::string text = object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
-    print_line(std::move(text));
+    print_json(object);
   }
 
  private:
@@ -131,11 +116,6 @@ class Json : public Reporter {
 };
 
 }  // namespace
-
-size_t columns_of(const std::string &text) {
-  const auto begins = [](char byte) { return (static_cast<unsigned char>(byte) & 0xc0U) != 0x80U; };
-  return static_cast<size_t>(std::count_if(text.begin(), text.end(), begins));
-}
 
 std::unique_ptr<Reporter> table_reporter(const Widths &widths, bool colour) {
   return std::make_unique<Table>(widths, colour);

@@ -40,9 +40,6 @@ struct Widths {
 std::unique_ptr<Reporter> table_reporter(const Widths &widths, bool colour);
 std::unique_ptr<Reporter> json_reporter();
 
-// columns_of returns how many characters a text takes on a terminal, close enough for aligning.
-size_t columns_of(const std::string &text);
-
 }  // namespace tool
 
 #endif  // KAVO_TOOLS_KAVO_REPORT_H

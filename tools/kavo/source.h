@@ -3,6 +3,8 @@
 #define KAVO_TOOLS_KAVO_SOURCE_H
 
 #include <cstddef>
+#include <cstdio>
+#include <deque>
 #include <optional>
 #include <string>
 #include <vector>
@@ -27,6 +29,26 @@ class SubjectSource {
   size_t at_ = 0;
   bool ended_ = false;
 };
+
+// ask_all keeps `window` subjects on their way: `ask` starts one and returns what it then is; `show`, given all that
+// are on their way, waits for the first of them and shows it. The subjects are shown in the order of `words`.
+template <typename Ask, typename Show>
+void ask_all(const std::vector<std::string> &words, size_t window, Ask ask, Show show) {
+  SubjectSource source(words);
+  std::deque<decltype(ask(std::string()))> asked;
+  for (;;) {
+    bool starved = false;
+    while (asked.size() < window) {
+      const std::optional<std::string> text = source.next(asked.empty(), &starved);
+      if (!text) break;
+      asked.push_back(ask(*text));
+    }
+    if (asked.empty()) return;
+    show(asked);
+    asked.pop_front();
+    if (starved) std::fflush(stdout);
+  }
+}
 
 }  // namespace tool
 

@@ -3,10 +3,11 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <stdexcept>
 #include <string_view>
+
+#include "output.h"
 
 namespace tool {
 namespace {
@@ -110,31 +111,38 @@ std::string for_terminal(const std::string &text) {
       at += size;
       continue;
     }
-    std::array<char, sizeof("\\DDD")> escape;
-    std::snprintf(escape.data(), escape.size(), "\\%03u", static_cast<unsigned char>(text[at++]) & 0xffU);
-    result += escape.data();
+    result += escaped(static_cast<unsigned char>(text[at++]));
   }
   return result;
 }
 
-Subject parse_subject(const std::string &text) {
+std::optional<Subject> parse_address(const std::string &text) {
   Subject subject{text, Kind::domain, {}};
-  if (text.empty()) throw std::runtime_error("an empty text is neither an address nor a domain name");
   in_addr ip4;
   in6_addr ip6;
-  if (text.find('\0') == std::string::npos && inet_pton(AF_INET, text.c_str(), &ip4) == 1) {
+  if (text.find('\0') != std::string::npos) return std::nullopt;
+  if (inet_pton(AF_INET, text.c_str(), &ip4) == 1) {
     set_ip4(ip4, &subject);
-  } else if (text.find(':') == std::string::npos) {
-    set_domain(&subject);
   } else if (inet_pton(AF_INET6, text.c_str(), &ip6) != 1) {
-    const bool address = text.find_first_not_of("0123456789abcdefABCDEF:.") == std::string::npos;
-    refuse(text, address ? "is no IPv6 address" : "is neither an address nor a domain name");
+    return std::nullopt;
   } else if (IN6_IS_ADDR_V4MAPPED(&ip6)) {
     std::memcpy(&ip4, &ip6.s6_addr[kMappedAt], sizeof(ip4));
     set_ip4(ip4, &subject);
   } else {
     set_ip6(ip6, &subject);
   }
+  return subject;
+}
+
+Subject parse_subject(const std::string &text) {
+  if (text.empty()) throw std::runtime_error("an empty text is neither an address nor a domain name");
+  if (const std::optional<Subject> address = parse_address(text)) return *address;
+  if (text.find(':') != std::string::npos) {
+    const bool address = text.find_first_not_of("0123456789abcdefABCDEF:.") == std::string::npos;
+    refuse(text, address ? "is no IPv6 address" : "is neither an address nor a domain name");
+  }
+  Subject subject{text, Kind::domain, {}};
+  set_domain(&subject);
   return subject;
 }
 

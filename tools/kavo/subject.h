@@ -21,6 +21,9 @@ struct Subject {
 // parse_subject throws std::runtime_error, with a text that names the fault, for what is neither address nor name.
 Subject parse_subject(const std::string &text);
 
+// parse_address returns nothing for a text that is no address. An IPv6 address that maps an IPv4 one is that.
+std::optional<Subject> parse_address(const std::string &text);
+
 // stray_byte returns the first byte of a text that belongs into no name that is asked about, if there is one: a blank,
 // a control character, or a mark of a network, a URL, a mail address or a list. Asked as they stand, those would come
 // back as "not listed". An escape (\DDD) still says any byte.

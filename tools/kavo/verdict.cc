@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <array>
 
+#include "question.h"
+
 namespace tool {
 namespace {
 
@@ -15,10 +17,6 @@ constexpr uint32_t kCodeMisspelt = 0x7ffffffc;  // 127.255.255.252
 constexpr uint32_t kCodeReserved = 0x7ffffffd;
 constexpr uint32_t kCodeResolver = 0x7ffffffe;
 constexpr uint32_t kCodeTooMany = 0x7fffffff;
-
-bool denied(KAVO_ERR error) {
-  return error == KAVOE_NXDOM || error == KAVOE_NODATA;
-}
 
 std::string text_of(const in_addr &address) {
   std::array<char, INET_ADDRSTRLEN> text{};
@@ -45,19 +43,6 @@ const char *fault_of(const in_addr &address) {
       return "is an operator's code: too many questions";
     default:
       return nullptr;
-  }
-}
-
-std::string explain(KAVO_ERR error) {
-  switch (error) {
-    case KAVOE_TIMEOUT:
-      return "no answer in time";
-    case KAVOE_DNS:
-      return "the server answered with an error or an answer that cannot be used";
-    case KAVOE_BADPAR:
-      return "the question is no valid name in this zone";
-    default:
-      return kavo_strerror(error);
   }
 }
 
