@@ -68,21 +68,23 @@ void tell_sent(dns_ctx *ctx, int slot, int count) {
   }
 }
 
-// try_send sends a batch. An error that the socket had in store for an earlier packet is taken out of the way first.
+// try_send sends a batch. A socket reports what became of an earlier packet in the place of the next send, which is
+// then made again. A packet that the system's own queue drops has left like one that the network loses.
 int try_send(dns_ctx *ctx, int slot, unsigned count) {
   const auto attempt = [&] {
-    return ctx->io->udp_send(ctx->io->self, ctx->sockets.descriptor(slot), ctx->buffers->out, count);
+    const int left = ctx->io->udp_send(ctx->io->self, ctx->sockets.descriptor(slot), ctx->buffers->out, count);
+    return left == -ENOBUFS ? 1 : left;
   };
   const int result = attempt();
-  const bool blocked = result == -EAGAIN || result == -EWOULDBLOCK || result == -ENOBUFS || result == -EINTR;
-  return result > 0 || blocked ? result : attempt();
+  const bool settled = result > 0 || result == -EAGAIN || result == -EWOULDBLOCK || result == -EINTR;
+  return settled ? result : attempt();
 }
 
 // send_batch sends what `collect` gathered; false when the socket's buffer is full.
 bool send_batch(dns_ctx *ctx, int slot, unsigned count) {
   const dns_ctx::Buffers *buffers = ctx->buffers;
   const int result = try_send(ctx, slot, count);
-  if (result == -EAGAIN || result == -EWOULDBLOCK || result == -ENOBUFS) return false;
+  if (result == -EAGAIN || result == -EWOULDBLOCK) return false;
   if (result == -EINTR) return true;
   for (int i = 0; i < result; ++i)
     sent_by_udp(buffers->leaving[i], slot);
