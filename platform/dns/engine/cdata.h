@@ -65,6 +65,21 @@ inline constexpr size_t kRunMax = DNS_MAXPACKET - DNS_HSIZE - DNS_MAXDN - kQuest
 [[nodiscard]] dns_status cdata_from_answer(dns_cdata *entry, std::span<const uint8_t> packet, size_t answers_at,
                                            unsigned aliases_max, int rcode, int32_t ttl);
 
+// cdata_end is a mark behind the entry's last record; cdata_cut takes away what was appended after one.
+struct CdataEnd {
+  size_t run_size = 0;
+  unsigned records = 0;
+  unsigned cnames = 0;
+};
+[[nodiscard]] inline CdataEnd cdata_end(const dns_cdata *entry) {
+  return {entry->run_size, entry->records, entry->cnames};
+}
+inline void cdata_cut(dns_cdata *entry, const CdataEnd &end) {
+  entry->run_size = end.run_size;
+  entry->records = end.records;
+  entry->cnames = end.cnames;
+}
+
 // cdata_append_chain appends to the records of `entry` the aliases of `chain`, which follow_chain found from `from` on
 // in `packet`, and, with `answers`, the records of the entry's type at its end. DNS_E_NOERROR, or as cdata_from_answer.
 [[nodiscard]] dns_status cdata_append_chain(dns_cdata *entry, std::span<const uint8_t> packet, size_t answers_at,

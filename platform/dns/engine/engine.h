@@ -31,6 +31,7 @@
 
 #include <span>
 
+#include "cdata.h"
 #include "failures.h"
 #include "list.h"
 #include "pool.h"
@@ -84,6 +85,7 @@ struct Journey {
   Server *servers[kDelegatedMax];
   bool remembered = false;      // the servers are those of a cached delegation
   dns_cdata *passed = nullptr;  // the aliases that were passed, under the question's own key
+  CdataEnd passed_end;          // where they end in it
   int32_t ttl = INT32_MAX;      // the least of theirs
   unsigned aliases = 0;
   unsigned steps = 0;           // referrals followed, by look-ups too

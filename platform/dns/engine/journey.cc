@@ -310,7 +310,9 @@ bool ask_on(dns_query *q, std::span<const uint8_t> packet, size_t answers_at, co
     (void)dns_cdata_setcls(journey->passed, q->cls);
     (void)dns_cdata_settyp(journey->passed, q->typ);
   }
+  cdata_cut(journey->passed, journey->passed_end);
   if (cdata_append_chain(journey->passed, packet, answers_at, q->ask, chain, false) != DNS_E_NOERROR) return false;
+  journey->passed_end = cdata_end(journey->passed);
   journey->aliases += chain.aliases;
   journey->ttl = std::min(journey->ttl, chain.ttl);
   leave(q);
@@ -338,6 +340,7 @@ dns_status complete(dns_query *q, std::span<const uint8_t> packet, size_t answer
                     int32_t ttl, std::span<const uint8_t> *whole) {
   dns_ctx *ctx = q->ctx;
   dns_cdata *entry = q->journey->passed;
+  cdata_cut(entry, q->journey->passed_end);  // an answer that turned out to be of no use may stand there
   const dns_status status = cdata_append_chain(entry, packet, answers_at, q->ask, chain, true);
   if (status != DNS_E_NOERROR) return status;
   (void)dns_cdata_setrcode(entry, rcode);
