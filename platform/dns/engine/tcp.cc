@@ -122,7 +122,9 @@ void send_over_tcp(dns_query *q) {
   Connection *connection = connection_to(ctx, server);
   if (connection == nullptr) connection = connect(ctx, server, &waits);
   if (connection != nullptr && post(q, connection)) return;
-  if (waits) {
+  // Where nothing moves for as long as a try may take, the question does not wait for it.
+  const int64_t moved_us = std::max(q->sent_us, connection != nullptr ? connection->heard_us : 0);
+  if (waits && ctx->now_us - moved_us < ctx->options.timeout_us) {
     ctx->tcp_waiting.append(q);
     return;
   }
