@@ -78,8 +78,9 @@ inline constexpr unsigned kTargetsMax = 4;     // servers of a zone whose addres
 struct Journey {
   uint8_t ask[DNS_MAXDN];
   uint8_t zone[DNS_MAXDN];    // which `servers` answer for
-  uint8_t coming[DNS_MAXDN];  // the zone whose servers are being looked up
-  uint8_t targets[kTargetsMax][DNS_MAXDN];
+  uint8_t coming[DNS_MAXDN];  // the zone that was last referred to
+  int32_t coming_ttl = 0;
+  uint8_t targets[kTargetsMax][DNS_MAXDN];  // its servers whose addresses may still be looked up
   unsigned ntargets = 0;
   unsigned nserv = 0;  // 0: the context's servers, or the question's own
   Server *servers[kDelegatedMax];
@@ -410,9 +411,10 @@ void set_key(dns_query *q, unsigned flags);
 [[nodiscard]] const uint8_t *zone_of(const dns_query *q);
 [[nodiscard]] unsigned aliases_left(const dns_query *q);
 
-// begin_at_delegation has a new question asked of the servers of the nearest zone above it that is remembered.
-// begin_anew forgets those, when they are of no use, and asks the context's servers: false when there are none to
-// forget.
+// begin_at_delegation makes the servers of the nearest zone above its name that is remembered those of a question that
+// is in no list but `queued`. begin_anew goes on when a question's servers were of no use: forgets remembered ones and
+// asks the context's servers, or looks up those of the zone's servers that came without an address. False when there is
+// nothing of either.
 void begin_at_delegation(dns_query *q);
 [[nodiscard]] bool begin_anew(dns_query *q);
 

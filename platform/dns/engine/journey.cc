@@ -42,11 +42,15 @@ struct Delegation {
   void add_target(const uint8_t *dn) {
     if (ntargets < kDelegatedMax && target(dn) < 0 && dns_dntodn(dn, targets[ntargets], DNS_MAXDN) != 0) ++ntargets;
   }
-  void add_address(const uint8_t *owner, const uint8_t *bytes) {
+  bool add_address(const uint8_t *owner, const uint8_t *bytes) {
     const int place = target(owner);
-    if (place < 0 || naddresses == kDelegatedMax) return;
+    if (place < 0 || naddresses == kDelegatedMax) return false;
     memcpy(&addresses[naddresses], bytes, sizeof(in_addr));
     owners[naddresses++] = static_cast<uint8_t>(place);
+    return true;
+  }
+  [[nodiscard]] bool has_address(unsigned place) const {
+    return std::find(owners, owners + naddresses, place) != owners + naddresses;
   }
 };
 
@@ -120,8 +124,9 @@ template <typename Use>
     delegation->ttl = std::min(delegation->ttl, record.ttl);
   });
   return named && delegation->ntargets > 0 && read_section(packet, DNS_S_AR, [&](const Record &record) {
-           if (record.typ == DNS_T_A && record.data.size() == sizeof(in_addr) && covers(from, record.owner))
-             delegation->add_address(record.owner, record.data.data());
+           if (record.typ == DNS_T_A && record.data.size() == sizeof(in_addr) && covers(from, record.owner) &&
+               delegation->add_address(record.owner, record.data.data()))
+             delegation->ttl = std::min(delegation->ttl, record.ttl);
          });
 }
 
@@ -186,11 +191,11 @@ void keep_delegation(dns_ctx *ctx, const Delegation &delegation) {
 
 // ---- going on with a delegation
 
-// install asks the question of the servers of a delegation. False when none of them can be had.
-[[nodiscard]] bool install(dns_query *q, const Delegation &delegation) {
+// take_servers makes the servers of a delegation those of a question that has left everything. False when none of them
+// can be had.
+[[nodiscard]] bool take_servers(dns_query *q, const Delegation &delegation) {
   Journey *journey = q->journey;
   dns_ctx *ctx = q->ctx;
-  leave(q);
   release_servers(q);
   for (unsigned i = 0; i < delegation.naddresses; ++i) {
     sockaddr_in address{};
@@ -203,6 +208,15 @@ void keep_delegation(dns_ctx *ctx, const Delegation &delegation) {
   }
   if (journey->nserv == 0) return false;
   memcpy(journey->zone, delegation.zone, sizeof journey->zone);
+  q->server = 0;
+  return true;
+}
+
+// install asks the question of the servers of a delegation, which may end it. False when none of them can be had.
+[[nodiscard]] bool install(dns_query *q, const Delegation &delegation) {
+  leave(q);
+  q->state = State::resting;
+  if (!take_servers(q, delegation)) return false;
   start_over(q);
   return true;
 }
@@ -217,16 +231,13 @@ void looked_up(dns_ctx *ctx, dns_query *lookup, void *result, unsigned, void *da
   Delegation delegation;
   memcpy(delegation.zone, q->journey->coming, sizeof delegation.zone);
   if (dns_get_status(ctx) == DNS_E_NOERROR && block != nullptr) {
-    delegation.ttl = block->dnsa4_ttl;
+    delegation.ttl = std::min(q->journey->coming_ttl, block->dnsa4_ttl);
     delegation.add_target(dns_qdn(lookup));
     for (int i = 0; i < block->dnsa4_nrr; ++i)
       delegation.add_address(dns_qdn(lookup), reinterpret_cast<const uint8_t *>(&block->dnsa4_addr[i]));
   }
-  if (delegation.naddresses > 0 && install(q, delegation)) {
-    keep_delegation(ctx, delegation);
-  } else {
-    look_up_next(q);
-  }
+  if (delegation.naddresses > 0) keep_delegation(ctx, delegation);
+  if (delegation.naddresses == 0 || !install(q, delegation)) look_up_next(q);
 }
 
 // look_up_next looks up the address of the next server of the delegation that is coming, or ends the question.
@@ -254,17 +265,18 @@ void look_up_next(dns_query *q) {
   deliver(q, q->error != 0 ? dns_status{q->error} : dns_status{DNS_E_TEMPFAIL}, nullptr, 0, 0);
 }
 
-// adopt goes on with a delegation: asks its servers, or looks up where they are.
+// adopt goes on with a delegation: asks its servers, or looks up where they are. Servers without an address are looked
+// up when those with one were of no use.
 void adopt(dns_query *q, const Delegation &delegation) {
-  if (delegation.naddresses > 0 && install(q, delegation)) return;
   Journey *journey = q->journey;
   memcpy(journey->coming, delegation.zone, sizeof journey->coming);
+  journey->coming_ttl = delegation.ttl;
   journey->ntargets = 0;
   // A server inside the zone itself cannot be found by asking that zone.
   for (unsigned i = 0; i < delegation.ntargets && journey->ntargets < kTargetsMax; ++i)
-    if (!covers(delegation.zone, delegation.targets[i]))
+    if (!delegation.has_address(i) && !covers(delegation.zone, delegation.targets[i]))
       memcpy(journey->targets[journey->ntargets++], delegation.targets[i], DNS_MAXDN);
-  look_up_next(q);
+  if (delegation.naddresses == 0 || !install(q, delegation)) look_up_next(q);
 }
 
 }  // namespace
@@ -284,15 +296,19 @@ void begin_at_delegation(dns_query *q) {
   for (const uint8_t *zone = q->ask; *zone != 0; zone += 1 + *zone) {
     Delegation delegation;
     if (!known_delegation(ctx, zone, &delegation) || delegation.naddresses == 0) continue;
-    if (journey(q) == nullptr) return;
-    q->journey->remembered = install(q, delegation);
+    if (journey(q) != nullptr) q->journey->remembered = take_servers(q, delegation);
     return;
   }
 }
 
 bool begin_anew(dns_query *q) {
   Journey *journey = q->journey;
-  if (journey == nullptr || !std::exchange(journey->remembered, false)) return false;
+  if (journey == nullptr) return false;
+  if (!std::exchange(journey->remembered, false)) {
+    if (journey->ntargets == 0) return false;
+    look_up_next(q);
+    return true;
+  }
   const Entry entry = key_of_delegation(journey->zone);
   if (entry != nullptr) (void)dns_cacher_delete(q->ctx->referral_cache, entry.get(), wall(q->ctx));
   leave(q);
@@ -320,6 +336,9 @@ bool ask_on(dns_query *q, std::span<const uint8_t> packet, size_t answers_at, co
   q->ask = journey->ask;
   q->ask_size = static_cast<uint8_t>(dns_dnlen(q->ask));
   release_servers(q);
+  journey->ntargets = 0;
+  journey->remembered = false;
+  begin_at_delegation(q);
   start_over(q);
   return true;
 }
