@@ -11,6 +11,7 @@
 #include <array>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <random>
 #include <string>
@@ -71,6 +72,9 @@ class World {
   unsigned packets_sent = 0;
   unsigned sockets_open = 0;
   unsigned connections_made = 0;
+  // script, where there is one, answers in place of every server's temper, over TCP what is too
+  // large for a datagram; empty for silence.
+  std::function<Bytes(const Bytes &question, const std::string &server)> script;
   bool send_buffers_full = false;  // every send finds its buffer full until this is cleared
 
   void add_server(const std::string &address, Temper temper);
@@ -101,6 +105,7 @@ class World {
   };
 
   struct Stream {
+    std::string server;
     Temper temper;
     std::deque<uint8_t> in, out;  // of the server
   };

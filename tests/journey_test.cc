@@ -1,0 +1,373 @@
+// journey_test.cc - questions that go from zone to zone in a simulated network: an honest tree, servers in it that
+// refer to nowhere, to themselves or to others' zones, and what they say of others, which nobody may ever hear of.
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "../platform/dns/engine/engine.h"
+#include "support/packets.h"
+#include "support/simulation.h"
+
+namespace {
+
+using packets::Bytes;
+using sim::World;
+
+constexpr const char *kRoot = "192.0.2.1";
+constexpr const char *kTest = "192.0.2.2";
+constexpr const char *kBank = "192.0.2.3";
+constexpr const char *kEvil = "192.0.2.66";
+const Bytes kLie = {6, 6, 6, 6};
+
+Bytes address(const std::string &text) {
+  in_addr_t bytes = World::address_of(text).sin_addr.s_addr;
+  Bytes data(sizeof bytes);
+  memcpy(data.data(), &bytes, sizeof bytes);
+  return data;
+}
+
+// Reply is an answer that repeats its question.
+struct Reply : packets::Answer {
+  explicit Reply(const Bytes &question) : Answer("x") {
+    size_t end = DNS_HSIZE;
+    for (; question.at(end) != 0; end += question[end] + 1U)
+      name += (name.empty() ? "" : ".") + std::string(question.begin() + static_cast<long>(end) + 1,
+                                                      question.begin() + static_cast<long>(end) + 1 + question[end]);
+    for (char &c : name)
+      c = static_cast<char>(tolower(c));
+    packet.assign(question.begin(), question.begin() + static_cast<long>(end) + 5);
+    packet[2] = 0x80;
+    packet[11] = 0;
+    answers_at = packet.size();
+  }
+  Reply &a(const std::string &owner, const Bytes &data, uint32_t ttl = 300) {
+    packet[2] = 0x84;
+    add(owner, DNS_T_A, data, ttl);
+    return *this;
+  }
+  Reply &alias(const std::string &owner, const std::string &target) {
+    packet[2] = 0x84;
+    add(owner, DNS_T_CNAME, packets::dn(target));
+    return *this;
+  }
+  Reply &ns(const std::string &zone, const std::string &server, uint32_t ttl = 300) {
+    add(zone, DNS_T_NS, packets::dn(server), ttl, DNS_S_NS);
+    return *this;
+  }
+  Reply &glue(const std::string &server, const std::string &place, uint32_t ttl = 300) {
+    add(server, DNS_T_A, address(place), ttl, DNS_S_AR);
+    return *this;
+  }
+  Reply &code(int rcode) {
+    packet[3] = static_cast<uint8_t>(rcode);
+    return *this;
+  }
+  [[nodiscard]] bool under(const std::string &zone) const { return name == zone || name.ends_with("." + zone); }
+  std::string name;
+};
+
+struct Asked {
+  dns_query *handle = nullptr;
+  std::string text;
+  int calls = 0;
+  dns_status status = 1;
+  Bytes addresses;
+};
+
+void answered(dns_ctx *ctx, dns_query *, void *result, unsigned, void *data) {
+  auto *asked = static_cast<Asked *>(data);
+  ++asked->calls;
+  asked->status = dns_get_status(ctx);
+  if (result == nullptr) return;
+  const auto *block = static_cast<const dns_rr_a4 *>(result);
+  for (int i = 0; i < block->dnsa4_nrr; ++i) {
+    const auto *bytes = reinterpret_cast<const uint8_t *>(&block->dnsa4_addr[i]);
+    asked->addresses.insert(asked->addresses.end(), bytes, bytes + sizeof(in_addr));
+  }
+}
+
+// Tree is a world with a root, the zone test below it, and below that bank.test, honest all, and evil.test, whose
+// server does as `evil` says and answers with a lie where that leaves the reply as it is.
+class Tree {
+ public:
+  explicit Tree(uint64_t seed) : world(seed) {
+    world.add_server(kRoot, sim::Temper::good);
+    EXPECT_EQ(dns_set_cache(world.ctx, DNS_CU_ANS, dns_cache_cacher(answers.get())), DNS_E_NOERROR);
+    EXPECT_EQ(dns_set_cache(world.ctx, DNS_CU_REF, dns_cache_cacher(referrals.get())), DNS_E_NOERROR);
+    world.script = [this](const Bytes &question, const std::string &server) { return answer(question, server); };
+  }
+
+  Asked &ask(const std::string &text) {
+    asked.push_back(std::make_unique<Asked>());
+    asked.back()->text = text;
+    asked.back()->handle = dns_submit_dn_serv(world.ctx, sim::name(text).data(), DNS_C_IN, DNS_T_A, 0, nullptr, 0,
+                                              dns_parse_a4, answered, asked.back().get());
+    return *asked.back();
+  }
+  // run asks and waits for the end; `packets` then says what it took.
+  Asked &run(const std::string &text) {
+    world.packets_sent = 0;
+    Asked &one = ask(text);
+    EXPECT_TRUE(world.run());
+    EXPECT_EQ(one.calls, 1);
+    packets = world.packets_sent;
+    return one;
+  }
+
+  std::unique_ptr<dns_cache, decltype(&dns_cache_destroy)> answers{dns_cache_init(1 << 20), dns_cache_destroy};
+  std::unique_ptr<dns_cache, decltype(&dns_cache_destroy)> referrals{dns_cache_init(1 << 20), dns_cache_destroy};
+  World world;
+  std::function<void(Reply *, const std::string &server)> evil;
+  std::vector<std::unique_ptr<Asked>> asked;
+  unsigned packets = 0;
+
+ private:
+  Bytes answer(const Bytes &question, const std::string &server) {
+    Reply reply(question);
+    if (server == kRoot) {
+      reply.ns("test", "ns.test").glue("ns.test", kTest);
+    } else if (server == kTest) {
+      if (reply.under("bank.test")) reply.ns("bank.test", "ns.bank.test").glue("ns.bank.test", kBank);
+      if (reply.under("evil.test")) reply.ns("evil.test", "ns.evil.test").glue("ns.evil.test", kEvil);
+    } else if (server == kBank) {
+      in_addr_t truth = htonl(sim::truth_of(question.data() + DNS_HSIZE).address);
+      Bytes data(sizeof truth);
+      memcpy(data.data(), &truth, sizeof truth);
+      reply.a(reply.name, data);
+    } else {
+      const size_t bare = reply.packet.size();
+      if (evil) evil(&reply, server);
+      if (reply.packet.size() == bare && reply.packet[3] == 0) reply.a(reply.name, kLie);
+      if (reply.packet[3] == 0x0F) return {};  // says nothing
+    }
+    return reply.packet;
+  }
+};
+
+bool is_truth(const Asked &asked) {
+  const in_addr_t truth = htonl(sim::truth_of(sim::name(asked.text).data()).address);
+  return asked.status == DNS_E_NOERROR && asked.addresses.size() == sizeof truth &&
+         memcmp(asked.addresses.data(), &truth, sizeof truth) == 0;
+}
+
+TEST(Journey, GoesFromZoneToZoneAndRemembersTheWay) {
+  Tree tree(1);
+  EXPECT_TRUE(is_truth(tree.run("one.bank.test")));
+  EXPECT_EQ(tree.packets, 3U);
+  EXPECT_TRUE(is_truth(tree.run("two.bank.test")));
+  EXPECT_EQ(tree.packets, 1U);
+  tree.evil = [](Reply *reply, const std::string &) { reply->alias(reply->name, "three.bank.test"); };
+  EXPECT_NE(tree.run("x.evil.test").addresses, kLie);
+  EXPECT_EQ(tree.packets, 3U) << "the alias is asked for where its zone is known to be";
+  tree.world.now_us += 301 * int64_t{1'000'000};
+  EXPECT_TRUE(is_truth(tree.run("four.bank.test")));
+  EXPECT_EQ(tree.packets, 3U);
+}
+
+TEST(Journey, RememberedServersThatFailedAMomentAgoEndTheQuestion) {
+  Tree tree(2);
+  tree.evil = [](Reply *reply, const std::string &) { reply->code(DNS_R_SERVFAIL); };
+  EXPECT_EQ(tree.run("x.evil.test").status, DNS_E_SERVFAIL);
+  EXPECT_EQ(tree.packets, 3U);
+  for (int i = 0; i < 3; ++i)
+    EXPECT_EQ(tree.run("x.evil.test").status, DNS_E_SERVFAIL);
+  EXPECT_EQ(tree.packets, 0U);
+}
+
+TEST(Journey, ADelegationLivesNoLongerThanItsAddresses) {
+  Tree tree(3);
+  tree.evil = [](Reply *reply, const std::string &server) {
+    if (server != kEvil) return;
+    if (reply->under("short.evil.test"))
+      reply->ns("short.evil.test", "ns.short.evil.test", 300).glue("ns.short.evil.test", "192.0.2.67", 2);
+    if (reply->under("far.evil.test")) reply->ns("far.evil.test", "ns.bank.test", 2);
+  };
+  for (const char *zone : {"short.evil.test", "far.evil.test"}) {
+    tree.run(std::string("a.") + zone);
+    const unsigned packets = tree.packets;
+    tree.run(std::string("b.") + zone);
+    EXPECT_EQ(tree.packets, 1U);
+    tree.world.now_us += 3'000'000;
+    tree.run(std::string("c.") + zone);
+    EXPECT_TRUE(tree.packets == 2 && packets >= 2) << zone << " " << tree.packets;
+  }
+}
+
+TEST(Journey, ServersWithoutAddressesAreLookedUpWhenTheOthersAreOfNoUse) {
+  Tree tree(4);
+  tree.evil = [](Reply *reply, const std::string &server) {
+    if (server == "192.0.2.67") reply->code(0x0F);
+    if (server == kEvil)
+      reply->ns("sub.evil.test", "ns.evil.test").ns("sub.evil.test", "ns.bank.test").glue("ns.evil.test", "192.0.2.67");
+  };
+  EXPECT_EQ(tree.run("x.sub.evil.test").addresses, kLie);
+  EXPECT_EQ(tree.packets, 3U + 4U + 2U + 1U) << "down to the zone, four tries, the look-up, the server found by it";
+}
+
+// A broken answer behind an alias, and then a good one of the next server: nothing of the first is left.
+TEST(Journey, ABrokenEndOfAChainLeavesNothingBehind) {
+  Tree tree(5);
+  tree.evil = [](Reply *reply, const std::string &server) {
+    if (server == kEvil && reply->name == "x.evil.test") reply->alias(reply->name, "y.far.evil.test");
+    if (server == kEvil && reply->under("far.evil.test"))
+      reply->ns("far.evil.test", "ns.evil.test")
+          .ns("far.evil.test", "ns2.evil.test")
+          .glue("ns.evil.test", "192.0.2.67")
+          .glue("ns2.evil.test", "192.0.2.68");
+    if (server == "192.0.2.67") reply->a(reply->name, kLie).a(reply->name, {1, 2, 3});
+  };
+  const Asked &asked = tree.run("x.evil.test");
+  EXPECT_EQ(asked.status, DNS_E_NOERROR);
+  EXPECT_EQ(asked.addresses, kLie);
+}
+
+TEST(Journey, RefersToNowhereWithinBounds) {
+  const unsigned packets_max = dns::Options{}.maxloop + 1;
+  std::string deep = "evil.test";
+  for (int i = 0; i < 110; ++i)
+    deep = "x." + deep;
+  const std::map<std::string, std::function<void(Reply *, const std::string &)>> tricks = {
+      {"sideways",
+       [](Reply *r, const std::string &) { r->ns("bank.test", "ns.bank.test").glue("ns.bank.test", kEvil); }},
+      {"upwards", [](Reply *r, const std::string &) { r->ns("test", "ns.evil.test").glue("ns.evil.test", kEvil); }},
+      {"to the root", [](Reply *r, const std::string &) { r->ns(".", "ns.evil.test").glue("ns.evil.test", kEvil); }},
+      {"itself", [](Reply *r, const std::string &) { r->ns("evil.test", "ns.evil.test").glue("ns.evil.test", kEvil); }},
+      {"downwards",
+       [](Reply *r, const std::string &) {
+         static unsigned labels = 2;
+         size_t at = r->name.size();
+         ++labels;
+         for (unsigned i = 0; i < labels && at != std::string::npos && at > 0; ++i)
+           at = r->name.rfind('.', at - 1);
+         const std::string zone = at == std::string::npos ? r->name : r->name.substr(at + 1);
+         r->ns(zone, "ns." + zone).glue("ns." + zone, kEvil);
+       }},
+      {"a thousand",
+       [](Reply *r, const std::string &) {
+         static unsigned n = 0;
+         for (int i = 0; i < 1000; ++i)
+           r->ns(r->name, std::to_string(n++) + ".n.evil.test");
+       }},
+      {"in a circle",
+       [](Reply *r, const std::string &) {
+         if (r->under("a.evil.test"))
+           r->ns("a.evil.test", "ns.b.evil.test");
+         else
+           r->ns("b.evil.test", "ns.a.evil.test").ns(r->name, "ns.a.evil.test");
+       }},
+      {"aliases", [](Reply *r, const std::string &) { r->alias(r->name, "x" + r->name); }},
+      {"an alias loop",
+       [](Reply *r, const std::string &s) {
+         const bool here = s == kEvil && r->name.starts_with("a");
+         if (s == kEvil && r->under("sub.evil.test"))
+           r->ns("sub.evil.test", "ns.evil.test").glue("ns.evil.test", "192.0.2.67");
+         else
+           r->alias(r->name, here ? "b.sub.evil.test" : "a.evil.test");
+       }},
+  };
+  for (const auto &[trick, evil] : tricks) {
+    SCOPED_TRACE(trick);
+    Tree tree(6);
+    tree.evil = evil;
+    const Asked &asked = tree.run(trick == "downwards" ? deep : "a.evil.test");
+    EXPECT_EQ(asked.status, trick.find("alias") != std::string::npos ? DNS_E_CNLOOP : DNS_E_PROTOCOL);
+    EXPECT_LE(tree.packets, packets_max);
+    tree.run("b.evil.test");
+    EXPECT_TRUE(is_truth(tree.run("one.bank.test")));
+  }
+}
+
+// slander says of bank.test all that a server of evil.test can say, in answers, referrals and additional records.
+void slander(World *world, Reply *reply) {
+  const std::string victim = "listed-" + std::to_string(world->random(9)) + ".bank.test";
+  const std::string below = "sub" + std::to_string(world->random(3)) + ".evil.test";
+  switch (world->random(10)) {
+    case 0:
+      reply->alias(reply->name, victim).a(victim, kLie);
+      break;
+    case 1:
+      reply->a(victim, kLie).a(reply->name, kLie);
+      break;
+    case 2:
+      reply->ns("bank.test", "ns.evil.test").glue("ns.evil.test", kEvil);
+      break;
+    case 3:
+      reply->ns(reply->under(below) ? below : reply->name, "ns.bank.test").glue("ns.bank.test", kEvil);
+      break;
+    case 4:
+      reply->ns(reply->name, "ns.evil.test").ns("bank.test", "ns.evil.test").glue("ns.evil.test", kEvil);
+      break;
+    case 5:
+      reply->a(reply->name, kLie).ns("bank.test", "ns.evil.test").glue("ns.bank.test", kEvil);
+      break;
+    case 6:
+      reply->alias(reply->name, "listed-1." + below).alias("listed-1." + below, victim);
+      break;
+    case 7:
+      reply->code(world->chance(50) ? DNS_R_SERVFAIL : DNS_R_NXDOMAIN);
+      break;
+    case 8:
+      for (int i = 0; i < 60; ++i)
+        reply->ns(reply->name, "n" + std::to_string(world->random(100)) + (i % 2 == 0 ? ".evil.test" : ".bank.test"));
+      break;
+    default:
+      break;
+  }
+}
+
+// storm asks for names of both zones, in bad weather, while questions are cancelled and the context is closed. What is
+// said of bank.test is the truth, always, or nothing.
+void storm(uint64_t seed) {
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  Tree tree(seed);
+  World &world = tree.world;
+  world.weather = {static_cast<int>(world.random(30)),
+                   static_cast<int>(world.random(20)),
+                   200,
+                   static_cast<int64_t>(world.random(80'000)),
+                   0,
+                   static_cast<int>(world.random(20))};
+  tree.evil = [&world](Reply *reply, const std::string &) { slander(&world, reply); };
+  std::set<const Asked *> cancelled;
+  bool closed = false;
+  for (uint64_t left = 1 + world.random(40); left > 0; --left) {
+    const std::string kind = "listed-" + std::to_string(world.random(9));
+    tree.ask(kind + (world.chance(30) ? ".bank.test" : ".sub" + std::to_string(world.random(3)) + ".evil.test"));
+    for (uint64_t turns = world.random(8); turns > 0; --turns)
+      world.turn();
+    const Asked *victim = tree.asked[world.random(tree.asked.size())].get();
+    if (world.chance(20) && victim->calls == 0 && cancelled.insert(victim).second)
+      dns_cancel(world.ctx, victim->handle);
+  }
+  if (world.chance(20)) {
+    dns_close(world.ctx);
+    closed = true;
+    EXPECT_EQ(world.sockets_open, 0U);
+    ASSERT_EQ(dns_open(world.ctx), DNS_E_NOERROR);
+  }
+  ASSERT_TRUE(world.run()) << "the engine never came to rest";
+  EXPECT_EQ(dns_active(world.ctx), 0);
+  world.weather = {};
+  for (int i = 0; i < 9; ++i)
+    EXPECT_TRUE(is_truth(tree.run("listed-" + std::to_string(i) + ".bank.test"))) << "a cache believes a lie";
+  for (const auto &asked : tree.asked) {
+    const bool ended = cancelled.count(asked.get()) == 0;
+    EXPECT_TRUE(asked->calls == (ended ? 1 : 0) || (closed && asked->calls == 0)) << asked->text;
+    const bool of_bank = asked->text.ends_with("bank.test");
+    EXPECT_TRUE(!of_bank || asked->status != DNS_E_NOERROR || is_truth(*asked)) << asked->text;
+  }
+}
+
+TEST(Journey, NobodyIsBelievedAboutOthers) {
+  for (uint64_t seed = 1; seed <= 2000 && !testing::Test::HasFailure(); ++seed)
+    storm(seed);
+}
+
+}  // namespace
