@@ -32,7 +32,7 @@ std::string probe_packet(std::string_view name, uint16_t type) {
   for (const unsigned word : {unsigned{kProbeId}, 0x0100u, 1u, 0u, 0u, 0u})
     append16(&packet, word);
   std::istringstream labels{std::string(name)};
-  for (std::string label; std::getline(labels, label, '.');) {
+  for (std::string label; std::getline(labels, label, '.') && !label.empty();) {
     packet.push_back(static_cast<char>(label.size()));
     packet += label;
   }
@@ -55,10 +55,11 @@ std::string required_program(std::string_view name) {
 }
 
 // Waits until the daemon answers for every zone; the answer to a zone's own SOA question has code 0.
-std::unique_ptr<NameDaemon> ready(std::unique_ptr<NameDaemon> daemon, const std::vector<std::string> &zones) {
+std::unique_ptr<NameDaemon> ready(std::unique_ptr<NameDaemon> daemon, const std::vector<std::string> &zones,
+                                  const std::string &address = "127.0.0.1") {
   size_t answered = 0;
   for (int i = 0; i < kReadyAttempts && answered < zones.size() && daemon->running(); ++i) {
-    const std::optional<int> rcode = ask_rcode(daemon->port(), zones[answered], kTypeSoa, kReadyWait);
+    const std::optional<int> rcode = ask_rcode(daemon->port(), zones[answered], kTypeSoa, kReadyWait, address);
     if (rcode == 0)
       ++answered;
     else
@@ -69,19 +70,29 @@ std::unique_ptr<NameDaemon> ready(std::unique_ptr<NameDaemon> daemon, const std:
   return daemon;
 }
 
+// sign signs a zone file and returns the name of the signed one.
+std::string sign(const TempDir &directory, const std::string &zone, const std::string &file) {
+  const std::string shell = "cd '" + directory.path() + "' && key=$(ldns-keygen -r /dev/urandom -a ECDSAP256SHA256 '" +
+                            zone + "') && exec ldns-signzone -o '" + zone + "' " + file + " \"$key\"";
+  const Result result = run({"/bin/sh", "-c", shell});
+  if (result.status != 0) throw std::runtime_error("ldns-signzone (ldnsutils): " + result.err);
+  return file + ".signed";
+}
+
 }  // namespace
 
 NameDaemon::NameDaemon(std::unique_ptr<TempDir> directory, std::vector<std::string> argv, uint16_t port)
     : directory_(std::move(directory)), process_(std::move(argv), "", directory_->path()), port_(port) {}
 
-std::optional<int> ask_rcode(uint16_t port, std::string_view name, uint16_t type, milliseconds bound) {
+std::optional<int> ask_rcode(uint16_t port, std::string_view name, uint16_t type, milliseconds bound,
+                             const std::string &address) {
   const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return std::nullopt;
   const timeval wait{bound.count() / 1000, (bound.count() % 1000) * 1000};
   setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
   sockaddr_in to{};
   to.sin_family = AF_INET;
-  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  inet_pton(AF_INET, address.c_str(), &to.sin_addr);
   to.sin_port = htons(port);
   const std::string packet = probe_packet(name, type);
   std::array<unsigned char, 4096> answer;
@@ -122,12 +133,12 @@ std::unique_ptr<NameDaemon> start_rbldnsd(const std::vector<ListZone> &zones) {
   return ready(std::make_unique<NameDaemon>(std::move(directory), std::move(argv), port), names);
 }
 
-std::unique_ptr<NameDaemon> start_nsd(const std::vector<MasterZone> &zones) {
-  const uint16_t port = free_udp_port();
+std::unique_ptr<NameDaemon> start_nsd(const std::vector<MasterZone> &zones, const std::string &address, uint16_t port) {
+  if (port == 0) port = free_udp_port();
   auto directory = shared_directory();
   const std::string &path = directory->path();
   std::ostringstream config;
-  config << "server:\n  ip-address: 127.0.0.1\n  port: " << port
+  config << "server:\n  ip-address: " << address << "\n  port: " << port
          << "\n  username: \"\"\n  chroot: \"\"\n  server-count: 1\n"
          << "  zonesdir: \"" << path << "\"\n  pidfile: \"" << path << "/nsd.pid\"\n  database: \"\"\n  xfrdir: \""
          << path << "\"\n  xfrdfile: \"" << path << "/xfrd.state\"\n  zonelistfile: \"" << path
@@ -135,13 +146,14 @@ std::unique_ptr<NameDaemon> start_nsd(const std::vector<MasterZone> &zones) {
          << "remote-control:\n  control-enable: no\n";
   std::vector<std::string> names;
   for (const MasterZone &zone : zones) {
-    const std::string file = "zone" + std::to_string(names.size());
+    std::string file = "zone" + std::to_string(names.size());
     directory->write(file, zone.records);
+    if (zone.sign) file = sign(*directory, zone.name, file);
     config << "zone:\n  name: \"" << zone.name << "\"\n  zonefile: \"" << file << "\"\n";
     names.push_back(zone.name);
   }
   std::vector<std::string> argv{required_program("nsd"), "-d", "-c", directory->write("nsd.conf", config.str())};
-  return ready(std::make_unique<NameDaemon>(std::move(directory), std::move(argv), port), names);
+  return ready(std::make_unique<NameDaemon>(std::move(directory), std::move(argv), port), names, address);
 }
 
 std::unique_ptr<NameDaemon> start_unbound(const std::vector<StubZone> &zones) {
@@ -151,16 +163,17 @@ std::unique_ptr<NameDaemon> start_unbound(const std::vector<StubZone> &zones) {
   config << "server:\n  interface: 127.0.0.1\n  port: " << port << "\n  username: \"\"\n  chroot: \"\"\n  directory: \""
          << directory->path() << "\"\n  pidfile: \"" << directory->file("unbound.pid")
          << "\"\n  do-daemonize: no\n  use-syslog: no\n  num-threads: 1\n  outgoing-interface: 127.0.0.1\n"
-         << "  do-not-query-localhost: no\n  module-config: \"iterator\"\n  access-control: 127.0.0.0/8 allow\n"
+         << "  do-not-query-localhost: no\n  module-config: \"iterator\"\n  access-control: 127.0.0.0/8 allow_snoop\n"
          << "  do-ip6: no\n  outgoing-range: 64\n  num-queries-per-thread: 64\n  unblock-lan-zones: yes\n";
   // Names that it would otherwise answer for itself, such as those below test.
-  for (const auto &[name, server] : zones)
-    config << "  local-zone: \"" << name << "\" transparent\n";
+  for (const StubZone &zone : zones)
+    config << "  local-zone: \"" << zone.name << "\" transparent\n";
   config << "remote-control:\n  control-enable: no\n";
   std::vector<std::string> names;
-  for (const auto &[name, server] : zones) {
-    config << "stub-zone:\n  name: \"" << name << "\"\n  stub-addr: 127.0.0.1@" << server << "\n  stub-prime: no\n";
-    names.push_back(name);
+  for (const StubZone &zone : zones) {
+    config << "stub-zone:\n  name: \"" << zone.name << "\"\n  stub-addr: " << zone.address << "@" << zone.port
+           << "\n  stub-prime: no\n";
+    names.push_back(zone.name);
   }
   std::vector<std::string> argv{required_program("unbound"), "-d", "-c",
                                 directory->write("unbound.conf", config.str())};

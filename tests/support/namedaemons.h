@@ -13,7 +13,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "support/process.h"
@@ -44,22 +43,30 @@ struct ListZone {
 [[nodiscard]] std::unique_ptr<NameDaemon> start_rbldnsd(const std::vector<ListZone> &zones);
 
 // MasterZone is a zone of the authoritative server, its records in the usual text form; SOA and NS are among them.
+// Several servers may share a port, each on an address of its own in 127.0.0.0/8; port 0 is a free one.
 struct MasterZone {
   std::string name;
   std::string records;
+  bool sign = false;  // with a key that is made for it
 };
-[[nodiscard]] std::unique_ptr<NameDaemon> start_nsd(const std::vector<MasterZone> &zones);
+[[nodiscard]] std::unique_ptr<NameDaemon> start_nsd(const std::vector<MasterZone> &zones,
+                                                    const std::string &address = "127.0.0.1", uint16_t port = 0);
 
-// start_unbound starts a resolver that knows no root and asks 127.0.0.1 at `port` for the names of each zone.
-using StubZone = std::pair<std::string, uint16_t>;
+// start_unbound starts a resolver that knows no root and asks one server for the names of each zone. It also tells who
+// asks without RD what it holds.
+struct StubZone {
+  std::string name;
+  uint16_t port;
+  std::string address = "127.0.0.1";
+};
 [[nodiscard]] std::unique_ptr<NameDaemon> start_unbound(const std::vector<StubZone> &zones);
 
 // find_program looks in PATH and in the system administrator's directories; empty when there is no such program.
 [[nodiscard]] std::string find_program(std::string_view name);
 
-// ask_rcode sends one question (class IN, RD set) to 127.0.0.1 and returns the response code; nothing without an
-// answer.
-[[nodiscard]] std::optional<int> ask_rcode(uint16_t port, std::string_view name, uint16_t type, milliseconds bound);
+// ask_rcode sends one question (class IN, RD set) and returns the response code; nothing without an answer.
+[[nodiscard]] std::optional<int> ask_rcode(uint16_t port, std::string_view name, uint16_t type, milliseconds bound,
+                                           const std::string &address = "127.0.0.1");
 
 }  // namespace support
 
