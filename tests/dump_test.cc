@@ -1,12 +1,12 @@
 // dump_test.cc - caches in files: what a context saves another one loads, older by the time between, and nothing of a
 // file that is not whole.
 #include <arpa/inet.h>
+#include <checksum.h>
 #include <dns_engine.h>
 #include <dns_wire.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <kavo.h>
-#include <siphash.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -247,15 +247,14 @@ TEST_F(DumpTest, EveryDamagedByteIsRefused) {
 // sealed gives a changed dump the checksums of a sound one, as somebody who means harm would.
 std::string sealed(std::string bytes) {
   constexpr size_t kMagic = 8, kSum = 8, kSizeAt = 12, kHead = 16;
-  std::string key = std::string(kSum, '\0') + "dump sum";
+  uint64_t sum = 0;
   for (size_t at = kMagic; at + kHead <= bytes.size();) {
     uint32_t size = 0;
     memcpy(&size, &bytes[at + kSizeAt], sizeof size);
     const size_t end = at + kHead + std::min<size_t>(ntohl(size), bytes.size() - at - kHead);
-    uint64_t sum = siphash(reinterpret_cast<const uint8_t *>(key.data()), &bytes[at + kSum], end - at - kSum);
-    for (size_t i = kSum; i > 0; sum >>= 8)
-      key[--i] = static_cast<char>(sum);
-    std::copy_n(key.begin(), kSum, bytes.begin() + static_cast<std::ptrdiff_t>(at));
+    sum = checksum(sum, &bytes[at + kSum], end - at - kSum);
+    for (size_t i = 0; i < kSum; ++i)
+      bytes[at + i] = static_cast<char>(sum >> (56 - 8 * i));
     at = end;
   }
   return bytes;

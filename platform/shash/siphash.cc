@@ -5,6 +5,7 @@
 #include "siphash.h"
 
 #include <errno.h>
+#include <limits.h>
 #include <string.h>
 #include <sys/random.h>
 #include <sys/types.h>
@@ -45,8 +46,18 @@ struct sip_state {
   }
 };
 
-// load returns up to eight bytes as a word, the missing ones 0.
-uint64_t load(const uint8_t *bytes, size_t size) {
+uint64_t load(const uint8_t *bytes) {
+  uint64_t word = 0;
+  memcpy(&word, bytes, sizeof word);
+  return word;
+}
+
+// load_rest returns the last bytes of `size` that fill no word, the missing ones 0: from the last whole word where
+// there is one, because a copy of a few bytes costs more than all else here.
+uint64_t load_rest(const uint8_t *bytes, size_t size) {
+  const size_t left = size % kWordSize;
+  if (left == 0) return 0;
+  if (size > kWordSize) return load(bytes + size - kWordSize) >> (kWordSize - left) * CHAR_BIT;
   uint64_t word = 0;
   memcpy(&word, bytes, size);
   return word;
@@ -54,8 +65,8 @@ uint64_t load(const uint8_t *bytes, size_t size) {
 
 // "SipHash"'s four constants spell its initial state.
 sip_state start(const uint8_t secret[16]) {
-  const uint64_t k0 = load(secret, kWordSize);
-  const uint64_t k1 = load(secret + kWordSize, kWordSize);
+  const uint64_t k0 = load(secret);
+  const uint64_t k1 = load(secret + kWordSize);
   return {k0 ^ 0x736f6d6570736575, k1 ^ 0x646f72616e646f6d, k0 ^ 0x6c7967656e657261, k1 ^ 0x7465646279746573};
 }
 
@@ -80,11 +91,9 @@ template <uint64_t fold(uint64_t)>
 uint64_t hash_words(const uint8_t secret[16], const void *data, size_t size) {
   sip_state state = start(secret);
   const auto *bytes = static_cast<const uint8_t *>(data);
-  size_t left = size;
-  for (; left >= kWordSize; left -= kWordSize, bytes += kWordSize)
-    state.take(fold(load(bytes, kWordSize)));
-  const uint64_t rest = left == 0 ? 0 : fold(load(bytes, left));
-  state.take(rest | static_cast<uint64_t>(size) << kSizeShift);
+  for (size_t at = 0; at + kWordSize <= size; at += kWordSize)
+    state.take(fold(load(bytes + at)));
+  state.take(fold(load_rest(bytes, size)) | static_cast<uint64_t>(size) << kSizeShift);
   state.v2 ^= kFinalMark;
   for (int i = 0; i < kFinalRounds; ++i)
     state.round();

@@ -13,11 +13,11 @@ constexpr uint8_t kRcodeMax = 15;  // a response code is four bits of a packet's
 
 constexpr size_t kTtlAt = 8;
 constexpr size_t kRunSizeAt = 12;
-constexpr size_t kTypAt = 14;
-constexpr size_t kClsAt = 16;
-constexpr size_t kRcodeAt = 18;
-constexpr size_t kDnSizeAt = 19;
-static_assert(kDnSizeAt + 1 == kImageHead && DNS_MAXDN == UINT8_MAX);
+constexpr size_t kRcodeAt = 14;
+constexpr size_t kDnSizeAt = 15;
+constexpr size_t kKeyAt = 16;
+constexpr size_t kClsInKey = 2;
+static_assert(kKeyAt + kImageKeyHead == kImageHead && DNS_MAXDN == UINT8_MAX);
 
 // whole_name tells whether `bytes`, at most DNS_MAXDN, are a DN and nothing else.
 [[nodiscard]] bool whole_name(std::span<const uint8_t> bytes) {
@@ -29,6 +29,13 @@ static_assert(kDnSizeAt + 1 == kImageHead && DNS_MAXDN == UINT8_MAX);
 
 }  // namespace
 
+size_t write_key(uint16_t typ, uint16_t cls, std::span<const uint8_t> dn, uint8_t *to) {
+  put_be(to, typ);
+  put_be(to + kClsInKey, cls);
+  memcpy(to + kImageKeyHead, dn.data(), dn.size());
+  return kImageKeyHead + dn.size();
+}
+
 size_t image_size(const Entry &entry) {
   return kImageHead + entry.dn_size + entry.run_size;
 }
@@ -36,11 +43,11 @@ size_t image_size(const Entry &entry) {
 void write_image(Entry *entry, uint8_t *to) {
   put_be(to, static_cast<uint64_t>(entry->stored));
   put_be(to + kTtlAt, static_cast<uint32_t>(entry->ttl));
-  put_be(to + kRunSizeAt, static_cast<uint16_t>(entry->run_size));
-  put_be(to + kTypAt, entry->typ);
-  put_be(to + kClsAt, entry->cls);
+  put_be(to + kRunSizeAt, entry->run_size);
   to[kRcodeAt] = entry->rcode;
   to[kDnSizeAt] = entry->dn_size;
+  put_be(to + kKeyAt, entry->typ);
+  put_be(to + kKeyAt + kClsInKey, entry->cls);
   memcpy(to + kImageHead, entry->dn(), size_t{entry->dn_size} + entry->run_size);  // they lie side by side there too
 }
 
@@ -54,30 +61,32 @@ bool read_image(std::span<const uint8_t> *bytes, Image *image) {
   if (bytes->size() - kImageHead < dn_size + run_size) return false;
   image->stored = static_cast<dns_time>(get_be<uint64_t>(head));
   image->ttl = static_cast<int32_t>(ttl);
-  image->typ = get_be<uint16_t>(head + kTypAt);
-  image->cls = get_be<uint16_t>(head + kClsAt);
+  image->typ = get_be<uint16_t>(head + kKeyAt);
+  image->cls = get_be<uint16_t>(head + kKeyAt + kClsInKey);
   image->rcode = head[kRcodeAt];
-  image->dn = bytes->subspan(kImageHead, dn_size);
-  image->run = bytes->subspan(kImageHead + dn_size, run_size);
+  image->dn_size = head[kDnSizeAt];
+  image->key = bytes->subspan(kKeyAt, kImageKeyHead + dn_size);
+  image->body = bytes->subspan(kImageHead, dn_size + run_size);
   *bytes = bytes->subspan(kImageHead + dn_size + run_size);
-  return whole_name(image->dn) && run_counts(image->run, &image->records, &image->cnames);
+  return whole_name(image->body.first(dn_size)) && run_facts(image->body.subspan(dn_size), &image->facts);
 }
 
 bool image_to_cdata(const Image &image, dns_time now, dns_cdata *entry) {
-  if (!cdata_reserve(entry, image.run.size())) return false;
-  memcpy(entry->dn, image.dn.data(), image.dn.size());
-  entry->dn_size = static_cast<uint8_t>(image.dn.size());
+  const std::span<const uint8_t> run = image.body.subspan(image.dn_size);
+  if (!cdata_reserve(entry, run.size())) return false;
+  memcpy(entry->dn, image.body.data(), image.dn_size);
+  entry->dn_size = image.dn_size;
   entry->cls = image.cls;
   entry->typ = image.typ;
   entry->rcode = image.rcode;
   entry->age = age_since(image.stored, now);
   entry->ttl = image.ttl - entry->age;
-  entry->records = image.records;
-  entry->cnames = image.cnames;
-  entry->run_size = image.run.size();
+  entry->records = image.facts.records;
+  entry->cnames = image.facts.cnames;
+  entry->run_size = run.size();
   entry->next = 0;
   if (entry->run_size == 0) return true;
-  memcpy(entry->run, image.run.data(), entry->run_size);
+  memcpy(entry->run, run.data(), entry->run_size);
   run_settle({entry->run, entry->run_size}, 0, 0, INT32_MAX);
   return true;
 }

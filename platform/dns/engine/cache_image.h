@@ -1,15 +1,16 @@
 // cache_image.h - the form in which a cache's entries leave it and come back: one image each, bytes in network order.
 //
-// An image is its head (when the entry was stored, TTL, run size, type, class, response code, name size), the name, the
-// run. Images are written under a shard's mutex and read by nobody's leave: what stands in one is foreign until
-// read_image has checked it.
+// An image is its head (when the entry was stored, TTL, run size, response code, name size), its key (type, class,
+// name), and its run. Images are written under a shard's mutex and read by nobody's leave: what stands in one is
+// foreign until read_image has checked it.
 #ifndef CACHE_IMAGE_H
 #define CACHE_IMAGE_H
 
-#include <limits.h>
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 
+#include <bit>
 #include <concepts>
 #include <span>
 
@@ -21,20 +22,26 @@ namespace dns {
 
 struct Entry;
 
-// An integer of two bytes or more in network order.
+// swapped turns an integer of two bytes or more to network order, or back.
+template <std::unsigned_integral T>
+[[nodiscard]] constexpr T swapped(T value) {
+  static_assert(std::endian::native == std::endian::little && sizeof(T) > 1);
+  if constexpr (sizeof(T) == sizeof(uint16_t)) return __builtin_bswap16(value);
+  if constexpr (sizeof(T) == sizeof(uint32_t)) return __builtin_bswap32(value);
+  return __builtin_bswap64(value);
+}
+
 template <std::unsigned_integral T>
 void put_be(uint8_t *to, T value) {
-  static_assert(sizeof(T) > 1);
-  for (size_t i = sizeof(T); i > 0; value = static_cast<T>(value >> CHAR_BIT))
-    to[--i] = static_cast<uint8_t>(value);
+  value = swapped(value);
+  memcpy(to, &value, sizeof value);
 }
 
 template <std::unsigned_integral T>
 [[nodiscard]] T get_be(const uint8_t *from) {
   T value = 0;
-  for (size_t i = 0; i < sizeof(T); ++i)
-    value = static_cast<T>(value << CHAR_BIT | from[i]);
-  return value;
+  memcpy(&value, from, sizeof value);
+  return swapped(value);
 }
 
 // Image is what an image says.
@@ -44,15 +51,19 @@ struct Image {
   uint16_t typ;
   uint16_t cls;
   uint8_t rcode;
-  uint16_t records;
-  uint16_t cnames;
-  std::span<const uint8_t> dn;
-  std::span<const uint8_t> run;
+  uint8_t dn_size;
+  RunFacts facts;
+  std::span<const uint8_t> key;   // type, class, name: what a cache hashes, letters of either case alike
+  std::span<const uint8_t> body;  // name and run, side by side as in an entry
 };
 
-inline constexpr size_t kImageHead = 8 + 4 + 2 + 2 + 2 + 1 + 1;
+inline constexpr size_t kImageKeyHead = 2 + 2;
+inline constexpr size_t kImageHead = 8 + 4 + 2 + 1 + 1 + kImageKeyHead;
 inline constexpr size_t kImageMin = kImageHead + 1;  // of the root, without records
 inline constexpr size_t kImageMax = kImageHead + DNS_MAXDN + kRunMax;
+
+// write_key writes a key as images have it, at most kImageKeyHead and DNS_MAXDN bytes; returns their number.
+[[nodiscard]] size_t write_key(uint16_t typ, uint16_t cls, std::span<const uint8_t> dn, uint8_t *to);
 
 [[nodiscard]] size_t image_size(const Entry &entry);
 // write_image writes image_size bytes.

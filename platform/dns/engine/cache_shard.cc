@@ -10,8 +10,6 @@ namespace dns {
 
 namespace {
 
-// Buckets of one segment, an allocation of its own; the directory points to the segments and doubles as it fills.
-constexpr size_t kSegmentBuckets = 32;
 constexpr size_t kDirectoryMin = 8;
 
 // How many entries from the old end of the list are looked at for an expired one that can give way first.
@@ -44,22 +42,6 @@ Index::~Index() {
 
 size_t Index::segments() const {
   return (buckets_ + kSegmentBuckets - 1) / kSegmentBuckets;
-}
-
-Entry **Index::bucket(size_t i) const {
-  return &directory_[i / kSegmentBuckets][i % kSegmentBuckets];
-}
-
-Entry *Index::first(uint64_t hash) const {
-  return buckets_ == 0 ? nullptr : *bucket(place(hash));
-}
-
-// place is the bucket of a hash: as many of its low bits as number all buckets, one less where that bucket is still to
-// come.
-size_t Index::place(uint64_t hash) const {
-  const size_t span = std::bit_ceil(buckets_);
-  const size_t i = hash & (span - 1);
-  return i < buckets_ ? i : i - span / 2;
 }
 
 void Index::insert(Entry *entry) {
@@ -122,9 +104,8 @@ bool Shard::begin(size_t bytes_max) {
 }
 
 void Shard::end() {
-  Graveyard dead;
-  for (Entry *entry = newest_; entry != nullptr; entry = entry->older)
-    dead.add(entry);
+  while (newest_ != nullptr)
+    free(std::exchange(newest_, newest_->older));
   (void)pelk_mutex_destroy(&mutex);
 }
 
@@ -187,11 +168,11 @@ bool Shard::expect(size_t entries) {
   return true;
 }
 
-dns_status Shard::insert(Entry *entry, const Key &key, dns_time now, bool keep_expired, Graveyard *dead) {
+dns_status Shard::insert(Entry *entry, Entry *old, dns_time now, bool keep_expired, Graveyard *dead) {
   const size_t needed = entry->charge() + (index_.due() ? index_.growth() : 0);
   if (index_.bytes() + needed > bytes_max_) return DNS_E_NOBUFS;
   if (index_.empty() && !index_.grow()) return DNS_E_NOMEM;
-  if (Entry *old = find(key); old != nullptr) {
+  if (old != nullptr) {
     remove(old);
     dead->add(old);
   }

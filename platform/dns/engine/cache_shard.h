@@ -12,6 +12,7 @@
 #include <stdint.h>
 #include <stdlib.h>
 
+#include <bit>
 #include <utility>
 
 #include <kavo/dns.h>
@@ -31,7 +32,7 @@ struct Entry {
   uint64_t hash;
   dns_time stored;
   int32_t ttl;
-  uint32_t run_size;
+  uint16_t run_size;
   uint16_t typ;
   uint16_t cls;
   uint16_t records;
@@ -76,7 +77,7 @@ class Index {
   Index &operator=(const Index &) = delete;
   ~Index();
 
-  [[nodiscard]] Entry *first(uint64_t hash) const;
+  [[nodiscard]] Entry *first(uint64_t hash) const { return buckets_ == 0 ? nullptr : *bucket(place(hash)); }
   void insert(Entry *entry);
   void remove(Entry *entry);
   // due tells whether one more entry asks for one more bucket; the first one always does.
@@ -91,15 +92,25 @@ class Index {
   // head gives the first entry of bucket `i`, below buckets(). While the index grows, an entry only ever moves to the
   // new last bucket, so that a walk in ascending order meets it.
   [[nodiscard]] Entry *head(size_t i) const { return *bucket(i); }
-  // prefetch has the processor fetch the bucket of a hash.
-  void prefetch(uint64_t hash) const {
+  // prefetch has the processor fetch the bucket of a hash. It is inlined always, because g++ takes a function that only
+  // prefetches for one without effect and drops the call.
+  [[gnu::always_inline]] void prefetch(uint64_t hash) const {
     if (buckets_ > 0) __builtin_prefetch(bucket(place(hash)));
   }
 
  private:
+  // Buckets of one segment, an allocation of its own; the directory points to the segments and doubles as it fills.
+  static constexpr size_t kSegmentBuckets = 32;
+
   [[nodiscard]] size_t segments() const;
-  [[nodiscard]] Entry **bucket(size_t i) const;
-  [[nodiscard]] size_t place(uint64_t hash) const;
+  [[nodiscard]] Entry **bucket(size_t i) const { return &directory_[i / kSegmentBuckets][i % kSegmentBuckets]; }
+  // place is the bucket of a hash: as many of its low bits as number all buckets, one less where that bucket is still
+  // to come.
+  [[nodiscard]] size_t place(uint64_t hash) const {
+    const size_t span = std::bit_ceil(buckets_);
+    const size_t i = hash & (span - 1);
+    return i < buckets_ ? i : i - span / 2;
+  }
   [[nodiscard]] bool add_segment();
 
   Entry ***directory_ = nullptr;
@@ -132,9 +143,9 @@ class alignas(kCacheLine) Shard {
   void used(Entry *entry) PELK_REQUIRES(mutex);
   // remove takes an entry out; the caller releases it.
   void remove(Entry *entry) PELK_REQUIRES(mutex);
-  // insert files `entry` in the place of any older one of its key; entries give way to it as needed. DNS_E_NOBUFS for
-  // one that is larger than the shard, DNS_E_NOMEM: nothing has changed.
-  [[nodiscard]] dns_status insert(Entry *entry, const Key &key, dns_time now, bool keep_expired, Graveyard *dead)
+  // insert files `entry` in the place of `old`, which find gave for its key; entries give way to it as needed.
+  // DNS_E_NOBUFS for one that is larger than the shard, DNS_E_NOMEM: nothing has changed.
+  [[nodiscard]] dns_status insert(Entry *entry, Entry *old, dns_time now, bool keep_expired, Graveyard *dead)
       PELK_REQUIRES(mutex);
   // expect gives the index buckets for `entries`, a bounded number at a call. False when it has them, or more would
   // take too much of the shard.

@@ -67,8 +67,7 @@ struct Source {
 
 // write_data writes the data whole. False for data that the type does not allow, and for compressed names in data that
 // stands alone: they point to nowhere, even where a name of the same data happens to stand.
-[[nodiscard]] bool write_data(const Source &source, uint16_t typ, std::span<const uint8_t> buffer,
-                              dns::Writer *writer) {
+[[nodiscard]] bool write_data(const Source &source, uint16_t typ, std::span<uint8_t> buffer, dns::Writer *writer) {
   const size_t at = writer->position();
   if (!dns::plain_data(source.packet, typ, source.at, source.size, writer) || !writer->ok()) return false;
   if (!source.alone) return true;
@@ -76,31 +75,25 @@ struct Source {
   return written == source.size && (written == 0 || memcmp(buffer.data() + at, source.packet.data(), written) == 0);
 }
 
-// skip_owner passes an owner in the form that append gives it: the pointer to the entry's own name, or a whole name.
-[[nodiscard]] bool skip_owner(Reader *reader) {
-  const size_t at = reader->position();
-  Reader ahead = *reader;
-  uint16_t pointer = 0;
-  if (ahead.u16(&pointer) && pointer == dns::kOwnName) {
-    *reader = ahead;
-    return true;
-  }
+// owner_size gives the bytes of the owner at the head of `run`, in the form that append gives it: the pointer to the
+// entry's own name, or a whole name. 0 for any other.
+[[nodiscard]] size_t owner_size(std::span<const uint8_t> run) {
+  constexpr std::array<uint8_t, kPointerSize> kOwn = {dns::kOwnName >> CHAR_BIT, dns::kOwnName & UINT8_MAX};
+  if (run.size() >= kPointerSize && run[0] == kOwn[0] && run[1] == kOwn[1]) return kPointerSize;
+  Reader reader(run);
   uint8_t dn[DNS_MAXDN];
   unsigned size = 0;
-  return reader->name(dn, &size) && reader->position() - at == size;  // one with a pointer is never as long as its name
+  return reader.name(dn, &size) && reader.position() == size ? size : 0;  // one with a pointer is shorter than its name
 }
 
-// read_plain passes a record that append may have written and gives its type.
-[[nodiscard]] bool read_plain(Reader *reader, uint16_t *typ) {
-  std::span<const uint8_t> fixed, data;
-  if (!skip_owner(reader) || !reader->bytes(kRecordFixed, &fixed)) return false;
-  const auto u16_at = [&fixed](size_t at) { return static_cast<uint16_t>(fixed[at] << CHAR_BIT | fixed[at + 1]); };
-  const uint16_t size = u16_at(kRecordFixed - 2);
-  *typ = u16_at(0);
-  if (!reader->bytes(size, &data)) return false;
+// whole_data tells whether a type allows `data`, without compressed names. Addresses, of which a cache is full, are
+// told by their size.
+[[nodiscard]] bool whole_data(uint16_t typ, std::span<const uint8_t> data) {
+  if (typ == DNS_T_A) return data.size() == sizeof(in_addr);
+  if (typ == DNS_T_AAAA) return data.size() == sizeof(in6_addr);
   std::array<uint8_t, dns::kRunMax + kExpansionMax> copy;  // written before it is read
   dns::Writer writer(copy);
-  return write_data({data, 0, size, true}, *typ, copy, &writer);
+  return write_data({data, 0, data.size(), true}, typ, copy, &writer);
 }
 
 // append writes a record behind the run. DNS_E_NOERROR; DNS_E_INVAL for an owner that is no name, DNS_E_PROTOCOL for
@@ -301,15 +294,18 @@ int cdata_to_packet(const dns_cdata *entry, uint8_t *buffer, size_t size) {
   return static_cast<int>(writer.position());
 }
 
-bool run_counts(std::span<const uint8_t> run, uint16_t *records, uint16_t *cnames) {
-  *records = 0;
-  *cnames = 0;
-  Reader reader(run);
-  while (reader.left() > 0) {
-    uint16_t typ = 0;
-    if (!read_plain(&reader, &typ)) return false;
-    *records = static_cast<uint16_t>(*records + 1);
-    if (typ == DNS_T_CNAME) *cnames = static_cast<uint16_t>(*cnames + 1);
+bool run_facts(std::span<const uint8_t> run, RunFacts *facts) {
+  *facts = {};
+  while (!run.empty()) {
+    const size_t owner = owner_size(run);
+    if (owner == 0) return false;
+    RunRecord record;
+    size_t at = 0;
+    if (!next_record(run, &at, &record) || !whole_data(record.typ, record.data)) return false;
+    facts->records = static_cast<uint16_t>(facts->records + 1);
+    if (record.typ == DNS_T_CNAME) facts->cnames = static_cast<uint16_t>(facts->cnames + 1);
+    facts->ttl_max = std::max(facts->ttl_max, record.ttl);
+    run = run.subspan(at);
   }
   return true;
 }

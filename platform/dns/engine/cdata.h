@@ -3,7 +3,7 @@
 // An entry belongs to one thread at a time; nothing here locks or reads a clock. Its records are a run of bytes in the
 // form that an answer section has, their data free of compression: owner, type, class, TTL, length, data. An owner that
 // is the entry's own name is the pointer kOwnName, which leads to the question of any packet that begins as an answer
-// does, so that a run becomes an answer section by copying it. A run is written here alone, or has passed run_counts,
+// does, so that a run becomes an answer section by copying it. A run is written here alone, or has passed run_facts,
 // and is therefore trusted.
 #ifndef CDATA_H
 #define CDATA_H
@@ -90,9 +90,15 @@ inline void cdata_cut(dns_cdata *entry, const CdataEnd &end) {
 // does not fit `size` (DNS_MAXPACKET always does); DNS_E_BADQUERY for an entry without a name.
 [[nodiscard]] int cdata_to_packet(const dns_cdata *entry, uint8_t *buffer, size_t size);
 
-// run_counts checks a run from outside the process and counts its records and aliases. False for one that could not
-// have been written here.
-[[nodiscard]] bool run_counts(std::span<const uint8_t> run, uint16_t *records, uint16_t *cnames);
+// RunFacts is what a run holds: its records, those of type CNAME, the longest TTL.
+struct RunFacts {
+  uint16_t records = 0;
+  uint16_t cnames = 0;
+  uint32_t ttl_max = 0;
+};
+
+// run_facts checks a run from outside the process. False for one that could not have been written here.
+[[nodiscard]] bool run_facts(std::span<const uint8_t> run, RunFacts *facts);
 
 // run_settle rewrites the TTLs of a run: each lowered by `age`, then kept within `least` and `most`.
 void run_settle(std::span<uint8_t> run, int32_t age, int32_t least, int32_t most);

@@ -3,9 +3,9 @@
 // A dump is a magic number and then frames: a file head (format version, when it was saved), for each cache a head with
 // the user data, blocks of entry images (cache_image.h) and an end with totals, and last a file end with totals.
 // Integers are in network order, times absolute. Each frame carries a checksum of itself and of all frames before it:
-// SipHash-1-3 under the checksum of the frame before, which misses damage once in 2^64, keeps up with the memory and is
-// at hand. It guards against accidents, not against forgers, so what is read is checked entry by entry all the same.
-// The file end comes last, hence a file whose writer was killed has none and is refused as a whole.
+// it goes on from the checksum of the frame before, misses damage once in 2^64 and keeps up with the memory. It guards
+// against accidents, not against forgers, so what is read is checked entry by entry all the same. The file end comes
+// last, hence a file whose writer was killed has none and is refused as a whole.
 //
 // A dump context belongs to one thread at a time; the caches may be used by any thread meanwhile. Memory is one block,
 // whatever the file's size: a section is read once to check it, and again to load it.
@@ -23,8 +23,8 @@
 #include <utility>
 
 #include "cache_image.h"
+#include "checksum.h"
 #include "dns_engine.h"
-#include "siphash.h"
 
 namespace {
 
@@ -109,12 +109,8 @@ struct dns_cdump {
 
 namespace {
 
-uint64_t checksum(uint64_t before, const uint8_t *frame, size_t body_size) {
-  static constexpr std::array<uint8_t, 8> kKeyTail = {'d', 'u', 'm', 'p', ' ', 's', 'u', 'm'};
-  uint8_t key[16];
-  put_be(key, before);
-  memcpy(key + sizeof before, kKeyTail.data(), kKeyTail.size());
-  return siphash(key, frame + kKindAt, kFrameHead - kKindAt + body_size);
+uint64_t sum_of(uint64_t before, const uint8_t *frame, size_t body_size) {
+  return checksum(before, frame + kKindAt, kFrameHead - kKindAt + body_size);
 }
 
 // open_dump makes a context with a descriptor of its own for what `fd` has open. Null without memory or descriptor.
@@ -144,7 +140,7 @@ uint64_t checksum(uint64_t before, const uint8_t *frame, size_t body_size) {
   uint8_t *frame = dump->frame.get();
   put_be(frame + kKindAt, static_cast<uint32_t>(kind));
   put_be(frame + kSizeAt, static_cast<uint32_t>(body_size));
-  dump->place.sum = checksum(dump->place.sum, frame, body_size);
+  dump->place.sum = sum_of(dump->place.sum, frame, body_size);
   put_be(frame, dump->place.sum);
   dump->place.offset += kFrameHead + body_size;
   return write_whole(dump->fd, {frame, kFrameHead + body_size});
@@ -219,7 +215,7 @@ uint64_t checksum(uint64_t before, const uint8_t *frame, size_t body_size) {
   if (!pass_checked || frame->kind != kBlock || at->offset >= dump->checked) {
     status = read_at(dump, at->offset + kFrameHead, dump->body().first(size));
     if (status != DNS_E_NOERROR) return status;
-    if (checksum(at->sum, head, size) != sum) return DNS_E_TFILE;
+    if (sum_of(at->sum, head, size) != sum) return DNS_E_TFILE;
   }
   *at = {at->offset + kFrameHead + size, sum};
   return DNS_E_NOERROR;

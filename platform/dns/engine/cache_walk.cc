@@ -1,0 +1,188 @@
+// cache_walk.cc - the ways of many entries out of a cache, as images, and back (cache_image.h).
+//
+// Any thread may walk a cache or put images back while others use it: a shard's mutex is held for a few dozen buckets
+// or entries at a time. Both ways spend their time waiting for memory, so what is about to be touched is asked for
+// ahead, many pieces side by side.
+#include <stdlib.h>
+#include <string.h>
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+#include "cache.h"
+#include "cache_image.h"
+#include "siphash.h"
+
+namespace dns {
+
+namespace {
+
+// Buckets that are walked at a time: about as many entries, copied in a few microseconds.
+constexpr size_t kWalkStep = 64;
+
+// gone tells whether an entry would no longer be returned.
+bool gone(dns_time stored, int32_t ttl, dns_time now, bool expired_too) {
+  return !expired_too && age_since(stored, now) > ttl;
+}
+
+// copy_bucket appends the images of a bucket's entries, or none of them when they do not all fit. False when the room
+// is full.
+[[nodiscard]] bool copy_bucket(Entry *first, dns_time now, bool expired_too, size_t *taken, Images *images) {
+  const Images before = *images;
+  size_t count = 0;
+  for (Entry *entry = first; entry != nullptr; entry = entry->bucket_next, ++count) {
+    if (count < *taken || gone(entry->stored, entry->ttl, now, expired_too)) continue;
+    const size_t size = image_size(*entry);
+    if (size > images->room.size() - images->used) {
+      *taken = before.used == 0 ? count : 0;
+      if (before.used > 0) *images = before;
+      return false;
+    }
+    write_image(entry, &images->room[images->used]);
+    images->used += size;
+    images->entries += 1;
+  }
+  *taken = 0;
+  return true;
+}
+
+enum class Step { kMore, kFull, kDone, kFailed };
+
+// walk_step walks a few buckets of a shard.
+[[nodiscard]] Step walk_step(Shard *shard, CacheWalk *walk, dns_time now, bool expired_too, Images *images) {
+  const pelk_lock lock(&shard->mutex);
+  if (lock.error != 0) return Step::kFailed;
+  const Index &index = shard->index();
+  const size_t end = std::min(walk->bucket + kWalkStep, index.buckets());
+  for (size_t i = walk->bucket; i < end; ++i) {
+    const Entry *entry = index.head(i);
+    __builtin_prefetch(entry);
+    __builtin_prefetch(entry + 1);
+  }
+  for (; walk->bucket < end; ++walk->bucket) {
+    if (!copy_bucket(index.head(walk->bucket), now, expired_too, &walk->taken, images)) return Step::kFull;
+  }
+  return end == index.buckets() ? Step::kDone : Step::kMore;
+}
+
+// Waiting holds entries on their way into a cache, by shard, linked through bucket_next.
+using Waiting = std::array<Entry *, kShardsMax>;
+
+// restored makes the entry of an image, to be released with free; null without memory.
+[[nodiscard]] Entry *restored(const Image &image, uint64_t hash, dns_time now, int32_t ttl_max) {
+  const size_t body_size = image.body.size();
+  auto *entry = static_cast<Entry *>(malloc(sizeof(Entry) + body_size));
+  if (entry == nullptr) return nullptr;
+  entry->hash = hash;
+  entry->stored = std::min(image.stored, now);  // as age_of has it
+  entry->ttl = std::min(image.ttl, ttl_max);
+  entry->typ = image.typ;
+  entry->cls = image.cls;
+  entry->records = image.facts.records;
+  entry->cnames = image.facts.cnames;
+  entry->rcode = image.rcode;
+  entry->dn_size = image.dn_size;
+  entry->run_size = static_cast<uint16_t>(body_size - image.dn_size);
+  memcpy(entry->dn(), image.body.data(), body_size);
+  if (image.facts.ttl_max > static_cast<uint32_t>(ttl_max)) run_settle({entry->run(), entry->run_size}, 0, 0, ttl_max);
+  return entry;
+}
+
+// sort_out makes entries of those images that the cache would keep and files them by shard. False without memory: then
+// some are there.
+[[nodiscard]] bool sort_out(dns_cache *cache, std::span<const Image> images, dns_time now, Waiting *waiting) {
+  const bool expired_too = cache->keeps_expired();
+  const bool denials_too = cache->keeps_denials();
+  const int32_t ttl_max = cache->ttl_max();
+  for (const Image &image : images) {
+    if (!denials_too && is_denial(image.typ, image.rcode, image.facts.records, image.facts.cnames)) continue;
+    if (gone(image.stored, std::min(image.ttl, ttl_max), now, expired_too)) continue;
+    const uint64_t hash = siphash_folded(cache->secret, image.key.data(), image.key.size());
+    Entry *entry = restored(image, hash, now, ttl_max);
+    if (entry == nullptr) return false;
+    entry->bucket_next = std::exchange((*waiting)[cache->shard_number(hash)], entry);
+  }
+  return true;
+}
+
+// put_back inserts an entry unless there is one as new. DNS_E_NOBUFS for an entry that is left out.
+[[nodiscard]] dns_status put_back(Shard *shard, Entry *entry, dns_time now, bool expired_too, Graveyard *dead)
+    PELK_REQUIRES(shard->mutex) {
+  const Key key = {entry->dn(), entry->dn_size, entry->typ, entry->cls, entry->hash};
+  Entry *there = shard->find(key);
+  if (there != nullptr && there->stored >= entry->stored) return DNS_E_NOBUFS;
+  return shard->insert(entry, there, now, expired_too, dead);
+}
+
+// fetch_ahead has the processor fetch what the entries from `first` on will meet: their buckets, then the first entries
+// there, then the second ones, each kind side by side instead of one after another. Inlined as Index::prefetch is.
+[[gnu::always_inline]] inline void fetch_ahead(const Index &index, const Entry *first) {
+  for (const Entry *entry = first; entry != nullptr; entry = entry->bucket_next)
+    index.prefetch(entry->hash);
+  for (const Entry *entry = first; entry != nullptr; entry = entry->bucket_next)
+    __builtin_prefetch(index.first(entry->hash));
+  for (const Entry *entry = first; entry != nullptr; entry = entry->bucket_next) {
+    const Entry *there = index.first(entry->hash);
+    if (there != nullptr) __builtin_prefetch(there->bucket_next);
+  }
+}
+
+// put_waiting inserts the entries that wait for one shard.
+[[nodiscard]] dns_status put_waiting(Shard *shard, Entry *first, dns_time now, bool expired_too, uint64_t *kept) {
+  Graveyard dead;
+  const pelk_lock lock(&shard->mutex);
+  dns_status status = lock.error != 0 ? DNS_E_FAIL : DNS_E_NOERROR;
+  fetch_ahead(shard->index(), first);
+  while (first != nullptr) {
+    Entry *entry = std::exchange(first, first->bucket_next);
+    const dns_status outcome = status == DNS_E_NOERROR ? put_back(shard, entry, now, expired_too, &dead) : status;
+    if (outcome != DNS_E_NOERROR) dead.add(entry);
+    if (outcome == DNS_E_NOERROR) *kept += 1;
+    if (outcome == DNS_E_NOMEM) status = outcome;
+  }
+  return status;
+}
+
+}  // namespace
+
+int cache_walk(dns_cache *cache, CacheWalk *walk, dns_time now, Images *images) {
+  const bool expired_too = cache->keeps_expired();
+  while (walk->shard < cache->shards_count) {
+    switch (walk_step(&cache->shards[walk->shard], walk, now, expired_too, images)) {
+      case Step::kMore:
+        break;
+      case Step::kFull:
+        return 1;
+      case Step::kFailed:
+        return DNS_E_FAIL;
+      case Step::kDone:
+        *walk = {walk->shard + 1, 0, 0};
+        break;
+    }
+  }
+  return 0;
+}
+
+void cache_expect(dns_cache *cache, uint64_t entries) {
+  for (unsigned i = 0; i < cache->shards_count; ++i) {
+    Shard *shard = &cache->shards[i];
+    for (bool more = true; more;) {
+      const pelk_lock lock(&shard->mutex);
+      more = lock.error == 0 && shard->expect(entries / cache->shards_count);
+    }
+  }
+}
+
+int cache_restore(dns_cache *cache, std::span<const Image> images, dns_time now, uint64_t *kept) {
+  const bool expired_too = cache->keeps_expired();
+  Waiting waiting = {};
+  dns_status status = sort_out(cache, images, now, &waiting) ? DNS_E_NOERROR : DNS_E_NOMEM;
+  for (unsigned i = 0; i < cache->shards_count; ++i) {
+    const dns_status outcome = put_waiting(&cache->shards[i], waiting[i], now, expired_too, kept);
+    if (status == DNS_E_NOERROR) status = outcome;
+  }
+  return status;
+}
+
+}  // namespace dns
