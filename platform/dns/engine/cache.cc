@@ -66,9 +66,9 @@ Entry *build(const dns_cache *cache, const dns_cdata *from, const Key &key, int3
   auto *entry = static_cast<Entry *>(malloc(sizeof(Entry) + from->dn_size + from->run_size));
   if (entry == nullptr) return nullptr;
   *entry = {.bucket_next = nullptr,
+            .hash = key.hash,
             .newer = nullptr,
             .older = nullptr,
-            .hash = key.hash,
             .stored = now,
             .ttl = ttl,
             .run_size = static_cast<uint16_t>(from->run_size),

@@ -37,6 +37,7 @@ struct dns_cache : dns_cacher {
   std::atomic<uint32_t> flags = DNS_CR_NCACHE;
   std::atomic<uint32_t> default_ttl = 0;
   std::atomic<uint32_t> minimum_ttl = 0;
+  std::atomic<unsigned> restores = 0;  // how often images were put back
   uint8_t secret[16] = {};
   unsigned shards_begun = 0;
   unsigned shards_count = 1;  // a power of two

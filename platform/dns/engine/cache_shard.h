@@ -24,12 +24,13 @@ namespace dns {
 // What the allocator adds to a block, at most.
 inline constexpr size_t kBlockOverhead = 16;
 
-// Entry is the head of an entry's block; its name and its run follow it.
+// Entry is the head of an entry's block; its name and its run follow it. What a search in a bucket reads stands first,
+// in one line of the processor's cache.
 struct Entry {
   Entry *bucket_next;
+  uint64_t hash;
   Entry *newer;
   Entry *older;
-  uint64_t hash;
   dns_time stored;
   int32_t ttl;
   uint16_t run_size;

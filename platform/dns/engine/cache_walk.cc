@@ -21,6 +21,9 @@ namespace {
 // Buckets that are walked at a time: about as many entries, copied in a few microseconds.
 constexpr size_t kWalkStep = 64;
 
+// Threads that put images back at the same time begin so many shards apart, where they do not meet.
+constexpr unsigned kShardStride = 7;
+
 // gone tells whether an entry would no longer be returned.
 bool gone(dns_time stored, int32_t ttl, dns_time now, bool expired_too) {
   return !expired_too && age_since(stored, now) > ttl;
@@ -178,8 +181,10 @@ int cache_restore(dns_cache *cache, std::span<const Image> images, dns_time now,
   const bool expired_too = cache->keeps_expired();
   Waiting waiting = {};
   dns_status status = sort_out(cache, images, now, &waiting) ? DNS_E_NOERROR : DNS_E_NOMEM;
+  const unsigned first = cache->restores.fetch_add(1, std::memory_order_relaxed) * kShardStride;
   for (unsigned i = 0; i < cache->shards_count; ++i) {
-    const dns_status outcome = put_waiting(&cache->shards[i], waiting[i], now, expired_too, kept);
+    const unsigned number = (first + i) % cache->shards_count;
+    const dns_status outcome = put_waiting(&cache->shards[number], waiting[number], now, expired_too, kept);
     if (status == DNS_E_NOERROR) status = outcome;
   }
   return status;
