@@ -712,7 +712,8 @@ KAVO_EXPORT KAVO_ERR kavo_cache_has(KAVO_CACHE cacher, KAVO_TYPE kavo_query_type
  * too where the cache returns them. A cache of the dump goes where the context has one for its use: one that served
  * answers and referrals into both where these are two, two into the one that serves both. What the context's cache
  * knows as fresh or fresher stays. From any thread at any time, while the context runs too, but not while
- * kavo_set_ext_cache is called.
+ * kavo_set_ext_cache is called. A large file is loaded with the help of up to three threads, which run no code of the
+ * host's and end before kavo_cacheload returns.
  *
  * The file is written in place: a process that is killed while saving leaves a file that kavo_cacheload refuses. So is
  * every file that is cut off, altered, or no dump; what a failed load has put into the caches until then stays, none of

@@ -7,7 +7,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <kavo.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,6 +18,7 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <random>
 #include <set>
 #include <string>
 #include <thread>
@@ -344,6 +347,48 @@ TEST_F(DumpTest, FilesThatCannotServeAreClearErrors) {
   close(fd);
   EXPECT_EQ(kavo_cacheload(kavo, path_.c_str()), KAVOE_FILE);
   kavo_free(kavo);
+}
+
+// A saver is killed at random moments, and single bytes of what it wrote are changed: a file of several blocks, which
+// several threads load, gives all that it holds or nothing.
+TEST_F(DumpTest, LargeFilesAreLoadedWholeOrNotAtAll) {
+  constexpr int kEntries = 20'000, kRounds = 30, kStep = 97;
+  constexpr unsigned kPause = 2000;  // microseconds
+  const auto name = [](int i) { return std::to_string(i) + ".example"; };
+  std::mt19937 random(1);
+  const Cache from = cache_of(64 << 20);
+  for (int i = 0; i < kEntries; ++i)
+    put(from.get(), name(i), kTtl, "full");
+  const auto expect_all_or_nothing = [&] {
+    const Cache to = cache_of(64 << 20);
+    const int loaded = load(to.get());
+    EXPECT_TRUE(loaded == 1 || loaded == DNS_E_TFILE) << loaded;
+    for (int i = 0; i < kEntries; i += kStep)
+      EXPECT_EQ(held(to.get(), name(i)), loaded == 1 ? "3600/0 3600:full" : "");
+    return loaded;
+  };
+  for (int round = 0; round < kRounds; ++round) {
+    const pid_t saver = fork();
+    if (saver == 0) alarm(30);  // its end, should nobody kill it
+    while (saver == 0) {
+      save({from.get()});
+      usleep(kPause);
+    }
+    ASSERT_GT(saver, 0);
+    usleep(random() % (4 * kPause));
+    kill(saver, SIGKILL);
+    ASSERT_EQ(waitpid(saver, nullptr, 0), saver);
+    expect_all_or_nothing();
+  }
+  save({from.get()});
+  EXPECT_EQ(expect_all_or_nothing(), 1);
+  const std::string whole = file();
+  for (int round = 0; round < kRounds; ++round) {
+    std::string bytes = whole;
+    bytes[random() % bytes.size()] ^= 0x10;
+    write(bytes);
+    EXPECT_EQ(expect_all_or_nothing(), DNS_E_TFILE);
+  }
 }
 
 // Eight threads use the cache while it is saved and loaded: what was there all the while is in every dump, and nothing

@@ -2,7 +2,8 @@
  * dns.h - the operations of the DNS engine that a host may call directly.
  *
  * An engine context (struct dns_ctx) is driven by one thread; a kavo context drives its own. A cache (struct dns_cache)
- * may be used by any thread at any time. Nothing here blocks but the lookups dns_resolve_a4 and dns_resolve_p.
+ * may be used by any thread at any time. Nothing here blocks but the lookups dns_resolve_a4 and dns_resolve_p, and
+ * dumps, which read and write their file.
  */
 #ifndef KAVO_DNS_H
 #define KAVO_DNS_H
@@ -199,7 +200,8 @@ KAVO_EXPORT int dns_printrr(FILE *stream, int level, const dns_rr *rr);
  * returns expired entries (DNS_CR_EXPIRED).
  *
  * A file that is cut off, altered or something else is refused with DNS_E_TFILE. One whose writer was killed has no end
- * mark and is refused before anything of it is loaded; of a cache whose section is damaged nothing is loaded.
+ * mark and is refused before anything of it is loaded; of a cache whose section is damaged nothing is loaded. A large
+ * file is read with the help of up to three threads, as the processors allow, which end before the call returns.
  */
 struct dns_cdump;
 

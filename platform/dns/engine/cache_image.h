@@ -8,41 +8,17 @@
 
 #include <stddef.h>
 #include <stdint.h>
-#include <string.h>
 
-#include <bit>
-#include <concepts>
 #include <span>
 
 #include <kavo/dns.h>
 
+#include "byte_order.h"
 #include "cdata.h"
 
 namespace dns {
 
 struct Entry;
-
-// swapped turns an integer of two bytes or more to network order, or back.
-template <std::unsigned_integral T>
-[[nodiscard]] constexpr T swapped(T value) {
-  static_assert(std::endian::native == std::endian::little && sizeof(T) > 1);
-  if constexpr (sizeof(T) == sizeof(uint16_t)) return __builtin_bswap16(value);
-  if constexpr (sizeof(T) == sizeof(uint32_t)) return __builtin_bswap32(value);
-  return __builtin_bswap64(value);
-}
-
-template <std::unsigned_integral T>
-void put_be(uint8_t *to, T value) {
-  value = swapped(value);
-  memcpy(to, &value, sizeof value);
-}
-
-template <std::unsigned_integral T>
-[[nodiscard]] T get_be(const uint8_t *from) {
-  T value = 0;
-  memcpy(&value, from, sizeof value);
-  return swapped(value);
-}
 
 // Image is what an image says.
 struct Image {

@@ -12,6 +12,7 @@
 #include <array>
 #include <new>
 
+#include "byte_order.h"
 #include "dns_wire.h"
 
 namespace {
@@ -21,6 +22,9 @@ using dns::Reader;
 constexpr size_t kPointerSize = 2;  // bytes of kOwnName
 constexpr size_t kTtlSize = 4;
 constexpr size_t kRecordFixed = 2 + 2 + kTtlSize + 2;  // type, class, TTL, data length
+constexpr size_t kClsInFixed = 2;
+constexpr size_t kTtlInFixed = 4;
+constexpr size_t kSizeInFixed = 8;
 constexpr uint8_t kPointerBits = 0xC0;
 constexpr int kRcodeMax = 15;  // the response code is four bits of the header's fourth byte
 constexpr size_t kRcodeAt = 3;
@@ -46,14 +50,18 @@ bool next_record(std::span<const uint8_t> run, size_t *at, RunRecord *record) {
   const uint8_t *owner = run.data() + *at;
   const bool own = *owner >= kPointerBits;
   record->owner = own ? nullptr : owner;
-  Reader reader(run, *at);
-  uint16_t size = 0;
-  if (!reader.skip(own ? kPointerSize : dns_dnlen(owner)) || !reader.u16(&record->typ) || !reader.u16(&record->cls)) {
-    return false;
-  }
-  record->ttl_at = reader.position();
-  if (!reader.u32(&record->ttl) || !reader.u16(&size) || !reader.bytes(size, &record->data)) return false;
-  *at = reader.position();
+  const size_t fixed_at = *at + (own ? kPointerSize : dns_dnlen(owner));
+  if (fixed_at + kRecordFixed > run.size()) return false;
+  const uint8_t *fixed = run.data() + fixed_at;
+  record->typ = dns::get_be<uint16_t>(fixed);
+  record->cls = dns::get_be<uint16_t>(fixed + kClsInFixed);
+  record->ttl = dns::get_be<uint32_t>(fixed + kTtlInFixed);
+  record->ttl_at = fixed_at + kTtlInFixed;
+  const size_t size = dns::get_be<uint16_t>(fixed + kSizeInFixed);
+  const size_t data_at = fixed_at + kRecordFixed;
+  if (size > run.size() - data_at) return false;
+  record->data = run.subspan(data_at, size);
+  *at = data_at + size;
   return true;
 }
 
@@ -78,8 +86,7 @@ struct Source {
 // owner_size gives the bytes of the owner at the head of `run`, in the form that append gives it: the pointer to the
 // entry's own name, or a whole name. 0 for any other.
 [[nodiscard]] size_t owner_size(std::span<const uint8_t> run) {
-  constexpr std::array<uint8_t, kPointerSize> kOwn = {dns::kOwnName >> CHAR_BIT, dns::kOwnName & UINT8_MAX};
-  if (run.size() >= kPointerSize && run[0] == kOwn[0] && run[1] == kOwn[1]) return kPointerSize;
+  if (run.size() >= kPointerSize && dns::get_be<uint16_t>(run.data()) == dns::kOwnName) return kPointerSize;
   Reader reader(run);
   uint8_t dn[DNS_MAXDN];
   unsigned size = 0;
@@ -137,10 +144,6 @@ void drop_records(dns_cdata *entry) {
 
 unsigned aliases_of(uint16_t typ, unsigned cnames) {
   return typ == DNS_T_CNAME || typ == DNS_T_ANY ? 0 : cnames;
-}
-
-unsigned alias_count(const dns_cdata *entry) {
-  return aliases_of(entry->typ, entry->cnames);
 }
 
 bool fits_u16(int value) {
@@ -403,7 +406,7 @@ unsigned dns_cdata_nrr(const dns_cdata *entry) {
   return entry->records;
 }
 unsigned dns_cdata_nalias(const dns_cdata *entry) {
-  return alias_count(entry);
+  return aliases_of(entry->typ, entry->cnames);
 }
 
 unsigned dns_cdata_numan(const dns_cdata *entry) {
