@@ -59,6 +59,7 @@ struct Frame {
   return sum_of(at.sum, frame.body.data() - kFrameHead, frame.body.size()) == frame.sum ? DNS_E_NOERROR : DNS_E_TFILE;
 }
 
+// behind is the place of the next frame.
 Place behind(const Place &at, const Frame &frame) {
   return {at.offset + kFrameHead + frame.body.size(), frame.sum};
 }
@@ -159,6 +160,7 @@ struct Way {
   return load_block(way->dump, frame.body, way->cache, seen, kept);
 }
 
+// go handles blocks until none is left: what each thread on the way does, with a buffer of its own.
 void go(Way *way, uint8_t *buffer) {
   Place at;
   Frame frame;
