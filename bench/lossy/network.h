@@ -1,0 +1,49 @@
+// network.h - the list server and the relays before it, as processes of bench_lossy.
+#ifndef KAVO_BENCH_LOSSY_NETWORK_H
+#define KAVO_BENCH_LOSSY_NETWORK_H
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "support/process.h"
+
+namespace lossy {
+
+// Path is what lies between a client and one server.
+struct Path {
+  unsigned loss;  // packets in 100, each way; 100 makes a dead server
+};
+
+inline constexpr unsigned kDelayMs = 100;
+inline constexpr unsigned kJitterMs = 50;
+inline constexpr unsigned kTwiceIn100 = 1;
+
+// Server is one list server that knows the answers of questions 0 to `questions - 1`.
+class Server {
+ public:
+  explicit Server(unsigned questions);
+  [[nodiscard]] uint16_t port() const { return port_; }
+
+ private:
+  support::TempDir directory_;
+  std::unique_ptr<support::Process> process_;
+  uint16_t port_ = 0;
+};
+
+// Network is what one client sees of the server: a port for each path.
+class Network {
+ public:
+  Network(const Server &server, const std::vector<Path> &paths, uint64_t seed);
+  [[nodiscard]] const std::vector<uint16_t> &ports() const { return ports_; }
+  // stop ends the relays and returns the number of packets that the client sent.
+  [[nodiscard]] uint64_t stop();
+
+ private:
+  std::vector<std::unique_ptr<support::Process>> relays_;
+  std::vector<uint16_t> ports_;
+};
+
+}  // namespace lossy
+
+#endif  // KAVO_BENCH_LOSSY_NETWORK_H
