@@ -285,6 +285,16 @@ TEST_F(AnswersTest, CacheAnswersTheSecondTime) {
   EXPECT_EQ(answers[0].cache_code, KAVOCC_EXISTS);
   EXPECT_EQ(server.received(), 3u) << "no packet more";
 
+  // A file takes what was learned to a context that has nobody to ask.
+  const TempDir directory;
+  ASSERT_EQ(kavo_cachesave(host, directory.file("cache").c_str()), KAVOE_OK);
+  Host later(64, kCache);
+  later.zone(KAVOT_BL_IP, "c.list");
+  EXPECT_EQ(kavo_cacheload(later, directory.file("none").c_str()), KAVOE_FILE);
+  ASSERT_EQ(kavo_cacheload(later, directory.file("cache").c_str()), KAVOE_OK);
+  ASSERT_EQ(answers.query(later.open(), KAVOT_BL_IP, kListed), KAVOE_OK);
+  EXPECT_EQ(answers.texts(), Texts{"127.0.0.4,127.0.0.5"});
+
   // A question with servers of its own goes past the cache.
   (void)ask_at(host, server.port(), KAVOT_DNS_A, "1.2.0.192.c.list", 0, &answers);
   EXPECT_GT(server.received(), 3u);

@@ -87,7 +87,7 @@ TEST_F(LifecycleTest, RunningContextRefusesConfiguration) {
               static_cast<KAVO_ERR>(kavo_set_srvstate_chg_cb(host, note_step, nullptr)),
               kavo_zonesmap_init_cfg(host, "/nonexistent/zones"), kavo_set_ext_cache(host, KAVOCT_FULL, nullptr),
               static_cast<KAVO_ERR>(kavo_set_cost_zone(host, "cost.list")),
-              static_cast<KAVO_ERR>(kavo_add_expserv(host, &address))});
+              static_cast<KAVO_ERR>(kavo_add_expserv(host, &address)), kavo_set_cookies(host, 1)});
   sockaddr servers[4];
   unsigned count = 4;
   EXPECT_EQ(kavo_get_dns_servers(host, servers, &count), KAVOE_OK);
@@ -209,6 +209,13 @@ TEST_F(LifecycleTest, SubscriptionsCheckTheirArguments) {
   ASSERT_EQ(kavo_node_qdn(host, pointer, dn.data(), dn.size(), nullptr), KAVOE_OK);
   ASSERT_EQ(kavo_dns_ptodn("1.2.0.192.in-addr.arpa", 0, expected.data(), expected.size()), 24);
   EXPECT_TRUE(kavo_dns_dnequal(dn.data(), expected.data()));
+  const in_addr address{htonl(0xc0000201)};
+  ASSERT_EQ(kavo_dns_a4todn(&address, dn.data(), dn.size()), 11) << "the same without its last two labels";
+  EXPECT_EQ(kavo_dns_a4todn(&address, dn.data(), 10), 0);
+  EXPECT_TRUE(std::equal(dn.begin(), dn.begin() + 10, expected.begin()));
+  EXPECT_EQ(kavo_dns_dntodn(expected.data(), dn.data(), 23), 0U);
+  EXPECT_EQ(kavo_dns_dntodn(expected.data(), dn.data(), 24), 24U);
+  EXPECT_TRUE(kavo_dns_dnequal(dn.data(), expected.data()));
   EXPECT_EQ(kavo_node_type(host, pointer), KAVOT_DNS_PTR);
 }
 
@@ -312,6 +319,21 @@ TEST_F(LifecycleTest, NamesOptionsAndCodesKeepTheirBounds) {
     const char *name = kavo_typename(static_cast<KAVO_TYPE>(type));
     EXPECT_TRUE(name == nullptr || kavo_name2type(name) == static_cast<KAVO_TYPE>(type)) << name;
   }
+  // What every type is asked as, and how its answers are read.
+  for (unsigned number = KAVOT_BL_MIN; number <= KAVOT_BL_MAX; ++number) {
+    const auto type = static_cast<KAVO_TYPE>(number);
+    const KAVO_TYPE asked = kavo_convert_type_r(kavo_convert_type(type));
+    EXPECT_TRUE(asked >= KAVOT_DNS_MIN && asked < KAVOT_DNS_MAX) << number;
+    EXPECT_EQ(kavo_get_parser(type, 0), kavo_get_parser(asked, 0)) << number;
+    EXPECT_EQ(kavo_get_parser(type, KAVOQF_PKT), dns_parse_pkt) << number;
+  }
+  EXPECT_EQ(kavo_convert_type(KAVOT_DNS_AAAA), DNS_T_AAAA);
+  EXPECT_EQ(kavo_convert_type(KAVOT_SYNC), DNS_T_INVALID);
+  EXPECT_EQ(kavo_get_parser(KAVOT_DNS_SOA, 0), nullptr);
+  EXPECT_EQ(std::to_string(kavo_version() >> 24) + "." + std::to_string(kavo_version() >> 16 & 255) + "." +
+                std::to_string(kavo_version() >> 8 & 255),
+            KAVO_PROJECT_VERSION);
+  EXPECT_GT(kavo_rev(), 0U);
   EXPECT_EQ(kavo_isparseable(KAVOT_INVALID) + kavo_isparseable(static_cast<KAVO_TYPE>(KAVOT_BL_MAX + 1)), 0);
   EXPECT_EQ(kavo_isparseable(KAVOT_DNS_ETXT), 1);
   EXPECT_EQ(kavo_opt_name(static_cast<KAVO_OPT>(KAVOOPT_TIMEOUT_MSEC + 1)), nullptr);

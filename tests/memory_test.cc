@@ -116,7 +116,17 @@ TEST(Memory, AnOutstandingQuestionCostsLessThanOneKibibyte) {
   }
   EXPECT_EQ(kavo_nactive(kavo), static_cast<uint32_t>(kQuestions));
   EXPECT_EQ(kavo_close(kavo), KAVOE_OK);
+  const size_t held = allocated();
+  kavo_free_args(kavo);
+  EXPECT_EQ(allocated(), held) << "held nodes keep the room for their answers";
   leave(kavo, nodes);
+  kavo_free_args(kavo);
+  const size_t bare = allocated();
+  kavo_add_args(kavo, kQuestions);
+  if (kCounts) {
+    EXPECT_LT(bare, held);
+    EXPECT_GE(allocated(), bare + kQuestions * sizeof(KAVO_ANSWER));
+  }
   EXPECT_EQ(kavo_free(kavo), KAVOE_OK);
 }
 

@@ -228,7 +228,7 @@ TEST_F(NodesTest, SameQuestionSharesItsNode) {
   const auto subscribe = [&](const sockaddr *serv, unsigned count, unsigned flags, KAVO_QUERY_NODE *node) {
     return kavo_subscribe_node_serv_ext(host, KAVOT_BL_DOM, dn, serv, count, flags, nullptr, node);
   };
-  std::array<KAVO_QUERY_NODE, 6> nodes{};
+  std::array<KAVO_QUERY_NODE, 7> nodes{};
   EXPECT_EQ(subscribe(list, 2, 0, &nodes[0]), KAVOE_OK);
   EXPECT_EQ(subscribe(list, 2, KAVOQF_RECURSIVE, &nodes[1]), KAVOE_OK);
   std::swap(servers[0], servers[1]);
@@ -239,11 +239,14 @@ TEST_F(NodesTest, SameQuestionSharesItsNode) {
   EXPECT_EQ(nodes[0], nodes[1]) << "servers of its own are never asked for recursion";
   EXPECT_NE(nodes[0], nodes[2]) << "the order of the servers counts";
   EXPECT_EQ(nodes[4], static_cast<KAVO_QUERY_NODE>(plain)) << "no array, no servers";
-  EXPECT_EQ(std::set<KAVO_QUERY_NODE>(nodes.begin(), nodes.end()).size(), 5u);
+  EXPECT_EQ(std::set<KAVO_QUERY_NODE>(nodes.begin(), nodes.begin() + 6).size(), 5u);
   KAVO_QUERY_NODE refused = nullptr;
   EXPECT_EQ(subscribe(list, KAVO_MAX_SERV + 1, 0, &refused), KAVOE_BADPAR);
   servers[1].sin_family = AF_INET6;
   EXPECT_EQ(subscribe(list, 3, 0, &refused), KAVOE_BADPAR);
+  KAVO_QUERY_NODE &again = nodes[6];
+  EXPECT_EQ(kavo_subscribe_node_dcache_ext(host, KAVOT_BL_DOM, dn, list, 0, nullptr, &again), KAVOE_OK);
+  EXPECT_EQ(again, nodes[5]);
   for (KAVO_QUERY_NODE node : nodes)
     EXPECT_EQ(kavo_unsubscribe_node(host, node), KAVOE_OK);
   ASSERT_EQ(kavo_close(host), KAVOE_OK) << "which takes back the server thread's own holds";

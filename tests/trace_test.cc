@@ -361,8 +361,10 @@ TEST_F(HostTraceTest, ServersAreSetByAddressByHostAndByZone) {
   EXPECT_EQ(kavo_set_dns_server(nullptr, "192.0.2.53", 0, 0), KAVOE_BADPAR);
 
   Host mute;
+  EXPECT_EQ(kavo_dns_status(mute), KAVOE_OK);
   mute.server(server.port()).option(KAVOOPT_TIMEOUT_MSEC, 20).option(KAVOOPT_NTRIES, 2);
   EXPECT_EQ(kavo_set_dns_server(mute, "dead.test", 0, 0), KAVOE_TIMEOUT);
+  EXPECT_EQ(kavo_dns_status(mute), KAVOE_TIMEOUT);
   // The transport is closed again: the context opens, answers, and refuses while it runs.
   mute.open();
   EXPECT_EQ(kavo_set_dns_server(mute, "192.0.2.53", 0, 0), KAVOE_SRV);
