@@ -120,7 +120,7 @@ enum {
   DNS_CROPT_MINTTL = 2  /* seconds that an answer is kept at least */
 };
 enum {
-  DNS_CR_EXPIRED = 1, /* look-ups return expired entries too */
+  DNS_CR_EXPIRED = 1, /* look-ups return expired entries too, for three days (RFC 8767) */
   DNS_CR_NCACHE = 2   /* denials are kept */
 };
 

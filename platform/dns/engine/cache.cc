@@ -99,13 +99,13 @@ void copy_out(Entry *entry, int32_t age, dns_cdata *to) {
 
 // look_up copies the key's entry into `to`. 1 or 0 as cache_get; DNS_E_NOBUFS when its buffer must hold `*needed`
 // bytes.
-[[nodiscard]] int look_up(Shard *shard, const Key &key, bool expired_too, dns_time now, dns_cdata *to, size_t *needed) {
+[[nodiscard]] int look_up(Shard *shard, const Key &key, int32_t grace, dns_time now, dns_cdata *to, size_t *needed) {
   const pelk_lock lock(&shard->mutex);
   if (lock.error != 0) return DNS_E_FAIL;
   Entry *entry = shard->find(key);
   if (entry == nullptr) return 0;
   const int32_t age = age_of(entry, now);
-  if (age > entry->ttl && !expired_too) return 0;
+  if (int64_t{age} - entry->ttl > grace) return 0;
   shard->used(entry);
   *needed = entry->run_size;
   if (*needed > to->run_capacity) return DNS_E_NOBUFS;
@@ -118,10 +118,10 @@ void copy_out(Entry *entry, int32_t age, dns_cdata *to) {
 int cache_get(dns_cacher *cacher, dns_cdata *entry, dns_time now) {
   dns_cache *cache = of(cacher);
   const Key key = key_of(cache, entry);
-  const bool expired_too = cache->keeps_expired() || (entry->flags & DNS_CD_FORCE_EXPIRED) != 0;
+  const int32_t grace = (entry->flags & DNS_CD_FORCE_EXPIRED) != 0 ? INT32_MAX : cache->grace();
   for (;;) {
     size_t needed = 0;
-    const int found = look_up(shard_of(cache, key), key, expired_too, now, entry, &needed);
+    const int found = look_up(shard_of(cache, key), key, grace, now, entry, &needed);
     if (found != DNS_E_NOBUFS) return found;
     if (!dns::cdata_reserve(entry, needed)) return DNS_E_NOMEM;
   }

@@ -24,6 +24,9 @@ namespace dns {
 // No entry lives longer, whatever its TTL says, unless the cache's least TTL is above it.
 inline constexpr int32_t kTtlMax = 7 * 24 * 3600;
 
+// An expired entry serves this long where the cache returns such (RFC 8767, section 5: 1 to 3 days).
+inline constexpr int32_t kStaleMax = 3 * 24 * 3600;
+
 // Shards are few enough that the largest entry (kRunMax and its name) takes a quarter of a shard at most, and enough
 // that threads seldom meet in one. A cache too small for two has one.
 inline constexpr unsigned kShardsMax = 16;
@@ -52,6 +55,8 @@ struct dns_cache : dns_cacher {
     return (hash >> (64 - dns::kShardHashBits)) & (shards_count - 1);
   }
   [[nodiscard]] bool keeps_expired() const { return (flags & DNS_CR_EXPIRED) != 0; }
+  // grace is for how many seconds behind its time an entry is still returned.
+  [[nodiscard]] int32_t grace() const { return keeps_expired() ? dns::kStaleMax : 0; }
   [[nodiscard]] bool keeps_denials() const { return (flags & DNS_CR_NCACHE) != 0; }
   [[nodiscard]] int32_t ttl_max() const { return std::max(dns::kTtlMax, static_cast<int32_t>(minimum_ttl)); }
 };

@@ -25,17 +25,17 @@ constexpr size_t kWalkStep = 64;
 constexpr unsigned kShardStride = 7;
 
 // gone tells whether an entry would no longer be returned.
-bool gone(dns_time stored, int32_t ttl, dns_time now, bool expired_too) {
-  return !expired_too && age_since(stored, now) > ttl;
+bool gone(dns_time stored, int32_t ttl, dns_time now, int32_t grace) {
+  return age_since(stored, now) - int64_t{ttl} > grace;
 }
 
 // copy_bucket appends the images of a bucket's entries, or none of them when they do not all fit. False when the room
 // is full.
-[[nodiscard]] bool copy_bucket(Entry *first, dns_time now, bool expired_too, size_t *taken, Images *images) {
+[[nodiscard]] bool copy_bucket(Entry *first, dns_time now, int32_t grace, size_t *taken, Images *images) {
   const Images before = *images;
   size_t count = 0;
   for (Entry *entry = first; entry != nullptr; entry = entry->bucket_next, ++count) {
-    if (count < *taken || gone(entry->stored, entry->ttl, now, expired_too)) continue;
+    if (count < *taken || gone(entry->stored, entry->ttl, now, grace)) continue;
     const size_t size = image_size(*entry);
     if (size > images->room.size() - images->used) {
       *taken = before.used == 0 ? count : 0;
@@ -53,7 +53,7 @@ bool gone(dns_time stored, int32_t ttl, dns_time now, bool expired_too) {
 enum class Step { kMore, kFull, kDone, kFailed };
 
 // walk_step walks a few buckets of a shard.
-[[nodiscard]] Step walk_step(Shard *shard, CacheWalk *walk, dns_time now, bool expired_too, Images *images) {
+[[nodiscard]] Step walk_step(Shard *shard, CacheWalk *walk, dns_time now, int32_t grace, Images *images) {
   const pelk_lock lock(&shard->mutex);
   if (lock.error != 0) return Step::kFailed;
   const Index &index = shard->index();
@@ -64,7 +64,7 @@ enum class Step { kMore, kFull, kDone, kFailed };
     __builtin_prefetch(entry + 1);
   }
   for (; walk->bucket < end; ++walk->bucket) {
-    if (!copy_bucket(index.head(walk->bucket), now, expired_too, &walk->taken, images)) return Step::kFull;
+    if (!copy_bucket(index.head(walk->bucket), now, grace, &walk->taken, images)) return Step::kFull;
   }
   return end == index.buckets() ? Step::kDone : Step::kMore;
 }
@@ -95,12 +95,12 @@ using Waiting = std::array<Entry *, kShardsMax>;
 // sort_out makes entries of those images that the cache would keep and files them by shard. False without memory: then
 // some are there.
 [[nodiscard]] bool sort_out(dns_cache *cache, std::span<const Image> images, dns_time now, Waiting *waiting) {
-  const bool expired_too = cache->keeps_expired();
+  const int32_t grace = cache->grace();
   const bool denials_too = cache->keeps_denials();
   const int32_t ttl_max = cache->ttl_max();
   for (const Image &image : images) {
     if (!denials_too && is_denial(image.typ, image.rcode, image.facts.records, image.facts.cnames)) continue;
-    if (gone(image.stored, std::min(image.ttl, ttl_max), now, expired_too)) continue;
+    if (gone(image.stored, std::min(image.ttl, ttl_max), now, grace)) continue;
     const uint64_t hash = siphash_folded(cache->secret, image.key.data(), image.key.size());
     Entry *entry = restored(image, hash, now, ttl_max);
     if (entry == nullptr) return false;
@@ -150,9 +150,8 @@ using Waiting = std::array<Entry *, kShardsMax>;
 }  // namespace
 
 int cache_walk(dns_cache *cache, CacheWalk *walk, dns_time now, Images *images) {
-  const bool expired_too = cache->keeps_expired();
   while (walk->shard < cache->shards_count) {
-    switch (walk_step(&cache->shards[walk->shard], walk, now, expired_too, images)) {
+    switch (walk_step(&cache->shards[walk->shard], walk, now, cache->grace(), images)) {
       case Step::kMore:
         break;
       case Step::kFull:
