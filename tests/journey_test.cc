@@ -79,6 +79,7 @@ struct Asked {
   int calls = 0;
   dns_status status = 1;
   Bytes addresses;
+  std::string canonical;
 };
 
 void answered(dns_ctx *ctx, dns_query *, void *result, unsigned, void *data) {
@@ -87,6 +88,7 @@ void answered(dns_ctx *ctx, dns_query *, void *result, unsigned, void *data) {
   asked->status = dns_get_status(ctx);
   if (result == nullptr) return;
   const auto *block = static_cast<const dns_rr_a4 *>(result);
+  asked->canonical = block->dnsa4_cname;
   for (int i = 0; i < block->dnsa4_nrr; ++i) {
     const auto *bytes = reinterpret_cast<const uint8_t *>(&block->dnsa4_addr[i]);
     asked->addresses.insert(asked->addresses.end(), bytes, bytes + sizeof(in_addr));
@@ -143,7 +145,7 @@ class Tree {
       reply.a(reply.name, data);
     } else {
       const size_t bare = reply.packet.size();
-      if (evil) evil(&reply, server);
+      if (evil && !reply.under("bank.test")) evil(&reply, server);
       if (reply.packet.size() == bare && reply.packet[3] == 0) reply.a(reply.name, kLie);
       if (reply.packet[3] == 0x0F) return {};  // says nothing
     }
@@ -151,10 +153,11 @@ class Tree {
   }
 };
 
+// is_truth tells whether an answer is what is true of the name that it ends at.
 bool is_truth(const Asked &asked) {
-  const in_addr_t truth = htonl(sim::truth_of(sim::name(asked.text).data()).address);
-  return asked.status == DNS_E_NOERROR && asked.addresses.size() == sizeof truth &&
-         memcmp(asked.addresses.data(), &truth, sizeof truth) == 0;
+  if (asked.status != DNS_E_NOERROR) return false;
+  const in_addr_t truth = htonl(sim::truth_of(sim::name(asked.canonical).data()).address);
+  return asked.addresses.size() == sizeof truth && memcmp(asked.addresses.data(), &truth, sizeof truth) == 0;
 }
 
 TEST(Journey, GoesFromZoneToZoneAndRemembersTheWay) {
@@ -164,7 +167,7 @@ TEST(Journey, GoesFromZoneToZoneAndRemembersTheWay) {
   EXPECT_TRUE(is_truth(tree.run("two.bank.test")));
   EXPECT_EQ(tree.packets, 1U);
   tree.evil = [](Reply *reply, const std::string &) { reply->alias(reply->name, "three.bank.test"); };
-  EXPECT_NE(tree.run("x.evil.test").addresses, kLie);
+  EXPECT_TRUE(is_truth(tree.run("x.evil.test")));
   EXPECT_EQ(tree.packets, 3U) << "the alias is asked for where its zone is known to be";
   tree.world.now_us += 301 * int64_t{1'000'000};
   EXPECT_TRUE(is_truth(tree.run("four.bank.test")));
@@ -360,8 +363,8 @@ void storm(uint64_t seed) {
   for (const auto &asked : tree.asked) {
     const bool ended = cancelled.count(asked.get()) == 0;
     EXPECT_TRUE(asked->calls == (ended ? 1 : 0) || (closed && asked->calls == 0)) << asked->text;
-    const bool of_bank = asked->text.ends_with("bank.test");
-    EXPECT_TRUE(!of_bank || asked->status != DNS_E_NOERROR || is_truth(*asked)) << asked->text;
+    const bool of_bank = asked->canonical.ends_with("bank.test");
+    EXPECT_TRUE(!of_bank || is_truth(*asked)) << asked->text;
   }
 }
 
