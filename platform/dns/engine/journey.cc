@@ -130,12 +130,16 @@ template <typename Use>
          });
 }
 
+void set_delegation_key(dns_cdata *entry, const uint8_t *zone) {
+  (void)dns_cdata_setdn(entry, zone);
+  (void)dns_cdata_setcls(entry, kDelegationClass);
+  (void)dns_cdata_settyp(entry, DNS_T_NS);
+  (void)dns_cdata_setflags(entry, 0);
+}
+
 [[nodiscard]] Entry key_of_delegation(const uint8_t *zone) {
   Entry entry(dns_cdata_init(kInlineName));
-  if (entry == nullptr) return entry;
-  (void)dns_cdata_setdn(entry.get(), zone);
-  (void)dns_cdata_setcls(entry.get(), kDelegationClass);
-  (void)dns_cdata_settyp(entry.get(), DNS_T_NS);
+  if (entry != nullptr) set_delegation_key(entry.get(), zone);
   return entry;
 }
 
@@ -173,16 +177,17 @@ void keep_delegation(dns_ctx *ctx, const Delegation &delegation) {
 
 // known_delegation finds the delegation of exactly this zone in the cache, if it is alive.
 [[nodiscard]] bool known_delegation(dns_ctx *ctx, const uint8_t *zone, Delegation *delegation) {
-  const Entry entry = key_of_delegation(zone);
-  if (entry == nullptr || dns_cacher_get(ctx->referral_cache, entry.get(), wall(ctx)) <= 0) return false;
-  if (dns_cdata_ttl(entry.get()) < 0 || dns_dntodn(zone, delegation->zone, DNS_MAXDN) == 0) return false;
-  delegation->ttl = dns_cdata_ttl(entry.get());
+  dns_cdata *entry = ctx->entry;
+  set_delegation_key(entry, zone);
+  if (dns_cacher_get(ctx->referral_cache, entry, wall(ctx)) <= 0) return false;
+  if (dns_cdata_ttl(entry) < 0 || dns_dntodn(zone, delegation->zone, DNS_MAXDN) == 0) return false;
+  delegation->ttl = dns_cdata_ttl(entry);
   uint8_t data[DNS_MAXDN];
   dns_rr rr = {};
   for (;;) {
     rr.dnsrr_dptr = data;
     rr.dnsrr_dsz = sizeof data;
-    if (dns_cdata_nextrr(entry.get(), &rr) <= 0) break;
+    if (dns_cdata_nextrr(entry, &rr) <= 0) break;
     if (rr.dnsrr_typ == DNS_T_NS) delegation->add_target(data);
     if (rr.dnsrr_typ == DNS_T_A && rr.dnsrr_dsz == sizeof(in_addr)) delegation->add_address(rr.dnsrr_dn, data);
   }

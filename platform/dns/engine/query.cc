@@ -114,7 +114,8 @@ void leave(dns_query *q) {
 
 bool recall_failures(dns_query *q) {
   dns_ctx *ctx = q->ctx;
-  if (!ctx->failures.fresh(ctx->now_us)) return true;
+  // A cache may have learned meanwhile what its server was asked for in vain.
+  if (!ctx->failures.fresh(ctx->now_us) || (q->flags & DNS_DCACHE) != 0) return true;
   const auto servers = servers_of(q);
   for (unsigned i = 0; i < servers.size(); ++i) {
     const dns_status status = ctx->failures.recall(q, servers[i]);
