@@ -378,8 +378,9 @@ KAVO_EXPORT KAVO_ERR kavo_set_ext_cache(KAVO kavo, KAVO_CACHE_TYPE use, KAVO_CAC
  */
 KAVO_EXPORT KAVO_CACHE kavo_get_ext_cache(KAVO kavo, KAVO_CACHE_TYPE use);
 
-/* kavo_set_cost_zone names the zone that gives servers their costs when the best is chosen; null: none. It is kept for
- * that choice, which the engine does not make yet. 0; KAVOE_BADPAR; KAVOE_SRV while running; KAVOE_DNS for no name. */
+/* kavo_set_cost_zone names the zone that gives servers their costs where the best is chosen (KAVOOPT_BSC_SIZE above 0);
+ * null: none. The A record 127.0.h.l of 1.2.0.192.ZONE adds h * 256 + l milliseconds to the cost of 192.0.2.1. 0;
+ * KAVOE_BADPAR; KAVOE_SRV while running; KAVOE_DNS for no name. */
 KAVO_EXPORT int kavo_set_cost_zone(KAVO kavo, const char *zone);
 
 /* kavo_add_expserv accepts answers from `addr` to questions that were sent elsewhere; null forgets all such addresses.

@@ -402,4 +402,25 @@ TEST_F(AnswersTest, ServersAreCountedFor) {
   EXPECT_TRUE(checked >= before && checked <= time(nullptr)) << checked;
 }
 
+TEST_F(AnswersTest, TheBestServerIsAskedMost) {
+  constexpr int kQuestions = 60;
+  const std::string zones = "zone a.list\nlist 192.0.2.0/24\nzone cost.list\nlist 127.0.0.1 127.0.0.9\n";
+  for (const uint32_t nbest : {1u, 2u}) {
+    ListServer slow(zones, {"delay=30"}), fast(zones);
+    Host host;
+    host.server(slow.port()).server(fast.port()).zone(KAVOT_BL_IP, "a.list");
+    host.option(KAVOOPT_BSC_SIZE, 16).option(KAVOOPT_BSC_NBEST, nbest).option(KAVOOPT_BSC_UPDTIME, 3600);
+    ASSERT_EQ(kavo_set_cost_zone(host, "cost.list"), KAVOE_OK);
+    host.open();
+    for (int i = 0; i < kQuestions; ++i) {
+      Answers answers;
+      ASSERT_EQ(answers.query(host, KAVOT_BL_IP, address_bytes(("192.0.2." + std::to_string(i)).c_str())), KAVOE_OK);
+      EXPECT_EQ(answers.texts(), Texts{"127.0.0.2"});
+    }
+    EXPECT_GE(slow.received() + fast.received(), kQuestions + 1u) << "the costs were looked up";
+    EXPECT_GE(fast.received(), nbest == 1 ? 50u : 25u);
+    EXPECT_GE(slow.received(), nbest == 1 ? 1u : 25u);
+  }
+}
+
 }  // namespace

@@ -180,6 +180,12 @@ std::array<uint8_t, DNS_MAXDN> name(const std::string &text) {
 Truth truth_of(const uint8_t *dn) {
   std::string label(reinterpret_cast<const char *>(dn) + 1, dn[0]);
   std::transform(label.begin(), label.end(), label.begin(), [](char c) { return static_cast<char>(tolower(c)); });
+  const auto cost_zone = name("cost.test");
+  const uint8_t *zone = dn;
+  for (int i = 0; i < 4 && *zone != 0; ++i)
+    zone += 1 + *zone;
+  if (dns_dnequal(zone, cost_zone.data()) != 0)
+    return {DNS_E_NOERROR, 0x7F000000U | static_cast<in_addr_t>(stoul(label)) * 257};
   if (label.starts_with("gone-")) return {DNS_E_NXDOMAIN, 0};
   if (label.starts_with("empty-")) return {DNS_E_NODATA, 0};
   return {DNS_E_NOERROR, 0x7F000000U | (static_cast<uint32_t>(std::hash<std::string>{}(label)) & 0xFFFFFF)};
@@ -301,11 +307,15 @@ void World::deliver_due() {
 
 void World::mail(int socket, const sockaddr_in &from, Bytes bytes) {
   if (bytes.empty() || chance(weather.loss_percent)) return;
+  char text[INET_ADDRSTRLEN];
+  inet_ntop(AF_INET, &from.sin_addr, text, sizeof text);
+  const auto delay = delays_us.find(text);
+  const int64_t delay_us = delay != delays_us.end() ? delay->second : 0;
   const int copies = chance(weather.duplicate_percent) ? 2 : 1;
   for (int i = 0; i < copies; ++i) {
     const int64_t jitter =
         weather.jitter_us > 0 ? static_cast<int64_t>(random(static_cast<uint64_t>(weather.jitter_us))) : 0;
-    under_way_.emplace(now_us + weather.delay_us + jitter, Parcel{socket, from, bytes});
+    under_way_.emplace(now_us + weather.delay_us + delay_us + jitter, Parcel{socket, from, bytes});
   }
 }
 
@@ -320,6 +330,7 @@ void World::send(int socket, const dns::Datagram &datagram) {
   last_question_ = question;
   char text[INET_ADDRSTRLEN];
   inet_ntop(AF_INET, &datagram.peer.sin_addr, text, sizeof text);
+  ++asked[text];
   if (chance(weather.forged_percent)) {
     // A forger knows the question and the server's address; the id and the socket it has to guess.
     Bytes forged = answer_to(question, Temper::good);

@@ -53,6 +53,7 @@ struct Weather {
 };
 
 // The truth about a name, as every honest server tells it: names are "listed-N", "gone-N" or "empty-N" under any zone.
+// In cost.test a server's last octet N costs 127.0.N.N.
 struct Truth {
   dns_status status;
   in_addr_t address;  // host byte order
@@ -70,6 +71,8 @@ class World {
   dns_ctx *ctx = nullptr;
   int64_t now_us = 1'000'000'000;
   unsigned packets_sent = 0;
+  std::map<std::string, unsigned> asked;     // of them those to each server
+  std::map<std::string, int64_t> delays_us;  // of a server's answers, beyond the weather's
   unsigned sockets_open = 0;
   unsigned connections_made = 0;
   // script, where there is one, answers in place of every server's temper, over TCP what is too

@@ -43,7 +43,9 @@ int add_server(dns_ctx *ctx, const sockaddr_in &address, bool portless) {
 
 // move_portless gives the servers that were named without a port a new one. Without memory some may have moved.
 dns_status move_portless(dns_ctx *ctx, uint32_t port) {
-  if (ctx->active > 0 && ctx->portless != 0) return DNS_E_BUSY;  // open questions know their servers by their addresses
+  if (ctx->open_questions() > 0 && ctx->portless != 0)
+    return DNS_E_BUSY;  // open questions know their servers by their addresses
+  drop_ratings(ctx);
   for (unsigned i = 0; i < ctx->nserv; ++i) {
     if ((ctx->portless & 1U << i) == 0) continue;
     sockaddr_in address = ctx->servers[i]->address;
@@ -169,6 +171,7 @@ dns_ctx *dns_new(const dns_ctx *from) {
   uint32_t portless = UINT32_MAX;
   if (from != nullptr) {
     ctx->options = from->options;
+    ctx->server_table.keep_idle(ctx->options.bsc_size);
     portless = from->portless;
     for (; count < from->nserv; ++count)
       servers[count] = from->servers[count]->address;
@@ -210,6 +213,7 @@ void dns_close(dns_ctx *ctx) {
   if (ctx == nullptr || !ctx->opened) return;
   // What has been sent is in the index. Dropping one question may have another sent that followed it.
   while (ctx->active > 0) {
+    ctx->server_table.each([ctx](Server *server) { ctx->sending.take_all(&server->parked); });
     for (Link *list : {&ctx->resting, &ctx->queued, &ctx->sending, &ctx->tcp_waiting})
       while (!list->alone())
         drop(static_cast<dns_query *>(list->next));
@@ -263,6 +267,7 @@ dns_status dns_set_opt(dns_ctx *ctx, int opt, const void *value, unsigned size) 
   if (number < figure->least || number > figure->most) return DNS_E_INVAL;
   const dns_status moved = opt == DNS_OPT_PORT ? move_portless(ctx, number) : dns_status{DNS_E_NOERROR};
   if (moved == DNS_E_NOERROR) ctx->options.*figure->field = number;
+  ctx->server_table.keep_idle(ctx->options.bsc_size);
   return moved;
 }
 
@@ -296,7 +301,8 @@ dns_cacher *dns_get_cache(const dns_ctx *ctx, unsigned use) {
 
 int dns_add_serv_s(dns_ctx *ctx, const sockaddr *address) {
   if (ctx == nullptr) return DNS_E_INVAL;
-  if (ctx->active > 0) return DNS_E_BUSY;  // open questions remember servers by their place in the list
+  if (ctx->open_questions() > 0) return DNS_E_BUSY;  // they remember servers by their place in the list
+  drop_ratings(ctx);
   if (address == nullptr) {
     drop_servers(ctx);
     return 0;
@@ -345,7 +351,9 @@ dns_status dns_set_cost_zone(dns_ctx *ctx, const char *zone) {
   if (ctx == nullptr) return DNS_E_INVAL;
   uint8_t dn[DNS_MAXDN] = {};
   if (zone != nullptr && dns_ptodn(zone, 0, dn, sizeof dn, nullptr) <= 0) return DNS_E_BADQUERY;
+  drop_ratings(ctx);
   memcpy(ctx->cost_zone, dn, sizeof dn);
+  ctx->server_table.each([](Server *server) { server->forget_cost(); });
   return DNS_E_NOERROR;
 }
 

@@ -53,7 +53,9 @@ void take_queued(dns_ctx *ctx) {
     auto *q = static_cast<dns_query *>(turn.next);
     if (answer_from_cache(q) || follow(q)) continue;
     begin_at_delegation(q);
-    if (q->state != State::queued || !recall_failures(q)) continue;
+    if (q->state != State::queued) continue;
+    choose_first(q);
+    if (!recall_failures(q)) continue;
     if (servers_of(q).empty()) {
       deliver(q, DNS_E_TEMPFAIL, nullptr, 0, 0);
       continue;
@@ -71,6 +73,7 @@ void give_up_late(dns_ctx *ctx) {
     if (q->over_tcp) {
       tcp_timed_out(q);
     } else {
+      missed(q);
       ask_again(q);
     }
   }
@@ -85,12 +88,12 @@ extern "C" {
 
 dns_timeval dns_timeouts(dns_ctx *ctx, dns_timeval longest, dns_timeval now) {
   begin_turn(ctx, now);
-  if (ctx->active == 0) return dns_tv_infinite;
+  if (ctx->open_questions() == 0) return dns_tv_infinite;
   give_up_late(ctx);
   take_queued(ctx);
   flush(ctx);
   tcp_tidy(ctx);
-  if (ctx->active == 0) return dns_tv_infinite;
+  if (ctx->open_questions() == 0) return dns_tv_infinite;
   if (!ctx->queued.alone()) return dns_tv_zero;
   const int64_t next = ctx->waiting.next_us();
   int64_t wait = next == TimerWheel::kNever ? kBlockedWaitUs : std::max<int64_t>(next - ctx->now_us, 0);

@@ -4,6 +4,7 @@
 //   query.cc     submitting and cancelling, the pools, the index of questions in flight, delivery
 //   drive.cc     the loop: time-outs, the cache's turn, what to wait for
 //   follow.cc    identical questions, of which only one is asked
+//   choice.cc    which server a question goes to
 //   send.cc      packets out
 //   receive.cc   packets in, and which question each of them answers
 //   tcp.cc       connections to servers, and the questions that go over them
@@ -52,6 +53,7 @@ inline constexpr unsigned kConnectionsMax = 16;
 inline constexpr unsigned kPerConnection = 100;           // questions under way on one connection
 inline constexpr int kTcpSlot = UdpPool::kSocketsMax;     // the slot of the first connection, behind the sockets
 inline constexpr int64_t kTcpIdleUs = 10 * kUsPerSecond;  // after which a connection is closed
+inline constexpr unsigned kRatingsMax = 32;               // look-ups of servers' costs at a time; others come later
 inline constexpr unsigned kTcpTriesMax = 2;               // connections on which one server is asked one question
 inline constexpr int64_t kNoEdnsUs = 900 * kUsPerSecond;  // for which a server is asked without EDNS0
 inline constexpr int64_t kLowerUs = 900 * kUsPerSecond;   // for which a server is asked in lower case
@@ -148,6 +150,7 @@ struct dns_query : dns::Timer {
   uint32_t asked;    // servers that were sent the question, and may answer it
   uint32_t lowered;  // servers that were sent it in lower case
   uint32_t refused;  // servers that answered with an error, and are not asked again
+  uint32_t tried;    // servers that it has left in the present round
   uint32_t flags;
   uint16_t id;
   uint16_t typ;
@@ -158,7 +161,10 @@ struct dns_query : dns::Timer {
   uint8_t dn_size;
   uint8_t ask_size;
   uint8_t server;     // the server of the present try
-  uint8_t tries;      // how often it was sent
+  uint8_t tries;      // how often it was sent, but for a probe
+  uint8_t round;      // how often it has been to all the servers that it goes to
+  uint8_t rating;     // of a look-up of a server's cost: its place among them and 1, else 0
+  bool probes;        // the present try finds out whether a server that was set aside is back
   uint8_t tcp_tries;  // connections on which the present server was asked
   uint8_t place;      // its place among those of its connection
   bool over_tcp;      // the present try goes over TCP
@@ -187,10 +193,20 @@ struct dns_ctx {
   dns::Server *servers[dns::kServersMax] = {};
   unsigned nserv = 0;
   uint32_t portless = 0;    // the servers, by their places, that were named without a port and follow DNS_OPT_PORT
-  unsigned next_first = 0;  // where DNS_SERVRRB starts the next question
+  unsigned next_first = 0;  // where DNS_SERVRRB started the last question; a count of questions where servers are rated
   sockaddr_in expected[dns::kExpectedServersMax] = {};
   unsigned nexpected = 0;
   uint8_t cost_zone[DNS_MAXDN] = {};
+
+  // Look-ups of servers' costs, free where there is no server. They do not count as open questions.
+  struct Rating {
+    dns_query *lookup;
+    dns::Server *server;
+  };
+  Rating ratings[dns::kRatingsMax] = {};
+  unsigned ratings_open = 0;
+
+  [[nodiscard]] unsigned open_questions() const { return active - ratings_open; }
 
   dns_cacher *answer_cache = nullptr;
   dns_cacher *referral_cache = nullptr;
@@ -334,6 +350,25 @@ void ask_otherwise(dns_query *q);
 // first of them the leader of the others, and has it sent.
 void stop_leading(dns_query *q, Link *followers);
 void hand_over(Link *followers);
+
+// ---- choice.cc
+
+// choose_first turns a question that is to be asked as if it were new to the server that it is asked of first,
+// choose_next to its next one: false when every one has refused it. turn_away turns one that is to be sent away from a
+// server that has been set aside meanwhile.
+void choose_first(dns_query *q);
+[[nodiscard]] bool choose_next(dns_query *q);
+void turn_away(dns_query *q);
+
+// try_patience_us is how long the present try is waited for.
+[[nodiscard]] int64_t try_patience_us(const dns_query *q);
+
+// missed notes that nothing has come back from the server of the present try.
+void missed(dns_query *q);
+
+// end_rating releases what a look-up of a server's cost, which is over, has held. drop_ratings drops all of them.
+void end_rating(dns_query *q);
+void drop_ratings(dns_ctx *ctx);
 
 // ---- send.cc
 

@@ -37,7 +37,7 @@ bool same(const dns_query *a, const dns_query *b) {
 }
 
 bool may_lead(const dns_query *q) {
-  return (q->flags & DNS_DCACHE) == 0 && (q->journey == nullptr || q->journey->top == nullptr);
+  return (q->flags & DNS_DCACHE) == 0 && q->rating == 0 && (q->journey == nullptr || q->journey->top == nullptr);
 }
 
 void grow(dns_ctx *ctx) {
@@ -102,6 +102,7 @@ void hand_over(Link *followers) {
   if (followers->alone()) return;
   auto *q = static_cast<dns_query *>(followers->next);
   lead(q);
+  choose_first(q);
   enqueue(q);
   q->followers.take_all(followers);
 }

@@ -79,8 +79,8 @@ void start_over(dns_query *q) {
   q->asked = q->lowered = q->refused = 0;
   q->tries = q->tcp_tries = 0;
   q->error = 0;
-  q->server = 0;
   q->over_tcp = q->plain = q->case_missed = q->fresh_cookie = false;
+  choose_first(q);
   enqueue(q);
   if (servers_of(q).empty())
     deliver(q, DNS_E_TEMPFAIL, nullptr, 0, 0);

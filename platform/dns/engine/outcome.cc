@@ -139,9 +139,10 @@ void measure(dns_query *q, const Arrival &arrival) {
   const auto found = std::ranges::find_if(servers, [&peer](const Server *s) { return same_address(s->address, peer); });
   Server *server = same_address(present->address, peer) || found == servers.end() ? present : *found;
   server->used.fetch_add(1, std::memory_order_relaxed);
+  server->heard(ctx->now_us);
   // Over TCP the time holds a connection's making, or its waiting for others.
   if (arrival.protocol() == IPPROTO_TCP || !same_address(server->address, peer)) return;
-  const bool sure = server == present && q->tries <= servers.size();
+  const bool sure = server == present && q->round == 0;
   const int64_t rtt = ctx->now_us - (sure ? q->sent_us : q->first_sent_us);
   if (sure || (server->srtt_us != 0 && rtt > server->srtt_us)) server->sample(rtt, wall(ctx));
 }

@@ -65,24 +65,6 @@ void release(dns_query *q) {
   ctx->queries.put(q);
 }
 
-uint8_t first_server(dns_ctx *ctx, const dns_query *q) {
-  if ((ctx->options.flags & DNS_SERVRRB) == 0 || q->own != nullptr || ctx->nserv == 0) return 0;
-  ctx->next_first = (ctx->next_first + 1) % ctx->nserv;
-  return static_cast<uint8_t>(ctx->next_first);
-}
-
-// next_server turns to the next server that has not refused the question; false when every one has.
-bool next_server(dns_query *q) {
-  const unsigned count = static_cast<unsigned>(servers_of(q).size());
-  for (unsigned i = 1; i <= count; ++i) {
-    const unsigned server = (q->server + i) % count;
-    if ((q->refused & (1U << server)) != 0) continue;
-    q->server = static_cast<uint8_t>(server);
-    return true;
-  }
-  return false;
-}
-
 // make_room has a question that was parked for a server sent, now that the server has one less under way.
 void make_room(dns_ctx *ctx, Server *server) {
   --server->under_way;
@@ -123,7 +105,7 @@ bool recall_failures(dns_query *q) {
     q->refused |= 1U << i;
     q->error = static_cast<int16_t>(status);
   }
-  if ((q->refused & (1U << q->server)) == 0 || next_server(q)) return true;
+  if ((q->refused & (1U << q->server)) == 0 || choose_next(q)) return true;
   deliver(q, q->error, nullptr, 0, 0);
   return false;
 }
@@ -178,6 +160,7 @@ void deliver(dns_query *q, dns_status status, void *result, unsigned size, unsig
   ctx->status = status;
   ctx->sflags = sflags;
   if (q->callback != nullptr) q->callback(ctx, q, result, size, q->data);
+  if (q->rating != 0) end_rating(q);
   release(q);
   while (!followers.alone())
     deliver(static_cast<dns_query *>(followers.next), status, nullptr, 0, sflags);
@@ -190,6 +173,7 @@ void drop(dns_query *q) {
   stop_leading(q, &followers);
   leave(q);
   --ctx->active;
+  if (q->rating != 0) end_rating(q);
   hand_over(&followers);
   if (ctx->holds == 0) {
     release(q);
@@ -219,7 +203,7 @@ void ask_again(dns_query *q) {
   dns_ctx *ctx = q->ctx;
   const bool direct = (q->flags & DNS_DCACHE) != 0;
   const auto most = std::min<size_t>(ctx->options.ntries, direct ? servers_of(q).size() : SIZE_MAX);
-  if (q->tries >= most || !next_server(q)) {
+  if (q->tries >= most || !choose_next(q)) {
     if (direct) {
       end_direct(q);
       return;
@@ -289,8 +273,10 @@ dns_query *dns_submit_dn_serv(dns_ctx *ctx, const unsigned char *dn, dns_class c
   q->slot = UdpPool::kNone;
   q->error = 0;
   q->nserv = 0;
+  q->server = q->round = q->rating = 0;
   q->tries = q->tcp_tries = 0;
-  q->over_tcp = q->plain = false;
+  q->tried = 0;
+  q->over_tcp = q->plain = q->probes = false;
   q->uncached = servers != nullptr && nserv > 0;
   q->state = State::queued;
 
@@ -300,7 +286,6 @@ dns_query *dns_submit_dn_serv(dns_ctx *ctx, const unsigned char *dn, dns_class c
     release(q);
     return refuse(status);
   }
-  q->server = first_server(ctx, q);
   ctx->queued.append(q);
   ++ctx->active;
   return q;
@@ -332,7 +317,7 @@ dns_parse_fn *dns_qparse(const dns_query *q) {
 }
 
 int dns_active(const dns_ctx *ctx) {
-  return static_cast<int>(ctx->active);
+  return static_cast<int>(ctx->open_questions());
 }
 
 }  // extern "C"

@@ -180,7 +180,9 @@ bool take_returned(dns_ctx *ctx, int slot) {
     any = true;
     dns_query *q = returned_to(ctx, slot, {packet, std::min<size_t>(datagram.size, sizeof packet)}, datagram.peer);
     // The last server's silence is waited for all the same: it may be starting up.
-    if (q != nullptr && has_fresh_server(q)) ask_again(q);
+    if (q == nullptr || !has_fresh_server(q)) continue;
+    missed(q);
+    ask_again(q);
   }
   return any;
 }

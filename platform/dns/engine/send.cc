@@ -21,6 +21,7 @@ unsigned collect(dns_ctx *ctx, int slot, unsigned room) {
     const bool is_new = q->slot == UdpPool::kNone;
     if (q->over_tcp || is_new != fresh || (!is_new && q->slot != slot)) break;
     if (is_new && (!ctx->random.u16(&q->id) || !ctx->random.u64(&q->case_bits))) break;
+    if (servers_of(q)[q->server]->set_aside()) turn_away(q);
     Datagram &datagram = buffers->out[count];
     datagram.data = buffers->queries[count];
     datagram.size = static_cast<uint32_t>(build(q, buffers->queries[count]));
@@ -40,15 +41,12 @@ void sent_by_udp(dns_query *q, int slot) {
     q->first_sent_us = ctx->now_us;
   }
   const auto servers = servers_of(q);
-  const unsigned round = q->tries / static_cast<unsigned>(servers.size());
-  ++q->tries;
+  // A server that is away must not cost a question one of its tries.
+  if (!q->probes) ++q->tries;
   q->asked |= 1U << q->server;
-  // Nothing is sent after the last try, so it may as well wait its whole time: an answer to any try still counts.
-  const bool last = q->tries >= ctx->options.ntries && recursive(q);
-  const int64_t longest = ctx->options.timeout_us;
   q->under_way = servers[q->server];
   ++q->under_way->under_way;
-  sent(q, last ? longest : servers[q->server]->patience_us(round, longest));
+  sent(q, try_patience_us(q));
 }
 
 void not_sent(dns_query *q) {
@@ -102,6 +100,7 @@ unsigned room_at(const Server *server) {
 // send_next sends the question at the head of the list, and with it what can leave in the same call.
 void send_next(dns_ctx *ctx, Link *held) {
   auto *q = static_cast<dns_query *>(ctx->sending.next);
+  if (servers_of(q)[q->server]->set_aside()) turn_away(q);
   Server *server = servers_of(q)[q->server];
   if (room_at(server) == 0) {
     server->parked.append(q);

@@ -17,6 +17,7 @@ unsigned bucket_of(const sockaddr_in &address, unsigned buckets) {
 }
 
 constexpr int64_t kUsPerMs = 1000;
+constexpr unsigned kLossWeight = 8;  // one try is an eighth of what is remembered
 
 }  // namespace
 
@@ -33,6 +34,26 @@ void Server::sample(int64_t rtt_us, dns_time now) {
   average_ms.store(static_cast<int>((srtt_us + kUsPerMs / 2) / kUsPerMs), std::memory_order_relaxed);
   last_ms.store(static_cast<int>((rtt + kUsPerMs / 2) / kUsPerMs), std::memory_order_relaxed);
   last_check.store(now, std::memory_order_relaxed);
+}
+
+void Server::heard(int64_t now_us) {
+  heard_us = now_us;
+  silent = 0;
+  loss -= loss / kLossWeight;
+}
+
+bool Server::missed(int64_t sent_us, int64_t now_us) {
+  if (loss == 0) loss_us = now_us;
+  loss += static_cast<uint32_t>(kLossWhole - loss) / kLossWeight;
+  // One that answers others meanwhile is there, whatever became of this try.
+  return heard_us <= sent_us && ++silent == kSilentMax;
+}
+
+void Server::forget_losses(int64_t now_us, int64_t half_life_us) {
+  const int64_t halves = (now_us - loss_us) / half_life_us;
+  constexpr int64_t kBits = 31;
+  loss >>= std::min(halves, kBits);
+  loss_us += halves * half_life_us;
 }
 
 int64_t Server::patience_us(unsigned round, int64_t longest_us) const {
@@ -91,9 +112,8 @@ void ServerTable::release(Server *server) {
   if (--server->holders > 0) return;
   pelk_lock lock(&mutex_);
   idle_.append(server);
-  if (++idle_count_ <= kIdleMax) return;
-  forget(static_cast<Server *>(idle_.next));
-  --idle_count_;
+  for (++idle_count_; idle_count_ > idle_max_; --idle_count_)
+    forget(static_cast<Server *>(idle_.next));
 }
 
 void ServerTable::forget(Server *server) {

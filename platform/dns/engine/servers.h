@@ -19,6 +19,9 @@ namespace dns {
 
 inline constexpr unsigned kServerCookieMax = 32;  // RFC 7873, section 4
 
+inline constexpr unsigned kSilentMax = 2;  // tries without an answer after which a server is set aside
+inline constexpr int64_t kLossWhole = 1024;
+
 // Server is one address that questions go to. `link` is its place in the list of records that nobody holds.
 struct Server : Link {
   sockaddr_in address;
@@ -37,6 +40,18 @@ struct Server : Link {
   unsigned under_way;  // questions that wait for its answer by UDP
   Link parked;         // questions that wait until it has fewer of them
 
+  // Whether it is there, and what it costs to ask it; of the driving thread too.
+  int64_t heard_us;      // when it last answered
+  unsigned silent;       // tries in a row during which nothing was heard of it
+  uint32_t loss;         // how many of kLossWhole recent tries timed out
+  int64_t loss_us;       // when that was last made less for the time gone by
+  int64_t try_at_us;     // when a question may next go to it though others are better
+  int64_t try_wait_us;   // and how long after the last such question that is
+  int64_t rated_us;      // when its cost was last worked out; 0 to have that done
+  int64_t cost_us;       // as it was then
+  int64_t zone_cost_us;  // what the cost zone says, until `zone_until_us`
+  int64_t zone_until_us;
+
   std::atomic<int> average_ms;
   std::atomic<int> last_ms;
   std::atomic<dns_time> last_check;
@@ -46,6 +61,13 @@ struct Server : Link {
 
   // sample takes one measured round trip into the estimate.
   void sample(int64_t rtt_us, dns_time now);
+  // heard notes an answer, missed that a try has had none: true when that sets the server aside.
+  void heard(int64_t now_us);
+  [[nodiscard]] bool missed(int64_t sent_us, int64_t now_us);
+  [[nodiscard]] bool set_aside() const { return silent >= kSilentMax; }
+  // forget_losses halves the losses for every `half_life_us` gone by, forget_cost what the cost zone has said.
+  void forget_losses(int64_t now_us, int64_t half_life_us);
+  void forget_cost() { zone_cost_us = zone_until_us = rated_us = 0; }
   // patience_us is how long a try of the given round waits for this server, between kPatienceMinUs and `longest_us`.
   [[nodiscard]] int64_t patience_us(unsigned round, int64_t longest_us) const;
 };
@@ -58,8 +80,8 @@ inline bool same_address(const sockaddr_in &a, const sockaddr_in &b) {
 
 class ServerTable {
  public:
-  // Records that nobody holds are kept for their estimates, this many; past them the one let go longest ago is
-  // forgotten.
+  // Records that nobody holds are kept for their estimates, this many where nobody says otherwise; past them the one
+  // let go longest ago is forgotten.
   static constexpr unsigned kIdleMax = 256;
 
   ServerTable();
@@ -72,6 +94,17 @@ class ServerTable {
   void hold_again(Server *server) { ++server->holders; }
   void release(Server *server);
 
+  // keep_idle sets how many records that nobody holds are kept; 0 for kIdleMax.
+  void keep_idle(unsigned most) { idle_max_ = most > 0 ? most : kIdleMax; }
+
+  template <typename Use>
+  void each(Use use) {
+    pelk_lock lock(&mutex_);
+    for (Server *server : buckets_)
+      for (; server != nullptr; server = server->bucket_next)
+        use(server);
+  }
+
   // read calls `use` with the address's record while the table's lock is held; false when there is none. Any thread.
   template <typename Use>
   bool read(const sockaddr_in &address, Use use) {
@@ -83,7 +116,7 @@ class ServerTable {
   }
 
  private:
-  static constexpr unsigned kBuckets = 256;
+  static constexpr unsigned kBuckets = 4096;
   [[nodiscard]] Server *find(const sockaddr_in &address) PELK_REQUIRES(mutex_);
   void forget(Server *server) PELK_REQUIRES(mutex_);
 
@@ -91,6 +124,7 @@ class ServerTable {
   Server *buckets_[kBuckets] PELK_GUARDED_BY(mutex_) = {};
   Link idle_;
   unsigned idle_count_ = 0;
+  unsigned idle_max_ = kIdleMax;
 };
 
 }  // namespace dns

@@ -68,9 +68,9 @@ int dns_get_serv(const struct dns_ctx *ctx, struct sockaddr *addresses, unsigned
 // The new number of such addresses, or a negative status.
 int dns_add_expserv_s(struct dns_ctx *ctx, const struct sockaddr *address);
 
-// dns_set_cost_zone names the zone whose A records give servers their costs (null: none). It is kept for the choice of
-// the best server, which this engine does not make yet: servers are asked in the list's order. 0, or DNS_E_BADQUERY for
-// a text that is no name.
+// dns_set_cost_zone names the zone whose A records give servers their costs (null: none) where the best is chosen, with
+// DNS_OPT_BSC_SIZE above 0: for 192.0.2.1 that of 1.2.0.192.ZONE, where 127.0.h.l adds h * 256 + l milliseconds. 0, or
+// DNS_E_BADQUERY for a text that is no name.
 dns_status dns_set_cost_zone(struct dns_ctx *ctx, const char *zone);
 
 // Statistics of one server, kept since the context first asked it: round-trip times in milliseconds, the moment of the
