@@ -64,11 +64,25 @@ void take_queued(dns_ctx *ctx) {
   }
 }
 
+// wait_on has a try waited for again whose server turned out to take longer than it was given, or has yet to be
+// measured. False when its time is over.
+bool wait_on(dns_query *q) {
+  dns_ctx *ctx = q->ctx;
+  if (q->over_tcp) return false;
+  const int64_t left_us = q->sent_us + try_patience_us(q) - ctx->now_us;
+  if (left_us <= 0) return false;
+  q->unlink();
+  const bool known = servers_of(q)[q->server]->srtt_us != 0;
+  ctx->waiting.add(q, ctx->now_us + (known ? left_us : std::min(left_us, kLookAgainUs)));
+  return true;
+}
+
 void give_up_late(dns_ctx *ctx) {
   Link due;
   ctx->waiting.expire(ctx->now_us, &due);
   while (!due.alone()) {
     auto *q = static_cast<dns_query *>(due.next);
+    if (wait_on(q)) continue;
     servers_of(q)[q->server]->timed_out.fetch_add(1, std::memory_order_relaxed);
     if (q->over_tcp) {
       tcp_timed_out(q);

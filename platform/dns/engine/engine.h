@@ -50,8 +50,9 @@ inline constexpr int64_t kUsPerSecond = 1'000'000;
 
 inline constexpr unsigned kPerServer = 4096;  // questions under way by UDP to one server; more wait for room
 inline constexpr unsigned kConnectionsMax = 16;
-inline constexpr unsigned kPerConnection = 100;           // questions under way on one connection
-inline constexpr int kTcpSlot = UdpPool::kSocketsMax;     // the slot of the first connection, behind the sockets
+inline constexpr unsigned kPerConnection = 100;        // questions under way on one connection
+inline constexpr int kTcpSlot = UdpPool::kSocketsMax;  // the slot of the first connection, behind the sockets
+inline constexpr int64_t kLookAgainUs = 250'000;       // at a try whose server has no estimate: it may have one by then
 inline constexpr int64_t kTcpIdleUs = 10 * kUsPerSecond;  // after which a connection is closed
 inline constexpr unsigned kRatingsMax = 32;               // look-ups of servers' costs at a time; others come later
 inline constexpr unsigned kTcpTriesMax = 2;               // connections on which one server is asked one question

@@ -129,8 +129,9 @@ void keep(dns_query *q, std::span<const uint8_t> packet, const Header &header, c
 
 // measure takes the round trip of an answer into the estimate of the server that sent it. Once a question was sent
 // again the answer may belong to an earlier packet (Karn's rule), and only the time since the first is sure to hold its
-// round trip. It counts where it is above the estimate: a server that has become slower than the wait for it would
-// otherwise never be measured again, and be asked twice for ever.
+// round trip. It counts where it is above the estimate and nothing surer has come in since: a server that has become
+// slower than the wait for it would otherwise never be measured again, and be asked twice for ever; while one that
+// merely loses packets goes on answering others at its own pace.
 void measure(dns_query *q, const Arrival &arrival) {
   dns_ctx *ctx = q->ctx;
   const sockaddr_in &peer = *arrival.peer;
@@ -144,7 +145,9 @@ void measure(dns_query *q, const Arrival &arrival) {
   if (arrival.protocol() == IPPROTO_TCP || !same_address(server->address, peer)) return;
   const bool sure = server == present && q->round == 0;
   const int64_t rtt = ctx->now_us - (sure ? q->sent_us : q->first_sent_us);
-  if (sure || (server->srtt_us != 0 && rtt > server->srtt_us)) server->sample(rtt, wall(ctx));
+  const bool slower = server->srtt_us != 0 && rtt > server->srtt_us && server->measured_us < q->first_sent_us;
+  if (sure) server->measured_us = ctx->now_us;
+  if (sure || slower) server->sample(rtt, wall(ctx));
 }
 
 // answering returns the set of the question's servers that have the answer's address: the one that was asked, or none

@@ -46,7 +46,9 @@ void sent_by_udp(dns_query *q, int slot) {
   q->asked |= 1U << q->server;
   q->under_way = servers[q->server];
   ++q->under_way->under_way;
-  sent(q, try_patience_us(q));
+  // A server's first answer says how long the others are worth waiting for.
+  const int64_t patience = try_patience_us(q);
+  sent(q, q->under_way->srtt_us == 0 ? std::min(patience, kLookAgainUs) : patience);
 }
 
 void not_sent(dns_query *q) {

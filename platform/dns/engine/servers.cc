@@ -17,6 +17,7 @@ unsigned bucket_of(const sockaddr_in &address, unsigned buckets) {
 }
 
 constexpr int64_t kUsPerMs = 1000;
+constexpr int64_t kCrowdMax = 64;
 constexpr unsigned kLossWeight = 8;  // one try is an eighth of what is remembered
 
 }  // namespace
@@ -27,9 +28,11 @@ void Server::sample(int64_t rtt_us, dns_time now) {
     srtt_us = rtt;
     deviation_us = rtt / 2;
   } else {
+    // Many samples within one round trip, the fastest first, must not wear the deviation down (RFC 7323, appendix G).
+    const int64_t crowd = std::clamp<int64_t>((int64_t{under_way} + 1) / 2, 1, kCrowdMax);
     const int64_t error = rtt > srtt_us ? rtt - srtt_us : srtt_us - rtt;
-    deviation_us += (error - deviation_us) / 4;
-    srtt_us = std::max<int64_t>(srtt_us + (rtt - srtt_us) / 8, 1);
+    deviation_us += (error - deviation_us) / (4 * crowd);
+    srtt_us = std::max<int64_t>(srtt_us + (rtt - srtt_us) / (8 * crowd), 1);
   }
   average_ms.store(static_cast<int>((srtt_us + kUsPerMs / 2) / kUsPerMs), std::memory_order_relaxed);
   last_ms.store(static_cast<int>((rtt + kUsPerMs / 2) / kUsPerMs), std::memory_order_relaxed);

@@ -42,6 +42,7 @@ struct Server : Link {
 
   // Whether it is there, and what it costs to ask it; of the driving thread too.
   int64_t heard_us;      // when it last answered
+  int64_t measured_us;   // when it last answered a question that was sent to it once
   unsigned silent;       // tries in a row during which nothing was heard of it
   uint32_t loss;         // how many of kLossWhole recent tries timed out
   int64_t loss_us;       // when that was last made less for the time gone by
