@@ -60,6 +60,7 @@ enum class Step { kMore, kFull, kDone, kFailed };
   const size_t end = std::min(walk->bucket + kWalkStep, index.buckets());
   for (size_t i = walk->bucket; i < end; ++i) {
     const Entry *entry = index.head(i);
+    if (entry == nullptr) continue;
     __builtin_prefetch(entry);
     __builtin_prefetch(entry + 1);
   }
