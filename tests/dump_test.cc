@@ -284,6 +284,12 @@ TEST_F(DumpTest, AForgedFileHarmsNobody) {
     }
   }
   EXPECT_GT(refused, static_cast<int>(whole.size()));
+  // The last byte of the count of entries, which two frames with totals end behind.
+  constexpr size_t kTotals = 16 + 16, kCountEnd = 16 + 8;
+  std::string hides = whole;
+  hides[whole.size() - 2 * kTotals + kCountEnd - 1] = 0;
+  write(sealed(hides));
+  EXPECT_EQ(load(cache_of().get()), DNS_E_TFILE) << "entries that the totals do not count";
 }
 
 TEST_F(DumpTest, ContextsOfAnyLayoutTakeWhatIsTheirs) {

@@ -233,7 +233,10 @@ struct Found {
   if (status == DNS_E_NOERROR) status = next_frame(dump, at, &end);
   if (status != DNS_E_NOERROR) return status;
   const bool ended = end.kind == kCacheEnd && read_totals(end, &dump->totals);
-  const bool sound = ended && dump->totals.bytes == found.bytes && dump->totals.first <= found.bytes / kImageMin;
+  // As many entries as there are bytes for, and bytes for no more.
+  const uint64_t most = found.bytes / kImageMin, least = (found.bytes + kImageMax - 1) / kImageMax;
+  const bool sound =
+      ended && dump->totals.bytes == found.bytes && dump->totals.first >= least && dump->totals.first <= most;
   return sound ? DNS_E_NOERROR : DNS_E_TFILE;
 }
 
