@@ -1,0 +1,183 @@
+// dump.cc - cache dumps of a forger: the checksums are right, what they guard is not. What is shown is what is loaded;
+// loaded, saved and loaded again, a cache holds the same.
+//
+// The first byte says how the rest is read. As a whole file, whose frames get their checksums; or as what the frames of
+// a file hold, which get everything else too, so that the fuzzer comes to the entries soon.
+#include <dns_engine.h>
+#include <siphash.h>
+
+#include <set>
+
+#include "fuzz.h"
+
+namespace {
+
+using fuzz::Bytes;
+using fuzz::check;
+
+using Cache = std::unique_ptr<dns_cache, decltype(&dns_cache_destroy)>;
+
+constexpr dns_time kNow = 800'000'000;
+constexpr size_t kSum = 8, kSizeAt = 12, kHead = 16;  // of a frame
+constexpr size_t kRunSizeAt = 12, kNameSizeAt = 19, kImageHead = 20;
+enum Kind : uint32_t { kFileHead = 1, kCacheHead = 2, kBlock = 3, kCacheEnd = 4, kFileEnd = 5 };
+const Bytes kMagic = {0x8d, 'D', 'N', 'C', 'D', '\r', '\n', 0x1a};
+
+// seal gives every frame the checksum that it should have.
+void seal(Bytes *bytes) {
+  Bytes key(kSum);
+  for (const char c : {'d', 'u', 'm', 'p', ' ', 's', 'u', 'm'})
+    key.push_back(static_cast<uint8_t>(c));
+  for (size_t at = kMagic.size(); at + kHead <= bytes->size();) {
+    uint8_t *frame = bytes->data() + at;
+    const size_t size = size_t{frame[kSizeAt]} << 24 | size_t{frame[kSizeAt + 1]} << 16 |
+                        size_t{frame[kSizeAt + 2]} << 8 | frame[kSizeAt + 3];
+    const size_t whole = kHead + std::min(size, bytes->size() - at - kHead);
+    uint64_t sum = siphash(key.data(), frame + kSum, whole - kSum);
+    for (size_t i = kSum; i > 0; sum >>= 8)
+      key[--i] = static_cast<uint8_t>(sum);
+    std::copy_n(key.begin(), kSum, frame);
+    at += whole;
+  }
+}
+
+// Composer writes the frames of a dump around what the fuzzer puts into them.
+class Composer {
+ public:
+  static Bytes compose(fuzz::Input *input) {
+    Composer composer;
+    composer.frame(kFileHead, {0, 0, 0, 1, 0, 0, 0, 0, 0x2f, 0xaf, 8, 0});
+    uint64_t caches = 0;
+    for (; !input->empty() && caches < 4; ++caches)
+      composer.cache(input);
+    composer.totals(kFileEnd, caches, composer.bytes_.size() + kHead + 2 * sizeof(uint64_t));
+    return composer.bytes_;
+  }
+
+ private:
+  void be(uint64_t value, size_t size) {
+    for (size_t i = size; i > 0; --i)
+      bytes_.push_back(static_cast<uint8_t>(value >> 8 * (i - 1)));
+  }
+  void frame(Kind kind, const Bytes &body) {
+    be(0, kSum);
+    be(kind, sizeof(uint32_t));
+    be(body.size(), sizeof(uint32_t));
+    bytes_.insert(bytes_.end(), body.begin(), body.end());
+  }
+  void totals(Kind kind, uint64_t first, uint64_t second) {
+    frame(kind, Bytes(2 * sizeof(uint64_t)));
+    bytes_.resize(bytes_.size() - 2 * sizeof(uint64_t));
+    be(first, sizeof first);
+    be(second, sizeof second);
+  }
+  static uint64_t entries_of(std::span<const uint8_t> images) {
+    uint64_t entries = 0;
+    for (; images.size() >= kImageHead; ++entries) {
+      const size_t size = kImageHead + images[kNameSizeAt] + images[kRunSizeAt] * 256U + images[kRunSizeAt + 1];
+      images = images.subspan(std::min(size, images.size()));
+    }
+    return entries;
+  }
+  void cache(fuzz::Input *input) {
+    const std::span<const uint8_t> user = input->bytes(input->u8());
+    frame(kCacheHead, {user.begin(), user.end()});
+    uint64_t entries = 0, size = 0;
+    for (unsigned blocks = input->u8() % 4U; blocks > 0; --blocks) {
+      const std::span<const uint8_t> images = input->bytes(input->u16());
+      frame(kBlock, {images.begin(), images.end()});
+      entries += entries_of(images);
+      size += images.size();
+    }
+    totals(kCacheEnd, entries, size);
+  }
+
+  Bytes bytes_ = kMagic;
+};
+
+Cache cache_of(uint8_t how) {
+  Cache cache(dns_cache_init((how & 2) != 0 ? 4000 : 1 << 20), dns_cache_destroy);
+  const uint32_t flags = ((how & 4) != 0 ? DNS_CR_EXPIRED : 0) | ((how & 8) != 0 ? 0 : DNS_CR_NCACHE);
+  check(dns_cacher_setopt(dns_cache_cacher(cache.get()), DNS_CROPT_FLAGS, &flags, sizeof flags) == 0, "flags");
+  return cache;
+}
+
+// text_of says what an entry holds, with its TTLs or without.
+std::string text_of(dns_cdata *entry, bool ttls) {
+  uint8_t dn[DNS_MAXDN];
+  unsigned size = sizeof dn;
+  check(dns_cdata_dn(entry, dn, &size) == 0, "an entry has a name");
+  std::string text(dn, dn + size);
+  const int ttl = ttls ? dns_cdata_ttl(entry) : 0;
+  for (const int figure : {dns_cdata_cls(entry), dns_cdata_typ(entry), dns_cdata_rcode(entry), ttl})
+    text += std::to_string(figure) + " ";
+  static Bytes data(DNS_MAXPACKET);
+  unsigned records = 0;
+  dns_rr rr = {};
+  dns_cdata_rewind(entry);
+  for (;; ++records) {
+    rr.dnsrr_dptr = data.data();
+    rr.dnsrr_dsz = DNS_MAXPACKET;
+    if (dns_cdata_nextrr(entry, &rr) != 1) break;
+    if (!ttls) rr.dnsrr_ttl = 0;
+    const std::string line = fuzz::written([&](FILE *stream) { check(dns_printrr(stream, 1, &rr) == 0, "it prints"); });
+    fuzz::expect_printable(line);
+    text += line + std::string(rr.dnsrr_dptr, rr.dnsrr_dend);
+  }
+  check(records == dns_cdata_nrr(entry), "an entry holds as many records as it says");
+  return text;
+}
+
+// Loaded is a dump as a cache takes it and as it shows itself. All its caches go into one.
+struct Loaded {
+  int status = 0;
+  std::set<std::string> shown, contents;
+
+  Loaded(const Bytes &bytes, dns_cache *cache) {
+    const fuzz::MemoryFile file(bytes);
+    dns_cdump *dump = dns_cdump_load_init(file.fd(), kNow);
+    check(dump != nullptr, "a file can be looked at");
+    const std::unique_ptr<dns_cdata, decltype(&dns_cdata_free)> entry(dns_cdata_init(0), dns_cdata_free);
+    for (status = dns_cdump_first_cache(dump); status > 0; status = dns_cdump_next_cache(dump)) {
+      int more = 0;
+      while ((more = dns_cdump_next_entry(dump, entry.get())) == 1) {
+        shown.insert(text_of(entry.get(), true));
+        contents.insert(text_of(entry.get(), false));
+      }
+      status = dns_cdump_load_cache(dump, cache);
+      check(more == (status == DNS_E_NODATA ? 0 : status), "a cache that can be shown can be loaded");
+      if (status != 0 && status != DNS_E_NODATA) break;
+    }
+    check(status <= 0, "a file comes to its end");
+    check(dns_cdump_load_finish(dump) == 0, "a dump is closed");
+  }
+};
+
+Bytes saved(dns_cache *cache) {
+  const fuzz::MemoryFile file;
+  dns_cdump *dump = dns_cdump_save_init(file.fd(), kNow);
+  check(dns_cdump_save_cache(dump, cache, "user", 4) == 0 && dns_cdump_save_finish(dump) == 0, "a cache can be saved");
+  return file.content();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  fuzz::Input input(data, size);
+  const uint8_t how = input.u8();
+  Bytes bytes;
+  if ((how & 1) != 0) {
+    bytes = Composer::compose(&input);
+  } else {
+    const std::span<const uint8_t> rest = input.rest();
+    bytes.assign(rest.begin(), rest.end());
+  }
+  seal(&bytes);
+  const Cache first = cache_of(how), second = cache_of(how), third = cache_of(how);
+  const Loaded foreign(bytes, first.get());
+  const Loaded again(saved(first.get()), second.get()), last(saved(second.get()), third.get());
+  check(again.status == 0 && last.status == 0, "what was saved can be loaded");
+  check(last.shown == again.shown, "saved and loaded, a cache is the same");
+  check(std::ranges::includes(foreign.contents, again.contents), "a cache holds what its dump has shown");
+  return 0;
+}
