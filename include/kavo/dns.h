@@ -211,8 +211,8 @@ KAVO_EXPORT struct dns_cdump *dns_cdump_save_init(int fd, dns_time now);
 
 /* dns_cdump_save_cache appends a cache, with `size` bytes (at most 256) of user data. An entry that is in the cache all
  * the while is saved; one that comes or goes meanwhile may be. The order of last use is not kept. 0; DNS_E_WFILE;
- * DNS_E_INVAL; DNS_E_FAIL. After a failure the dump cannot be completed any more: everything returns the same status.
- */
+ * DNS_E_FAIL. After a failure the dump cannot be completed any more: everything returns the same status. DNS_E_INVAL:
+ * nothing has happened. */
 KAVO_EXPORT int dns_cdump_save_cache(struct dns_cdump *dump, struct dns_cache *cache, const void *udata, unsigned size);
 
 /* dns_cdump_save_finish completes the file, unless the saving failed, and releases the context in any case. 0, or the

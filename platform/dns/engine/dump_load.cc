@@ -250,7 +250,8 @@ struct Found {
   if (status != DNS_E_NOERROR) return status;
   Totals totals;
   if (frame.kind == kFileEnd) {
-    if (!read_totals(frame, &totals) || totals != Totals{dump->caches, at.offset}) return DNS_E_TFILE;
+    if (!read_totals(frame, &totals) || totals != Totals{dump->caches, at.offset} || at.offset != dump->size)
+      return DNS_E_TFILE;
     dump->state = State::kAfter;
     return 0;
   }
