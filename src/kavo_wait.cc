@@ -123,10 +123,13 @@ template <typename Nodes>
   return KAVOE_OK;
 }
 
-// wait_change waits for the next broadcast.
-[[nodiscard]] KAVO_ERR wait_change(KAVO kavo, const struct timeval *deadline, const char *function)
-    PELK_REQUIRES(kavo->mx_table) {
+// wait_change waits for the next broadcast, on behalf of somebody who wants nodes to reach a state.
+[[nodiscard]] KAVO_ERR wait_change(KAVO kavo, kavo_query_state wanted, const struct timeval *deadline,
+                                   const char *function) PELK_REQUIRES(kavo->mx_table) {
+  const bool early = wanted <= KAVOQS_SUBMITTED;
+  if (early) ++kavo->early_waiters;
   const KAVO_ERR error = kavo_table_wait(kavo, deadline);
+  if (early) --kavo->early_waiters;
   if (error != KAVOE_OK && error != KAVOE_TIMEOUT) {
     PELK_ERROR(kSource, function, errno, error, "Error occured while waiting of table state changing");
   }
@@ -147,7 +150,7 @@ template <typename Nodes>
       *satisfied = result.satisfied;
       return KAVOE_OK;
     }
-    const KAVO_ERR error = wait_change(kavo, deadline, function);
+    const KAVO_ERR error = wait_change(kavo, wanted.state, deadline, function);
     if (error != KAVOE_OK) return error;
   }
 }
@@ -181,7 +184,7 @@ KAVO_ERR kavo_wait_node(KAVO kavo, KAVO_QUERY_NODE node, KAVO_WAIT_LEVEL wait_le
   if (node->state == KAVOQS_READY) return KAVOE_BADPAR;
   const kavo_query_state wanted = kavo_wltoqs(wait_level);
   while (node->state < wanted && node->state != KAVOQS_READY) {
-    const KAVO_ERR error = wait_change(kavo, deadline, __func__);
+    const KAVO_ERR error = wait_change(kavo, wanted, deadline, __func__);
     if (error != KAVOE_OK) return node->state == KAVOQS_READY ? invalid_node() : error;
   }
   return node->state == KAVOQS_READY ? invalid_node() : rearm(kavo, node, __func__);
