@@ -530,9 +530,17 @@ TEST_F(Engine, MoreThanAServerMayHaveUnderWayWaitsForRoom) {
   for (size_t i = 100; i < 2 * dns::kPerServer; ++i)
     expect_truth(*questions.all()[i]);
   EXPECT_EQ(dns_active(world.ctx), 0);
+  const size_t again = questions.all().size();
   for (unsigned i = 0; i < 3 * dns::kPerServer; ++i)
     questions.ask("listed-" + std::to_string(i) + ".list.test");
-  world.turn();
+  dns_timeouts(world.ctx, dns_tv_infinite, world.now());
+  for (size_t i = again; i < again + 2 * dns::kPerServer; ++i)  // those under way, and those that take their places
+    dns_cancel(world.ctx, questions.all()[i]->handle);
+  ASSERT_TRUE(world.run());
+  expect_truth(*questions.all().back());
+  for (unsigned i = 0; i < 3 * dns::kPerServer; ++i)
+    questions.ask("listed-" + std::to_string(i) + ".list.test");
+  dns_timeouts(world.ctx, dns_tv_infinite, world.now());
   dns_close(world.ctx);
   EXPECT_EQ(dns_active(world.ctx), 0);
 }

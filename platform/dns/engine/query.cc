@@ -74,6 +74,10 @@ void make_room(dns_ctx *ctx, Server *server) {
 void leave_list(dns_query *q) {
   if (q->state != State::waiting) {
     q->unlink();
+    if (q->state != State::sending || servers_of(q).empty()) return;
+    // It may have been given room that it does not use, with nobody under way to make any more.
+    Server *server = servers_of(q)[q->server];
+    if (server->under_way == 0 && !server->parked.alone()) q->ctx->sending.append(server->parked.next);
     return;
   }
   q->ctx->waiting.remove(q);
