@@ -18,13 +18,16 @@ void expect_stored(KAVO_TYPE type, const KAVO_RR &rr) {
   kavo_rr_free(&again);
 }
 
+// is_whole tells whether everything is there that a copy needs: both names, the entries' names, and the texts, of which
+// an empty one needs a terminator for which a forged record need not leave room.
 bool is_whole(KAVO_TYPE type, const KAVO_RR &rr) {
   if (type == KAVOT_PKT) return true;
   if (rr.rr_null->dnsn_cname == nullptr || rr.rr_null->dnsn_qname == nullptr) return false;
-  const bool named = type != KAVOT_DNS_A && type != KAVOT_DNS_AAAA && type != KAVOT_DNS_TXT && type != KAVOT_DNS_ETXT;
+  const bool named = type != KAVOT_DNS_A && type != KAVOT_DNS_AAAA && type != KAVOT_DNS_ETXT;
   for (int32_t i = 0; named && i < rr.rr_null->dnsn_nrr; ++i) {
     const char *name = type == KAVOT_DNS_MX    ? rr.rr_mx->dnsmx_mx[i].name
                        : type == KAVOT_DNS_SRV ? rr.rr_srv->dnssrv_srv[i].name
+                       : type == KAVOT_DNS_TXT ? rr.rr_txt->dnstxt_txt[i].txt
                                                : rr.rr_ptr->dnsptr_ptr[i];
     if (name == nullptr) return false;
   }
