@@ -184,6 +184,18 @@ TEST(Journey, RememberedServersThatFailedAMomentAgoEndTheQuestion) {
   EXPECT_EQ(tree.packets, 0U);
 }
 
+TEST(Journey, WhoFollowsIntoAZoneEndsInAContextWithoutServers) {
+  Tree tree(1);
+  (void)tree.run("listed-1.bank.test");
+  ASSERT_EQ(dns_add_serv(tree.world.ctx, nullptr), 0);
+  const Asked &leader = tree.ask("listed-2.bank.test");
+  const Asked &follower = tree.ask("listed-2.bank.test");
+  dns_timeouts(tree.world.ctx, dns_tv_infinite, tree.world.now());
+  dns_cancel(tree.world.ctx, leader.handle);
+  ASSERT_TRUE(tree.world.run());
+  EXPECT_TRUE(follower.calls == 1 && follower.status == DNS_E_TEMPFAIL);
+}
+
 TEST(Journey, ADelegationLivesNoLongerThanItsAddresses) {
   Tree tree(3);
   tree.evil = [](Reply *reply, const std::string &server) {

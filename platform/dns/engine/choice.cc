@@ -256,6 +256,7 @@ void turn_away(dns_query *q) {
   if (q->probes || !has(candidates(q).aside, q->server)) return;
   // Those that were waiting for room at the server would wait in vain.
   q->ctx->sending.take_all(&servers_of(q)[q->server]->parked);
+  give_up_place(q);
   q->plain = q->case_missed = q->fresh_cookie = false;
   q->tcp_tries = 0;
   (void)choose_next(q);

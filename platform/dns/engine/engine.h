@@ -143,7 +143,7 @@ struct dns_query : dns::Timer {
   const uint8_t *ask;    // the name that servers are asked for
   dns::OwnServers *own;  // null: the context's servers
   dns::Journey *journey;
-  dns::Server *under_way;  // the server of the present try while an answer is waited for, else null
+  dns::Server *under_way;  // the server among whose questions under way by UDP it has a place, else null
   uint64_t hash;
   uint64_t case_bits;  // the case in which the letters of its name were sent
   int64_t first_sent_us;
@@ -162,8 +162,8 @@ struct dns_query : dns::Timer {
   uint8_t dn_size;
   uint8_t ask_size;
   uint8_t server;     // the server of the present try
-  uint8_t tries;      // how often it was sent, but for a probe
-  uint8_t round;      // how often it has been to all the servers that it goes to
+  uint16_t tries;     // how often it was sent, but for a probe
+  uint16_t round;     // how often it has been to all the servers that it goes to
   uint8_t rating;     // of a look-up of a server's cost: its place among them and 1, else 0
   bool probes;        // the present try finds out whether a server that was set aside is back
   uint8_t tcp_tries;  // connections on which the present server was asked
@@ -308,6 +308,10 @@ void index_remove(dns_query *q);
 
 // recall_failures passes over servers that failed at the question a moment ago. False when that ended it.
 [[nodiscard]] bool recall_failures(dns_query *q);
+
+// give_up_place ends a question's being under way to a server, and hands its place to the next that is parked there,
+// which so keeps it until it has left for somewhere else.
+void give_up_place(dns_query *q);
 
 // leave takes a question out of its list, the timers, the index and its connection, and gives its socket back.
 void leave(dns_query *q);

@@ -127,6 +127,16 @@ void keep(dns_query *q, std::span<const uint8_t> packet, const Header &header, c
     (void)dns_cacher_put(ctx->answer_cache, entry, wall(ctx));
 }
 
+// answering returns the set of the question's servers that have the answer's address: the one that was asked, or none
+// for an expected stranger, whose answer then stands for the server of the present try.
+uint32_t answering(const dns_query *q, const sockaddr_in &peer) {
+  const auto servers = servers_of(q);
+  uint32_t set = 0;
+  for (unsigned i = 0; i < servers.size(); ++i)
+    if (same_address(servers[i]->address, peer)) set |= 1U << i;
+  return set != 0 ? set : 1U << q->server;
+}
+
 // measure takes the round trip of an answer into the estimate of the server that sent it. Once a question was sent
 // again the answer may belong to an earlier packet (Karn's rule), and only the time since the first is sure to hold its
 // round trip. It counts where it is above the estimate and nothing surer has come in since: a server that has become
@@ -143,21 +153,13 @@ void measure(dns_query *q, const Arrival &arrival) {
   server->heard(ctx->now_us);
   // Over TCP the time holds a connection's making, or its waiting for others.
   if (arrival.protocol() == IPPROTO_TCP || !same_address(server->address, peer)) return;
-  const bool sure = server == present && q->round == 0;
+  // Nor is it clear which packet is answered by a server that stands in the list twice and was asked at both places.
+  const bool once = (answering(q, peer) & q->asked & ~(1U << q->server)) == 0;
+  const bool sure = server == present && q->round == 0 && once;
   const int64_t rtt = ctx->now_us - (sure ? q->sent_us : q->first_sent_us);
   const bool slower = server->srtt_us != 0 && rtt > server->srtt_us && server->measured_us < q->first_sent_us;
   if (sure) server->measured_us = ctx->now_us;
   if (sure || slower) server->sample(rtt, wall(ctx));
-}
-
-// answering returns the set of the question's servers that have the answer's address: the one that was asked, or none
-// for an expected stranger, whose answer then stands for the server of the present try.
-uint32_t answering(const dns_query *q, const sockaddr_in &peer) {
-  const auto servers = servers_of(q);
-  uint32_t set = 0;
-  for (unsigned i = 0; i < servers.size(); ++i)
-    if (same_address(servers[i]->address, peer)) set |= 1U << i;
-  return set != 0 ? set : 1U << q->server;
 }
 
 // result_of parses what the callback is given. A denial's records say nothing, so only a raw packet is handed out for
@@ -293,8 +295,9 @@ void take_answer(dns_query *q, const Arrival &arrival, const Header &header) {
   for (unsigned i = 0; i < servers.size(); ++i)
     if ((failed & (1U << i)) != 0 && (q->flags & DNS_DCACHE) == 0)
       q->ctx->failures.remember(q, servers[i], verdict.status);
-  // An error from a server that was asked before the present one changes nothing about the try that is under way.
-  if (q->state == State::waiting && (q->refused & (1U << q->server)) == 0) return;
+  // An error from a server that was asked before the present one changes nothing about the try that is under way, or
+  // about to be.
+  if ((q->refused & (1U << q->server)) == 0) return;
   ask_again(q);
 }
 

@@ -65,26 +65,28 @@ void release(dns_query *q) {
   ctx->queries.put(q);
 }
 
-// make_room has a question that was parked for a server sent, now that the server has one less under way.
-void make_room(dns_ctx *ctx, Server *server) {
-  --server->under_way;
-  if (!server->parked.alone()) ctx->sending.append(server->parked.next);
-}
-
 void leave_list(dns_query *q) {
-  if (q->state != State::waiting) {
+  if (q->state == State::waiting) {
+    q->ctx->waiting.remove(q);
+  } else {
     q->unlink();
-    if (q->state != State::sending || servers_of(q).empty()) return;
-    // It may have been given room that it does not use, with nobody under way to make any more.
-    Server *server = servers_of(q)[q->server];
-    if (server->under_way == 0 && !server->parked.alone()) q->ctx->sending.append(server->parked.next);
-    return;
   }
-  q->ctx->waiting.remove(q);
-  if (q->under_way != nullptr) make_room(q->ctx, std::exchange(q->under_way, nullptr));
+  give_up_place(q);
 }
 
 }  // namespace
+
+void give_up_place(dns_query *q) {
+  Server *server = std::exchange(q->under_way, nullptr);
+  if (server == nullptr) return;
+  if (server->parked.alone()) {
+    --server->under_way;
+    return;
+  }
+  auto *next = static_cast<dns_query *>(server->parked.next);
+  next->under_way = server;
+  q->ctx->sending.append(next);
+}
 
 void leave(dns_query *q) {
   leave_list(q);
@@ -296,9 +298,10 @@ dns_query *dns_submit_dn_serv(dns_ctx *ctx, const unsigned char *dn, dns_class c
 }
 
 void dns_cancel(dns_ctx *ctx, dns_query *q) {
-  // A question that is being delivered is over already.
+  // A question that is being delivered is over already. A look-up, which the debug function gets to see, ends with the
+  // question that waits for it.
   if (ctx == nullptr || q == nullptr || q->state == State::delivering || q->state == State::cancelled) return;
-  drop(q);
+  if (q->journey == nullptr || q->journey->top == nullptr) drop(q);
 }
 
 void *dns_qudata(const dns_query *q) {

@@ -138,8 +138,9 @@ void take_packet(dns_ctx *ctx, std::span<uint8_t> packet, const sockaddr_in &pee
     return;
   }
   if (found.match == Match::but_for_case) {
+    const Hold hold(ctx);
     tell_packet(ctx, nullptr, found.code, arrival, 0);
-    if (!take_other_case(found, slot)) return;
+    if (found.q->state == State::cancelled || !take_other_case(found, slot)) return;
   }
   // What the case of the letters was good for is done: the host sees the name as it gave it.
   memcpy(packet.data() + DNS_HSIZE, found.q->ask, found.q->ask_size);

@@ -44,11 +44,13 @@ void sent_by_udp(dns_query *q, int slot) {
   // A server that is away must not cost a question one of its tries.
   if (!q->probes) ++q->tries;
   q->asked |= 1U << q->server;
-  q->under_way = servers[q->server];
-  ++q->under_way->under_way;
+  if (q->under_way == nullptr) {
+    q->under_way = servers[q->server];
+    ++q->under_way->under_way;
+  }
   // A server's first answer says how long the others are worth waiting for.
   const int64_t patience = try_patience_us(q);
-  sent(q, q->under_way->srtt_us == 0 ? std::min(patience, kLookAgainUs) : patience);
+  sent(q, servers[q->server]->srtt_us == 0 ? std::min(patience, kLookAgainUs) : patience);
 }
 
 void not_sent(dns_query *q) {
@@ -102,9 +104,14 @@ unsigned room_at(const Server *server) {
 // send_next sends the question at the head of the list, and with it what can leave in the same call.
 void send_next(dns_ctx *ctx, Link *held) {
   auto *q = static_cast<dns_query *>(ctx->sending.next);
+  // One that followed a question which began at a zone's servers, in a context that has none.
+  if (servers_of(q).empty()) {
+    ask_again(q);
+    return;
+  }
   if (servers_of(q)[q->server]->set_aside()) turn_away(q);
   Server *server = servers_of(q)[q->server];
-  if (room_at(server) == 0) {
+  if (q->under_way == nullptr && room_at(server) == 0) {
     server->parked.append(q);
     return;
   }
@@ -165,6 +172,8 @@ void sent(dns_query *q, int64_t patience_us) {
 
 void flush(dns_ctx *ctx) {
   Link held;
+  // Those that waited come before those that are new, or the new ones would take every room there is.
+  ctx->tcp_waiting.take_all(&ctx->sending);
   ctx->sending.take_all(&ctx->tcp_waiting);
   do {
     while (!ctx->sending.alone()) {
