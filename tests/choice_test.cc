@@ -1,0 +1,216 @@
+// choice_test.cc - which server a question goes to in a simulated network, and for how long it is waited for there.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "support/questions.h"
+
+namespace {
+
+using namespace sim;
+
+TEST_F(Engine, StatisticsFollowTheServers) {
+  world.add_server("192.0.2.1", Temper::dead);
+  world.add_server("192.0.2.2", Temper::good);
+  world.weather.delay_us = 20'000;
+  const sockaddr_in places[] = {World::address_of("192.0.2.1"), World::address_of("192.0.2.2")};
+  const auto *dead = reinterpret_cast<const sockaddr *>(&places[0]);
+  const auto *good = reinterpret_cast<const sockaddr *>(&places[1]);
+  uint64_t sent = 7, timed_out = 7, used = 7;
+  int average = 0, last = 0, check = 0;
+  EXPECT_EQ(dns_get_serv_nqsent(world.ctx, good, &sent), DNS_E_INVAL) << "not asked yet";
+  for (int i = 0; i < 5; ++i) {
+    questions.ask("listed-1.list.test");
+    ASSERT_TRUE(world.run());
+  }
+  // Twice is enough for a server to be set aside.
+  for (const int error :
+       {dns_get_serv_nqsent(world.ctx, dead, &sent), dns_get_serv_ntimeout(world.ctx, dead, &timed_out),
+        dns_get_serv_nused(world.ctx, good, &used), dns_get_serv_avgrtt(world.ctx, good, &average),
+        dns_get_serv_lastrtt(world.ctx, good, &last), dns_get_serv_last_check(world.ctx, good, &check)})
+    EXPECT_EQ(error, DNS_E_NOERROR);
+  EXPECT_TRUE(sent == 2 && timed_out == 2 && used == 5) << sent << " " << timed_out << " " << used;
+  EXPECT_TRUE(average == 20 && last == 20) << average << " " << last;
+  EXPECT_EQ(check, world.now_us / 1'000'000);
+}
+
+// ask_in_turn asks one question after the other, `pause_us` after each answer, and returns how long they took.
+std::vector<int64_t> ask_in_turn(World *world, int count, int64_t pause_us, const std::vector<std::string> &own = {}) {
+  Questions questions(world);
+  std::vector<int64_t> took;
+  world->asked.clear();
+  for (int i = 0; i < count; ++i) {
+    const Asked &asked = questions.ask("listed-" + std::to_string(i) + ".list.test", own);
+    EXPECT_TRUE(world->run());
+    expect_truth(asked);
+    took.push_back(asked.took_us);
+    world->now_us += pause_us;
+  }
+  return took;
+}
+
+int64_t median(std::vector<int64_t> of) {
+  std::ranges::nth_element(of, of.begin() + static_cast<long>(of.size() / 2));
+  return of[of.size() / 2];
+}
+
+TEST(Choice, ADeadServerCostsTheMedianNothingAndComesBack) {
+  constexpr int kQuestions = 1000;
+  const std::vector<std::string> both = {"192.0.2.1", "192.0.2.2"};
+  struct Row {
+    uint32_t flags;
+    bool own;
+    uint32_t bsc_size;
+    uint32_t ntries;
+  };
+  for (const Row &row : {Row{0, false, 0, 4}, Row{DNS_SERVRRB, false, 0, 4}, Row{0, true, 0, 4}, Row{0, false, 16, 4},
+                         Row{DNS_SERVRRB, false, 0, 2}}) {
+    SCOPED_TRACE(testing::Message() << row.flags << " " << row.own << " " << row.bsc_size << " " << row.ntries);
+    const std::vector<std::string> own = row.own ? both : std::vector<std::string>{};
+    World worlds[2] = {World(1), World(1)};
+    std::vector<int64_t> took[2];
+    for (const size_t dead : {0U, 1U}) {
+      World &world = worlds[dead];
+      world.weather.delay_us = 5000;
+      set(&world, DNS_OPT_FLAGS, row.flags);
+      set(&world, DNS_OPT_BSC_SIZE, row.bsc_size);
+      set(&world, DNS_OPT_NTRIES, row.ntries);
+      for (const std::string &server : both)
+        world.add_server(server, Temper::good);
+      if (dead == 1) world.set_temper(both[0], Temper::dead);
+      took[dead] = ask_in_turn(&world, kQuestions, 10'000, own);
+    }
+    World &world = worlds[1];
+    EXPECT_LE(median(took[1]), median(took[0]));
+    EXPECT_LE(took[1][0], dns::Options{}.timeout_us);
+    std::ranges::sort(took[1]);
+    EXPECT_LE(took[1][kQuestions - 3], 60'000) << "but for two, a question is held up by a probe at most";
+    EXPECT_LE(world.asked[both[0]], 8U) << "probes come ever more rarely";
+
+    (void)ask_in_turn(&world, 60, 5 * dns::kUsPerSecond, own);
+    EXPECT_LE(world.asked[both[0]], 8U) << "but go on";
+    EXPECT_GE(world.asked[both[0]], 4U);
+    world.set_temper(both[0], Temper::good);
+    world.delays_us[both[1]] = 2000;
+    (void)ask_in_turn(&world, 70, dns::kUsPerSecond, own);
+    (void)ask_in_turn(&world, 100, 10'000, own);
+    const unsigned share = row.flags == DNS_SERVRRB ? 50 : 95;
+    EXPECT_GE(world.asked[both[0]], share) << "it is back";
+
+    // With none left, all are asked.
+    world.set_temper(both[0], Temper::dead);
+    world.set_temper(both[1], Temper::dead);
+    world.asked.clear();
+    Questions questions(&world);
+    for (int i = 0; i < 6; ++i) {
+      EXPECT_EQ(questions.ask("listed-1.list.test", own).calls, 0);
+      ASSERT_TRUE(world.run());
+    }
+    EXPECT_TRUE(world.asked[both[0]] >= 6 && world.asked[both[1]] >= 6);
+  }
+}
+
+class Best : public Engine {
+ protected:
+  Best() {
+    set(&world, DNS_OPT_BSC_SIZE, 16);
+    for (const auto &[server, delay_us] :
+         {std::pair{"192.0.2.3", 30'000}, {"192.0.2.2", 5'000}, {"192.0.2.1", 20'000}}) {
+      world.add_server(server, Temper::good);
+      world.delays_us[server] = delay_us;
+    }
+  }
+  // expect_shares asks a hundred questions and compares how many of them each server gets, give or take the few by
+  // which the others are measured.
+  void expect_shares(unsigned first, unsigned second, unsigned third, int64_t pause_us = 10'000) {
+    (void)ask_in_turn(&world, 100, pause_us);
+    EXPECT_NEAR(world.asked["192.0.2.1"], first, 4);
+    EXPECT_NEAR(world.asked["192.0.2.2"], second, 4);
+    EXPECT_NEAR(world.asked["192.0.2.3"], third, 4);
+  }
+};
+
+TEST_F(Best, QuestionsGoWhereTheyCostLeast) {
+  expect_shares(0, 100, 0);
+  world.delays_us["192.0.2.2"] = 40'000;
+  expect_shares(0, 100, 0);
+  world.now_us += 60 * dns::kUsPerSecond;
+  expect_shares(100, 0, 0);
+  set(&world, DNS_OPT_BSC_NBEST, 2);
+  expect_shares(50, 0, 50);
+  set(&world, DNS_OPT_BSC_NBEST, 1);
+  set(&world, DNS_OPT_BSC_UPDTIME, 0);
+  world.delays_us["192.0.2.2"] = 1000;
+  (void)ask_in_turn(&world, 400, dns::kUsPerSecond);
+  expect_shares(0, 100, 0);
+
+  // A server that loses every other packet costs its time-outs.
+  world.delays_us = {{"192.0.2.1", 20'000}, {"192.0.2.2", 20'000}, {"192.0.2.3", 20'000}};
+  (void)ask_in_turn(&world, 400, dns::kUsPerSecond);
+  for (int i = 0; i < 100; ++i) {
+    world.set_temper("192.0.2.2", i % 2 == 0 ? Temper::dead : Temper::good);
+    (void)ask_in_turn(&world, 1, 10'000);
+  }
+  world.set_temper("192.0.2.2", Temper::good);
+  (void)ask_in_turn(&world, 10, 10'000);
+  EXPECT_EQ(world.asked["192.0.2.2"], 0U);
+}
+
+TEST_F(Best, TheCostZoneMovesTheTraffic) {
+  ASSERT_EQ(dns_set_cost_zone(world.ctx, "cost.test"), DNS_E_NOERROR);
+  (void)ask_in_turn(&world, 10, 10'000);
+  EXPECT_EQ(world.packets_sent, 13U) << "each server's cost is looked up once";
+  expect_shares(100, 0, 0);
+  world.now_us += 61 * dns::kUsPerSecond;
+  world.packets_sent = 0;
+  expect_shares(100, 0, 0);
+  EXPECT_EQ(world.packets_sent, 100U) << "the costs are good for another four minutes";
+  ASSERT_EQ(dns_set_cost_zone(world.ctx, nullptr), DNS_E_NOERROR);
+  expect_shares(0, 100, 0);
+}
+
+TEST_F(Best, NobodyWaitsForTheCostZone) {
+  ASSERT_EQ(dns_set_cost_zone(world.ctx, "cost.test"), DNS_E_NOERROR);
+  for (const char *server : {"192.0.2.1", "192.0.2.2", "192.0.2.3"})
+    world.set_temper(server, Temper::dead);
+  for (const char *server : {"192.0.2.5", "192.0.2.6"})
+    world.set_temper(server, Temper::good);
+  for (const int64_t took_us : ask_in_turn(&world, 100, 10'000, {"192.0.2.5", "192.0.2.6"}))
+    EXPECT_LE(took_us, 1000);
+  EXPECT_GE(world.packets_sent, 102U) << "the look-ups are under way";
+  EXPECT_EQ(dns_active(world.ctx), 0);
+  EXPECT_EQ(dns_add_serv(world.ctx, "192.0.2.4"), 4) << "and in nobody's way";
+  questions.ask("listed-1.list.test", {"192.0.2.5", "192.0.2.6"});
+  world.turn();
+  dns_close(world.ctx);
+}
+
+TEST_F(Engine, ARoundTripIsMeasuredWhereThePacketIsSure) {
+  world.add_server("192.0.2.1", Temper::good);
+  world.weather.delay_us = 1'600'000;
+  const sockaddr_in place = World::address_of("192.0.2.1");
+  int last_ms = 7;
+  expect_truth((questions.ask("listed-1.list.test", {"192.0.2.1", "192.0.2.1"}), world.run(), *questions.all().back()));
+  EXPECT_EQ(world.packets_sent, 2U);
+  EXPECT_EQ(dns_get_serv_lastrtt(world.ctx, reinterpret_cast<const sockaddr *>(&place), &last_ms), DNS_E_NOERROR);
+  EXPECT_EQ(last_ms, 0) << "the answer may be either packet's";
+}
+
+TEST_F(Engine, AServerThatSlowsDownIsSoonWaitedFor) {
+  world.weather.delay_us = 1000;
+  world.add_server("192.0.2.1", Temper::good);
+  for (const int64_t delay_us : {1000, 200'000}) {
+    world.weather.delay_us = delay_us;
+    world.packets_sent = 0;
+    constexpr unsigned kQuestions = 20;
+    for (unsigned i = 0; i < kQuestions; ++i) {
+      questions.ask("listed-1.list.test");
+      ASSERT_TRUE(world.run());
+    }
+    EXPECT_LE(world.packets_sent, kQuestions + 5);
+  }
+}
+
+}  // namespace
