@@ -99,9 +99,11 @@ Connection *connect(dns_ctx *ctx, Server *server, bool *waits) {
   return true;
 }
 
-// take_messages reads a connection as far as there is something; false once it is broken.
+// take_messages reads a connection as far as there is something; false once it is broken, or where no question is under
+// way on it: a server that goes on talking must not keep a resting context awake.
 [[nodiscard]] bool take_messages(dns_ctx *ctx, Connection *connection) {
   const sockaddr_in peer = connection->server->address;
+  if (connection->count == 0) return false;
   for (unsigned i = 0; i < kReadsMax; ++i) {
     const int got = connection->link.fill();
     if (got == -EAGAIN) return true;
