@@ -166,7 +166,8 @@ void receive(dns_ctx *ctx, int slot) {
       // An answer may have been the last that a worn socket waited for.
       if (ctx->sockets.descriptor(slot) != descriptor) return;
     }
-    if (count <= 0 && take_returned(ctx, slot)) continue;
+    // What came back may have been the last that a worn socket waited for, too.
+    if (count <= 0 && take_returned(ctx, slot) && ctx->sockets.descriptor(slot) == descriptor) continue;
     if (count < static_cast<int>(kBatch)) return;  // a short batch emptied the socket
   }
 }
