@@ -203,7 +203,7 @@ dns_status dns_open(dns_ctx *ctx) {
   if (ctx->opened) return DNS_E_NOERROR;
   // Not cleared: packet buffers are written before they are read.
   if (ctx->buffers == nullptr) ctx->buffers = static_cast<dns_ctx::Buffers *>(malloc(sizeof(dns_ctx::Buffers)));
-  if (ctx->buffers == nullptr || !index_make(ctx)) return DNS_E_NOMEM;
+  if (ctx->buffers == nullptr || !ctx->index.ready()) return DNS_E_NOMEM;
   if (ctx->sockets.open() != 0) return DNS_E_FAIL;
   ctx->opened = true;
   return DNS_E_NOERROR;
@@ -217,9 +217,7 @@ void dns_close(dns_ctx *ctx) {
     for (Link *list : {&ctx->resting, &ctx->queued, &ctx->sending, &ctx->tcp_waiting})
       while (!list->alone())
         drop(static_cast<dns_query *>(list->next));
-    for (unsigned i = 0; i < ctx->index_size; ++i)
-      while (ctx->index[i] != nullptr)
-        drop(ctx->index[i]);
+    ctx->index.drain(drop);
   }
   tcp_close(ctx);
   ctx->sockets.close();
@@ -231,8 +229,6 @@ void dns_destroy(dns_ctx *ctx) {
   dns_close(ctx);
   drop_servers(ctx);
   dns_cdata_free(ctx->entry);
-  free(ctx->index);
-  free(ctx->leaders);
   free(ctx->result);
   free(ctx->buffers);
   ctx->~dns_ctx();

@@ -33,6 +33,7 @@
 #include <span>
 
 #include "cdata.h"
+#include "chained_table.h"
 #include "failures.h"
 #include "list.h"
 #include "pool.h"
@@ -233,15 +234,13 @@ struct dns_ctx {
   dns::Link resting;
   dns::Link tcp_waiting;  // questions for which no connection has room
   dns::TimerWheel waiting;
-  dns_query **index = nullptr;  // questions that were sent, by id; a power of two of buckets
-  unsigned index_size = 0;
-  unsigned in_flight = 0;  // questions in the index
+  // Questions that were sent, until they are over, by id.
+  dns::ChainedTable<dns_query, &dns_query::index_next, &dns_query::id> index;
 
   uint8_t secret[16] = {};  // of this context's hashes
   uint8_t cookie_secret[16] = {};
-  dns_query **leaders = nullptr;  // questions that others may follow; a power of two of buckets
-  unsigned leaders_size = 0;
-  unsigned leader_count = 0;
+  // Questions that others may follow.
+  dns::ChainedTable<dns_query, &dns_query::leader_next, &dns_query::hash> leaders;
   dns::Failures failures;
 
   dns::Connection connections[dns::kConnectionsMax];
@@ -298,13 +297,6 @@ namespace dns {
 
 // release_own_servers has a question ask the context's servers from now on.
 void release_own_servers(dns_query *q);
-
-// The index holds every question that was sent, by id, until it is over. index_make allocates it; index_first begins
-// the chain in which a question with that id would lie.
-[[nodiscard]] bool index_make(dns_ctx *ctx);
-void index_add(dns_query *q);
-void index_remove(dns_query *q);
-[[nodiscard]] dns_query *index_first(const dns_ctx *ctx, uint16_t id);
 
 // recall_failures passes over servers that failed at the question a moment ago. False when that ended it.
 [[nodiscard]] bool recall_failures(dns_query *q);

@@ -5,7 +5,6 @@
 // Look-ups of the engine's own lead and follow nobody: one that waited for a question that waits for it would never
 // end.
 #include <siphash.h>
-#include <stdlib.h>
 #include <string.h>
 
 #include <algorithm>
@@ -14,8 +13,6 @@
 
 namespace dns {
 namespace {
-
-constexpr unsigned kLeadersMin = 64;  // buckets of the first table
 
 uint64_t hash_of(const dns_query *q) {
   uint8_t bytes[DNS_MAXDN + 8];
@@ -40,41 +37,18 @@ bool may_lead(const dns_query *q) {
   return (q->flags & DNS_DCACHE) == 0 && q->rating == 0 && (q->journey == nullptr || q->journey->top == nullptr);
 }
 
-void grow(dns_ctx *ctx) {
-  const unsigned size = ctx->leaders_size == 0 ? kLeadersMin : 2 * ctx->leaders_size;
-  auto **leaders = static_cast<dns_query **>(calloc(size, sizeof(dns_query *)));
-  if (leaders == nullptr) return;  // the table in place goes on, with longer chains
-  for (unsigned i = 0; i < ctx->leaders_size; ++i)
-    while (dns_query *q = ctx->leaders[i]) {
-      ctx->leaders[i] = q->leader_next;
-      dns_query *&bucket = leaders[q->hash & (size - 1)];
-      q->leader_next = bucket;
-      bucket = q;
-    }
-  free(ctx->leaders);
-  ctx->leaders = leaders;
-  ctx->leaders_size = size;
-}
-
 // lead makes a question one that others may follow. Without memory it is asked alone.
 void lead(dns_query *q) {
-  dns_ctx *ctx = q->ctx;
-  if (ctx->leader_count >= ctx->leaders_size) grow(ctx);
-  if (ctx->leaders == nullptr) return;
-  dns_query *&bucket = ctx->leaders[q->hash & (ctx->leaders_size - 1)];
-  q->leader_next = bucket;
-  bucket = q;
-  q->leads = true;
-  ++ctx->leader_count;
+  q->leads = q->ctx->leaders.ready();
+  if (q->leads) q->ctx->leaders.add(q);
 }
 
 }  // namespace
 
 bool follow(dns_query *q) {
-  dns_ctx *ctx = q->ctx;
   if (!may_lead(q)) return false;
   q->hash = hash_of(q);
-  dns_query *leader = ctx->leaders_size == 0 ? nullptr : ctx->leaders[q->hash & (ctx->leaders_size - 1)];
+  dns_query *leader = q->ctx->leaders.first(q->hash);
   while (leader != nullptr && !same(leader, q))
     leader = leader->leader_next;
   if (leader == nullptr) {
@@ -89,13 +63,8 @@ bool follow(dns_query *q) {
 void stop_leading(dns_query *q, Link *followers) {
   followers->take_all(&q->followers);
   if (!q->leads) return;
-  dns_ctx *ctx = q->ctx;
-  dns_query **at = &ctx->leaders[q->hash & (ctx->leaders_size - 1)];
-  while (*at != q)
-    at = &(*at)->leader_next;
-  *at = q->leader_next;
+  q->ctx->leaders.remove(q);
   q->leads = false;
-  --ctx->leader_count;
 }
 
 void hand_over(Link *followers) {

@@ -11,24 +11,6 @@
 namespace dns {
 namespace {
 
-constexpr unsigned kIndexMin = 64;  // buckets of the first index
-
-void index_grow(dns_ctx *ctx) {
-  const unsigned size = ctx->index_size == 0 ? kIndexMin : ctx->index_size * 2;
-  auto **index = static_cast<dns_query **>(calloc(size, sizeof(dns_query *)));
-  if (index == nullptr) return;  // the index in place goes on, with longer chains
-  for (unsigned i = 0; i < ctx->index_size; ++i)
-    while (dns_query *q = ctx->index[i]) {
-      ctx->index[i] = q->index_next;
-      dns_query *&bucket = index[q->id & (size - 1)];
-      q->index_next = bucket;
-      bucket = q;
-    }
-  free(ctx->index);
-  ctx->index = index;
-  ctx->index_size = size;
-}
-
 bool keep_name(dns_query *q, const uint8_t *dn, unsigned size) {
   uint8_t *place = q->inline_dn;
   if (size > kInlineName) {
@@ -91,7 +73,7 @@ void give_up_place(dns_query *q) {
 void leave(dns_query *q) {
   leave_list(q);
   if (q->slot == UdpPool::kNone) return;
-  index_remove(q);
+  q->ctx->index.remove(q);
   if (q->slot >= kTcpSlot) {
     tcp_forget(q);
   } else {
@@ -127,33 +109,6 @@ void release_own_servers(dns_query *q) {
   for (unsigned i = 0; i < q->nserv; ++i)
     q->ctx->server_table.release(q->own->servers[i]);
   q->ctx->own_servers.put(std::exchange(q->own, nullptr));
-}
-
-bool index_make(dns_ctx *ctx) {
-  if (ctx->index == nullptr) index_grow(ctx);
-  return ctx->index != nullptr;
-}
-
-void index_add(dns_query *q) {
-  dns_ctx *ctx = q->ctx;
-  if (ctx->in_flight >= ctx->index_size) index_grow(ctx);
-  dns_query *&bucket = ctx->index[q->id & (ctx->index_size - 1)];
-  q->index_next = bucket;
-  bucket = q;
-  ++ctx->in_flight;
-}
-
-void index_remove(dns_query *q) {
-  dns_ctx *ctx = q->ctx;
-  dns_query **at = &ctx->index[q->id & (ctx->index_size - 1)];
-  while (*at != q)
-    at = &(*at)->index_next;
-  *at = q->index_next;
-  --ctx->in_flight;
-}
-
-dns_query *index_first(const dns_ctx *ctx, uint16_t id) {
-  return ctx->index[id & (ctx->index_size - 1)];
 }
 
 void deliver(dns_query *q, dns_status status, void *result, unsigned size, unsigned sflags) {

@@ -58,7 +58,7 @@ Found find(dns_ctx *ctx, const Arrival &arrival, Header *header) {
   }
   if (header->opcode != 0) return found;
   found.code = DNS_D_PKT_NOREQ;
-  for (dns_query *q = index_first(ctx, header->id); q != nullptr; q = q->index_next) {
+  for (dns_query *q = ctx->index.first(header->id); q != nullptr; q = q->index_next) {
     if (q->id != header->id || q->slot != arrival.slot) continue;
     const int server = arrival.slot < kTcpSlot ? asked_server(q, *arrival.peer) : int{q->server};
     if (server == kNotAsked) continue;
@@ -113,7 +113,7 @@ bool has_right_cookie(const Found &found, const Arrival &arrival) {
 dns_query *returned_to(dns_ctx *ctx, int slot, std::span<const uint8_t> packet, const sockaddr_in &server) {
   Header header;
   if (!read_header(packet, &header)) return nullptr;
-  for (dns_query *q = index_first(ctx, header.id); q != nullptr; q = q->index_next) {
+  for (dns_query *q = ctx->index.first(header.id); q != nullptr; q = q->index_next) {
     if (q->id != header.id || q->slot != slot || q->state != State::waiting) continue;
     if (same_address(servers_of(q)[q->server]->address, server) && match(q, q->server, packet, header) == Match::whole)
       return q;

@@ -37,7 +37,7 @@ void sent_by_udp(dns_query *q, int slot) {
   if (q->slot == UdpPool::kNone) {
     q->slot = static_cast<int16_t>(slot);
     ctx->sockets.used(slot);
-    index_add(q);
+    ctx->index.add(q);
     q->first_sent_us = ctx->now_us;
   }
   const auto servers = servers_of(q);

@@ -89,7 +89,7 @@ Connection *connect(dns_ctx *ctx, Server *server, bool *waits) {
   q->place = static_cast<uint8_t>(connection->count);
   connection->asked[connection->count++] = q;
   connection->used_us = ctx->now_us;
-  index_add(q);
+  ctx->index.add(q);
   ++q->tcp_tries;
   sent(q, ctx->options.timeout_us);
   if (ctx->dbg != nullptr) {

@@ -1,0 +1,78 @@
+// chained_table.h - a hash table of records that carry their own links: a power of two of buckets, doubled as it fills.
+// Keys are spread already: random numbers, or secret hashes.
+#ifndef DNS_ENGINE_CHAINED_TABLE_H
+#define DNS_ENGINE_CHAINED_TABLE_H
+
+#include <stdlib.h>
+
+namespace dns {
+
+// kNext is the member that links a record to the next one in its bucket, kKey the one that says which bucket that is.
+template <typename T, T *T::*kNext, auto kKey>
+class ChainedTable {
+ public:
+  ChainedTable() = default;
+  ChainedTable(const ChainedTable &) = delete;
+  ChainedTable &operator=(const ChainedTable &) = delete;
+  ~ChainedTable() { free(buckets_); }
+
+  // ready makes sure that there are buckets, which add and remove rely on. False without memory.
+  [[nodiscard]] bool ready() {
+    if (buckets_ == nullptr) grow();
+    return buckets_ != nullptr;
+  }
+  void add(T *item) {
+    if (count_ >= size_) grow();
+    T *&head = buckets_[item->*kKey & (size_ - 1)];
+    item->*kNext = head;
+    head = item;
+    ++count_;
+  }
+  void remove(T *item) {
+    T **at = &buckets_[item->*kKey & (size_ - 1)];
+    while (*at != item)
+      at = &((*at)->*kNext);
+    *at = item->*kNext;
+    --count_;
+  }
+  // first begins the chain in which a record with that key would lie; null where there is none.
+  template <typename Key>
+  [[nodiscard]] T *first(Key key) const {
+    return size_ == 0 ? nullptr : buckets_[key & (size_ - 1)];
+  }
+  // drain hands every record to `end`, which takes it out and adds none.
+  template <typename End>
+  void drain(End end) {
+    for (unsigned i = 0; i < size_; ++i)
+      while (buckets_[i] != nullptr)
+        end(buckets_[i]);
+  }
+  [[nodiscard]] unsigned count() const { return count_; }
+
+ private:
+  static constexpr unsigned kSizeMin = 64;
+
+  void grow() {
+    const unsigned size = size_ == 0 ? kSizeMin : 2 * size_;
+    auto **buckets = static_cast<T **>(calloc(size, sizeof(T *)));
+    if (buckets == nullptr) return;  // those in place go on, with longer chains
+    for (unsigned i = 0; i < size_; ++i)
+      while (T *item = buckets_[i]) {
+        buckets_[i] = item->*kNext;
+        T *&head = buckets[item->*kKey & (size - 1)];
+        item->*kNext = head;
+        head = item;
+      }
+    free(buckets_);
+    buckets_ = buckets;
+    size_ = size;
+  }
+
+  T **buckets_ = nullptr;
+  unsigned size_ = 0;
+  unsigned count_ = 0;
+};
+
+}  // namespace dns
+
+#endif  // DNS_ENGINE_CHAINED_TABLE_H
