@@ -71,7 +71,7 @@ void put(dns_cache *cache, const std::string &name, int32_t ttl, const std::stri
 // text_of gives an entry as text: its TTL, its response code and its records with their TTLs.
 std::string text_of(dns_cdata *entry) {
   std::string text = std::to_string(dns_cdata_ttl(entry)) + "/" + std::to_string(dns_cdata_rcode(entry));
-  std::vector<unsigned char> buffer(DNS_MAXPACKET);
+  static thread_local std::vector<unsigned char> buffer(DNS_MAXPACKET);
   dns_rr rr = {};
   for (;;) {
     rr.dnsrr_dptr = buffer.data();
