@@ -98,6 +98,7 @@ KAVO_ERR init_context(KAVO ctx, int table_size, int cache_size, int max_zones) {
     if (error != KAVOE_OK) return error;
   }
   dns_set_dbgfn(ctx->udns_ctx, kavo_srv_dbgcb, ctx);
+  dns_set_dbgev(ctx->udns_ctx, DNS_DE_CACHE);  // packets are for a host that traces
   error = init_server_locks(ctx);
   if (error != KAVOE_OK) return error;
   ctx->min_cache_delay = kMinCacheDelay;

@@ -138,6 +138,8 @@ KAVO_ERR kavo_set_trace(KAVO kavo, dns_dbg_fn *fn, void *udata) {
   }
   kavo->trace = fn;
   kavo->trace_data = udata;
+  const unsigned events = DNS_DE_CACHE;
+  dns_set_dbgev(kavo->udns_ctx, fn == nullptr ? events : events | DNS_DE_PKT);
   return KAVOE_OK;
 }
 

@@ -8,7 +8,6 @@
 
 #include <errno.h>
 #include <string.h>
-#include <sys/time.h>
 
 #include <algorithm>
 #include <array>
@@ -139,7 +138,7 @@ constexpr unsigned engine_flags(unsigned flags) {
   arg->qh = kavo_submit_key(ctx, key.data(), static_cast<unsigned>(key.size()), zoned ? &zone : nullptr, node->flags,
                             cbck, arg, &error);
   if (arg->qh == nullptr) return error;
-  gettimeofday(&arg->start_time, nullptr);
+  arg->start_time = ctx->now;
   ++node->qh_count;
   return KAVOE_OK;
 }

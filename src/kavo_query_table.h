@@ -125,6 +125,11 @@ inline const kavo_query_node_t *kavo_node_of_key(const kavo_t *ctx, const uint8_
   return static_cast<const kavo_query_node_t *>(block);
 }
 
+inline uint8_t *kavo_node_key_place(const kavo_t *ctx, kavo_query_node_t *node) {
+  void *block = node;
+  return static_cast<uint8_t *>(block) + kavo_key_distance(ctx);
+}
+
 // ---- the lock -------------------------------------------------------------------------------------------------------
 
 // kavo_table_lock and kavo_table_unlock take and release mx_table; a failure is logged: KAVOE_THR.
@@ -162,6 +167,11 @@ KAVO_ERR kavo_table_destroy(KAVO ctx);
 [[nodiscard]] KAVO_ERR kavo_table_add(KAVO ctx, KAVO_TYPE type, const unsigned char *dn, const kavo_sa *serv,
                                       unsigned nserv, const struct timeval *deadline, unsigned flags,
                                       KAVO_QUERY_NODE *query_node) PELK_EXCLUDES(ctx->mx_table);
+
+// kavo_table_get_block returns a zeroed block for a node whose key has `key_size` bytes, whose place follows the node;
+// kavo_table_put_block takes one back. A table that evicts nodes as it takes them allocates nothing.
+[[nodiscard]] kavo_query_node_t *kavo_table_get_block(KAVO ctx, uint16_t key_size) PELK_REQUIRES(ctx->mx_table);
+void kavo_table_put_block(KAVO ctx, kavo_query_node_t *node, uint16_t key_size) PELK_REQUIRES(ctx->mx_table);
 
 // kavo_table_subscribe_node adds a hold, kavo_table_unsubscribe_node drops one; the last one frees the node.
 [[nodiscard]] KAVO_ERR kavo_table_subscribe_node(KAVO_QUERY_NODE node);

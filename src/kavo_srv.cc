@@ -75,12 +75,11 @@ enum class Pass { again, done, no_memory };
 // IoLoop drives the engine. It lives as long as its thread, so that its descriptor sets do.
 class IoLoop {
  public:
-  explicit IoLoop(KAVO ctx) : ctx_(ctx) {}
+  explicit IoLoop(KAVO ctx) : ctx_(ctx) { look_at_clock(); }
 
   // run returns 0, or KAVOE_NOMEM when the sockets cannot be listed.
   [[nodiscard]] KAVO_ERR run(Mode mode) {
-    now_ = dns_tv_zero;
-    dns_gettimeofday(&now_);
+    look_at_clock();
     for (;;) {
       const Pass result = pass(mode);
       if (result == Pass::done) return KAVOE_OK;
@@ -89,6 +88,13 @@ class IoLoop {
   }
 
  private:
+  // look_at_clock takes the moment that the engine and the questions' delays go by: before new questions are sent, and
+  // when something has arrived.
+  void look_at_clock() {
+    dns_gettimeofday(&now_);
+    ctx_->now = {static_cast<uint32_t>(now_.dnstv_sec), now_.dnstv_usec};
+  }
+
   static KAVO_ERR no_memory() {
     PELK_ERROR(KAVO_SRV_SOURCE, "kavo_ioprocess", errno, KAVOE_NOMEM, "Unable to allocate memory for IO processing");
     return KAVOE_NOMEM;
@@ -104,7 +110,7 @@ class IoLoop {
     int fd_max = 0;
     if (!fill_sets(sockets, &fd_max)) return Pass::no_memory;
     const int ready = sleep(fd_max, wait);
-    dns_gettimeofday(&now_);
+    look_at_clock();
     if (ready < 0) {
       PELK_ASSERT(EBADF != errno && ENOMEM != errno, KAVO_SRV_SOURCE);
       return Pass::again;
@@ -119,7 +125,7 @@ class IoLoop {
     for (;;) {
       const int found = dns_sockio(ctx_->udns_ctx, ctx_->ios, ctx_->nios);
       if (found < 0) {
-        dns_gettimeofday(&now_);
+        look_at_clock();
         return Pass::again;
       }
       *count = static_cast<unsigned>(found);

@@ -4,7 +4,6 @@
 // written before the lock is taken; its bit in the node's map, which lets readers see it, is set after, with the lock.
 // Blocks that the engine hands over stay the engine's and are copied.
 #include <errno.h>
-#include <sys/time.h>
 
 #include <dns_wire.h>
 
@@ -40,14 +39,14 @@ void copy_result(KAVO_ANSWER *answer, void *result) {
   answer->err_code = error;
 }
 
-void fill_answer(KAVO ctx, kavo_cb_arg *arg, void *result, const struct timeval &now) {
+void fill_answer(KAVO ctx, kavo_cb_arg *arg, void *result) {
   KAVO_ANSWER *answer = &arg->answer;
   const KAVO_TYPE type = kavo_node_type_of(arg->node);
   answer->type = (arg->node->flags & KAVOQF_PKT) != 0 ? KAVOT_PKT : type;
   answer->zone = zone_of(ctx, type, arg->n_zone);
   answer->err_code = kavo_dns_status(ctx);
   answer->actual_size = 0;
-  answer->query_time = kavo_time_milli_delay(&arg->start_time, &now);
+  answer->query_time = kavo_time_milli_delay(&arg->start_time, &ctx->now);
   const bool has_records =
       answer->err_code == KAVOE_OK || answer->err_code == KAVOE_NXDOM || answer->err_code == KAVOE_NODATA;
   if (result != nullptr && has_records) copy_result(answer, result);
@@ -192,12 +191,10 @@ void trace(KAVO ctx, struct dns_ctx *dnsctx, struct dns_query *qh, int code, voi
 
 void kavo_srv_cb(struct dns_ctx *dnsctx, struct dns_query *qh, void *r, unsigned, void *data) {
   if (dns_get_status(dnsctx) == DNS_E_CANCEL) return;
-  struct timeval now = {};
-  gettimeofday(&now, nullptr);
   kavo_cb_arg *arg = static_cast<kavo_cb_arg *>(data);
   KAVO ctx = arg->node->ctx;
   PELK_ASSERT(arg->qh == qh, KAVO_SRV_SOURCE);
-  fill_answer(ctx, arg, r, now);
+  fill_answer(ctx, arg, r);
   kavo_table_guard guard(ctx);
   if (guard.error != KAVOE_OK) {
     PELK_ERROR(KAVO_SRV_SOURCE, __func__, errno, guard.error, "Unable to lock table");

@@ -7,6 +7,7 @@
 #define KAVO_T_H
 
 #include <stdint.h>
+#include <sys/time.h>
 
 #include <atomic>
 
@@ -37,12 +38,21 @@ struct kavo_lookup {
   uint32_t flags = 0;
 };
 
+// kavo_spare_blocks: blocks of nodes that have left the table, by the sizes of the keys that they hold, for the nodes
+// to come.
+inline constexpr unsigned KAVO_SPARE_CLASSES = 13;
+struct kavo_spare_blocks {
+  struct kavo_spare_block *first[KAVO_SPARE_CLASSES];
+  unsigned count[KAVO_SPARE_CLASSES];
+};
+
 struct kavo_t {
   struct dns_ctx *udns_ctx = nullptr;  // the server thread's alone while it runs
   kavo_event_pipe qa_pipe;
   std::atomic<bool> wake_pending = false;  // a byte is in the pipe, or about to be, that the server has not answered
   struct dns_ios *ios = nullptr;           // the server thread's socket list while it runs
   uint32_t nios = 0;
+  struct timeval now = {};  // the moment that the server thread last looked at the clock
   kavo_zonesmap zonesmap = {};
 
   pelk_mutex_t mx_table = {};
@@ -60,6 +70,7 @@ struct kavo_t {
   uint32_t table_nfree PELK_GUARDED_BY(mx_table) = 0;
   std::atomic<uint32_t> event = 0;  // a node has changed its state since the last broadcast; set with mx_table held
   std::atomic<unsigned> early_waiters = 0;  // threads to whom a question's submission matters; set with mx_table held
+  kavo_spare_blocks spare_blocks PELK_GUARDED_BY(mx_table) = {};
   kavo_arg_chunk *arg_chunks PELK_GUARDED_BY(mx_table) = nullptr;
   kavo_cb_arg *free_arg PELK_GUARDED_BY(mx_table) = nullptr;
   int free_arg_count PELK_GUARDED_BY(mx_table) = 0;

@@ -4,11 +4,8 @@
 // happens outside the lock, on a semaphore that holds one permit for each node that may be taken; so a node that is
 // taken always finds room in the hash table, where an item of the free list gives way when there is none.
 #include <errno.h>
-#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
-
-#include <memory>
 
 #include <dns_wire.h>
 
@@ -30,14 +27,10 @@ constexpr uint64_t kStatMany = 500;
 struct Question {
   KAVO_TYPE type;
   uint32_t flags;
+  uint64_t hash;
   uint16_t key_size;
   uint8_t key[KAVO_KEY_SIZE_MAX];
 };
-
-struct Free {
-  void operator()(void *block) const { free(block); }
-};
-using NodePtr = std::unique_ptr<kavo_query_node_t, Free>;
 
 bool is_addable(KAVO_TYPE type) {
   return (type >= KAVOT_DNS_MIN && type <= KAVOT_BL_MAX) || type == KAVOT_DNS_ETXT || type == KAVOT_SYNC;
@@ -56,9 +49,14 @@ bool build_key(const unsigned char *dn, const kavo_sa *serv, unsigned nserv, Que
   return true;
 }
 
+// hash_key works out the hash of a question's key before the lock is taken: the table's secret never changes.
+uint64_t hash_key(KAVO ctx, const Question &question) PELK_NO_ANALYSIS {
+  return shash_hash(&ctx->query_table, question.key, question.key_size);
+}
+
 kavo_query_node_t *find_node(KAVO ctx, const Question &question) PELK_REQUIRES(ctx->mx_table) {
   ctx->lookup = {question.key, question.flags};
-  shash_item *item = shash_search(&ctx->query_table, question.key, question.key_size);
+  shash_item *item = shash_search(&ctx->query_table, question.key, question.key_size, question.hash);
   ctx->lookup = {};
   return item == nullptr ? nullptr : kavo_node_of_key(ctx, item->pKey);
 }
@@ -73,23 +71,22 @@ bool join_node(KAVO ctx, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_table) {
 // insert_node makes a node for a question and files it in the list of `state`.
 KAVO_ERR insert_node(KAVO ctx, const Question &question, kavo_query_state state, kavo_query_node_t **node)
     PELK_REQUIRES(ctx->mx_table) {
-  const size_t distance = kavo_key_distance(ctx);
-  const size_t size = distance + question.key_size;
-  NodePtr fresh(static_cast<kavo_query_node_t *>(calloc(1, size)));
+  kavo_query_node_t *fresh = kavo_table_get_block(ctx, question.key_size);
   if (fresh == nullptr) {
-    PELK_ERROR(kSource, kAdd, errno, KAVOE_NOMEM, "Unable to allocate %d bytes for query node", static_cast<int>(size));
+    PELK_ERROR(kSource, kAdd, errno, KAVOE_NOMEM, "Unable to allocate %d bytes for query node",
+               static_cast<int>(kavo_key_distance(ctx) + question.key_size));
     return KAVOE_NOMEM;
   }
-  void *block = fresh.get();
-  uint8_t *place = static_cast<uint8_t *>(block) + distance;
+  uint8_t *place = kavo_node_key_place(ctx, fresh);
   memcpy(place, question.key, question.key_size);
   const rindex_t range = static_cast<rindex_t>(kavo_state2range(state));
-  fresh->hashitem = shash_insert(&ctx->query_table, place, question.key_size, range);
+  fresh->hashitem = shash_insert(&ctx->query_table, place, question.key_size, question.hash, range);
   if (fresh->hashitem == nullptr) {
+    kavo_table_put_block(ctx, fresh, question.key_size);
     PELK_ERROR(kSource, kAdd, errno, KAVOE_FAIL, "Node insertion error");
     return KAVOE_FAIL;
   }
-  *node = fresh.release();
+  *node = fresh;
   return KAVOE_OK;
 }
 
@@ -247,6 +244,7 @@ KAVO_ERR kavo_table_add(KAVO ctx, KAVO_TYPE type, const unsigned char *dn, const
   question.type = type;
   question.flags = flags;
   if (!build_key(dn, serv, nserv, &question)) return KAVOE_BADPAR;
+  question.hash = hash_key(ctx, question);
   *query_node = nullptr;
   kavo_query_node_t *node = nullptr;
   KAVO_ERR error = KAVOE_OK;

@@ -32,26 +32,34 @@ timespec to_timespec(const timeval &moment) {
   return {whole, micros * kNsecPerUsec};
 }
 
-// wait_for_permit waits until `sem` has a permit, at most until `deadline` unless that is null. 0 or an error number; a
-// permit that came together with the time-out counts.
-int wait_for_permit(pelk_sem_t *sem, const timeval *deadline) PELK_REQUIRES(sem->mutex) {
-  int error = 0;
-  sem->waiters += 1;
-  while (sem->value == 0 && error == 0) {
-    error = deadline == nullptr ? pelk_cond_wait(&sem->nonzero, &sem->mutex)
-                                : pelk_cond_wait_deadline(&sem->nonzero, &sem->mutex, deadline);
-  }
-  sem->waiters -= 1;
-  return sem->value > 0 ? 0 : error;
+// try_permit takes one permit if there is one.
+bool try_permit(pelk_sem_t *sem) {
+  unsigned value = sem->value.load();
+  while (value > 0)
+    if (sem->value.compare_exchange_weak(value, value - 1)) return true;
+  return false;
 }
 
-// take_permit takes one permit, waiting as wait_for_permit does. 0 or an error number.
-int take_permit(pelk_sem_t *sem, const timeval *deadline) {
+// wait_for_permit takes one permit, which it waits for at most until `deadline`, unless that is null. 0 or an error
+// number; a permit that came together with the time-out counts. Whoever gives one back raises the value before it looks
+// for waiters, and a waiter counts itself before it looks at the value: one of the two sees the other.
+int wait_for_permit(pelk_sem_t *sem, const timeval *deadline) {
   const pelk_lock guard(&sem->mutex);
   if (guard.error != 0) return guard.error;
-  const int error = wait_for_permit(sem, deadline);
-  if (error == 0) sem->value -= 1;
-  return error;
+  int error = 0;
+  sem->waiters += 1;
+  bool taken = try_permit(sem);
+  while (!taken && error == 0) {
+    error = deadline == nullptr ? pelk_cond_wait(&sem->nonzero, &sem->mutex)
+                                : pelk_cond_wait_deadline(&sem->nonzero, &sem->mutex, deadline);
+    taken = try_permit(sem);
+  }
+  sem->waiters -= 1;
+  return taken ? 0 : error;
+}
+
+int take_permit(pelk_sem_t *sem, const timeval *deadline) {
+  return try_permit(sem) ? 0 : wait_for_permit(sem, deadline);
 }
 
 }  // namespace
@@ -132,11 +140,13 @@ int pelk_sem_wait_deadline(pelk_sem_t *sem, const struct timeval *deadline) {
 
 // pelk_sem_post returns EOVERFLOW, and changes nothing, when all permits are back already.
 int pelk_sem_post(pelk_sem_t *sem) {
+  unsigned value = sem->value.load();
+  do {
+    if (value >= sem->maximum) return EOVERFLOW;
+  } while (!sem->value.compare_exchange_weak(value, value + 1));
+  if (sem->waiters.load() == 0) return 0;
   const pelk_lock guard(&sem->mutex);
-  if (guard.error != 0) return guard.error;
-  if (sem->value >= sem->maximum) return EOVERFLOW;
-  sem->value += 1;
-  return sem->waiters > 0 ? pelk_cond_signal(&sem->nonzero) : 0;
+  return guard.error != 0 ? guard.error : pelk_cond_signal(&sem->nonzero);
 }
 
 // pelk_sem_destroy returns EBUSY, and destroys nothing, while a thread waits for a permit.

@@ -148,11 +148,19 @@ int shash_init(shash_table *table, size_t capacity, size_t data_size, shash_keyc
   return 0;
 }
 
+uint64_t shash_hash(const shash_table *table, const uint8_t *key, uint16_t key_size) {
+  return siphash_folded(table->secret, key, key_size);
+}
+
+shash_item *shash_search(shash_table *table, const uint8_t *key, uint16_t key_size) {
+  if (table == nullptr || key == nullptr) return nullptr;
+  return shash_search(table, key, key_size, shash_hash(table, key, key_size));
+}
+
 // The item's key is the comparison's first, the key that is looked for its second. Keys with unequal hashes are never
 // compared.
-shash_item *shash_search(shash_table *table, const uint8_t *key, uint16_t key_size) {
+shash_item *shash_search(shash_table *table, const uint8_t *key, uint16_t key_size, uint64_t hash) {
   if (table == nullptr || key == nullptr || table->buckets == 0) return nullptr;
-  const uint64_t hash = siphash_folded(table->secret, key, key_size);
   shash_item *item = *chain_of(table, bucket_for(hash, table->buckets));
   for (; item != nullptr; item = item->bucket_next) {
     if (item->hash != hash) continue;
@@ -162,6 +170,11 @@ shash_item *shash_search(shash_table *table, const uint8_t *key, uint16_t key_si
 }
 
 shash_item *shash_insert(shash_table *table, uint8_t *key, uint16_t key_size, rindex_t range) {
+  if (table == nullptr || key == nullptr) return nullptr;
+  return shash_insert(table, key, key_size, shash_hash(table, key, key_size), range);
+}
+
+shash_item *shash_insert(shash_table *table, uint8_t *key, uint16_t key_size, uint64_t hash, rindex_t range) {
   if (table == nullptr || key == nullptr || !is_range(table, range)) return nullptr;
   if (table->count >= table->capacity) {
     if (table->ranges[0].first == nullptr) return nullptr;
@@ -171,7 +184,7 @@ shash_item *shash_insert(shash_table *table, uint8_t *key, uint16_t key_size, ri
   if (item == nullptr) return nullptr;
   item->pKey = key;
   item->key_size = key_size;
-  item->hash = siphash_folded(table->secret, key, key_size);
+  item->hash = hash;
   range_append(table, item, range);
   table->count += 1;
   grow(table);

@@ -241,6 +241,10 @@ void dns_set_dbgfn(dns_ctx *ctx, dns_dbg_fn *fn, void *udata) {
   ctx->dbg_data = udata;
 }
 
+void dns_set_dbgev(dns_ctx *ctx, unsigned events) {
+  ctx->dbg_events = events;
+}
+
 void dns_set_dcfn(dns_ctx *ctx, dns_dc_fn *fn) {
   ctx->dc = fn;
 }

@@ -25,7 +25,7 @@ void begin_turn(dns_ctx *ctx, dns_timeval now) {
 // tell_cache tells the debug function what the cache holds; false when that cancelled the question.
 bool tell_cache(dns_query *q, int code, dns_dcache *data) {
   dns_ctx *ctx = q->ctx;
-  if (ctx->dbg == nullptr) return true;
+  if (!ctx->tells(DNS_DE_CACHE)) return true;
   const Hold hold(ctx);
   ctx->dbg(ctx, q, code, data, ctx->dbg_data);
   return q->state != State::cancelled;

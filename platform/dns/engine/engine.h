@@ -216,6 +216,8 @@ struct dns_ctx {
 
   dns_dbg_fn *dbg = nullptr;
   void *dbg_data = nullptr;
+  unsigned dbg_events = DNS_DE_CACHE | DNS_DE_PKT;
+  [[nodiscard]] bool tells(unsigned event) const { return dbg != nullptr && (dbg_events & event) != 0; }
   dns_dc_fn *dc = nullptr;
 
   dns_status status = DNS_E_NOERROR;

@@ -17,6 +17,8 @@ struct Verdict {
   bool has_ttl;       // false for a denial without a SOA record
 };
 
+constexpr size_t kTypeAndClass = 4;  // bytes of them behind a question's name
+
 constexpr Verdict broken(int code) {
   return {DNS_E_PROTOCOL, code, 0, false};
 }
@@ -38,17 +40,19 @@ dns_status error_of(uint8_t rcode) {
 
 // Reading is what a packet says, as far as it was read.
 struct Reading {
-  size_t answers_at;
+  size_t answers_at = 0;
   Chain chain;
   Denial denial;
 };
 
 // judge_denial reads an answer without records of the type.
-Verdict judge_denial(const dns_query *q, std::span<const uint8_t> packet, const Header &header, Reading *reading) {
+Verdict judge_denial(const dns_query *q, Sections *sections, Reading *reading) {
+  const std::span<const uint8_t> packet = sections->packet();
+  const Header &header = sections->header();
   size_t authority = 0;
   const Chain &chain = reading->chain;
   Denial &denial = reading->denial;
-  if (!section_at(packet, DNS_S_NS, &authority) || read_denial(packet, authority, chain.end, &denial) != DNS_E_NOERROR)
+  if (!sections->find(DNS_S_NS, &authority) || read_denial(packet, authority, chain.end, &denial) != DNS_E_NOERROR)
     return broken(DNS_D_PKT_RPINV);
   const int32_t ttl = std::min(denial.ttl, chain.ttl);
   // A denial by another zone than the name's ends the question and is not kept.
@@ -71,15 +75,18 @@ Verdict judge(const dns_query *q, std::span<const uint8_t> packet, const Header 
   // What is cut off over TCP as well cannot be had at all.
   if (header.tc) return broken(q->over_tcp ? DNS_D_PKT_RPINV : DNS_D_PKT_TC);
   Chain &chain = reading->chain;
+  // The question has been compared with the one that was sent.
+  reading->answers_at = DNS_HSIZE + q->ask_size + kTypeAndClass;
+  Sections sections(packet, header, reading->answers_at);
   Opt opt;
-  if (!section_at(packet, DNS_S_AN, &reading->answers_at) || !read_opt(packet, &opt)) return broken(DNS_D_PKT_RPINV);
+  if (!read_opt(&sections, &opt)) return broken(DNS_D_PKT_RPINV);
   if (opt.rcode_high != 0) return {DNS_E_FAIL, DNS_D_PKT_SERVERR, 0, false};
   const dns_status status =
       follow_chain(packet, reading->answers_at, q->ask, q->typ, q->cls, aliases_left(q), &chain, zone_of(q));
   if (status == DNS_E_CNLOOP) return {status, DNS_D_PKT_RPAN, 0, false};
   if (status != DNS_E_NOERROR) return broken(DNS_D_PKT_RPINV);
   if (chain.left) return broken(DNS_D_PKT_RPCNAME);
-  if (chain.records == 0) return judge_denial(q, packet, header, reading);
+  if (chain.records == 0) return judge_denial(q, &sections, reading);
   // Records of a name that does not exist: the server contradicts itself.
   if (header.rcode == DNS_R_NXDOMAIN) return broken(DNS_D_PKT_RPINV);
   return {DNS_E_NOERROR, DNS_D_PKT_RPAN, chain.ttl, true};
@@ -174,7 +181,7 @@ int result_of(dns_query *q, dns_status status, std::span<const uint8_t> packet, 
 bool tell_answer(dns_query *q, int code, const Arrival &arrival) {
   constexpr int64_t kUsPerMs = 1000;
   dns_ctx *ctx = q->ctx;
-  if (ctx->dbg == nullptr) return true;
+  if (!ctx->tells(DNS_DE_PKT)) return true;
   const Hold hold(ctx);
   tell_packet(ctx, q, code, arrival, static_cast<int>((ctx->now_us - q->sent_us) / kUsPerMs));
   return q->state != State::cancelled;
@@ -185,8 +192,9 @@ bool tell_answer(dns_query *q, int code, const Arrival &arrival) {
 // and 7).
 bool wants_no_opt(const dns_query *q, std::span<const uint8_t> packet, const Header &header) {
   constexpr uint8_t kBadVersionHigh = 1;
+  Sections sections(packet, header);
   Opt opt;
-  if (!q->with_opt || !read_opt(packet, &opt)) return false;
+  if (!q->with_opt || !read_opt(&sections, &opt)) return false;
   if (header.rcode == DNS_R_FORMERR || header.rcode == DNS_R_NOTIMPL) return !opt.present;
   return header.rcode == DNS_R_NOERROR && opt.rcode_high == kBadVersionHigh;
 }
@@ -195,8 +203,9 @@ bool wants_no_opt(const dns_query *q, std::span<const uint8_t> packet, const Hea
 // new one, and after that there is TCP.
 bool wants_cookie(const dns_query *q, std::span<const uint8_t> packet, const Header &header) {
   constexpr unsigned kBadCookie = 23;
+  Sections sections(packet, header);
   Opt opt;
-  if ((q->ctx->options.flags & DNS_COOKIES) == 0 || !q->with_opt || q->over_tcp || !read_opt(packet, &opt))
+  if ((q->ctx->options.flags & DNS_COOKIES) == 0 || !q->with_opt || q->over_tcp || !read_opt(&sections, &opt))
     return false;
   return opt.present && (unsigned{opt.rcode_high} << 4 | header.rcode) == kBadCookie;
 }

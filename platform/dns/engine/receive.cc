@@ -89,13 +89,14 @@ bool take_other_case(const Found &found, int slot) {
 }
 
 // has_right_cookie checks the cookie of an answer and keeps the server's part of it (RFC 7873, section 5.3).
-bool has_right_cookie(const Found &found, const Arrival &arrival) {
+bool has_right_cookie(const Found &found, const Arrival &arrival, const Header &header) {
   const dns_query *q = found.q;
   const dns_ctx *ctx = q->ctx;
   Server *server = servers_of(q)[static_cast<size_t>(found.server)];
-  Opt opt;
   if ((ctx->options.flags & DNS_COOKIES) == 0 || !q->with_opt) return true;
-  if (!read_opt(arrival.packet, &opt)) return false;
+  Sections sections(arrival.packet, header);
+  Opt opt;
+  if (!read_opt(&sections, &opt)) return false;
   if (opt.cookie.empty()) return !server->gives_cookies || arrival.protocol() == IPPROTO_TCP;
   uint8_t own[kClientCookieSize];
   client_cookie(ctx, server, own);
@@ -133,7 +134,7 @@ void take_packet(dns_ctx *ctx, std::span<uint8_t> packet, const sockaddr_in &pee
   const Arrival arrival = {packet, &peer, slot};
   Header header;
   const Found found = find(ctx, arrival, &header);
-  if (found.q == nullptr || !has_right_cookie(found, arrival)) {
+  if (found.q == nullptr || !has_right_cookie(found, arrival, header)) {
     tell_packet(ctx, nullptr, found.code, arrival, 0);
     return;
   }
@@ -190,7 +191,7 @@ bool take_returned(dns_ctx *ctx, int slot) {
 }
 
 void tell_packet(dns_ctx *ctx, dns_query *q, int code, const Arrival &arrival, int rtt_ms) {
-  if (ctx->dbg == nullptr) return;
+  if (!ctx->tells(DNS_DE_PKT)) return;
   const bool by_udp = arrival.protocol() == IPPROTO_UDP;
   sockaddr_in local{};  // the port is what tells questions apart; the address is the system's to choose
   local.sin_family = AF_INET;

@@ -60,7 +60,7 @@ void not_sent(dns_query *q) {
 
 // tell_sent tells the debug function of the packets that have left; it may cancel what it is still to be told of.
 void tell_sent(dns_ctx *ctx, int slot, int count) {
-  if (ctx->dbg == nullptr) return;
+  if (!ctx->tells(DNS_DE_PKT)) return;
   const dns_ctx::Buffers *buffers = ctx->buffers;
   const Hold hold(ctx);
   for (int i = 0; i < count; ++i) {

@@ -92,7 +92,7 @@ Connection *connect(dns_ctx *ctx, Server *server, bool *waits) {
   ctx->index.add(q);
   ++q->tcp_tries;
   sent(q, ctx->options.timeout_us);
-  if (ctx->dbg != nullptr) {
+  if (ctx->tells(DNS_DE_PKT)) {
     const Hold hold(ctx);
     tell_packet(ctx, q, DNS_D_PKT_REQ, {message, &connection->server->address, q->slot}, 0);
   }

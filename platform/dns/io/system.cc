@@ -158,15 +158,9 @@ const Io *system_io() {
   return &kSystem;
 }
 
-bool RandomSource::take(void *to, size_t size) {
-  if (left_ < size) {
-    if (!io_->random(io_->self, bytes_, sizeof bytes_)) return false;
-    left_ = sizeof bytes_;
-  }
-  left_ -= static_cast<unsigned>(size);
-  memcpy(to, bytes_ + left_, size);
-  // What was handed out does not stay behind in memory.
-  memset(bytes_ + left_, 0, size);
+bool RandomSource::fill() {
+  if (!io_->random(io_->self, bytes_, sizeof bytes_)) return false;
+  left_ = sizeof bytes_;
   return true;
 }
 

@@ -2,6 +2,9 @@
 #include <arpa/inet.h>
 #include <string.h>
 
+#include <algorithm>
+#include <array>
+
 #include <dns_wire.h>
 
 namespace {
@@ -10,17 +13,29 @@ constexpr unsigned kNibbleBits = 4;
 constexpr unsigned kNibbleMask = 0x0F;
 constexpr unsigned kNibbleLabelBytes = 2;  // a length byte and one hexadecimal digit
 
-// put_octet writes one label, the octet in decimal without leading zeros. Returns the position behind it, or null when
-// it does not fit before `end`.
-unsigned char *put_octet(unsigned octet, unsigned char *at, const unsigned char *end) {
-  constexpr unsigned kTen = 10;
-  constexpr unsigned kHundred = 100;
-  const unsigned digits = octet >= kHundred ? 3 : octet >= kTen ? 2 : 1;
-  if (end - at < static_cast<ptrdiff_t>(1 + digits)) return nullptr;
-  *at = static_cast<unsigned char>(digits);
-  for (unsigned i = digits; i > 0; --i, octet /= kTen)
-    at[i] = static_cast<unsigned char>('0' + octet % kTen);
-  return at + 1 + digits;
+// OctetLabel is an octet's label: a length byte, and its decimal digits without leading zeros.
+using OctetLabel = std::array<uint8_t, 4>;
+constexpr std::array<OctetLabel, UINT8_MAX + 1> kOctetLabels = [] {
+  std::array<OctetLabel, UINT8_MAX + 1> labels{};
+  for (unsigned octet = 0; octet < labels.size(); ++octet) {
+    constexpr unsigned kTen = 10;
+    constexpr unsigned kHundred = 100;
+    const unsigned digits = octet >= kHundred ? 3 : octet >= kTen ? 2 : 1;
+    labels[octet][0] = static_cast<uint8_t>(digits);
+    for (unsigned i = digits, rest = octet; i > 0; --i, rest /= kTen)
+      labels[octet][i] = static_cast<uint8_t>('0' + rest % kTen);
+  }
+  return labels;
+}();
+
+// put_octet writes an octet's label. Returns the position behind it, or null when it does not fit before `end`.
+unsigned char *put_octet(uint8_t octet, unsigned char *at, const unsigned char *end) {
+  const OctetLabel &label = kOctetLabels[octet];
+  const size_t size = size_t{1} + label[0];
+  const auto room = static_cast<size_t>(end - at);
+  if (room < size) return nullptr;
+  memcpy(at, label.data(), std::min(room, label.size()));
+  return at + size;
 }
 
 unsigned char *put_nibble(unsigned nibble, unsigned char *at) {

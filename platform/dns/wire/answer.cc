@@ -184,25 +184,23 @@ bool same_text(const uint8_t *dn1, const uint8_t *dn2) {
 }
 
 // class_of returns the class that a packet's question asks about; IN for a packet without a question.
-dns_class class_of(std::span<const uint8_t> packet, const Header &header) {
+dns_class class_of(std::span<const uint8_t> packet) {
   Reader reader(packet, DNS_HSIZE);
   uint16_t typ = 0;
   uint16_t cls = DNS_C_IN;
-  const bool asked = header.count[DNS_S_QD] > 0 && reader.skip_name() && reader.u16(&typ) && reader.u16(&cls);
+  const bool asked = records_in(packet, DNS_S_QD) > 0 && reader.skip_name() && reader.u16(&typ) && reader.u16(&cls);
   return asked ? dns_class{cls} : dns_class{DNS_C_IN};
 }
 
 // lay_records lays a whole block of records; its size is then what `layer` needed.
 dns_status lay_records(const Layout &layout, std::span<const uint8_t> packet, size_t answers_at, const uint8_t *dn,
                        unsigned aliases_max, Layer *layer) {
-  Header header{};
-  if (!read_header(packet, &header)) return DNS_E_PROTOCOL;
-  const dns_class cls = class_of(packet, header);
+  const dns_class cls = class_of(packet);
   Chain chain;
   const dns_status found = follow_chain(packet, answers_at, dn, layout.typ, cls, aliases_max, &chain);
   if (found != DNS_E_NOERROR) return found;
-  Answers answers(packet, answers_at, header.count[DNS_S_AN], cls);
-  answers.set_name(chain.end);
+  Answers answers(packet, answers_at, records_in(packet, DNS_S_AN), cls);
+  answers.set_name({chain.end, chain.end_size});
 
   Head head = {};
   const size_t head_at = layer->reserve(sizeof head);
@@ -210,7 +208,8 @@ dns_status lay_records(const Layout &layout, std::span<const uint8_t> packet, si
   const dns_status laid = lay_entries(layout, answers, entries_at, layer);
   if (laid != DNS_E_NOERROR) return laid;
   head.common.dnsn_cname = layer->append_name(chain.end);
-  head.common.dnsn_qname = same_text(chain.end, dn) ? head.common.dnsn_cname : layer->append_name(dn);
+  head.common.dnsn_qname =
+      chain.aliases == 0 || same_text(chain.end, dn) ? head.common.dnsn_cname : layer->append_name(dn);
   head.common.dnsn_ttl = chain.aliases + chain.records > 0 ? chain.ttl : 0;
   head.common.dnsn_nrr = static_cast<int32_t>(chain.records);
   head.common.dnsn_size = head.common.dnsn_written = static_cast<uint32_t>(layer->needed());
@@ -220,8 +219,7 @@ dns_status lay_records(const Layout &layout, std::span<const uint8_t> packet, si
 }
 
 dns_status lay_packet(std::span<const uint8_t> packet, Layer *layer) {
-  Header header{};
-  if (!read_header(packet, &header)) return DNS_E_PROTOCOL;
+  if (packet.size() < DNS_HSIZE) return DNS_E_PROTOCOL;
   constexpr size_t kHeadBytes = offsetof(dns_rr_pkt, dnspkt_pkt);
   const auto packet_size = static_cast<uint32_t>(packet.size());
   const uint32_t size = kHeadBytes + packet_size;

@@ -23,7 +23,7 @@ class Finder {
   // it must be looked at again. `aliases_max` bounds the aliases of all passes.
   [[nodiscard]] dns_status pass(unsigned aliases_max, bool *moved) {
     Answers answers = start_;
-    answers.set_name(chain_->end);
+    answers.set_name({chain_->end, chain_->end_size});
     *moved = false;
     chain_->records = 0;
     ttl_ = INT32_MAX;
@@ -36,7 +36,7 @@ class Finder {
       } else if (record.typ == DNS_T_CNAME) {
         if (chain_->aliases == aliases_max) return DNS_E_CNLOOP;
         if (!follow(answers, record)) return DNS_E_PROTOCOL;
-        answers.set_name(chain_->end);
+        answers.set_name({chain_->end, chain_->end_size});
         *moved = true;
         chain_->left = within_ != nullptr && !covers(within_, chain_->end);
         if (chain_->left) return DNS_E_NOERROR;
@@ -49,7 +49,7 @@ class Finder {
  private:
   bool follow(const Answers &answers, const Record &record) {
     Reader data = data_reader(answers.packet(), record.data_at, record.data.size());
-    if (!data.name(chain_->end) || data.left() != 0) return false;
+    if (!data.name(chain_->end, &chain_->end_size) || data.left() != 0) return false;
     ++chain_->aliases;
     chain_->ttl = std::min(chain_->ttl, record.ttl);
     return true;
@@ -65,9 +65,8 @@ class Finder {
 // soa_ttl reads how long a SOA record lets a denial be kept. False for malformed data.
 bool soa_ttl(std::span<const uint8_t> packet, const Record &record, int32_t *ttl) {
   Reader data = data_reader(packet, record.data_at, record.data.size());
-  uint8_t name[DNS_MAXDN];
   uint32_t minimum = 0;
-  if (!data.name(name) || !data.name(name) || !data.skip(kSoaNumbers * sizeof minimum)) return false;
+  if (!data.check_name() || !data.check_name() || !data.skip(kSoaNumbers * sizeof minimum)) return false;
   if (!data.u32(&minimum) || data.left() != 0) return false;
   *ttl = minimum <= INT32_MAX ? std::min(record.ttl, static_cast<int32_t>(minimum)) : 0;
   return true;
@@ -86,14 +85,20 @@ bool covers(const uint8_t *zone, const uint8_t *dn) {
 }
 
 Answers::Answers(std::span<const uint8_t> packet, size_t answers_at, unsigned count, dns_class cls)
-    : reader_(packet, answers_at), left_(count), cls_(cls) {
-  Reader question(packet, DNS_HSIZE);
-  has_question_ = question.name(question_) && question.position() <= answers_at;
+    : reader_(packet, answers_at), left_(count), cls_(cls) {}
+
+void Answers::set_name(std::span<const uint8_t> dn) {
+  name_ = dn.data();
+  at_question_ = is_question(dn);
 }
 
-void Answers::set_name(const uint8_t *dn) {
-  name_ = dn;
-  at_question_ = has_question_ && dns_dnequal(question_, dn) != 0;
+// is_question tells whether the name behind the packet's header is `dn`. The same bytes are the same name.
+bool Answers::is_question(std::span<const uint8_t> dn) const {
+  const std::span<const uint8_t> bytes = packet();
+  if (bytes.size() >= DNS_HSIZE + dn.size() && memcmp(bytes.data() + DNS_HSIZE, dn.data(), dn.size()) == 0) return true;
+  uint8_t question[DNS_MAXDN];
+  Reader reader(bytes, DNS_HSIZE);
+  return reader.name(question) && dns_dnequal(question, dn.data()) != 0;
 }
 
 int Answers::next(Record *record) {
@@ -109,9 +114,9 @@ int Answers::next(Record *record) {
 bool Answers::owner_is_ours(Record *record, bool *ours) {
   uint16_t start = 0;
   Reader ahead = reader_;
-  if (has_question_ && ahead.u16(&start) && start == kToQuestion) {
+  if (at_question_ && ahead.u16(&start) && start == kToQuestion) {
     reader_ = ahead;
-    *ours = at_question_;
+    *ours = true;
     return true;
   }
   if (!reader_.name(record->owner)) return false;
@@ -121,11 +126,13 @@ bool Answers::owner_is_ours(Record *record, bool *ours) {
 
 dns_status follow_chain(std::span<const uint8_t> packet, size_t answers_at, const uint8_t *dn, dns_type typ,
                         dns_class cls, unsigned aliases_max, Chain *chain, const uint8_t *within) {
-  *chain = {.end = {}, .aliases = 0, .records = 0, .ttl = INT32_MAX, .left = false};
-  Header header{};
-  if (dns_dntodn(dn, chain->end, sizeof chain->end) == 0) return DNS_E_INVAL;
-  if (answers_at > packet.size() || !read_header(packet, &header)) return DNS_E_PROTOCOL;
-  const unsigned count = header.count[DNS_S_AN];
+  chain->aliases = chain->records = 0;
+  chain->ttl = INT32_MAX;
+  chain->left = false;
+  chain->end_size = dns_dntodn(dn, chain->end, sizeof chain->end);
+  if (chain->end_size == 0) return DNS_E_INVAL;
+  if (answers_at > packet.size() || packet.size() < DNS_HSIZE) return DNS_E_PROTOCOL;
+  const unsigned count = records_in(packet, DNS_S_AN);
   // A chain that takes more steps than there are records has taken one of them twice.
   const unsigned steps_max = std::min(aliases_max, count);
   Finder finder(Answers(packet, answers_at, count, cls), typ, within, chain);
@@ -138,13 +145,14 @@ dns_status follow_chain(std::span<const uint8_t> packet, size_t answers_at, cons
 }
 
 dns_status read_denial(std::span<const uint8_t> packet, size_t authority_at, const uint8_t *dn, Denial *denial) {
-  *denial = {.soa = false, .stray_soa = false, .ns = false, .ttl = 0, .zone = {}};
-  Header header{};
+  denial->soa = denial->stray_soa = denial->ns = false;
+  denial->ttl = 0;
+  denial->zone[0] = 0;
   if (dns_dnlen(dn) == 0) return DNS_E_INVAL;
-  if (authority_at > packet.size() || !read_header(packet, &header)) return DNS_E_PROTOCOL;
+  if (authority_at > packet.size() || packet.size() < DNS_HSIZE) return DNS_E_PROTOCOL;
   Reader reader(packet, authority_at);
   Record record;
-  for (unsigned left = header.count[DNS_S_NS]; left > 0; --left) {
+  for (unsigned left = records_in(packet, DNS_S_NS); left > 0; --left) {
     if (!read_record(&reader, &record)) return DNS_E_PROTOCOL;
     const bool first_ns = record.typ == DNS_T_NS && !denial->ns;
     const bool covering = record.typ == DNS_T_SOA && covers(record.owner, dn);

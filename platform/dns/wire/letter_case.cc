@@ -3,7 +3,6 @@
 // Eight bytes are treated at a time. The length bytes of labels are below every letter, and so come through unchanged.
 #include <string.h>
 
-#include <algorithm>
 #include <bit>
 
 #include <dns_wire.h>
@@ -32,27 +31,44 @@ uint64_t cased(uint64_t bytes, uint64_t bits, size_t at) {
   return bytes ^ ((bytes ^ turned) & letters(bytes));
 }
 
+// load_tail and store_tail move the last bytes of a name, fewer than eight.
+uint64_t load_tail(const uint8_t *from, size_t size) {
+  uint64_t bytes = 0;
+  for (size_t i = size; i > 0; --i)
+    bytes = bytes << 8 | from[i - 1];
+  return bytes;
+}
+
+void store_tail(uint8_t *to, uint64_t bytes, size_t size) {
+  for (size_t i = 0; i < size; ++i, bytes >>= 8)
+    to[i] = static_cast<uint8_t>(bytes);
+}
+
+uint64_t load(const uint8_t *from) {
+  uint64_t bytes;
+  memcpy(&bytes, from, sizeof bytes);
+  return bytes;
+}
+
 }  // namespace
 
 void apply_case(std::span<uint8_t> dn, uint64_t bits) {
-  for (size_t at = 0; at < dn.size(); at += sizeof(uint64_t)) {
-    const size_t size = std::min(sizeof(uint64_t), dn.size() - at);
-    uint64_t bytes = 0;
-    memcpy(&bytes, dn.data() + at, size);
-    bytes = cased(bytes, bits, at);
-    memcpy(dn.data() + at, &bytes, size);
+  const size_t whole = dn.size() / sizeof(uint64_t) * sizeof(uint64_t);
+  for (size_t at = 0; at < whole; at += sizeof(uint64_t)) {
+    const uint64_t bytes = cased(load(dn.data() + at), bits, at);
+    memcpy(dn.data() + at, &bytes, sizeof bytes);
   }
+  uint8_t *tail = dn.data() + whole;
+  const size_t left = dn.size() - whole;
+  store_tail(tail, cased(load_tail(tail, left), bits, whole), left);
 }
 
 bool has_case(std::span<const uint8_t> name, const uint8_t *dn, uint64_t bits) {
-  for (size_t at = 0; at < name.size(); at += sizeof(uint64_t)) {
-    const size_t size = std::min(sizeof(uint64_t), name.size() - at);
-    uint64_t bytes = 0, wanted = 0;
-    memcpy(&bytes, name.data() + at, size);
-    memcpy(&wanted, dn + at, size);
-    if (bytes != cased(wanted, bits, at)) return false;
-  }
-  return true;
+  const size_t whole = name.size() / sizeof(uint64_t) * sizeof(uint64_t);
+  for (size_t at = 0; at < whole; at += sizeof(uint64_t))
+    if (load(name.data() + at) != cased(load(dn + at), bits, at)) return false;
+  const size_t left = name.size() - whole;
+  return load_tail(name.data() + whole, left) == cased(load_tail(dn + whole, left), bits, whole);
 }
 
 }  // namespace dns

@@ -130,21 +130,24 @@ Built build_labels(TextName *text, DnBuilder *builder) {
 }
 
 // text_bytes is how many characters a byte of a label takes in a text: itself, "\X" or "\DDD".
-unsigned text_bytes(unsigned char byte) {
+constexpr unsigned text_bytes(unsigned char byte) {
   constexpr unsigned kPlain = 1;
   constexpr unsigned kQuoted = 2;
   if (byte == '.' || byte == '\\') return kQuoted;
   return byte > ' ' && byte <= '~' ? kPlain : 1 + kDecimalDigits;
 }
 
-char *put_text(unsigned char byte, char *out) {
-  const unsigned bytes = text_bytes(byte);
-  if (bytes == 1) {
-    *out++ = static_cast<char>(byte);
-    return out;
-  }
+// kPlainText tells of each byte whether it stands for itself in a text.
+constexpr std::array<bool, UINT8_MAX + 1> kPlainText = [] {
+  std::array<bool, UINT8_MAX + 1> table{};
+  for (unsigned byte = 0; byte < table.size(); ++byte)
+    table[byte] = text_bytes(static_cast<unsigned char>(byte)) == 1;
+  return table;
+}();
+
+char *put_escaped(unsigned char byte, char *out) {
   *out++ = '\\';
-  if (bytes == 1 + kDecimalDigits) {
+  if (text_bytes(byte) == 1 + kDecimalDigits) {
     constexpr unsigned kTen = 10;
     *out++ = static_cast<char>('0' + byte / (kTen * kTen));
     *out++ = static_cast<char>('0' + byte / kTen % kTen);
@@ -152,6 +155,18 @@ char *put_text(unsigned char byte, char *out) {
     return out;
   }
   *out++ = static_cast<char>(byte);
+  return out;
+}
+
+char *put_label(const unsigned char *label, char *out) {
+  const unsigned char *end = label + 1 + *label;
+  while (++label != end) {
+    if (kPlainText[*label]) {
+      *out++ = static_cast<char>(*label);
+    } else {
+      out = put_escaped(*label, out);
+    }
+  }
   return out;
 }
 
@@ -222,18 +237,17 @@ unsigned dns_dntop_size(const unsigned char *dn) {
 }
 
 int dns_dntop(const unsigned char *dn, char *text, int size) {
-  const unsigned needed = dns_dntop_size(dn);
-  if (needed == 0) return kMalformed;
-  if (text == nullptr || size < 0 || needed > static_cast<unsigned>(size)) return 0;
+  if (dns_dnlen(dn) == 0) return kMalformed;
+  if (text == nullptr || size < 0) return 0;
+  if (size < DNS_MAXNAME && dns_dntop_size(dn) > static_cast<unsigned>(size)) return 0;
   char *out = text;
-  for (unsigned at = 0; dn[at] != 0; at += 1U + dn[at]) {
-    if (at != 0) *out++ = '.';
-    for (unsigned i = 1; i <= dn[at]; ++i)
-      out = put_text(dn[at + i], out);
+  for (const unsigned char *label = dn; *label != 0; label += 1U + *label) {
+    if (label != dn) *out++ = '.';
+    out = put_label(label, out);
   }
   if (out == text) *out++ = '.';
   *out = '\0';
-  return static_cast<int>(needed) - 1;
+  return static_cast<int>(out - text);
 }
 
 const char *dns_dntosp(const unsigned char *dn) {

@@ -44,14 +44,14 @@ size_t write_opt(std::span<uint8_t> packet, size_t size, uint16_t udp_size, std:
   return writer.ok() ? writer.position() : 0;
 }
 
-bool read_opt(std::span<const uint8_t> packet, Opt *opt) {
+bool read_opt(Sections *sections, Opt *opt) {
   *opt = {};
-  Header header;
+  const unsigned count = sections->header().count[DNS_S_AR];
   size_t at = 0;
-  if (!read_header(packet, &header) || header.count[DNS_S_AR] == 0) return true;
-  if (!section_at(packet, DNS_S_AR, &at)) return false;
-  Reader reader(packet, at);
-  for (unsigned left = header.count[DNS_S_AR]; left > 0; --left) {
+  if (count == 0) return true;
+  if (!sections->find(DNS_S_AR, &at)) return false;
+  Reader reader(sections->packet(), at);
+  for (unsigned left = count; left > 0; --left) {
     uint16_t typ = 0, cls = 0, size = 0;
     uint32_t ttl = 0;
     std::span<const uint8_t> data;

@@ -29,117 +29,68 @@ constexpr uint8_t kRcodeMask = 0x0F;
 
 }  // namespace
 
-bool Reader::skip(size_t count) {
-  if (count > left()) return false;
-  at_ += count;
-  return true;
-}
-
-bool Reader::u8(uint8_t *value) {
-  if (left() < sizeof *value) return false;
-  *value = packet_[at_++];
-  return true;
-}
-
-bool Reader::u16(uint16_t *value) {
-  if (left() < sizeof *value) return false;
-  *value = static_cast<uint16_t>(packet_[at_] << kByteBits | packet_[at_ + 1]);
-  at_ += sizeof *value;
-  return true;
-}
-
-bool Reader::u32(uint32_t *value) {
-  if (left() < sizeof *value) return false;
-  uint32_t sum = 0;
-  for (size_t i = 0; i < sizeof *value; ++i)
-    sum = sum << kByteBits | packet_[at_ + i];
-  *value = sum;
-  at_ += sizeof *value;
-  return true;
-}
-
-bool Reader::bytes(size_t count, std::span<const uint8_t> *value) {
-  if (count > left()) return false;
-  *value = packet_.subspan(at_, count);
-  at_ += count;
-  return true;
+// walk_name walks over a name and its pointers, and hands each label with its length byte to `keep`, which refuses one
+// that makes the name too long.
+template <typename Keep>
+bool Reader::walk_name(Keep keep) {
+  const uint8_t *bytes = packet_.data();
+  const size_t end = packet_.size();
+  size_t piece = at_;  // where the labels being read begin: a pointer must lead in front of it
+  size_t after = 0;    // where reading goes on: behind the name's first pointer
+  unsigned size = 0;
+  unsigned jumps = 0;
+  for (size_t at = at_; at < end;) {
+    const uint8_t length = bytes[at];
+    if (length <= DNS_MAXLABEL) {
+      const unsigned label = length + 1U;
+      const unsigned closing = length == 0 ? 0 : 1;
+      if (size + label + closing > DNS_MAXDN || label > end - at) return false;
+      keep(bytes + at, size, label);
+      size += label;
+      at += label;
+      if (length != 0) continue;
+      at_ = after != 0 ? after : at;
+      return true;
+    }
+    if ((length & kPointer) != kPointer || end - at < kPointerBytes) return false;
+    const size_t target = static_cast<size_t>(length & kPointerHigh) << kByteBits | bytes[at + 1];
+    if (target >= piece || ++jumps > kJumpsMax) return false;
+    if (after == 0) after = at + kPointerBytes;
+    piece = at = target;
+  }
+  return false;
 }
 
 bool Reader::name(uint8_t *dn, unsigned *size) {
-  size_t piece = at_;  // where the labels being read begin: a pointer must lead in front of it
-  size_t after = 0;    // where reading goes on: behind the name's first pointer
   unsigned written = 0;
-  unsigned jumps = 0;
-  for (Reader walk = *this;;) {
-    uint8_t length = 0;
-    if (!walk.u8(&length)) return false;
-    if ((length & kPointer) == kPointer) {
-      uint8_t low = 0;
-      if (!walk.u8(&low)) return false;
-      const size_t target = static_cast<size_t>(length & kPointerHigh) << kByteBits | low;
-      if (target >= piece || ++jumps > kJumpsMax) return false;
-      if (after == 0) after = walk.at_;
-      piece = walk.at_ = target;
-      continue;
-    }
-    if (length > DNS_MAXLABEL) return false;
-    std::span<const uint8_t> label;
-    const unsigned closing = length == 0 ? 0 : 1;
-    if (written + 1 + length + closing > DNS_MAXDN || !walk.bytes(length, &label)) return false;
-    dn[written++] = length;
-    std::copy(label.begin(), label.end(), dn + written);
-    written += length;
-    if (length != 0) continue;
-    at_ = after != 0 ? after : walk.at_;
-    if (size != nullptr) *size = written;
-    return true;
-  }
+  const bool whole = walk_name([&](const uint8_t *label, unsigned at, unsigned count) {
+    std::copy(label, label + count, dn + at);
+    written = at + count;
+  });
+  if (whole && size != nullptr) *size = written;
+  return whole;
+}
+
+bool Reader::check_name() {
+  return walk_name([](const uint8_t *, unsigned, unsigned) {});
 }
 
 bool Reader::skip_name() {
-  const size_t start = at_;
-  for (Reader walk = *this;;) {
-    uint8_t length = 0;
-    if (!walk.u8(&length)) return false;
+  const uint8_t *bytes = packet_.data();
+  const size_t end = packet_.size();
+  for (size_t at = at_; at < end;) {
+    const uint8_t length = bytes[at];
     const bool pointer = (length & kPointer) == kPointer;
     if (!pointer && length > DNS_MAXLABEL) return false;
-    if (!walk.skip(pointer ? kPointerBytes - 1 : length)) return false;
-    if (!pointer && walk.at_ - start > DNS_MAXDN) return false;
+    const size_t step = pointer ? kPointerBytes : length + size_t{1};
+    if (step > end - at) return false;
+    at += step;
+    if (!pointer && at - at_ > DNS_MAXDN) return false;
     if (!pointer && length != 0) continue;
-    at_ = walk.at_;
+    at_ = at;
     return true;
   }
-}
-
-uint8_t *Writer::room(size_t count) {
-  if (!ok_ || at_ > buffer_.size() || count > buffer_.size() - at_) {
-    ok_ = false;
-    return nullptr;
-  }
-  uint8_t *place = buffer_.data() + at_;
-  at_ += count;
-  return place;
-}
-
-void Writer::u8(uint8_t value) {
-  bytes({&value, sizeof value});
-}
-
-void Writer::u16(uint16_t value) {
-  const uint8_t wire[] = {static_cast<uint8_t>(value >> kByteBits), static_cast<uint8_t>(value)};
-  bytes(wire);
-}
-
-void Writer::u32(uint32_t value) {
-  uint8_t wire[sizeof value];
-  for (size_t i = sizeof wire; i > 0; --i, value >>= kByteBits)
-    wire[i - 1] = static_cast<uint8_t>(value);
-  bytes(wire);
-}
-
-void Writer::bytes(std::span<const uint8_t> value) {
-  uint8_t *place = room(value.size());
-  if (place != nullptr && !value.empty()) memcpy(place, value.data(), value.size());
+  return false;
 }
 
 void Writer::name(const uint8_t *dn) {
@@ -151,17 +102,16 @@ void Writer::name(const uint8_t *dn) {
 void Writer::patch_u16(size_t position, uint16_t value) {
   if (position > at_ || at_ - position < sizeof value) ok_ = false;
   if (!ok_) return;
-  buffer_[position] = static_cast<uint8_t>(value >> kByteBits);
-  buffer_[position + 1] = static_cast<uint8_t>(value);
+  store_u16(buffer_.data() + position, value);
 }
 
 bool read_header(std::span<const uint8_t> packet, Header *header) {
-  Reader reader(packet);
-  uint16_t flags = 0;
-  if (packet.size() < DNS_HSIZE || !reader.u16(&header->id) || !reader.u16(&flags)) return false;
-  for (uint16_t &count : header->count) {
-    if (!reader.u16(&count)) return false;
-  }
+  if (packet.size() < DNS_HSIZE) return false;
+  const uint8_t *at = packet.data();
+  header->id = load_u16(at);
+  const uint16_t flags = load_u16(at + sizeof flags);
+  for (int section = DNS_S_QD; section <= DNS_S_AR; ++section)
+    header->count[section] = static_cast<uint16_t>(records_in(packet, section));
   header->qr = (flags & kFlagQr) != 0;
   header->aa = (flags & kFlagAa) != 0;
   header->tc = (flags & kFlagTc) != 0;
@@ -190,22 +140,25 @@ size_t write_query(std::span<uint8_t> buffer, uint16_t id, bool recursive, const
   return write_question(buffer, id, recursive ? kFlagRd : 0, dn, typ, cls);
 }
 
-bool section_at(std::span<const uint8_t> packet, int section, size_t *position) {
-  Header header{};
-  Reader reader(packet, DNS_HSIZE);
-  if (section < DNS_S_QD || section > DNS_S_ALL || !read_header(packet, &header)) return false;
-  for (int passed = DNS_S_QD; passed < section; ++passed) {
-    for (unsigned left = header.count[passed]; left > 0; --left) {
-      constexpr size_t kTypeAndClass = 4;
-      constexpr size_t kTtl = 4;
-      if (!reader.skip_name() || !reader.skip(kTypeAndClass)) return false;
-      if (passed == DNS_S_QD) continue;
+bool Sections::find(int section, size_t *position) {
+  constexpr size_t kTypeAndClass = 4;
+  constexpr size_t kTtl = 4;
+  if (section < DNS_S_QD || section > DNS_S_ALL) return false;
+  for (Reader ahead = reader_; passed_ < section; starts_[passed_++] = ahead.position(), reader_ = ahead) {
+    for (unsigned left = header_.count[passed_]; left > 0; --left) {
+      if (!ahead.skip_name() || !ahead.skip(kTypeAndClass)) return false;
+      if (passed_ == DNS_S_QD) continue;
       uint16_t size = 0;
-      if (!reader.skip(kTtl) || !reader.u16(&size) || !reader.skip(size)) return false;
+      if (!ahead.skip(kTtl) || !ahead.u16(&size) || !ahead.skip(size)) return false;
     }
   }
-  *position = reader.position();
+  *position = section == DNS_S_QD ? size_t{DNS_HSIZE} : starts_[section - 1];
   return true;
+}
+
+bool section_at(std::span<const uint8_t> packet, int section, size_t *position) {
+  Header header{};
+  return read_header(packet, &header) && Sections(packet, header).find(section, position);
 }
 
 }  // namespace dns

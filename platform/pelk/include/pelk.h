@@ -10,6 +10,8 @@
 #include <stdint.h>
 #include <sys/time.h>
 
+#include <atomic>
+
 #if defined(__clang__)
 #define PELK_THREAD_ATTRIBUTE(x) __attribute__((x))
 #else
@@ -76,12 +78,13 @@ int pelk_cond_destroy(pelk_cond_t *cond);
 
 // ---- counting semaphores ------------------------------------------------------------------------------------------
 
-// A semaphore of `value` permits, never more than `maximum`: a post beyond it is refused.
+// A semaphore of `value` permits, never more than `maximum`: a post beyond it is refused. Taking a free permit and
+// giving one back takes the mutex only when there is somebody to wait or to wake.
 struct pelk_sem_t {
   pelk_mutex_t mutex;
   pelk_cond_t nonzero;
-  unsigned value PELK_GUARDED_BY(mutex);
-  unsigned waiters PELK_GUARDED_BY(mutex);
+  std::atomic<unsigned> value;
+  std::atomic<unsigned> waiters;  // changed with the mutex held
   unsigned maximum;
 };
 

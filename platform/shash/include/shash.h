@@ -70,13 +70,19 @@ struct shash_table {
 [[nodiscard]] int shash_init(shash_table *table, size_t capacity, size_t data_size, shash_keycmp_fn *keycmp,
                              shash_keyfree_fn *keyfree, rindex_t ranges);
 
+// shash_hash returns the hash of a key, for a search and an insertion that would otherwise work it out twice.
+[[nodiscard]] uint64_t shash_hash(const shash_table *table, const uint8_t *key, uint16_t key_size);
+
 // shash_search returns the item whose key compares equal (keycmp gives 0), in any range, or null.
 [[nodiscard]] shash_item *shash_search(shash_table *table, const uint8_t *key, uint16_t key_size);
+[[nodiscard]] shash_item *shash_search(shash_table *table, const uint8_t *key, uint16_t key_size, uint64_t hash);
 
 // shash_insert files a new item for `key` at the end of `range`. In a full table the first item of range 0, the one
 // that came there longest ago, gives way: keyfree is called for it first. Null when range 0 is empty then, or without
 // memory.
 [[nodiscard]] shash_item *shash_insert(shash_table *table, uint8_t *key, uint16_t key_size, rindex_t range);
+[[nodiscard]] shash_item *shash_insert(shash_table *table, uint8_t *key, uint16_t key_size, uint64_t hash,
+                                       rindex_t range);
 
 // shash_update moves an item to the end of `range` (nothing moves when it lies there already). 0, or -1 for no such
 // range.

@@ -54,6 +54,11 @@ int dns_cacher_delete(struct dns_cacher *cacher, const struct dns_cdata *entry, 
 int dns_cacher_getopt(struct dns_cacher *cacher, int opt, void *value, unsigned size);
 int dns_cacher_setopt(struct dns_cacher *cacher, int opt, const void *value, unsigned size);
 
+// dns_set_dbgev says which events the debug function is called for, any of DNS_DE_CACHE (what the cache holds of a
+// question) and DNS_DE_PKT (packets); both at first. To tell of every packet costs something even where nobody listens.
+enum { DNS_DE_CACHE = 1, DNS_DE_PKT = 2 };
+void dns_set_dbgev(struct dns_ctx *ctx, unsigned events);
+
 using dns_dc_fn = void(struct dns_ctx *ctx, struct dns_query *q, int code, void *data, void *udata);
 void dns_set_dcfn(struct dns_ctx *ctx, dns_dc_fn *fn);
 

@@ -8,6 +8,7 @@
 #include <netinet/in.h>
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 
 #include <span>
 
@@ -58,11 +59,20 @@ struct Io {
 class RandomSource {
  public:
   explicit RandomSource(const Io *io) : io_(io) {}
-  [[nodiscard]] bool u16(uint16_t *value) { return take(value, sizeof *value); }
-  [[nodiscard]] bool u64(uint64_t *value) { return take(value, sizeof *value); }
+  [[nodiscard]] bool u16(uint16_t *value) { return take(value); }
+  [[nodiscard]] bool u64(uint64_t *value) { return take(value); }
 
  private:
-  [[nodiscard]] bool take(void *to, size_t size);
+  template <typename T>
+  [[nodiscard]] bool take(T *value) {
+    if (left_ < sizeof *value && !fill()) return false;
+    left_ -= static_cast<unsigned>(sizeof *value);
+    memcpy(value, bytes_ + left_, sizeof *value);
+    // What was handed out does not stay behind in memory.
+    memset(bytes_ + left_, 0, sizeof *value);
+    return true;
+  }
+  [[nodiscard]] bool fill();
 
   const Io *io_;
   uint8_t bytes_[1024];

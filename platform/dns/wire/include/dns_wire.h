@@ -8,6 +8,7 @@
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <string.h>
 
 #include <span>
 
@@ -117,6 +118,26 @@ namespace dns {
 // ---- cursors
 // ---------------------------------------------------------------------------------------------------------
 
+// load_u16 and load_u32 read numbers in network order, store_u16 and store_u32 write them.
+[[nodiscard]] inline uint16_t load_u16(const uint8_t *at) {
+  uint16_t wire;
+  memcpy(&wire, at, sizeof wire);
+  return ntohs(wire);
+}
+[[nodiscard]] inline uint32_t load_u32(const uint8_t *at) {
+  uint32_t wire;
+  memcpy(&wire, at, sizeof wire);
+  return ntohl(wire);
+}
+inline void store_u16(uint8_t *at, uint16_t value) {
+  const uint16_t wire = htons(value);
+  memcpy(at, &wire, sizeof wire);
+}
+inline void store_u32(uint8_t *at, uint32_t value) {
+  const uint32_t wire = htonl(value);
+  memcpy(at, &wire, sizeof wire);
+}
+
 // Reader walks foreign bytes. Every read either succeeds whole or leaves the cursor where it was and returns false.
 // Names may point back into the whole packet (RFC 1035, 4.1.4): only strictly backwards, so that reading one always
 // ends.
@@ -129,16 +150,45 @@ class Reader {
   [[nodiscard]] size_t position() const { return at_; }
   [[nodiscard]] size_t left() const { return packet_.size() - at_; }
   [[nodiscard]] std::span<const uint8_t> packet() const { return packet_; }
-  [[nodiscard]] bool skip(size_t count);
-  [[nodiscard]] bool u8(uint8_t *value);
-  [[nodiscard]] bool u16(uint16_t *value);
-  [[nodiscard]] bool u32(uint32_t *value);
-  [[nodiscard]] bool bytes(size_t count, std::span<const uint8_t> *value);
+  [[nodiscard]] bool skip(size_t count) {
+    if (count > left()) return false;
+    at_ += count;
+    return true;
+  }
+  [[nodiscard]] bool u8(uint8_t *value) {
+    if (left() < sizeof *value) return false;
+    *value = packet_[at_++];
+    return true;
+  }
+  [[nodiscard]] bool u16(uint16_t *value) {
+    if (left() < sizeof *value) return false;
+    *value = load_u16(packet_.data() + at_);
+    at_ += sizeof *value;
+    return true;
+  }
+  [[nodiscard]] bool u32(uint32_t *value) {
+    if (left() < sizeof *value) return false;
+    *value = load_u32(packet_.data() + at_);
+    at_ += sizeof *value;
+    return true;
+  }
+  [[nodiscard]] bool bytes(size_t count, std::span<const uint8_t> *value) {
+    if (count > left()) return false;
+    *value = packet_.subspan(at_, count);
+    at_ += count;
+    return true;
+  }
   // name reads a DN into `dn` (DNS_MAXDN bytes), following pointers; its length goes to `size` (null allowed).
+  // check_name checks all that name does, and keeps nothing.
   [[nodiscard]] bool name(uint8_t *dn, unsigned *size = nullptr);
+  [[nodiscard]] bool check_name();
+  // skip_name passes over a name without looking where a pointer leads.
   [[nodiscard]] bool skip_name();
 
  private:
+  template <typename Keep>
+  [[nodiscard]] bool walk_name(Keep keep);
+
   std::span<const uint8_t> packet_;
   size_t at_;
 };
@@ -148,17 +198,38 @@ class Writer {
  public:
   explicit Writer(std::span<uint8_t> buffer, size_t position = 0) : buffer_(buffer), at_(position) {}
 
-  void u8(uint8_t value);
-  void u16(uint16_t value);
-  void u32(uint32_t value);
-  void bytes(std::span<const uint8_t> value);
+  void u8(uint8_t value) {
+    uint8_t *place = room(sizeof value);
+    if (place != nullptr) *place = value;
+  }
+  void u16(uint16_t value) {
+    uint8_t *place = room(sizeof value);
+    if (place != nullptr) store_u16(place, value);
+  }
+  void u32(uint32_t value) {
+    uint8_t *place = room(sizeof value);
+    if (place != nullptr) store_u32(place, value);
+  }
+  void bytes(std::span<const uint8_t> value) {
+    uint8_t *place = room(value.size());
+    if (place != nullptr && !value.empty()) memcpy(place, value.data(), value.size());
+  }
   void name(const uint8_t *dn);
   void patch_u16(size_t position, uint16_t value);
   [[nodiscard]] bool ok() const { return ok_; }
   [[nodiscard]] size_t position() const { return at_; }
 
  private:
-  uint8_t *room(size_t count);
+  uint8_t *room(size_t count) {
+    if (!ok_ || at_ > buffer_.size() || count > buffer_.size() - at_) {
+      ok_ = false;
+      return nullptr;
+    }
+    uint8_t *place = buffer_.data() + at_;
+    at_ += count;
+    return place;
+  }
+
   std::span<uint8_t> buffer_;
   size_t at_;
   bool ok_ = true;
@@ -176,6 +247,35 @@ struct Header {
   uint16_t count[4];  // records by section, DNS_S_QD to DNS_S_AR
 };
 [[nodiscard]] bool read_header(std::span<const uint8_t> packet, Header *header);
+
+// records_in returns how many records a packet's header counts in a section, DNS_S_QD to DNS_S_AR; 0 for a packet
+// without a whole header.
+[[nodiscard]] inline unsigned records_in(std::span<const uint8_t> packet, int section) {
+  constexpr size_t kCountsAt = 4;
+  if (packet.size() < DNS_HSIZE) return 0;
+  return load_u16(packet.data() + kCountsAt + static_cast<size_t>(section) * sizeof(uint16_t));
+}
+
+// Sections finds where the sections of a packet begin, and walks over each at most once.
+class Sections {
+ public:
+  Sections(std::span<const uint8_t> packet, const Header &header) : reader_(packet, DNS_HSIZE), header_(header) {}
+  // One for a packet whose questions have been read, up to `answers_at`.
+  Sections(std::span<const uint8_t> packet, const Header &header, size_t answers_at)
+      : reader_(packet, answers_at), header_(header), passed_(DNS_S_AN), starts_{reader_.position()} {}
+
+  [[nodiscard]] std::span<const uint8_t> packet() const { return reader_.packet(); }
+  [[nodiscard]] const Header &header() const { return header_; }
+  // find gives the position of the first record of a section, DNS_S_QD to DNS_S_ALL, which stands for the byte behind
+  // the last one. False for a malformed packet.
+  [[nodiscard]] bool find(int section, size_t *position);
+
+ private:
+  Reader reader_;  // behind the last section that was passed
+  const Header &header_;
+  int passed_ = DNS_S_QD;          // the section that the reader stands before
+  size_t starts_[DNS_S_ALL] = {};  // of the sections behind DNS_S_QD, as far as they were found
+};
 
 // write_query builds a question packet with the RD bit as told; returns its length, 0 when `buffer` is too small.
 [[nodiscard]] size_t write_query(std::span<uint8_t> buffer, uint16_t id, bool recursive, const uint8_t *dn,
@@ -203,7 +303,7 @@ struct Opt {
   std::span<const uint8_t> cookie;
 };
 // read_opt looks for an OPT record. False for a packet that is malformed or has two.
-[[nodiscard]] bool read_opt(std::span<const uint8_t> packet, Opt *opt);
+[[nodiscard]] bool read_opt(Sections *sections, Opt *opt);
 
 // Record is one record of a packet, its data still compressed. `data_at` is the data's place in the packet.
 struct Record {
@@ -224,6 +324,7 @@ struct Record {
 // Chain is where the aliases of an answer lead: the records of the asked type at `end` answer the question.
 struct Chain {
   uint8_t end[DNS_MAXDN];
+  unsigned end_size;
   unsigned aliases;  // CNAME records followed
   unsigned records;  // records of the type (and class) at the end
   int32_t ttl;       // the least TTL of the aliases and those records; INT32_MAX without any
