@@ -25,7 +25,7 @@ const char *const kName = "4.3.2.10.list.example";
 // An answer with one address, its owner a pointer to the question.
 std::vector<uint8_t> answer() {
   std::vector<uint8_t> packet(512);
-  packet.resize(dns::write_query(packet, 7, true, name(kName).data(), DNS_T_A, DNS_C_IN));
+  packet.resize(dns::write_query(packet, 7, true, name(kName), DNS_T_A, DNS_C_IN));
   packet[2] |= 0x80;
   packet[7] = 1;
   const uint8_t record[] = {0xC0, DNS_HSIZE, 0, DNS_T_A, 0, DNS_C_IN, 0, 0, 1, 44, 0, 4, 127, 0, 0, 2};
@@ -44,7 +44,7 @@ void write_question(benchmark::State &state) {
   const auto dn = name(kName);
   uint8_t buffer[300];
   for (auto _ : state)
-    benchmark::DoNotOptimize(dns::write_query(buffer, 7, true, dn.data(), DNS_T_A, DNS_C_IN));
+    benchmark::DoNotOptimize(dns::write_query(buffer, 7, true, dn, DNS_T_A, DNS_C_IN));
 }
 BENCHMARK(write_question);
 

@@ -49,7 +49,7 @@ KAVO_ERR release_node(KAVO ctx, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_t
 }
 
 KAVO_ERR leave_flight(KAVO ctx, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_table) {
-  const KAVO_ERR error = kavo_cancel_query(ctx, node);
+  const KAVO_ERR error = node->qh_count == 0 ? KAVOE_OK : kavo_cancel_query(ctx, node);
   if (error != KAVOE_OK) PELK_ERROR(kSource, "kavo_table_change_state", errno, error, "Unable to cancel query");
   return error;
 }
@@ -202,7 +202,8 @@ KAVO_ERR kavo_table_change_state(KAVO ctx, KAVO_QUERY_NODE node, kavo_query_stat
     const KAVO_ERR error = change_range(ctx, node, current, target, &gone);
     if (error != KAVOE_OK || gone) return error;
   }
-  if (state != node->state) ctx->event.store(1);
+  // A broadcast that is about to answer an earlier change answers this one too: whoever it wakes needs the lock first.
+  if (state != node->state && ctx->event.load(std::memory_order_relaxed) == 0) ctx->event.store(1);
   node->state = state;
   if (state == KAVOQS_SYNCSIG) kavo_table_broadcast(ctx);
   return KAVOE_OK;

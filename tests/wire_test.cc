@@ -241,14 +241,11 @@ TEST(Chains, AnyOrderUpToTheBound) {
   }
   dns::Chain chain;
   const Answer rich = rich_answer();
-  ASSERT_EQ(
-      dns::follow_chain(rich.packet, rich.answers_at, dn("host.example.org").data(), DNS_T_ANY, DNS_C_IN, 4, &chain),
-      0);
+  ASSERT_EQ(dns::follow_chain(rich.packet, rich.answers_at, dn("host.example.org"), DNS_T_ANY, DNS_C_IN, 4, &chain), 0);
   EXPECT_EQ(chain.records, 8U);
-  ASSERT_EQ(
-      dns::follow_chain(rich.packet, rich.answers_at, dn("www.example.org").data(), DNS_T_ANY, DNS_C_IN, 4, &chain), 0);
+  ASSERT_EQ(dns::follow_chain(rich.packet, rich.answers_at, dn("www.example.org"), DNS_T_ANY, DNS_C_IN, 4, &chain), 0);
   EXPECT_EQ(chain.aliases, 0U);
-  ASSERT_EQ(dns::follow_chain(rich.packet, rich.answers_at, dn("www.example.org").data(), DNS_T_A, 3, 4, &chain), 0);
+  ASSERT_EQ(dns::follow_chain(rich.packet, rich.answers_at, dn("www.example.org"), DNS_T_A, 3, 4, &chain), 0);
   EXPECT_EQ(chain.aliases + chain.records, 0U);
 }
 
@@ -277,7 +274,7 @@ TEST(Denials, TheSoaMustCoverTheName) {
       data.push_back(static_cast<uint8_t>(minimum >> shift));
     answer.add(owner, DNS_T_SOA, data, ttl, DNS_S_NS);
     dns::Denial denial;
-    EXPECT_EQ(dns::read_denial(answer.packet, answer.answers_at, dn("www.example.org").data(), &denial), 0);
+    EXPECT_EQ(dns::read_denial(answer.packet, answer.answers_at, dn("www.example.org"), &denial), 0);
     EXPECT_TRUE(denial.ns);
     EXPECT_STREQ(dns_dntosp(denial.zone), denial.soa ? owner.c_str() : "ns.zone");
     return denial.soa ? denial.ttl : -1;
@@ -290,16 +287,16 @@ TEST(Denials, TheSoaMustCoverTheName) {
   Answer cut("www.example.org");
   cut.add("example.org", DNS_T_SOA, Bytes(21, 0), 1, DNS_S_NS);
   dns::Denial denial;
-  EXPECT_EQ(dns::read_denial(cut.packet, cut.answers_at, dn("www.example.org").data(), &denial), DNS_E_PROTOCOL);
+  EXPECT_EQ(dns::read_denial(cut.packet, cut.answers_at, dn("www.example.org"), &denial), DNS_E_PROTOCOL);
 }
 
 TEST(Packets, QuestionsAndRebuiltAnswers) {
   uint8_t buffer[512];
   dns::Header header{};
   const Bytes name = dn("www.example.org");
-  const size_t size = dns::write_query(buffer, 0xABCD, true, name.data(), DNS_T_MX, DNS_C_IN);
+  const size_t size = dns::write_query(buffer, 0xABCD, true, name, DNS_T_MX, DNS_C_IN);
   ASSERT_EQ(size, DNS_HSIZE + name.size() + 4);
-  EXPECT_EQ(dns::write_query({buffer, size - 1}, 1, true, name.data(), DNS_T_MX, DNS_C_IN), 0U);
+  EXPECT_EQ(dns::write_query({buffer, size - 1}, 1, true, name, DNS_T_MX, DNS_C_IN), 0U);
 
   const Answer source = rich_answer();
   dns_parse parse;

@@ -1,8 +1,6 @@
 // pelk_sync.cc - mutexes, conditions and counting semaphores on POSIX threads.
 //
-// Any thread may call anything here. Mutexes check their use: a thread that takes a mutex it holds gets EDEADLK and one
-// that releases a mutex it does not hold gets EPERM, so a callback that calls back where it must not is an error result
-// and never a hang. Conditions wait on CLOCK_REALTIME, the clock that deadlines are made from.
+// Any thread may call anything here. Conditions wait on CLOCK_REALTIME, the clock that deadlines are made from.
 #include <errno.h>
 #include <time.h>
 
@@ -30,6 +28,18 @@ timespec to_timespec(const timeval &moment) {
   const int64_t whole = seconds + carry;
   if (whole < 0 || whole > PELK_TIME_MAX) return kLongAgo;
   return {whole, micros * kNsecPerUsec};
+}
+
+constexpr pthread_t kNobody = 0;
+
+// wait sleeps on a condition, meanwhile without the mutex, until `moment` unless that is null. 0 or an error number.
+int wait(pelk_cond_t *cond, pelk_mutex_t *mutex, const timespec *moment) PELK_REQUIRES(*mutex) {
+  if (mutex->owner.load(std::memory_order_relaxed) != pthread_self()) return EPERM;
+  mutex->owner.store(kNobody, std::memory_order_relaxed);
+  const int error = moment == nullptr ? pthread_cond_wait(&cond->handle, &mutex->handle)
+                                      : pthread_cond_timedwait(&cond->handle, &mutex->handle, moment);
+  mutex->owner.store(pthread_self(), std::memory_order_relaxed);
+  return error == ETIMEDOUT ? PELK_TIMEDOUT : error;
 }
 
 // try_permit takes one permit if there is one.
@@ -65,21 +75,22 @@ int take_permit(pelk_sem_t *sem, const timeval *deadline) {
 }  // namespace
 
 int pelk_mutex_init(pelk_mutex_t *mutex) {
-  pthread_mutexattr_t attributes;
-  int error = pthread_mutexattr_init(&attributes);
-  if (error != 0) return error;
-  error = pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ERRORCHECK);
-  if (error == 0) error = pthread_mutex_init(&mutex->handle, &attributes);
-  pthread_mutexattr_destroy(&attributes);
-  return error;
+  mutex->owner.store(kNobody, std::memory_order_relaxed);
+  return pthread_mutex_init(&mutex->handle, nullptr);
 }
 
 // The analysis cannot see into POSIX: what the two declarations promise is checked at their callers.
 int pelk_mutex_lock(pelk_mutex_t *mutex) PELK_NO_ANALYSIS {
-  return pthread_mutex_lock(&mutex->handle);
+  const pthread_t self = pthread_self();
+  if (mutex->owner.load(std::memory_order_relaxed) == self) return EDEADLK;
+  const int error = pthread_mutex_lock(&mutex->handle);
+  if (error == 0) mutex->owner.store(self, std::memory_order_relaxed);
+  return error;
 }
 
 int pelk_mutex_unlock(pelk_mutex_t *mutex) PELK_NO_ANALYSIS {
+  if (mutex->owner.load(std::memory_order_relaxed) != pthread_self()) return EPERM;
+  mutex->owner.store(kNobody, std::memory_order_relaxed);
   return pthread_mutex_unlock(&mutex->handle);
 }
 
@@ -92,13 +103,12 @@ int pelk_cond_init(pelk_cond_t *cond) {
 }
 
 int pelk_cond_wait(pelk_cond_t *cond, pelk_mutex_t *mutex) {
-  return pthread_cond_wait(&cond->handle, &mutex->handle);
+  return wait(cond, mutex, nullptr);
 }
 
 int pelk_cond_wait_deadline(pelk_cond_t *cond, pelk_mutex_t *mutex, const struct timeval *deadline) {
   const timespec moment = to_timespec(*deadline);
-  const int error = pthread_cond_timedwait(&cond->handle, &mutex->handle, &moment);
-  return error == ETIMEDOUT ? PELK_TIMEDOUT : error;
+  return wait(cond, mutex, &moment);
 }
 
 int pelk_cond_signal(pelk_cond_t *cond) {

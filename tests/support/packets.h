@@ -132,7 +132,7 @@ inline void attack(const Bytes &packet, size_t answers_at, const std::string &na
   const std::span<const uint8_t> bytes(exact.get(), packet.size());
   dns::Denial denial;
   size_t at = 0;
-  if (dns::section_at(bytes, DNS_S_NS, &at)) (void)dns::read_denial(bytes, at, dn(name).data(), &denial);
+  if (dns::section_at(bytes, DNS_S_NS, &at)) (void)dns::read_denial(bytes, at, dn(name), &denial);
   dns_parse parse;
   uint8_t question[DNS_MAXDN];
   uint8_t copy[4096];

@@ -265,7 +265,8 @@ dns_status cdata_from_answer(dns_cdata *entry, std::span<const uint8_t> packet, 
   entry->rcode = static_cast<uint8_t>(rcode);
   entry->ttl = ttl;
   Chain chain;
-  dns_status status = follow_chain(packet, answers_at, entry->dn, entry->typ, entry->cls, aliases_max, &chain);
+  dns_status status =
+      follow_chain(packet, answers_at, {entry->dn, entry->dn_size}, entry->typ, entry->cls, aliases_max, &chain);
   if (status == DNS_E_NOERROR) status = cdata_append_chain(entry, packet, answers_at, entry->dn, chain, true);
   if (status != DNS_E_NOERROR) drop_records(entry);
   return status;

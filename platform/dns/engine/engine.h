@@ -436,8 +436,9 @@ void take_answer(dns_query *q, const Arrival &arrival, const Header &header);
 // set_key makes `ctx->entry` the entry of this question, with the flags of dns_cdata_setflags.
 void set_key(dns_query *q, unsigned flags);
 
-// parsed runs the question's parser over a packet. The block's size, 0 without a parser, or a negative status.
-[[nodiscard]] int parsed(dns_query *q, std::span<const uint8_t> packet, void **result);
+// parsed runs the question's parser over a packet, whose answers begin at `answers_at`. The block's size, 0 without a
+// parser, or a negative status.
+[[nodiscard]] int parsed(dns_query *q, std::span<const uint8_t> packet, size_t answers_at, void **result);
 
 // ---- journey.cc
 

@@ -17,7 +17,11 @@ struct Verdict {
   bool has_ttl;       // false for a denial without a SOA record
 };
 
-constexpr size_t kTypeAndClass = 4;  // bytes of them behind a question's name
+// answers_behind is where the answers begin in a packet with one question, whose name has `size` bytes.
+constexpr size_t answers_behind(size_t size) {
+  constexpr size_t kTypeAndClass = 4;
+  return DNS_HSIZE + size + kTypeAndClass;
+}
 
 constexpr Verdict broken(int code) {
   return {DNS_E_PROTOCOL, code, 0, false};
@@ -52,7 +56,8 @@ Verdict judge_denial(const dns_query *q, Sections *sections, Reading *reading) {
   size_t authority = 0;
   const Chain &chain = reading->chain;
   Denial &denial = reading->denial;
-  if (!sections->find(DNS_S_NS, &authority) || read_denial(packet, authority, chain.end, &denial) != DNS_E_NOERROR)
+  if (!sections->find(DNS_S_NS, &authority) ||
+      read_denial(packet, authority, {chain.end, chain.end_size}, &denial) != DNS_E_NOERROR)
     return broken(DNS_D_PKT_RPINV);
   const int32_t ttl = std::min(denial.ttl, chain.ttl);
   // A denial by another zone than the name's ends the question and is not kept.
@@ -76,13 +81,13 @@ Verdict judge(const dns_query *q, std::span<const uint8_t> packet, const Header 
   if (header.tc) return broken(q->over_tcp ? DNS_D_PKT_RPINV : DNS_D_PKT_TC);
   Chain &chain = reading->chain;
   // The question has been compared with the one that was sent.
-  reading->answers_at = DNS_HSIZE + q->ask_size + kTypeAndClass;
+  reading->answers_at = answers_behind(q->ask_size);
   Sections sections(packet, header, reading->answers_at);
   Opt opt;
   if (!read_opt(&sections, &opt)) return broken(DNS_D_PKT_RPINV);
   if (opt.rcode_high != 0) return {DNS_E_FAIL, DNS_D_PKT_SERVERR, 0, false};
-  const dns_status status =
-      follow_chain(packet, reading->answers_at, q->ask, q->typ, q->cls, aliases_left(q), &chain, zone_of(q));
+  const dns_status status = follow_chain(packet, reading->answers_at, {q->ask, q->ask_size}, q->typ, q->cls,
+                                         aliases_left(q), &chain, zone_of(q));
   if (status == DNS_E_CNLOOP) return {status, DNS_D_PKT_RPAN, 0, false};
   if (status != DNS_E_NOERROR) return broken(DNS_D_PKT_RPINV);
   if (chain.left) return broken(DNS_D_PKT_RPCNAME);
@@ -171,10 +176,10 @@ void measure(dns_query *q, const Arrival &arrival) {
 
 // result_of parses what the callback is given. A denial's records say nothing, so only a raw packet is handed out for
 // it.
-int result_of(dns_query *q, dns_status status, std::span<const uint8_t> packet, void **result) {
+int result_of(dns_query *q, dns_status status, std::span<const uint8_t> packet, size_t answers_at, void **result) {
   *result = nullptr;
   if (is_denial(status) && q->parse != dns_parse_pkt) return 0;
-  return status == DNS_E_CNLOOP ? 0 : parsed(q, packet, result);
+  return status == DNS_E_CNLOOP ? 0 : parsed(q, packet, answers_at, result);
 }
 
 // tell_answer tells the debug function of an answer; false when that cancelled the question.
@@ -229,13 +234,14 @@ bool asked_otherwise(dns_query *q, int code, const Arrival &arrival, const Heade
 }
 
 // deliver_all ends a question, and those that follow it, each with what its own parser makes of the packet.
-void deliver_all(dns_query *q, dns_status status, std::span<const uint8_t> packet, void *result, unsigned size) {
+void deliver_all(dns_query *q, dns_status status, std::span<const uint8_t> packet, size_t answers_at, void *result,
+                 unsigned size) {
   Link followers;
   stop_leading(q, &followers);
   deliver(q, status, result, size, 0);
   while (!followers.alone()) {
     auto *next = static_cast<dns_query *>(followers.next);
-    const int parsed_size = result_of(next, status, packet, &result);
+    const int parsed_size = result_of(next, status, packet, answers_at, &result);
     const dns_status outcome = parsed_size < 0 ? parsed_size : status;
     deliver(next, outcome, result, static_cast<unsigned>(std::max(parsed_size, 0)), 0);
   }
@@ -260,11 +266,9 @@ void set_key(dns_query *q, unsigned flags) {
   (void)dns_cdata_setflags(entry, flags);
 }
 
-int parsed(dns_query *q, std::span<const uint8_t> packet, void **result) {
+int parsed(dns_query *q, std::span<const uint8_t> packet, size_t answers, void **result) {
   *result = nullptr;
-  size_t answers = 0;
   if (q->parse == nullptr) return 0;
-  if (!section_at(packet, DNS_S_AN, &answers)) return DNS_E_PROTOCOL;
   const uint8_t *start = packet.data();
   const int size = q->parse(q->ctx, q, q->dn, start, start + answers, start + packet.size(), result, 0);
   if (size < 0 || q->parse == dns_parse_pkt || *result == nullptr) return size;
@@ -278,22 +282,24 @@ void take_answer(dns_query *q, const Arrival &arrival, const Header &header) {
   Reading reading;
   std::span<const uint8_t> packet = arrival.packet;
   Verdict verdict = judge(q, packet, header, &reading);
+  size_t answers_at = reading.answers_at;
   void *result = nullptr;
   int size = 0;
   if (is_answer(verdict.status) && passed_aliases(q)) {
     const dns_status status =
         complete(q, packet, reading.answers_at, reading.chain, header.rcode, verdict.ttl, &packet);
+    answers_at = answers_behind(q->dn_size);
     if (status != DNS_E_NOERROR) verdict = {status == DNS_E_NOMEM ? status : DNS_E_PROTOCOL, DNS_D_PKT_RPINV, 0, false};
   }
   if (is_final(verdict.status)) {
-    size = result_of(q, verdict.status, packet, &result);
+    size = result_of(q, verdict.status, packet, answers_at, &result);
     if (size < 0) verdict = size == DNS_E_NOMEM ? Verdict{size, DNS_D_PKT_RPAN, 0, false} : broken(DNS_D_PKT_RPINV);
   }
   if (!tell_answer(q, verdict.code, arrival)) return;
   if (is_final(verdict.status)) {
     if (q->plain) servers_of(q)[q->server]->plain_until_us = q->ctx->now_us + kNoEdnsUs;
-    keep(q, packet, header, verdict, reading.answers_at);
-    deliver_all(q, verdict.status, packet, result, static_cast<unsigned>(std::max(size, 0)));
+    keep(q, packet, header, verdict, answers_at);
+    deliver_all(q, verdict.status, packet, answers_at, result, static_cast<unsigned>(std::max(size, 0)));
     return;
   }
   q->error = static_cast<int16_t>(verdict.status);
@@ -326,7 +332,8 @@ bool take_cached(dns_query *q) {
   if (q->parse != nullptr && (!is_denial(status) || q->parse == dns_parse_pkt)) {
     const int length = cdata_to_packet(entry, ctx->buffers->rebuilt, sizeof ctx->buffers->rebuilt);
     if (length < 0) return false;
-    size = result_of(q, status, {ctx->buffers->rebuilt, static_cast<size_t>(length)}, &result);
+    size =
+        result_of(q, status, {ctx->buffers->rebuilt, static_cast<size_t>(length)}, answers_behind(q->dn_size), &result);
     if (size < 0) return false;
   }
   deliver(q, status, result, static_cast<unsigned>(size), DNS_SF_CACHED);

@@ -146,7 +146,7 @@ size_t build(dns_query *q, std::span<uint8_t> packet) {
   const dns_ctx *ctx = q->ctx;
   const Server *server = servers_of(q)[q->server];
   const bool lower = server->lower_until_us > ctx->now_us;
-  const size_t size = write_query(packet, q->id, recursive(q), q->ask, q->typ, q->cls);
+  const size_t size = write_query(packet, q->id, recursive(q), {q->ask, q->ask_size}, q->typ, q->cls);
   apply_case(packet.subspan(DNS_HSIZE, q->ask_size), lower ? kLowerCase : q->case_bits);
   q->lowered = lower ? q->lowered | 1U << q->server : q->lowered & ~(1U << q->server);
   q->with_opt = !q->plain && server->plain_until_us <= ctx->now_us;

@@ -34,7 +34,11 @@ unsigned char *put_octet(uint8_t octet, unsigned char *at, const unsigned char *
   const size_t size = size_t{1} + label[0];
   const auto room = static_cast<size_t>(end - at);
   if (room < size) return nullptr;
-  memcpy(at, label.data(), std::min(room, label.size()));
+  if (room >= label.size()) {
+    memcpy(at, label.data(), label.size());
+  } else {
+    std::copy_n(label.begin(), size, at);
+  }
   return at + size;
 }
 

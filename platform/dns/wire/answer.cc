@@ -178,9 +178,8 @@ dns_status lay_entries(const Layout &layout, Answers answers, size_t entries_at,
   }
 }
 
-bool same_text(const uint8_t *dn1, const uint8_t *dn2) {
-  const unsigned size = dns_dnlen(dn1);
-  return size == dns_dnlen(dn2) && memcmp(dn1, dn2, size) == 0;
+bool same_text(std::span<const uint8_t> dn1, std::span<const uint8_t> dn2) {
+  return dn1.size() == dn2.size() && memcmp(dn1.data(), dn2.data(), dn1.size()) == 0;
 }
 
 // class_of returns the class that a packet's question asks about; IN for a packet without a question.
@@ -193,8 +192,8 @@ dns_class class_of(std::span<const uint8_t> packet) {
 }
 
 // lay_records lays a whole block of records; its size is then what `layer` needed.
-dns_status lay_records(const Layout &layout, std::span<const uint8_t> packet, size_t answers_at, const uint8_t *dn,
-                       unsigned aliases_max, Layer *layer) {
+dns_status lay_records(const Layout &layout, std::span<const uint8_t> packet, size_t answers_at,
+                       std::span<const uint8_t> dn, unsigned aliases_max, Layer *layer) {
   const dns_class cls = class_of(packet);
   Chain chain;
   const dns_status found = follow_chain(packet, answers_at, dn, layout.typ, cls, aliases_max, &chain);
@@ -208,8 +207,9 @@ dns_status lay_records(const Layout &layout, std::span<const uint8_t> packet, si
   const dns_status laid = lay_entries(layout, answers, entries_at, layer);
   if (laid != DNS_E_NOERROR) return laid;
   head.common.dnsn_cname = layer->append_name(chain.end);
-  head.common.dnsn_qname =
-      chain.aliases == 0 || same_text(chain.end, dn) ? head.common.dnsn_cname : layer->append_name(dn);
+  head.common.dnsn_qname = chain.aliases == 0 || same_text({chain.end, chain.end_size}, dn)
+                               ? head.common.dnsn_cname
+                               : layer->append_name(dn.data());
   head.common.dnsn_ttl = chain.aliases + chain.records > 0 ? chain.ttl : 0;
   head.common.dnsn_nrr = static_cast<int32_t>(chain.records);
   head.common.dnsn_size = head.common.dnsn_written = static_cast<uint32_t>(layer->needed());
@@ -234,12 +234,14 @@ dns_status lay_packet(std::span<const uint8_t> packet, Layer *layer) {
 
 int lay_block(Block kind, std::span<const uint8_t> packet, size_t answers_at, const uint8_t *dn,
               std::span<uint8_t> buffer, size_t *needed, unsigned aliases_max) {
-  if (reinterpret_cast<uintptr_t>(buffer.data()) % kBlockAlign != 0 || dns_dnlen(dn) == 0) return DNS_E_INVAL;
+  const unsigned dn_size = dns_dnlen(dn);
+  if (reinterpret_cast<uintptr_t>(buffer.data()) % kBlockAlign != 0 || dn_size == 0) return DNS_E_INVAL;
   if (packet.size() > DNS_MAXPACKET) return DNS_E_PROTOCOL;
   Layer layer(buffer);
   const Layout layout = layout_of(kind);
-  const dns_status status = layout.lay != nullptr ? lay_records(layout, packet, answers_at, dn, aliases_max, &layer)
-                                                  : lay_packet(packet, &layer);
+  const dns_status status = layout.lay != nullptr
+                                ? lay_records(layout, packet, answers_at, {dn, dn_size}, aliases_max, &layer)
+                                : lay_packet(packet, &layer);
   if (status != DNS_E_NOERROR) return status;
   if (needed != nullptr) *needed = layer.needed();
   return layer.needed() <= buffer.size() ? static_cast<int>(layer.needed()) : DNS_E_NOBUFS;

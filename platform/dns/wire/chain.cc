@@ -38,7 +38,7 @@ class Finder {
         if (!follow(answers, record)) return DNS_E_PROTOCOL;
         answers.set_name({chain_->end, chain_->end_size});
         *moved = true;
-        chain_->left = within_ != nullptr && !covers(within_, chain_->end);
+        chain_->left = within_ != nullptr && !covers({within_, dns_dnlen(within_)}, {chain_->end, chain_->end_size});
         if (chain_->left) return DNS_E_NOERROR;
       }
     }
@@ -74,14 +74,10 @@ bool soa_ttl(std::span<const uint8_t> packet, const Record &record, int32_t *ttl
 
 }  // namespace
 
-bool covers(const uint8_t *zone, const uint8_t *dn) {
-  const unsigned zone_size = dns_dnlen(zone);
-  unsigned left = dns_dnlen(dn);
-  while (left > zone_size) {
-    left -= 1U + *dn;
-    dn += 1U + *dn;
-  }
-  return left == zone_size && dns_dnequal(zone, dn) != 0;
+bool covers(std::span<const uint8_t> zone, std::span<const uint8_t> dn) {
+  while (dn.size() > zone.size() && dn.front() < dn.size())
+    dn = dn.subspan(1U + dn.front());
+  return !dn.empty() && dn.size() == zone.size() && dns_dnequal(zone.data(), dn.data()) != 0;
 }
 
 Answers::Answers(std::span<const uint8_t> packet, size_t answers_at, unsigned count, dns_class cls)
@@ -124,13 +120,14 @@ bool Answers::owner_is_ours(Record *record, bool *ours) {
   return true;
 }
 
-dns_status follow_chain(std::span<const uint8_t> packet, size_t answers_at, const uint8_t *dn, dns_type typ,
+dns_status follow_chain(std::span<const uint8_t> packet, size_t answers_at, std::span<const uint8_t> dn, dns_type typ,
                         dns_class cls, unsigned aliases_max, Chain *chain, const uint8_t *within) {
   chain->aliases = chain->records = 0;
   chain->ttl = INT32_MAX;
   chain->left = false;
-  chain->end_size = dns_dntodn(dn, chain->end, sizeof chain->end);
-  if (chain->end_size == 0) return DNS_E_INVAL;
+  if (dn.empty() || dn.size() > sizeof chain->end) return DNS_E_INVAL;
+  std::copy(dn.begin(), dn.end(), chain->end);
+  chain->end_size = static_cast<unsigned>(dn.size());
   if (answers_at > packet.size() || packet.size() < DNS_HSIZE) return DNS_E_PROTOCOL;
   const unsigned count = records_in(packet, DNS_S_AN);
   // A chain that takes more steps than there are records has taken one of them twice.
@@ -144,22 +141,23 @@ dns_status follow_chain(std::span<const uint8_t> packet, size_t answers_at, cons
   return status;
 }
 
-dns_status read_denial(std::span<const uint8_t> packet, size_t authority_at, const uint8_t *dn, Denial *denial) {
+dns_status read_denial(std::span<const uint8_t> packet, size_t authority_at, std::span<const uint8_t> dn,
+                       Denial *denial) {
   denial->soa = denial->stray_soa = denial->ns = false;
   denial->ttl = 0;
   denial->zone[0] = 0;
-  if (dns_dnlen(dn) == 0) return DNS_E_INVAL;
+  if (dn.empty()) return DNS_E_INVAL;
   if (authority_at > packet.size() || packet.size() < DNS_HSIZE) return DNS_E_PROTOCOL;
   Reader reader(packet, authority_at);
   Record record;
   for (unsigned left = records_in(packet, DNS_S_NS); left > 0; --left) {
     if (!read_record(&reader, &record)) return DNS_E_PROTOCOL;
     const bool first_ns = record.typ == DNS_T_NS && !denial->ns;
-    const bool covering = record.typ == DNS_T_SOA && covers(record.owner, dn);
+    const bool covering = record.typ == DNS_T_SOA && covers({record.owner, record.owner_size}, dn);
     const bool first_soa = covering && !denial->soa;
     denial->stray_soa = denial->stray_soa || (record.typ == DNS_T_SOA && !covering);
     if (first_soa && !soa_ttl(packet, record, &denial->ttl)) return DNS_E_PROTOCOL;
-    if (first_soa || (first_ns && !denial->soa)) memcpy(denial->zone, record.owner, dns_dnlen(record.owner));
+    if (first_soa || (first_ns && !denial->soa)) memcpy(denial->zone, record.owner, record.owner_size);
     denial->ns = denial->ns || first_ns;
     denial->soa = denial->soa || first_soa;
   }

@@ -59,7 +59,8 @@ int dns_initpacket(struct dns_pkt *packet, unsigned char *buffer, unsigned size,
   if (packet == nullptr || buffer == nullptr) return DNS_E_INVAL;
   if (dns_dnlen(dn) == 0 || typ < 0 || typ > UINT16_MAX || cls < 0 || cls > UINT16_MAX) return DNS_E_BADQUERY;
   const size_t room = std::min<size_t>(size, DNS_MAXPACKET);
-  const size_t written = dns::write_question({buffer, room}, 0, dns::kFlagQr | dns::kFlagRa, dn, typ, cls);
+  const size_t written =
+      dns::write_question({buffer, room}, 0, dns::kFlagQr | dns::kFlagRa, {dn, dns_dnlen(dn)}, typ, cls);
   if (written == 0) return DNS_E_NOBUFS;
   *packet = {buffer, buffer + written, buffer + room, DNS_S_AN};
   return static_cast<int>(written);

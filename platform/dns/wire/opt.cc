@@ -52,18 +52,15 @@ bool read_opt(Sections *sections, Opt *opt) {
   if (!sections->find(DNS_S_AR, &at)) return false;
   Reader reader(sections->packet(), at);
   for (unsigned left = count; left > 0; --left) {
-    uint16_t typ = 0, cls = 0, size = 0;
-    uint32_t ttl = 0;
+    RecordHead head;
     std::span<const uint8_t> data;
-    if (!reader.skip_name() || !reader.u16(&typ) || !reader.u16(&cls) || !reader.u32(&ttl) || !reader.u16(&size) ||
-        !reader.bytes(size, &data))
-      return false;
-    if (typ != DNS_T_OPT) continue;
+    if (!reader.skip_name() || !read_head(&reader, &head) || !reader.bytes(head.data_size, &data)) return false;
+    if (head.typ != DNS_T_OPT) continue;
     if (opt->present) return false;  // only one may stand there (RFC 6891, 6.1.1)
     opt->present = true;
-    opt->udp_size = cls;
-    opt->rcode_high = static_cast<uint8_t>(ttl >> kRcodeShift);
-    opt->version = static_cast<uint8_t>(ttl >> kVersionShift & UINT8_MAX);
+    opt->udp_size = head.cls;
+    opt->rcode_high = static_cast<uint8_t>(head.ttl >> kRcodeShift);
+    opt->version = static_cast<uint8_t>(head.ttl >> kVersionShift & UINT8_MAX);
     if (!read_options(data, opt)) return false;
   }
   return true;

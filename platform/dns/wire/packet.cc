@@ -122,34 +122,37 @@ bool read_header(std::span<const uint8_t> packet, Header *header) {
   return true;
 }
 
-size_t write_question(std::span<uint8_t> buffer, uint16_t id, uint16_t flags, const uint8_t *dn, dns_type typ,
+size_t write_question(std::span<uint8_t> buffer, uint16_t id, uint16_t flags, std::span<const uint8_t> dn, dns_type typ,
                       dns_class cls) {
+  constexpr size_t kTypeAndClass = 4;
+  const size_t size = DNS_HSIZE + dn.size() + kTypeAndClass;
   if (typ < 0 || typ > UINT16_MAX || cls < 0 || cls > UINT16_MAX) return 0;
-  Writer writer(buffer.first(std::min(buffer.size(), size_t{DNS_MAXPACKET})));
-  const uint16_t head[] = {id, flags, 1, 0, 0, 0};
-  for (const uint16_t field : head)
-    writer.u16(field);
-  writer.name(dn);
-  writer.u16(static_cast<uint16_t>(typ));
-  writer.u16(static_cast<uint16_t>(cls));
-  return writer.ok() ? writer.position() : 0;
+  if (dn.empty() || dn.size() > DNS_MAXDN || size > buffer.size()) return 0;
+  uint8_t *at = buffer.data();
+  for (const uint16_t field : {id, flags, uint16_t{1}, uint16_t{0}, uint16_t{0}, uint16_t{0}}) {
+    store_u16(at, field);
+    at += sizeof field;
+  }
+  at = std::copy(dn.begin(), dn.end(), at);
+  store_u16(at, static_cast<uint16_t>(typ));
+  store_u16(at + sizeof(uint16_t), static_cast<uint16_t>(cls));
+  return size;
 }
 
-size_t write_query(std::span<uint8_t> buffer, uint16_t id, bool recursive, const uint8_t *dn, dns_type typ,
+size_t write_query(std::span<uint8_t> buffer, uint16_t id, bool recursive, std::span<const uint8_t> dn, dns_type typ,
                    dns_class cls) {
   return write_question(buffer, id, recursive ? kFlagRd : 0, dn, typ, cls);
 }
 
 bool Sections::find(int section, size_t *position) {
   constexpr size_t kTypeAndClass = 4;
-  constexpr size_t kTtl = 4;
   if (section < DNS_S_QD || section > DNS_S_ALL) return false;
   for (Reader ahead = reader_; passed_ < section; starts_[passed_++] = ahead.position(), reader_ = ahead) {
     for (unsigned left = header_.count[passed_]; left > 0; --left) {
-      if (!ahead.skip_name() || !ahead.skip(kTypeAndClass)) return false;
-      if (passed_ == DNS_S_QD) continue;
-      uint16_t size = 0;
-      if (!ahead.skip(kTtl) || !ahead.u16(&size) || !ahead.skip(size)) return false;
+      RecordHead head;
+      if (!ahead.skip_name()) return false;
+      if (passed_ == DNS_S_QD ? !ahead.skip(kTypeAndClass) : !read_head(&ahead, &head) || !ahead.skip(head.data_size))
+        return false;
     }
   }
   *position = section == DNS_S_QD ? size_t{DNS_HSIZE} : starts_[section - 1];

@@ -88,19 +88,20 @@ bool copy_texts(Reader *reader, Writer *writer) {
 
 bool read_body(Reader *reader, Record *record) {
   Reader ahead = *reader;
-  uint32_t ttl = 0;
-  uint16_t size = 0;
-  if (!ahead.u16(&record->typ) || !ahead.u16(&record->cls) || !ahead.u32(&ttl) || !ahead.u16(&size)) return false;
+  RecordHead head;
+  if (!read_head(&ahead, &head)) return false;
   record->data_at = ahead.position();
-  if (!ahead.bytes(size, &record->data)) return false;
-  record->ttl = ttl <= INT32_MAX ? static_cast<int32_t>(ttl) : 0;
+  if (!ahead.bytes(head.data_size, &record->data)) return false;
+  record->typ = head.typ;
+  record->cls = head.cls;
+  record->ttl = head.ttl <= INT32_MAX ? static_cast<int32_t>(head.ttl) : 0;
   *reader = ahead;
   return true;
 }
 
 bool read_record(Reader *reader, Record *record) {
   Reader ahead = *reader;
-  if (!ahead.name(record->owner) || !read_body(&ahead, record)) return false;
+  if (!ahead.name(record->owner, &record->owner_size) || !read_body(&ahead, record)) return false;
   *reader = ahead;
   return true;
 }

@@ -11,9 +11,25 @@ namespace dns {
 inline constexpr uint16_t kFlagQr = 0x8000;
 inline constexpr uint16_t kFlagRa = 0x0080;
 
-// write_question writes a header and one question. Returns the bytes written; 0 when they do not fit, or for a type or
-// class that has no 16 bits, or for bytes that are no DN.
-[[nodiscard]] size_t write_question(std::span<uint8_t> buffer, uint16_t id, uint16_t flags, const uint8_t *dn,
+// RecordHead is what follows a record's owner: type, class, TTL and the size of its data. read_head reads one.
+struct RecordHead {
+  uint16_t typ;
+  uint16_t cls;
+  uint32_t ttl;
+  uint16_t data_size;
+};
+inline constexpr size_t kRecordHeadSize = 10;
+[[nodiscard]] inline bool read_head(Reader *reader, RecordHead *head) {
+  std::span<const uint8_t> bytes;
+  if (!reader->bytes(kRecordHeadSize, &bytes)) return false;
+  const uint8_t *at = bytes.data();
+  *head = {load_u16(at), load_u16(at + 2), load_u32(at + 4), load_u16(at + 8)};
+  return true;
+}
+
+// write_question writes a header and one question about a whole DN. Returns the bytes written; 0 when they do not fit,
+// or for a type or class that has no 16 bits, or for an empty name.
+[[nodiscard]] size_t write_question(std::span<uint8_t> buffer, uint16_t id, uint16_t flags, std::span<const uint8_t> dn,
                                     dns_type typ, dns_class cls);
 
 // kToQuestion is a name's two bytes when it is a pointer to the question's name, as servers write most owners.

@@ -277,8 +277,9 @@ class Sections {
   size_t starts_[DNS_S_ALL] = {};  // of the sections behind DNS_S_QD, as far as they were found
 };
 
-// write_query builds a question packet with the RD bit as told; returns its length, 0 when `buffer` is too small.
-[[nodiscard]] size_t write_query(std::span<uint8_t> buffer, uint16_t id, bool recursive, const uint8_t *dn,
+// write_query builds a packet that asks about a whole DN, with the RD bit as told; returns its length, 0 when `buffer`
+// is too small.
+[[nodiscard]] size_t write_query(std::span<uint8_t> buffer, uint16_t id, bool recursive, std::span<const uint8_t> dn,
                                  dns_type typ, dns_class cls);
 
 // Letter case carries random bits that an answer must bring back (a forger has to guess them). apply_case gives the
@@ -308,6 +309,7 @@ struct Opt {
 // Record is one record of a packet, its data still compressed. `data_at` is the data's place in the packet.
 struct Record {
   uint8_t owner[DNS_MAXDN];
+  unsigned owner_size;
   uint16_t typ;
   uint16_t cls;
   int32_t ttl;  // 0 to 2^31 - 1: a larger one is read as 0 (RFC 2181, section 8)
@@ -330,16 +332,19 @@ struct Chain {
   int32_t ttl;       // the least TTL of the aliases and those records; INT32_MAX without any
   bool left;         // `end` lies outside the zone whose servers answered, so that nothing is known about it
 };
-// follow_chain walks the answer section from `dn`. A CNAME answers a question for CNAME or ANY and is not followed
-// then. It ends at the first name outside the zone `within` (null: none is outside), whose servers cannot speak for it
-// (RFC 2181, 5.4.1). DNS_E_NOERROR, DNS_E_PROTOCOL for a section that is malformed, DNS_E_CNLOOP beyond `aliases_max`
-// aliases.
-[[nodiscard]] dns_status follow_chain(std::span<const uint8_t> packet, size_t answers_at, const uint8_t *dn,
+// follow_chain walks the answer section from `dn`, a whole DN. A CNAME answers a question for CNAME or ANY and is not
+// followed then. It ends at the first name outside the zone `within` (null: none is outside), whose servers cannot
+// speak for it (RFC 2181, 5.4.1). DNS_E_NOERROR, DNS_E_PROTOCOL for a section that is malformed, DNS_E_CNLOOP beyond
+// `aliases_max` aliases.
+[[nodiscard]] dns_status follow_chain(std::span<const uint8_t> packet, size_t answers_at, std::span<const uint8_t> dn,
                                       dns_type typ, dns_class cls, unsigned aliases_max, Chain *chain,
                                       const uint8_t *within = nullptr);
 
-// covers tells whether a zone holds a name: whether it is the name itself or one above it.
-[[nodiscard]] bool covers(const uint8_t *zone, const uint8_t *dn);
+// covers tells whether a zone holds a name: whether it is the name itself or one above it. Both are whole DNs.
+[[nodiscard]] bool covers(std::span<const uint8_t> zone, std::span<const uint8_t> dn);
+[[nodiscard]] inline bool covers(const uint8_t *zone, const uint8_t *dn) {
+  return covers({zone, dns_dnlen(zone)}, {dn, dns_dnlen(dn)});
+}
 
 // Denial is what the authority section says when there is no answer.
 struct Denial {
@@ -349,7 +354,7 @@ struct Denial {
   int32_t ttl;     // seconds to keep the denial: the lesser of the SOA's TTL and its MINIMUM (RFC 2308); 0 without
   uint8_t zone[DNS_MAXDN];  // the owner of the SOA, or of the NS records
 };
-[[nodiscard]] dns_status read_denial(std::span<const uint8_t> packet, size_t authority_at, const uint8_t *dn,
+[[nodiscard]] dns_status read_denial(std::span<const uint8_t> packet, size_t authority_at, std::span<const uint8_t> dn,
                                      Denial *denial);
 
 // section_at finds where a section begins. False for a malformed packet.
