@@ -13,7 +13,7 @@ target_compile_definitions(kavo_flags INTERFACE _GNU_SOURCE)
 add_library(kavo_core_flags INTERFACE)
 target_link_libraries(kavo_core_flags INTERFACE kavo_flags)
 target_compile_options(kavo_core_flags INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti>
-  -fno-semantic-interposition)
+  -fno-semantic-interposition -fno-plt)
 
 # Optimised builds with g++ are optimised as a whole: the layers call each other often and for little. The objects keep
 # their machine code too, so that the static library links without it. A question costs 15 in 100 fewer instructions.

@@ -30,15 +30,18 @@ timespec to_timespec(const timeval &moment) {
   return {whole, micros * kNsecPerUsec};
 }
 
-constexpr pthread_t kNobody = 0;
+// mark returns what tells the calling thread from all others: where its control block lies.
+const void *mark() {
+  return __builtin_thread_pointer();
+}
 
 // wait sleeps on a condition, meanwhile without the mutex, until `moment` unless that is null. 0 or an error number.
 int wait(pelk_cond_t *cond, pelk_mutex_t *mutex, const timespec *moment) PELK_REQUIRES(*mutex) {
-  if (mutex->owner.load(std::memory_order_relaxed) != pthread_self()) return EPERM;
-  mutex->owner.store(kNobody, std::memory_order_relaxed);
+  if (mutex->owner.load(std::memory_order_relaxed) != mark()) return EPERM;
+  mutex->owner.store(nullptr, std::memory_order_relaxed);
   const int error = moment == nullptr ? pthread_cond_wait(&cond->handle, &mutex->handle)
                                       : pthread_cond_timedwait(&cond->handle, &mutex->handle, moment);
-  mutex->owner.store(pthread_self(), std::memory_order_relaxed);
+  mutex->owner.store(mark(), std::memory_order_relaxed);
   return error == ETIMEDOUT ? PELK_TIMEDOUT : error;
 }
 
@@ -75,13 +78,13 @@ int take_permit(pelk_sem_t *sem, const timeval *deadline) {
 }  // namespace
 
 int pelk_mutex_init(pelk_mutex_t *mutex) {
-  mutex->owner.store(kNobody, std::memory_order_relaxed);
+  mutex->owner.store(nullptr, std::memory_order_relaxed);
   return pthread_mutex_init(&mutex->handle, nullptr);
 }
 
 // The analysis cannot see into POSIX: what the two declarations promise is checked at their callers.
 int pelk_mutex_lock(pelk_mutex_t *mutex) PELK_NO_ANALYSIS {
-  const pthread_t self = pthread_self();
+  const void *self = mark();
   if (mutex->owner.load(std::memory_order_relaxed) == self) return EDEADLK;
   const int error = pthread_mutex_lock(&mutex->handle);
   if (error == 0) mutex->owner.store(self, std::memory_order_relaxed);
@@ -89,8 +92,8 @@ int pelk_mutex_lock(pelk_mutex_t *mutex) PELK_NO_ANALYSIS {
 }
 
 int pelk_mutex_unlock(pelk_mutex_t *mutex) PELK_NO_ANALYSIS {
-  if (mutex->owner.load(std::memory_order_relaxed) != pthread_self()) return EPERM;
-  mutex->owner.store(kNobody, std::memory_order_relaxed);
+  if (mutex->owner.load(std::memory_order_relaxed) != mark()) return EPERM;
+  mutex->owner.store(nullptr, std::memory_order_relaxed);
   return pthread_mutex_unlock(&mutex->handle);
 }
 

@@ -15,11 +15,7 @@ namespace dns {
 namespace {
 
 uint64_t hash_of(const dns_query *q) {
-  uint8_t bytes[DNS_MAXDN + 8];
-  const uint16_t numbers[] = {q->typ, q->cls, static_cast<uint16_t>(recursive(q))};
-  memcpy(bytes, q->dn, q->dn_size);
-  memcpy(bytes + q->dn_size, numbers, sizeof numbers);
-  return siphash_folded(q->ctx->secret, bytes, q->dn_size + sizeof numbers);
+  return siphash(q->ctx->secret, q->dn, q->dn_size) + q->typ;
 }
 
 bool same_servers(const dns_query *a, const dns_query *b) {

@@ -47,11 +47,11 @@ class Layer {
     return address(at);
   }
 
-  // append_name appends a DN as text; returns the text.
+  // append_name appends a whole DN as text; returns the text.
   char *append_name(const uint8_t *dn) {
     char text[DNS_MAXNAME];
-    const int length = dns_dntop(dn, text, sizeof text);
-    return append(text, static_cast<size_t>(length) + 1);
+    const char *end = put_name(dn, text);
+    return append(text, static_cast<size_t>(end - text) + 1);
   }
 
   char *address(size_t at) { return at <= buffer_.size() ? reinterpret_cast<char *>(buffer_.data()) + at : nullptr; }
@@ -182,19 +182,20 @@ bool same_text(std::span<const uint8_t> dn1, std::span<const uint8_t> dn2) {
   return dn1.size() == dn2.size() && memcmp(dn1.data(), dn2.data(), dn1.size()) == 0;
 }
 
-// class_of returns the class that a packet's question asks about; IN for a packet without a question.
-dns_class class_of(std::span<const uint8_t> packet) {
+// class_of returns the class that a packet's question, most likely about `dn`, asks about; IN for a packet without one.
+dns_class class_of(std::span<const uint8_t> packet, std::span<const uint8_t> dn) {
   Reader reader(packet, DNS_HSIZE);
   uint16_t typ = 0;
   uint16_t cls = DNS_C_IN;
-  const bool asked = records_in(packet, DNS_S_QD) > 0 && reader.skip_name() && reader.u16(&typ) && reader.u16(&cls);
+  const bool asked = records_in(packet, DNS_S_QD) > 0 && (reader.passes(dn) || reader.skip_name()) &&
+                     reader.u16(&typ) && reader.u16(&cls);
   return asked ? dns_class{cls} : dns_class{DNS_C_IN};
 }
 
 // lay_records lays a whole block of records; its size is then what `layer` needed.
 dns_status lay_records(const Layout &layout, std::span<const uint8_t> packet, size_t answers_at,
                        std::span<const uint8_t> dn, unsigned aliases_max, Layer *layer) {
-  const dns_class cls = class_of(packet);
+  const dns_class cls = class_of(packet, dn);
   Chain chain;
   const dns_status found = follow_chain(packet, answers_at, dn, layout.typ, cls, aliases_max, &chain);
   if (found != DNS_E_NOERROR) return found;

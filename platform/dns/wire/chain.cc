@@ -77,7 +77,8 @@ bool soa_ttl(std::span<const uint8_t> packet, const Record &record, int32_t *ttl
 bool covers(std::span<const uint8_t> zone, std::span<const uint8_t> dn) {
   while (dn.size() > zone.size() && dn.front() < dn.size())
     dn = dn.subspan(1U + dn.front());
-  return !dn.empty() && dn.size() == zone.size() && dns_dnequal(zone.data(), dn.data()) != 0;
+  if (dn.empty() || dn.size() != zone.size()) return false;
+  return memcmp(zone.data(), dn.data(), dn.size()) == 0 || dns_dnequal(zone.data(), dn.data()) != 0;
 }
 
 Answers::Answers(std::span<const uint8_t> packet, size_t answers_at, unsigned count, dns_class cls)
@@ -90,11 +91,9 @@ void Answers::set_name(std::span<const uint8_t> dn) {
 
 // is_question tells whether the name behind the packet's header is `dn`. The same bytes are the same name.
 bool Answers::is_question(std::span<const uint8_t> dn) const {
-  const std::span<const uint8_t> bytes = packet();
-  if (bytes.size() >= DNS_HSIZE + dn.size() && memcmp(bytes.data() + DNS_HSIZE, dn.data(), dn.size()) == 0) return true;
   uint8_t question[DNS_MAXDN];
-  Reader reader(bytes, DNS_HSIZE);
-  return reader.name(question) && dns_dnequal(question, dn.data()) != 0;
+  Reader reader(packet(), DNS_HSIZE);
+  return reader.passes(dn) || (reader.name(question) && dns_dnequal(question, dn.data()) != 0);
 }
 
 int Answers::next(Record *record) {

@@ -9,6 +9,8 @@
 
 #include <dns_wire.h>
 
+#include "wire.h"
+
 namespace {
 
 constexpr unsigned kDecimalDigits = 3;  // of an escape "\DDD"
@@ -172,12 +174,22 @@ char *put_label(const unsigned char *label, char *out) {
 
 }  // namespace
 
+char *dns::put_name(const uint8_t *dn, char *text) {
+  char *out = text;
+  for (const uint8_t *label = dn; *label != 0; label += 1U + *label) {
+    if (label != dn) *out++ = '.';
+    out = put_label(label, out);
+  }
+  if (out == text) *out++ = '.';
+  *out = '\0';
+  return out;
+}
+
 unsigned dns_dnlen(const unsigned char *dn) {
   if (dn == nullptr) return 0;
   for (unsigned at = 0; at < DNS_MAXDN;) {
     const unsigned size = dn[at];
-    if (size == 0) return at + 1;
-    if (size > DNS_MAXLABEL) return 0;
+    if (size - 1 >= DNS_MAXLABEL) return size == 0 ? at + 1 : 0;  // 0 has become the largest number
     at += 1 + size;
   }
   return 0;
@@ -240,14 +252,7 @@ int dns_dntop(const unsigned char *dn, char *text, int size) {
   if (dns_dnlen(dn) == 0) return kMalformed;
   if (text == nullptr || size < 0) return 0;
   if (size < DNS_MAXNAME && dns_dntop_size(dn) > static_cast<unsigned>(size)) return 0;
-  char *out = text;
-  for (const unsigned char *label = dn; *label != 0; label += 1U + *label) {
-    if (label != dn) *out++ = '.';
-    out = put_label(label, out);
-  }
-  if (out == text) *out++ = '.';
-  *out = '\0';
-  return static_cast<int>(out - text);
+  return static_cast<int>(dns::put_name(dn, text) - text);
 }
 
 const char *dns_dntosp(const unsigned char *dn) {

@@ -32,6 +32,9 @@ inline constexpr size_t kRecordHeadSize = 10;
 [[nodiscard]] size_t write_question(std::span<uint8_t> buffer, uint16_t id, uint16_t flags, std::span<const uint8_t> dn,
                                     dns_type typ, dns_class cls);
 
+// put_name writes a whole DN as text, which takes up to DNS_MAXNAME bytes with its terminator; returns where that is.
+char *put_name(const uint8_t *dn, char *text);
+
 // kToQuestion is a name's two bytes when it is a pointer to the question's name, as servers write most owners.
 inline constexpr uint16_t kToQuestion = 0xC000 | DNS_HSIZE;
 

@@ -40,7 +40,7 @@ inline constexpr int64_t PELK_TIME_MAX = INT32_MAX;
 // a kind of mutex, at twice the price of the plain one.
 struct PELK_CAPABILITY("mutex") pelk_mutex_t {
   pthread_mutex_t handle;
-  std::atomic<pthread_t> owner = 0;  // 0 for none; only the owner itself finds its own name there
+  std::atomic<const void *> owner = nullptr;  // who holds it; only the owner itself finds its own mark there
 };
 
 int pelk_mutex_init(pelk_mutex_t *mutex);

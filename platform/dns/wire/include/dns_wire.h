@@ -182,6 +182,12 @@ class Reader {
   // check_name checks all that name does, and keeps nothing.
   [[nodiscard]] bool name(uint8_t *dn, unsigned *size = nullptr);
   [[nodiscard]] bool check_name();
+  // passes passes over `value` where it stands next; false for other bytes.
+  [[nodiscard]] bool passes(std::span<const uint8_t> value) {
+    if (value.size() > left() || memcmp(packet_.data() + at_, value.data(), value.size()) != 0) return false;
+    at_ += value.size();
+    return true;
+  }
   // skip_name passes over a name without looking where a pointer leads.
   [[nodiscard]] bool skip_name();
 
