@@ -8,6 +8,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <new>
 #include <utility>
 
@@ -46,6 +47,14 @@ KAVO_ERR release_node(KAVO ctx, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_t
   if (kavo_table_give_back(ctx)) return KAVOE_OK;
   PELK_ERROR(kSource, "kavo_table_change_state", errno, KAVOE_THR, "Unable to release semaphore");
   return KAVOE_THR;
+}
+
+// tell_waiters has the next broadcast wake those who wait for a node, when it has come to what they wait for. Others
+// would look at it for nothing, and sleep again.
+void tell_waiters(KAVO ctx, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_table) {
+  if (node->wanted == KAVOQS_NOBODY || (node->state < node->wanted && node->state != KAVOQS_READY)) return;
+  node->wanted = KAVOQS_NOBODY;
+  ctx->event.fetch_or(kavo_node_bit(node));
 }
 
 KAVO_ERR leave_flight(KAVO ctx, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_table) {
@@ -151,9 +160,14 @@ KAVO_ERR kavo_table_unlock(KAVO ctx) {
   return KAVOE_THR;
 }
 
-KAVO_ERR kavo_table_wait(KAVO ctx, const struct timeval *deadline) {
-  const int error = deadline != nullptr ? pelk_cond_wait_deadline(&ctx->cond_table, &ctx->mx_table, deadline)
-                                        : pelk_cond_wait(&ctx->cond_table, &ctx->mx_table);
+uint32_t kavo_table_expect(KAVO, KAVO_QUERY_NODE node, kavo_query_state state) {
+  node->wanted = std::min(node->wanted, state);
+  return kavo_node_bit(node);
+}
+
+KAVO_ERR kavo_table_wait(KAVO ctx, const struct timeval *deadline, uint32_t bits) {
+  const int error = deadline != nullptr ? pelk_cond_wait_deadline(&ctx->cond_table, &ctx->mx_table, deadline, bits)
+                                        : pelk_cond_wait(&ctx->cond_table, &ctx->mx_table, bits);
   if (error == 0) return KAVOE_OK;
   if (error == PELK_TIMEDOUT) return KAVOE_TIMEOUT;
   PELK_ERROR(kSource, __func__, errno, error, "Condition waiting error");
@@ -162,7 +176,8 @@ KAVO_ERR kavo_table_wait(KAVO ctx, const struct timeval *deadline) {
 
 void kavo_table_broadcast(KAVO ctx) {
   if (ctx->event.load(std::memory_order_relaxed) == 0) return;
-  if (ctx->event.exchange(0) != 0) pelk_cond_broadcast(&ctx->cond_table);
+  const uint32_t bits = ctx->event.exchange(0);
+  if (bits != 0) pelk_cond_broadcast(&ctx->cond_table, bits);
 }
 
 bool kavo_table_give_back(KAVO ctx) {
@@ -202,9 +217,8 @@ KAVO_ERR kavo_table_change_state(KAVO ctx, KAVO_QUERY_NODE node, kavo_query_stat
     const KAVO_ERR error = change_range(ctx, node, current, target, &gone);
     if (error != KAVOE_OK || gone) return error;
   }
-  // A broadcast that is about to answer an earlier change answers this one too: whoever it wakes needs the lock first.
-  if (state != node->state && ctx->event.load(std::memory_order_relaxed) == 0) ctx->event.store(1);
   node->state = state;
+  tell_waiters(ctx, node);
   if (state == KAVOQS_SYNCSIG) kavo_table_broadcast(ctx);
   return KAVOE_OK;
 }

@@ -43,6 +43,7 @@ enum kavo_query_state : uint32_t {
   KAVOQS_SYNCSIG = 9,    // a sync node that was signalled
   KAVOQS_ERROR = 10      // the node failed
 };
+inline constexpr kavo_query_state KAVOQS_NOBODY{UINT32_MAX};
 
 // The lists in which nodes lie according to their states.
 inline constexpr int KAVO_RANGE_INV = -1;
@@ -87,6 +88,7 @@ struct kavo_query_node_t {
   KAVO ctx;
   PSTAT_HASHITEM hashitem;
   kavo_query_state state;
+  kavo_query_state wanted;  // the least state that somebody waits for it to reach; KAVOQS_NOBODY for none
   uint32_t flags;
   kavo_cb_arg *cb_args;
   uint32_t args_count;
@@ -196,10 +198,23 @@ bool kavo_table_give_back(KAVO ctx) PELK_REQUIRES(ctx->mx_table);
 // kavo_state2range returns the list of a state, KAVO_RANGE_INV for a value that is no state.
 [[nodiscard]] int kavo_state2range(kavo_query_state state);
 
-// kavo_table_wait sleeps until nodes have changed their states or `deadline` (null: none) has passed: KAVOE_TIMEOUT.
-[[nodiscard]] KAVO_ERR kavo_table_wait(KAVO ctx, const struct timeval *deadline) PELK_REQUIRES(ctx->mx_table);
+// kavo_node_bit returns the bit of a node among the 32 that tell the waiters of one node from those of most others.
+inline uint32_t kavo_node_bit(const kavo_query_node_t *node) {
+  constexpr unsigned kTopBits = 64 - 5;
+  return 1U << (node->hashitem->hash >> kTopBits);
+}
 
-// kavo_table_broadcast wakes the waiters when a node has changed its state since the last time; with the lock or not.
+// kavo_table_expect has the waiters of a node woken when it reaches `state`, or becomes free. Returns the bit to wait
+// with. It holds until that happens, or for as long as the node is in use.
+uint32_t kavo_table_expect(KAVO ctx, KAVO_QUERY_NODE node, kavo_query_state state) PELK_REQUIRES(ctx->mx_table);
+
+// kavo_table_wait sleeps until nodes with one of `bits` have come to states that are waited for, or until `deadline`
+// (null: none) has passed: KAVOE_TIMEOUT.
+[[nodiscard]] KAVO_ERR kavo_table_wait(KAVO ctx, const struct timeval *deadline, uint32_t bits)
+    PELK_REQUIRES(ctx->mx_table);
+
+// kavo_table_broadcast wakes the waiters of the nodes that have come since the last time to a state that is waited for;
+// with the lock or not.
 void kavo_table_broadcast(KAVO ctx);
 
 // What the hash table calls.

@@ -253,9 +253,7 @@ bool begin(KAVO ctx) {
 bool serve(KAVO ctx, IoLoop *loop) {
   while (ctx->srvstate.load() == KAVOSS_RUNNING) {
     if (!kavo_srv_add(ctx)) return false;
-    // Whoever waits for more than the submission is told once the engine has had its turn, which comes next and may
-    // answer from the cache: waking them for nothing would cost more than that whole answer does.
-    if (ctx->early_waiters.load() > 0) kavo_table_broadcast(ctx);
+    kavo_table_broadcast(ctx);
     if (loop->run(Mode::normal) != KAVOE_OK) return false;
   }
   return true;

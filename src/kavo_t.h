@@ -68,8 +68,8 @@ struct kavo_t {
   uint64_t table_reused PELK_GUARDED_BY(mx_table) = 0;    // additions that joined a node
   std::atomic<uint64_t> table_dropped = 0;                // additions whose deadline passed before a node was free
   uint32_t table_nfree PELK_GUARDED_BY(mx_table) = 0;
-  std::atomic<uint32_t> event = 0;  // a node has changed its state since the last broadcast; set with mx_table held
-  std::atomic<unsigned> early_waiters = 0;  // threads to whom a question's submission matters; set with mx_table held
+  std::atomic<uint32_t> event =
+      0;  // bits of nodes that have come since the last broadcast to a state that was waited for
   kavo_spare_blocks spare_blocks PELK_GUARDED_BY(mx_table) = {};
   kavo_arg_chunk *arg_chunks PELK_GUARDED_BY(mx_table) = nullptr;
   kavo_cb_arg *free_arg PELK_GUARDED_BY(mx_table) = nullptr;

@@ -139,6 +139,7 @@ KAVO_ERR take_node(KAVO ctx, const Question &question, kavo_query_node_t *found,
   log_statistics(ctx);
   taken->ctx = ctx;
   taken->state = state;
+  taken->wanted = KAVOQS_NOBODY;
   taken->flags = question.flags;
   taken->client_count = 1;
   if (question.type != KAVOT_SYNC) {

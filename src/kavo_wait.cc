@@ -1,7 +1,8 @@
 // kavo_wait.cc - waiting for nodes: one, an array, or what an iterator of the host shows.
 //
 // Runs on the host's threads, any number at once. Every wait sleeps on the query table's one condition, with the lock
-// released, and looks at its own nodes again after each broadcast. A sync node that ends a wait is armed again in the
+// released, until a node that it waits for, or one with the same bit, has come to a state that somebody waits for; it
+// then looks at its own nodes again. A sync node that ends a wait is armed again in the
 // same locked step, so that one signal ends one wait.
 #include <errno.h>
 
@@ -36,6 +37,7 @@ struct Scan {
   bool invalid = false;                 // one of them is null or held by nobody
   bool over = false;                    // the wait has what it waits for
   KAVO_QUERY_NODE satisfied = nullptr;  // the node that ended a wait for any
+  uint32_t bits = 0;                    // what to wait for when it is not over
 };
 
 // Wanted is what a wait for several nodes waits for.
@@ -81,18 +83,24 @@ class ListNodes {
   const KAVO_NODELIST_ITERATOR *list_;
 };
 
-// scan looks at the nodes until it knows whether the wait is over.
+// scan looks at the nodes until it knows whether the wait is over. A wait for any goes on with all of them, a wait for
+// all with the last one that it lacks: it cannot end before that one has come, and then most others have.
 template <typename Nodes>
-[[nodiscard]] Scan scan(Nodes *nodes, const Wanted &wanted) {
+[[nodiscard]] Scan scan(KAVO kavo, Nodes *nodes, const Wanted &wanted) PELK_REQUIRES(kavo->mx_table) {
   Scan result;
   unsigned satisfied = 0;
   KAVO_QUERY_NODE node = nullptr;
+  KAVO_QUERY_NODE lacking = nullptr;
   for (bool more = nodes->first(&node); more; more = nodes->next(&node)) {
     if (node == nullptr || node->state == KAVOQS_READY) {
       result.invalid = true;
       return result;
     }
-    if (node->state < wanted.state) continue;
+    if (node->state < wanted.state) {
+      if (!wanted.full) result.bits |= kavo_table_expect(kavo, node, wanted.state);
+      lacking = node;
+      continue;
+    }
     if (!wanted.full) {
       result.over = true;
       result.satisfied = node;
@@ -101,6 +109,7 @@ template <typename Nodes>
     ++satisfied;
   }
   result.over = wanted.full && satisfied >= wanted.count;
+  if (!result.over && wanted.full && lacking != nullptr) result.bits = kavo_table_expect(kavo, lacking, wanted.state);
   return result;
 }
 
@@ -123,13 +132,10 @@ template <typename Nodes>
   return KAVOE_OK;
 }
 
-// wait_change waits for the next broadcast, on behalf of somebody who wants nodes to reach a state.
-[[nodiscard]] KAVO_ERR wait_change(KAVO kavo, kavo_query_state wanted, const struct timeval *deadline,
-                                   const char *function) PELK_REQUIRES(kavo->mx_table) {
-  const bool early = wanted <= KAVOQS_SUBMITTED;
-  if (early) ++kavo->early_waiters;
-  const KAVO_ERR error = kavo_table_wait(kavo, deadline);
-  if (early) --kavo->early_waiters;
+// wait_change waits for the next broadcast of any of `bits`.
+[[nodiscard]] KAVO_ERR wait_change(KAVO kavo, uint32_t bits, const struct timeval *deadline, const char *function)
+    PELK_REQUIRES(kavo->mx_table) {
+  const KAVO_ERR error = kavo_table_wait(kavo, deadline, bits);
   if (error != KAVOE_OK && error != KAVOE_TIMEOUT) {
     PELK_ERROR(kSource, function, errno, error, "Error occured while waiting of table state changing");
   }
@@ -141,7 +147,7 @@ template <typename Nodes>
 [[nodiscard]] KAVO_ERR wait_several(KAVO kavo, Nodes *nodes, const Wanted &wanted, const struct timeval *deadline,
                                     const char *function, KAVO_QUERY_NODE *satisfied) PELK_REQUIRES(kavo->mx_table) {
   for (;;) {
-    const Scan result = scan(nodes, wanted);
+    const Scan result = scan(kavo, nodes, wanted);
     if (result.invalid) {
       PELK_ERROR(kSource, function, errno, 0, "One of the passed nodes is not subscribed");
       return KAVOE_BADPAR;
@@ -150,7 +156,7 @@ template <typename Nodes>
       *satisfied = result.satisfied;
       return KAVOE_OK;
     }
-    const KAVO_ERR error = wait_change(kavo, wanted.state, deadline, function);
+    const KAVO_ERR error = wait_change(kavo, result.bits, deadline, function);
     if (error != KAVOE_OK) return error;
   }
 }
@@ -184,7 +190,7 @@ KAVO_ERR kavo_wait_node(KAVO kavo, KAVO_QUERY_NODE node, KAVO_WAIT_LEVEL wait_le
   if (node->state == KAVOQS_READY) return KAVOE_BADPAR;
   const kavo_query_state wanted = kavo_wltoqs(wait_level);
   while (node->state < wanted && node->state != KAVOQS_READY) {
-    const KAVO_ERR error = wait_change(kavo, wanted, deadline, __func__);
+    const KAVO_ERR error = wait_change(kavo, kavo_table_expect(kavo, node, wanted), deadline, __func__);
     if (error != KAVOE_OK) return node->state == KAVOQS_READY ? invalid_node() : error;
   }
   return node->state == KAVOQS_READY ? invalid_node() : rearm(kavo, node, __func__);

@@ -1,8 +1,12 @@
-// pelk_sync.cc - mutexes, conditions and counting semaphores on POSIX threads.
+// pelk_sync.cc - mutexes and counting semaphores on POSIX threads, conditions on the kernel's futex.
 //
-// Any thread may call anything here. Conditions wait on CLOCK_REALTIME, the clock that deadlines are made from.
+// Any thread may call anything here. Conditions wait by CLOCK_REALTIME, the clock that deadlines are made from.
 #include <errno.h>
+#include <limits.h>
+#include <linux/futex.h>
+#include <sys/syscall.h>
 #include <time.h>
+#include <unistd.h>
 
 #include "pelk.h"
 
@@ -35,14 +39,40 @@ const void *mark() {
   return __builtin_thread_pointer();
 }
 
-// wait sleeps on a condition, meanwhile without the mutex, until `moment` unless that is null. 0 or an error number.
-int wait(pelk_cond_t *cond, pelk_mutex_t *mutex, const timespec *moment) PELK_REQUIRES(*mutex) {
+// futex_wait sleeps until a wake for one of `bits`, unless `wakes` no longer counts `seen`. 0 or an error number.
+int futex_wait(std::atomic<uint32_t> *wakes, uint32_t seen, const timespec *moment, uint32_t bits) {
+  constexpr int kOperation = FUTEX_WAIT_BITSET | FUTEX_PRIVATE_FLAG | FUTEX_CLOCK_REALTIME;
+  if (syscall(SYS_futex, wakes, kOperation, seen, moment, nullptr, bits) == 0) return 0;
+  return errno == EAGAIN || errno == EINTR ? 0 : errno;
+}
+
+int futex_wake(std::atomic<uint32_t> *wakes, int count, uint32_t bits) {
+  constexpr int kOperation = FUTEX_WAKE_BITSET | FUTEX_PRIVATE_FLAG;
+  return syscall(SYS_futex, wakes, kOperation, count, nullptr, nullptr, bits) >= 0 ? 0 : errno;
+}
+
+// wait sleeps on a condition, meanwhile without the mutex, until `moment` unless that is null. What was changed with
+// the mutex held after that finds this waiter counted; what its wake counts before the sleep begins keeps it from
+// sleeping at all. 0 or an error number.
+int wait(pelk_cond_t *cond, pelk_mutex_t *mutex, const timespec *moment, uint32_t bits) PELK_REQUIRES(*mutex) {
   if (mutex->owner.load(std::memory_order_relaxed) != mark()) return EPERM;
-  mutex->owner.store(nullptr, std::memory_order_relaxed);
-  const int error = moment == nullptr ? pthread_cond_wait(&cond->handle, &mutex->handle)
-                                      : pthread_cond_timedwait(&cond->handle, &mutex->handle, moment);
-  mutex->owner.store(mark(), std::memory_order_relaxed);
+  cond->waiters.fetch_add(1);
+  const uint32_t seen = cond->wakes.load();
+  int error = pelk_mutex_unlock(mutex);
+  if (error == 0) {
+    error = futex_wait(&cond->wakes, seen, moment, bits);
+    const int locked = pelk_mutex_lock(mutex);
+    if (locked != 0) error = locked;
+  }
+  cond->waiters.fetch_sub(1);
   return error == ETIMEDOUT ? PELK_TIMEDOUT : error;
+}
+
+// wake wakes up to `count` waiters for any of `bits`.
+int wake(pelk_cond_t *cond, int count, uint32_t bits) {
+  if (cond->waiters.load() == 0) return 0;
+  cond->wakes.fetch_add(1);
+  return futex_wake(&cond->wakes, count, bits);
 }
 
 // try_permit takes one permit if there is one.
@@ -102,28 +132,30 @@ int pelk_mutex_destroy(pelk_mutex_t *mutex) {
 }
 
 int pelk_cond_init(pelk_cond_t *cond) {
-  return pthread_cond_init(&cond->handle, nullptr);
+  cond->wakes = 0;
+  cond->waiters = 0;
+  return 0;
 }
 
-int pelk_cond_wait(pelk_cond_t *cond, pelk_mutex_t *mutex) {
-  return wait(cond, mutex, nullptr);
+int pelk_cond_wait(pelk_cond_t *cond, pelk_mutex_t *mutex, uint32_t bits) {
+  return wait(cond, mutex, nullptr, bits);
 }
 
-int pelk_cond_wait_deadline(pelk_cond_t *cond, pelk_mutex_t *mutex, const struct timeval *deadline) {
+int pelk_cond_wait_deadline(pelk_cond_t *cond, pelk_mutex_t *mutex, const struct timeval *deadline, uint32_t bits) {
   const timespec moment = to_timespec(*deadline);
-  return wait(cond, mutex, &moment);
+  return wait(cond, mutex, &moment, bits);
 }
 
 int pelk_cond_signal(pelk_cond_t *cond) {
-  return pthread_cond_signal(&cond->handle);
+  return wake(cond, 1, PELK_ALL_BITS);
 }
 
-int pelk_cond_broadcast(pelk_cond_t *cond) {
-  return pthread_cond_broadcast(&cond->handle);
+int pelk_cond_broadcast(pelk_cond_t *cond, uint32_t bits) {
+  return wake(cond, INT_MAX, bits);
 }
 
 int pelk_cond_destroy(pelk_cond_t *cond) {
-  return pthread_cond_destroy(&cond->handle);
+  return cond->waiters.load() > 0 ? EBUSY : 0;
 }
 
 // pelk_sem_init returns EINVAL for a maximum of 0 and for more permits than the maximum.

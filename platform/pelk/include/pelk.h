@@ -66,18 +66,27 @@ class PELK_SCOPED_CAPABILITY pelk_lock {
   const int error;
 };
 
+// A condition, on the kernel's futex: a thread that wakes takes its mutex as anybody does, where that of POSIX leaves
+// every such mutex marked as fought over, for a system call at its next release. Each waiter says which of 32 bits it
+// waits for, so that one condition serves waiters of many kinds and need not wake them all. A wait may end without
+// cause.
 struct pelk_cond_t {
-  pthread_cond_t handle;
+  std::atomic<uint32_t> wakes;    // counts them
+  std::atomic<uint32_t> waiters;  // threads in a wait, which counts them before it gives up the mutex
 };
+inline constexpr uint32_t PELK_ALL_BITS = UINT32_MAX;
 
 int pelk_cond_init(pelk_cond_t *cond);
-int pelk_cond_wait(pelk_cond_t *cond, pelk_mutex_t *mutex) PELK_REQUIRES(*mutex);
+// pelk_cond_wait waits for any of `bits`, which has at least one.
+int pelk_cond_wait(pelk_cond_t *cond, pelk_mutex_t *mutex, uint32_t bits = PELK_ALL_BITS) PELK_REQUIRES(*mutex);
 // pelk_cond_wait_deadline returns PELK_TIMEDOUT once the wall clock has reached `deadline`, at once when it lies in the
 // past.
-int pelk_cond_wait_deadline(pelk_cond_t *cond, pelk_mutex_t *mutex, const struct timeval *deadline)
-    PELK_REQUIRES(*mutex);
+int pelk_cond_wait_deadline(pelk_cond_t *cond, pelk_mutex_t *mutex, const struct timeval *deadline,
+                            uint32_t bits = PELK_ALL_BITS) PELK_REQUIRES(*mutex);
+// pelk_cond_signal wakes one waiter, pelk_cond_broadcast everyone who waits for any of `bits`.
 int pelk_cond_signal(pelk_cond_t *cond);
-int pelk_cond_broadcast(pelk_cond_t *cond);
+int pelk_cond_broadcast(pelk_cond_t *cond, uint32_t bits = PELK_ALL_BITS);
+// pelk_cond_destroy returns EBUSY, and destroys nothing, while a thread waits.
 int pelk_cond_destroy(pelk_cond_t *cond);
 
 // ---- counting semaphores ------------------------------------------------------------------------------------------
