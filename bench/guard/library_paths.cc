@@ -1,0 +1,135 @@
+// library_paths.cc - questions through the public interface, with all the threads that take part in them: the host's
+// and the context's server thread. The answers come from kavo-listserver over loopback.
+//
+// Questions go round: one is waited for, read and given up, and the next is asked in its place, with kOutstanding open.
+#include <arpa/inet.h>
+#include <kavo.h>
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+
+#include "must.h"
+#include "paths.h"
+#include "support/process.h"
+
+namespace guard {
+namespace {
+
+constexpr unsigned kOutstanding = 1000;
+constexpr unsigned kLists = 8;
+constexpr uint32_t kListed = 0x7F000002;
+constexpr int kCacheBytes = 1 << 24;
+constexpr uint32_t kPatienceSeconds = 300;  // no question is asked twice, however slowly all of this runs
+// Cached names are asked again when their nodes have long been given to other names.
+constexpr uint32_t kCachedNames = 4 * kOutstanding;
+
+std::string list_name(unsigned list) {
+  return "list" + std::to_string(list) + ".bench.test";
+}
+
+// Every second network of 10.0.0.0/8 is listed, in every list.
+bool listed(uint32_t address) {
+  return (address >> 16 & 1) != 0;
+}
+
+std::string zone_text() {
+  std::string text;
+  for (unsigned list = 0; list < kLists; ++list) {
+    text += "zone " + list_name(list) + "\n";
+    for (unsigned network = 1; network < 256; network += 2)
+      text += "list 10." + std::to_string(network) + ".0.0/16 127.0.0.2\n";
+  }
+  return text;
+}
+
+// address_of spreads the questions over 10.0.0.0/8, so that about half of any stretch is listed.
+uint32_t address_of(uint32_t n) {
+  return 0x0A000000U | (n * 0x9E3779U & 0xFFFFFFU);
+}
+
+class Questions final : public Work {
+ public:
+  // `names` of 0: no name comes twice, and there is no cache.
+  Questions(unsigned lists, uint32_t names) : lists_(lists), names_(names) {
+    const uint16_t port = support::port_in(server_.wait_line("listening on").value_or(""));
+    if (port == 0) throw std::runtime_error("the list server did not start: " + server_.output().err);
+    must(kavo_init_ext(&kavo_, kOutstanding, names == 0 ? 0 : kCacheBytes, kLists, 0), "kavo_init_ext");
+    for (unsigned list = 0; list < lists; ++list)
+      must(kavo_add_zone(kavo_, KAVOT_BL_IP, list_name(list).c_str()), "kavo_add_zone");
+    must(kavo_add_dns_server(kavo_, nullptr, 0), "kavo_add_dns_server");
+    must(kavo_add_dns_server(kavo_, "127.0.0.1", port), "kavo_add_dns_server");
+    must(kavo_set_opt(kavo_, KAVOOPT_TIMEOUT, kPatienceSeconds), "kavo_set_opt");
+    must(kavo_open(kavo_), "kavo_open");
+    iterator_ = kavo_alloc_answer_iterator();
+  }
+  ~Questions() override {
+    kavo_free_answer_iterator(iterator_);
+    kavo_close(kavo_);
+    kavo_free(kavo_);
+  }
+
+  void run(unsigned count) override {
+    for (unsigned i = 0; i < count + kOutstanding; ++i) {
+      if (i >= kOutstanding) finish(i % kOutstanding);
+      if (i < count) start(i % kOutstanding);
+    }
+  }
+
+ private:
+  void start(unsigned slot) {
+    const uint32_t address = address_of(names_ == 0 ? next_ : next_ % names_);
+    ++next_;
+    const in_addr query = {htonl(address)};
+    addresses_[slot] = address;
+    must(kavo_subscribe_node(kavo_, KAVOT_BL_IP, &query, sizeof query, 0, nullptr, &nodes_[slot]),
+         "kavo_subscribe_node");
+  }
+
+  void finish(unsigned slot) {
+    must(kavo_wait_node(kavo_, nodes_[slot], KAVOWT_FULL, nullptr), "kavo_wait_node");
+    must(kavo_set_answer_iterator(kavo_, nodes_[slot], iterator_), "kavo_set_answer_iterator");
+    unsigned answers = 0;
+    while (const KAVO_ANSWER *answer = kavo_get_answer(kavo_, iterator_)) {
+      check(*answer, listed(addresses_[slot]));
+      ++answers;
+    }
+    if (answers != lists_) throw std::runtime_error("an answer is missing");
+    must(kavo_unsubscribe_node(kavo_, nodes_[slot]), "kavo_unsubscribe_node");
+  }
+
+  static void check(const KAVO_ANSWER &answer, bool listed) {
+    const bool right = listed ? answer.err_code == KAVOE_OK && answer.rr.rr_a->dnsa4_nrr == 1 &&
+                                    ntohl(answer.rr.rr_a->dnsa4_addr[0].s_addr) == kListed
+                              : answer.err_code == KAVOE_NXDOM;
+    if (!right) throw std::runtime_error("a wrong answer");
+  }
+
+  support::TempDir directory_;
+  support::Process server_{{std::string(KAVO_TOOLS_DIR) + "/kavo-listserver", directory_.write("zones", zone_text())}};
+  KAVO kavo_ = nullptr;
+  KAVO_ANSWER_ITERATOR iterator_ = nullptr;
+  unsigned lists_;
+  uint32_t names_;
+  uint32_t next_ = 0;
+  KAVO_QUERY_NODE nodes_[kOutstanding] = {};
+  uint32_t addresses_[kOutstanding] = {};
+};
+
+template <unsigned lists, uint32_t names>
+std::unique_ptr<Work> questions() {
+  return std::make_unique<Questions>(lists, names);
+}
+
+}  // namespace
+
+std::vector<Path> paths() {
+  std::vector<Path> all = {{"question", "question", 20'000, 5'000, questions<1, 0>},
+                           {"question-8-lists", "question", 10'000, 2'000, questions<kLists, 0>},
+                           {"question-cached", "question", 20'000, 2 * kCachedNames, questions<1, kCachedNames>}};
+  const std::vector<Path> store = store_paths();
+  all.insert(all.end(), store.begin(), store.end());
+  return all;
+}
+
+}  // namespace guard
