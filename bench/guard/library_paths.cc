@@ -9,44 +9,22 @@
 #include <stdexcept>
 #include <string>
 
-#include "must.h"
 #include "paths.h"
+#include "support/library.h"
 #include "support/process.h"
+#include "support/questions.h"
 
 namespace guard {
 namespace {
 
+using bench::must;
+
 constexpr unsigned kOutstanding = 1000;
 constexpr unsigned kLists = 8;
-constexpr uint32_t kListed = 0x7F000002;
 constexpr int kCacheBytes = 1 << 24;
 constexpr uint32_t kPatienceSeconds = 300;  // no question is asked twice, however slowly all of this runs
 // Cached names are asked again when their nodes have long been given to other names.
 constexpr uint32_t kCachedNames = 4 * kOutstanding;
-
-std::string list_name(unsigned list) {
-  return "list" + std::to_string(list) + ".bench.test";
-}
-
-// Every second network of 10.0.0.0/8 is listed, in every list.
-bool listed(uint32_t address) {
-  return (address >> 16 & 1) != 0;
-}
-
-std::string zone_text() {
-  std::string text;
-  for (unsigned list = 0; list < kLists; ++list) {
-    text += "zone " + list_name(list) + "\n";
-    for (unsigned network = 1; network < 256; network += 2)
-      text += "list 10." + std::to_string(network) + ".0.0/16 127.0.0.2\n";
-  }
-  return text;
-}
-
-// address_of spreads the questions over 10.0.0.0/8, so that about half of any stretch is listed.
-uint32_t address_of(uint32_t n) {
-  return 0x0A000000U | (n * 0x9E3779U & 0xFFFFFFU);
-}
 
 class Questions final : public Work {
  public:
@@ -56,7 +34,7 @@ class Questions final : public Work {
     if (port == 0) throw std::runtime_error("the list server did not start: " + server_.output().err);
     must(kavo_init_ext(&kavo_, kOutstanding, names == 0 ? 0 : kCacheBytes, kLists, 0), "kavo_init_ext");
     for (unsigned list = 0; list < lists; ++list)
-      must(kavo_add_zone(kavo_, KAVOT_BL_IP, list_name(list).c_str()), "kavo_add_zone");
+      must(kavo_add_zone(kavo_, KAVOT_BL_IP, bench::zone(list).c_str()), "kavo_add_zone");
     must(kavo_add_dns_server(kavo_, nullptr, 0), "kavo_add_dns_server");
     must(kavo_add_dns_server(kavo_, "127.0.0.1", port), "kavo_add_dns_server");
     must(kavo_set_opt(kavo_, KAVOOPT_TIMEOUT, kPatienceSeconds), "kavo_set_opt");
@@ -78,7 +56,7 @@ class Questions final : public Work {
 
  private:
   void start(unsigned slot) {
-    const uint32_t address = address_of(names_ == 0 ? next_ : next_ % names_);
+    const uint32_t address = bench::question(names_ == 0 ? next_ : next_ % names_);
     ++next_;
     const in_addr query = {htonl(address)};
     addresses_[slot] = address;
@@ -91,22 +69,16 @@ class Questions final : public Work {
     must(kavo_set_answer_iterator(kavo_, nodes_[slot], iterator_), "kavo_set_answer_iterator");
     unsigned answers = 0;
     while (const KAVO_ANSWER *answer = kavo_get_answer(kavo_, iterator_)) {
-      check(*answer, listed(addresses_[slot]));
+      bench::check(*answer, bench::listed(addresses_[slot]));
       ++answers;
     }
     if (answers != lists_) throw std::runtime_error("an answer is missing");
     must(kavo_unsubscribe_node(kavo_, nodes_[slot]), "kavo_unsubscribe_node");
   }
 
-  static void check(const KAVO_ANSWER &answer, bool listed) {
-    const bool right = listed ? answer.err_code == KAVOE_OK && answer.rr.rr_a->dnsa4_nrr == 1 &&
-                                    ntohl(answer.rr.rr_a->dnsa4_addr[0].s_addr) == kListed
-                              : answer.err_code == KAVOE_NXDOM;
-    if (!right) throw std::runtime_error("a wrong answer");
-  }
-
   support::TempDir directory_;
-  support::Process server_{{std::string(KAVO_TOOLS_DIR) + "/kavo-listserver", directory_.write("zones", zone_text())}};
+  support::Process server_{
+      {std::string(KAVO_TOOLS_DIR) + "/kavo-listserver", directory_.write("zones", bench::listserver_zones(kLists))}};
   KAVO kavo_ = nullptr;
   KAVO_ANSWER_ITERATOR iterator_ = nullptr;
   unsigned lists_;

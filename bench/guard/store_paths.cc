@@ -1,22 +1,19 @@
 // store_paths.cc - the answer cache, called as a host calls it, its dump, and the zones file. One thread.
-#include <arpa/inet.h>
 #include <kavo.h>
 
-#include <cstring>
 #include <memory>
-#include <stdexcept>
 #include <string>
 
-#include "must.h"
 #include "paths.h"
+#include "support/library.h"
 #include "support/process.h"
 
 namespace guard {
 namespace {
 
+using bench::must;
+
 constexpr int kCacheBytes = 1 << 26;
-constexpr int32_t kTtl = 3600;
-constexpr uint32_t kListed = 0x7F000002;
 constexpr unsigned kNames = 20'000;  // in a filled cache
 constexpr unsigned kZones = 64;      // in a zones file
 
@@ -39,48 +36,22 @@ class Entries {
  public:
   Entries() {
     for (unsigned n = 0; n < kNames; ++n)
-      names_.push_back(std::to_string(n % 250) + "." + std::to_string(n / 250 % 250) + ".3.10.list.example");
-    make_block();
+      names_.push_back(bench::name_of(bench::question(n)));
   }
-  ~Entries() {
-    kavo_rr_free(&block_);
-    kavo_rr_free(&found_.rr);
-  }
+  ~Entries() { kavo_rr_free(&found_.rr); }
   Entries(const Entries &) = delete;
   Entries &operator=(const Entries &) = delete;
 
-  void put(KAVO_CACHE cache, unsigned n) {
-    const std::string &name = names_[n % kNames];
-    must(kavo_cache_put(cache, KAVOT_DNS_A, name.data(), static_cast<int>(name.size()), &block_), "kavo_cache_put");
-  }
+  void put(KAVO_CACHE cache, unsigned n) { block_.put(cache, names_[n % kNames]); }
+  void get(KAVO_CACHE cache, unsigned n) { bench::get(cache, names_[n % kNames], &found_); }
   void fill(KAVO_CACHE cache) {
     for (unsigned n = 0; n < kNames; ++n)
       put(cache, n);
   }
-  void get(KAVO_CACHE cache, unsigned n) {
-    const std::string &name = names_[n % kNames];
-    must(kavo_cache_get(cache, KAVOT_DNS_A, name.data(), static_cast<int>(name.size()), &found_, 0), "kavo_cache_get");
-    if (ntohl(found_.rr.rr_a->dnsa4_addr[0].s_addr) != kListed) throw std::runtime_error("a wrong entry");
-  }
 
  private:
-  // A block holds its entries and names behind its head.
-  void make_block() {
-    constexpr char kName[] = "list.example";
-    constexpr unsigned kSize = sizeof(dns_rr_a4) + sizeof(in_addr) + sizeof kName;
-    must(kavo_rr_alloc(&block_, kSize), "kavo_rr_alloc");
-    dns_rr_a4 *head = block_.rr_a;
-    head->dnsa4_written = kSize;
-    head->dnsa4_ttl = kTtl;
-    head->dnsa4_nrr = 1;
-    head->dnsa4_addr = reinterpret_cast<in_addr *>(head + 1);
-    head->dnsa4_addr->s_addr = htonl(kListed);
-    head->dnsa4_cname = head->dnsa4_qname = reinterpret_cast<char *>(head->dnsa4_addr + 1);
-    memcpy(head->dnsa4_cname, kName, sizeof kName);
-  }
-
   std::vector<std::string> names_;
-  KAVO_RR block_ = {};
+  bench::ListedBlock block_;
   KAVO_ANSWER found_ = {};
 };
 
