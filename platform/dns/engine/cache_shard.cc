@@ -1,6 +1,8 @@
 // cache_shard.cc - the index and the list of one shard. Every operation on a shard runs under its mutex.
 #include "cache_shard.h"
 
+#include <string.h>
+
 #include <algorithm>
 #include <bit>
 
@@ -112,7 +114,8 @@ void Shard::end() {
 Entry *Shard::find(const Key &key) {
   for (Entry *entry = index_.first(key.hash); entry != nullptr; entry = entry->bucket_next) {
     if (entry->hash != key.hash || entry->typ != key.typ || entry->cls != key.cls) continue;
-    if (entry->dn_size == key.dn_size && dns_dnequal(entry->dn(), key.dn) != 0) return entry;
+    if (entry->dn_size != key.dn_size) continue;
+    if (memcmp(entry->dn(), key.dn, key.dn_size) == 0 || dns_dnequal(entry->dn(), key.dn) != 0) return entry;
   }
   return nullptr;
 }
