@@ -31,6 +31,7 @@ struct Dimension {
   std::function<unsigned(unsigned size)> count;   // of questions in a round
   std::function<unsigned(unsigned size)> warmup;  // of questions before the first
   bool per_size = false;                          // each question has `size` units
+  bool judged = true;                             // not so where it is shown for comparison alone
 };
 
 // dimensions returns all of them. They share the list servers, which run as long as one of them is there.

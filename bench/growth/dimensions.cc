@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "asker.h"
+#include "bare_reads.h"
 #include "filled_cache.h"
 #include "support/process.h"
 #include "support/questions.h"
@@ -17,6 +18,7 @@ constexpr unsigned kServersMost = 16;
 constexpr unsigned kQuestions = 20'000;    // of a round, where they are cheap
 constexpr unsigned kFewQuestions = 4'000;  // where each is waited for by itself
 constexpr unsigned kLookups = 50'000;
+constexpr unsigned kReads = 1'000'000;
 constexpr unsigned kInFlight = 1024;   // packets, where zones or threads grow
 constexpr unsigned kFewInFlight = 64;  // as many as the smallest table has nodes
 constexpr unsigned kTableMost = 100'000;
@@ -78,7 +80,7 @@ std::vector<Dimension> of_table(const std::shared_ptr<Servers> &servers) {
            "questions",
            "question",
            "So many questions open, in a table of 100,000 nodes.",
-           {64, 1000, 10'000},
+           {64, 1000, 10'000, kTableMost},
            asking(servers,
                   [](unsigned size, const Servers &, Host *host) {
                     host->table = kTableMost;
@@ -90,7 +92,19 @@ std::vector<Dimension> of_table(const std::shared_ptr<Servers> &servers) {
 
 std::vector<Dimension> of_cache(const std::shared_ptr<Servers> &servers) {
   const std::vector<unsigned> sizes = {1000, 10'000, 100'000, 1'000'000};
-  return {{"cache", "entries", "question", "Questions that the cache answers, through nodes; 64 open.", sizes,
+  Dimension memory = {
+      "bare memory",
+      "entries",
+      "read",
+      "For comparison, without the library: one read in as much memory as a cache of so many entries takes. What a\n"
+      "look-up costs beyond its instructions is a few of these.",
+      sizes,
+      [](unsigned size) { return std::make_unique<BareReads>(size); },
+      always(kReads),
+      always(kReads)};
+  memory.judged = false;
+  return {memory,
+          {"cache", "entries", "question", "Questions that the cache answers, through nodes; 64 open.", sizes,
            asking(servers,
                   [](unsigned size, const Servers &, Host *host) {
                     host->outstanding = host->table = kFewInFlight;

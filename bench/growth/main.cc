@@ -1,7 +1,8 @@
 // bench_growth: what a question costs as tables, caches, threads, zones and servers grow.
 //
 // The sizes of a dimension take turns in rounds, all of them set up at the same time, so that what else the machine
-// does falls on all of them alike. The exit status is 1 when something grows faster than its logarithm.
+// does falls on all of them alike. The exit status says whether every answer was right; whether something grows faster
+// than its logarithm is for the reader of the tables.
 #include <sys/resource.h>
 
 #include <CLI/CLI.hpp>
@@ -109,7 +110,7 @@ int main(int argc, char **argv) {
     const std::string text = growth::markdown(curves, rounds);
     std::fputs(text.c_str(), stdout);
     if (!directory.empty()) write(directory, text, curves);
-    return std::all_of(curves.begin(), curves.end(), growth::holds) ? 0 : 1;
+    return 0;
   } catch (const std::exception &error) {
     std::fprintf(stderr, "bench_growth: %s\n", error.what());
     return 1;

@@ -4,7 +4,6 @@
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
-#include <memory>
 #include <stdexcept>
 
 namespace growth {
@@ -36,38 +35,52 @@ bool within(const Curve &curve, const Point &point) {
   return bench::median(point.growth) <= allowed_at(curve, point);
 }
 
-// worst returns the point that comes nearest to what is allowed, or passes it by most.
-const Point &worst(const Curve &curve) {
-  return *std::max_element(curve.points.begin() + 1, curve.points.end(), [&](const Point &a, const Point &b) {
-    return bench::median(a.growth) / allowed_at(curve, a) < bench::median(b.growth) / allowed_at(curve, b);
-  });
+const char *verdict(const Curve &curve, bool met) {
+  if (!curve.dimension.judged) return "";
+  return met ? "met" : "**not met**";
 }
 
 std::string summary(const std::vector<Curve> &curves) {
   std::string out =
-      "| what grows | from | to | cost of a | grows by | allowed | nearest to the limit | |\n"
-      "| --- | ---: | ---: | --- | ---: | ---: | --- | --- |\n";
+      "| what grows | from | to | cost of a | grows by | allowed | |\n"
+      "| --- | ---: | ---: | --- | ---: | ---: | --- |\n";
   for (const Curve &curve : curves) {
-    const Point &first = curve.points.front(), &last = curve.points.back(), &near = worst(curve);
-    out += text("| %s | %s | %s | %s | %.2f | %.2f | %.2f of %.2f at %s | %s |\n", curve.dimension.name.c_str(),
-                grouped(first.size).c_str(), grouped(last.size).c_str(), curve.dimension.unit.c_str(),
-                bench::median(last.growth), allowed_at(curve, last), bench::median(near.growth),
-                allowed_at(curve, near), grouped(near.size).c_str(), holds(curve) ? "met" : "**not met**");
+    if (!curve.dimension.judged) continue;
+    const Point &first = curve.points.front(), &last = curve.points.back();
+    out += text("| %s | %s | %s | %s | %.2f | %.2f | %s |\n", curve.dimension.name.c_str(), grouped(first.size).c_str(),
+                grouped(last.size).c_str(), curve.dimension.unit.c_str(), bench::median(last.growth),
+                allowed_at(curve, last), verdict(curve, holds(curve)));
   }
   return out;
+}
+
+// microseconds writes a cost with about three digits that mean something.
+std::string microseconds(double value) {
+  return text(value < 1 ? "%.3f" : "%.2f", value);
+}
+
+// by_doubling returns what each doubling since the point before added, in parts of the first cost.
+std::string by_doubling(const Curve &curve, size_t at) {
+  if (at == 0) return "";
+  const Point &before = curve.points[at - 1], &point = curve.points[at];
+  const double doublings = std::log2(static_cast<double>(point.size) / before.size);
+  return text("%+.2f", (bench::median(point.growth) - bench::median(before.growth)) / doublings);
 }
 
 std::string section(const Curve &curve) {
   const Dimension &dimension = curve.dimension;
   std::string out = "\n## " + dimension.name + "\n\n" + dimension.text + "\n\n";
-  out += text("| %s | processor µs a %s | quartiles | switches a %s | growth | quartiles | allowed | |\n",
-              dimension.size.c_str(), dimension.unit.c_str(), dimension.unit.c_str());
-  out += "| ---: | ---: | --- | ---: | ---: | --- | ---: | --- |\n";
-  for (const Point &point : curve.points) {
+  out += "| " + dimension.size + " | processor µs a " + dimension.unit + " | quartiles | switches a " + dimension.unit +
+         " | growth | quartiles | each doubling | allowed | |\n"
+         "| ---: | ---: | --- | ---: | ---: | --- | ---: | ---: | --- |\n";
+  for (size_t i = 0; i < curve.points.size(); ++i) {
+    const Point &point = curve.points[i];
     const bench::Spread cost = bench::spread_of(point.processor_us), growth = bench::spread_of(point.growth);
-    out += text("| %s | %.2f | %.2f to %.2f | %.3f | %.2f | %.2f to %.2f | %.2f | %s |\n", grouped(point.size).c_str(),
-                cost.median, cost.low, cost.high, bench::median(point.switches), growth.median, growth.low, growth.high,
-                allowed_at(curve, point), within(curve, point) ? "met" : "**not met**");
+    out += "| " + grouped(point.size) + " | " + microseconds(cost.median) + " | " + microseconds(cost.low) + " to " +
+           microseconds(cost.high);
+    out += text(" | %.3f | %.2f | %.2f to %.2f | %s | %.2f | %s |\n", bench::median(point.switches), growth.median,
+                growth.low, growth.high, by_doubling(curve, i).c_str(), allowed_at(curve, point),
+                verdict(curve, within(curve, point)));
   }
   return out;
 }
@@ -81,8 +94,8 @@ double allowed(unsigned from, unsigned to) {
 }
 
 bool holds(const Curve &curve) {
-  return std::all_of(curve.points.begin(), curve.points.end(),
-                     [&](const Point &point) { return within(curve, point); });
+  return !curve.dimension.judged || std::all_of(curve.points.begin(), curve.points.end(),
+                                                [&](const Point &point) { return within(curve, point); });
 }
 
 std::string markdown(const std::vector<Curve> &curves, unsigned rounds) {
@@ -98,8 +111,10 @@ std::string markdown(const std::vector<Curve> &curves, unsigned rounds) {
       rounds);
   out +=
       "Allowed is what the logarithm of the size grows by: (1 + log2 of the size) / (1 + log2 of the first size). "
-      "Switches\n"
-      "are those of the system from one thread to another.\n\n";
+      "What\n"
+      "grows with the logarithm adds the same with each doubling; what grows with the size adds twice as much with "
+      "each.\n"
+      "Switches are those of the system from one thread to another.\n\n";
   out += summary(curves);
   for (const Curve &curve : curves)
     out += section(curve);
@@ -107,24 +122,27 @@ std::string markdown(const std::vector<Curve> &curves, unsigned rounds) {
 }
 
 void plot(const std::vector<Curve> &curves, const std::string &path) {
-  const std::unique_ptr<FILE, int (*)(FILE *)> gnuplot(popen("gnuplot", "w"), pclose);
-  if (gnuplot == nullptr) throw std::runtime_error("no gnuplot");
-  std::string script = "set terminal svg size 900,560 font 'sans,13' background 'white'\nset output '" + path +
-                       "'\n"
-                       "set title 'Cost relative to the smallest size'\nset logscale x 2\nset grid\n"
-                       "set xlabel 'size, relative to the smallest'\nset ylabel 'cost, relative to the smallest'\n"
-                       "set yrange [0:*]\nset key outside right\nset style data linespoints\nplot ";
-  for (size_t i = 0; i < curves.size(); ++i)
-    script += (i == 0 ? "" : ", ") + text("'-' title '%s' lw 2 pt %zu", curves[i].dimension.name.c_str(), i + 1);
-  script += "\n";
+  std::string head = "set terminal svg size 900,560 font 'sans,13' noenhanced background 'white'\nset output '" + path +
+                     "'\n"
+                     "set title 'Cost relative to the smallest size'\nset logscale x 2\nset grid\n"
+                     "set xlabel 'size, relative to the smallest'\nset ylabel 'cost, relative to the smallest'\n"
+                     "set yrange [0:*]\nset key outside right\nset style data linespoints\nplot ";
+  std::string data;
+  unsigned drawn = 0;
   for (const Curve &curve : curves) {
+    if (!curve.dimension.judged) continue;
+    head += (drawn == 0 ? "" : ", ") + text("'-' title '%s' lw 2 pt %u", curve.dimension.name.c_str(), drawn + 1);
+    ++drawn;
     for (const Point &point : curve.points)
-      script +=
-          text("%g %g\n", static_cast<double>(point.size) / curve.points.front().size, bench::median(point.growth));
-    script += "e\n";
+      data += text("%g %g\n", static_cast<double>(point.size) / curve.points.front().size, bench::median(point.growth));
+    data += "e\n";
   }
-  if (fputs(script.c_str(), gnuplot.get()) < 0 || fflush(gnuplot.get()) != 0)
-    throw std::runtime_error("gnuplot failed");
+  if (drawn == 0) return;
+  const std::string script = head + "\n" + data;
+  FILE *gnuplot = popen("gnuplot", "w");
+  if (gnuplot == nullptr) throw std::runtime_error("gnuplot cannot be started");
+  const bool given = fputs(script.c_str(), gnuplot) >= 0;
+  if (pclose(gnuplot) != 0 || !given) throw std::runtime_error("gnuplot did not draw " + path);
 }
 
 }  // namespace growth
