@@ -76,7 +76,8 @@ Entry *build(const dns_cache *cache, const dns_cdata *from, const Key &key, int3
             .cls = from->cls,
             .records = static_cast<uint16_t>(from->records),
             .cnames = static_cast<uint16_t>(from->cnames),
-            .rcode = from->rcode,
+            .rcode = static_cast<uint8_t>(from->rcode & 0xF),
+            .used = 0,
             .dn_size = from->dn_size};
   memcpy(entry->dn(), from->dn, from->dn_size);
   if (from->run_size > 0) memcpy(entry->run(), from->run, from->run_size);

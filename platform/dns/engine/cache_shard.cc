@@ -17,6 +17,10 @@ constexpr size_t kDirectoryMin = 8;
 // How many entries from the old end of the list are looked at for an expired one that can give way first.
 constexpr unsigned kVictimsSeen = 4;
 
+// Second chances given for one entry that gives way: few enough for one call, and more than are needed on the whole
+// while fewer than as many look-ups come to each new entry.
+constexpr unsigned kSecondChances = 64;
+
 // Buckets made at once ahead of the entries, and the part of a shard that they may take: less than what they take of a
 // shard full of small entries.
 constexpr unsigned kGrowthStep = 256;
@@ -132,21 +136,21 @@ void Shard::unlink(Entry *entry) {
   (entry->older != nullptr ? entry->older->newer : oldest_) = entry->newer;
 }
 
-void Shard::used(Entry *entry) {
-  if (entry == newest_) return;
-  unlink(entry);
-  link(entry);
-}
-
 void Shard::remove(Entry *entry) {
   index_.remove(entry);
   unlink(entry);
   bytes_ -= entry->charge();
 }
 
-// victim chooses the entry that gives way: the one that was not used for longest, or a neighbour of its that has
-// expired and that no look-up returns any more.
+// victim chooses the entry that gives way: the oldest that was not used since its last turn, or a neighbour of its that
+// has expired and that no look-up returns any more.
 Entry *Shard::victim(dns_time now, bool keep_expired) {
+  for (unsigned i = 0; i < kSecondChances && oldest_->used != 0; ++i) {
+    Entry *used = oldest_;
+    used->used = 0;
+    unlink(used);
+    link(used);
+  }
   Entry *entry = oldest_;
   for (unsigned i = 0; !keep_expired && entry != nullptr && i < kVictimsSeen; ++i, entry = entry->newer) {
     if (age_of(entry, now) > entry->ttl) return entry;

@@ -4,7 +4,9 @@
 // A shard is used by any thread that holds its mutex. It is held for one look-up and one copy; entries are built before
 // it is taken and released after. An entry is one block: head, name, records. A shard keeps its entries in a hash index
 // that grows by one bucket at a time (linear hashing, so that no call ever pays for a large step) and in a list in the
-// order of their last use, whose old end gives way when the shard's share of the bytes is spent.
+// order of their coming, whose old end gives way when the shard's share of the bytes is spent. An entry that was looked
+// up meanwhile gets a second chance there and comes to the new end again: that keeps what is in use as moving it at
+// each look-up would, and a look-up does not fetch, and write to, the two entries beside it from memory.
 #ifndef CACHE_SHARD_H
 #define CACHE_SHARD_H
 
@@ -38,7 +40,8 @@ struct Entry {
   uint16_t cls;
   uint16_t records;
   uint16_t cnames;
-  uint8_t rcode;
+  uint8_t rcode : 4;  // as many bits as in a packet's header
+  uint8_t used : 1;   // it was looked up since it last came to the new end of the list
   uint8_t dn_size;
 
   uint8_t *dn() { return reinterpret_cast<uint8_t *>(this + 1); }
@@ -140,8 +143,8 @@ class alignas(kCacheLine) Shard {
   pelk_mutex_t mutex;
 
   [[nodiscard]] Entry *find(const Key &key) PELK_REQUIRES(mutex);
-  // used puts an entry at the new end of the list.
-  void used(Entry *entry) PELK_REQUIRES(mutex);
+  // used keeps an entry from giving way the next time that it is its turn.
+  void used(Entry *entry) PELK_REQUIRES(mutex) { entry->used = 1; }
   // remove takes an entry out; the caller releases it.
   void remove(Entry *entry) PELK_REQUIRES(mutex);
   // insert files `entry` in the place of `old`, which find gave for its key; entries give way to it as needed.
