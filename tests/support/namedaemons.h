@@ -24,6 +24,7 @@ class NameDaemon {
   NameDaemon(std::unique_ptr<TempDir> directory, std::vector<std::string> argv, uint16_t port);
 
   [[nodiscard]] uint16_t port() const { return port_; }
+  [[nodiscard]] pid_t pid() const { return process_.pid(); }
   [[nodiscard]] std::string log() { return process_.output().out + process_.output().err; }
   [[nodiscard]] bool running() { return process_.running(); }
   void stop() { process_.stop(); }

@@ -1,0 +1,84 @@
+// client.h - what bench_compare compares: clients that ask the same questions, a number of them outstanding at once,
+// each in the way of its own library.
+//
+// One process is one measurement of one client: memory and processor time are then the client's alone, and the same
+// process can be put under perf, strace or valgrind.
+#ifndef KAVO_BENCH_COMPARE_CLIENT_H
+#define KAVO_BENCH_COMPARE_CLIENT_H
+
+#include <memory>
+#include <optional>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "support/measure.h"
+#include "support/questions.h"
+
+namespace compare {
+
+// Task is what a client is to do.
+struct Task {
+  std::string client = "kavo";
+  std::vector<unsigned> ports;    // responders of 127.0.0.1: worker t asks the one at place t, going round
+  std::vector<pid_t> responders;  // their processes, whose processor time is taken as well; may be empty
+  std::vector<unsigned> cores;    // worker t runs on the one at place t, going round; none: anywhere
+  unsigned outstanding = 1000;    // questions at once, of all workers together, but at least one a worker
+  unsigned threads = 1;           // workers
+  unsigned count = 40'000;        // questions, of all workers together
+  unsigned zones = 1;             // packets a question
+  unsigned table = 0;             // kavo's table; 0: as many places as questions are outstanding
+  unsigned subjects = 0;          // above 0: so many listed addresses are asked again and again, and answers are cached
+
+  [[nodiscard]] unsigned window() const { return outstanding > threads ? outstanding / threads : 1; }
+  [[nodiscard]] uint16_t port_of(unsigned worker) const { return static_cast<uint16_t>(ports[worker % ports.size()]); }
+  [[nodiscard]] std::optional<unsigned> core_of(unsigned worker) const {
+    return cores.empty() ? std::nullopt : std::optional(cores[worker % cores.size()]);
+  }
+  [[nodiscard]] uint32_t address(uint32_t n) const {
+    return subjects == 0 ? bench::question(n) : bench::listed_question(n % subjects);
+  }
+};
+
+// Client is one worker: it is made by one thread and asks on one thread.
+class Client {
+ public:
+  virtual ~Client() = default;
+  // ask asks questions `first` to `first + count - 1` of the task, checks each answer as it comes, and returns when
+  // each question has ended, with the number of those that were not answered. A wrong answer is thrown.
+  [[nodiscard]] virtual unsigned ask(unsigned first, unsigned count) = 0;
+};
+
+using Team = std::vector<std::unique_ptr<Client>>;  // a worker for each thread
+
+// They throw std::runtime_error.
+[[nodiscard]] Team make_bare(const Task &task);   // sendmmsg and recvmmsg, a socket each
+[[nodiscard]] Team make_kavo(const Task &task);   // nodes; a context for each port, shared by the workers that ask it
+[[nodiscard]] Team make_cares(const Task &task);  // a channel each
+
+// Packets counts through the packets of a stretch of questions: every zone of one address, then the next address.
+class Packets {
+ public:
+  Packets(const Task &task, unsigned first) : task_(task), question_(first) {}
+  [[nodiscard]] uint32_t address() const { return task_.address(question_); }
+  [[nodiscard]] unsigned zone() const { return zone_; }
+  void next() {
+    if (++zone_ < task_.zones) return;
+    zone_ = 0;
+    ++question_;
+  }
+
+ private:
+  const Task &task_;
+  unsigned question_, zone_ = 0;
+};
+
+// wrong throws what a client says of an answer that is not the right one.
+[[noreturn]] inline void wrong(const char *client, uint32_t address) {
+  throw std::runtime_error(std::string(client) + ": wrong answer about " + bench::name_of(address));
+}
+
+}  // namespace compare
+
+#endif  // KAVO_BENCH_COMPARE_CLIENT_H

@@ -1,0 +1,39 @@
+// kavo_context.h - an open context of kavo, as the clients use it.
+#ifndef KAVO_BENCH_COMPARE_KAVO_CONTEXT_H
+#define KAVO_BENCH_COMPARE_KAVO_CONTEXT_H
+
+#include <kavo.h>
+
+#include <memory>
+#include <vector>
+
+#include "client.h"
+
+namespace compare {
+
+// must throws for any outcome but KAVOE_OK.
+void must(KAVO_ERR code, const char *what);
+
+// is_answered says whether a list's answer about an address came; a wrong one is thrown, and so is one that should have
+// come from the cache but did not, or the other way round.
+[[nodiscard]] bool is_answered(const KAVO_ANSWER &answer, uint32_t address, bool from_cache);
+
+class Context {
+ public:
+  Context(const Task &task, uint16_t port);
+  ~Context();
+  Context(const Context &) = delete;
+  Context &operator=(const Context &) = delete;
+
+  [[nodiscard]] KAVO get() const { return kavo_; }
+
+  // for_each_port returns a context for each port of the task, each with its thread on its worker's core.
+  [[nodiscard]] static std::vector<std::shared_ptr<Context>> for_each_port(const Task &task);
+
+ private:
+  KAVO kavo_ = nullptr;
+};
+
+}  // namespace compare
+
+#endif  // KAVO_BENCH_COMPARE_KAVO_CONTEXT_H

@@ -1,0 +1,178 @@
+#include "responder.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+#include <vector>
+
+#include "packet.h"
+#include "socket.h"
+#include "support/measure.h"
+#include "support/questions.h"
+
+namespace compare {
+namespace {
+
+constexpr unsigned kBatch = 64;
+constexpr useconds_t kHeldPauseUs = 500;  // between two batches of answers that were held back
+constexpr size_t kFlagsAt = 2, kRcodeAt = 3, kAnswersAt = 7, kAuthorityAt = 9, kAdditionalAt = 11;
+constexpr uint8_t kQr = 0x80, kAa = 0x04, kRd = 0x01, kNxDomain = 3;
+constexpr unsigned kSecondByteLabel = 2;  // an address is asked about last byte first
+constexpr unsigned kZoneLabel = 4;
+
+// The parts of answers. Owners are pointers into the question: its name, and its zone.
+constexpr std::array<uint8_t, 16> kAddress = {0xc0, kHeaderSize, 0, 1, 0, 1, 0, 1, 0x51, 0x80, 0, 4, 127, 0, 0, 2};
+constexpr std::array<uint8_t, 34> kSoa = {0xc0, 0, 0, 6,    0, 1, 0, 0,    0x01, 0x2c, 0, 22,     // 22 bytes of data:
+                                          0,    0, 0, 0,    0, 1, 0, 0,    0x01, 0x2c,            // two root names, and
+                                          0,    0, 1, 0x2c, 0, 0, 1, 0x2c, 0,    0,    1, 0x2c};  // five numbers
+constexpr std::array<uint8_t, 11> kOpt = {0, 0, 41, 0x04, 0xd0, 0, 0, 0, 0, 0, 0};
+
+size_t append(uint8_t *at, std::span<const uint8_t> part) {
+  memcpy(at, part.data(), part.size());
+  return part.size();
+}
+
+// make_answer turns a question into its answer, in place, and returns its size; 0 for what is no question.
+size_t make_answer(std::span<uint8_t, kPacketMax> packet, size_t size) {
+  const size_t end = question_end(std::span<const uint8_t>(packet).first(size));
+  if (end == 0) return 0;
+  size_t at = kHeaderSize, zone_at = 0;
+  bool found = false;
+  for (unsigned label = 0; packet[at] != 0 && label < kZoneLabel; ++label) {
+    at += packet[at] + size_t{1};
+    if (label == kSecondByteLabel) found = (packet[at - 1] & 1) != 0;  // its last digit
+    zone_at = at;
+  }
+  const bool edns = packet[kAdditionalAt] != 0;
+  packet[kFlagsAt] = kQr | kAa | (packet[kFlagsAt] & kRd);
+  packet[kRcodeAt] = found ? 0 : kNxDomain;
+  packet[kAnswersAt] = found ? 1 : 0;
+  packet[kAuthorityAt] = found ? 0 : 1;
+  size = end;
+  if (found) {
+    size += append(&packet[size], kAddress);
+  } else {
+    const size_t record = size;
+    size += append(&packet[size], kSoa);
+    packet[record + 1] = static_cast<uint8_t>(zone_at);
+  }
+  if (edns) size += append(&packet[size], kOpt);
+  return size;
+}
+
+// Batch is the packets of one system call each way.
+class Batch {
+ public:
+  Batch() : messages_{} {
+    for (unsigned i = 0; i < kBatch; ++i) {
+      messages_[i].msg_hdr.msg_iov = &parts_[i];
+      messages_[i].msg_hdr.msg_iovlen = 1;
+      messages_[i].msg_hdr.msg_name = &peers_[i];
+    }
+  }
+
+  // Waits for at least one question, makes the answers of those that came, and returns their number.
+  unsigned receive(int fd) {
+    for (unsigned i = 0; i < kBatch; ++i) {
+      parts_[i] = {packets_[i].data(), packets_[i].size()};
+      messages_[i].msg_hdr.msg_namelen = sizeof peers_[i];
+    }
+    const int got = recvmmsg(fd, messages_.data(), kBatch, MSG_WAITFORONE, nullptr);
+    for (int i = 0; i < got; ++i) {
+      const auto place = static_cast<size_t>(i);
+      parts_[place].iov_len = make_answer(packets_[place], messages_[place].msg_len);
+    }
+    return got > 0 ? static_cast<unsigned>(got) : 0;
+  }
+
+  void send(int fd, unsigned count) {
+    for (unsigned sent = 0; sent < count;) {
+      const int now = sendmmsg(fd, &messages_[sent], count - sent, 0);
+      sent += now > 0 ? static_cast<unsigned>(now) : 1;  // that one's peer is gone
+    }
+  }
+
+ private:
+  std::array<std::array<uint8_t, kPacketMax>, kBatch> packets_;
+  std::array<iovec, kBatch> parts_;
+  std::array<sockaddr_in, kBatch> peers_;
+  std::array<mmsghdr, kBatch> messages_;
+};
+
+uint16_t port_of(support::Process *process) {
+  const uint16_t port = support::port_in(process->wait_line("listening on").value_or(""));
+  if (port == 0) throw std::runtime_error("the responder did not start: " + process->output().err);
+  return port;
+}
+
+class Own : public Responder {
+ public:
+  Own(unsigned core, unsigned hold)
+      : pinned_(std::make_unique<bench::Pinned>(core)),
+        process_({self(), "respond", "--hold", std::to_string(hold)}),
+        port_(port_of(&process_)) {
+    pinned_.reset();
+  }
+  [[nodiscard]] uint16_t port() const override { return port_; }
+  [[nodiscard]] pid_t process() const override { return process_.pid(); }
+
+ private:
+  std::unique_ptr<bench::Pinned> pinned_;  // while the process starts
+  support::Process process_;
+  uint16_t port_;
+};
+
+class Rbldnsd : public Responder {
+ public:
+  explicit Rbldnsd(unsigned core) {
+    const bench::Pinned pinned(core);
+    daemon_ = support::start_rbldnsd({{bench::zone(0), "ip4set", bench::rbldnsd_zone()}});
+  }
+  [[nodiscard]] uint16_t port() const override { return daemon_->port(); }
+  [[nodiscard]] pid_t process() const override { return daemon_->pid(); }
+
+ private:
+  std::unique_ptr<support::NameDaemon> daemon_;
+};
+
+}  // namespace
+
+std::string self() {
+  return std::filesystem::read_symlink("/proc/self/exe");
+}
+
+void respond(unsigned hold) {
+  UdpSocket socket;
+  std::printf("listening on 127.0.0.1:%u\n", socket.port());
+  std::fflush(stdout);
+  // Batches that are held back; one is filled and sent again and again afterwards.
+  std::vector<std::unique_ptr<Batch>> held;
+  std::vector<unsigned> sizes;
+  for (unsigned questions = 0; questions < hold; questions += sizes.back()) {
+    held.push_back(std::make_unique<Batch>());
+    sizes.push_back(held.back()->receive(socket.fd()));
+  }
+  for (size_t i = 0; i < held.size(); ++i) {
+    held[i]->send(socket.fd(), sizes[i]);
+    usleep(kHeldPauseUs);
+  }
+  held.clear();
+  for (Batch batch;;)
+    batch.send(socket.fd(), batch.receive(socket.fd()));
+}
+
+std::unique_ptr<Responder> start_own(unsigned core, unsigned hold) {
+  return std::make_unique<Own>(core, hold);
+}
+
+std::unique_ptr<Responder> start_rbldnsd(unsigned core) {
+  return std::make_unique<Rbldnsd>(core);
+}
+
+}  // namespace compare

@@ -1,0 +1,37 @@
+// responder.h - who the clients ask: a process of this program that does nothing but turn questions into answers, and
+// costs less than the bare loop that asks it; or the list server rbldnsd of the distribution.
+#ifndef KAVO_BENCH_COMPARE_RESPONDER_H
+#define KAVO_BENCH_COMPARE_RESPONDER_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "support/namedaemons.h"
+#include "support/process.h"
+
+namespace compare {
+
+// respond answers questions about any zone until the process is ended: an A record for listed addresses, for all others
+// a denial with the zone's SOA. It prints "listening on 127.0.0.1:PORT" first. With `hold` above 0 the first `hold`
+// questions are answered when all of them have come, not before.
+[[noreturn]] void respond(unsigned hold);
+
+// self returns the path of this program, which runs itself again for each of its processes.
+[[nodiscard]] std::string self();
+
+// Responder is such a process, or rbldnsd; it ends with this object.
+class Responder {
+ public:
+  virtual ~Responder() = default;
+  [[nodiscard]] virtual uint16_t port() const = 0;
+  [[nodiscard]] virtual pid_t process() const = 0;
+};
+
+// They keep the process on one core and throw std::runtime_error when it does not start.
+[[nodiscard]] std::unique_ptr<Responder> start_own(unsigned core, unsigned hold = 0);
+[[nodiscard]] std::unique_ptr<Responder> start_rbldnsd(unsigned core);
+
+}  // namespace compare
+
+#endif  // KAVO_BENCH_COMPARE_RESPONDER_H

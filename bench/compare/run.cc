@@ -1,0 +1,188 @@
+#include "run.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "responder.h"
+#include "support/process.h"
+
+namespace compare {
+namespace {
+
+constexpr double kMicro = 1e6;
+constexpr unsigned kWarmUp = 2000;           // questions at least; more where more are outstanding or cached
+constexpr unsigned kWarmUpFrom = 8'000'000;  // these are not asked again
+constexpr support::milliseconds kTimeMax{120'000};
+
+struct Kind {
+  const char *name;
+  Team (*make)(const Task &task);
+};
+
+constexpr Kind kKinds[] = {{"bare", make_bare}, {"kavo", make_kavo}, {"c-ares", make_cares}};
+
+Team make_team(const Task &task) {
+  for (const Kind &kind : kKinds)
+    if (task.client == kind.name) return kind.make(task);
+  throw std::runtime_error("no client \"" + task.client + "\"");
+}
+
+double responder_s(const Task &task, unsigned worker) {
+  return task.responders.empty() ? 0 : bench::processor_s_of(task.responders[worker % task.responders.size()]);
+}
+
+// Share is what one worker does of a stretch of questions, and what became of it.
+struct Share {
+  unsigned first, count, lost;
+  Worker worker;
+  std::exception_ptr fault;
+};
+
+void work(const Task &task, unsigned number, Client *client, Share *share) {
+  try {
+    const bench::Pinned pinned(task.core_of(number));
+    const double responder_before = responder_s(task, number);
+    const bench::Stopwatch watch;
+    share->lost = client->ask(share->first, share->count);
+    share->worker = {watch.stop().wall_s, responder_s(task, number) - responder_before};
+  } catch (...) {
+    share->fault = std::current_exception();
+  }
+}
+
+// ask_all has the workers ask a stretch of questions, each a share of it; a single one on this thread.
+std::vector<Share> ask_all(const Task &task, const Team &team, unsigned first, unsigned count) {
+  std::vector<Share> shares(team.size());
+  const auto workers = static_cast<unsigned>(team.size());
+  for (unsigned t = 0; t < workers; ++t)
+    shares[t] = {first + count / workers * t, count / workers, 0, {}, nullptr};
+  std::vector<std::thread> threads;
+  for (unsigned t = 1; t < workers; ++t)
+    threads.emplace_back(work, std::cref(task), t, team[t].get(), &shares[t]);
+  work(task, 0, team[0].get(), shares.data());
+  for (std::thread &thread : threads)
+    thread.join();
+  for (const Share &share : shares)
+    if (share.fault) std::rethrow_exception(share.fault);
+  return shares;
+}
+
+std::string list(const char *option, const auto &values) {
+  std::string text = option;
+  for (const auto value : values)
+    text += (text == option ? "=" : ",") + std::to_string(value);
+  return text;
+}
+
+std::vector<std::string> argv_of(const Task &task) {
+  std::vector<std::string> argv = {self(),
+                                   "ask",
+                                   task.client,
+                                   list("--port", task.ports),
+                                   "--outstanding=" + std::to_string(task.outstanding),
+                                   "--threads=" + std::to_string(task.threads),
+                                   "--count=" + std::to_string(task.count),
+                                   "--zones=" + std::to_string(task.zones),
+                                   "--table=" + std::to_string(task.table),
+                                   "--subjects=" + std::to_string(task.subjects)};
+  if (!task.responders.empty()) argv.push_back(list("--responder", task.responders));
+  if (!task.cores.empty()) argv.push_back(list("--core", task.cores));
+  return argv;
+}
+
+Figures from_text(const std::string &text) {
+  const auto json = nlohmann::json::parse(text);
+  Figures figures;
+  figures.count = json.at("count");
+  figures.packets = json.at("packets");
+  figures.lost = json.at("lost");
+  figures.cost = {json.at("wall_s"), json.at("user_s"), json.at("system_s")};
+  figures.memory_kib = json.at("memory_kib");
+  for (const auto &worker : json.at("workers"))
+    figures.workers.push_back({worker.at("wall_s"), worker.at("responder_s")});
+  return figures;
+}
+
+}  // namespace
+
+double Figures::processor_us() const {
+  return cost.processor_s() * kMicro / packets;
+}
+
+double Figures::responder_us() const {
+  return workers[0].responder_s * kMicro / packets;
+}
+
+double Figures::wall_us() const {
+  return cost.wall_s * kMicro / count;
+}
+
+double Figures::rate() const {
+  return count / cost.wall_s;
+}
+
+std::vector<std::string> client_names() {
+  std::vector<std::string> names;
+  for (const Kind &kind : kKinds)
+    names.emplace_back(kind.name);
+  return names;
+}
+
+void describe(CLI::App *app, Task *task) {
+  app->add_option("CLIENT", task->client, "who asks")->required()->check(CLI::IsMember(client_names()));
+  app->add_option("--port", task->ports, "responders' ports on 127.0.0.1")->required()->delimiter(',');
+  app->add_option("--responder", task->responders, "their processes")->delimiter(',');
+  app->add_option("--core", task->cores, "where the workers run")->delimiter(',');
+  app->add_option("--outstanding", task->outstanding, "questions at once")->capture_default_str();
+  app->add_option("--threads", task->threads, "host threads")->check(CLI::Range(1, 64))->capture_default_str();
+  app->add_option("--count", task->count, "questions")->capture_default_str();
+  app->add_option("--zones", task->zones, "zones a question")->check(CLI::Range(1, 64))->capture_default_str();
+  app->add_option("--table", task->table, "places in kavo's table; 0: as many as outstanding questions");
+  app->add_option("--subjects", task->subjects, "above 0: ask so many names again and again, from the cache");
+}
+
+Figures perform(const Task &task) {
+  const bench::Pinned pinned(task.core_of(0));
+  const long memory_before = bench::peak_kib();
+  const Team team = make_team(task);
+  const unsigned warm_up = std::max({kWarmUp, 2 * task.outstanding, task.subjects});
+  (void)ask_all(task, team, task.subjects > 0 ? 0 : kWarmUpFrom, warm_up);
+  const bench::Stopwatch watch;
+  const std::vector<Share> shares = ask_all(task, team, 0, task.count);
+  Figures figures;
+  figures.cost = watch.stop();
+  figures.memory_kib = bench::peak_kib() - memory_before;
+  for (const Share &share : shares) {
+    figures.count += share.count;
+    figures.lost += share.lost;
+    figures.workers.push_back(share.worker);
+  }
+  figures.packets = figures.count * task.zones;
+  return figures;
+}
+
+std::string to_text(const Figures &figures) {
+  nlohmann::json json = {
+      {"count", figures.count},           {"packets", figures.packets},        {"lost", figures.lost},
+      {"wall_s", figures.cost.wall_s},    {"user_s", figures.cost.user_s},     {"system_s", figures.cost.system_s},
+      {"memory_kib", figures.memory_kib}, {"workers", nlohmann::json::array()}};
+  for (const Worker &worker : figures.workers)
+    json["workers"].push_back({{"wall_s", worker.wall_s}, {"responder_s", worker.responder_s}});
+  return json.dump() + "\n";
+}
+
+Figures run(const Task &task, std::vector<std::string> under, std::string *under_output) {
+  std::vector<std::string> argv = std::move(under);
+  const std::vector<std::string> own = argv_of(task);
+  argv.insert(argv.end(), own.begin(), own.end());
+  const support::Result result = support::run(argv, "", kTimeMax);
+  if (result.status != 0)
+    throw std::runtime_error(task.client + " failed (" + std::to_string(result.status) + "): " + result.err);
+  if (under_output != nullptr) *under_output = result.err;
+  Figures figures = from_text(result.out);
+  if (figures.lost > 0) throw std::runtime_error(task.client + " lost " + std::to_string(figures.lost) + " questions");
+  return figures;
+}
+
+}  // namespace compare

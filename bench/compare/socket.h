@@ -1,0 +1,62 @@
+// socket.h - the UDP sockets of the bare loop and of the responder, with room for every answer that may come at once.
+#ifndef KAVO_BENCH_COMPARE_SOCKET_H
+#define KAVO_BENCH_COMPARE_SOCKET_H
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <system_error>
+
+namespace compare {
+
+inline constexpr int kSocketBuffer = 32 << 20;  // bytes: ten thousand small packets wait their turn
+inline constexpr timeval kPatience = {1, 0};    // for the next answer; then the questions under way are lost
+
+// grow_buffer makes a socket's receive buffer as large as the system lets this process.
+inline void grow_buffer(int fd) {
+  if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &kSocketBuffer, sizeof kSocketBuffer) != 0)
+    (void)setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &kSocketBuffer, sizeof kSocketBuffer);
+}
+
+// UdpSocket is bound to a free port of 127.0.0.1, and connected to `peer` unless that is 0.
+class UdpSocket {
+ public:
+  explicit UdpSocket(uint16_t peer = 0) : fd_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in local = loopback(0), remote = loopback(peer);
+    socklen_t size = sizeof local;
+    if (fd_ < 0 || bind(fd_, reinterpret_cast<sockaddr *>(&local), size) != 0 ||
+        getsockname(fd_, reinterpret_cast<sockaddr *>(&local), &size) != 0 ||
+        (peer != 0 && (connect(fd_, reinterpret_cast<sockaddr *>(&remote), size) != 0 ||
+                       setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &kPatience, sizeof kPatience) != 0)))
+      throw std::system_error(errno, std::generic_category(), "socket");
+    grow_buffer(fd_);
+    port_ = ntohs(local.sin_port);
+  }
+  ~UdpSocket() {
+    if (fd_ >= 0) close(fd_);
+  }
+  UdpSocket(const UdpSocket &) = delete;
+  UdpSocket &operator=(const UdpSocket &) = delete;
+
+  [[nodiscard]] int fd() const { return fd_; }
+  [[nodiscard]] uint16_t port() const { return port_; }
+
+ private:
+  static sockaddr_in loopback(uint16_t port) {
+    sockaddr_in place{};
+    place.sin_family = AF_INET;
+    place.sin_port = htons(port);
+    place.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return place;
+  }
+
+  int fd_;
+  uint16_t port_ = 0;
+};
+
+}  // namespace compare
+
+#endif  // KAVO_BENCH_COMPARE_SOCKET_H
