@@ -30,9 +30,11 @@ class Cares : public Client {
  public:
   Cares(const Task &task, uint16_t port) : task_(task), names_(task.zones), asked_(task.window() * task.zones) {
     ares_options options{};
+    options.flags = ARES_FLAG_STAYOPEN;
     options.timeout = kTimeoutMs;
     options.tries = kTries;
-    must(ares_init_options(&channel_, &options, ARES_OPT_TIMEOUTMS | ARES_OPT_TRIES), "ares_init_options");
+    must(ares_init_options(&channel_, &options, ARES_OPT_FLAGS | ARES_OPT_TIMEOUTMS | ARES_OPT_TRIES),
+         "ares_init_options");
     must(ares_set_servers_ports_csv(channel_, ("127.0.0.1:" + std::to_string(port)).c_str()),
          "ares_set_servers_ports_csv");
     ares_set_socket_configure_callback(channel_, on_socket, nullptr);

@@ -12,7 +12,7 @@ namespace {
 
 constexpr double kMicro = 1e6;
 constexpr unsigned kWarmUp = 2000;           // questions at least; more where more are outstanding or cached
-constexpr unsigned kWarmUpFrom = 8'000'000;  // these are not asked again
+constexpr unsigned kWarmUpFrom = 3'000'000;  // these are not asked again
 constexpr support::milliseconds kTimeMax{120'000};
 
 struct Kind {
