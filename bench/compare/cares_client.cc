@@ -6,10 +6,8 @@
 #include <poll.h>
 
 #include <array>
-#include <mutex>
 
-#include "client.h"
-#include "packet.h"
+#include "callback_client.h"
 #include "socket.h"
 
 namespace compare {
@@ -26,9 +24,9 @@ void must(int status, const char *what) {
   if (status != ARES_SUCCESS) throw std::runtime_error(std::string(what) + ": " + ares_strerror(status));
 }
 
-class Cares : public Client {
+class Cares : public CallbackClient {
  public:
-  Cares(const Task &task, uint16_t port) : task_(task), names_(task.zones), asked_(task.window() * task.zones) {
+  Cares(const Task &task, uint16_t port) : CallbackClient(kName, task) {
     ares_options options{};
     options.flags = ARES_FLAG_STAYOPEN;
     options.timeout = kTimeoutMs;
@@ -38,59 +36,25 @@ class Cares : public Client {
     must(ares_set_servers_ports_csv(channel_, ("127.0.0.1:" + std::to_string(port)).c_str()),
          "ares_set_servers_ports_csv");
     ares_set_socket_configure_callback(channel_, on_socket, nullptr);
-    for (Asked &each : asked_) {
-      each.self = this;
-      free_.push_back(&each);
-    }
   }
   ~Cares() override { ares_destroy(channel_); }
   Cares(const Cares &) = delete;
   Cares &operator=(const Cares &) = delete;
 
-  unsigned ask(unsigned first, unsigned count) override {
-    Packets next(task_, first);
-    lost_ = 0;
-    for (unsigned left = count * task_.zones; left > 0 || free_.size() < asked_.size();) {
-      for (; left > 0 && !free_.empty(); --left, next.next())
-        start(next.address(), next.zone());
-      turn();
-      if (!fault_.empty()) throw std::runtime_error(fault_);
-    }
-    return lost_;
-  }
-
  private:
-  struct Asked {
-    Cares *self;
-    uint32_t address;
-  };
-
   static int on_socket(ares_socket_t fd, int, void *) {
     grow_buffer(fd);
     return ARES_SUCCESS;
   }
 
-  void start(uint32_t address, unsigned zone) {
-    Asked *asked = free_.back();
-    free_.pop_back();
-    asked->address = address;
-    ares_query(channel_, names_.text_of(address, zone), kClassIn, kTypeA, on_end, asked);
-  }
+  void start(const char *name, Asked *asked) override { ares_query(channel_, name, kClassIn, kTypeA, on_end, asked); }
 
   static void on_end(void *arg, int status, int, unsigned char *packet, int size) {
     auto *asked = static_cast<Asked *>(arg);
-    asked->self->end(asked, status, packet, size);
-  }
-
-  // No exception may pass through c-ares: a wrong answer is kept until its loop is left.
-  void end(Asked *asked, int status, const unsigned char *packet, int size) {
-    free_.push_back(asked);
-    if (status != ARES_SUCCESS && status != ARES_ENOTFOUND) {
-      ++lost_;
-      return;
-    }
-    if ((status == ARES_SUCCESS && is_listed(packet, size)) != bench::listed(asked->address))
-      fault_ = std::string(kName) + ": wrong answer about " + bench::name_of(asked->address);
+    Says says = Says::nothing;
+    if (status == ARES_ENOTFOUND) says = Says::not_listed;
+    if (status == ARES_SUCCESS && is_listed(packet, size)) says = Says::listed;
+    static_cast<Cares *>(asked->self)->end(asked, says);
   }
 
   static bool is_listed(const unsigned char *packet, int size) {
@@ -100,8 +64,7 @@ class Cares : public Client {
            ntohl(found[0].ipaddr.s_addr) == bench::kListedAnswer;
   }
 
-  // One turn of the loop: waits for a socket, and lets c-ares work.
-  void turn() {
+  void turn() override {
     std::array<ares_socket_t, ARES_GETSOCK_MAXNUM> sockets;
     const int wanted = ares_getsock(channel_, sockets.data(), ARES_GETSOCK_MAXNUM);
     std::array<pollfd, ARES_GETSOCK_MAXNUM> ready;
@@ -116,13 +79,7 @@ class Cares : public Client {
       if (ready[i].revents != 0) ares_process_fd(channel_, ready[i].fd, ARES_SOCKET_BAD);
   }
 
-  Task task_;
-  Names names_;
-  std::vector<Asked> asked_;
-  std::vector<Asked *> free_;
   ares_channel channel_ = nullptr;
-  unsigned lost_ = 0;
-  std::string fault_;
 };
 
 }  // namespace

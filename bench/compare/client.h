@@ -36,9 +36,11 @@ struct Task {
   [[nodiscard]] std::optional<unsigned> core_of(unsigned worker) const {
     return cores.empty() ? std::nullopt : std::optional(cores[worker % cores.size()]);
   }
+  // Question n is about address (n); it was asked before, and its answer is cached, where is_cached (n).
   [[nodiscard]] uint32_t address(uint32_t n) const {
     return subjects == 0 ? bench::question(n) : bench::listed_question(n % subjects);
   }
+  [[nodiscard]] bool is_cached(uint32_t n) const { return subjects > 0 && n >= subjects; }
 };
 
 // Client is one worker: it is made by one thread and asks on one thread.
@@ -53,9 +55,12 @@ class Client {
 using Team = std::vector<std::unique_ptr<Client>>;  // a worker for each thread
 
 // They throw std::runtime_error.
-[[nodiscard]] Team make_bare(const Task &task);   // sendmmsg and recvmmsg, a socket each
-[[nodiscard]] Team make_kavo(const Task &task);   // nodes; a context for each port, shared by the workers that ask it
-[[nodiscard]] Team make_cares(const Task &task);  // a channel each
+[[nodiscard]] Team make_bare(const Task &task);  // sendmmsg and recvmmsg, a socket each
+[[nodiscard]] Team make_kavo(const Task &task);  // nodes; a context for each port, shared by the workers that ask it
+[[nodiscard]] Team make_kavo_query(const Task &task);  // kavo_query, one question at a time
+[[nodiscard]] Team make_kavo_get(const Task &task);    // kavo_cache_get, a cache each
+[[nodiscard]] Team make_cares(const Task &task);       // a channel each
+[[nodiscard]] Team make_unbound(const Task &task);     // libunbound's event interface, a context each
 
 // Packets counts through the packets of a stretch of questions: every zone of one address, then the next address.
 class Packets {

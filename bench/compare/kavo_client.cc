@@ -26,11 +26,11 @@ class Kavo : public Client {
   unsigned ask(unsigned first, unsigned count) override {
     const unsigned window = std::min(static_cast<unsigned>(asked_.size()), count);
     for (unsigned i = 0; i < window; ++i)
-      start(&asked_[i], task_.address(first + i));
+      start(&asked_[i], first + i);
     unsigned lost = 0;
     for (unsigned i = 0, slot = 0; i < count; ++i, slot = slot + 1 < window ? slot + 1 : 0) {
       if (!finish(asked_[slot])) ++lost;
-      if (i + window < count) start(&asked_[slot], task_.address(first + i + window));
+      if (i + window < count) start(&asked_[slot], first + i + window);
     }
     return lost;
   }
@@ -39,11 +39,13 @@ class Kavo : public Client {
   struct Asked {
     KAVO_QUERY_NODE node = nullptr;
     uint32_t address = 0;
+    bool cached = false;
   };
 
-  void start(Asked *asked, uint32_t address) {
-    const in_addr query = {htonl(address)};
-    asked->address = address;
+  void start(Asked *asked, unsigned number) {
+    asked->address = task_.address(number);
+    asked->cached = task_.is_cached(number);
+    const in_addr query = {htonl(asked->address)};
     must(kavo_subscribe_node(context_->get(), KAVOT_BL_IP, &query, sizeof query, 0, nullptr, &asked->node),
          "kavo_subscribe_node");
   }
@@ -53,7 +55,7 @@ class Kavo : public Client {
     must(kavo_set_answer_iterator(context_->get(), asked.node, iterator_), "kavo_set_answer_iterator");
     unsigned answers = 0, answered = 0;
     for (const KAVO_ANSWER *answer; (answer = kavo_get_answer(context_->get(), iterator_)) != nullptr; ++answers)
-      if (is_answered(*answer, asked.address, task_.subjects > 0)) ++answered;
+      if (is_answered(*answer, asked.address, asked.cached)) ++answered;
     if (answers != task_.zones) wrong(kName, asked.address);
     must(kavo_unsubscribe_node(context_->get(), asked.node), "kavo_unsubscribe_node");
     return answered == answers;

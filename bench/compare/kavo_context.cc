@@ -6,8 +6,8 @@ namespace compare {
 namespace {
 
 constexpr const char *kName = "kavo";
-constexpr int kCacheBytesEach = 1024;  // far more than an answer takes
-constexpr uint32_t kTimeoutS = 5;      // a packet that is lost shows
+
+constexpr uint32_t kTimeoutS = 5;  // a packet that is lost shows
 
 int table_size(const Task &task) {
   const unsigned least = task.window() * task.threads;
@@ -29,7 +29,7 @@ bool is_answered(const KAVO_ANSWER &answer, uint32_t address, bool from_cache) {
 }
 
 Context::Context(const Task &task, uint16_t port) {
-  const int cache_bytes = static_cast<int>(task.subjects) * kCacheBytesEach;
+  const int cache_bytes = static_cast<int>(task.subjects * kCacheBytesEach);
   must(kavo_init_ext(&kavo_, table_size(task), cache_bytes, static_cast<int>(task.zones), 0), "kavo_init_ext");
   must(kavo_set_opt(kavo_, KAVOOPT_TIMEOUT, kTimeoutS), "kavo_set_opt");
   for (unsigned n = 0; n < task.zones; ++n)

@@ -11,6 +11,8 @@
 
 namespace compare {
 
+inline constexpr size_t kCacheBytesEach = 1024;  // far more than an answer takes
+
 // must throws for any outcome but KAVOE_OK.
 void must(KAVO_ERR code, const char *what);
 
