@@ -1,15 +1,73 @@
-// bench_compare: kavo beside a bare loop and beside other resolver libraries, in ratios of one run.
+// bench_compare: kavo beside a bare loop of system calls and beside other resolver libraries, in ratios of one run. It
+// measures case after case and prints Markdown; every measurement is a process of its own, which the program starts by
+// running itself with the word "ask" (and who is asked, with "respond").
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <iostream>
 
-#include "responder.h"
+#include "cases.h"
 #include "run.h"
+
+namespace compare {
+namespace {
+
+void describe_plan(CLI::App *app, Plan *plan, std::vector<std::string> *only, std::string *directory) {
+  std::vector<std::string> names;
+  std::string help = "Cases:\n";
+  for (const Case &each : kCases) {
+    names.emplace_back(each.name);
+    help += std::string("  ") + each.name + ": " + each.shows + "\n";
+  }
+  app->add_option("--only", *only, "measure these cases alone")->check(CLI::IsMember(names))->delimiter(',');
+  app->add_option("--rounds", plan->rounds, "rounds of each; medians are printed, and quartiles")
+      ->check(CLI::Range(1, 99))
+      ->capture_default_str();
+  app->add_option("--count", plan->count, "questions of one measurement")
+      ->check(CLI::Range(1'000, 500'000))
+      ->capture_default_str();
+  app->add_option("--write", *directory, "write compare.md and its plots into this directory");
+  app->footer(help);
+}
+
+// The first two cores that this process may use; with a single one everything shares it.
+void choose_cores(Plan *plan) {
+  const std::vector<unsigned> cores = bench::cores();
+  plan->client_core = cores.front();
+  plan->responder_core = cores[cores.size() > 1 ? 1 : 0];
+}
+
+std::string explanation(const Plan &plan) {
+  return "## How to read it\n\nEach measurement is a process of its own: all threads of the client run on core " +
+         std::to_string(plan.client_core) + ", who answers on core " + std::to_string(plan.responder_core) +
+         ",\nunless a case says otherwise. Figures are medians of " + std::to_string(plan.rounds) +
+         " rounds, in parentheses the quartiles. Within a round the clients take\nturns, and a ratio is of two figures "
+         "of the same round: on a machine that others use too, figures drift, ratios hardly\ndo. Wall times and "
+         "questions a second suffer most from others.\n\nThe responder of this program costs less processor time a "
+         "question than anyone who asks it (see the table), so that\nnobody waits for it; where others are told to "
+         "time out after seconds, a packet that is lost would show. c-ares parses its\nanswers with "
+         "`ares_parse_a_reply`, libunbound's are read in place. Half of the addresses are listed.\n\n";
+}
+
+void measure(const Plan &plan, const std::vector<std::string> &only, const std::string &directory) {
+  Report report;
+  report.add(explanation(plan));
+  for (const Case &each : kCases)
+    if (only.empty() || std::find(only.begin(), only.end(), each.name) != only.end()) each.measure(plan, &report);
+  std::cout << "## Targets\n\n" << report.targets();
+  if (!directory.empty()) report.write(directory);
+}
+
+}  // namespace
+}  // namespace compare
 
 int main(int argc, char **argv) {
   CLI::App app("kavo beside a bare sendmmsg/recvmmsg loop, c-ares and libunbound.", "bench_compare");
+  compare::Plan plan;
   compare::Task task;
+  std::vector<std::string> only;
+  std::string directory;
   unsigned hold = 0;
+  compare::describe_plan(&app, &plan, &only, &directory);
   CLI::App *ask = app.add_subcommand("ask", "one measurement: a client asks a responder; prints what it took");
   compare::describe(ask, &task);
   CLI::App *respond = app.add_subcommand("respond", "the responder, until it is ended");
@@ -17,7 +75,12 @@ int main(int argc, char **argv) {
   CLI11_PARSE(app, argc, argv);
   try {
     if (respond->parsed()) compare::respond(hold);
-    if (ask->parsed()) std::cout << compare::to_text(compare::perform(task));
+    if (ask->parsed()) {
+      std::cout << compare::to_text(compare::perform(task));
+      return 0;
+    }
+    compare::choose_cores(&plan);
+    compare::measure(plan, only, directory);
   } catch (const std::exception &error) {
     std::fprintf(stderr, "bench_compare: %s\n", error.what());
     return 1;

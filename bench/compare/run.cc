@@ -123,6 +123,10 @@ double Figures::wall_us() const {
   return cost.wall_s * kMicro / count;
 }
 
+double Figures::memory() const {
+  return static_cast<double>(memory_kib);
+}
+
 double Figures::rate() const {
   return count / cost.wall_s;
 }

@@ -30,6 +30,7 @@ struct Figures {
   [[nodiscard]] double responder_us() const;
   [[nodiscard]] double wall_us() const;  // of one question
   [[nodiscard]] double rate() const;     // questions a second
+  [[nodiscard]] double memory() const;   // KiB
 };
 
 // clients returns the names of all clients; describe adds the options of a task to the program that performs it.
