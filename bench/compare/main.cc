@@ -2,6 +2,7 @@
 // measures case after case and prints Markdown; every measurement is a process of its own, which the program starts by
 // running itself with the word "ask" (and who is asked, with "respond").
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <iostream>
 
@@ -54,6 +55,7 @@ void measure(const Plan &plan, const std::vector<std::string> &only, const std::
   for (const Case &each : kCases)
     if (only.empty() || std::find(only.begin(), only.end(), each.name) != only.end()) each.measure(plan, &report);
   std::cout << "## Targets\n\n" << report.targets();
+  if (lost_questions() > 0) throw std::runtime_error(std::to_string(lost_questions()) + " questions were lost");
   if (!directory.empty()) report.write(directory);
 }
 

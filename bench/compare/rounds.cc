@@ -11,6 +11,13 @@ bench::Spread Series::spread(Measure measure) const {
   return bench::spread_of(std::move(values));
 }
 
+unsigned Series::lost() const {
+  unsigned lost = 0;
+  for (const Figures &round : rounds)
+    lost += round.lost;
+  return lost;
+}
+
 bench::Spread Series::ratio_to(const Series &other, Measure measure, Measure other_measure) const {
   std::vector<double> values;
   for (size_t i = 0; i < rounds.size(); ++i)

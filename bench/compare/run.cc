@@ -15,6 +15,8 @@ constexpr unsigned kWarmUp = 2000;           // questions at least; more where m
 constexpr unsigned kWarmUpFrom = 3'000'000;  // these are not asked again
 constexpr support::milliseconds kTimeMax{120'000};
 
+unsigned long lost_by_all = 0;
+
 struct Kind {
   const char *name;
   Team (*make)(const Task &task);
@@ -182,6 +184,10 @@ std::string to_text(const Figures &figures) {
   return json.dump() + "\n";
 }
 
+unsigned long lost_questions() {
+  return lost_by_all;
+}
+
 Figures run(const Task &task, std::vector<std::string> under, std::string *under_output) {
   std::vector<std::string> argv = std::move(under);
   const std::vector<std::string> own = argv_of(task);
@@ -191,7 +197,7 @@ Figures run(const Task &task, std::vector<std::string> under, std::string *under
     throw std::runtime_error(task.client + " failed (" + std::to_string(result.status) + "): " + result.err);
   if (under_output != nullptr) *under_output = result.err;
   Figures figures = from_text(result.out);
-  if (figures.lost > 0) throw std::runtime_error(task.client + " lost " + std::to_string(figures.lost) + " questions");
+  lost_by_all += figures.lost;
   return figures;
 }
 

@@ -42,8 +42,11 @@ void describe(CLI::App *app, Task *task);
 [[nodiscard]] std::string to_text(const Figures &figures);
 
 // run has a process of its own perform a task: directly, or under a program such as valgrind (`under`), whose output
-// goes to `under_output`. Throws std::runtime_error for a process that fails, and when a question was lost.
+// goes to `under_output`. Throws std::runtime_error for a process that fails, which one with a wrong answer does.
 [[nodiscard]] Figures run(const Task &task, std::vector<std::string> under = {}, std::string *under_output = nullptr);
+
+// lost_questions returns how many questions all runs so far have lost: more than none spoils their figures.
+[[nodiscard]] unsigned long lost_questions();
 
 }  // namespace compare
 

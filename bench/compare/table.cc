@@ -14,8 +14,8 @@ constexpr double kBareMax = 1.35;
 
 constexpr const char *kColumns =
     "| outstanding | client | questions/s | processor, µs a question | × the bare loop | "
-    "responder, µs | memory, KiB |\n"
-    "| ---: | --- | ---: | ---: | ---: | ---: | ---: |\n";
+    "responder, µs | memory, KiB | lost |\n"
+    "| ---: | --- | ---: | ---: | ---: | ---: | ---: | ---: |\n";
 
 std::string line(const Series &series, const Series &bare) {
   const unsigned outstanding = series.task.window() * series.task.threads;
@@ -23,7 +23,7 @@ std::string line(const Series &series, const Series &bare) {
          print(series.spread(&Figures::rate), 0) + " | " + print(series.spread(&Figures::processor_us), 2) + " | " +
          print(series.ratio_to(bare, &Figures::processor_us), 2) + " | " +
          print(series.spread(&Figures::responder_us).median, 2) + " | " +
-         print(series.spread(&Figures::memory).median, 0) + " |\n";
+         print(series.spread(&Figures::memory).median, 0) + " | " + std::to_string(series.lost()) + " |\n";
 }
 
 // decide adds the target for many questions at once.
