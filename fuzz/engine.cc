@@ -177,14 +177,14 @@ class World {
     });
     return true;
   }
-  static int udp_open(void *self, uint16_t) {
+  static int udp_open(void *self, uint16_t, const sockaddr_in *) {
     of(self)->sockets_[of(self)->next_];
     return of(self)->next_++;
   }
   static void close(void *self, int number) {
     check(of(self)->sockets_.erase(number) == 1, "a socket that is closed was open");
   }
-  static int udp_send(void *self, int number, const dns::Datagram *datagrams, unsigned count) {
+  static int udp_send(void *self, int number, const dns::Datagram *datagrams, unsigned count, bool) {
     for (unsigned i = 0; i < count; ++i)
       of(self)->ask_udp(&socket_of(self, number), datagrams[i]);
     return static_cast<int>(count);

@@ -27,7 +27,7 @@ constexpr char kSource[] = "kavo_query_table";
 
 // Blocks of nodes come in sizes that are so many bytes apart, so that one fits most of the questions to come; of each
 // size as many are kept. Under AddressSanitizer none is, so that it sees the use of one that was released.
-constexpr unsigned kBlockStep = 32;
+constexpr unsigned kBlockStep = 16;
 static_assert(KAVO_KEY_SIZE_MAX <= KAVO_SPARE_CLASSES * kBlockStep);
 #if defined(__SANITIZE_ADDRESS__)
 constexpr unsigned kSpareMax = 0;

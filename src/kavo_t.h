@@ -40,7 +40,7 @@ struct kavo_lookup {
 
 // kavo_spare_blocks: blocks of nodes that have left the table, by the sizes of the keys that they hold, for the nodes
 // to come.
-inline constexpr unsigned KAVO_SPARE_CLASSES = 13;
+inline constexpr unsigned KAVO_SPARE_CLASSES = 25;
 struct kavo_spare_blocks {
   struct kavo_spare_block *first[KAVO_SPARE_CLASSES];
   unsigned count[KAVO_SPARE_CLASSES];

@@ -77,9 +77,9 @@ class Mirror {
       static_cast<uint8_t *>(bytes)[at] = static_cast<uint8_t>(of(self)->random_() >> 8);
     return true;
   }
-  static int udp_open(void *self, uint16_t) { return of(self)->next_socket_++; }
+  static int udp_open(void *self, uint16_t, const sockaddr_in *) { return of(self)->next_socket_++; }
   static void udp_close(void *self, int socket) { of(self)->inboxes_.erase(socket); }
-  static int udp_send(void *self, int socket, const dns::Datagram *datagrams, unsigned count) {
+  static int udp_send(void *self, int socket, const dns::Datagram *datagrams, unsigned count, bool) {
     std::deque<Packet> &inbox = of(self)->inboxes_[socket];
     for (unsigned i = 0; i < count; ++i) {
       Packet &packet = inbox.emplace_back();

@@ -307,6 +307,8 @@ void World::deliver_due() {
 
 void World::mail(int socket, const sockaddr_in &from, Bytes bytes) {
   if (bytes.empty() || chance(weather.loss_percent)) return;
+  const auto only = connected_.find(socket);
+  if (only != connected_.end() && memcmp(&only->second, &from, sizeof from) != 0) return;
   char text[INET_ADDRSTRLEN];
   inet_ntop(AF_INET, &from.sin_addr, text, sizeof text);
   const auto delay = delays_us.find(text);
@@ -366,8 +368,9 @@ bool World::random_bytes(void *self, void *bytes, size_t size) {
   return true;
 }
 
-int World::udp_open(void *self, uint16_t) {
+int World::udp_open(void *self, uint16_t, const sockaddr_in *peer) {
   auto *world = static_cast<World *>(self);
+  if (peer != nullptr) world->connected_[world->next_socket_] = *peer;
   world->inboxes_[world->next_socket_];
   ++world->sockets_open;
   return world->next_socket_++;
@@ -376,10 +379,11 @@ int World::udp_open(void *self, uint16_t) {
 void World::udp_close(void *self, int socket) {
   auto *world = static_cast<World *>(self);
   world->inboxes_.erase(socket);
+  world->connected_.erase(socket);
   --world->sockets_open;
 }
 
-int World::udp_send(void *self, int socket, const dns::Datagram *datagrams, unsigned count) {
+int World::udp_send(void *self, int socket, const dns::Datagram *datagrams, unsigned count, bool) {
   auto *world = static_cast<World *>(self);
   if (world->send_buffers_full) return -EAGAIN;
   for (unsigned i = 0; i < count; ++i)

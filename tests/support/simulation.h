@@ -115,9 +115,9 @@ class World {
 
   static dns_time wall(void *self);
   static bool random_bytes(void *self, void *bytes, size_t size);
-  static int udp_open(void *self, uint16_t port);
+  static int udp_open(void *self, uint16_t port, const sockaddr_in *peer);
   static void udp_close(void *self, int socket);
-  static int udp_send(void *self, int socket, const dns::Datagram *datagrams, unsigned count);
+  static int udp_send(void *self, int socket, const dns::Datagram *datagrams, unsigned count, bool connected);
   static int udp_receive(void *self, int socket, dns::Datagram *datagrams, unsigned count);
   static int udp_returned(void *self, int socket, dns::Datagram *datagram);
   static int tcp_open(void *self, const sockaddr_in &peer);
@@ -134,6 +134,7 @@ class World {
   std::map<std::string, Temper> tempers_;
   std::multimap<int64_t, Parcel> under_way_;
   std::map<int, std::deque<Parcel>> inboxes_;
+  std::map<int, sockaddr_in> connected_;  // sockets that hear nobody else
   std::map<int, Stream> streams_;
   Bytes last_question_;
   int next_socket_ = 100;

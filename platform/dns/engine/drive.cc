@@ -87,6 +87,7 @@ void give_up_late(dns_ctx *ctx) {
     if (q->over_tcp) {
       tcp_timed_out(q);
     } else {
+      ctx->sockets.missed(q->slot, q->sent_us);
       missed(q);
       ask_again(q);
     }

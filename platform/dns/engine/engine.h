@@ -310,6 +310,9 @@ void give_up_place(dns_query *q);
 // leave takes a question out of its list, the timers, the index and its connection, and gives its socket back.
 void leave(dns_query *q);
 
+// give_up_slot takes a question out of the index and from its socket or connection.
+void give_up_slot(dns_query *q);
+
 // enqueue puts a question that is in no list, or in a plain one, at the end of those that are to be sent.
 void enqueue(dns_query *q);
 

@@ -72,6 +72,10 @@ void give_up_place(dns_query *q) {
 
 void leave(dns_query *q) {
   leave_list(q);
+  give_up_slot(q);
+}
+
+void give_up_slot(dns_query *q) {
   if (q->slot == UdpPool::kNone) return;
   q->ctx->index.remove(q);
   if (q->slot >= kTcpSlot) {

@@ -156,6 +156,7 @@ void receive(dns_ctx *ctx, int slot) {
       ctx->buffers->in[i].capacity = kAnswerRoom;
     }
     const int count = ctx->io->udp_receive(ctx->io->self, descriptor, ctx->buffers->in, kBatch);
+    if (count > 0) ctx->sockets.heard(slot, ctx->now_us);
     for (int i = 0; i < count; ++i) {
       const Datagram &in = ctx->buffers->in[i];
       if (in.size <= in.capacity) {

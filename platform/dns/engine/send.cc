@@ -10,9 +10,17 @@
 namespace dns {
 namespace {
 
+// only_server returns the one server that can answer a question, null where there are several or strangers are expected
+// to answer for them.
+const Server *only_server(const dns_query *q) {
+  const auto servers = servers_of(q);
+  return servers.size() == 1 && q->ctx->nexpected == 0 ? servers[0] : nullptr;
+}
+
 // collect builds the packets of the questions that can leave from `slot` in one batch: those at the head of the list
-// that left from it before, or that are new where the first one is. They stay in the list until they are sent.
-unsigned collect(dns_ctx *ctx, int slot, unsigned room) {
+// that left from it before, or that are new where the first one is, and that `only` can answer. They stay in the list
+// until they are sent.
+unsigned collect(dns_ctx *ctx, int slot, unsigned room, const Server *only) {
   const bool fresh = static_cast<const dns_query *>(ctx->sending.next)->slot == UdpPool::kNone;
   dns_ctx::Buffers *buffers = ctx->buffers;
   unsigned count = 0;
@@ -20,6 +28,7 @@ unsigned collect(dns_ctx *ctx, int slot, unsigned room) {
     auto *q = static_cast<dns_query *>(link);
     const bool is_new = q->slot == UdpPool::kNone;
     if (q->over_tcp || is_new != fresh || (!is_new && q->slot != slot)) break;
+    if (is_new ? only_server(q) != only : !ctx->sockets.reaches(slot, servers_of(q)[q->server]->address)) break;
     if (is_new && (!ctx->random.u16(&q->id) || !ctx->random.u64(&q->case_bits))) break;
     if (servers_of(q)[q->server]->set_aside()) turn_away(q);
     Datagram &datagram = buffers->out[count];
@@ -74,7 +83,8 @@ void tell_sent(dns_ctx *ctx, int slot, int count) {
 // then made again. A packet that the system's own queue drops has left like one that the network loses.
 int try_send(dns_ctx *ctx, int slot, unsigned count) {
   const auto attempt = [&] {
-    const int left = ctx->io->udp_send(ctx->io->self, ctx->sockets.descriptor(slot), ctx->buffers->out, count);
+    const int left = ctx->io->udp_send(ctx->io->self, ctx->sockets.descriptor(slot), ctx->buffers->out, count,
+                                       ctx->sockets.connected(slot));
     return left == -ENOBUFS ? 1 : left;
   };
   const int result = attempt();
@@ -101,6 +111,16 @@ unsigned room_at(const Server *server) {
   return kPerServer - std::min(kPerServer, server->under_way);
 }
 
+// needs_another_socket tells whether a question hears nothing on the socket that it has left from: it has gone on to
+// other servers than the one that is connected to, or two tries have met with silence there.
+bool needs_another_socket(const dns_query *q) {
+  constexpr unsigned kSilentTries = 2;
+  const UdpPool &sockets = q->ctx->sockets;
+  if (q->slot == UdpPool::kNone) return false;
+  return !sockets.reaches(q->slot, servers_of(q)[q->server]->address) ||
+         (q->tries >= kSilentTries && sockets.silent(q->slot, q->first_sent_us));
+}
+
 // send_next sends the question at the head of the list, and with it what can leave in the same call.
 void send_next(dns_ctx *ctx, Link *held) {
   auto *q = static_cast<dns_query *>(ctx->sending.next);
@@ -115,8 +135,12 @@ void send_next(dns_ctx *ctx, Link *held) {
     server->parked.append(q);
     return;
   }
+  if (needs_another_socket(q)) give_up_slot(q);
   unsigned room = kBatch;
-  const int slot = q->slot != UdpPool::kNone ? q->slot : ctx->sockets.pick(ctx->now_us, &room);
+  const Server *only = only_server(q);
+  const int slot = q->slot != UdpPool::kNone
+                       ? q->slot
+                       : ctx->sockets.pick(ctx->now_us, only != nullptr ? &only->address : nullptr, &room);
   if (slot != UdpPool::kNone && ctx->sockets.blocked(slot)) {
     // A try that cannot leave is over when its longest wait would be, so that every question ends.
     if (ctx->now_us - q->sent_us >= ctx->options.timeout_us) {
@@ -126,7 +150,7 @@ void send_next(dns_ctx *ctx, Link *held) {
     }
     return;
   }
-  const unsigned count = slot == UdpPool::kNone ? 0 : collect(ctx, slot, room);
+  const unsigned count = slot == UdpPool::kNone ? 0 : collect(ctx, slot, room, only);
   if (count == 0) {
     not_sent(q);
   } else if (!send_batch(ctx, slot, count)) {

@@ -32,14 +32,15 @@ bool system_random(void *, void *bytes, size_t size) {
   return true;
 }
 
-int system_udp_open(void *, uint16_t port) {
+int system_udp_open(void *, uint16_t port, const sockaddr_in *peer) {
   const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_UDP);
   if (descriptor < 0) return -errno;
   sockaddr_in local{};
   local.sin_family = AF_INET;
   local.sin_port = htons(port);
   local.sin_addr.s_addr = htonl(INADDR_ANY);
-  if (bind(descriptor, reinterpret_cast<const sockaddr *>(&local), sizeof local) != 0) {
+  if (bind(descriptor, reinterpret_cast<const sockaddr *>(&local), sizeof local) != 0 ||
+      (peer != nullptr && connect(descriptor, reinterpret_cast<const sockaddr *>(peer), sizeof *peer) != 0)) {
     const int error = errno;
     close(descriptor);
     return -error;
@@ -66,16 +67,17 @@ struct Headers {
     vectors[at] = {data, size};
     messages[at] = {};
     messages[at].msg_hdr.msg_name = peer;
-    messages[at].msg_hdr.msg_namelen = sizeof *peer;
+    messages[at].msg_hdr.msg_namelen = peer != nullptr ? sizeof *peer : 0;
     messages[at].msg_hdr.msg_iov = &vectors[at];
     messages[at].msg_hdr.msg_iovlen = 1;
   }
 };
 
-int system_udp_send(void *, int descriptor, const Datagram *datagrams, unsigned count) {
+int system_udp_send(void *, int descriptor, const Datagram *datagrams, unsigned count, bool connected) {
   Headers headers;
   for (unsigned i = 0; i < count; ++i)
-    headers.tie(i, datagrams[i].data, datagrams[i].size, const_cast<sockaddr_in *>(&datagrams[i].peer));
+    headers.tie(i, datagrams[i].data, datagrams[i].size,
+                connected ? nullptr : const_cast<sockaddr_in *>(&datagrams[i].peer));
   const int sent = sendmmsg(descriptor, headers.messages, count, MSG_NOSIGNAL);
   return sent < 0 ? -errno : sent;
 }

@@ -11,7 +11,7 @@ constexpr int kBindTries = 64;  // random ports tried before the pool reports th
 }  // namespace
 
 int UdpPool::open() {
-  return open_ > 0 ? 0 : (open_slot(0) >= 0 ? 0 : -EADDRNOTAVAIL);
+  return open_ > 0 ? 0 : (open_slot(0, nullptr) >= 0 ? 0 : -EADDRNOTAVAIL);
 }
 
 void UdpPool::close() {
@@ -33,21 +33,24 @@ void UdpPool::retire(int64_t now_us) {
   }
 }
 
-int UdpPool::pick(int64_t now_us, unsigned *room) {
+int UdpPool::pick(int64_t now_us, const sockaddr_in *peer, unsigned *room) {
   constexpr int64_t kLookUs = 1'000'000;
   if (now_us - retired_us_ >= kLookUs) retire(now_us);
+  unsigned serving = 0;
+  for (unsigned i = 0; i < extent_; ++i)
+    serving += serves(static_cast<int>(i), peer) ? 1 : 0;
   // Until the pool has its least number of ports a forger has fewer to guess, so it grows to that before any is used
   // twice.
-  if (open_ < kSocketsMin) (void)open_slot(now_us);
+  if (serving < kSocketsMin) (void)open_slot(now_us, peer);
   uint16_t random = 0;
   if (!random_->u16(&random) || extent_ == 0) return kNone;
   for (unsigned i = 0; i < extent_; ++i) {
     const int slot = static_cast<int>((random + i) % extent_);
-    if (!usable(slot)) continue;
+    if (!serves(slot, peer) || !usable(slot)) continue;
     *room = kInFlightPerSocket - slots_[slot].in_flight;
     return slot;
   }
-  const int fresh = open_slot(now_us);
+  const int fresh = open_slot(now_us, peer);
   if (fresh != kNone) {
     *room = kInFlightPerSocket;
     return fresh;
@@ -56,10 +59,22 @@ int UdpPool::pick(int64_t now_us, unsigned *room) {
   int least = kNone;
   for (unsigned i = 0; i < extent_; ++i) {
     const int slot = static_cast<int>((random + i) % extent_);
-    if (is_open(slot) && (least == kNone || busier(least, slot))) least = slot;
+    if (serves(slot, peer) && (least == kNone || busier(least, slot))) least = slot;
   }
   *room = kBatch;
   return least;
+}
+
+// serves tells whether a slot is open and connected to `peer`, or for a null one to nobody.
+bool UdpPool::serves(int slot, const sockaddr_in *peer) const {
+  if (!is_open(slot)) return false;
+  return peer == nullptr ? !connected(slot) : connected(slot) && reaches(slot, *peer);
+}
+
+bool UdpPool::reaches(int slot, const sockaddr_in &server) const {
+  const sockaddr_in &peer = slots_[slot].peer;
+  if (!connected(slot)) return true;
+  return peer.sin_addr.s_addr == server.sin_addr.s_addr && peer.sin_port == server.sin_port;
 }
 
 bool UdpPool::usable(int slot) const {
@@ -90,26 +105,39 @@ int UdpPool::slot_of(int descriptor) const {
   return kNone;
 }
 
-int UdpPool::open_slot(int64_t now_us) {
-  unsigned slot = 0;
-  while (slot < extent_ && slots_[slot].descriptor >= 0)
-    ++slot;
-  if (slot == kSocketsMax) return kNone;
+// free_slot returns the place of a socket to come, which is to be connected to `peer`: an empty one, or when there is
+// none that of an idle socket for another peer.
+int UdpPool::free_slot(const sockaddr_in *peer) {
+  for (unsigned slot = 0; slot < extent_; ++slot)
+    if (slots_[slot].descriptor < 0) return static_cast<int>(slot);
+  if (extent_ < kSocketsMax) return static_cast<int>(extent_++);
+  for (unsigned i = 0; i < extent_; ++i) {
+    const int slot = static_cast<int>(i);
+    if (slots_[slot].in_flight > 0 || serves(slot, peer)) continue;
+    close_slot(slot);
+    return slot;
+  }
+  return kNone;
+}
+
+int UdpPool::open_slot(int64_t now_us, const sockaddr_in *peer) {
+  const int slot = free_slot(peer);
+  if (slot == kNone) return kNone;
   for (int i = 0; i < kBindTries; ++i) {
     uint16_t port = 0;
     if (!random_->u16(&port)) return kNone;
     // Ports below the least are drawn again rather than folded up, so that every port stays equally likely.
     if (port < kPortMin) continue;
-    const int descriptor = io_->udp_open(io_->self, port);
+    const int descriptor = io_->udp_open(io_->self, port, peer);
     if (descriptor == -EADDRINUSE || descriptor == -EACCES) continue;
     if (descriptor < 0) return kNone;
     slots_[slot] = {};
     slots_[slot].descriptor = descriptor;
     slots_[slot].born_us = now_us;
     slots_[slot].port = port;
-    if (slot == extent_) ++extent_;
+    if (peer != nullptr) slots_[slot].peer = *peer;
     ++open_;
-    return static_cast<int>(slot);
+    return slot;
   }
   return kNone;
 }

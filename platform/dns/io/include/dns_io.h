@@ -33,11 +33,13 @@ struct Io {
   void *self;
   dns_time (*wall)(void *self);
   bool (*random)(void *self, void *bytes, size_t size);
-  // udp_open returns a non-blocking socket bound to `port` on every local address.
-  int (*udp_open)(void *self, uint16_t port);
+  // udp_open returns a non-blocking socket bound to `port` on every local address. Where `peer` is not null it is
+  // connected to that: it reaches and hears nobody else.
+  int (*udp_open)(void *self, uint16_t port, const sockaddr_in *peer);
   void (*udp_close)(void *self, int socket);
   // udp_send sends up to kBatch datagrams and returns how many left; a negated errno when the first could not.
-  int (*udp_send)(void *self, int socket, const Datagram *datagrams, unsigned count);
+  // `connected` tells that the socket is connected to the peer of all of them.
+  int (*udp_send)(void *self, int socket, const Datagram *datagrams, unsigned count, bool connected);
   // udp_receive fills up to kBatch datagrams and returns how many arrived; 0 or -EAGAIN when none is there.
   int (*udp_receive)(void *self, int socket, Datagram *datagrams, unsigned count);
   // udp_returned takes one packet that the network reported back as undeliverable: its bytes as far as they came back,
@@ -79,10 +81,12 @@ class RandomSource {
   unsigned left_ = 0;
 };
 
-// UdpPool keeps the sockets that questions leave from. Each is bound to a random port; a batch of questions takes one
-// of them at random, and an answer counts only on the socket its question left from. The pool grows with the questions
-// in flight, because a socket's receive buffer holds a few hundred answers, and a socket that has served its share is
-// replaced by one on a fresh port (RFC 5452, section 9.2) as soon as nothing is in flight on it.
+// UdpPool keeps the sockets that questions leave from. Each is bound to a random port; some are connected to one
+// server, which spares the kernel a good part of its work for each packet, and are for questions that only that server
+// can answer; the others are for all. A batch of questions takes one of them at random, and an answer counts only on
+// the socket its question left from. The pool grows with the questions in flight, because a socket's receive buffer
+// holds a few hundred answers, and a socket that has served its share is replaced by one on a fresh port (RFC 5452,
+// section 9.2) as soon as nothing is in flight on it.
 class UdpPool {
  public:
   static constexpr unsigned kSocketsMin = 4;
@@ -103,11 +107,25 @@ class UdpPool {
   void close();
 
   // pick chooses the slot that the next batch leaves from, opening a socket where the pool needs one, and says how many
-  // questions it has room for; a blocked slot when all are, kNone when no socket can be had.
-  [[nodiscard]] int pick(int64_t now_us, unsigned *room);
+  // questions it has room for; a blocked slot when all are, kNone when no socket can be had. The slot is connected to
+  // `peer`, or for a null one to nobody.
+  [[nodiscard]] int pick(int64_t now_us, const sockaddr_in *peer, unsigned *room);
   // used counts a question that left from a slot, done one whose fate is settled; a worn slot is then closed.
   void used(int slot);
   void done(int slot);
+  // heard notes that something has arrived on a slot. A connected slot holds on to the local address of the moment when
+  // it was opened, which may be gone: silent tells whether nothing has arrived on such a one since a moment, and
+  // missed, for a question that left then and was not answered in time, wears it out if so.
+  void heard(int slot, int64_t now_us) { slots_[slot].heard_us = now_us; }
+  [[nodiscard]] bool silent(int slot, int64_t since_us) const {
+    return connected(slot) && slots_[slot].heard_us < since_us;
+  }
+  void missed(int slot, int64_t sent_us) {
+    if (silent(slot, sent_us)) slots_[slot].uses = kUsesPerSocket;
+  }
+  // reaches tells whether a packet can leave from a slot for a server, and its answer come in.
+  [[nodiscard]] bool reaches(int slot, const sockaddr_in &server) const;
+  [[nodiscard]] bool connected(int slot) const { return slots_[slot].peer.sin_family != AF_UNSPEC; }
 
   [[nodiscard]] int descriptor(int slot) const { return slots_[slot].descriptor; }
   // port is the local port that a slot's questions leave from.
@@ -126,12 +144,16 @@ class UdpPool {
     unsigned uses = 0;
     bool blocked = false;
     uint16_t port = 0;
-    int64_t born_us = 0;  // 0 until it is looked at
+    int64_t born_us = 0;    // 0 until it is looked at
+    int64_t heard_us = 0;   // when something last arrived
+    sockaddr_in peer = {};  // of a connected one
   };
 
-  [[nodiscard]] int open_slot(int64_t now_us);
+  [[nodiscard]] int open_slot(int64_t now_us, const sockaddr_in *peer);
+  [[nodiscard]] int free_slot(const sockaddr_in *peer);
   void retire(int64_t now_us);
   void close_slot(int slot);
+  [[nodiscard]] bool serves(int slot, const sockaddr_in *peer) const;
   [[nodiscard]] bool usable(int slot) const;
   [[nodiscard]] bool busier(int a, int b) const;
 
