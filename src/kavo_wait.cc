@@ -2,8 +2,8 @@
 //
 // Runs on the host's threads, any number at once. Every wait sleeps on the query table's one condition, with the lock
 // released, until a node that it waits for, or one with the same bit, has come to a state that somebody waits for; it
-// then looks at its own nodes again. A sync node that ends a wait is armed again in the
-// same locked step, so that one signal ends one wait.
+// then looks at its own nodes again. A sync node that ends a wait is armed again in the same locked step, so that one
+// signal ends one wait.
 #include <errno.h>
 
 #include <array>
@@ -110,6 +110,8 @@ template <typename Nodes>
   }
   result.over = wanted.full && satisfied >= wanted.count;
   if (!result.over && wanted.full && lacking != nullptr) result.bits = kavo_table_expect(kavo, lacking, wanted.state);
+  // A list of the host's may show fewer nodes than it counts, and none that is lacking.
+  if (lacking == nullptr) result.bits = PELK_ALL_BITS;
   return result;
 }
 

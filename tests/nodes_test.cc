@@ -140,6 +140,13 @@ TEST_F(PendingTest, ArrayWaitTakesEverySignalAListWaitOne) {
   ASSERT_EQ(kavo_signal_syncnode(host_, bell), KAVOE_OK);
   EXPECT_EQ(kavo_wait_nodelist(host_, &iterator, KAVOWT_FULL, 1, Deadline(kShortMs)), KAVOE_TIMEOUT) << "all means all";
 
+  ASSERT_TRUE(signal_both());
+  list.claimed = 3;
+  EXPECT_EQ(kavo_wait_nodelist(host_, &iterator, KAVOWT_FULL, 1, Deadline(kShortMs)), KAVOE_TIMEOUT) << "two of three";
+  HostList none{{}};
+  KAVO_NODELIST_ITERATOR nothing = none.iterator();
+  EXPECT_EQ(kavo_wait_nodelist(host_, &nothing, KAVOWT_FULL, 0, Deadline(kShortMs)), KAVOE_TIMEOUT);
+
   list.claimed = 0;
   EXPECT_EQ(kavo_wait_nodelist(host_, &iterator, KAVOWT_FULL, 0, Deadline(kLongMs)), KAVOE_BADPAR);
   iterator.advance = nullptr;
