@@ -288,8 +288,11 @@ void take_answer(dns_query *q, const Arrival &arrival, const Header &header) {
   if (is_answer(verdict.status) && passed_aliases(q)) {
     const dns_status status =
         complete(q, packet, reading.answers_at, reading.chain, header.rcode, verdict.ttl, &packet);
-    answers_at = answers_behind(q->dn_size);
-    if (status != DNS_E_NOERROR) verdict = {status == DNS_E_NOMEM ? status : DNS_E_PROTOCOL, DNS_D_PKT_RPINV, 0, false};
+    // Without a whole answer `packet` still is the one that came.
+    if (status == DNS_E_NOERROR)
+      answers_at = answers_behind(q->dn_size);
+    else
+      verdict = {status == DNS_E_NOMEM ? status : DNS_E_PROTOCOL, DNS_D_PKT_RPINV, 0, false};
   }
   if (is_final(verdict.status)) {
     size = result_of(q, verdict.status, packet, answers_at, &result);
