@@ -26,14 +26,10 @@ namespace {
 constexpr char kSource[] = "kavo_query_table";
 
 // Blocks of nodes come in sizes that are so many bytes apart, so that one fits most of the questions to come; of each
-// size as many are kept. Under AddressSanitizer none is, so that it sees the use of one that was released.
+// size a number is kept.
 constexpr unsigned kBlockStep = 16;
 static_assert(KAVO_KEY_SIZE_MAX <= KAVO_SPARE_CLASSES * kBlockStep);
-#if defined(__SANITIZE_ADDRESS__)
-constexpr unsigned kSpareMax = 0;
-#else
-constexpr unsigned kSpareMax = 64;
-#endif
+constexpr unsigned kSpareMax = PELK_ADDRESS_SANITIZER ? 0 : 64;
 
 unsigned block_class(uint16_t key_size) {
   return (key_size - 1U) / kBlockStep;

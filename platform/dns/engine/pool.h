@@ -3,17 +3,14 @@
 #ifndef DNS_ENGINE_POOL_H
 #define DNS_ENGINE_POOL_H
 
+#include <pelk.h>
 #include <stddef.h>
 #include <stdlib.h>
 
 namespace dns {
 
 // Under AddressSanitizer every block is an allocation of its own, so that it sees the use of one that was put back.
-#if defined(__SANITIZE_ADDRESS__)
-inline constexpr bool kPooled = false;
-#else
-inline constexpr bool kPooled = true;
-#endif
+inline constexpr bool kPooled = !PELK_ADDRESS_SANITIZER;
 
 template <typename T, size_t kPerChunk>
 class Pool {

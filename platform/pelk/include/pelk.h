@@ -29,6 +29,15 @@
 
 enum { PELK_OK = 0, PELK_TIMEDOUT = 12 };
 
+// Under AddressSanitizer, of either compiler, blocks are not kept for reuse, so that it sees the use of a released one.
+#if defined(__SANITIZE_ADDRESS__)
+inline constexpr bool PELK_ADDRESS_SANITIZER = true;
+#elif defined(__has_feature)
+inline constexpr bool PELK_ADDRESS_SANITIZER = __has_feature(address_sanitizer);
+#else
+inline constexpr bool PELK_ADDRESS_SANITIZER = false;
+#endif
+
 // The seconds of a valid time value lie between these two.
 inline constexpr int64_t PELK_TIME_MIN = INT32_MIN;
 inline constexpr int64_t PELK_TIME_MAX = INT32_MAX;
