@@ -53,8 +53,10 @@ int futex_wake(std::atomic<uint32_t> *wakes, int count, uint32_t bits) {
 
 // wait sleeps on a condition, meanwhile without the mutex, until `moment` unless that is null. What was changed with
 // the mutex held after that finds this waiter counted; what its wake counts before the sleep begins keeps it from
-// sleeping at all. 0 or an error number.
-int wait(pelk_cond_t *cond, pelk_mutex_t *mutex, const timespec *moment, uint32_t bits) PELK_REQUIRES(*mutex) {
+// sleeping at all. 0 or an error number. The analysis cannot follow a mutex that is given up and taken again where
+// either may fail.
+int wait(pelk_cond_t *cond, pelk_mutex_t *mutex, const timespec *moment, uint32_t bits)
+    PELK_REQUIRES(*mutex) PELK_NO_ANALYSIS {
   if (mutex->owner.load(std::memory_order_relaxed) != mark()) return EPERM;
   cond->waiters.fetch_add(1);
   const uint32_t seen = cond->wakes.load();
