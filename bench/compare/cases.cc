@@ -148,7 +148,8 @@ void measure_memory(const Plan &plan, Report *report) {
   report->add(
       "## Memory of an outstanding question\n\nThe responder holds its answers back until every question has come. The "
       "difference between two numbers of\nquestions, so that what a client has anyway drops out; the benchmark's own "
-      "notes, 16 bytes a question, are part of it.\n\n| client | KiB for 1,000 | KiB for 4,000 | bytes a question |\n"
+      "notes, 16 to 24 bytes a question, are part of it.\n\n| client | KiB for 1,000 | KiB for 4,000 | bytes a "
+      "question |\n"
       "| --- | ---: | ---: | ---: |\n");
   bench::Spread kavo;
   for (const char *client : {"kavo", "c-ares", "libunbound"}) {

@@ -59,19 +59,9 @@ class Get : public Client {
   explicit Get(const Task &task)
       : task_(task), names_(1), cache_(dns_cache_init(size_t{task.subjects} * kCacheBytesEach)) {
     if (cache_ == nullptr) throw std::runtime_error("dns_cache_init");
-    in_addr listed = {htonl(bench::kListedAnswer)};
-    dns_rr_a4 block = {};
-    block.dnsa4_size = block.dnsa4_written = sizeof block;
-    block.dnsa4_ttl = bench::kTtl;
-    block.dnsa4_nrr = 1;
-    block.dnsa4_addr = &listed;
-    KAVO_RR rr;
-    rr.rr_a = &block;
-    for (unsigned n = 0; n < task.subjects; ++n) {
-      const char *name = names_.text_of(task.address(n), 0);
-      must(kavo_cache_put(dns_cache_cacher(cache_), KAVOT_BL_IP, name, static_cast<int>(strlen(name)), &rr),
-           "kavo_cache_put");
-    }
+    bench::ListedBlock block;
+    for (unsigned n = 0; n < task.subjects; ++n)
+      block.put(dns_cache_cacher(cache_), names_.text_of(task.address(n), 0));
   }
   ~Get() override {
     kavo_rr_free(&found_.rr);

@@ -16,10 +16,6 @@ int table_size(const Task &task) {
 
 }  // namespace
 
-void must(KAVO_ERR code, const char *what) {
-  if (code != KAVOE_OK) throw std::runtime_error(std::string(what) + ": " + kavo_strerror(code));
-}
-
 bool is_answered(const KAVO_ANSWER &answer, uint32_t address, bool from_cache) {
   if (answer.err_code != KAVOE_OK && answer.err_code != KAVOE_NXDOM) return false;
   const bool found = answer.err_code == KAVOE_OK && answer.rr.rr_a->dnsa4_nrr == 1 &&

@@ -8,13 +8,13 @@
 #include <vector>
 
 #include "client.h"
+#include "support/library.h"
 
 namespace compare {
 
-inline constexpr size_t kCacheBytesEach = 1024;  // far more than an answer takes
+using bench::must;
 
-// must throws for any outcome but KAVOE_OK.
-void must(KAVO_ERR code, const char *what);
+inline constexpr size_t kCacheBytesEach = 1024;  // far more than an answer takes
 
 // is_answered says whether a list's answer about an address came; a wrong one is thrown, and so is one that should have
 // come from the cache but did not, or the other way round.

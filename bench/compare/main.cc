@@ -40,13 +40,15 @@ void choose_cores(Plan *plan) {
 std::string explanation(const Plan &plan) {
   return "## How to read it\n\nEach measurement is a process of its own: all threads of the client run on core " +
          std::to_string(plan.client_core) + ", who answers on core " + std::to_string(plan.responder_core) +
-         ",\nunless a case says otherwise. Figures are medians of " + std::to_string(plan.rounds) +
-         " rounds, in parentheses the quartiles. Within a round the clients take\nturns, and a ratio is of two figures "
-         "of the same round: on a machine that others use too, figures drift, ratios hardly\ndo. Wall times and "
-         "questions a second suffer most from others.\n\nThe responder of this program costs less processor time a "
-         "question than anyone who asks it (see the table), so that\nnobody waits for it; where others are told to "
-         "time out after seconds, a packet that is lost would show. c-ares parses its\nanswers with "
-         "`ares_parse_a_reply`, libunbound's are read in place. Half of the addresses are listed.\n\n";
+         ",\nunless a case says otherwise. Rounds: " + std::to_string(plan.rounds) +
+         ". Figures are their medians, in parentheses the quartiles. Within a round the\nclients take turns, and a "
+         "ratio is of two figures of the same round: on a machine that others use too, figures drift,\nratios hardly "
+         "do. Wall times and questions a second suffer most from others.\n\nWith many questions at once the responder "
+         "of this program costs less processor time a question than anyone who asks\nit (see the table), so that "
+         "nobody "
+         "waits for it. Half of the addresses are listed. Time-outs are seconds long, so that\na packet that was lost "
+         "would show in the wall time. c-ares parses its answers with `ares_parse_a_reply`, libunbound's\nare read in "
+         "place.\n\n";
 }
 
 void measure(const Plan &plan, const std::vector<std::string> &only, const std::string &directory) {
