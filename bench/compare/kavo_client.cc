@@ -19,7 +19,12 @@ class Kavo : public Client {
       : task_(task), context_(std::move(context)), asked_(task.window()), iterator_(kavo_alloc_answer_iterator()) {
     if (iterator_ == nullptr) throw std::runtime_error("kavo_alloc_answer_iterator");
   }
-  ~Kavo() override { kavo_free_answer_iterator(iterator_); }
+  ~Kavo() override {
+    // After a fault questions are left.
+    for (const Asked &asked : asked_)
+      if (asked.node != nullptr) kavo_unsubscribe_node(context_->get(), asked.node);
+    kavo_free_answer_iterator(iterator_);
+  }
   Kavo(const Kavo &) = delete;
   Kavo &operator=(const Kavo &) = delete;
 
@@ -29,7 +34,7 @@ class Kavo : public Client {
       start(&asked_[i], first + i);
     unsigned lost = 0;
     for (unsigned i = 0, slot = 0; i < count; ++i, slot = slot + 1 < window ? slot + 1 : 0) {
-      if (!finish(asked_[slot])) ++lost;
+      if (!finish(&asked_[slot])) ++lost;
       if (i + window < count) start(&asked_[slot], first + i + window);
     }
     return lost;
@@ -50,14 +55,15 @@ class Kavo : public Client {
          "kavo_subscribe_node");
   }
 
-  bool finish(const Asked &asked) {
-    must(kavo_wait_node(context_->get(), asked.node, KAVOWT_FULL, nullptr), "kavo_wait_node");
-    must(kavo_set_answer_iterator(context_->get(), asked.node, iterator_), "kavo_set_answer_iterator");
+  bool finish(Asked *asked) {
+    must(kavo_wait_node(context_->get(), asked->node, KAVOWT_FULL, nullptr), "kavo_wait_node");
+    must(kavo_set_answer_iterator(context_->get(), asked->node, iterator_), "kavo_set_answer_iterator");
     unsigned answers = 0, answered = 0;
     for (const KAVO_ANSWER *answer; (answer = kavo_get_answer(context_->get(), iterator_)) != nullptr; ++answers)
-      if (is_answered(*answer, asked.address, asked.cached)) ++answered;
-    if (answers != task_.zones) wrong(kName, asked.address);
-    must(kavo_unsubscribe_node(context_->get(), asked.node), "kavo_unsubscribe_node");
+      if (is_answered(*answer, asked->address, asked->cached)) ++answered;
+    if (answers != task_.zones) wrong(kName, asked->address);
+    must(kavo_unsubscribe_node(context_->get(), asked->node), "kavo_unsubscribe_node");
+    asked->node = nullptr;
     return answered == answers;
   }
 

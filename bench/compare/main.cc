@@ -46,9 +46,9 @@ std::string explanation(const Plan &plan) {
          "do. Wall times and questions a second suffer most from others.\n\nWith many questions at once the responder "
          "of this program costs less processor time a question than anyone who asks\nit (see the table), so that "
          "nobody "
-         "waits for it. Half of the addresses are listed. Time-outs are seconds long, so that\na packet that was lost "
-         "would show in the wall time. c-ares parses its answers with `ares_parse_a_reply`, libunbound's\nare read in "
-         "place.\n\n";
+         "waits for it. Half of the addresses are listed. kavo and c-ares send no question twice,\nso that a packet "
+         "that is lost is a question that is lost. c-ares parses its answers with `ares_parse_a_reply`,\nlibunbound's "
+         "are read in place.\n\n";
 }
 
 void measure(const Plan &plan, const std::vector<std::string> &only, const std::string &directory) {

@@ -28,7 +28,7 @@ void write_file(const std::string &path, const std::string &text) {
 std::string script(const Plot &plot, const std::string &path) {
   std::string text = "set terminal svg size 800,500 background rgb 'white'\nset output '" + path + "'\nset title '" +
                      plot.title + "'\nset xlabel '" + plot.x_label + "'\nset ylabel '" + plot.y_label +
-                     "'\nset logscale xy\nset xrange [0.7:15000]\nset grid\nset key outside right\n";
+                     "'\nset logscale xy\nset grid\nset key outside right\n";
   std::string lines;
   for (size_t i = 0; i < plot.lines.size(); ++i) {
     const std::string data = "$data" + std::to_string(i);
