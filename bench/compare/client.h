@@ -50,6 +50,9 @@ class Client {
   // ask asks questions `first` to `first + count - 1` of the task, checks each answer as it comes, and returns when
   // each question has ended, with the number of those that were not answered. A wrong answer is thrown.
   [[nodiscard]] virtual unsigned ask(unsigned first, unsigned count) = 0;
+  // packets_sent returns how many packets left so far, those of all workers that share what they left from; 0 where the
+  // library does not tell.
+  [[nodiscard]] virtual uint64_t packets_sent() const { return 0; }
 };
 
 using Team = std::vector<std::unique_ptr<Client>>;  // a worker for each thread

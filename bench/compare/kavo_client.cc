@@ -40,6 +40,8 @@ class Kavo : public Client {
     return lost;
   }
 
+  [[nodiscard]] uint64_t packets_sent() const override { return context_->packets_sent(); }
+
  private:
   struct Asked {
     KAVO_QUERY_NODE node = nullptr;

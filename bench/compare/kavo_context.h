@@ -28,12 +28,14 @@ class Context {
   Context &operator=(const Context &) = delete;
 
   [[nodiscard]] KAVO get() const { return kavo_; }
+  [[nodiscard]] uint64_t packets_sent() const;
 
   // for_each_port returns a context for each port of the task, each with its thread on its worker's core.
   [[nodiscard]] static std::vector<std::shared_ptr<Context>> for_each_port(const Task &task);
 
  private:
   KAVO kavo_ = nullptr;
+  uint16_t port_;
 };
 
 }  // namespace compare

@@ -43,12 +43,12 @@ std::string explanation(const Plan &plan) {
          ",\nunless a case says otherwise. Rounds: " + std::to_string(plan.rounds) +
          ". Figures are their medians, in parentheses the quartiles. Within a round the\nclients take turns, and a "
          "ratio is of two figures of the same round: on a machine that others use too, figures drift,\nratios hardly "
-         "do. Wall times and questions a second suffer most from others.\n\nWith many questions at once the responder "
-         "of this program costs less processor time a question than anyone who asks\nit (see the table), so that "
-         "nobody "
-         "waits for it. Half of the addresses are listed. kavo and c-ares send no question twice,\nso that a packet "
-         "that is lost is a question that is lost. c-ares parses its answers with `ares_parse_a_reply`,\nlibunbound's "
-         "are read in place.\n\n";
+         "do. Wall times and questions a second suffer most from others.\n\n"
+         "With many questions at once the responder of this program costs less processor time a question than anyone "
+         "who asks\nit (see the table), so that nobody waits for it. Half of the addresses are listed. c-ares parses "
+         "its answers with\n`ares_parse_a_reply`, libunbound's are read in place. The bare loop and c-ares send no "
+         "packet twice. kavo and libunbound\ndo when an answer is late by their own measure; of how many kavo sent "
+         "again the table tells.\n\n";
 }
 
 void measure(const Plan &plan, const std::vector<std::string> &only, const std::string &directory) {

@@ -11,11 +11,11 @@ bench::Spread Series::spread(Measure measure) const {
   return bench::spread_of(std::move(values));
 }
 
-unsigned Series::lost() const {
-  unsigned lost = 0;
+unsigned Series::total(unsigned Figures::*count) const {
+  unsigned all = 0;
   for (const Figures &round : rounds)
-    lost += round.lost;
-  return lost;
+    all += round.*count;
+  return all;
 }
 
 bench::Spread Series::ratio_to(const Series &other, Measure measure, Measure other_measure) const {

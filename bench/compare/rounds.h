@@ -18,7 +18,8 @@ struct Series {
   std::vector<Figures> rounds;
 
   [[nodiscard]] bench::Spread spread(Measure measure) const;
-  [[nodiscard]] unsigned lost() const;  // questions, in all rounds
+  // total returns a count of all rounds.
+  [[nodiscard]] unsigned total(unsigned Figures::*count) const;
   // ratio_to sets each round against the same round of another series, by one measure of each.
   [[nodiscard]] bench::Spread ratio_to(const Series &other, Measure measure, Measure other_measure) const;
   [[nodiscard]] bench::Spread ratio_to(const Series &other, Measure measure) const {

@@ -104,6 +104,7 @@ Figures from_text(const std::string &text) {
   figures.count = json.at("count");
   figures.packets = json.at("packets");
   figures.lost = json.at("lost");
+  figures.repeated = json.at("repeated");
   figures.cost = {json.at("wall_s"), json.at("user_s"), json.at("system_s")};
   figures.memory_kib = json.at("memory_kib");
   for (const auto &worker : json.at("workers"))
@@ -160,10 +161,12 @@ Figures perform(const Task &task) {
   const unsigned warm_up = task.subjects > 0 ? task.subjects : std::max(kWarmUp, 2 * task.outstanding);
   // The first pass over the subjects fills the cache; whoever asks from there on is answered from it.
   (void)ask_all(task, team, task.subjects > 0 ? 0 : kWarmUpFrom, warm_up);
+  const uint64_t sent_before = team[0]->packets_sent();
   const bench::Stopwatch watch;
   const std::vector<Share> shares = ask_all(task, team, task.subjects, task.count);
   Figures figures;
   figures.cost = watch.stop();
+  const uint64_t sent = team[0]->packets_sent() - sent_before;
   figures.memory_kib = bench::peak_kib() - memory_before;
   for (const Share &share : shares) {
     figures.count += share.count;
@@ -171,14 +174,20 @@ Figures perform(const Task &task) {
     figures.workers.push_back(share.worker);
   }
   figures.packets = figures.count * task.zones;
+  if (sent > figures.packets) figures.repeated = static_cast<unsigned>(sent - figures.packets);
   return figures;
 }
 
 std::string to_text(const Figures &figures) {
-  nlohmann::json json = {
-      {"count", figures.count},           {"packets", figures.packets},        {"lost", figures.lost},
-      {"wall_s", figures.cost.wall_s},    {"user_s", figures.cost.user_s},     {"system_s", figures.cost.system_s},
-      {"memory_kib", figures.memory_kib}, {"workers", nlohmann::json::array()}};
+  nlohmann::json json = {{"count", figures.count},
+                         {"packets", figures.packets},
+                         {"lost", figures.lost},
+                         {"repeated", figures.repeated},
+                         {"wall_s", figures.cost.wall_s},
+                         {"user_s", figures.cost.user_s},
+                         {"system_s", figures.cost.system_s},
+                         {"memory_kib", figures.memory_kib},
+                         {"workers", nlohmann::json::array()}};
   for (const Worker &worker : figures.workers)
     json["workers"].push_back({{"wall_s", worker.wall_s}, {"responder_s", worker.responder_s}});
   return json.dump() + "\n";

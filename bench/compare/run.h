@@ -21,6 +21,7 @@ struct Figures {
   unsigned count = 0;  // questions
   unsigned packets = 0;
   unsigned lost = 0;
+  unsigned repeated = 0;  // packets that were sent again, as far as the client tells
   bench::Cost cost;
   long memory_kib = 0;  // of the client at its peak, without what the process had before
   std::vector<Worker> workers;

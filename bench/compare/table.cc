@@ -14,16 +14,19 @@ constexpr double kBareMax = 1.35;
 
 constexpr const char *kColumns =
     "| outstanding | client | questions/s | processor, µs a question | × the bare loop | "
-    "responder, µs | memory, KiB | lost |\n"
-    "| ---: | --- | ---: | ---: | ---: | ---: | ---: | ---: |\n";
+    "responder, µs | memory, KiB | lost | sent again |\n"
+    "| ---: | --- | ---: | ---: | ---: | ---: | ---: | ---: | ---: |\n";
 
 std::string line(const Series &series, const Series &bare) {
   const unsigned outstanding = series.task.window() * series.task.threads;
+  const bool tells = series.task.client == std::string_view("kavo");
+  const std::string again = tells ? std::to_string(series.total(&Figures::repeated)) : "";
   return "| " + std::to_string(outstanding) + " | " + series.task.client + " | " +
          print(series.spread(&Figures::rate), 0) + " | " + print(series.spread(&Figures::processor_us), 2) + " | " +
          print(series.ratio_to(bare, &Figures::processor_us), 2) + " | " +
          print(series.spread(&Figures::responder_us).median, 2) + " | " +
-         print(series.spread(&Figures::memory).median, 0) + " | " + std::to_string(series.lost()) + " |\n";
+         print(series.spread(&Figures::memory).median, 0) + " | " + std::to_string(series.total(&Figures::lost)) +
+         " | " + again + " |\n";
 }
 
 // decide adds the target for many questions at once.
