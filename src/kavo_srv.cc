@@ -185,6 +185,7 @@ class IoLoop {
     if (read(ctx_->qa_pipe.read_end, events, sizeof events) < 0)
       PELK_WARN(KAVO_SRV_SOURCE, "kavo_ioprocess", "Events pipe reading error.");
     ctx_->wake_pending.exchange(false, std::memory_order_acq_rel);
+    look_at_clock();  // new questions begin now, whatever the answers before them took
   }
 
   KAVO ctx_;

@@ -131,6 +131,31 @@ Built build_labels(TextName *text, DnBuilder *builder) {
   return Built::ok;
 }
 
+// plain_dn writes the DN of a text that has no escape, where `dn` has room for two bytes more than the text. Returns
+// its length, 0 for any text that needs a closer look. `absolute` tells that it ended with a dot.
+int plain_dn(const char *text, size_t bytes, unsigned char *dn, bool *absolute) {
+  unsigned char *label = dn;
+  unsigned char *out = dn + 1;
+  for (const char *at = text; at != text + bytes; ++at) {
+    const char c = *at;
+    if (c == '.') {
+      const auto size = static_cast<size_t>(out - label - 1);
+      if (size == 0 || size > DNS_MAXLABEL) return 0;
+      *label = static_cast<unsigned char>(size);
+      label = out;
+    } else if (c == '\\' || c == '\0') {
+      return 0;
+    }
+    *out++ = static_cast<unsigned char>(c);
+  }
+  const auto size = static_cast<size_t>(out - label - 1);
+  if (size > DNS_MAXLABEL) return 0;
+  *absolute = size == 0;
+  *label = static_cast<unsigned char>(size);
+  if (size != 0) *out++ = 0;
+  return static_cast<int>(out - dn);
+}
+
 // text_bytes is how many characters a byte of a label takes in a text: itself, "\X" or "\DDD".
 constexpr unsigned text_bytes(unsigned char byte) {
   constexpr unsigned kPlain = 1;
@@ -218,8 +243,15 @@ int dns_ptodn(const char *text, unsigned length, unsigned char *dn, int size, in
   if (text == nullptr || dn == nullptr) return kMalformed;
   const size_t bytes = length != 0 ? length : strlen(text);
   if (absolute != nullptr) *absolute = 0;
-  DnBuilder builder(dn, size);
   const bool root = bytes == 1 && text[0] == '.';
+  bool dot = false;
+  const bool fits = bytes > 0 && size > 0 && bytes + 2 <= std::min<size_t>(static_cast<size_t>(size), DNS_MAXDN);
+  const int plain = fits && !root ? plain_dn(text, bytes, dn, &dot) : 0;
+  if (plain > 0) {
+    if (absolute != nullptr) *absolute = dot ? 1 : 0;
+    return plain;
+  }
+  DnBuilder builder(dn, size);
   if (!root) {
     TextName name(text, bytes);
     const Built built = build_labels(&name, &builder);
