@@ -1,5 +1,6 @@
 #include "packet.h"
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 

@@ -143,12 +143,17 @@ std::vector<std::string> client_names() {
 
 void describe(CLI::App *app, Task *task) {
   app->add_option("CLIENT", task->client, "who asks")->required()->check(CLI::IsMember(client_names()));
-  app->add_option("--port", task->ports, "responders' ports on 127.0.0.1")->required()->delimiter(',');
+  app->add_option("--port", task->ports, "responders' ports on 127.0.0.1")
+      ->required()
+      ->check(CLI::Range(1, 65535))
+      ->delimiter(',');
   app->add_option("--responder", task->responders, "their processes")->delimiter(',');
   app->add_option("--core", task->cores, "where the workers run")->delimiter(',');
-  app->add_option("--outstanding", task->outstanding, "questions at once")->capture_default_str();
+  app->add_option("--outstanding", task->outstanding, "questions at once")
+      ->check(CLI::Range(1, 100'000))
+      ->capture_default_str();
   app->add_option("--threads", task->threads, "host threads")->check(CLI::Range(1, 64))->capture_default_str();
-  app->add_option("--count", task->count, "questions")->capture_default_str();
+  app->add_option("--count", task->count, "questions")->check(CLI::Range(1, 1'000'000))->capture_default_str();
   app->add_option("--zones", task->zones, "zones a question")->check(CLI::Range(1, 64))->capture_default_str();
   app->add_option("--table", task->table, "places in kavo's table; 0: as many as outstanding questions");
   app->add_option("--subjects", task->subjects, "above 0: ask so many names again and again, from the cache");
@@ -160,11 +165,13 @@ Figures perform(const Task &task) {
   const Team team = make_team(task);
   const unsigned warm_up = task.subjects > 0 ? task.subjects : std::max(kWarmUp, 2 * task.outstanding);
   // The first pass over the subjects fills the cache; whoever asks from there on is answered from it.
-  (void)ask_all(task, team, task.subjects > 0 ? 0 : kWarmUpFrom, warm_up);
+  std::vector<Share> shares = ask_all(task, team, task.subjects > 0 ? 0 : kWarmUpFrom, warm_up);
+  Figures figures;
+  for (const Share &share : shares)
+    figures.lost += share.lost;
   const uint64_t sent_before = team[0]->packets_sent();
   const bench::Stopwatch watch;
-  const std::vector<Share> shares = ask_all(task, team, task.subjects, task.count);
-  Figures figures;
+  shares = ask_all(task, team, task.subjects, task.count);
   figures.cost = watch.stop();
   const uint64_t sent = team[0]->packets_sent() - sent_before;
   figures.memory_kib = bench::peak_kib() - memory_before;

@@ -34,7 +34,7 @@ struct Figures {
   [[nodiscard]] double memory() const;   // KiB
 };
 
-// clients returns the names of all clients; describe adds the options of a task to the program that performs it.
+// client_names returns the names of all clients; describe adds the options of a task to the program that performs it.
 [[nodiscard]] std::vector<std::string> client_names();
 void describe(CLI::App *app, Task *task);
 
