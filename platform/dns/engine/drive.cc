@@ -77,7 +77,12 @@ bool wait_on(dns_query *q) {
   return true;
 }
 
+// give_up_late ends the tries whose time is over. The loop may have been kept from running since it last looked at the
+// sockets: what lies there is read first, so that no question is given up that was answered in time.
 void give_up_late(dns_ctx *ctx) {
+  const bool any = ctx->waiting.next_us() <= ctx->now_us;
+  for (unsigned i = 0; any && i < ctx->sockets.extent(); ++i)
+    if (ctx->sockets.awaits(static_cast<int>(i))) receive(ctx, static_cast<int>(i));
   Link due;
   ctx->waiting.expire(ctx->now_us, &due);
   while (!due.alone()) {

@@ -136,6 +136,7 @@ class UdpPool {
   [[nodiscard]] bool blocked(int slot) const { return slots_[slot].blocked; }
   [[nodiscard]] unsigned extent() const { return extent_; }
   [[nodiscard]] bool is_open(int slot) const { return slots_[slot].descriptor >= 0; }
+  [[nodiscard]] bool awaits(int slot) const { return slots_[slot].in_flight > 0; }
 
  private:
   struct Slot {
