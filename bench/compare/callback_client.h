@@ -20,6 +20,7 @@ class CallbackClient : public Client {
         asked->address = next.address();
         start(names_.text_of(asked->address, next.zone()), asked);
       }
+      if (free_.empty()) all_asked(task_);
       if (free_.size() < asked_.size()) turn();
       if (wrong_ != nullptr) wrong(name_, wrong_->address);
     }

@@ -6,6 +6,8 @@
 #ifndef KAVO_BENCH_COMPARE_CLIENT_H
 #define KAVO_BENCH_COMPARE_CLIENT_H
 
+#include <unistd.h>
+
 #include <memory>
 #include <optional>
 #include <span>
@@ -29,6 +31,7 @@ struct Task {
   unsigned count = 40'000;        // questions, of all workers together
   unsigned zones = 1;             // packets a question
   unsigned table = 0;             // kavo's table; 0: as many places as questions are outstanding
+  bool held = false;              // no answer comes before every question has, and for a while after
   unsigned subjects = 0;          // above 0: so many listed addresses are asked again and again, and answers are cached
 
   [[nodiscard]] unsigned window() const { return outstanding > threads ? outstanding / threads : 1; }
@@ -43,6 +46,9 @@ struct Task {
   [[nodiscard]] bool is_cached(uint32_t n) const { return subjects > 0 && n >= subjects; }
 };
 
+// For how long the answers of a task that is held stay back after the last question.
+constexpr useconds_t kHeldUs = 400'000;
+
 // Client is one worker: it is made by one thread and asks on one thread.
 class Client {
  public:
@@ -53,6 +59,19 @@ class Client {
   // packets_sent returns how many packets left so far, those of all workers that share what they left from; 0 where the
   // library does not tell.
   [[nodiscard]] virtual uint64_t packets_sent() const { return 0; }
+  // resident_kib returns the memory of the process when the questions of a task that is held were under way.
+  [[nodiscard]] long resident_kib() const { return resident_kib_; }
+
+ protected:
+  // all_asked is what a client calls when as many questions are under way as there may be.
+  void all_asked(const Task &task) {
+    if (!task.held || resident_kib_ != 0) return;
+    usleep(kHeldUs / 2);  // what other threads have to do for them
+    resident_kib_ = bench::resident_kib();
+  }
+
+ private:
+  long resident_kib_ = 0;
 };
 
 using Team = std::vector<std::unique_ptr<Client>>;  // a worker for each thread

@@ -32,6 +32,7 @@ class Kavo : public Client {
     const unsigned window = std::min(static_cast<unsigned>(asked_.size()), count);
     for (unsigned i = 0; i < window; ++i)
       start(&asked_[i], first + i);
+    all_asked(task_);
     unsigned lost = 0;
     for (unsigned i = 0, slot = 0; i < count; ++i, slot = slot + 1 < window ? slot + 1 : 0) {
       if (!finish(&asked_[slot])) ++lost;

@@ -14,6 +14,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "client.h"
 #include "packet.h"
 #include "socket.h"
 #include "support/measure.h"
@@ -223,6 +224,7 @@ void respond(unsigned hold) {
     held.push_back(std::make_unique<Batch>());
     questions += held.back()->receive(socket.fd());
   }
+  if (hold > 0) usleep(kHeldUs);
   for (const auto &batch : held) {
     batch->send(socket.fd());
     usleep(kHeldPauseUs);

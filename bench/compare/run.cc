@@ -92,7 +92,8 @@ std::vector<std::string> argv_of(const Task &task) {
                                    "--count=" + std::to_string(task.count),
                                    "--zones=" + std::to_string(task.zones),
                                    "--table=" + std::to_string(task.table),
-                                   "--subjects=" + std::to_string(task.subjects)};
+                                   "--subjects=" + std::to_string(task.subjects),
+                                   "--held=" + std::to_string(task.held)};
   if (!task.responders.empty()) argv.push_back(list("--responder", task.responders));
   if (!task.cores.empty()) argv.push_back(list("--core", task.cores));
   return argv;
@@ -156,6 +157,7 @@ void describe(CLI::App *app, Task *task) {
   app->add_option("--count", task->count, "questions")->check(CLI::Range(1, 1'000'000))->capture_default_str();
   app->add_option("--zones", task->zones, "zones a question")->check(CLI::Range(1, 64))->capture_default_str();
   app->add_option("--table", task->table, "places in kavo's table; 0: as many as outstanding questions");
+  app->add_option("--held", task->held, "1: the responder holds its answers back; the memory is that of meanwhile");
   app->add_option("--subjects", task->subjects, "above 0: ask so many names again and again, from the cache");
 }
 
@@ -174,7 +176,7 @@ Figures perform(const Task &task) {
   shares = ask_all(task, team, task.subjects, task.count);
   figures.cost = watch.stop();
   const uint64_t sent = team[0]->packets_sent() - sent_before;
-  figures.memory_kib = bench::peak_kib() - memory_before;
+  figures.memory_kib = (task.held ? team[0]->resident_kib() : bench::peak_kib()) - memory_before;
   for (const Share &share : shares) {
     figures.count += share.count;
     figures.lost += share.lost;

@@ -65,14 +65,27 @@ double processor_s_of(pid_t process) {
   return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * kNano;
 }
 
-long peak_kib() {
-  // Not getrusage's: that remembers the program which this process was before.
+namespace {
+
+// status_kib reads a line of the kernel's about this process. Not getrusage's figures: those remember the program which
+// this process was before.
+long status_kib(const char *name) {
   std::ifstream status("/proc/self/status");
   for (std::string word; status >> word;) {
     long kib = 0;
-    if (word == "VmHWM:" && status >> kib) return kib;
+    if (word == name && status >> kib) return kib;
   }
-  throw std::runtime_error("no VmHWM in /proc/self/status");
+  throw std::runtime_error(std::string("no ") + name + " in /proc/self/status");
+}
+
+}  // namespace
+
+long peak_kib() {
+  return status_kib("VmHWM:");
+}
+
+long resident_kib() {
+  return status_kib("VmRSS:");
 }
 
 Spread spread_of(std::vector<double> values) {

@@ -35,8 +35,9 @@ class Stopwatch {
 // processor_s_of returns the processor time that another process has used so far, in seconds; 0 for none (process 0).
 [[nodiscard]] double processor_s_of(pid_t process);
 
-// peak_kib returns the most memory that this process had resident at any time, in KiB.
+// peak_kib returns the most memory that this process had resident at any time, resident_kib what it has now, in KiB.
 [[nodiscard]] long peak_kib();
+[[nodiscard]] long resident_kib();
 
 // Spread is where a number of measured values lie: their median and quartiles.
 struct Spread {

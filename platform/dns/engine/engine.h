@@ -46,7 +46,8 @@ inline constexpr unsigned kServersMax = 32;  // servers of a context: a question
 inline constexpr unsigned kExpectedServersMax = 32;
 inline constexpr unsigned kQueryRoom = 340;    // a question packet: header, a name of 255 bytes, type, class, OPT
 inline constexpr unsigned kAnswerRoom = 4096;  // the largest UDP answer that can be asked for
-inline constexpr unsigned kInlineName = 80;    // names up to here lie in the question's own record
+inline constexpr unsigned kInlineName = 40;   // names up to here lie in the question's own record: an address in a list
+inline constexpr unsigned kMediumName = 104;  // names up to here take a smaller block than the longest
 inline constexpr int64_t kUsPerSecond = 1'000'000;
 
 inline constexpr unsigned kPerServer = 4096;  // questions under way by UDP to one server; more wait for room
@@ -71,6 +72,9 @@ struct OwnServers {
   Server *servers[DNS_MAXSERV];
 };
 
+struct MediumName {
+  uint8_t dn[kMediumName];
+};
 struct LongName {
   uint8_t dn[DNS_MAXDN];
 };
@@ -250,6 +254,7 @@ struct dns_ctx {
 
   dns::Pool<dns_query, 32> queries;
   dns::Pool<dns::OwnServers, 16> own_servers;
+  dns::Pool<dns::MediumName, 16> medium_names;
   dns::Pool<dns::LongName, 16> long_names;
   dns::Pool<dns::Journey, 8> journeys;
 

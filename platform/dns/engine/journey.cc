@@ -138,7 +138,7 @@ void set_delegation_key(dns_cdata *entry, const uint8_t *zone) {
 }
 
 [[nodiscard]] Entry key_of_delegation(const uint8_t *zone) {
-  Entry entry(dns_cdata_init(kInlineName));
+  Entry entry(dns_cdata_init(kMediumName));
   if (entry != nullptr) set_delegation_key(entry.get(), zone);
   return entry;
 }
@@ -326,7 +326,7 @@ bool ask_on(dns_query *q, std::span<const uint8_t> packet, size_t answers_at, co
   Journey *journey = dns::journey(q);
   if (journey == nullptr) return false;
   if (journey->passed == nullptr) {
-    journey->passed = dns_cdata_init(kInlineName);
+    journey->passed = dns_cdata_init(kMediumName);
     if (journey->passed == nullptr || dns_cdata_setdn(journey->passed, q->dn) != 0) return false;
     (void)dns_cdata_setcls(journey->passed, q->cls);
     (void)dns_cdata_settyp(journey->passed, q->typ);

@@ -12,11 +12,11 @@ namespace dns {
 namespace {
 
 bool keep_name(dns_query *q, const uint8_t *dn, unsigned size) {
-  uint8_t *place = q->inline_dn;
-  if (size > kInlineName) {
-    place = static_cast<uint8_t *>(q->ctx->long_names.get());
-    if (place == nullptr) return false;
-  }
+  dns_ctx *ctx = q->ctx;
+  void *block = q->inline_dn;
+  if (size > kInlineName) block = size <= kMediumName ? ctx->medium_names.get() : ctx->long_names.get();
+  if (block == nullptr) return false;
+  auto *place = static_cast<uint8_t *>(block);
   memcpy(place, dn, size);
   q->dn = place;
   q->ask = place;
@@ -38,11 +38,22 @@ dns_status keep_servers(dns_query *q, const sockaddr *servers, unsigned nserv) {
   return DNS_E_NOERROR;
 }
 
+void release_name(dns_query *q) {
+  dns_ctx *ctx = q->ctx;
+  if (q->dn == nullptr || q->dn == q->inline_dn) return;
+  auto *block = const_cast<uint8_t *>(q->dn);
+  if (q->dn_size <= kMediumName) {
+    ctx->medium_names.put(block);
+  } else {
+    ctx->long_names.put(block);
+  }
+}
+
 void release(dns_query *q) {
   dns_ctx *ctx = q->ctx;
   end_journey(q);
   release_own_servers(q);
-  if (q->dn != nullptr && q->dn != q->inline_dn) ctx->long_names.put(const_cast<uint8_t *>(q->dn));
+  release_name(q);
   q->~dns_query();
   ctx->queries.put(q);
 }
