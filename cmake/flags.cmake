@@ -18,8 +18,10 @@ target_compile_options(kavo_core_flags INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-fno-
 # Optimised builds with g++ are optimised as a whole: the layers call each other often and for little. The objects keep
 # their machine code too, so that the static library links without it. A question costs 15 in 100 fewer instructions.
 set(kavo_optimised $<AND:$<CXX_COMPILER_ID:GNU>,$<CONFIG:Release,RelWithDebInfo>>)
-target_compile_options(kavo_core_flags INTERFACE
-  $<${kavo_optimised}:-O3> $<${kavo_optimised}:-flto=auto> $<${kavo_optimised}:-ffat-lto-objects>)
+# The compiler may inline more than it would of itself: 5 in 100 fewer again.
+set(kavo_whole -O3 -flto=auto --param=max-inline-insns-auto=60 --param=inline-unit-growth=100
+  --param=large-function-growth=400)
+target_compile_options(kavo_core_flags INTERFACE "$<${kavo_optimised}:${kavo_whole};-ffat-lto-objects>")
 
 if(KAVO_SANITIZE)
   add_compile_options(-fsanitize=${KAVO_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
