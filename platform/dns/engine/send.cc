@@ -4,6 +4,8 @@
 #include <string.h>
 
 #include <algorithm>
+#include <iterator>
+#include <numeric>
 
 #include "engine.h"
 
@@ -38,6 +40,26 @@ unsigned collect(dns_ctx *ctx, int slot, unsigned room, const Server *only) {
     buffers->leaving[count++] = q;
   }
   return count;
+}
+
+// order_by_size brings the packets of a batch that are of one size side by side.
+void order_by_size(dns_ctx *ctx, unsigned count) {
+  dns_ctx::Buffers *buffers = ctx->buffers;
+  Datagram out[kBatch];
+  dns_query *leaving[kBatch];
+  std::copy_n(buffers->out, count, out);
+  std::copy_n(buffers->leaving, count, leaving);
+  // Sizes that share a place would merely mix.
+  uint8_t place[kBatch] = {};
+  const auto place_of = [&](const Datagram &datagram) -> uint8_t & { return place[datagram.size % kBatch]; };
+  for (unsigned i = 0; i < count; ++i)
+    ++place_of(out[i]);
+  std::exclusive_scan(std::begin(place), std::end(place), std::begin(place), uint8_t{0});
+  for (unsigned i = 0; i < count; ++i) {
+    const unsigned to = place_of(out[i])++;
+    buffers->out[to] = out[i];
+    buffers->leaving[to] = leaving[i];
+  }
 }
 
 // sent_by_udp notes that a try of a question has left from a slot.
@@ -95,6 +117,7 @@ int try_send(dns_ctx *ctx, int slot, unsigned count) {
 // send_batch sends what `collect` gathered; false when the socket's buffer is full.
 bool send_batch(dns_ctx *ctx, int slot, unsigned count) {
   const dns_ctx::Buffers *buffers = ctx->buffers;
+  if (ctx->sockets.connected(slot)) order_by_size(ctx, count);
   const int result = try_send(ctx, slot, count);
   if (result == -EAGAIN || result == -EWOULDBLOCK) return false;
   if (result == -EINTR) return true;

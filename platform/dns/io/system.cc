@@ -1,6 +1,7 @@
 // system.cc - the table of functions with the operating system behind it, and the random source that reads from it.
 #include <errno.h>
 #include <netinet/tcp.h>
+#include <netinet/udp.h>
 #include <string.h>
 #include <sys/random.h>
 #include <sys/socket.h>
@@ -57,40 +58,111 @@ void system_close(void *, int descriptor) {
   close(descriptor);
 }
 
-// Headers ties kBatch datagrams to the records that sendmmsg and recvmmsg want. It is built on the stack: 64 records of
-// 64 and 16 bytes, cheaper to fill than to keep in step with the datagrams.
-struct Headers {
+// kernel_cuts tells whether the kernel can cut up packets that it is given as one (UDP_SEGMENT, Linux 4.18). One that
+// does not know how would send them as one, so it is asked first.
+bool kernel_cuts() {
+  static const bool cuts = [] {
+    const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
+    int size = 0;
+    socklen_t length = sizeof size;
+    const bool known = descriptor >= 0 && getsockopt(descriptor, IPPROTO_UDP, UDP_SEGMENT, &size, &length) == 0;
+    if (descriptor >= 0) close(descriptor);
+    return known;
+  }();
+  return cuts;
+}
+
+// Outgoing is the records that sendmmsg wants for kBatch datagrams: a message for each, or in runs a message for each
+// run of datagrams of one size, which the kernel cuts up where they arrive.
+class Outgoing {
+ public:
+  Outgoing(const Datagram *datagrams, unsigned total, bool connected, bool in_runs) {
+    for (unsigned begin = 0, end = 0; begin < total; begin = end) {
+      do
+        vectors_[end] = {datagrams[end].data, datagrams[end].size};
+      while (++end < total && in_runs && datagrams[end].size == datagrams[begin].size);
+      messages_[count_] = {};
+      msghdr &message = messages_[count_].msg_hdr;
+      message.msg_name = connected ? nullptr : const_cast<sockaddr_in *>(&datagrams[begin].peer);
+      message.msg_namelen = connected ? 0 : sizeof datagrams[begin].peer;
+      message.msg_iov = &vectors_[begin];
+      message.msg_iovlen = end - begin;
+      if (message.msg_iovlen > 1) cut(&message, static_cast<uint16_t>(datagrams[begin].size));
+      ++count_;
+    }
+  }
+
+  // send returns how many datagrams left, a negated errno when the first could not.
+  [[nodiscard]] int send(int descriptor) {
+    const int sent = sendmmsg(descriptor, messages_, count_, MSG_NOSIGNAL);
+    if (sent < 0) return -errno;
+    size_t left = 0;
+    for (int i = 0; i < sent; ++i)
+      left += messages_[i].msg_hdr.msg_iovlen;
+    return static_cast<int>(left);
+  }
+
+ private:
+  struct Control {
+    alignas(cmsghdr) uint8_t bytes[CMSG_SPACE(sizeof(uint16_t))];
+  };
+
+  void cut(msghdr *message, uint16_t size) {
+    Control *control = &controls_[count_];
+    message->msg_control = control->bytes;
+    message->msg_controllen = sizeof control->bytes;
+    cmsghdr *part = CMSG_FIRSTHDR(message);
+    part->cmsg_level = IPPROTO_UDP;
+    part->cmsg_type = UDP_SEGMENT;
+    part->cmsg_len = CMSG_LEN(sizeof size);
+    memcpy(CMSG_DATA(part), &size, sizeof size);
+  }
+
+  unsigned count_ = 0;
+  mmsghdr messages_[kBatch];
+  iovec vectors_[kBatch];
+  Control controls_[kBatch];
+};
+
+// system_udp_send sends in runs what stays on this machine: the packets then go down to the network and up again once
+// for all of a run. Beyond it a network card might have to cut them up, and one that does it wrong would lose the same
+// questions at each try. Nor do the packets of an unconnected socket leave in runs: when nobody listens at a server the
+// network returns the beginning of a run only, and the others of it would not learn that they are to go elsewhere.
+int system_udp_send(void *, int descriptor, const Datagram *datagrams, unsigned count, bool connected) {
+  const bool stays = ntohl(datagrams->peer.sin_addr.s_addr) >> IN_CLASSA_NSHIFT == IN_LOOPBACKNET;
+  if (connected && count > 1 && stays && kernel_cuts()) {
+    const int left = Outgoing(datagrams, count, connected, true).send(descriptor);
+    // Whatever else stands against it is for the packets themselves to tell.
+    if (left > 0 || left == -EAGAIN || left == -EWOULDBLOCK || left == -ENOBUFS || left == -EINTR) return left;
+  }
+  return Outgoing(datagrams, count, connected, false).send(descriptor);
+}
+
+// Incoming ties kBatch datagrams to the records that recvmmsg wants. It is built on the stack: cheaper to fill than to
+// keep in step with the datagrams.
+struct Incoming {
   mmsghdr messages[kBatch];
   iovec vectors[kBatch];
 
-  void tie(unsigned at, void *data, size_t size, sockaddr_in *peer) {
-    vectors[at] = {data, size};
-    messages[at] = {};
-    messages[at].msg_hdr.msg_name = peer;
-    messages[at].msg_hdr.msg_namelen = peer != nullptr ? sizeof *peer : 0;
-    messages[at].msg_hdr.msg_iov = &vectors[at];
-    messages[at].msg_hdr.msg_iovlen = 1;
+  Incoming(Datagram *datagrams, unsigned count) {
+    for (unsigned i = 0; i < count; ++i) {
+      vectors[i] = {datagrams[i].data, datagrams[i].capacity};
+      messages[i] = {};
+      messages[i].msg_hdr.msg_name = &datagrams[i].peer;
+      messages[i].msg_hdr.msg_namelen = sizeof datagrams[i].peer;
+      messages[i].msg_hdr.msg_iov = &vectors[i];
+      messages[i].msg_hdr.msg_iovlen = 1;
+    }
   }
 };
 
-int system_udp_send(void *, int descriptor, const Datagram *datagrams, unsigned count, bool connected) {
-  Headers headers;
-  for (unsigned i = 0; i < count; ++i)
-    headers.tie(i, datagrams[i].data, datagrams[i].size,
-                connected ? nullptr : const_cast<sockaddr_in *>(&datagrams[i].peer));
-  const int sent = sendmmsg(descriptor, headers.messages, count, MSG_NOSIGNAL);
-  return sent < 0 ? -errno : sent;
-}
-
 int system_udp_receive(void *, int descriptor, Datagram *datagrams, unsigned count) {
-  Headers headers;
-  for (unsigned i = 0; i < count; ++i)
-    headers.tie(i, datagrams[i].data, datagrams[i].capacity, &datagrams[i].peer);
-  const int received = recvmmsg(descriptor, headers.messages, count, MSG_DONTWAIT | MSG_TRUNC, nullptr);
+  Incoming incoming(datagrams, count);
+  const int received = recvmmsg(descriptor, incoming.messages, count, MSG_DONTWAIT | MSG_TRUNC, nullptr);
   if (received < 0) return -errno;
   for (int i = 0; i < received; ++i) {
-    datagrams[i].size = headers.messages[i].msg_len;
-    if (headers.messages[i].msg_hdr.msg_namelen != sizeof(sockaddr_in)) datagrams[i].peer = {};
+    datagrams[i].size = incoming.messages[i].msg_len;
+    if (incoming.messages[i].msg_hdr.msg_namelen != sizeof(sockaddr_in)) datagrams[i].peer = {};
   }
   return received;
 }

@@ -38,7 +38,8 @@ struct Io {
   int (*udp_open)(void *self, uint16_t port, const sockaddr_in *peer);
   void (*udp_close)(void *self, int socket);
   // udp_send sends up to kBatch datagrams and returns how many left; a negated errno when the first could not.
-  // `connected` tells that the socket is connected to the peer of all of them.
+  // `connected` tells that the socket is connected to the peer of all of them; those of one size are then cheapest side
+  // by side.
   int (*udp_send)(void *self, int socket, const Datagram *datagrams, unsigned count, bool connected);
   // udp_receive fills up to kBatch datagrams and returns how many arrived; 0 or -EAGAIN when none is there.
   int (*udp_receive)(void *self, int socket, Datagram *datagrams, unsigned count);
