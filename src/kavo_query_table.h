@@ -200,7 +200,7 @@ bool kavo_table_give_back(KAVO ctx) PELK_REQUIRES(ctx->mx_table);
 
 // kavo_node_bit returns the bit of a node among the 32 that tell the waiters of one node from those of most others.
 inline uint32_t kavo_node_bit(const kavo_query_node_t *node) {
-  constexpr unsigned kTopBits = 64 - 5;
+  constexpr unsigned kTopBits = 32 - 5;
   return 1U << (node->hashitem->hash >> kTopBits);
 }
 

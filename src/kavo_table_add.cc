@@ -27,7 +27,7 @@ constexpr uint64_t kStatMany = 500;
 struct Question {
   KAVO_TYPE type;
   uint32_t flags;
-  uint64_t hash;
+  uint32_t hash;
   uint16_t key_size;
   uint8_t key[KAVO_KEY_SIZE_MAX];
 };
@@ -50,7 +50,7 @@ bool build_key(const unsigned char *dn, const kavo_sa *serv, unsigned nserv, Que
 }
 
 // hash_key works out the hash of a question's key before the lock is taken: the table's secret never changes.
-uint64_t hash_key(KAVO ctx, const Question &question) PELK_NO_ANALYSIS {
+uint32_t hash_key(KAVO ctx, const Question &question) PELK_NO_ANALYSIS {
   return shash_hash(&ctx->query_table, question.key, question.key_size);
 }
 

@@ -272,10 +272,11 @@ class table_model {
       total += ranges_[number].size();
     }
     ASSERT_EQ(table_.count, total);
-    ASSERT_LE(total, std::min(capacity_, table_.buckets));
+    ASSERT_LE(total, std::min(capacity_, table_.buckets * SHASH_ITEMS_PER_BUCKET));
   }
 
   size_t evictions = 0, refusals = 0;
+  static inline size_t strangers_met = 0;
 
  private:
   static constexpr rindex_t kRanges = 4;
@@ -286,11 +287,11 @@ class table_model {
     std::list<entry *>::iterator place;
   };
 
-  // Keys meet here only when their hashes are equal, so in practice only when they are equal themselves.
+  // Keys meet here only when their hashes are equal, so hardly ever when they are not equal themselves.
   static int compare(void *, const uint8_t *key1, uint16_t size1, const uint8_t *key2, uint16_t size2) {
     const auto *text1 = reinterpret_cast<const char *>(key1), *text2 = reinterpret_cast<const char *>(key2);
     const bool equal = size1 == size2 && strncasecmp(text1, text2, size1) == 0;
-    EXPECT_TRUE(equal);
+    strangers_met += equal ? 0 : 1;
     return equal ? 0 : 1;
   }
 
@@ -363,6 +364,7 @@ TEST(Shash, BehavesLikeItsModel) {
   }
   EXPECT_GT(evictions, 1000u);
   EXPECT_GT(refusals, 100u);
+  EXPECT_LE(table_model::strangers_met, 20u);
 }
 
 TEST(Shash, CapacityCostsNothingBeforeItemsComeAndBadArgumentsAreRefused) {

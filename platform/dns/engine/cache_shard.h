@@ -20,6 +20,7 @@
 #include <kavo/dns.h>
 
 #include "pelk.h"
+#include "prefetch.h"
 
 namespace dns {
 
@@ -96,10 +97,8 @@ class Index {
   // head gives the first entry of bucket `i`, below buckets(). While the index grows, an entry only ever moves to the
   // new last bucket, so that a walk in ascending order meets it.
   [[nodiscard]] Entry *head(size_t i) const { return *bucket(i); }
-  // prefetch has the processor fetch the bucket of a hash. It is inlined always, because g++ takes a function that only
-  // prefetches for one without effect and drops the call.
-  [[gnu::always_inline]] void prefetch(uint64_t hash) const {
-    if (buckets_ > 0) __builtin_prefetch(bucket(place(hash)));
+  void prefetch_bucket(uint64_t hash) const {
+    if (buckets_ > 0) prefetch(bucket(place(hash)));
   }
 
  private:

@@ -12,6 +12,7 @@
 
 #include "cache.h"
 #include "cache_image.h"
+#include "prefetch.h"
 #include "siphash.h"
 
 namespace dns {
@@ -61,8 +62,8 @@ enum class Step { kMore, kFull, kDone, kFailed };
   for (size_t i = walk->bucket; i < end; ++i) {
     const Entry *entry = index.head(i);
     if (entry == nullptr) continue;
-    __builtin_prefetch(entry);
-    __builtin_prefetch(entry + 1);
+    prefetch(entry);
+    prefetch(entry + 1);
   }
   for (; walk->bucket < end; ++walk->bucket) {
     if (!copy_bucket(index.head(walk->bucket), now, grace, &walk->taken, images)) return Step::kFull;
@@ -120,16 +121,16 @@ using Waiting = std::array<Entry *, kShardsMax>;
   return shard->insert(entry, there, now, expired_too, dead);
 }
 
-// fetch_ahead has the processor fetch what the entries from `first` on will meet: their buckets, then the first entries
-// there, then the second ones, each kind side by side instead of one after another. Inlined as Index::prefetch is.
-[[gnu::always_inline]] inline void fetch_ahead(const Index &index, const Entry *first) {
+// prefetch_meetings has the processor fetch what the entries from `first` on will meet: their buckets, then the first
+// entries there, then the second ones, each kind side by side instead of one after another.
+void prefetch_meetings(const Index &index, const Entry *first) {
   for (const Entry *entry = first; entry != nullptr; entry = entry->bucket_next)
-    index.prefetch(entry->hash);
+    index.prefetch_bucket(entry->hash);
   for (const Entry *entry = first; entry != nullptr; entry = entry->bucket_next)
-    __builtin_prefetch(index.first(entry->hash));
+    prefetch(index.first(entry->hash));
   for (const Entry *entry = first; entry != nullptr; entry = entry->bucket_next) {
     const Entry *there = index.first(entry->hash);
-    if (there != nullptr) __builtin_prefetch(there->bucket_next);
+    if (there != nullptr) prefetch(there->bucket_next);
   }
 }
 
@@ -138,7 +139,7 @@ using Waiting = std::array<Entry *, kShardsMax>;
   Graveyard dead;
   const pelk_lock lock(&shard->mutex);
   dns_status status = lock.error != 0 ? DNS_E_FAIL : DNS_E_NOERROR;
-  fetch_ahead(shard->index(), first);
+  prefetch_meetings(shard->index(), first);
   while (first != nullptr) {
     Entry *entry = std::exchange(first, first->bucket_next);
     const dns_status outcome = status == DNS_E_NOERROR ? put_back(shard, entry, now, expired_too, &dead) : status;

@@ -23,10 +23,10 @@ using STAT_HASHTABLE = shash_table;
 // An item. `pKey` is the very pointer that was inserted; the rest is the table's.
 struct shash_item {
   uint8_t *pKey;
+  uint32_t hash;
   uint16_t key_size;
   rindex_t range;
   bool indexed;
-  uint64_t hash;
   shash_item *bucket_next;
   shash_item *range_prev;
   shash_item *range_next;
@@ -48,6 +48,25 @@ struct shash_range {
   size_t count;
 };
 
+// A bucket of the index: the items in its slots and, of those that find no free one, a chain. Apart from them lies what
+// it knows of their hashes: a tag for each slot, 0 for a free one, and a few bits for the chain. There are enough
+// buckets for SHASH_ITEMS_PER_BUCKET items in each.
+enum { SHASH_SLOTS = 7, SHASH_ITEMS_PER_BUCKET = 4 };
+struct shash_tags {
+  uint8_t slots[SHASH_SLOTS];
+  uint8_t chain;
+};
+struct alignas(64) shash_bucket {
+  shash_item *slots[SHASH_SLOTS];
+  shash_item *chain;
+};
+
+// A part of the index.
+struct shash_segment {
+  shash_tags *tags;
+  shash_bucket *buckets;
+};
+
 enum { SHASH_MAX_RANGES = 16, SHASH_MAX_SEGMENTS = 32 };
 
 struct shash_table {
@@ -58,7 +77,7 @@ struct shash_table {
   size_t data_size;  // bytes of the caller's data behind each item
   size_t count;      // items in all ranges
   size_t buckets;    // buckets in use; they lie in segments, each as large as all before it
-  shash_item **segments[SHASH_MAX_SEGMENTS];
+  shash_segment segments[SHASH_MAX_SEGMENTS];
   rindex_t ranges_count;
   shash_range ranges[SHASH_MAX_RANGES];
   shash_item *spare;  // items without a key, to be used again
@@ -71,17 +90,17 @@ struct shash_table {
                              shash_keyfree_fn *keyfree, rindex_t ranges);
 
 // shash_hash returns the hash of a key, for a search and an insertion that would otherwise work it out twice.
-[[nodiscard]] uint64_t shash_hash(const shash_table *table, const uint8_t *key, uint16_t key_size);
+[[nodiscard]] uint32_t shash_hash(const shash_table *table, const uint8_t *key, uint16_t key_size);
 
 // shash_search returns the item whose key compares equal (keycmp gives 0), in any range, or null.
 [[nodiscard]] shash_item *shash_search(shash_table *table, const uint8_t *key, uint16_t key_size);
-[[nodiscard]] shash_item *shash_search(shash_table *table, const uint8_t *key, uint16_t key_size, uint64_t hash);
+[[nodiscard]] shash_item *shash_search(shash_table *table, const uint8_t *key, uint16_t key_size, uint32_t hash);
 
 // shash_insert files a new item for `key` at the end of `range`. In a full table the first item of range 0, the one
 // that came there longest ago, gives way: keyfree is called for it first. Null when range 0 is empty then, or without
 // memory.
 [[nodiscard]] shash_item *shash_insert(shash_table *table, uint8_t *key, uint16_t key_size, rindex_t range);
-[[nodiscard]] shash_item *shash_insert(shash_table *table, uint8_t *key, uint16_t key_size, uint64_t hash,
+[[nodiscard]] shash_item *shash_insert(shash_table *table, uint8_t *key, uint16_t key_size, uint32_t hash,
                                        rindex_t range);
 
 // shash_update moves an item to the end of `range` (nothing moves when it lies there already). 0, or -1 for no such
