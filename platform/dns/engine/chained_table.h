@@ -5,6 +5,8 @@
 
 #include <stdlib.h>
 
+#include "prefetch.h"
+
 namespace dns {
 
 // kNext is the member that links a record to the next one in its bucket, kKey the one that says which bucket that is.
@@ -39,6 +41,10 @@ class ChainedTable {
   template <typename Key>
   [[nodiscard]] T *first(Key key) const {
     return size_ == 0 ? nullptr : buckets_[key & (size_ - 1)];
+  }
+  template <typename Key>
+  void prefetch_bucket(Key key) const {
+    if (size_ != 0) prefetch(&buckets_[key & (size_ - 1)]);
   }
   // drain hands every record to `end`, which takes it out and adds none.
   template <typename End>

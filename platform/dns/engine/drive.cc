@@ -51,6 +51,7 @@ void take_queued(dns_ctx *ctx) {
   turn.take_all(&ctx->queued);
   while (!turn.alone()) {
     auto *q = static_cast<dns_query *>(turn.next);
+    prefetch_after<dns_query>(q);
     if (answer_from_cache(q) || follow(q)) continue;
     begin_at_delegation(q);
     if (q->state != State::queued) continue;

@@ -28,6 +28,7 @@ unsigned collect(dns_ctx *ctx, int slot, unsigned room, const Server *only) {
   unsigned count = 0;
   for (Link *link = ctx->sending.next; link != &ctx->sending && count < std::min(room, kBatch); link = link->next) {
     auto *q = static_cast<dns_query *>(link);
+    prefetch_after<dns_query>(q);
     const bool is_new = q->slot == UdpPool::kNone;
     if (q->over_tcp || is_new != fresh || (!is_new && q->slot != slot)) break;
     if (is_new ? only_server(q) != only : !ctx->sockets.reaches(slot, servers_of(q)[q->server]->address)) break;
