@@ -77,8 +77,8 @@ struct kavo_cb_arg {
   std::atomic<kavo_cb_arg *> next = nullptr;  // in the node's chain, or in the pool's free list
   KAVO_QUERY_NODE node = nullptr;             // null while the argument is free
   struct dns_query *qh = nullptr;             // the engine's question while it is in flight
-  struct timeval start_time = {};             // when it was submitted
   KAVO_ANSWER answer = {};                    // its record block stays with the argument and is used again
+  uint32_t start_time = 0;                    // when it was submitted: the context's `now`
   int n_zone = 0;                             // the zone's place in the node's list; max_zones more for an early answer
 };
 
@@ -90,8 +90,8 @@ struct kavo_query_node_t {
   kavo_query_state state;
   kavo_query_state wanted;  // the least state that somebody waits for it to reach; KAVOQS_NOBODY for none
   uint32_t flags;
-  kavo_cb_arg *cb_args;
   uint32_t args_count;
+  kavo_cb_arg *cb_args;
   uint32_t client_count;                  // holders: callers, and the server thread while it owes an outcome
   uint32_t qh_count;                      // questions in flight
   uint32_t first_count;                   // answers delivered

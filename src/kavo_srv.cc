@@ -92,7 +92,7 @@ class IoLoop {
   // when something has arrived.
   void look_at_clock() {
     dns_gettimeofday(&now_);
-    ctx_->now = {static_cast<uint32_t>(now_.dnstv_sec), now_.dnstv_usec};
+    ctx_->now = kavo_time_milli({static_cast<uint32_t>(now_.dnstv_sec), now_.dnstv_usec});
   }
 
   static KAVO_ERR no_memory() {

@@ -46,7 +46,7 @@ void fill_answer(KAVO ctx, kavo_cb_arg *arg, void *result) {
   answer->zone = zone_of(ctx, type, arg->n_zone);
   answer->err_code = kavo_dns_status(ctx);
   answer->actual_size = 0;
-  answer->query_time = kavo_time_milli_delay(&arg->start_time, &ctx->now);
+  answer->query_time = kavo_milli_delay(arg->start_time, ctx->now);
   const bool has_records =
       answer->err_code == KAVOE_OK || answer->err_code == KAVOE_NXDOM || answer->err_code == KAVOE_NODATA;
   if (result != nullptr && has_records) copy_result(answer, result);

@@ -52,7 +52,7 @@ struct kavo_t {
   std::atomic<bool> wake_pending = false;  // a byte is in the pipe, or about to be, that the server has not answered
   struct dns_ios *ios = nullptr;           // the server thread's socket list while it runs
   uint32_t nios = 0;
-  struct timeval now = {};  // the moment that the server thread last looked at the clock
+  uint32_t now = 0;  // when the server thread last looked at the clock: kavo_time_milli
   kavo_zonesmap zonesmap = {};
 
   pelk_mutex_t mx_table = {};
@@ -106,5 +106,13 @@ struct kavo_t {
 // The run of a thread that has failed is ended first: until then the thread may still drive the engine, and its
 // questions lie there.
 [[nodiscard]] bool kavo_is_configurable(KAVO kavo);
+
+// kavo_time_milli returns a moment in whole milliseconds, rounded, modulo 2^32; kavo_milli_delay what lies between two
+// of them, 0 when it is below 0.
+[[nodiscard]] uint32_t kavo_time_milli(const struct timeval &moment);
+[[nodiscard]] inline unsigned kavo_milli_delay(uint32_t start, uint32_t finish) {
+  const auto delay = static_cast<int32_t>(finish - start);
+  return delay < 0 ? 0 : static_cast<unsigned>(delay);
+}
 
 #endif  // KAVO_T_H

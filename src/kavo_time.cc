@@ -9,6 +9,8 @@
 #include <kavo.h>
 #include <pelk.h>
 
+#include "kavo_t.h"
+
 namespace {
 
 constexpr int64_t kMicro = 1000000;  // microseconds in a second
@@ -46,13 +48,6 @@ struct timeval add(const struct timeval &now, const struct timeval &span) {
   return sum;
 }
 
-// milli_of returns the moment in whole milliseconds, rounded, modulo 2^32.
-uint32_t milli_of(const struct timeval &moment) {
-  const uint64_t rounding = kMilli / 2;
-  const int64_t micro = static_cast<int64_t>(static_cast<uint64_t>(moment.tv_usec) + rounding);
-  return static_cast<uint32_t>(moment.tv_sec) * kMilli + static_cast<uint32_t>(micro / kMilli);
-}
-
 // to_span returns a span of milliseconds, both parts of its sign; from_now the moment that lies a span from now.
 struct timeval to_span(int milliseconds) {
   return {milliseconds / kMilli, milliseconds % kMilli * kMilli};
@@ -80,8 +75,13 @@ KAVO_ERR kavo_time_deadline(const struct timeval *timeout, struct timeval *deadl
 
 unsigned int kavo_time_milli_delay(const struct timeval *start, const struct timeval *finish) {
   if (start == nullptr || finish == nullptr) return 0;
-  const int32_t delay = static_cast<int32_t>(milli_of(*finish) - milli_of(*start));
-  return delay < 0 ? 0 : static_cast<unsigned>(delay);
+  return kavo_milli_delay(kavo_time_milli(*start), kavo_time_milli(*finish));
+}
+
+uint32_t kavo_time_milli(const struct timeval &moment) {
+  const uint64_t rounding = kMilli / 2;
+  const int64_t micro = static_cast<int64_t>(static_cast<uint64_t>(moment.tv_usec) + rounding);
+  return static_cast<uint32_t>(moment.tv_sec) * kMilli + static_cast<uint32_t>(micro / kMilli);
 }
 
 struct timeval *kavo_get_deadline(unsigned int timeout, struct timeval *deadline) {
