@@ -75,13 +75,19 @@ uint64_t tagged(const shash_tags &tags, uint8_t tag) {
   return ~(((differ & kLow) + kLow) | differ) & kTop;
 }
 
-// slot_of returns the first slot of a number that tagged() returned.
+// free_slots returns such a number too: every tag has its lowest bit set.
+uint64_t free_slots(const shash_tags &tags) {
+  constexpr uint64_t kEach = 0x01010101010101;
+  return ~std::bit_cast<uint64_t>(tags) & kEach;
+}
+
+// slot_of returns the first slot of a number of either kind.
 int slot_of(uint64_t tagged_slots) {
   return std::countr_zero(tagged_slots) / CHAR_BIT;
 }
 
 void put(Bucket bucket, shash_item *item) {
-  if (const uint64_t free = tagged(*bucket.tags, 0); free != 0) {
+  if (const uint64_t free = free_slots(*bucket.tags); free != 0) {
     const int slot = slot_of(free);
     bucket.tags->slots[slot] = tag_of(item->hash);
     bucket.items->slots[slot] = item;
@@ -195,10 +201,10 @@ void prefetch_next_to_go(const shash_table *table) {
 // take_item returns a zeroed item with zeroed data, a spare one when there is one; null without memory.
 shash_item *take_item(shash_table *table) {
   shash_item *item = table->spare;
-  const size_t size = sizeof(shash_item) + table->data_size;
-  if (item == nullptr) return static_cast<shash_item *>(calloc(1, size));
+  if (item == nullptr) return static_cast<shash_item *>(calloc(1, sizeof(shash_item) + table->data_size));
   table->spare = item->bucket_next;
-  memset(static_cast<void *>(item), 0, size);
+  *item = {};
+  if (table->data_size != 0) memset(shash_item_data(item), 0, table->data_size);
   return item;
 }
 

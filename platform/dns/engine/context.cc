@@ -201,8 +201,8 @@ dns_status dns_init(dns_ctx *ctx, int do_open) {
 dns_status dns_open(dns_ctx *ctx) {
   if (ctx == nullptr) return DNS_E_INVAL;
   if (ctx->opened) return DNS_E_NOERROR;
-  // Not cleared: packet buffers are written before they are read.
-  if (ctx->buffers == nullptr) ctx->buffers = static_cast<dns_ctx::Buffers *>(malloc(sizeof(dns_ctx::Buffers)));
+  // So large a block comes cleared from the system, as a rule untouched: what is never used takes no memory.
+  if (ctx->buffers == nullptr) ctx->buffers = static_cast<dns_ctx::Buffers *>(calloc(1, sizeof(dns_ctx::Buffers)));
   if (ctx->buffers == nullptr || !ctx->index.ready()) return DNS_E_NOMEM;
   if (ctx->sockets.open() != 0) return DNS_E_FAIL;
   ctx->opened = true;

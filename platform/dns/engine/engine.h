@@ -288,8 +288,10 @@ namespace dns {
 // ---- query.cc
 
 [[nodiscard]] inline std::span<Server *const> servers_of(const dns_query *q) {
-  if (q->journey != nullptr && q->journey->nserv > 0) return {q->journey->servers, q->journey->nserv};
-  if (q->own != nullptr) return {q->own->servers, q->nserv};
+  if (q->journey != nullptr || q->own != nullptr) [[unlikely]] {
+    if (q->journey != nullptr && q->journey->nserv > 0) return {q->journey->servers, q->journey->nserv};
+    if (q->own != nullptr) return {q->own->servers, q->nserv};
+  }
   return {q->ctx->servers, q->ctx->nserv};
 }
 

@@ -132,18 +132,20 @@ bool has_fresh_server(const dns_query *q) {
 // prefetch_questions asks the processor for the questions that a batch of packets may answer, and for where they are
 // filed: of all of them side by side, instead of one after the other.
 void prefetch_questions(const dns_ctx *ctx, std::span<const Datagram> batch) {
-  const auto each_id = [&](auto use) {
-    for (const Datagram &in : batch)
-      if (in.size >= sizeof(uint16_t)) use(load_u16(in.data));
-  };
-  each_id([&](uint16_t id) { ctx->index.prefetch_bucket(id); });
-  each_id([&](uint16_t id) { prefetch_all(ctx->index.first(id)); });
-  each_id([&](uint16_t id) {
-    const dns_query *q = ctx->index.first(id);
-    if (q == nullptr) return;
+  // Whatever a packet that is too short for an identifier left in its buffer will do.
+  const auto id_of = [&](size_t i) { return load_u16(batch[i].data); };
+  const dns_query *first[kBatch];
+  for (size_t i = 0; i < batch.size(); ++i)
+    ctx->index.prefetch_bucket(id_of(i));
+  for (size_t i = 0; i < batch.size(); ++i) {
+    first[i] = ctx->index.first(id_of(i));
+    prefetch_all(first[i]);
+  }
+  for (const dns_query *q : std::span(first).first(batch.size())) {
+    if (q == nullptr) continue;
     ctx->leaders.prefetch_bucket(q->hash);
     prefetch(q->data);
-  });
+  }
 }
 
 }  // namespace

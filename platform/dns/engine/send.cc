@@ -31,13 +31,17 @@ unsigned collect(dns_ctx *ctx, int slot, unsigned room, const Server *only) {
     prefetch_after<dns_query>(q);
     const bool is_new = q->slot == UdpPool::kNone;
     if (q->over_tcp || is_new != fresh || (!is_new && q->slot != slot)) break;
-    if (is_new ? only_server(q) != only : !ctx->sockets.reaches(slot, servers_of(q)[q->server]->address)) break;
+    const Server *server = servers_of(q)[q->server];
+    if (is_new ? only_server(q) != only : !ctx->sockets.reaches(slot, server->address)) break;
     if (is_new && (!ctx->random.u16(&q->id) || !ctx->random.u64(&q->case_bits))) break;
-    if (servers_of(q)[q->server]->set_aside()) turn_away(q);
+    if (server->set_aside()) {
+      turn_away(q);
+      server = servers_of(q)[q->server];
+    }
     Datagram &datagram = buffers->out[count];
     datagram.data = buffers->queries[count];
     datagram.size = static_cast<uint32_t>(build(q, buffers->queries[count]));
-    datagram.peer = servers_of(q)[q->server]->address;
+    datagram.peer = server->address;
     buffers->leaving[count++] = q;
   }
   return count;
@@ -72,17 +76,17 @@ void sent_by_udp(dns_query *q, int slot) {
     ctx->index.add(q);
     q->first_sent_us = ctx->now_us;
   }
-  const auto servers = servers_of(q);
+  Server *server = servers_of(q)[q->server];
   // A server that is away must not cost a question one of its tries.
   if (!q->probes) ++q->tries;
   q->asked |= 1U << q->server;
   if (q->under_way == nullptr) {
-    q->under_way = servers[q->server];
+    q->under_way = server;
     ++q->under_way->under_way;
   }
   // A server's first answer says how long the others are worth waiting for.
   const int64_t patience = try_patience_us(q);
-  sent(q, servers[q->server]->srtt_us == 0 ? std::min(patience, kLookAgainUs) : patience);
+  sent(q, server->srtt_us == 0 ? std::min(patience, kLookAgainUs) : patience);
 }
 
 void not_sent(dns_query *q) {
