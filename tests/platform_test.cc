@@ -272,7 +272,9 @@ class table_model {
       total += ranges_[number].size();
     }
     ASSERT_EQ(table_.count, total);
-    ASSERT_LE(total, std::min(capacity_, table_.buckets * SHASH_ITEMS_PER_BUCKET));
+    ASSERT_LE(total, capacity_);
+    ASSERT_EQ(table_.index.items(), index_.size());
+    ASSERT_LE(index_.size(), table_.index.buckets() * table_.index.kItemsPerBucket);
   }
 
   size_t evictions = 0, refusals = 0;

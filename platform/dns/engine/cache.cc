@@ -207,6 +207,8 @@ unsigned shards_for(uint64_t bytes) {
 
 [[nodiscard]] bool begin(dns_cache *cache, uint64_t bytes) {
   cache->shards_count = shards_for(bytes);
+  cache->shards.reset(new (std::nothrow) Shard[cache->shards_count]);
+  if (cache->shards == nullptr) return false;
   while (cache->shards_begun < cache->shards_count) {
     if (!cache->shards[cache->shards_begun].begin(bytes / cache->shards_count)) return false;
     cache->shards_begun += 1;

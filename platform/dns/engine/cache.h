@@ -14,6 +14,7 @@
 #include <array>
 #include <atomic>
 #include <bit>
+#include <memory>
 
 #include <kavo/dns.h>
 
@@ -44,7 +45,7 @@ struct dns_cache : dns_cacher {
   uint8_t secret[16] = {};
   unsigned shards_begun = 0;
   unsigned shards_count = 1;  // a power of two
-  std::array<dns::Shard, dns::kShardsMax> shards;
+  std::unique_ptr<dns::Shard[]> shards;
 
   explicit dns_cache(const dns_cacher_ops *ops) : dns_cacher{ops} {}
   ~dns_cache() {

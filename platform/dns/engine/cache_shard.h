@@ -2,11 +2,11 @@
 // way.
 //
 // A shard is used by any thread that holds its mutex. It is held for one look-up and one copy; entries are built before
-// it is taken and released after. An entry is one block: head, name, records. A shard keeps its entries in a hash index
-// that grows by one bucket at a time (linear hashing, so that no call ever pays for a large step) and in a list in the
-// order of their coming, whose old end gives way when the shard's share of the bytes is spent. An entry that was looked
-// up meanwhile gets a second chance there and comes to the new end again: that keeps what is in use as moving it at
-// each look-up would, and a look-up does not fetch, and write to, the two entries beside it from memory.
+// it is taken and released after. An entry is one block: head, name, records. A shard keeps its entries in an index and
+// in a list in the order of their coming, whose old end gives way when the shard's share of the bytes is spent. An
+// entry that was looked up meanwhile gets a second chance there and comes to the new end again: that keeps what is in
+// use as moving it at each look-up would, and a look-up does not fetch, and write to, the two entries beside it from
+// memory.
 #ifndef CACHE_SHARD_H
 #define CACHE_SHARD_H
 
@@ -14,21 +14,19 @@
 #include <stdint.h>
 #include <stdlib.h>
 
-#include <bit>
 #include <utility>
 
 #include <kavo/dns.h>
 
+#include "bucket_index.h"
 #include "pelk.h"
-#include "prefetch.h"
 
 namespace dns {
 
 // What the allocator adds to a block, at most.
 inline constexpr size_t kBlockOverhead = 16;
 
-// Entry is the head of an entry's block; its name and its run follow it. What a search in a bucket reads stands first,
-// in one line of the processor's cache.
+// Entry is the head of an entry's block; its name and its run follow it.
 struct Entry {
   Entry *bucket_next;
   uint64_t hash;
@@ -73,54 +71,8 @@ class Graveyard {
   Entry *first_ = nullptr;
 };
 
-// Index finds entries by hash. It begins empty; grow() adds one bucket and moves to it, from the one bucket that may
-// hold them, the entries that belong there. Its shard's mutex guards it.
-class Index {
- public:
-  Index() = default;
-  Index(const Index &) = delete;
-  Index &operator=(const Index &) = delete;
-  ~Index();
-
-  [[nodiscard]] Entry *first(uint64_t hash) const { return buckets_ == 0 ? nullptr : *bucket(place(hash)); }
-  void insert(Entry *entry);
-  void remove(Entry *entry);
-  // due tells whether one more entry asks for one more bucket; the first one always does.
-  [[nodiscard]] bool due() const { return entries_ >= buckets_; }
-  [[nodiscard]] bool empty() const { return buckets_ == 0; }
-  // growth gives the bytes that the next grow() takes beyond those of now.
-  [[nodiscard]] size_t growth() const;
-  // grow returns false without memory: the index then goes on with longer buckets.
-  [[nodiscard]] bool grow();
-  [[nodiscard]] size_t bytes() const;
-  [[nodiscard]] size_t buckets() const { return buckets_; }
-  // head gives the first entry of bucket `i`, below buckets(). While the index grows, an entry only ever moves to the
-  // new last bucket, so that a walk in ascending order meets it.
-  [[nodiscard]] Entry *head(size_t i) const { return *bucket(i); }
-  void prefetch_bucket(uint64_t hash) const {
-    if (buckets_ > 0) prefetch(bucket(place(hash)));
-  }
-
- private:
-  // Buckets of one segment, an allocation of its own; the directory points to the segments and doubles as it fills.
-  static constexpr size_t kSegmentBuckets = 32;
-
-  [[nodiscard]] size_t segments() const;
-  [[nodiscard]] Entry **bucket(size_t i) const { return &directory_[i / kSegmentBuckets][i % kSegmentBuckets]; }
-  // place is the bucket of a hash: as many of its low bits as number all buckets, one less where that bucket is still
-  // to come.
-  [[nodiscard]] size_t place(uint64_t hash) const {
-    const size_t span = std::bit_ceil(buckets_);
-    const size_t i = hash & (span - 1);
-    return i < buckets_ ? i : i - span / 2;
-  }
-  [[nodiscard]] bool add_segment();
-
-  Entry ***directory_ = nullptr;
-  size_t directory_size_ = 0;
-  size_t buckets_ = 0;
-  size_t entries_ = 0;
-};
+// Index finds entries by hash. Its shard's mutex guards it.
+using Index = BucketIndex<Entry, &Entry::bucket_next, &Entry::hash>;
 
 // Key is what an entry is found by.
 struct Key {
@@ -131,9 +83,7 @@ struct Key {
   uint64_t hash;
 };
 
-inline constexpr size_t kCacheLine = 64;
-
-class alignas(kCacheLine) Shard {
+class alignas(CACHE_LINE) Shard {
  public:
   Shard() = default;
   Shard(const Shard &) = delete;
@@ -164,7 +114,7 @@ class alignas(kCacheLine) Shard {
   [[nodiscard]] Entry *victim(dns_time now, bool keep_expired) PELK_REQUIRES(mutex);
   void make_room(size_t bytes, dns_time now, bool keep_expired, Graveyard *dead) PELK_REQUIRES(mutex);
 
-  Index index_ PELK_GUARDED_BY(mutex);
+  Index index_ PELK_GUARDED_BY(mutex) = {};
   Entry *newest_ PELK_GUARDED_BY(mutex) = nullptr;
   Entry *oldest_ PELK_GUARDED_BY(mutex) = nullptr;
   size_t bytes_ PELK_GUARDED_BY(mutex) = 0;  // of the entries

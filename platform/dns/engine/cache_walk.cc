@@ -1,7 +1,7 @@
 // cache_walk.cc - the ways of many entries out of a cache, as images, and back (cache_image.h).
 //
-// Any thread may walk a cache or put images back while others use it: a shard's mutex is held for a few dozen buckets
-// or entries at a time. Both ways spend their time waiting for memory, so what is about to be touched is asked for
+// Any thread may walk a cache or put images back while others use it: a shard's mutex is held for a few dozen entries
+// at a time. Both ways spend their time waiting for memory, so what is about to be touched is asked for
 // ahead, many pieces side by side.
 #include <stdlib.h>
 #include <string.h>
@@ -19,8 +19,8 @@ namespace dns {
 
 namespace {
 
-// Buckets that are walked at a time: about as many entries, copied in a few microseconds.
-constexpr size_t kWalkStep = 64;
+// Buckets that are walked at a time: a few dozen entries, copied in a few microseconds.
+constexpr size_t kWalkStep = 16;
 
 // Threads that put images back at the same time begin so many shards apart, where they do not meet.
 constexpr unsigned kShardStride = 7;
@@ -32,23 +32,25 @@ bool gone(dns_time stored, int32_t ttl, dns_time now, int32_t grace) {
 
 // copy_bucket appends the images of a bucket's entries, or none of them when they do not all fit. False when the room
 // is full.
-[[nodiscard]] bool copy_bucket(Entry *first, dns_time now, int32_t grace, size_t *taken, Images *images) {
+[[nodiscard]] bool copy_bucket(const Index &index, CacheWalk *walk, dns_time now, int32_t grace, Images *images) {
   const Images before = *images;
   size_t count = 0;
-  for (Entry *entry = first; entry != nullptr; entry = entry->bucket_next, ++count) {
-    if (count < *taken || gone(entry->stored, entry->ttl, now, grace)) continue;
+  const bool whole = index.each(walk->bucket, [&](Entry *entry) {
+    if (count++ < walk->taken || gone(entry->stored, entry->ttl, now, grace)) return true;
     const size_t size = image_size(*entry);
-    if (size > images->room.size() - images->used) {
-      *taken = before.used == 0 ? count : 0;
-      if (before.used > 0) *images = before;
-      return false;
-    }
+    if (size > images->room.size() - images->used) return false;
     write_image(entry, &images->room[images->used]);
     images->used += size;
     images->entries += 1;
+    return true;
+  });
+  if (whole) {
+    walk->taken = 0;
+  } else {
+    walk->taken = before.used == 0 ? count - 1 : 0;
+    if (before.used > 0) *images = before;
   }
-  *taken = 0;
-  return true;
+  return whole;
 }
 
 enum class Step { kMore, kFull, kDone, kFailed };
@@ -60,13 +62,14 @@ enum class Step { kMore, kFull, kDone, kFailed };
   const Index &index = shard->index();
   const size_t end = std::min(walk->bucket + kWalkStep, index.buckets());
   for (size_t i = walk->bucket; i < end; ++i) {
-    const Entry *entry = index.head(i);
-    if (entry == nullptr) continue;
-    prefetch(entry);
-    prefetch(entry + 1);
+    (void)index.each(i, [](const Entry *entry) {
+      prefetch(entry);
+      prefetch(entry + 1);
+      return true;
+    });
   }
   for (; walk->bucket < end; ++walk->bucket) {
-    if (!copy_bucket(index.head(walk->bucket), now, grace, &walk->taken, images)) return Step::kFull;
+    if (!copy_bucket(index, walk, now, grace, images)) return Step::kFull;
   }
   return end == index.buckets() ? Step::kDone : Step::kMore;
 }
@@ -121,17 +124,13 @@ using Waiting = std::array<Entry *, kShardsMax>;
   return shard->insert(entry, there, now, expired_too, dead);
 }
 
-// prefetch_meetings has the processor fetch what the entries from `first` on will meet: their buckets, then the first
-// entries there, then the second ones, each kind side by side instead of one after another.
+// prefetch_meetings has the processor fetch what the entries from `first` on will meet: their buckets, then the entries
+// there that may be the same, each kind side by side instead of one after another.
 void prefetch_meetings(const Index &index, const Entry *first) {
   for (const Entry *entry = first; entry != nullptr; entry = entry->bucket_next)
-    index.prefetch_bucket(entry->hash);
+    index.prefetch_place(static_cast<uint32_t>(entry->hash));
   for (const Entry *entry = first; entry != nullptr; entry = entry->bucket_next)
-    prefetch(index.first(entry->hash));
-  for (const Entry *entry = first; entry != nullptr; entry = entry->bucket_next) {
-    const Entry *there = index.first(entry->hash);
-    if (there != nullptr) prefetch(there->bucket_next);
-  }
+    index.prefetch_found(static_cast<uint32_t>(entry->hash));
 }
 
 // put_waiting inserts the entries that wait for one shard.

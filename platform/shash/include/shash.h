@@ -11,6 +11,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "bucket_index.h"
+
 using rindex_t = uint16_t;
 
 struct shash_item;
@@ -48,26 +50,7 @@ struct shash_range {
   size_t count;
 };
 
-// A bucket of the index: the items in its slots and, of those that find no free one, a chain. Apart from them lies what
-// it knows of their hashes: a tag for each slot, 0 for a free one, and a few bits for the chain. There are enough
-// buckets for SHASH_ITEMS_PER_BUCKET items in each.
-enum { SHASH_SLOTS = 7, SHASH_ITEMS_PER_BUCKET = 4 };
-struct shash_tags {
-  uint8_t slots[SHASH_SLOTS];
-  uint8_t chain;
-};
-struct alignas(64) shash_bucket {
-  shash_item *slots[SHASH_SLOTS];
-  shash_item *chain;
-};
-
-// A part of the index.
-struct shash_segment {
-  shash_tags *tags;
-  shash_bucket *buckets;
-};
-
-enum { SHASH_MAX_RANGES = 16, SHASH_MAX_SEGMENTS = 32 };
+enum { SHASH_MAX_RANGES = 16 };
 
 struct shash_table {
   void *owner;  // handed to the two callbacks; the caller sets it after shash_init
@@ -76,8 +59,7 @@ struct shash_table {
   size_t capacity;
   size_t data_size;  // bytes of the caller's data behind each item
   size_t count;      // items in all ranges
-  size_t buckets;    // buckets in use; they lie in segments, each as large as all before it
-  shash_segment segments[SHASH_MAX_SEGMENTS];
+  BucketIndex<shash_item, &shash_item::bucket_next, &shash_item::hash> index;
   rindex_t ranges_count;
   shash_range ranges[SHASH_MAX_RANGES];
   shash_item *spare;  // items without a key, to be used again
