@@ -39,11 +39,17 @@ Shard *shard_of(dns_cache *cache, const Key &key) {
   return &cache->shards[cache->shard_number(key.hash)];
 }
 
-// key_of hashes the key in the form that it has in an image.
-Key key_of(const dns_cache *cache, const dns_cdata *entry) {
+// hash_of hashes a key in the form that it has in an image.
+uint64_t hash_of(const dns_cache *cache, uint16_t typ, uint16_t cls, std::span<const uint8_t> dn) {
   std::array<uint8_t, dns::kImageKeyHead + DNS_MAXDN> bytes;
-  const size_t size = dns::write_key(entry->typ, entry->cls, {entry->dn, entry->dn_size}, bytes.data());
-  return {entry->dn, entry->dn_size, entry->typ, entry->cls, siphash_folded(cache->secret, bytes.data(), size)};
+  const size_t size = dns::write_key(typ, cls, dn, bytes.data());
+  return siphash_folded(cache->secret, bytes.data(), size);
+}
+
+Key key_of(const dns_cache *cache, const dns_cdata *entry) {
+  const uint64_t hash =
+      entry->hash != 0 ? entry->hash : hash_of(cache, entry->typ, entry->cls, {entry->dn, entry->dn_size});
+  return {entry->dn, entry->dn_size, entry->typ, entry->cls, hash};
 }
 
 constexpr int32_t kNotKept = -1;
@@ -224,6 +230,14 @@ bool has_key(const dns_cdata *entry) {
 }
 
 }  // namespace
+
+uint64_t dns::cache_look_ahead(const dns_cacher *cacher, uint16_t typ, uint16_t cls, std::span<const uint8_t> dn) {
+  if (cacher == nullptr || cacher->dnscr_ops != &kOps) return 0;
+  const auto *cache = static_cast<const dns_cache *>(cacher);
+  const uint64_t hash = hash_of(cache, typ, cls, dn);
+  cache->shards[cache->shard_number(hash)].prefetch_place(hash);
+  return hash;
+}
 
 extern "C" {
 

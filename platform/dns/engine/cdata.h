@@ -30,7 +30,8 @@ struct dns_cdata {
   uint8_t *run = nullptr;
   size_t run_size = 0;
   size_t run_capacity = 0;
-  size_t next = 0;  // where dns_cdata_nextrr goes on
+  size_t next = 0;    // where dns_cdata_nextrr goes on
+  uint64_t hash = 0;  // what cache_look_ahead returned for its key, for one look-up; 0: nothing
 
   dns_cdata() = default;
   dns_cdata(const dns_cdata &) = delete;
@@ -49,6 +50,11 @@ inline constexpr uint16_t kOwnName = 0xC000 | DNS_HSIZE;
 // Bytes of the longest run: header, the longest question and the run always fit one message.
 inline constexpr size_t kQuestionTail = 4;  // type and class
 inline constexpr size_t kRunMax = DNS_MAXPACKET - DNS_HSIZE - DNS_MAXDN - kQuestionTail;
+
+// cache_look_ahead has the processor fetch where the built-in cache `cacher` files a key. Returns what spares the
+// look-up that follows working it out again (dns_cdata::hash), or 0.
+[[nodiscard]] uint64_t cache_look_ahead(const dns_cacher *cacher, uint16_t typ, uint16_t cls,
+                                        std::span<const uint8_t> dn);
 
 // cdata_reserve makes room for a run of `size` bytes, keeping the run. False without memory: nothing has changed.
 [[nodiscard]] bool cdata_reserve(dns_cdata *entry, size_t size);

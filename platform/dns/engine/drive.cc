@@ -1,5 +1,6 @@
 // drive.cc - the engine's loop: what is due, the cache's turn, and what to wait for; see engine.h.
 #include <algorithm>
+#include <utility>
 
 #include "engine.h"
 
@@ -36,7 +37,10 @@ bool answer_from_cache(dns_query *q) {
   dns_ctx *ctx = q->ctx;
   if (ctx->answer_cache == nullptr || q->uncached) return false;
   set_key(q, 0);
-  if (dns_cacher_get(ctx->answer_cache, ctx->entry, wall(ctx)) <= 0) {
+  ctx->entry->hash = std::exchange(q->looks_ahead, false) ? q->hash : 0;
+  const int result = dns_cacher_get(ctx->answer_cache, ctx->entry, wall(ctx));
+  ctx->entry->hash = 0;
+  if (result <= 0) {
     return !tell_cache(q, DNS_D_CU_NOAN, nullptr);
   }
   dns_dcache found = {ctx->answer_cache, ctx->entry, DNS_E_NOERROR};

@@ -149,8 +149,8 @@ struct dns_query : dns::Timer {
   dns::OwnServers *own;  // null: the context's servers
   dns::Journey *journey;
   dns::Server *under_way;  // the server among whose questions under way by UDP it has a place, else null
-  uint64_t hash;
-  uint64_t case_bits;  // the case in which the letters of its name were sent
+  uint64_t hash;           // of its name, type and class; while `looks_ahead`, that of its key in the answer cache
+  uint64_t case_bits;      // the case in which the letters of its name were sent
   int64_t first_sent_us;
   int64_t sent_us;   // when the present try left, or when it was due
   uint32_t asked;    // servers that were sent the question, and may answer it
@@ -180,6 +180,7 @@ struct dns_query : dns::Timer {
   bool fresh_cookie;  // the server has given a new cookie for it
   bool leads;         // it is in the table of leaders
   bool uncached;      // it neither reads nor fills the cache
+  bool looks_ahead;   // it has yet to be looked up in the answer cache
   dns::State state;
   uint8_t inline_dn[dns::kInlineName];
 };

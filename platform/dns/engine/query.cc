@@ -262,6 +262,8 @@ dns_query *dns_submit_dn_serv(dns_ctx *ctx, const unsigned char *dn, dns_class c
     release(q);
     return refuse(status);
   }
+  q->looks_ahead = !q->uncached && ctx->answer_cache != nullptr;
+  if (q->looks_ahead) q->hash = cache_look_ahead(ctx->answer_cache, q->typ, q->cls, {q->dn, size});
   ctx->queued.append(q);
   ++ctx->active;
   return q;
