@@ -1,8 +1,11 @@
-// platform_test.cc - the two lowest layers: threads, deadlines and logging; the hash table against a model.
+// platform_test.cc - the lowest layers: threads, deadlines and logging; the hash table against a model; datagrams.
+#include <arpa/inet.h>
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <strings.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -15,6 +18,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "dns_io.h"
 #include "pelk.h"
 #include "shash.h"
 #include "siphash.h"
@@ -388,6 +392,44 @@ TEST(Shash, CapacityCostsNothingBeforeItemsComeAndBadArgumentsAreRefused) {
   EXPECT_EQ(range_find(&table, 2, &cursor), nullptr);
   EXPECT_EQ(shash_search(&table, key, sizeof key), item);
   EXPECT_EQ(shash_destroy(&table), 0);
+}
+
+// ---- datagrams ----------------------------------------------------------------------------------------------------
+
+// Packets of one size leave in runs that the kernel cuts up; on a socket without checksums it refuses to.
+TEST(SystemIo, DatagramsArriveAsTheyWereHoweverTheKernelTakesThem) {
+  const dns::Io *io = dns::system_io();
+  for (const int refuses : {0, 1}) {
+    SCOPED_TRACE(refuses);
+    const int receiver = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0);
+    sockaddr_in peer = {};
+    peer.sin_family = AF_INET;
+    peer.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof peer;
+    ASSERT_EQ(bind(receiver, reinterpret_cast<sockaddr *>(&peer), length), 0);
+    ASSERT_EQ(getsockname(receiver, reinterpret_cast<sockaddr *>(&peer), &length), 0);
+    const int sender = io->udp_open(io->self, 0, &peer);
+    ASSERT_GE(sender, 0);
+    ASSERT_EQ(setsockopt(sender, SOL_SOCKET, SO_NO_CHECK, &refuses, sizeof refuses), 0);
+
+    std::mt19937 random(11);
+    std::vector<std::string> sent;
+    std::vector<dns::Datagram> datagrams;
+    for (const uint32_t size : {30, 30, 30, 41, 30, 512, 512, 17, 17, 17, 17, 1})
+      sent.emplace_back(size, static_cast<char>('a' + sent.size()));
+    while (sent.size() < dns::kBatch)
+      sent.emplace_back(50 + random() % 2, static_cast<char>(random()));
+    for (std::string &packet : sent)
+      datagrams.push_back({reinterpret_cast<uint8_t *>(packet.data()), 0, size_of(packet), peer});
+    EXPECT_EQ(io->udp_send(io->self, sender, datagrams.data(), dns::kBatch, true), int{dns::kBatch});
+    for (const std::string &packet : sent) {
+      char buffer[1024];
+      const ssize_t size = recv(receiver, buffer, sizeof buffer, 0);
+      ASSERT_EQ(std::string(buffer, static_cast<size_t>(std::max<ssize_t>(size, 0))), packet);
+    }
+    io->udp_close(io->self, sender);
+    close(receiver);
+  }
 }
 
 }  // namespace
