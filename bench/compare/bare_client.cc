@@ -1,5 +1,5 @@
 // bare_client.cc - the least that asking can cost: packets written and read in place, one system call for up to 64 of
-// them each way, one connected socket.
+// them each way, one connected socket. In runs, packets of one size leave as one message.
 #include <arpa/inet.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -9,20 +9,25 @@
 
 #include "client.h"
 #include "packet.h"
+#include "runs.h"
 #include "socket.h"
 
 namespace compare {
 namespace {
 
 constexpr const char *kName = "bare loop";
-constexpr unsigned kBatch = 64;
 constexpr unsigned kIds = 65536;
 constexpr unsigned kBits = 8;
 
 class Bare : public Client {
  public:
-  Bare(const Task &task, uint16_t port)
-      : task_(task), window_(task.window() * task.zones), names_(task.zones), socket_(port), asked_(kIds) {
+  Bare(const Task &task, uint16_t port, bool in_runs)
+      : task_(task),
+        in_runs_(in_runs),
+        window_(task.window() * task.zones),
+        names_(task.zones),
+        socket_(port),
+        asked_(kIds) {
     for (unsigned i = 0; i < kBatch; ++i) {
       parts_[i] = {packets_[i].data(), packets_[i].size()};
       messages_[i] = {};
@@ -61,6 +66,11 @@ class Bare : public Client {
       asked_[id16] = {next->address(), static_cast<uint32_t>(size)};
       parts_[i].iov_len = size;
     }
+    if (in_runs_) {
+      runs_.lay_out(std::span<const iovec>(parts_).first(count), nullptr);
+      if (runs_.send(socket_.fd()) > 0) throw std::runtime_error("bare loop: packets refused");
+      return count;
+    }
     for (unsigned sent = 0; sent < count;) {
       const int now = sendmmsg(socket_.fd(), &messages_[sent], count - sent, 0);
       if (now <= 0) throw std::runtime_error("bare loop: sendmmsg failed");
@@ -88,6 +98,7 @@ class Bare : public Client {
   }
 
   Task task_;
+  bool in_runs_;
   unsigned window_;
   Names names_;
   UdpSocket socket_;
@@ -95,16 +106,25 @@ class Bare : public Client {
   std::array<std::array<uint8_t, kPacketMax>, kBatch> packets_;
   std::array<iovec, kBatch> parts_;
   std::array<mmsghdr, kBatch> messages_;
+  Runs runs_;
 };
+
+Team make(const Task &task, bool in_runs) {
+  if (task.window() * task.zones > kIds / 2) throw std::runtime_error("bare loop: more outstanding than ids");
+  Team team;
+  for (unsigned t = 0; t < task.threads; ++t)
+    team.push_back(std::make_unique<Bare>(task, task.port_of(t), in_runs));
+  return team;
+}
 
 }  // namespace
 
 Team make_bare(const Task &task) {
-  if (task.window() * task.zones > kIds / 2) throw std::runtime_error("bare loop: more outstanding than ids");
-  Team team;
-  for (unsigned t = 0; t < task.threads; ++t)
-    team.push_back(std::make_unique<Bare>(task, task.port_of(t)));
-  return team;
+  return make(task, false);
+}
+
+Team make_bare_runs(const Task &task) {
+  return make(task, true);
 }
 
 }  // namespace compare

@@ -43,13 +43,13 @@ Task Plan::task(const char *client, const Responder &responder, unsigned outstan
 void measure_zones(const Plan &plan, Report *report) {
   const auto responder = start_own(plan.responder_core);
   report->add(
-      "## Eight zones a question\n\nEight packets a question; the bare loop sends the same packets.\n\n"
+      "## Eight zones a question\n\nEight packets a question; the bare loops send the same packets.\n\n"
       "| outstanding | packets | client | processor, µs a packet pair | × the bare loop |\n"
       "| ---: | ---: | --- | ---: | ---: |\n");
   bench::Spread usual;
   for (const unsigned outstanding : {kUsual / kZones, kUsual}) {
     std::vector<Task> tasks;
-    for (const char *client : {"bare", "kavo", "c-ares"}) {
+    for (const char *client : {"bare", "kavo", "c-ares", "bare-runs"}) {
       tasks.push_back(plan.task(client, *responder, outstanding));
       tasks.back().zones = kZones;
       tasks.back().count = plan.count / (kZones / 2);

@@ -77,7 +77,8 @@ class Client {
 using Team = std::vector<std::unique_ptr<Client>>;  // a worker for each thread
 
 // They throw std::runtime_error.
-[[nodiscard]] Team make_bare(const Task &task);  // sendmmsg and recvmmsg, a socket each
+[[nodiscard]] Team make_bare(const Task &task);       // sendmmsg and recvmmsg, a socket each
+[[nodiscard]] Team make_bare_runs(const Task &task);  // the same, packets of one size sent as one (runs.h)
 [[nodiscard]] Team make_kavo(const Task &task);  // nodes; a context for each port, shared by the workers that ask it
 [[nodiscard]] Team make_kavo_query(const Task &task);  // kavo_query, one question at a time
 [[nodiscard]] Team make_kavo_get(const Task &task);    // kavo_cache_get, a cache each

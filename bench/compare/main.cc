@@ -44,11 +44,16 @@ std::string explanation(const Plan &plan) {
          ". Figures are their medians, in parentheses the quartiles. Within a round the\nclients take turns, and a "
          "ratio is of two figures of the same round: on a machine that others use too, figures drift,\nratios hardly "
          "do. Wall times and questions a second suffer most from others.\n\n"
-         "With many questions at once the responder of this program costs less processor time a question than anyone "
-         "who asks\nit (see the table), so that nobody waits for it. Half of the addresses are listed. c-ares parses "
-         "its answers with\n`ares_parse_a_reply`, libunbound's are read in place. The bare loop and c-ares send no "
-         "packet twice. kavo and libunbound\ndo when an answer is late by their own measure; of how many kavo sent "
-         "again the table tells.\n\n";
+         "The bare loop hands the kernel each packet by itself, as c-ares and libunbound do. kavo hands it packets of "
+         "one size\nthat go to one server on this machine as one, which the kernel cuts up (`UDP_SEGMENT`): that is "
+         "why "
+         "it can cost less than\nthe bare loop. To a server elsewhere it does not. `bare-runs` is the bare loop with "
+         "the same means, and the least that\nasking on this machine can cost. Targets are against the plain one.\n\n"
+         "The responder of this program uses them too. With many questions at once it costs less processor time a "
+         "question than\nthe libraries that ask it (see the table), so that none of them waits for it; rbldnsd costs "
+         "more than most. Half of the\naddresses are listed. c-ares parses its answers with `ares_parse_a_reply`, "
+         "libunbound's are read in place. The bare loops\nand c-ares send no packet twice. kavo and libunbound do when "
+         "an answer is late by their own measure; of how many kavo\nsent again the table tells.\n\n";
 }
 
 void measure(const Plan &plan, const std::vector<std::string> &only, const std::string &directory) {

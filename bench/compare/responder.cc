@@ -1,21 +1,19 @@
 #include "responder.h"
 
-#include <netinet/udp.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <numeric>
 #include <stdexcept>
 #include <vector>
 
 #include "client.h"
 #include "packet.h"
+#include "runs.h"
 #include "socket.h"
 #include "support/measure.h"
 #include "support/questions.h"
@@ -23,7 +21,6 @@
 namespace compare {
 namespace {
 
-constexpr unsigned kBatch = 64;
 constexpr useconds_t kHeldPauseUs = 500;  // between two batches of answers that were held back
 constexpr size_t kFlagsAt = 2, kRcodeAt = 3, kAnswersAt = 7, kAuthorityAt = 9, kAdditionalAt = 11;
 constexpr uint8_t kQr = 0x80, kAa = 0x04, kRd = 0x01, kNxDomain = 3;
@@ -70,12 +67,11 @@ size_t make_answer(std::span<uint8_t, kPacketMax> packet, size_t size) {
   return size;
 }
 
-// Batch is the packets of one system call each way. Answers to one socket that are of one size leave as one datagram
-// that the kernel cuts up (UDP_SEGMENT): it walks the way down its stack once for all of them, which makes this process
-// cost less than those that ask it.
+// Batch is the packets of one system call each way. Answers leave in runs, which makes this process cost less than
+// those that ask it.
 class Batch {
  public:
-  Batch() : questions_{}, answers_{} {
+  Batch() : questions_{} {
     for (unsigned i = 0; i < kBatch; ++i) {
       msghdr &question = questions_[i].msg_hdr;
       question.msg_iov = &parts_[i];
@@ -97,59 +93,19 @@ class Batch {
     return count_;
   }
 
+  // An answer is refused when its peer is gone.
   void send(int fd) {
-    const unsigned groups = group();
-    for (unsigned sent = 0; sent < groups;) {
-      const int now = sendmmsg(fd, &answers_[sent], groups - sent, 0);
-      sent += now > 0 ? static_cast<unsigned>(now) : 1;  // that one's peer is gone
-    }
+    answers_.lay_out(std::span<const iovec>(parts_).first(count_), peers_.data());
+    (void)answers_.send(fd);
   }
 
  private:
-  struct Control {
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(uint16_t))> bytes;
-  };
-
-  // Lays out the messages to send, and returns their number.
-  unsigned group() {
-    std::array<uint8_t, kBatch> order;
-    std::iota(order.begin(), order.end(), uint8_t{0});
-    const auto key = [this](uint8_t i) { return std::pair(peers_[i].sin_port, parts_[i].iov_len); };
-    std::stable_sort(order.begin(), order.begin() + count_, [&](uint8_t a, uint8_t b) { return key(a) < key(b); });
-    unsigned groups = 0;
-    for (unsigned begin = 0, end = 0; begin < count_; begin = end) {
-      for (; end < count_ && key(order[end]) == key(order[begin]); ++end)
-        sorted_[end] = parts_[order[end]];
-      if (sorted_[begin].iov_len == 0) continue;
-      lay_out(groups++, &peers_[order[begin]], std::span(sorted_).subspan(begin, end - begin));
-    }
-    return groups;
-  }
-
-  void lay_out(unsigned place, sockaddr_in *peer, std::span<iovec> parts) {
-    msghdr &message = answers_[place].msg_hdr;
-    message = {};
-    message.msg_name = peer;
-    message.msg_namelen = sizeof *peer;
-    message.msg_iov = parts.data();
-    message.msg_iovlen = parts.size();
-    if (parts.size() == 1) return;
-    message.msg_control = controls_[place].bytes.data();
-    message.msg_controllen = controls_[place].bytes.size();
-    cmsghdr *control = CMSG_FIRSTHDR(&message);
-    control->cmsg_level = SOL_UDP;
-    control->cmsg_type = UDP_SEGMENT;
-    control->cmsg_len = CMSG_LEN(sizeof(uint16_t));
-    const auto size = static_cast<uint16_t>(parts[0].iov_len);
-    memcpy(CMSG_DATA(control), &size, sizeof size);
-  }
-
   unsigned count_ = 0;
   std::array<std::array<uint8_t, kPacketMax>, kBatch> packets_;
-  std::array<iovec, kBatch> parts_, sorted_;
+  std::array<iovec, kBatch> parts_;
   std::array<sockaddr_in, kBatch> peers_;
-  std::array<mmsghdr, kBatch> questions_, answers_;
-  std::array<Control, kBatch> controls_;
+  std::array<mmsghdr, kBatch> questions_;
+  Runs answers_;
 };
 
 uint16_t port_of(support::Process *process) {

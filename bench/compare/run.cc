@@ -22,11 +22,8 @@ struct Kind {
   Team (*make)(const Task &task);
 };
 
-constexpr Kind kKinds[] = {{"bare", make_bare},
-                           {"kavo", make_kavo},
-                           {"c-ares", make_cares},
-                           {"libunbound", make_unbound},
-                           {"kavo-query", make_kavo_query},
+constexpr Kind kKinds[] = {{"bare", make_bare},        {"bare-runs", make_bare_runs}, {"kavo", make_kavo},
+                           {"c-ares", make_cares},     {"libunbound", make_unbound},  {"kavo-query", make_kavo_query},
                            {"kavo-get", make_kavo_get}};
 
 Team make_team(const Task &task) {
