@@ -96,8 +96,9 @@ std::vector<Dimension> of_cache(const std::shared_ptr<Servers> &servers) {
       "bare memory",
       "entries",
       "read",
-      "For comparison, without the library: one read in as much memory as a cache of so many entries takes. What a\n"
-      "look-up costs beyond its instructions is a few of these.",
+      "For comparison, without the library: one read in as much memory as a cache of so many entries takes. A look-up\n"
+      "waits for two of these, one after the other: a line of the index, which says where the entry lies, and the "
+      "entry.",
       sizes,
       [](unsigned size) { return std::make_unique<BareReads>(size); },
       always(kReads),
