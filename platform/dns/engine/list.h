@@ -46,7 +46,7 @@ struct Link {
 // is used it asks for the one after the next.
 template <typename T>
 inline void prefetch_after(const Link *link) {
-  prefetch_all(static_cast<const T *>(link->next->next));
+  prefetch_all<T>(link->next->next);
 }
 
 }  // namespace dns

@@ -34,7 +34,7 @@ class Pool {
     if (free_ == nullptr && !grow()) return nullptr;
     Cell *cell = free_;
     free_ = cell->next;
-    prefetch_all(free_);  // many are taken one after the other
+    prefetch_all<T>(free_);  // many are taken one after the other
     return cell;
   }
 

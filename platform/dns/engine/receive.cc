@@ -139,7 +139,7 @@ void prefetch_questions(const dns_ctx *ctx, std::span<const Datagram> batch) {
     ctx->index.prefetch_bucket(id_of(i));
   for (size_t i = 0; i < batch.size(); ++i) {
     first[i] = ctx->index.first(id_of(i));
-    prefetch_all(first[i]);
+    prefetch_all<dns_query>(first[i]);
   }
   for (const dns_query *q : std::span(first).first(batch.size())) {
     if (q == nullptr) continue;

@@ -13,11 +13,12 @@ inline void prefetch(const void *memory) {
   asm volatile("prefetcht0 (%0)" : : "r"(memory));
 }
 
-// prefetch_all asks for each line of a record.
+// prefetch_all asks for each line of a T that may be at `memory`; for nothing at null.
 template <typename T>
-inline void prefetch_all(const T *record) {
+inline void prefetch_all(const void *memory) {
+  if (memory == nullptr) return;
   for (size_t at = 0; at < sizeof(T); at += CACHE_LINE)
-    prefetch(reinterpret_cast<const unsigned char *>(record) + at);
+    prefetch(static_cast<const unsigned char *>(memory) + at);
 }
 
 #endif  // PREFETCH_H
