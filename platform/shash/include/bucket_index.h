@@ -6,7 +6,7 @@
 //
 // A bucket is one cache line of pointers. What it knows of its records' hashes lies apart, eight bytes a bucket: that
 // tells of nearly all keys that they are not there, and which record to compare, before any record is touched. Filing a
-// record and taking it out touch no other one. Nothing here locks.
+// record and taking it out touch no other one, but for the few that wait in chains. Nothing here locks.
 #ifndef BUCKET_INDEX_H
 #define BUCKET_INDEX_H
 
@@ -63,7 +63,7 @@ class BucketIndex {
   }
 
   // remove takes a record out. A slot that falls free goes to the first record of the chain, so that chains stay rare
-  // and searches short; the chain's bits stay until it is empty, since its other records are not read.
+  // and searches short.
   void remove(T *item) {
     const Place place = place_of(hash_of(item), buckets_);
     items_ -= 1;
@@ -222,11 +222,14 @@ class BucketIndex {
     item->*kNext = place.bucket->chain;
     place.bucket->chain = item;
   }
-  // drop takes the record at `link` out of the chain and returns it.
+  // drop takes the record at `link` out of the chain and returns it. The bits are those of the others then, though it
+  // costs a look at them: bits that stay behind would have every search in the bucket look at them in the end.
   static T *drop(Place place, T **link) {
     T *item = *link;
     *link = item->*kNext;
-    if (place.bucket->chain == nullptr) place.tags->chain = 0;
+    place.tags->chain = 0;
+    for (const T *left = place.bucket->chain; left != nullptr; left = left->*kNext)
+      place.tags->chain |= chain_bit_of(hash_of(left));
     return item;
   }
 
