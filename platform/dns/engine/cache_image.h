@@ -54,7 +54,7 @@ void write_image(Entry *entry, uint8_t *to);
 struct CacheWalk {
   unsigned shard = 0;
   size_t bucket = 0;
-  size_t taken = 0;  // entries of the bucket that are through; above 0 only in a bucket larger than a whole room
+  uint64_t through = 0;  // the bucket's hashes up to here are through; above 0 only in one larger than a whole room
 };
 
 // Images are filled by a walk.
@@ -66,7 +66,7 @@ struct Images {
 
 // cache_walk appends the images of entries that `cache` would return at `now`, from `walk` on. Above 0: the room is
 // full; 0: the cache has been walked to its end; DNS_E_FAIL. Any thread may use the cache meanwhile: a shard's mutex is
-// held for a few dozen buckets at a time. An entry that is there all the while is found, one that comes, goes or is
+// held for a few dozen entries at a time. An entry that is there all the while is found, one that comes, goes or is
 // replaced meanwhile may be found or not, and some may be found twice.
 [[nodiscard]] int cache_walk(dns_cache *cache, CacheWalk *walk, dns_time now, Images *images);
 

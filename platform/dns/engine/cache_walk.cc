@@ -30,27 +30,42 @@ bool gone(dns_time stored, int32_t ttl, dns_time now, int32_t grace) {
   return age_since(stored, now) - int64_t{ttl} > grace;
 }
 
-// copy_bucket appends the images of a bucket's entries, or none of them when they do not all fit. False when the room
-// is full.
+// append_image appends an entry's image; false when it does not fit. An entry that is gone needs no room.
+[[nodiscard]] bool append_image(Entry *entry, dns_time now, int32_t grace, Images *images) {
+  if (gone(entry->stored, entry->ttl, now, grace)) return true;
+  const size_t size = image_size(*entry);
+  if (size > images->room.size() - images->used) return false;
+  write_image(entry, &images->room[images->used]);
+  images->used += size;
+  images->entries += 1;
+  return true;
+}
+
+// copy_rest appends what is left of a bucket that is larger than a whole room. The bucket changes from one room to the
+// next, but a hash says for good whether its entry is through. (All of its bits are compared: no two are equal.)
+[[nodiscard]] bool copy_rest(const Index &index, CacheWalk *walk, dns_time now, int32_t grace, Images *images) {
+  for (;;) {
+    Entry *next = nullptr;
+    (void)index.each(walk->bucket, [&](Entry *entry) {
+      if (entry->hash > walk->through && (next == nullptr || entry->hash < next->hash)) next = entry;
+      return true;
+    });
+    if (next != nullptr && !append_image(next, now, grace, images)) return false;
+    walk->through = next != nullptr ? next->hash : 0;
+    if (next == nullptr) return true;
+  }
+}
+
+// copy_bucket appends the images of a bucket's entries, or none of them when they do not all fit what is left of the
+// room. False when the room is full.
 [[nodiscard]] bool copy_bucket(const Index &index, CacheWalk *walk, dns_time now, int32_t grace, Images *images) {
   const Images before = *images;
-  size_t count = 0;
-  const bool whole = index.each(walk->bucket, [&](Entry *entry) {
-    if (count++ < walk->taken || gone(entry->stored, entry->ttl, now, grace)) return true;
-    const size_t size = image_size(*entry);
-    if (size > images->room.size() - images->used) return false;
-    write_image(entry, &images->room[images->used]);
-    images->used += size;
-    images->entries += 1;
-    return true;
-  });
-  if (whole) {
-    walk->taken = 0;
-  } else {
-    walk->taken = before.used == 0 ? count - 1 : 0;
-    if (before.used > 0) *images = before;
+  if (walk->through == 0) {
+    if (index.each(walk->bucket, [&](Entry *entry) { return append_image(entry, now, grace, images); })) return true;
+    *images = before;
+    if (before.used > 0) return false;
   }
-  return whole;
+  return copy_rest(index, walk, now, grace, images);
 }
 
 enum class Step { kMore, kFull, kDone, kFailed };
