@@ -285,6 +285,12 @@ TEST_F(Engine, TheCacheAnswersUntilTheRecordExpires) {
     EXPECT_EQ(own.sflags, 0U) << "a question with servers of its own stays out of the cache";
     EXPECT_EQ(world.packets_sent, sent + 1);
   }
+  const std::unique_ptr<dns_cache, decltype(&dns_cache_destroy)> other(dns_cache_init(1 << 20), dns_cache_destroy);
+  ASSERT_EQ(dns_set_cache(world.ctx, DNS_CU_ANS, dns_cache_cacher(other.get())), DNS_E_NOERROR);
+  Asked &waiting = questions.ask("listed-7.list.test");
+  ASSERT_EQ(dns_set_cache(world.ctx, DNS_CU_ANS, dns_cache_cacher(cache.get())), DNS_E_NOERROR);
+  ASSERT_TRUE(world.run());
+  EXPECT_EQ(waiting.sflags, unsigned{DNS_SF_CACHED}) << "the cache that is there when a question is looked up counts";
   events.resize(6);
   questions.ask("listed-8.list.test", {"192.0.2.1"});
   ASSERT_TRUE(world.run());

@@ -288,7 +288,10 @@ dns_status dns_get_opt(const dns_ctx *ctx, int opt, void *value, unsigned size) 
 
 dns_status dns_set_cache(dns_ctx *ctx, unsigned use, dns_cacher *cacher) {
   if (ctx == nullptr || (use & (DNS_CU_ANS | DNS_CU_REF)) == 0) return DNS_E_INVAL;
-  if ((use & DNS_CU_ANS) != 0) ctx->answer_cache = cacher;
+  if ((use & DNS_CU_ANS) != 0) {
+    ctx->answer_cache = cacher;
+    ++ctx->cache_number;
+  }
   if ((use & DNS_CU_REF) != 0) ctx->referral_cache = cacher;
   return DNS_E_NOERROR;
 }

@@ -37,7 +37,9 @@ bool answer_from_cache(dns_query *q) {
   dns_ctx *ctx = q->ctx;
   if (ctx->answer_cache == nullptr || q->uncached) return false;
   set_key(q, 0);
-  ctx->entry->hash = std::exchange(q->looks_ahead, false) ? q->hash : 0;
+  // Another cache hashes under another secret.
+  const bool looked_ahead = std::exchange(q->looks_ahead, false) && q->cache_number == ctx->cache_number;
+  ctx->entry->hash = looked_ahead ? q->hash : 0;
   const int result = dns_cacher_get(ctx->answer_cache, ctx->entry, wall(ctx));
   ctx->entry->hash = 0;
   if (result <= 0) {

@@ -180,7 +180,8 @@ struct dns_query : dns::Timer {
   bool fresh_cookie;  // the server has given a new cookie for it
   bool leads;         // it is in the table of leaders
   bool uncached;      // it neither reads nor fills the cache
-  bool looks_ahead;   // it has yet to be looked up in the answer cache
+  bool looks_ahead;   // it has yet to be looked up in the answer cache of `cache_number`
+  uint8_t cache_number;
   dns::State state;
   uint8_t inline_dn[dns::kInlineName];
 };
@@ -216,6 +217,7 @@ struct dns_ctx {
   [[nodiscard]] unsigned open_questions() const { return active - ratings_open; }
 
   dns_cacher *answer_cache = nullptr;
+  uint8_t cache_number = 0;  // of the answer cache among those that were installed, modulo 256
   dns_cacher *referral_cache = nullptr;
   dns_cdata *entry = nullptr;  // the entry on its way in or out of the cache
 

@@ -263,6 +263,7 @@ dns_query *dns_submit_dn_serv(dns_ctx *ctx, const unsigned char *dn, dns_class c
     return refuse(status);
   }
   q->looks_ahead = !q->uncached && ctx->answer_cache != nullptr;
+  q->cache_number = ctx->cache_number;
   if (q->looks_ahead) q->hash = cache_look_ahead(ctx->answer_cache, q->typ, q->cls, {q->dn, size});
   ctx->queued.append(q);
   ++ctx->active;
