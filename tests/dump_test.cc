@@ -24,6 +24,7 @@
 #include <thread>
 #include <vector>
 
+#include "../platform/dns/engine/cache_image.h"
 #include "kavo_t.h"
 namespace {
 
@@ -433,6 +434,29 @@ TEST_F(DumpTest, ACacheInUseIsSavedWhole) {
   stop = true;
   for (std::thread &thread : threads)
     thread.join();
+}
+
+// Entries so large that hardly a bucket's fit one block: the walk goes on within a bucket that has changed meanwhile.
+TEST_F(DumpTest, AChangingCacheOfLargeEntriesIsSavedWhole) {
+  constexpr int kEntries = 400, kRecords = 40;
+  constexpr dns_type kType = 65280;  // data of any form
+  const Cache cache = cache_of(64 << 20);
+  for (int i = 0; i < kEntries; ++i)
+    put(cache.get(), std::to_string(i), kTtl, std::string(1000, 'x'), kNow, kType, kRecords);
+  std::vector<uint8_t> room(dns::kImageMax);
+  std::set<std::string> found;
+  dns::CacheWalk walk;
+  for (int left = 1; left > 0;) {
+    dns::Images images = {room, 0, 0};
+    left = dns::cache_walk(cache.get(), &walk, kNow, &images);
+    std::span<const uint8_t> bytes = {room.data(), images.used};
+    for (dns::Image image; !bytes.empty() && dns::read_image(&bytes, &image);) {
+      const std::string name(image.body.begin() + 1, image.body.begin() + image.dn_size - 1);
+      found.insert(name);
+      EXPECT_EQ(dns_cacher_delete(dns_cache_cacher(cache.get()), entry_of(name, kType).get(), kNow), 1);
+    }
+  }
+  EXPECT_EQ(found.size(), size_t{kEntries}) << "what goes once it is through hides no other entry";
 }
 
 }  // namespace
