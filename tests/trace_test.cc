@@ -193,6 +193,7 @@ TEST(TraceRecords, ComeOutAsTheyStandInAZoneFile) {
 // full_answer holds records of many shapes, an OPT record among them.
 std::string full_answer() {
   const std::string owner("\xC0\x0C", 2), fixed("\0\1\0\0\1\x2C", 6);
+  const std::string whole("\7example\4test\0", 14);  // where no name may be compressed
   const auto record = [&](unsigned char typ, const std::string &data) {
     return owner + std::string(1, '\0') + static_cast<char>(typ) + fixed + '\0' + static_cast<char>(data.size()) + data;
   };
@@ -204,8 +205,8 @@ std::string full_answer() {
   packet += record(6, owner + owner + std::string(20, '\1'));
   packet += record(15, std::string("\0\x0A", 2) + owner);
   packet += record(16, std::string("\2ab\0\1\"", 6));
-  packet += record(46, std::string("\0\1\x08\2\0\0\1\x2C\0\0\0\1\0\0\0\2\0\7", 18) + owner + "key");
-  packet += record(47, owner + std::string("\0\3\x40\0\1\1\1\x80", 8));
+  packet += record(46, std::string("\0\1\x08\2\0\0\1\x2C\0\0\0\1\0\0\0\2\0\7", 18) + whole + "key");
+  packet += record(47, whole + std::string("\0\3\x40\0\1\1\1\x80", 8));
   packet += record(50, std::string("\1\1\0\x0C\4\xAA\xBB\xCC\xDD\5\0\1\2\3\4\0\1\x40", 18));
   packet += record(1, "three");  // no address
   return packet + std::string("\0\0\x29\x04\xD0\1\0\x80\0\0\6\0\x0A\0\2\xAA\xBB", 17);

@@ -29,14 +29,14 @@ constexpr Kind kKinds[] = {
     {7, "MB", "n"}, {8, "MG", "n"}, {9, "MR", "n"}, {10, "NULL", nullptr}, {11, "WKS", nullptr}, {12, "PTR", "n"},
     {13, "HINFO", "ss"}, {14, "MINFO", "nn"}, {15, "MX", "Wn"}, {16, "TXT", "S"}, {17, "RP", "nn"},
     {18, "AFSDB", "Wn"}, {19, "X25", "s"}, {20, "ISDN", "S"}, {21, "RT", "Wn"}, {22, "NSAP", "0"},
-    {23, "NSAP-PTR", "n"}, {24, "SIG", "TBBLDDWnb"}, {25, "KEY", "WBBb"}, {26, "PX", "Wnn"}, {27, "GPOS", "sss"},
+    {23, "NSAP-PTR", "N"}, {24, "SIG", "TBBLDDWnb"}, {25, "KEY", "WBBb"}, {26, "PX", "Wnn"}, {27, "GPOS", "sss"},
     {28, "AAAA", "6"}, {29, "LOC", nullptr}, {30, "NXT", nullptr}, {31, "EID", nullptr}, {32, "NIMLOC", nullptr},
     {33, "SRV", "WWWn"}, {34, "ATMA", nullptr}, {35, "NAPTR", "WWsssn"}, {36, "KX", "Wn"}, {37, "CERT", "WWBb"},
     {38, "A6", nullptr}, {39, "DNAME", "n"}, {40, "SINK", nullptr}, {41, "OPT", nullptr}, {42, "APL", nullptr},
-    {43, "DS", "WBBx"}, {44, "SSHFP", "BBx"}, {45, "IPSECKEY", nullptr}, {46, "RRSIG", "TBBLDDWnb"},
-    {47, "NSEC", "nm"}, {48, "DNSKEY", "WBBb"}, {49, "DHCID", "b"}, {50, "NSEC3", "BBWhom"},
+    {43, "DS", "WBBx"}, {44, "SSHFP", "BBx"}, {45, "IPSECKEY", nullptr}, {46, "RRSIG", "TBBLDDWNb"},
+    {47, "NSEC", "Nm"}, {48, "DNSKEY", "WBBb"}, {49, "DHCID", "b"}, {50, "NSEC3", "BBWhom"},
     {51, "NSEC3PARAM", "BBWh"}, {52, "TLSA", "BBBx"}, {55, "HIP", nullptr}, {56, "NINFO", "S"}, {57, "RKEY", "WBBb"},
-    {58, "TALINK", "nn"}, {59, "CDS", "WBBx"}, {60, "CDNSKEY", "WBBb"}, {64, "SVCB", nullptr}, {65, "HTTPS", nullptr},
+    {58, "TALINK", "NN"}, {59, "CDS", "WBBx"}, {60, "CDNSKEY", "WBBb"}, {64, "SVCB", nullptr}, {65, "HTTPS", nullptr},
     {99, "SPF", "S"}, {100, "UINFO", nullptr}, {101, "UID", "L"}, {102, "GID", "L"}, {103, "UNSPEC", nullptr},
     {249, "TKEY", nullptr}, {250, "TSIG", nullptr}, {251, "IXFR", nullptr}, {252, "AXFR", nullptr},
     {253, "MAILB", nullptr}, {254, "MAILA", nullptr}, {255, "ANY", nullptr}, {256, "URI", "WWq"}, {257, "CAA", "Bgq"},
@@ -200,6 +200,16 @@ bool put_domain(Reader *data, Text *out) {
   return true;
 }
 
+// put_whole_domain does so for a type whose names are never compressed (RFC 3597, section 4): such data means the same
+// in every packet that it is copied to.
+bool put_whole_domain(Reader *data, Text *out) {
+  const size_t at = data->position();
+  uint8_t dn[DNS_MAXDN];
+  if (!data->name(dn) || data->position() - at != dns_dnlen(dn)) return false;
+  put_name(dn, out);
+  return true;
+}
+
 // put_number writes a number of one, two or four bytes, by `put`.
 template <typename Number, typename Put>
 bool put_number(bool (Reader::*read)(Number *), Reader *data, Put put) {
@@ -237,6 +247,8 @@ bool put_piece(char piece, Reader *data, Text *out) {
       return put_address(AF_INET6, sizeof(in6_addr), data, out);
     case 'n':
       return put_domain(data, out);
+    case 'N':
+      return put_whole_domain(data, out);
     case 'B':
       return put_number(&Reader::u8, data, number);
     case 'W':
