@@ -2,24 +2,28 @@
 #include "failures.h"
 
 #include <siphash.h>
-#include <string.h>
 
 #include "engine.h"
 
 namespace dns {
 namespace {
 
-// key_of is a secret hash of a question and a server: strangers choose the names, and none may push out others.
+// key_of is a secret hash of a query and a server: strangers choose the names, and none may push out others. The name's
+// letters count without their case, and nothing else does: 'A' and 'a' are two types, ports and addresses.
 uint64_t key_of(const dns_query *q, const Server *server) {
-  uint8_t bytes[DNS_MAXDN + 16];
-  const uint16_t numbers[] = {q->typ, q->cls, static_cast<uint16_t>(recursive(q)), server->address.sin_port};
-  memcpy(bytes, q->ask, q->ask_size);
-  size_t size = q->ask_size;
-  memcpy(bytes + size, numbers, sizeof numbers);
-  size += sizeof numbers;
-  memcpy(bytes + size, &server->address.sin_addr, sizeof server->address.sin_addr);
-  size += sizeof server->address.sin_addr;
-  return siphash_folded(q->ctx->secret, bytes, size);
+  struct {
+    uint64_t name;
+    uint16_t typ, cls, recursive, port;
+    uint32_t address;
+    uint32_t unused;
+  } const key = {siphash_folded(q->ctx->secret, q->ask, q->ask_size),
+                 q->typ,
+                 q->cls,
+                 static_cast<uint16_t>(recursive(q)),
+                 server->address.sin_port,
+                 server->address.sin_addr.s_addr,
+                 0};
+  return siphash(q->ctx->secret, &key, sizeof key);
 }
 
 }  // namespace
