@@ -109,6 +109,7 @@ class Outgoing {
 
   void cut(msghdr *message, uint16_t size) {
     Control *control = &controls_[count_];
+    *control = {};  // the padding too goes to the kernel
     message->msg_control = control->bytes;
     message->msg_controllen = sizeof control->bytes;
     cmsghdr *part = CMSG_FIRSTHDR(message);
