@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -97,10 +99,224 @@ TEST_F(Engine, CookiesAreExchangedWhereTheyAreAskedFor) {
     expect_truth(asked);
     EXPECT_EQ(world.packets_sent, packets);
   }
-  world.set_temper("192.0.2.1", Temper::good);  // a forger in its place, who knows all but the cookie
-  Asked &asked = questions.ask("listed-1.list.test");
+  // A forger in its place who knows all but the cookie, whichever server the present attempt is at.
+  world.tcp_error = -EMFILE;
+  world.tcp_errors = 100;
+  world.add_server("192.0.2.2", Temper::dead);
+  world.set_temper("192.0.2.1", Temper::good);
+  for (const int64_t delay_us : {0, 200'000}) {
+    world.delays_us["192.0.2.1"] = delay_us;
+    Asked &asked = questions.ask("listed-1.list.test");
+    ASSERT_TRUE(world.run());
+    EXPECT_EQ(asked.status, DNS_E_TEMPFAIL);
+  }
+  // One that no longer gives cookies says so over TCP; without TCP that is forgotten after minutes.
+  world.tcp_errors = 0;
+  world.delays_us.clear();
+  expect_truth((questions.ask("listed-2.list.test"), world.run(), *questions.all().back()));
+  EXPECT_EQ(world.connections_made, 1U);
+  expect_truth((questions.ask("listed-3.list.test"), world.run(), *questions.all().back()));
+  EXPECT_EQ(world.connections_made, 1U);
+}
+
+TEST_F(Engine, ACookieThatNoLongerComesIsForgotten) {
+  world.add_server("192.0.2.1", Temper::bakes_cookies);
+  set(&world, DNS_OPT_FLAGS, DNS_COOKIES);
+  world.tcp_error = -ECONNREFUSED;
+  world.tcp_errors = UINT32_MAX;
+  ASSERT_TRUE((questions.ask("listed-1.list.test"), world.run()));
+  world.set_temper("192.0.2.1", Temper::good);
+  EXPECT_NE((questions.ask("listed-2.list.test"), world.run(), questions.all().back()->status), DNS_E_NOERROR);
+  world.now_us += dns::kCookieUs;
+  expect_truth((questions.ask("listed-3.list.test"), world.run(), *questions.all().back()));
+}
+
+TEST_F(Engine, ServersThatCloseConnectionsLoseNothing) {
+  world.add_server("192.0.2.1", Temper::truncates);
+  for (const unsigned answers : {1U, 7U}) {
+    world.answers_per_connection = answers;
+    world.connections_made = 0;
+    world.now_us += dns::kTcpLimitUs;  // what was learned of the server before is forgotten
+    std::vector<Asked *> all;
+    for (int i = 0; i < 60; ++i)
+      all.push_back(&questions.ask("listed-" + std::to_string(i) + ".list.test"));
+    ASSERT_TRUE(world.run());
+    for (const Asked *asked : all)
+      expect_truth(*asked);
+    EXPECT_LE(world.connections_made, 60 / answers + 3);
+  }
+}
+
+TEST_F(Engine, AConnectionThatCannotBeHadCostsAttemptsAndNotTheQuery) {
+  world.add_server("192.0.2.1", Temper::truncates);
+  for (const int error : {-ECONNREFUSED, -EMFILE}) {
+    world.tcp_error = error;
+    world.tcp_errors = 2;
+    Asked &asked = questions.ask("listed-1.list.test");
+    ASSERT_TRUE(world.run());
+    expect_truth(asked);
+    EXPECT_LT(asked.took_us, dns::kUsPerSecond);
+    dns_close(world.ctx);
+    ASSERT_EQ(dns_open(world.ctx), DNS_E_NOERROR);
+  }
+}
+
+TEST_F(Engine, WhatAnEarlierServerCutsOffIsAskedForThere) {
+  world.add_server("192.0.2.1", Temper::good);
+  ASSERT_TRUE((questions.ask("listed-1.list.test"), world.run()));
+  world.set_temper("192.0.2.1", Temper::truncates);
+  world.delays_us["192.0.2.1"] = 200'000;
+  world.add_server("192.0.2.2", Temper::dead);
+  Asked &asked = questions.ask("listed-2.list.test");
   ASSERT_TRUE(world.run());
-  EXPECT_EQ(asked.status, DNS_E_TEMPFAIL);
+  expect_truth(asked);
+  EXPECT_LT(asked.took_us, 300'000);
+}
+
+TEST_F(Engine, ASlowServerIsHeardThoughItsQueryHasLeftTheSocket) {
+  const dns_timeval timeout = {1, 0};
+  ASSERT_EQ(dns_set_opt(world.ctx, DNS_OPT_TIMEOUT, &timeout, sizeof timeout), 0);
+  set(&world, DNS_OPT_NTRIES, 10);
+  world.add_server("192.0.2.1", Temper::good);
+  world.delays_us["192.0.2.1"] = 3'500'000;
+  Asked &asked = questions.ask("listed-2.list.test");
+  ASSERT_TRUE(world.run());
+  expect_truth(asked);
+  EXPECT_LE(asked.took_us, 3'501'000) << "the answer to the first attempt counts";
+}
+
+TEST_F(Engine, AServerIsNotBelievedUnderAnIdThatItWasNotAskedUnder) {
+  world.add_server("192.0.2.1", Temper::refuses_tcp);
+  world.add_server("192.0.2.2", Temper::dead);
+  Asked &asked = questions.ask("listed-1.list.test");
+  while (world.asked["192.0.2.2"] == 0)
+    ASSERT_TRUE(world.turn());
+  world.forge("192.0.2.1", answer_to(world.last_question(), Temper::good));
+  world.read_sockets();
+  EXPECT_EQ(asked.calls, 0);
+  world.forge("192.0.2.2", answer_to(world.last_question(), Temper::good));
+  world.read_sockets();
+  expect_truth(asked);
+}
+
+TEST_F(Engine, AnErrorWithoutAQuestionEndsEdns) {
+  world.add_server("192.0.2.1", Temper::good);
+  world.script = [](const sim::Bytes &question, const std::string &) {
+    if (question[11] == 0) return answer_to(question, Temper::good);
+    return sim::Bytes{question[0], question[1], 0x80, DNS_R_FORMERR, 0, 0, 0, 0, 0, 0, 0, 0};
+  };
+  for (const unsigned packets : {2U, 3U, 4U}) {
+    expect_truth((questions.ask("listed-1.list.test"), world.run(), *questions.all().back()));
+    EXPECT_EQ(world.packets_sent, packets);
+  }
+}
+
+TEST_F(Engine, NothingThatListensIsToldApartFromSilence) {
+  world.add_server("192.0.2.1", Temper::absent);
+  const Asked &refused = questions.ask("listed-1.list.test");
+  ASSERT_TRUE(world.run());
+  EXPECT_EQ(refused.status, DNS_E_REFUSED);
+  EXPECT_TRUE(refused.took_us >= 500'000 && refused.took_us < dns::kUsPerSecond) << refused.took_us;
+  EXPECT_EQ(world.packets_sent, 4U);
+
+  Asked &starting = questions.ask("listed-1.list.test");
+  for (const unsigned packets = world.packets_sent; world.packets_sent < packets + 2;)
+    ASSERT_TRUE(world.turn());
+  world.set_temper("192.0.2.1", Temper::good);
+  ASSERT_TRUE(world.run());
+  expect_truth(starting);
+  EXPECT_LT(starting.took_us, dns::kUsPerSecond);
+
+  world.set_temper("192.0.2.7", Temper::absent);
+  const Asked &direct = questions.ask("listed-2.list.test", {"192.0.2.7"}, DNS_DCACHE);
+  ASSERT_TRUE(world.run());
+  expect_truth(direct);
+  EXPECT_LT(direct.took_us, 10'000) << "moves on at once";
+
+  Asked &closed = questions.ask("listed-3.list.test", {"192.0.2.7"});
+  for (int i = 0; i < 3; ++i)
+    ASSERT_TRUE(world.turn());
+  dns_close(world.ctx);
+  expect_rest(&world);
+  EXPECT_EQ(closed.calls, 0) << "it was pausing";
+}
+
+// has_capitals tells whether the name of a question packet left with some.
+bool has_capitals(const sim::Bytes &question) {
+  return std::any_of(question.begin() + DNS_HSIZE, question.end() - 15, [](uint8_t c) { return isupper(c) != 0; });
+}
+
+TEST_F(Engine, AServerThatKeepsTheCaseIsNotTalkedOutOfIt) {
+  const auto ask = [&](int times) {
+    for (int i = 0; i < times; ++i)
+      expect_truth((questions.ask("listed-1.list.test"), world.run(), *questions.all().back()));
+  };
+  world.add_server("192.0.2.1", Temper::good);
+  ask(10);
+  // A forger's packet that is right but for the case, while there is no TCP to ask over.
+  world.tcp_error = -EMFILE;
+  world.tcp_errors = 100;
+  for (const char *server : {"192.0.2.1", "192.0.2.2"}) {  // of the second nothing is known yet
+    ASSERT_EQ(dns_add_serv(world.ctx, nullptr), 0);
+    world.add_server(server, Temper::dead);
+    Asked &asked = questions.ask("listed-2.list.test");
+    (void)dns_timeouts(world.ctx, dns_tv_infinite, world.now());
+    world.forge(server, answer_to(world.last_question(), Temper::lowers_case));
+    world.read_sockets();
+    EXPECT_EQ(asked.calls, 0);
+    world.set_temper(server, Temper::good);
+    world.tcp_errors = 2;
+    ASSERT_TRUE(world.run());
+    expect_truth(asked);
+    ask(3);
+    EXPECT_TRUE(has_capitals(world.last_question()));
+  }
+  // Its own word over TCP is another matter.
+  world.tcp_errors = 0;
+  world.now_us += dns::kTcpIdleUs;
+  world.set_temper("192.0.2.2", Temper::lowers_case_by_tcp);
+  ask(3);
+  EXPECT_FALSE(has_capitals(world.last_question()));
+}
+
+TEST_F(Engine, AServerMayHaveACaseOfItsOwn) {
+  world.add_server("192.0.2.1", Temper::good);
+  world.script = [](const sim::Bytes &question, const std::string &) {
+    sim::Bytes answer = answer_to(question, Temper::good);
+    for (size_t at = DNS_HSIZE; answer[at] != 0; ++at)
+      answer[at] = static_cast<uint8_t>(toupper(answer[at]));
+    return answer;
+  };
+  for (int i = 0; i < 3; ++i)
+    expect_truth((questions.ask("listed-1.list.test"), world.run(), *questions.all().back()));
+  EXPECT_EQ(world.connections_made, 1U);
+}
+
+TEST_F(Engine, ASentPacketIsToldWithTheNameAsItWasGiven) {
+  const auto told = [](dns_ctx *, dns_query *q, int code, void *data, void *count) {
+    if (code != DNS_D_PKT_REQ) return;
+    const auto *event = static_cast<const dns_dpkt *>(data);
+    ++*static_cast<int *>(count);
+    EXPECT_EQ(memcmp(event->dnsd_pkt + DNS_HSIZE, dns_qdn(q), dns_dnlen(dns_qdn(q))), 0);
+  };
+  int count = 0;
+  dns_set_dbgfn(world.ctx, told, &count);
+  world.add_server("192.0.2.1", Temper::truncates);
+  expect_truth((questions.ask("listed-1.List.Test"), world.run(), *questions.all().back()));
+  EXPECT_EQ(count, 2) << "by UDP and over TCP";
+}
+
+TEST_F(Engine, AFailureOfOneServerIsNotAnothers) {
+  world.add_server("192.0.2.1", Temper::good);
+  world.set_temper("192.0.2.65", Temper::fails);
+  world.set_temper("192.0.2.97", Temper::good);
+  EXPECT_EQ((questions.ask("Listed-1.list.test", {"192.0.2.65"}), world.run(), questions.all().back()->status),
+            DNS_E_SERVFAIL);
+  expect_truth((questions.ask("listed-1.list.test", {"192.0.2.97"}), world.run(), *questions.all().back()));
+  const unsigned packets = world.packets_sent;
+  EXPECT_EQ((questions.ask("LISTED-1.list.test", {"192.0.2.65"}), world.run(), questions.all().back()->status),
+            DNS_E_SERVFAIL);
+  EXPECT_EQ(world.packets_sent, packets) << "names are the same in any case";
 }
 
 }  // namespace

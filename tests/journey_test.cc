@@ -226,6 +226,37 @@ TEST(Journey, ServersWithoutAddressesAreLookedUpWhenTheOthersAreOfNoUse) {
   EXPECT_EQ(tree.packets, 3U + 4U + 2U + 1U) << "down to the zone, four tries, the look-up, the server found by it";
 }
 
+TEST(Journey, WhatWasAnsweredAMomentAgoIsAnsweredAgain) {
+  Tree tree(4);
+  for (const unsigned use : {DNS_CU_ANS, DNS_CU_REF})
+    ASSERT_EQ(dns_set_cache(tree.world.ctx, use, nullptr), DNS_E_NOERROR);
+  tree.evil = [](Reply *reply, const std::string &server) {
+    if (server == "192.0.2.67") reply->code(0x0F);
+    if (server == kEvil)
+      reply->ns("sub.evil.test", "ns.evil.test").ns("sub.evil.test", "ns.bank.test").glue("ns.evil.test", "192.0.2.67");
+  };
+  for (int i = 0; i < 3; ++i)
+    EXPECT_EQ(tree.run("x.sub.evil.test").addresses, kLie);
+}
+
+TEST(Journey, NoZoneLeadsIntoThisHost) {
+  struct Row {
+    const char *place, *own;
+  };
+  for (const auto &[place, own] : {Row{"127.0.0.1", "127.0.0.9"}, Row{"169.254.7.7", "169.254.8.8"},
+                                   Row{"0.0.0.0", nullptr}, Row{"224.0.0.251", nullptr}}) {
+    Tree tree(4);
+    tree.evil = [place = place](Reply *reply, const std::string &server) {
+      if (server == kEvil) reply->ns("sub.evil.test", "ns.evil.test").glue("ns.evil.test", place);
+    };
+    EXPECT_TRUE(tree.run("x.sub.evil.test").addresses.empty());
+    EXPECT_EQ(tree.world.asked[place], 0U);
+    if (own == nullptr) continue;
+    tree.world.add_server(own, sim::Temper::good);  // a host that has servers there itself
+    EXPECT_EQ(tree.run("y.sub.evil.test").addresses, kLie) << place;
+  }
+}
+
 TEST(Journey, OfAZonesServersTheOneThatAnswersIsAsked) {
   for (uint64_t seed = 1; seed <= 8; ++seed) {
     Tree tree(seed);

@@ -82,7 +82,7 @@ enum {
   DNS_E_FORMERR = -16,  /* the server found the question malformed */
   DNS_E_SERVFAIL = -17, /* the server failed */
   DNS_E_NOTIMPL = -18,  /* the server does not implement the question */
-  DNS_E_REFUSED = -19,  /* the server refuses to answer */
+  DNS_E_REFUSED = -19,  /* the server refuses to answer, or nothing listens there */
   DNS_E_NOBUFS = -20,   /* the caller's buffer is too small */
   DNS_E_CANCEL = -22,   /* the question was cancelled */
   DNS_E_CNLOOP = -23    /* the chain of aliases loops or is longer than DNS_OPT_MAXALIAS */

@@ -188,7 +188,7 @@ Truth truth_of(const uint8_t *dn) {
     return {DNS_E_NOERROR, 0x7F000000U | static_cast<in_addr_t>(stoul(label)) * 257};
   if (label.starts_with("gone-")) return {DNS_E_NXDOMAIN, 0};
   if (label.starts_with("empty-")) return {DNS_E_NODATA, 0};
-  return {DNS_E_NOERROR, 0x7F000000U | (static_cast<uint32_t>(std::hash<std::string>{}(label)) & 0xFFFFFF)};
+  return {DNS_E_NOERROR, 0x0A000000U | (static_cast<uint32_t>(std::hash<std::string>{}(label)) & 0xFFFFFF)};
 }
 
 Bytes answer_to(const Bytes &question, Temper temper, bool by_tcp) {
@@ -197,6 +197,7 @@ Bytes answer_to(const Bytes &question, Temper temper, bool by_tcp) {
     case Temper::good:
       return answer;
     case Temper::dead:
+    case Temper::absent:
       return {};
     case Temper::refuses:
       return bare(question, DNS_R_REFUSED);
@@ -271,6 +272,12 @@ bool World::turn() {
   if (wait == dns_tv_infinite) return false;
   int64_t next = now_us + int64_t{wait.dnstv_sec} * kUsPerSecond + wait.dnstv_usec;
   if (!under_way_.empty()) next = std::min(next, under_way_.begin()->first);
+  const bool talks = std::any_of(streams_.begin(), streams_.end(), [this](const auto &stream) {
+    return !stream.second.out.empty() || stream.second.answers >= answers_per_connection;
+  });
+  const bool returns =
+      std::any_of(returned_.begin(), returned_.end(), [](const auto &returned) { return !returned.second.empty(); });
+  if (talks || returns) next = std::min(next, now_us + weather.delay_us);
   now_us = std::max(now_us, next);
   deliver_due();
   read_sockets();
@@ -284,7 +291,10 @@ void World::read_sockets() {
   for (dns_ios socket : sockets) {
     const bool writable = (socket.dnsio_events & DNS_IO_OUT) != 0 && !send_buffers_full;
     const bool stream = streams_.count(socket.dnsio_sock) != 0;
-    const bool readable = stream ? !streams_[socket.dnsio_sock].out.empty() : !inboxes_[socket.dnsio_sock].empty();
+    const int id = socket.dnsio_sock;
+    const bool closes = stream && streams_[id].answers >= answers_per_connection;
+    const bool readable =
+        stream ? closes || !streams_[id].out.empty() : !inboxes_[id].empty() || !returned_[id].empty();
     socket.dnsio_events = (readable ? unsigned{DNS_IO_IN} : 0U) | (writable ? unsigned{DNS_IO_OUT} : 0U);
     if (socket.dnsio_events != 0) dns_ioevent(ctx, &socket, now());
   }
@@ -333,6 +343,8 @@ void World::send(int socket, const dns::Datagram &datagram) {
   char text[INET_ADDRSTRLEN];
   inet_ntop(AF_INET, &datagram.peer.sin_addr, text, sizeof text);
   ++asked[text];
+  std::set<int> &homes = homes_[{question[0], question[1]}];
+  homes.insert(socket);
   if (chance(weather.forged_percent)) {
     // A forger knows the question and the server's address; the id and the socket it has to guess.
     Bytes forged = answer_to(question, Temper::good);
@@ -344,12 +356,13 @@ void World::send(int socket, const dns::Datagram &datagram) {
     auto other = std::next(inboxes_.begin(), static_cast<long>(random(inboxes_.size())));
     Bytes right_id = answer_to(question, Temper::good);
     right_id.back() ^= 0xFF;
-    if (other->first != socket) mail(other->first, datagram.peer, right_id);
+    if (homes.count(other->first) == 0) mail(other->first, datagram.peer, right_id);
     sockaddr_in stranger = datagram.peer;
     stranger.sin_addr.s_addr ^= htonl(0xFF);
     mail(socket, stranger, right_id);
   }
   if (chance(weather.loss_percent)) return;
+  if (!script && tempers_.at(text) == Temper::absent) returned_[socket].push_back({socket, datagram.peer, question});
   Bytes answer = script ? script(question, text) : answer_to(question, tempers_.at(text));
   if (answer.size() > kUdpMax) {
     answer = bare(question, DNS_R_NOERROR);
@@ -403,8 +416,15 @@ int World::udp_receive(void *self, int socket, dns::Datagram *datagrams, unsigne
   return got == 0 ? -EAGAIN : static_cast<int>(got);
 }
 
-int World::udp_returned(void *, int, dns::Datagram *) {
-  return 0;
+int World::udp_returned(void *self, int socket, dns::Datagram *datagram) {
+  auto &returned = static_cast<World *>(self)->returned_[socket];
+  if (returned.empty()) return 0;
+  const Parcel parcel = std::move(returned.front());
+  returned.pop_front();
+  datagram->size = static_cast<uint32_t>(parcel.bytes.size());
+  datagram->peer = parcel.from;
+  memcpy(datagram->data, parcel.bytes.data(), std::min<size_t>(parcel.bytes.size(), datagram->capacity));
+  return 1;
 }
 
 int World::tcp_open(void *self, const sockaddr_in &peer) {
@@ -412,8 +432,9 @@ int World::tcp_open(void *self, const sockaddr_in &peer) {
   char text[INET_ADDRSTRLEN];
   inet_ntop(AF_INET, &peer.sin_addr, text, sizeof text);
   const Temper temper = world->script ? Temper::good : world->tempers_.at(text);
+  if (world->tcp_errors > 0 && world->tcp_errors-- > 0) return world->tcp_error;
   if (temper == Temper::refuses_tcp || temper == Temper::lowers_case) return -ECONNREFUSED;
-  world->streams_[world->next_socket_] = {text, temper, {}, {}};
+  world->streams_[world->next_socket_] = {text, temper, {}, {}, 0};
   ++world->connections_made;
   ++world->sockets_open;
   return world->next_socket_++;
@@ -441,9 +462,13 @@ int World::tcp_send(void *self, int socket, const uint8_t *bytes, size_t size) {
     stream.in.erase(stream.in.begin(), stream.in.begin() + 2 + static_cast<long>(length));
   }
   for (auto question = questions.rbegin(); question != questions.rend(); ++question) {
+    if (stream.answers >= world->answers_per_connection) break;
+    world->by_tcp = true;
     const Bytes answer =
         world->script ? world->script(*question, stream.server) : answer_to(*question, stream.temper, true);
+    world->by_tcp = false;
     if (answer.empty()) continue;
+    ++stream.answers;
     stream.out.push_back(static_cast<uint8_t>(answer.size() >> 8));
     stream.out.push_back(static_cast<uint8_t>(answer.size()));
     stream.out.insert(stream.out.end(), answer.begin(), answer.end());
@@ -454,6 +479,7 @@ int World::tcp_send(void *self, int socket, const uint8_t *bytes, size_t size) {
 int World::tcp_receive(void *self, int socket, uint8_t *bytes, size_t size) {
   auto *world = static_cast<World *>(self);
   Stream &stream = world->streams_.at(socket);
+  if (stream.out.empty() && stream.answers >= world->answers_per_connection) return 0;
   if (stream.out.empty()) return world->chance(world->weather.breaks_percent) ? 0 : -EAGAIN;
   const size_t taken = std::min<size_t>(size, 1 + world->random(stream.out.size()));
   std::copy_n(stream.out.begin(), taken, bytes);

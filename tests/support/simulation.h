@@ -14,6 +14,7 @@
 #include <functional>
 #include <map>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,7 @@ using Bytes = std::vector<uint8_t>;
 enum class Temper {
   good,
   dead,
+  absent,  // nothing listens there, and its host says so
   refuses,
   fails,
   truncates,
@@ -75,6 +77,10 @@ class World {
   std::map<std::string, int64_t> delays_us;  // of a server's answers, beyond the weather's
   unsigned sockets_open = 0;
   unsigned connections_made = 0;
+  unsigned answers_per_connection = UINT32_MAX;  // after which a server closes it, whatever else was asked there
+  int tcp_error = 0;                             // of the next `tcp_errors` connections
+  unsigned tcp_errors = 0;
+  bool by_tcp = false;  // how the question at hand of `script` came
   // script, where there is one, answers in place of every server's temper, over TCP what is too
   // large for a datagram; empty for silence.
   std::function<Bytes(const Bytes &question, const std::string &server)> script;
@@ -111,6 +117,7 @@ class World {
     std::string server;
     Temper temper;
     std::deque<uint8_t> in, out;  // of the server
+    unsigned answers = 0;
   };
 
   static dns_time wall(void *self);
@@ -134,8 +141,10 @@ class World {
   std::map<std::string, Temper> tempers_;
   std::multimap<int64_t, Parcel> under_way_;
   std::map<int, std::deque<Parcel>> inboxes_;
+  std::map<int, std::deque<Parcel>> returned_;
   std::map<int, sockaddr_in> connected_;  // sockets that hear nobody else
   std::map<int, Stream> streams_;
+  std::map<std::array<uint8_t, 2>, std::set<int>> homes_;  // sockets that questions left from, by their ids
   Bytes last_question_;
   int next_socket_ = 100;
 };

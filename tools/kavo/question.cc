@@ -111,7 +111,7 @@ std::string explain(KAVO_ERR error) {
     case KAVOE_TIMEOUT:
       return "no answer in time";
     case KAVOE_DNS:
-      return "the server answered with an error or an answer that cannot be used";
+      return "the server refused, or answered with an error or an answer that cannot be used";
     case KAVOE_BADPAR:
       return "the question is no valid name in this zone";
     default:

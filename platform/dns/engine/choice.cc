@@ -237,9 +237,10 @@ void choose_first(dns_query *q) {
 }
 
 bool choose_next(dns_query *q) {
-  const uint32_t open = candidates(q).open;
+  const uint32_t left = candidates(q).open;
   q->probes = false;
-  if (open == 0) return false;
+  if (left == 0) return false;
+  const uint32_t open = (left & ~q->unreached) != 0 ? left & ~q->unreached : left;
   q->tried |= 1U << q->server;
   if ((open & ~q->tried) == 0) {
     q->tried = 0;
@@ -252,13 +253,17 @@ bool choose_next(dns_query *q) {
   return true;
 }
 
+bool is_unreached(const dns_query *q) {
+  const uint32_t open = candidates(q).open;
+  return open != 0 && (open & ~q->unreached) == 0;
+}
+
 void turn_away(dns_query *q) {
   if (q->probes || !has(candidates(q).aside, q->server)) return;
   // Those that were waiting for room at the server would wait in vain.
   q->ctx->sending.take_all(&servers_of(q)[q->server]->parked);
   give_up_place(q);
-  q->plain = q->case_missed = q->fresh_cookie = false;
-  q->tcp_tries = 0;
+  forget_manner(q);
   (void)choose_next(q);
 }
 

@@ -211,13 +211,16 @@ dns_status dns_open(dns_ctx *ctx) {
 
 void dns_close(dns_ctx *ctx) {
   if (ctx == nullptr || !ctx->opened) return;
-  // What has been sent is in the index. Dropping one question may have another sent that followed it.
+  // What has been sent is in the index, what pauses among the timers. Dropping one query may have another sent that
+  // followed it.
   while (ctx->active > 0) {
     ctx->server_table.each([ctx](Server *server) { ctx->sending.take_all(&server->parked); });
     for (Link *list : {&ctx->resting, &ctx->queued, &ctx->sending, &ctx->tcp_waiting})
       while (!list->alone())
         drop(static_cast<dns_query *>(list->next));
     ctx->index.drain(drop);
+    while (Timer *timer = ctx->waiting.any())
+      drop(static_cast<dns_query *>(timer));
   }
   tcp_close(ctx);
   ctx->sockets.close();

@@ -38,7 +38,8 @@ bool answer_from_cache(dns_query *q) {
   if (ctx->answer_cache == nullptr || q->uncached) return false;
   set_key(q, 0);
   // Another cache hashes under another secret.
-  const bool looked_ahead = std::exchange(q->looks_ahead, false) && q->cache_number == ctx->cache_number;
+  const bool looked_ahead = q->looks_ahead && q->cache_number == ctx->cache_number;
+  q->looks_ahead = false;
   ctx->entry->hash = looked_ahead ? q->hash : 0;
   const int result = dns_cacher_get(ctx->answer_cache, ctx->entry, wall(ctx));
   ctx->entry->hash = 0;
@@ -94,6 +95,10 @@ void give_up_late(dns_ctx *ctx) {
   ctx->waiting.expire(ctx->now_us, &due);
   while (!due.alone()) {
     auto *q = static_cast<dns_query *>(due.next);
+    if (q->pausing) {
+      end_pause(q);
+      continue;
+    }
     if (wait_on(q)) continue;
     servers_of(q)[q->server]->timed_out.fetch_add(1, std::memory_order_relaxed);
     if (q->over_tcp) {
@@ -101,7 +106,11 @@ void give_up_late(dns_ctx *ctx) {
     } else {
       ctx->sockets.missed(q->slot, q->sent_us);
       missed(q);
-      ask_again(q);
+      q->unreached = 0;
+      if (q->doubt == Doubt::none)
+        ask_again(q);
+      else
+        ask_over_tcp(q);
     }
   }
 }

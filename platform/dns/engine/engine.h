@@ -57,16 +57,24 @@ inline constexpr int kTcpSlot = UdpPool::kSocketsMax;  // the slot of the first 
 inline constexpr int64_t kLookAgainUs = 250'000;       // at a try whose server has no estimate: it may have one by then
 inline constexpr int64_t kTcpIdleUs = 10 * kUsPerSecond;  // after which a connection is closed
 inline constexpr unsigned kRatingsMax = 32;               // look-ups of servers' costs at a time; others come later
-inline constexpr unsigned kTcpTriesMax = 2;               // connections on which one server is asked one question
-inline constexpr int64_t kNoEdnsUs = 900 * kUsPerSecond;  // for which a server is asked without EDNS0
-inline constexpr int64_t kLowerUs = 900 * kUsPerSecond;   // for which a server is asked in lower case
-inline constexpr size_t kOptSize = 1 + 2 + 2 + 4 + 2;     // an OPT record without options
-inline constexpr size_t kCookieMax = 4 + 8 + 32;          // a cookie option (RFC 7873, section 4)
+inline constexpr unsigned kTcpTriesMax = 2;  // connections that may break under a query before that costs an attempt
+inline constexpr int64_t kTcpLimitUs = 60 * kUsPerSecond;  // for which a server's limit of queries a connection is kept
+inline constexpr unsigned kPausesMax = 3;                  // pauses of a query whose every server refuses
+inline constexpr int64_t kPauseUs = 100'000;               // the first of them; each is twice as long as the last
+inline constexpr int64_t kNoEdnsUs = 900 * kUsPerSecond;   // for which a server is asked without EDNS0
+inline constexpr int64_t kLowerUs = 900 * kUsPerSecond;    // for which a server is asked in lower case
+inline constexpr int64_t kCookieUs = 600 * kUsPerSecond;   // for which a server must bring the cookie that it once gave
+inline constexpr size_t kOptSize = 1 + 2 + 2 + 4 + 2;      // an OPT record without options
+inline constexpr size_t kCookieMax = 4 + 8 + 32;           // a cookie option (RFC 7873, section 4)
 
 static_assert(DNS_MAXSERV <= kServersMax);
 static_assert(kQueryRoom >= DNS_HSIZE + DNS_MAXDN + 4 + kOptSize + kCookieMax);
 
 enum class State : uint8_t { queued, following, sending, waiting, resting, delivering, cancelled };
+
+// Doubt is what was wrong with an answer that was right in all else: the server is asked over TCP, where no off-path
+// forger reaches, whether that is its way.
+enum class Doubt : uint8_t { none, letter_case, cookie };
 
 struct OwnServers {
   Server *servers[DNS_MAXSERV];
@@ -93,6 +101,7 @@ struct Journey {
   unsigned nserv = 0;  // 0: the context's servers, or the question's own
   Server *servers[kDelegatedMax];
   bool remembered = false;      // the servers are those of a cached delegation
+  bool names_others = false;    // which names servers without an address too
   dns_cdata *passed = nullptr;  // the aliases that were passed, under the question's own key
   CdataEnd passed_end;          // where they end in it
   int32_t ttl = INT32_MAX;      // the least of theirs
@@ -104,14 +113,21 @@ struct Journey {
   dns_query *lookup = nullptr;  // that it waits for
 };
 
-// Connection is the one TCP connection to a server, with the questions that are under way on it.
+// Connection is the one TCP connection to a server, with the queries that are under way on it.
 struct Connection {
+  struct Posted {
+    dns_query *query;
+    uint32_t answered;  // what `answered` of the connection was when the query was posted
+  };
+
   TcpLink link;
   Server *server = nullptr;
-  int64_t heard_us = 0;  // when something last arrived on it, or it was opened
-  int64_t used_us = 0;   // when a question or an answer last went over it
-  unsigned count = 0;
-  dns_query *asked[kPerConnection];
+  int64_t heard_us = 0;   // when something last arrived on it, or it was opened
+  int64_t used_us = 0;    // when a query or an answer last went over it
+  uint32_t answered = 0;  // queries that it has answered
+  uint32_t posted = 0;    // queries that were ever posted on it
+  unsigned count = 0;     // of them those under way
+  Posted under_way[kPerConnection];
 };
 
 // Options as dns_set_opt takes them.
@@ -152,35 +168,41 @@ struct dns_query : dns::Timer {
   uint64_t hash;           // of its name, type and class; while `looks_ahead`, that of its key in the answer cache
   uint64_t case_bits;      // the case in which the letters of its name were sent
   int64_t first_sent_us;
-  int64_t sent_us;   // when the present try left, or when it was due
-  uint32_t asked;    // servers that were sent the question, and may answer it
-  uint32_t lowered;  // servers that were sent it in lower case
-  uint32_t refused;  // servers that answered with an error, and are not asked again
-  uint32_t tried;    // servers that it has left in the present round
+  int64_t sent_us;  // when the present try left, or when it was due
+  // Sets of its servers, by their places.
+  uint32_t asked;      // were sent it under its present id, and may answer it
+  uint32_t lowered;    // of them those that were sent it in lower case
+  uint32_t with_opt;   // and those that were sent an OPT record
+  uint32_t refused;    // answered with an error, and are not asked again
+  uint32_t unreached;  // at which nothing listened when it last came there
+  uint32_t tried;      // which it has left in the present round
   uint32_t flags;
   uint16_t id;
   uint16_t typ;
   uint16_t cls;
-  int16_t slot;   // the slot of the socket or connection it was sent from, UdpPool::kNone before
-  int16_t error;  // the status of the last error that a server answered with, or 0
-  uint8_t nserv;  // servers in `own`
+  int16_t slot;         // the slot of the socket or connection it was sent from, UdpPool::kNone before
+  int16_t former_slot;  // the socket that its first attempts left from, if they met with silence there, else kNone
+  int16_t error;        // the status of the last error that a server answered with, or 0
+  uint8_t nserv;        // servers in `own`
   uint8_t dn_size;
   uint8_t ask_size;
-  uint8_t server;     // the server of the present try
-  uint16_t tries;     // how often it was sent, but for a probe
-  uint16_t round;     // how often it has been to all the servers that it goes to
-  uint8_t rating;     // of a look-up of a server's cost: its place among them and 1, else 0
-  bool probes;        // the present try finds out whether a server that was set aside is back
-  uint8_t tcp_tries;  // connections on which the present server was asked
-  uint8_t place;      // its place among those of its connection
-  bool over_tcp;      // the present try goes over TCP
-  bool plain;         // the present server is asked without EDNS0
-  bool with_opt;      // the present try says EDNS0
-  bool case_missed;   // an answer changed the case of its name: whether the server does so is asked over TCP
-  bool fresh_cookie;  // the server has given a new cookie for it
-  bool leads;         // it is in the table of leaders
-  bool uncached;      // it neither reads nor fills the cache
-  bool looks_ahead;   // it has yet to be looked up in the answer cache of `cache_number`
+  uint8_t server;         // the server of the present try
+  uint16_t tries;         // how often it was sent, but for a probe
+  uint16_t round;         // how often it has been to all the servers that it goes to
+  uint8_t rating;         // of a look-up of a server's cost: its place among them and 1, else 0
+  uint8_t tcp_tries;      // connections that were opened or used to ask the present server
+  uint8_t place;          // its place among those of its connection
+  dns::Doubt doubt;       // of an answer of the present server
+  uint8_t pauses : 4;     // which it has made because every server was unreached
+  bool turned_back : 1;   // the network, or a server's host, has said that nothing listens there
+  bool probes : 1;        // the present try finds out whether a server that was set aside is back
+  bool over_tcp : 1;      // the present try goes over TCP
+  bool plain : 1;         // the present server is asked without EDNS0
+  bool fresh_cookie : 1;  // the server has given a new cookie for it
+  bool leads : 1;         // it is in the table of leaders
+  bool uncached : 1;      // it neither reads nor fills the cache
+  bool looks_ahead : 1;   // it has yet to be looked up in the answer cache of `cache_number`
+  bool pausing : 1;       // it waits for the end of a pause, not for an answer
   uint8_t cache_number;
   dns::State state;
   uint8_t inline_dn[dns::kInlineName];
@@ -320,8 +342,16 @@ void give_up_place(dns_query *q);
 // leave takes a question out of its list, the timers, the index and its connection, and gives its socket back.
 void leave(dns_query *q);
 
-// give_up_slot takes a question out of the index and from its socket or connection.
+// has_id tells whether a query has an id under which its answers are expected, and so is in the index. give_up_slot
+// takes it out, and from its sockets or connection. change_socket has its next attempt leave from another socket, under
+// the same id; what comes to the first one still counts. new_id gives it an id and a letter case, under which no server
+// has been asked yet; false without random bytes.
+[[nodiscard]] inline bool has_id(const dns_query *q) {
+  return q->slot != UdpPool::kNone || q->former_slot != UdpPool::kNone;
+}
 void give_up_slot(dns_query *q);
+void change_socket(dns_query *q);
+[[nodiscard]] bool new_id(dns_query *q);
 
 // enqueue puts a question that is in no list, or in a plain one, at the end of those that are to be sent.
 void enqueue(dns_query *q);
@@ -351,8 +381,27 @@ class Hold {
 // ends it with `error`, or with the last error that a server answered with.
 void ask_again(dns_query *q);
 
-// ask_otherwise asks the present server again at once, without EDNS0 or over TCP as the question's fields now say.
+// give_up ends a query that has no attempt or no server left, or has it begin anew where it can.
+void give_up(dns_query *q);
+
+// ask_otherwise asks the present server again at once, without EDNS0 or over TCP as the query's fields now say;
+// ask_over_tcp over TCP. forget_manner forgets how the present server was to be asked.
 void ask_otherwise(dns_query *q);
+inline void ask_over_tcp(dns_query *q) {
+  q->over_tcp = true;
+  ask_otherwise(q);
+}
+void forget_manner(dns_query *q);
+
+// not_reached moves a query on whose present attempt could not leave, for want of a route or a socket, turned_back one
+// whose attempt came back at once, because nothing listens there. Another server is asked at once. Where there is none
+// the query pauses, since servers may be starting, a few times within a second in all. end_pause has it asked again.
+void not_reached(dns_query *q);
+inline void turned_back(dns_query *q) {
+  q->turned_back = true;
+  not_reached(q);
+}
+void end_pause(dns_query *q);
 
 // ---- follow.cc
 
@@ -371,6 +420,9 @@ void hand_over(Link *followers);
 void choose_first(dns_query *q);
 [[nodiscard]] bool choose_next(dns_query *q);
 void turn_away(dns_query *q);
+
+// is_unreached tells whether none of the servers that are left could be reached.
+[[nodiscard]] bool is_unreached(const dns_query *q);
 
 // try_patience_us is how long the present try is waited for.
 [[nodiscard]] int64_t try_patience_us(const dns_query *q);
@@ -408,14 +460,14 @@ struct Arrival {
   [[nodiscard]] int protocol() const { return slot >= kTcpSlot ? IPPROTO_TCP : IPPROTO_UDP; }
 };
 
-// take_packet gives a packet to the question that it answers.
-void take_packet(dns_ctx *ctx, std::span<uint8_t> packet, const sockaddr_in &peer, int slot);
+// take_packet gives a packet to the query that it answers; false when there is none.
+bool take_packet(dns_ctx *ctx, std::span<uint8_t> packet, const sockaddr_in &peer, int slot);
 
 // receive reads what has arrived on a UDP socket.
 void receive(dns_ctx *ctx, int slot);
 
-// take_returned reads which questions the network has sent back as undeliverable on a UDP socket, and asks the next
-// server at once. False when there was none.
+// take_returned reads which queries the network has sent back as undeliverable on a UDP socket, and moves them on.
+// False when there was none.
 bool take_returned(dns_ctx *ctx, int slot);
 
 void tell_packet(dns_ctx *ctx, dns_query *q, int code, const Arrival &arrival, int rtt_ms);
@@ -426,8 +478,6 @@ void tell_packet(dns_ctx *ctx, dns_query *q, int code, const Arrival &arrival, i
 void send_over_tcp(dns_query *q);
 // tcp_flush writes what is to be written on every connection. True when one broke, and left questions to be sent.
 [[nodiscard]] bool tcp_flush(dns_ctx *ctx);
-// tcp_failed ends the asking of the present server over TCP.
-void tcp_failed(dns_query *q);
 // tcp_forget takes a question off its connection.
 void tcp_forget(dns_query *q);
 // tcp_timed_out gives up the try of a question that is under way on a connection.
@@ -440,8 +490,9 @@ void tcp_close(dns_ctx *ctx);
 
 // ---- outcome.cc
 
-// take_answer decides what a packet that passed every check on its origin means for its question.
-void take_answer(dns_query *q, const Arrival &arrival, const Header &header);
+// take_answer decides what a packet that passed every check on its origin means for its query. `place` is that of the
+// server that it answers for.
+void take_answer(dns_query *q, const Arrival &arrival, const Header &header, unsigned place);
 
 // take_cached answers a question from the entry in `ctx->entry`; false when the entry turns out to be of no use.
 [[nodiscard]] bool take_cached(dns_query *q);
@@ -463,8 +514,10 @@ void set_key(dns_query *q, unsigned flags);
 // is in no list but `queued`. begin_anew goes on when a question's servers were of no use: forgets remembered ones and
 // asks the context's servers, or looks up those of the zone's servers that came without an address. False when there is
 // nothing of either.
+// has_other_servers tells whether the zone of the query's servers has further ones, whose addresses are not known.
 void begin_at_delegation(dns_query *q);
 [[nodiscard]] bool begin_anew(dns_query *q);
+[[nodiscard]] bool has_other_servers(const dns_query *q);
 
 // ask_on asks for the name that a chain of aliases led to. follow_referral asks the servers of `zone`, which the packet
 // refers to. False when the question cannot go on so: then nothing has changed.

@@ -24,6 +24,28 @@ constexpr dns_class kDelegationClass = 0xFF01;
 constexpr unsigned kDepthMax = 4;    // look-ups of servers for look-ups of servers
 constexpr unsigned kLookupsMax = 8;  // look-ups of servers for one question, so that no zone makes work without bound
 
+// Where an address leads that is none of the network's: nowhere but back to this host, or to its own link.
+enum class Reach { network, host, link, nowhere };
+
+Reach reach_of(in_addr address) {
+  const in_addr_t bits = ntohl(address.s_addr);
+  constexpr in_addr_t kLinkLocal = 0xA9FE;  // 169.254.0.0/16
+  if (bits >> 24 == 127) return Reach::host;
+  if (bits >> 16 == kLinkLocal) return Reach::link;
+  return bits >> 24 == 0 || bits >> 28 >= 14 ? Reach::nowhere : Reach::network;  // 0.0.0.0/8; multicast and reserved
+}
+
+// may_lead_to tells whether a delegation to an address is followed. One to this host or its link would have the engine
+// ask services there whatever strangers choose; it is followed only where the context's own servers are.
+bool may_lead_to(const dns_ctx *ctx, in_addr address) {
+  const Reach reach = reach_of(address);
+  if (reach == Reach::network) return true;
+  const std::span servers(ctx->servers, ctx->nserv);
+  return reach != Reach::nowhere && std::ranges::any_of(servers, [reach](const Server *server) {
+           return reach_of(server->address.sin_addr) == reach;
+         });
+}
+
 // Delegation is what a referral says: the zone, its servers' names, and the addresses that came with them.
 struct Delegation {
   uint8_t zone[DNS_MAXDN];
@@ -42,10 +64,12 @@ struct Delegation {
   void add_target(const uint8_t *dn) {
     if (ntargets < kDelegatedMax && target(dn) < 0 && dns_dntodn(dn, targets[ntargets], DNS_MAXDN) != 0) ++ntargets;
   }
-  bool add_address(const uint8_t *owner, const uint8_t *bytes) {
+  bool add_address(const dns_ctx *ctx, const uint8_t *owner, const uint8_t *bytes) {
     const int place = target(owner);
-    if (place < 0 || naddresses == kDelegatedMax) return false;
-    memcpy(&addresses[naddresses], bytes, sizeof(in_addr));
+    in_addr address;
+    memcpy(&address, bytes, sizeof address);
+    if (place < 0 || naddresses == kDelegatedMax || !may_lead_to(ctx, address)) return false;
+    addresses[naddresses] = address;
     owners[naddresses++] = static_cast<uint8_t>(place);
     return true;
   }
@@ -76,10 +100,11 @@ Journey *top(Journey *journey) {
 
 // start_over asks a question, which has left everything, of its present servers as if it were new.
 void start_over(dns_query *q) {
-  q->asked = q->lowered = q->refused = 0;
-  q->tries = q->tcp_tries = 0;
+  q->refused = q->unreached = 0;
+  q->tries = q->pauses = 0;
   q->error = 0;
-  q->over_tcp = q->plain = q->case_missed = q->fresh_cookie = false;
+  q->over_tcp = false;
+  forget_manner(q);
   choose_first(q);
   enqueue(q);
   if (servers_of(q).empty())
@@ -112,8 +137,8 @@ template <typename Use>
 }
 
 // read_delegation reads the referral to `zone` that servers of the zone `from` gave.
-[[nodiscard]] bool read_delegation(std::span<const uint8_t> packet, const uint8_t *zone, const uint8_t *from,
-                                   Delegation *delegation) {
+[[nodiscard]] bool read_delegation(const dns_ctx *ctx, std::span<const uint8_t> packet, const uint8_t *zone,
+                                   const uint8_t *from, Delegation *delegation) {
   if (dns_dntodn(zone, delegation->zone, DNS_MAXDN) == 0) return false;
   const bool named = read_section(packet, DNS_S_NS, [&](const Record &record) {
     uint8_t dn[DNS_MAXDN];
@@ -125,7 +150,7 @@ template <typename Use>
   });
   return named && delegation->ntargets > 0 && read_section(packet, DNS_S_AR, [&](const Record &record) {
            if (record.typ == DNS_T_A && record.data.size() == sizeof(in_addr) && covers(from, record.owner) &&
-               delegation->add_address(record.owner, record.data.data()))
+               delegation->add_address(ctx, record.owner, record.data.data()))
              delegation->ttl = std::min(delegation->ttl, record.ttl);
          });
 }
@@ -189,7 +214,7 @@ void keep_delegation(dns_ctx *ctx, const Delegation &delegation) {
     rr.dnsrr_dsz = sizeof data;
     if (dns_cdata_nextrr(entry, &rr) <= 0) break;
     if (rr.dnsrr_typ == DNS_T_NS) delegation->add_target(data);
-    if (rr.dnsrr_typ == DNS_T_A && rr.dnsrr_dsz == sizeof(in_addr)) delegation->add_address(rr.dnsrr_dn, data);
+    if (rr.dnsrr_typ == DNS_T_A && rr.dnsrr_dsz == sizeof(in_addr)) delegation->add_address(ctx, rr.dnsrr_dn, data);
   }
   return delegation->ntargets > 0;
 }
@@ -239,7 +264,7 @@ void looked_up(dns_ctx *ctx, dns_query *lookup, void *result, unsigned, void *da
     delegation.ttl = std::min(q->journey->coming_ttl, block->dnsa4_ttl);
     delegation.add_target(dns_qdn(lookup));
     for (int i = 0; i < block->dnsa4_nrr; ++i)
-      delegation.add_address(dns_qdn(lookup), reinterpret_cast<const uint8_t *>(&block->dnsa4_addr[i]));
+      delegation.add_address(ctx, dns_qdn(lookup), reinterpret_cast<const uint8_t *>(&block->dnsa4_addr[i]));
   }
   if (delegation.naddresses > 0) keep_delegation(ctx, delegation);
   if (delegation.naddresses == 0 || !install(q, delegation)) look_up_next(q);
@@ -301,7 +326,11 @@ void begin_at_delegation(dns_query *q) {
   for (const uint8_t *zone = q->ask; *zone != 0; zone += 1 + *zone) {
     Delegation delegation;
     if (!known_delegation(ctx, zone, &delegation) || delegation.naddresses == 0) continue;
-    if (journey(q) != nullptr) q->journey->remembered = take_servers(q, delegation);
+    if (journey(q) == nullptr) return;
+    q->journey->remembered = take_servers(q, delegation);
+    q->journey->names_others = false;
+    for (unsigned i = 0; i < delegation.ntargets; ++i)
+      if (!delegation.has_address(i)) q->journey->names_others = true;
     return;
   }
 }
@@ -320,6 +349,11 @@ bool begin_anew(dns_query *q) {
   release_servers(q);
   start_over(q);
   return true;
+}
+
+bool has_other_servers(const dns_query *q) {
+  const Journey *journey = q->journey;
+  return journey != nullptr && (journey->remembered ? journey->names_others : journey->ntargets > 0);
 }
 
 bool ask_on(dns_query *q, std::span<const uint8_t> packet, size_t answers_at, const Chain &chain) {
@@ -352,7 +386,8 @@ bool follow_referral(dns_query *q, std::span<const uint8_t> packet, const uint8_
   const uint8_t *from = zone_of(q) != nullptr ? zone_of(q) : kRoot;
   const bool down = covers(zone, q->ask) && covers(from, zone) && dns_dnequal(from, zone) == 0;
   Delegation delegation;
-  if (!iterates(q) || !down || journey(q) == nullptr || !read_delegation(packet, zone, from, &delegation)) return false;
+  if (!iterates(q) || !down || journey(q) == nullptr || !read_delegation(q->ctx, packet, zone, from, &delegation))
+    return false;
   if (++top(q->journey)->steps > q->ctx->options.maxloop) return false;
   q->journey->remembered = false;
   keep_delegation(q->ctx, delegation);

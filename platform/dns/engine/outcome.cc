@@ -192,40 +192,58 @@ bool tell_answer(dns_query *q, int code, const Arrival &arrival) {
   return q->state != State::cancelled;
 }
 
-// wants_no_opt tells whether a server stumbled over the OPT record of the present try: it says that it does not
-// understand the question, in an answer without an OPT record, or that it knows no version of EDNS0 (RFC 6891, 6.1.3
-// and 7).
-bool wants_no_opt(const dns_query *q, std::span<const uint8_t> packet, const Header &header) {
+// said_opt tells whether the server at `place` was sent an OPT record.
+bool said_opt(const dns_query *q, unsigned place) {
+  return (q->with_opt & (1U << place)) != 0;
+}
+
+// wants_no_opt tells whether a server stumbled over the OPT record that it was sent: it says that it does not
+// understand the query, in an answer without an OPT record, or that it knows no version of EDNS0 (RFC 6891, 6.1.3 and
+// 7).
+bool wants_no_opt(const dns_query *q, unsigned place, std::span<const uint8_t> packet, const Header &header) {
   constexpr uint8_t kBadVersionHigh = 1;
   Sections sections(packet, header);
   Opt opt;
-  if (!q->with_opt || !read_opt(&sections, &opt)) return false;
+  if (!said_opt(q, place) || !read_opt(&sections, &opt)) return false;
   if (header.rcode == DNS_R_FORMERR || header.rcode == DNS_R_NOTIMPL) return !opt.present;
   return header.rcode == DNS_R_NOERROR && opt.rcode_high == kBadVersionHigh;
 }
 
 // wants_cookie tells whether a server refuses the cookie that it was sent (BADCOOKIE, RFC 7873, 5.3): it has given a
 // new one, and after that there is TCP.
-bool wants_cookie(const dns_query *q, std::span<const uint8_t> packet, const Header &header) {
+bool wants_cookie(const dns_query *q, unsigned place, std::span<const uint8_t> packet, const Header &header) {
   constexpr unsigned kBadCookie = 23;
   Sections sections(packet, header);
   Opt opt;
-  if ((q->ctx->options.flags & DNS_COOKIES) == 0 || !q->with_opt || q->over_tcp || !read_opt(&sections, &opt))
+  if ((q->ctx->options.flags & DNS_COOKIES) == 0 || !said_opt(q, place) || q->over_tcp || !read_opt(&sections, &opt))
     return false;
   return opt.present && (unsigned{opt.rcode_high} << 4 | header.rcode) == kBadCookie;
 }
 
-// asked_otherwise asks the present server again without EDNS0 or over TCP, where its answer calls for that. False when
-// it does not.
-bool asked_otherwise(dns_query *q, int code, const Arrival &arrival, const Header &header) {
-  if (!same_address(servers_of(q)[q->server]->address, *arrival.peer)) return false;
-  if (code == DNS_D_PKT_SERVERR && wants_cookie(q, arrival.packet, header)) {
-    q->over_tcp = q->over_tcp || std::exchange(q->fresh_cookie, true);
+// go_back_to makes the server at `place` the present one again.
+void go_back_to(dns_query *q, unsigned place) {
+  if (place == q->server) return;
+  forget_manner(q);
+  q->probes = false;
+  q->server = static_cast<uint8_t>(place);
+}
+
+// asked_otherwise asks the server at `place`, which may be that of an earlier attempt, again without EDNS0 or over TCP,
+// where its answer calls for that. False when it does not, or when a stranger has answered for it.
+bool asked_otherwise(dns_query *q, unsigned place, int code, const Arrival &arrival, const Header &header) {
+  if (!same_address(servers_of(q)[place]->address, *arrival.peer)) return false;
+  const bool error = code == DNS_D_PKT_SERVERR;
+  if (error && wants_cookie(q, place, arrival.packet, header)) {
+    go_back_to(q, place);
+    q->over_tcp = q->fresh_cookie;
+    q->fresh_cookie = true;
     ask_otherwise(q);
     return true;
   }
-  const bool without_opt = code == DNS_D_PKT_SERVERR && wants_no_opt(q, arrival.packet, header);
+  const bool plain = q->plain && place == q->server;
+  const bool without_opt = error && !plain && wants_no_opt(q, place, arrival.packet, header);
   if (!without_opt && code != DNS_D_PKT_TC) return false;
+  go_back_to(q, place);
   if (without_opt) q->plain = true;
   if (code == DNS_D_PKT_TC) q->over_tcp = true;
   if (without_opt && !tell_answer(q, DNS_D_PKT_NEDNS0, arrival)) return true;
@@ -248,9 +266,9 @@ void deliver_all(dns_query *q, dns_status status, std::span<const uint8_t> packe
 }
 
 // goes_on sends a question on that its server's answer neither ends nor fails. False when it does.
-bool goes_on(dns_query *q, const Arrival &arrival, const Header &header, const Verdict &verdict,
+bool goes_on(dns_query *q, const Arrival &arrival, const Header &header, unsigned place, const Verdict &verdict,
              const Reading &reading) {
-  if (asked_otherwise(q, verdict.code, arrival, header)) return true;
+  if (asked_otherwise(q, place, verdict.code, arrival, header)) return true;
   if ((q->flags & DNS_DCACHE) != 0) return false;
   if (verdict.code == DNS_D_PKT_RPCNAME) return ask_on(q, arrival.packet, reading.answers_at, reading.chain);
   return verdict.code == DNS_D_PKT_RPNS && follow_referral(q, arrival.packet, reading.denial.zone);
@@ -277,7 +295,7 @@ int parsed(dns_query *q, std::span<const uint8_t> packet, size_t answers, void *
   return size;
 }
 
-void take_answer(dns_query *q, const Arrival &arrival, const Header &header) {
+void take_answer(dns_query *q, const Arrival &arrival, const Header &header, unsigned place) {
   measure(q, arrival);
   Reading reading;
   std::span<const uint8_t> packet = arrival.packet;
@@ -300,13 +318,13 @@ void take_answer(dns_query *q, const Arrival &arrival, const Header &header) {
   }
   if (!tell_answer(q, verdict.code, arrival)) return;
   if (is_final(verdict.status)) {
-    if (q->plain) servers_of(q)[q->server]->plain_until_us = q->ctx->now_us + kNoEdnsUs;
+    if (q->plain && place == q->server) servers_of(q)[place]->plain_until_us = q->ctx->now_us + kNoEdnsUs;
     keep(q, packet, header, verdict, answers_at);
     deliver_all(q, verdict.status, packet, answers_at, result, static_cast<unsigned>(std::max(size, 0)));
     return;
   }
   q->error = static_cast<int16_t>(verdict.status);
-  if (goes_on(q, arrival, header, verdict, reading)) return;
+  if (goes_on(q, arrival, header, place, verdict, reading)) return;
   const uint32_t failed = answering(q, *arrival.peer);
   q->refused |= failed;
   const auto servers = servers_of(q);

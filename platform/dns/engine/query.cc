@@ -87,14 +87,28 @@ void leave(dns_query *q) {
 }
 
 void give_up_slot(dns_query *q) {
-  if (q->slot == UdpPool::kNone) return;
+  if (!has_id(q)) return;
   q->ctx->index.remove(q);
   if (q->slot >= kTcpSlot) {
     tcp_forget(q);
-  } else {
+  } else if (q->slot != UdpPool::kNone) {
     q->ctx->sockets.done(q->slot);
   }
+  if (q->former_slot != UdpPool::kNone) q->ctx->sockets.done(q->former_slot);
+  q->slot = q->former_slot = UdpPool::kNone;
+}
+
+void change_socket(dns_query *q) {
+  if (q->former_slot == UdpPool::kNone)
+    q->former_slot = q->slot;
+  else
+    q->ctx->sockets.done(q->slot);
   q->slot = UdpPool::kNone;
+}
+
+bool new_id(dns_query *q) {
+  q->asked = q->lowered = q->with_opt = 0;
+  return q->ctx->random.u16(&q->id) && q->ctx->random.u64(&q->case_bits);
 }
 
 bool recall_failures(dns_query *q) {
@@ -109,12 +123,14 @@ bool recall_failures(dns_query *q) {
     q->error = static_cast<int16_t>(status);
   }
   if ((q->refused & (1U << q->server)) == 0 || choose_next(q)) return true;
-  deliver(q, q->error, nullptr, 0, 0);
+  // What servers of the zone that are not known yet may say is another matter.
+  if (!has_other_servers(q) || !begin_anew(q)) deliver(q, q->error, nullptr, 0, 0);
   return false;
 }
 
 void enqueue(dns_query *q) {
   q->state = State::sending;
+  q->pausing = false;
   q->sent_us = q->ctx->now_us;
   q->ctx->sending.append(q);
 }
@@ -175,28 +191,65 @@ Hold::~Hold() {
   }
 }
 
-void ask_again(dns_query *q) {
-  dns_ctx *ctx = q->ctx;
-  const bool direct = (q->flags & DNS_DCACHE) != 0;
-  const auto most = std::min<size_t>(ctx->options.ntries, direct ? servers_of(q).size() : SIZE_MAX);
-  if (q->tries >= most || !choose_next(q)) {
-    if (direct) {
-      end_direct(q);
-      return;
-    }
-    if (begin_anew(q)) return;
-    const dns_status status = q->error != 0 ? dns_status{q->error} : dns_status{DNS_E_TEMPFAIL};
-    deliver(q, status, nullptr, 0, 0);
+void give_up(dns_query *q) {
+  if ((q->flags & DNS_DCACHE) != 0) {
+    end_direct(q);
     return;
   }
-  q->plain = q->case_missed = q->fresh_cookie = false;
+  if (begin_anew(q)) return;
+  const dns_status silence = q->turned_back && is_unreached(q) ? DNS_E_REFUSED : DNS_E_TEMPFAIL;
+  deliver(q, q->error != 0 ? dns_status{q->error} : silence, nullptr, 0, 0);
+}
+
+void forget_manner(dns_query *q) {
+  q->plain = q->fresh_cookie = false;
+  q->doubt = Doubt::none;
   q->tcp_tries = 0;
-  // By UDP the answer to an earlier try still counts, so that the question keeps its socket and its id.
-  if (std::exchange(q->over_tcp, false)) {
+}
+
+void ask_again(dns_query *q) {
+  const bool direct = (q->flags & DNS_DCACHE) != 0;
+  const auto most = std::min<size_t>(q->ctx->options.ntries, direct ? servers_of(q).size() : SIZE_MAX);
+  if (q->tries >= most || !choose_next(q)) {
+    give_up(q);
+    return;
+  }
+  forget_manner(q);
+  // By UDP the answer to an earlier attempt still counts, so that the query keeps its socket and its id.
+  if (q->over_tcp) {
     leave(q);
   } else {
     leave_list(q);
   }
+  q->over_tcp = false;
+  enqueue(q);
+}
+
+void not_reached(dns_query *q) {
+  dns_ctx *ctx = q->ctx;
+  q->unreached |= 1U << q->server;
+  if ((q->flags & DNS_DCACHE) != 0 || !is_unreached(q) || q->tries >= ctx->options.ntries) {
+    ask_again(q);
+    return;
+  }
+  if (q->pauses == kPausesMax) {
+    give_up(q);
+    return;
+  }
+  if (q->over_tcp) {
+    leave(q);
+  } else {
+    leave_list(q);
+  }
+  q->state = State::waiting;
+  q->pausing = true;
+  ctx->waiting.add(q, ctx->now_us + (kPauseUs << q->pauses++));
+}
+
+void end_pause(dns_query *q) {
+  q->unreached = 0;
+  // What is asked over TCP stays with the server that has said so.
+  if (!q->over_tcp) (void)choose_next(q);
   enqueue(q);
 }
 
@@ -237,20 +290,20 @@ dns_query *dns_submit_dn_serv(dns_ctx *ctx, const unsigned char *dn, dns_class c
   q->own = nullptr;
   q->journey = nullptr;
   q->under_way = nullptr;
-  q->leads = q->case_missed = q->fresh_cookie = false;
+  q->leads = q->fresh_cookie = q->pausing = q->turned_back = false;
+  q->doubt = Doubt::none;
   q->case_bits = 0;
-  q->lowered = 0;
   q->first_sent_us = q->sent_us = 0;
-  q->asked = q->refused = 0;
+  q->asked = q->lowered = q->with_opt = q->refused = q->unreached = 0;
   q->flags = flags;
   q->id = 0;
   q->typ = static_cast<uint16_t>(typ);
   q->cls = static_cast<uint16_t>(cls);
-  q->slot = UdpPool::kNone;
+  q->slot = q->former_slot = UdpPool::kNone;
   q->error = 0;
   q->nserv = 0;
   q->server = q->round = q->rating = 0;
-  q->tries = q->tcp_tries = 0;
+  q->tries = q->tcp_tries = q->pauses = 0;
   q->tried = 0;
   q->over_tcp = q->plain = q->probes = false;
   q->uncached = servers != nullptr && nserv > 0;

@@ -28,18 +28,32 @@ int asked_server(const dns_query *q, const sockaddr_in &peer) {
   return kNotAsked;
 }
 
-enum class Match { none, but_for_case, whole };
+// bit is the set that holds one server, by its place.
+constexpr uint32_t bit(int place) {
+  return 1U << place;
+}
 
-// match compares a packet's question with the one that `server` was sent, letter case included.
+// lacks_question tells whether a packet is what servers send that cannot read a query at all: an error and a header.
+bool lacks_question(std::span<const uint8_t> packet, const Header &header) {
+  return (header.rcode == DNS_R_FORMERR || header.rcode == DNS_R_NOTIMPL) && packet.size() == DNS_HSIZE &&
+         header.count[DNS_S_QD] == 0;
+}
+
+enum class Match { none, no_question, but_for_case, whole };
+
+// match compares a packet's question with the one that `server` was sent, letter case included. A server that was asked
+// in lower case, because it does not keep the case, is free to answer in one of its own.
 Match match(const dns_query *q, int server, std::span<const uint8_t> packet, const Header &header) {
+  if (lacks_question(packet, header)) return Match::no_question;
   Reader reader(packet, DNS_HSIZE);
   std::span<const uint8_t> name;
   uint16_t typ = 0, cls = 0;
   if (header.count[DNS_S_QD] != 1 || !reader.bytes(q->ask_size, &name) || !reader.u16(&typ) || !reader.u16(&cls) ||
       typ != q->typ || cls != q->cls)
     return Match::none;
-  if (has_case(name, q->ask, (q->lowered & (1U << server)) != 0 ? kLowerCase : q->case_bits)) return Match::whole;
-  return dns_dnequal(name.data(), q->ask) == q->ask_size ? Match::but_for_case : Match::none;
+  if (has_case(name, q->ask, q->case_bits)) return Match::whole;
+  if (dns_dnequal(name.data(), q->ask) != q->ask_size) return Match::none;
+  return (q->lowered & bit(server)) != 0 ? Match::whole : Match::but_for_case;
 }
 
 // Found is the question that a packet answers, or what else the packet is.
@@ -60,7 +74,7 @@ Found find(dns_ctx *ctx, const Arrival &arrival, Header *header) {
   if (header->opcode != 0) return found;
   found.code = DNS_D_PKT_NOREQ;
   for (dns_query *q = ctx->index.first(header->id); q != nullptr; q = q->index_next) {
-    if (q->id != header->id || q->slot != arrival.slot) continue;
+    if (q->id != header->id || (q->slot != arrival.slot && q->former_slot != arrival.slot)) continue;
     const int server = arrival.slot < kTcpSlot ? asked_server(q, *arrival.peer) : int{q->server};
     if (server == kNotAsked) continue;
     found.code = DNS_D_PKT_RPINV;
@@ -72,42 +86,82 @@ Found find(dns_ctx *ctx, const Arrival &arrival, Header *header) {
   return found;
 }
 
-// take_other_case deals with an answer that is right but for the case of its question's letters. By UDP it may be a
-// forger's good guess, and does not count: TCP, which no forger reaches, is to tell whether the server is like that.
-// True when it counts.
+// is_present tells whether a packet is of the present attempt's server, while that is waited for.
+bool is_present(const Found &found) {
+  return found.q->state == State::waiting && !found.q->pausing && found.server == found.q->server;
+}
+
+// take_other_case deals with an answer that is right but for the case of its question's letters. Over TCP that is the
+// server's own word, and it counts. By UDP it may be a forger's good guess, and does not: from a server that is known
+// to keep the case it is one, and the true answer is waited for; else TCP, which no forger reaches, is to tell. True
+// when it counts.
 bool take_other_case(const Found &found, int slot) {
   dns_query *q = found.q;
-  dns_ctx *ctx = q->ctx;
   Server *server = servers_of(q)[static_cast<size_t>(found.server)];
   if (slot >= kTcpSlot) {
-    server->lower_until_us = ctx->now_us + kLowerUs;
+    server->letters_kept = 0;
+    server->lower_until_us = q->ctx->now_us + kLowerUs;
     return true;
   }
-  if (q->state != State::waiting || found.server != q->server || (q->lowered & (1U << found.server)) != 0) return false;
-  q->case_missed = q->over_tcp = true;
-  ask_otherwise(q);
+  if (!is_present(found)) return false;
+  q->doubt = Doubt::letter_case;
+  if (!server->keeps_case()) ask_over_tcp(q);
   return false;
 }
 
-// has_right_cookie checks the cookie of an answer and keeps the server's part of it (RFC 7873, section 5.3).
-bool has_right_cookie(const Found &found, const Arrival &arrival, const Header &header) {
+// note_case counts the letters that have come back as they were sent. Over TCP they may come back where they do not by
+// UDP.
+void note_case(const Found &found, int slot) {
+  const dns_query *q = found.q;
+  Server *server = servers_of(q)[static_cast<size_t>(found.server)];
+  if (server->keeps_case() || slot >= kTcpSlot || (q->lowered & bit(found.server)) != 0) return;
+  const auto is_letter = [](uint8_t byte) {
+    const unsigned lower = byte | 0x20U;
+    return lower >= 'a' && lower <= 'z';
+  };
+  const auto letters = static_cast<unsigned>(std::count_if(q->ask, q->ask + q->ask_size, is_letter));
+  server->letters_kept = static_cast<uint8_t>(std::min(server->letters_kept + letters, kLettersKnown));
+}
+
+enum class Cookie { right, wrong, missing };
+
+// check_cookie checks the cookie of an answer and keeps the server's part of it (RFC 7873, section 5.3). A server that
+// has given one does so always; when it no longer does, it says so over TCP.
+Cookie check_cookie(const Found &found, const Arrival &arrival, const Header &header) {
   const dns_query *q = found.q;
   const dns_ctx *ctx = q->ctx;
+  if ((ctx->options.flags & DNS_COOKIES) == 0) return Cookie::right;
   Server *server = servers_of(q)[static_cast<size_t>(found.server)];
-  if ((ctx->options.flags & DNS_COOKIES) == 0 || !q->with_opt) return true;
+  const bool expected = server->gives_cookies(ctx->now_us);
+  const bool said_opt = (q->with_opt & bit(found.server)) != 0;
+  if (!expected && !said_opt) return Cookie::right;
   Sections sections(arrival.packet, header);
   Opt opt;
-  if (!read_opt(&sections, &opt)) return false;
-  if (opt.cookie.empty()) return !server->gives_cookies || arrival.protocol() == IPPROTO_TCP;
+  if (!read_opt(&sections, &opt)) return Cookie::wrong;
+  if (opt.cookie.empty()) {
+    if (expected && arrival.protocol() == IPPROTO_UDP) return Cookie::missing;
+    if (said_opt) server->cookie_until_us = server->cookie_size = 0;
+    return Cookie::right;
+  }
   uint8_t own[kClientCookieSize];
   client_cookie(ctx, server, own);
-  if (opt.cookie.size() < sizeof own || memcmp(opt.cookie.data(), own, sizeof own) != 0) return false;
+  if (opt.cookie.size() < sizeof own || memcmp(opt.cookie.data(), own, sizeof own) != 0) return Cookie::wrong;
   const std::span<const uint8_t> theirs = opt.cookie.subspan(sizeof own);
-  if (theirs.size() < kServerCookieMin || theirs.size() > kServerCookieMax) return theirs.empty();
+  if (theirs.empty()) return Cookie::right;
+  if (theirs.size() < kServerCookieMin || theirs.size() > kServerCookieMax) return Cookie::wrong;
   memcpy(server->cookie, theirs.data(), theirs.size());
   server->cookie_size = static_cast<uint8_t>(theirs.size());
-  server->gives_cookies = true;
-  return true;
+  server->cookie_until_us = ctx->now_us + kCookieUs;
+  return Cookie::right;
+}
+
+// take_lacking_question has a server asked again without EDNS0 that could not read the query. A forger needs no name
+// for such a packet; it ends nothing, and counts once.
+void take_lacking_question(const Found &found) {
+  dns_query *q = found.q;
+  if (!is_present(found) || q->plain || (q->with_opt & bit(found.server)) == 0) return;
+  q->plain = true;
+  ask_otherwise(q);
 }
 
 // returned_to finds the question of a packet that came back: its try at the server that the packet was going to is the
@@ -121,12 +175,6 @@ dns_query *returned_to(dns_ctx *ctx, int slot, std::span<const uint8_t> packet, 
       return q;
   }
   return nullptr;
-}
-
-// has_fresh_server tells whether there is a server that was not asked yet.
-bool has_fresh_server(const dns_query *q) {
-  const uint32_t all = static_cast<uint32_t>((uint64_t{1} << servers_of(q).size()) - 1);
-  return ((q->asked | q->refused) & all) != all;
 }
 
 // prefetch_questions asks the processor for the questions that a batch of packets may answer, and for where they are
@@ -150,22 +198,29 @@ void prefetch_questions(const dns_ctx *ctx, std::span<const Datagram> batch) {
 
 }  // namespace
 
-void take_packet(dns_ctx *ctx, std::span<uint8_t> packet, const sockaddr_in &peer, int slot) {
+bool take_packet(dns_ctx *ctx, std::span<uint8_t> packet, const sockaddr_in &peer, int slot) {
   const Arrival arrival = {packet, &peer, slot};
   Header header;
   const Found found = find(ctx, arrival, &header);
-  if (found.q == nullptr || !has_right_cookie(found, arrival, header)) {
+  const Cookie cookie = found.q == nullptr ? Cookie::wrong : check_cookie(found, arrival, header);
+  if (cookie == Cookie::missing && is_present(found)) found.q->doubt = Doubt::cookie;
+  if (cookie != Cookie::right) {
     tell_packet(ctx, nullptr, found.code, arrival, 0);
-    return;
+    return false;
   }
-  if (found.match == Match::but_for_case) {
+  if (found.match != Match::whole) {
+    const bool lacks = found.match == Match::no_question;
     const Hold hold(ctx);
-    tell_packet(ctx, nullptr, found.code, arrival, 0);
-    if (found.q->state == State::cancelled || !take_other_case(found, slot)) return;
+    tell_packet(ctx, nullptr, lacks ? int{DNS_D_PKT_NEDNS0} : found.code, arrival, 0);
+    if (found.q->state == State::cancelled) return false;
+    if (lacks) take_lacking_question(found);
+    if (lacks || !take_other_case(found, slot)) return false;
   }
+  note_case(found, slot);
   // What the case of the letters was good for is done: the host sees the name as it gave it.
   memcpy(packet.data() + DNS_HSIZE, found.q->ask, found.q->ask_size);
-  take_answer(found.q, arrival, header);
+  take_answer(found.q, arrival, header, static_cast<unsigned>(found.server));
+  return true;
 }
 
 void receive(dns_ctx *ctx, int slot) {
@@ -206,10 +261,9 @@ bool take_returned(dns_ctx *ctx, int slot) {
     if (ctx->io->udp_returned(ctx->io->self, descriptor, &datagram) <= 0) break;
     any = true;
     dns_query *q = returned_to(ctx, slot, {packet, std::min<size_t>(datagram.size, sizeof packet)}, datagram.peer);
-    // The last server's silence is waited for all the same: it may be starting up.
-    if (q == nullptr || !has_fresh_server(q)) continue;
+    if (q == nullptr) continue;
     missed(q);
-    ask_again(q);
+    turned_back(q);
   }
   return any;
 }

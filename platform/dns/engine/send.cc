@@ -33,7 +33,7 @@ unsigned collect(dns_ctx *ctx, int slot, unsigned room, const Server *only) {
     if (q->over_tcp || is_new != fresh || (!is_new && q->slot != slot)) break;
     const Server *server = servers_of(q)[q->server];
     if (is_new ? only_server(q) != only : !ctx->sockets.reaches(slot, server->address)) break;
-    if (is_new && (!ctx->random.u16(&q->id) || !ctx->random.u64(&q->case_bits))) break;
+    if (is_new && q->former_slot == UdpPool::kNone && !new_id(q)) break;
     if (server->set_aside()) {
       turn_away(q);
       server = servers_of(q)[q->server];
@@ -73,8 +73,10 @@ void sent_by_udp(dns_query *q, int slot) {
   if (q->slot == UdpPool::kNone) {
     q->slot = static_cast<int16_t>(slot);
     ctx->sockets.used(slot);
-    ctx->index.add(q);
-    q->first_sent_us = ctx->now_us;
+    if (q->former_slot == UdpPool::kNone) {
+      ctx->index.add(q);
+      q->first_sent_us = ctx->now_us;
+    }
   }
   Server *server = servers_of(q)[q->server];
   // A server that is away must not cost a question one of its tries.
@@ -91,18 +93,21 @@ void sent_by_udp(dns_query *q, int slot) {
 
 void not_sent(dns_query *q) {
   ++q->tries;
-  ask_again(q);
+  not_reached(q);
 }
 
-// tell_sent tells the debug function of the packets that have left; it may cancel what it is still to be told of.
+// tell_sent tells the debug function of the packets that have left, in the letter case that the host has given; it may
+// cancel what it is still to be told of.
 void tell_sent(dns_ctx *ctx, int slot, int count) {
   if (!ctx->tells(DNS_DE_PKT)) return;
   const dns_ctx::Buffers *buffers = ctx->buffers;
   const Hold hold(ctx);
   for (int i = 0; i < count; ++i) {
     const Datagram &out = buffers->out[i];
-    if (buffers->leaving[i]->state != State::cancelled)
-      tell_packet(ctx, buffers->leaving[i], DNS_D_PKT_REQ, {{out.data, out.size}, &out.peer, slot}, 0);
+    dns_query *q = buffers->leaving[i];
+    if (q->state == State::cancelled) continue;
+    memcpy(out.data + DNS_HSIZE, q->ask, q->ask_size);
+    tell_packet(ctx, q, DNS_D_PKT_REQ, {{out.data, out.size}, &out.peer, slot}, 0);
   }
 }
 
@@ -139,14 +144,17 @@ unsigned room_at(const Server *server) {
   return kPerServer - std::min(kPerServer, server->under_way);
 }
 
-// needs_another_socket tells whether a question hears nothing on the socket that it has left from: it has gone on to
-// other servers than the one that is connected to, or two tries have met with silence there.
-bool needs_another_socket(const dns_query *q) {
+// choose_socket takes a query off a socket on which it hears nothing: one that is connected to another server than the
+// next, or on which two attempts have met with silence. That may also be a slow server's, so there it goes on
+// listening.
+void choose_socket(dns_query *q) {
   constexpr unsigned kSilentTries = 2;
   const UdpPool &sockets = q->ctx->sockets;
-  if (q->slot == UdpPool::kNone) return false;
-  return !sockets.reaches(q->slot, servers_of(q)[q->server]->address) ||
-         (q->tries >= kSilentTries && sockets.silent(q->slot, q->first_sent_us));
+  if (q->slot == UdpPool::kNone) return;
+  if (!sockets.reaches(q->slot, servers_of(q)[q->server]->address))
+    give_up_slot(q);
+  else if (q->tries >= kSilentTries && sockets.silent(q->slot, q->first_sent_us))
+    change_socket(q);
 }
 
 // send_next sends the question at the head of the list, and with it what can leave in the same call.
@@ -163,7 +171,7 @@ void send_next(dns_ctx *ctx, Link *held) {
     server->parked.append(q);
     return;
   }
-  if (needs_another_socket(q)) give_up_slot(q);
+  choose_socket(q);
   unsigned room = kBatch;
   const Server *only = only_server(q);
   const int slot = q->slot != UdpPool::kNone
@@ -172,7 +180,8 @@ void send_next(dns_ctx *ctx, Link *held) {
   if (slot != UdpPool::kNone && ctx->sockets.blocked(slot)) {
     // A try that cannot leave is over when its longest wait would be, so that every question ends.
     if (ctx->now_us - q->sent_us >= ctx->options.timeout_us) {
-      not_sent(q);
+      ++q->tries;
+      ask_again(q);
     } else {
       held->append(q);
     }
@@ -197,15 +206,20 @@ void client_cookie(const dns_ctx *ctx, const Server *server, uint8_t *cookie) {
 size_t build(dns_query *q, std::span<uint8_t> packet) {
   const dns_ctx *ctx = q->ctx;
   const Server *server = servers_of(q)[q->server];
+  const uint32_t place = 1U << q->server;
   const bool lower = server->lower_until_us > ctx->now_us;
   const size_t size = write_query(packet, q->id, recursive(q), {q->ask, q->ask_size}, q->typ, q->cls);
   apply_case(packet.subspan(DNS_HSIZE, q->ask_size), lower ? kLowerCase : q->case_bits);
-  q->lowered = lower ? q->lowered | 1U << q->server : q->lowered & ~(1U << q->server);
-  q->with_opt = !q->plain && server->plain_until_us <= ctx->now_us;
-  if (!q->with_opt) return size;
+  q->lowered = lower ? q->lowered | place : q->lowered & ~place;
+  const bool cookies = (ctx->options.flags & DNS_COOKIES) != 0;
+  // From a server that gives cookies no answer counts without one, so that it is always told who asks.
+  const bool with_opt =
+      (!q->plain && server->plain_until_us <= ctx->now_us) || (cookies && server->gives_cookies(ctx->now_us));
+  q->with_opt = with_opt ? q->with_opt | place : q->with_opt & ~place;
+  if (!with_opt) return size;
   uint8_t cookie[kClientCookieSize + kServerCookieMax];
   size_t cookie_size = 0;
-  if ((ctx->options.flags & DNS_COOKIES) != 0) {
+  if (cookies) {
     client_cookie(ctx, server, cookie);
     memcpy(cookie + kClientCookieSize, server->cookie, server->cookie_size);
     cookie_size = kClientCookieSize + server->cookie_size;

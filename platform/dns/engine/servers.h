@@ -22,6 +22,10 @@ inline constexpr unsigned kServerCookieMax = 32;  // RFC 7873, section 4
 inline constexpr unsigned kSilentMax = 2;  // tries without an answer after which a server is set aside
 inline constexpr int64_t kLossWhole = 1024;
 
+// Letters that must have come back in the case that they were sent in, before a server counts as one that keeps it: one
+// that has a case of its own matches so many by chance once in four thousand million times.
+inline constexpr unsigned kLettersKnown = 32;
+
 // Server is one address that questions go to. `link` is its place in the list of records that nobody holds.
 struct Server : Link {
   sockaddr_in address;
@@ -36,7 +40,10 @@ struct Server : Link {
   int64_t lower_until_us;  // until when it is asked in lower case, because it does not keep the case of letters
   uint8_t cookie[kServerCookieMax];  // the server's own cookie (RFC 7873)
   uint8_t cookie_size;
-  bool gives_cookies;  // it has answered with a cookie, and so always will
+  uint8_t letters_kept;     // in its answers, up to kLettersKnown
+  int64_t cookie_until_us;  // until when an answer without a cookie is none of its
+  int64_t tcp_until_us;     // until when it is posted no more than `tcp_limit` queries on one connection
+  uint32_t tcp_limit;
   unsigned under_way;  // questions that wait for its answer by UDP
   Link parked;         // questions that wait until it has fewer of them
 
@@ -59,6 +66,11 @@ struct Server : Link {
   std::atomic<uint64_t> sent;
   std::atomic<uint64_t> used;
   std::atomic<uint64_t> timed_out;
+
+  // keeps_case tells whether it is known to bring the case of letters back: another case is then a forgery.
+  [[nodiscard]] bool keeps_case() const { return letters_kept >= kLettersKnown; }
+  // gives_cookies tells whether it has lately answered with a cookie.
+  [[nodiscard]] bool gives_cookies(int64_t now_us) const { return now_us < cookie_until_us; }
 
   // sample takes one measured round trip into the estimate.
   void sample(int64_t rtt_us, dns_time now);

@@ -1,8 +1,10 @@
-// tcp.cc - connections to servers, and the questions that go over them (RFC 7766); see engine.h.
+// tcp.cc - connections to servers, and the queries that go over them (RFC 7766); see engine.h.
 //
-// A server has one connection at most. Questions are pipelined on it, up to kPerConnection, and answered in any order;
-// further ones wait in `tcp_waiting`. A connection that breaks takes its questions to a second one, and then to the
-// next server.
+// A server has one connection at most. Queries are pipelined on it, up to kPerConnection, and answered in any order;
+// further ones wait in `tcp_waiting`. A connection that breaks takes its queries to the next one. That costs a query an
+// attempt only when nothing was answered on the connection since it was posted there: servers close connections after
+// so many answers, or whenever they like. Such a server is posted no more queries on one connection than it has
+// answered.
 #include <errno.h>
 #include <string.h>
 
@@ -27,12 +29,59 @@ void disconnect(dns_ctx *ctx, Connection *connection) {
   --ctx->connections_open;
 }
 
-// broken ends a connection. Its questions are asked again: of the same server where it has not been connected to for
-// them twice, else of the next one.
-void broken(dns_ctx *ctx, Connection *connection) {
+// is_used_up tells whether a connection has been posted all that its server answers on one.
+bool is_used_up(const dns_ctx *ctx, const Connection *connection) {
+  const Server *server = connection->server;
+  return ctx->now_us < server->tcp_until_us && connection->posted >= server->tcp_limit;
+}
+
+// How an attempt over TCP failed: by the server's doing, by its silence, or by nothing that it had a part in.
+enum class End { refused, silence, local };
+
+// end_of tells it of the error of a connection.
+End end_of(int error) {
+  const bool by_server = error == -ECONNREFUSED || error == -ECONNRESET || error == -EPIPE || error == -ETIMEDOUT;
+  return by_server ? End::refused : End::local;
+}
+
+// failed ends the present attempt over TCP. Where TCP was to tell whether a server keeps the case of letters, one that
+// was never seen to is then taken for one that does not, if it has no TCP, and is asked in lower case.
+void failed(dns_query *q, End end) {
+  const dns_ctx *ctx = q->ctx;
+  Server *server = servers_of(q)[q->server];
+  if (q->doubt == Doubt::letter_case && end != End::local && !server->keeps_case()) {
+    server->lower_until_us = ctx->now_us + kLowerUs;
+    q->doubt = Doubt::none;
+    if (q->tries < ctx->options.ntries) {
+      q->over_tcp = false;
+      ask_otherwise(q);
+      return;
+    }
+  }
+  ++q->tries;
+  switch (end) {
+    case End::refused:
+      // After a doubtful answer the true one may yet come by UDP.
+      return q->doubt == Doubt::none ? turned_back(q) : ask_again(q);
+    case End::local:
+      return not_reached(q);
+    case End::silence:
+      return ask_again(q);
+  }
+}
+
+// broken ends a connection that has failed with `error`.
+void broken(dns_ctx *ctx, Connection *connection, int error) {
   Link lost;
+  Server *server = connection->server;
+  if (connection->count > 0 && connection->answered > 0) {
+    server->tcp_limit = connection->answered;
+    server->tcp_until_us = ctx->now_us + kTcpLimitUs;
+  }
   for (unsigned i = connection->count; i > 0; --i) {
-    dns_query *q = connection->asked[i - 1];
+    const Connection::Posted posted = connection->under_way[i - 1];
+    dns_query *q = posted.query;
+    if (posted.answered != connection->answered) --q->tcp_tries;
     leave(q);
     q->state = State::sending;
     lost.append(q);
@@ -44,7 +93,7 @@ void broken(dns_ctx *ctx, Connection *connection) {
       enqueue(q);
       continue;
     }
-    tcp_failed(q);
+    failed(q, end_of(error));
   }
 }
 
@@ -65,54 +114,56 @@ Connection *connection_to(dns_ctx *ctx, const Server *server) {
   return nullptr;
 }
 
-// connect begins a connection; null when none can be had, with `*waits` when one may be had later.
-Connection *connect(dns_ctx *ctx, Server *server, bool *waits) {
+// connect begins a connection; null with the reason in `error`, -EBUSY when every connection is in use.
+Connection *connect(dns_ctx *ctx, Server *server, int *error) {
   Connection *connection = spare(ctx);
-  *waits = connection == nullptr;
-  if (connection == nullptr || connection->link.open(ctx->io, server->address) != 0) return nullptr;
+  *error = connection == nullptr ? -EBUSY : connection->link.open(ctx->io, server->address);
+  if (*error != 0) return nullptr;
   ctx->server_table.hold_again(server);
   connection->server = server;
   connection->heard_us = ctx->now_us;
-  connection->count = 0;
+  connection->count = connection->posted = connection->answered = 0;
   ++ctx->connections_open;
   return connection;
 }
 
-// post queues the question's packet on a connection; false when it has no room.
+// post queues the query's packet on a connection; false when it has no room.
 [[nodiscard]] bool post(dns_query *q, Connection *connection) {
   dns_ctx *ctx = q->ctx;
   uint8_t packet[kQueryRoom];
-  if (connection->count == kPerConnection || !ctx->random.u16(&q->id) || !ctx->random.u64(&q->case_bits)) return false;
+  if (connection->count == kPerConnection || is_used_up(ctx, connection) || !new_id(q)) return false;
   const std::span<const uint8_t> message(packet, build(q, packet));
   if (!connection->link.push(message)) return false;
   q->slot = static_cast<int16_t>(slot_of(ctx, connection));
   q->place = static_cast<uint8_t>(connection->count);
-  connection->asked[connection->count++] = q;
+  connection->under_way[connection->count++] = {q, connection->answered};
+  ++connection->posted;
   connection->used_us = ctx->now_us;
   ctx->index.add(q);
   ++q->tcp_tries;
   sent(q, ctx->options.timeout_us);
   if (ctx->tells(DNS_DE_PKT)) {
     const Hold hold(ctx);
+    memcpy(packet + DNS_HSIZE, q->ask, q->ask_size);  // as the host has given it
     tell_packet(ctx, q, DNS_D_PKT_REQ, {message, &connection->server->address, q->slot}, 0);
   }
   return true;
 }
 
-// take_messages reads a connection as far as there is something; false once it is broken, or where no question is under
-// way on it: a server that goes on talking must not keep a resting context awake.
-[[nodiscard]] bool take_messages(dns_ctx *ctx, Connection *connection) {
+// take_messages reads a connection as far as there is something. A negated errno once it is broken, or where no query
+// is under way on it: a server that talks unasked must not keep a resting context awake.
+[[nodiscard]] int take_messages(dns_ctx *ctx, Connection *connection) {
   const sockaddr_in peer = connection->server->address;
-  if (connection->count == 0) return false;
+  if (connection->count == 0) return -ECONNRESET;
   for (unsigned i = 0; i < kReadsMax; ++i) {
     const int got = connection->link.fill();
-    if (got == -EAGAIN) return true;
-    if (got <= 0) return false;
+    if (got == -EAGAIN) return 0;
+    if (got <= 0) return got < 0 ? got : -ECONNRESET;
     connection->heard_us = connection->used_us = ctx->now_us;
     for (std::span<uint8_t> message; connection->link.next(&message);)
-      take_packet(ctx, message, peer, slot_of(ctx, connection));
+      if (take_packet(ctx, message, peer, slot_of(ctx, connection))) ++connection->answered;
   }
-  return true;
+  return 0;
 }
 
 }  // namespace
@@ -120,68 +171,56 @@ Connection *connect(dns_ctx *ctx, Server *server, bool *waits) {
 void send_over_tcp(dns_query *q) {
   dns_ctx *ctx = q->ctx;
   Server *server = servers_of(q)[q->server];
-  bool waits = true;
+  int error = -EBUSY;
   Connection *connection = connection_to(ctx, server);
-  if (connection == nullptr) connection = connect(ctx, server, &waits);
+  if (connection != nullptr && connection->count == 0 && is_used_up(ctx, connection)) {
+    disconnect(ctx, connection);
+    connection = nullptr;
+  }
+  if (connection == nullptr) connection = connect(ctx, server, &error);
   if (connection != nullptr && post(q, connection)) return;
-  // Where nothing moves for as long as a try may take, the question does not wait for it.
+  // Where nothing moves for as long as an attempt may take, the query does not wait for it.
   const int64_t moved_us = std::max(q->sent_us, connection != nullptr ? connection->heard_us : 0);
-  if (waits && ctx->now_us - moved_us < ctx->options.timeout_us) {
+  if (error == -EBUSY && ctx->now_us - moved_us < ctx->options.timeout_us) {
     ctx->tcp_waiting.append(q);
     return;
   }
-  tcp_failed(q);
+  failed(q, end_of(error));
 }
 
 bool tcp_flush(dns_ctx *ctx) {
   if (ctx->connections_open == 0) return false;
-  for (Connection &connection : ctx->connections)
-    if (connection.link.wants_to_write() && connection.link.flush() != 0) broken(ctx, &connection);
+  for (Connection &connection : ctx->connections) {
+    const int error = connection.link.wants_to_write() ? connection.link.flush() : 0;
+    if (error != 0) broken(ctx, &connection, error);
+  }
   return !ctx->sending.alone();
-}
-
-// tcp_failed leaves the server, unless UDP is open to it: where TCP was to tell whether it keeps the case of letters,
-// it is then taken for one that does not, and asked in lower case.
-void tcp_failed(dns_query *q) {
-  dns_ctx *ctx = q->ctx;
-  if (!std::exchange(q->case_missed, false)) {
-    q->refused |= 1U << q->server;
-    ask_again(q);
-    return;
-  }
-  servers_of(q)[q->server]->lower_until_us = ctx->now_us + kLowerUs;
-  q->over_tcp = false;
-  if (q->tries < ctx->options.ntries) {
-    ask_otherwise(q);
-  } else {
-    ask_again(q);
-  }
 }
 
 void tcp_forget(dns_query *q) {
   Connection &connection = q->ctx->connections[q->slot - kTcpSlot];
-  dns_query *last = connection.asked[--connection.count];
-  connection.asked[q->place] = last;
-  last->place = q->place;
+  const Connection::Posted last = connection.under_way[--connection.count];
+  connection.under_way[q->place] = last;
+  last.query->place = q->place;
 }
 
 void tcp_timed_out(dns_query *q) {
   dns_ctx *ctx = q->ctx;
   Connection *connection = &ctx->connections[q->slot - kTcpSlot];
   const bool silent = connection->heard_us <= q->sent_us;
-  tcp_failed(q);
+  failed(q, End::silence);
   // Nothing at all came back: the others would wait in vain too.
-  if (silent && connection->link.is_open()) broken(ctx, connection);
+  if (silent && connection->link.is_open()) broken(ctx, connection, -ETIMEDOUT);
 }
 
 bool tcp_event(dns_ctx *ctx, const dns_ios &socket) {
   if (ctx->connections_open == 0) return false;
   for (Connection &connection : ctx->connections) {
     if (!connection.link.is_open() || connection.link.descriptor() != socket.dnsio_sock) continue;
-    bool whole = true;
-    if ((socket.dnsio_events & DNS_IO_OUT) != 0) whole = connection.link.flush() == 0;
-    if (whole && (socket.dnsio_events & DNS_IO_IN) != 0) whole = take_messages(ctx, &connection);
-    if (!whole) broken(ctx, &connection);
+    int error = 0;
+    if ((socket.dnsio_events & DNS_IO_OUT) != 0) error = connection.link.flush();
+    if (error == 0 && (socket.dnsio_events & DNS_IO_IN) != 0) error = take_messages(ctx, &connection);
+    if (error != 0) broken(ctx, &connection, error);
     return true;
   }
   return false;

@@ -54,6 +54,11 @@ void TimerWheel::expire_slot(unsigned slot, int64_t tick, Link *due) {
   if (head->alone()) used_[slot / kWordBits] &= ~(uint64_t{1} << (slot % kWordBits));
 }
 
+Timer *TimerWheel::any() {
+  Link *head = &slots_[next_used(0)];
+  return head->alone() ? nullptr : static_cast<Timer *>(head->next);
+}
+
 int64_t TimerWheel::next_us() const {
   const unsigned from = slot_of(hand_ + 1);
   const unsigned slot = next_used(from);

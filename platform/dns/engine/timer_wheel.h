@@ -27,6 +27,9 @@ class TimerWheel {
   // expire moves every timer that is due at `now_us` to `due`, in the order of their deadlines.
   void expire(int64_t now_us, Link *due);
 
+  // any returns one of the timers, null when there is none.
+  [[nodiscard]] Timer *any();
+
   // next_us returns a moment at which the wheel wants to be asked again: never later than the earliest deadline. kNever
   // when it is empty.
   [[nodiscard]] int64_t next_us() const;
