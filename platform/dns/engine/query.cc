@@ -290,8 +290,6 @@ dns_query *dns_submit_dn_serv(dns_ctx *ctx, const unsigned char *dn, dns_class c
   q->own = nullptr;
   q->journey = nullptr;
   q->under_way = nullptr;
-  q->leads = q->fresh_cookie = q->pausing = q->turned_back = false;
-  q->doubt = Doubt::none;
   q->case_bits = 0;
   q->first_sent_us = q->sent_us = 0;
   q->asked = q->lowered = q->with_opt = q->refused = q->unreached = 0;
@@ -303,9 +301,11 @@ dns_query *dns_submit_dn_serv(dns_ctx *ctx, const unsigned char *dn, dns_class c
   q->error = 0;
   q->nserv = 0;
   q->server = q->round = q->rating = 0;
-  q->tries = q->tcp_tries = q->pauses = 0;
+  q->tries = q->tcp_tries = 0;
   q->tried = 0;
-  q->over_tcp = q->plain = q->probes = false;
+  q->doubt = Doubt::none;
+  q->pauses = 0;  // this and the flags lie side by side
+  q->turned_back = q->probes = q->over_tcp = q->plain = q->fresh_cookie = q->leads = q->pausing = false;
   q->uncached = servers != nullptr && nserv > 0;
   q->state = State::queued;
 

@@ -44,12 +44,11 @@ enum class Match { none, no_question, but_for_case, whole };
 // match compares a packet's question with the one that `server` was sent, letter case included. A server that was asked
 // in lower case, because it does not keep the case, is free to answer in one of its own.
 Match match(const dns_query *q, int server, std::span<const uint8_t> packet, const Header &header) {
-  if (lacks_question(packet, header)) return Match::no_question;
   Reader reader(packet, DNS_HSIZE);
   std::span<const uint8_t> name;
   uint16_t typ = 0, cls = 0;
-  if (header.count[DNS_S_QD] != 1 || !reader.bytes(q->ask_size, &name) || !reader.u16(&typ) || !reader.u16(&cls) ||
-      typ != q->typ || cls != q->cls)
+  if (header.count[DNS_S_QD] != 1) return lacks_question(packet, header) ? Match::no_question : Match::none;
+  if (!reader.bytes(q->ask_size, &name) || !reader.u16(&typ) || !reader.u16(&cls) || typ != q->typ || cls != q->cls)
     return Match::none;
   if (has_case(name, q->ask, q->case_bits)) return Match::whole;
   if (dns_dnequal(name.data(), q->ask) != q->ask_size) return Match::none;
