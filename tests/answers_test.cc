@@ -343,6 +343,13 @@ TEST_F(AnswersTest, ExpiredAnswerComesEarlyAndServesWhenTheServerIsGone) {
   ASSERT_EQ(answers.copy(host, node), KAVOE_OK);
   EXPECT_EQ(answers.texts(), Texts{"127.0.0.8"});
   EXPECT_EQ(answers[0].cache_code, KAVOCC_OLD);
+  Node raw(host, KAVOT_BL_IP, "192.0.2.1", KAVOQF_PKT);
+  ASSERT_EQ(raw.wait(KAVOWT_FIRST), KAVOE_OK);
+  ASSERT_EQ(answers.copy(host, raw), KAVOE_OK);
+  ASSERT_EQ(answers[0].type, KAVOT_PKT);
+  const dns_rr_pkt *packet = answers[0].rr.rr_pkt;
+  const std::string bytes(packet->dnspkt_pkt, packet->dnspkt_pkt + packet->dnspkt_psize);
+  EXPECT_TRUE(bytes.ends_with(std::string("\0\0\0\0\0\4\x7f\0\0\x08", 10))) << "a TTL of 0 and the address";
 }
 
 TEST_F(AnswersTest, LiarsAreNeverBelievedAndFailingServersLeftAtOnce) {

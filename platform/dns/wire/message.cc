@@ -78,7 +78,7 @@ int dns_addrr(struct dns_pkt *packet, const struct dns_parse *source, const stru
   }
   writer.u16(static_cast<uint16_t>(rr->dnsrr_typ));
   writer.u16(static_cast<uint16_t>(rr->dnsrr_cls));
-  writer.u32(static_cast<uint32_t>(rr->dnsrr_ttl));
+  writer.u32(static_cast<uint32_t>(std::max(rr->dnsrr_ttl, 0)));
   const int status = write_data(source, *rr, buffer, &writer);
   if (status != DNS_E_NOERROR) return status;
   // A packet of 65535 bytes holds fewer than 65535 records, so the count cannot pass its field.

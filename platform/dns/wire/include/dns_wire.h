@@ -89,7 +89,8 @@ int dns_initpacket(struct dns_pkt *packet, unsigned char *buffer, unsigned size,
 
 // dns_addrr appends a record to the open section and counts it in the header; its name is compressed to a pointer to
 // the question where it is the question's. Names in its data may be compressed against `source`, and are written whole;
-// with a null source they must not be. 0, DNS_E_NOBUFS, DNS_E_PROTOCOL.
+// with a null source they must not be. A negative TTL, an expired entry's, is written as 0. 0, DNS_E_NOBUFS,
+// DNS_E_PROTOCOL.
 int dns_addrr(struct dns_pkt *packet, const struct dns_parse *source, const struct dns_rr *rr);
 int dns_end_section(struct dns_pkt *packet, int section);
 
