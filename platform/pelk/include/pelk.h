@@ -122,7 +122,8 @@ int pelk_sem_destroy(pelk_sem_t *sem);
 using pelk_thread_t = pthread_t;
 using pelk_thread_fn = void *(void *);
 
-// pelk_thread_create starts a thread with every signal blocked, so that the host's handlers never run on it.
+// pelk_thread_create starts a thread with signals blocked, so that the host's handlers never run on it, except for
+// those that report a fault of the thread itself.
 int pelk_thread_create(pelk_thread_t *thread, pelk_thread_fn *routine, void *argument);
 int pelk_thread_join(pelk_thread_t thread);
 
