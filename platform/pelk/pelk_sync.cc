@@ -15,22 +15,26 @@ namespace {
 constexpr int64_t kUsecPerSec = 1000000;
 constexpr int64_t kNsecPerUsec = 1000;
 
-// The earliest moment that a wait accepts: for every deadline that names no moment since the epoch.
+constexpr int64_t kNsecPerSec = kUsecPerSec * kNsecPerUsec;
+
+// The earliest and the latest moment that a wait takes. The kernel counts moments in nanoseconds of 64 bits, which end
+// in the year 2262.
 constexpr timespec kLongAgo = {0, 0};
+constexpr timespec kFarAhead = {INT64_MAX / kNsecPerSec - 1, 0};
 
 // to_timespec returns `moment` as the kernel takes it. Microseconds of any size and sign are carried into the seconds;
-// a moment before the epoch, or one that is no valid time value, gives kLongAgo.
+// a moment before the epoch gives kLongAgo, one beyond the kernel's clock kFarAhead.
 timespec to_timespec(const timeval &moment) {
-  const int64_t seconds = moment.tv_sec;
-  if (seconds < PELK_TIME_MIN || seconds > PELK_TIME_MAX) return kLongAgo;
   int64_t carry = moment.tv_usec / kUsecPerSec;
   int64_t micros = moment.tv_usec % kUsecPerSec;
   if (micros < 0) {
     micros += kUsecPerSec;
     carry -= 1;
   }
-  const int64_t whole = seconds + carry;
-  if (whole < 0 || whole > PELK_TIME_MAX) return kLongAgo;
+  int64_t whole = 0;
+  const bool beyond = __builtin_add_overflow(int64_t{moment.tv_sec}, carry, &whole);
+  if (beyond ? carry < 0 : whole < 0) return kLongAgo;
+  if (beyond || whole >= kFarAhead.tv_sec) return kFarAhead;
   return {whole, micros * kNsecPerUsec};
 }
 
