@@ -28,9 +28,6 @@ constexpr char kGlobalLookup[] = "GLOBAL LOOKUP";
 constexpr size_t kZoneMax = 254;
 constexpr size_t kLineSize = 256;
 
-// The zone number of a name that the map does not hold.
-constexpr int32_t kNoZone = -1;
-
 // The list types' keywords in the zones file, by their distance from the first type.
 constexpr std::array<const char *, KAVO_ZONES_SLOTS - 1> kTypeNames = {
     "IP", "DOMAIN", "IP_TXT", "DOMAIN_TXT", "A6", "MX", "SRV", "CNAME", "NS",
@@ -69,13 +66,6 @@ char *make_name(const char *text, std::span<const uint8_t> wire) {
   return name;
 }
 
-[[nodiscard]] int32_t find_zone(const kavo_zonesmap *map, const char *text) {
-  for (int32_t i = 1; i < map->zones_count; ++i) {
-    if (strcmp(map->prefixes[i], text) == 0) return i;
-  }
-  return kNoZone;
-}
-
 enum class Stored { ok, no_table, no_copy };
 
 // grow_names makes sure that the names table has room for one entry more. It doubles, so that a map of many zones is
@@ -90,15 +80,15 @@ enum class Stored { ok, no_table, no_copy };
   return true;
 }
 
-// store_zone finds the number of a zone, which becomes the table's next one where it is new.
-[[nodiscard]] Stored store_zone(kavo_zonesmap *map, const char *text, int32_t *number) {
-  *number = find_zone(map, text);
-  if (*number != kNoZone) return Stored::ok;
-  if (!grow_names(map)) return Stored::no_table;
+// store_zone finds the entry of a zone, which becomes the table's next one where it is new.
+[[nodiscard]] Stored store_zone(kavo_zonesmap *map, const char *text, kavo_zone_entry **entry) {
+  *entry = kavo_zonesmap_find(map, text);
+  if (*entry != nullptr) return Stored::ok;
+  if (!grow_names(map) || !kavo_zonesmap_index_reserve(map)) return Stored::no_table;
   char *name = kavo_zonesmap_make_name(text);
   if (name == nullptr) return Stored::no_copy;
-  *number = map->zones_count++;
-  map->prefixes[*number] = name;
+  map->prefixes[map->zones_count] = name;
+  *entry = kavo_zonesmap_index_add(map, map->zones_count++);
   return Stored::ok;
 }
 
@@ -110,6 +100,12 @@ void append(kavo_zones *list, int32_t number) {
   list->zone_numbs[list->count++] = number;
 }
 
+// append_zone appends a zone to a slot's list.
+void append_zone(kavo_zonesmap *map, int slot, kavo_zone_entry *entry) {
+  append(map->zones[slot], entry->number);
+  entry->lists |= uint32_t{1} << slot;
+}
+
 [[nodiscard]] KAVO_ERR init_failed(kavo_zonesmap *map, size_t bytes) {
   PELK_ERROR(kSource, "kavo_zonesmap_init_ordinary", errno, KAVOE_NOMEM, "Unable to allocate %d bytes for zonesmap",
              static_cast<int>(bytes));
@@ -117,25 +113,23 @@ void append(kavo_zones *list, int32_t number) {
   return KAVOE_NOMEM;
 }
 
-// list_contains returns whether a type's list holds a zone with this name.
-[[nodiscard]] bool list_contains(const kavo_zonesmap *map, KAVO_TYPE type, const char *text) {
-  for (const int32_t number : kavo_zonesmap_zones(map, type)) {
-    if (strcmp(map->prefixes[number], text) == 0) return true;
-  }
-  return false;
+// list_contains returns whether a slot's list holds a zone with this name.
+[[nodiscard]] bool list_contains(const kavo_zonesmap *map, int slot, const char *text) {
+  const kavo_zone_entry *entry = kavo_zonesmap_find(map, text);
+  return entry != nullptr && (entry->lists >> slot & 1) != 0;
 }
 
 [[nodiscard]] KAVO_ERR kavo_zonesmap_add_zone(kavo_zonesmap *map, int max_zones, KAVO_TYPE type, const char *zone) {
   static constexpr char kStep[] = "kavo_zonesmap_add_zone";
   if (map->initialized == 0) return KAVOE_BADPAR;
-  if (list_contains(map, type, zone)) return KAVOE_OK;
-  kavo_zones *list = map->zones[kavo_zonesmap_slot(type)];
-  if (list->count >= max_zones) {
+  const int slot = kavo_zonesmap_slot(type);
+  if (list_contains(map, slot, zone)) return KAVOE_OK;
+  if (map->zones[slot]->count >= max_zones) {
     PELK_WARN(kSource, kStep, "Too many zones too for one query type");
     return KAVOE_NOMEM;
   }
-  int32_t number = kNoZone;
-  switch (store_zone(map, zone, &number)) {
+  kavo_zone_entry *entry = nullptr;
+  switch (store_zone(map, zone, &entry)) {
     case Stored::no_table:
       PELK_ERROR(kSource, kStep, errno, KAVOE_NOMEM, "Unable to allocate %d bytes for zones storing",
                  names_bytes(map->zones_count + 1));
@@ -147,7 +141,7 @@ void append(kavo_zones *list, int32_t number) {
     case Stored::ok:
       break;
   }
-  append(list, number);
+  append_zone(map, slot, entry);
   return KAVOE_OK;
 }
 
@@ -159,12 +153,13 @@ class Loader {
 
   [[nodiscard]] KAVO_ERR line(const char *text) {
     if (text[0] == '#') return header(text);
-    if (text[0] == '\0') section_ = nullptr;
-    return section_ == nullptr ? KAVOE_OK : zone(text);
+    if (text[0] == '\0') section_ = kNoSection;
+    return section_ == kNoSection ? KAVOE_OK : zone(text);
   }
 
  private:
   static constexpr char kStep[] = "kavo_zonesmap_init_cfg";
+  static constexpr int kNoSection = 0;  // the one slot without a list type
 
   [[nodiscard]] KAVO_ERR header(const char *text) {
     const KAVO_TYPE type = type_of_keyword(text + 1);
@@ -172,14 +167,15 @@ class Loader {
       PELK_INFO(kSource, kStep, "Wrong line \"%s\" in the config file", text);
       return KAVOE_FILE;
     }
-    section_ = map_->zones[kavo_zonesmap_slot(type)];
-    section_->count = 0;
+    section_ = kavo_zonesmap_slot(type);
+    kavo_zonesmap_mark(map_, section_, false);
+    map_->zones[section_]->count = 0;
     return KAVOE_OK;
   }
 
   [[nodiscard]] KAVO_ERR zone(const char *text) {
-    int32_t number = kNoZone;
-    switch (store_zone(map_, text, &number)) {
+    kavo_zone_entry *entry = nullptr;
+    switch (store_zone(map_, text, &entry)) {
       case Stored::no_table:
         PELK_ERROR(kSource, kStep, errno, KAVOE_NOMEM, "Unable to allocate %d bytes to store zones",
                    names_bytes(map_->zones_count + 1));
@@ -190,17 +186,17 @@ class Loader {
       case Stored::ok:
         break;
     }
-    if (section_->count >= max_zones_) {
+    if (map_->zones[section_]->count >= max_zones_) {
       PELK_INFO(kSource, kStep, "Invalid zones configuration file structure");
       return KAVOE_FILE;
     }
-    append(section_, number);
+    append_zone(map_, section_, entry);
     return KAVOE_OK;
   }
 
   kavo_zonesmap *map_;
   int max_zones_;
-  kavo_zones *section_ = nullptr;  // the open section's list
+  int section_ = kNoSection;  // the open section's slot
 };
 
 // load reads the whole file. A line longer than the buffer arrives as several.
@@ -270,6 +266,7 @@ void kavo_zonesmap_free(kavo_zonesmap *zonesmap) {
   }
   free(zonesmap->prefixes);
   free(zonesmap->zones[0]);
+  kavo_zonesmap_index_free(zonesmap);
   *zonesmap = {};
 }
 

@@ -21,6 +21,15 @@ struct kavo_zones {
   __extension__ int32_t zone_numbs[];
 };
 
+// kavo_zone_entry: what a map knows of a name: the first zone that has it, and the slots whose lists hold it.
+struct kavo_zone_entry {
+  uint32_t hash;
+  int32_t number;  // 0: the entry is empty
+  uint32_t lists;  // bit s: slot s
+};
+
+struct kavo_zones_index;
+
 // Each name in `prefixes` is one allocation: its text, the text's terminator, the length of its wire form in one byte
 // (0 for a text that is no domain name) and the wire form, so that a question costs no conversion of its zones.
 struct kavo_zonesmap {
@@ -29,6 +38,7 @@ struct kavo_zonesmap {
   int32_t zones_count;                         // entries of `prefixes` in use
   int32_t initialized;                         // 1 while the map owns its storage
   int32_t zones_room;                          // entries that `prefixes` has room for
+  struct kavo_zones_index *index;              // the zones by name, but for the pseudo-zone; null without any
 };
 
 // kavo_zonesmap_is_list returns whether questions of a type are asked in list zones.
@@ -55,6 +65,19 @@ inline std::span<const int32_t> kavo_zonesmap_zones(const kavo_zonesmap *map, KA
 // kavo_zonesmap_make_name returns a name as `prefixes` holds it, the caller's until it stands there; null without
 // memory.
 [[nodiscard]] char *kavo_zonesmap_make_name(const char *text);
+
+// kavo_zonesmap_find returns the entry of a name, or null; it holds until the index grows. Kept in
+// kavo_zonesmap_index.cc, with what follows.
+[[nodiscard]] kavo_zone_entry *kavo_zonesmap_find(const kavo_zonesmap *map, const char *name);
+
+// kavo_zonesmap_index_reserve makes sure that the index has room for one name more; false without memory.
+// kavo_zonesmap_index_add then files the zone with a valid number, unless another has its name: returns the entry.
+[[nodiscard]] bool kavo_zonesmap_index_reserve(kavo_zonesmap *map);
+kavo_zone_entry *kavo_zonesmap_index_add(kavo_zonesmap *map, int32_t number);
+void kavo_zonesmap_index_free(kavo_zonesmap *map);
+
+// kavo_zonesmap_mark notes of every name in a slot's list that the list holds it, or that it no longer does.
+void kavo_zonesmap_mark(kavo_zonesmap *map, int slot, bool listed);
 
 // kavo_zonesmap_init_ordinary brings a map into its initial state: the pseudo-zone alone, every list type empty. What
 // the map held before is released; a map that was never initialized must be filled with zero bytes.

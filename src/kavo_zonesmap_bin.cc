@@ -89,8 +89,12 @@ class MapReader {
   [[nodiscard]] KAVO_ERR read() {
     if (!get(&zones_)) return unreadable("zones count");
     if (zones_ < 1) return KAVOE_FILE;
-    const KAVO_ERR error = names();
-    return error == KAVOE_OK ? lists() : error;
+    KAVO_ERR error = names();
+    if (error == KAVOE_OK) error = lists();
+    if (error != KAVOE_OK) return error;
+    for (int slot = 1; slot < KAVO_ZONES_SLOTS; ++slot)
+      kavo_zonesmap_mark(map_, slot, true);
+    return KAVOE_OK;
   }
 
  private:
@@ -98,7 +102,8 @@ class MapReader {
 
   [[nodiscard]] KAVO_ERR names() {
     while (map_->zones_count < zones_) {
-      if (!grow_table()) return out_of_memory("zones list", int64_t{zones_} * int64_t{sizeof(char *)});
+      if (!grow_table() || !kavo_zonesmap_index_reserve(map_))
+        return out_of_memory("zones list", int64_t{zones_} * int64_t{sizeof(char *)});
       const KAVO_ERR error = name();
       if (error != KAVOE_OK) return error;
     }
@@ -130,7 +135,8 @@ class MapReader {
     text_.get()[size - 1] = '\0';
     char *stored = kavo_zonesmap_make_name(text_.get());
     if (stored == nullptr) return out_of_memory("zones", length);
-    map_->prefixes[map_->zones_count++] = stored;
+    map_->prefixes[map_->zones_count] = stored;
+    kavo_zonesmap_index_add(map_, map_->zones_count++);
     return KAVOE_OK;
   }
 

@@ -346,6 +346,10 @@ TEST_F(Zones, OddFilesThatLoad) {
     EXPECT_EQ(load(odd.text), KAVOE_OK);
     EXPECT_EQ(saved(), "#IP\n" + odd.ip + "\n#DOMAIN\n" + odd.domain + kEmpty.substr(kEmpty.find("\n#IP_TXT")));
   }
+  EXPECT_EQ(load("#IP\na\nb\n#IP\nb\n"), KAVOE_OK);
+  for (const char *name : {"a", "b", "a"})
+    EXPECT_EQ(kavo_add_zone(kavo_, KAVOT_BL_IP, name), KAVOE_OK);
+  EXPECT_EQ(saved(), "#IP\nb\na\n" + kEmpty.substr(4)) << "the section before is forgotten";
 }
 
 // A load that fails loses the zones there were: the map is released until it is initialized again.

@@ -221,6 +221,28 @@ TEST_F(StoredTest, ZonesComeBackUnderTheirNumbers) {
   EXPECT_EQ(saved(host), bytes);
 }
 
+TEST_F(StoredTest, ManyZonesAreFoundByTheirNames) {
+  constexpr int kMany = 500;
+  Host host(4, 0, kMany), later(4, 0, kMany);
+  const auto add_all = [](Host *to) {
+    for (int i = 0; i < kMany; ++i)
+      to->zone(KAVOT_BL_IP, std::to_string(i).c_str()).zone(KAVOT_BL_MX, std::to_string(kMany - i).c_str());
+  };
+  add_all(&host);
+  const std::string bytes = saved(host);
+  EXPECT_EQ(bytes.substr(0, 4), u32(kMany + 2)) << "each name once";
+  ASSERT_EQ(load(later, reading(bytes).get()), KAVOE_OK);
+  add_all(&later);
+  EXPECT_EQ(saved(later), bytes);
+
+  // Of zones with one name the first is found, and a list that holds another holds the name.
+  const std::string names = u32(4) + name("a.example") + name("b.example") + name("a.example");
+  ASSERT_EQ(load(later, reading(names + u32(1) + zone_list({3}) + u32(0)).get()), KAVOE_OK);
+  later.zone(KAVOT_BL_IP, "a.example").zone(KAVOT_BL_IP, "b.example").zone(KAVOT_BL_DOM, "a.example");
+  EXPECT_EQ(saved(later).substr(0, names.size() + 32),
+            names + u32(1) + zone_list({3, 2}) + u32(2) + zone_list({1}) + u32(3));
+}
+
 TEST_F(StoredTest, DamagedZonesAreRefusedOrLoaded) {
   Host host(4), victim(4);
   fill(&host);

@@ -7,6 +7,7 @@
 #include "asker.h"
 #include "bare_reads.h"
 #include "filled_cache.h"
+#include "kept_zones.h"
 #include "support/process.h"
 #include "support/questions.h"
 
@@ -169,7 +170,8 @@ std::vector<Dimension> of_zones_and_servers(const std::shared_ptr<Servers> &serv
 std::vector<Dimension> dimensions() {
   const auto servers = std::make_shared<Servers>();
   std::vector<Dimension> all;
-  for (const auto &some : {of_table(servers), of_cache(servers), of_threads(servers), of_zones_and_servers(servers)})
+  for (const auto &some :
+       {of_table(servers), of_cache(servers), of_threads(servers), of_zones_and_servers(servers), of_kept_zones()})
     all.insert(all.end(), some.begin(), some.end());
   return all;
 }
