@@ -53,25 +53,32 @@ kavo_cb_arg *make_chunk(size_t count, kavo_cb_arg *rest, kavo_arg_chunk **head) 
   return first;
 }
 
-// detach takes the first `count` arguments off the free list for a node. Returns them as a chain of their own; null,
-// with nothing changed, when they cannot be had.
-kavo_cb_arg *detach(KAVO ctx, KAVO_QUERY_NODE node, int count) PELK_REQUIRES(ctx->mx_table) {
+// Chain is arguments that are in no node's chain yet.
+struct Chain {
+  kavo_cb_arg *first;
+  kavo_cb_arg *last;
+};
+
+// detach takes the first `count` arguments off the free list for a node. Returns an empty chain, with nothing changed,
+// when they cannot be had.
+Chain detach(KAVO ctx, KAVO_QUERY_NODE node, int count) PELK_REQUIRES(ctx->mx_table) {
   if (ctx->free_arg_count < count) kavo_table_grow_args(ctx, count - ctx->free_arg_count);
-  if (ctx->free_arg_count < count) return nullptr;
-  kavo_cb_arg *first = ctx->free_arg;
-  kavo_cb_arg *last = nullptr;
+  if (ctx->free_arg_count < count) return {};
+  Chain chain = {ctx->free_arg, nullptr};
   for (int i = 0; i < count; i++) {
-    last = ctx->free_arg;
-    last->node = node;
-    ctx->free_arg = next_of(last);
+    chain.last = ctx->free_arg;
+    chain.last->node = node;
+    ctx->free_arg = next_of(chain.last);
   }
   ctx->free_arg_count -= count;
-  link(last, nullptr);
-  return first;
+  link(chain.last, nullptr);
+  return chain;
 }
 
-// append links a chain of `count` arguments to the end of a node's, where readers may see it from then on.
-void append(KAVO_QUERY_NODE node, kavo_cb_arg *first, int count) {
+// end_of returns the last argument of a node's chain, null without any. A node that has arguments got the last of them
+// when it was appended to last; what is remembered of a node whose arguments have gone is not looked at.
+kavo_cb_arg *end_of(KAVO ctx, KAVO_QUERY_NODE node) PELK_REQUIRES(ctx->mx_table) {
+  if (node->cb_args != nullptr && ctx->args_end.node == node) return ctx->args_end.last;
   kavo_cb_arg *tail = nullptr;
   uint32_t found = 0;
   for (kavo_cb_arg *arg = node->cb_args; arg != nullptr; arg = next_of(arg)) {
@@ -81,11 +88,18 @@ void append(KAVO_QUERY_NODE node, kavo_cb_arg *first, int count) {
   if (found != node->args_count) [[unlikely]]
     pelk_syslog(PELK_LOG_CRIT, "[assertion at %s:%s():%d] for '%s'", kSource, "kavo_table_get_args", __LINE__,
                 "tail && !*tail && i == node->args_count");
+  return tail;
+}
+
+// append links a chain of `count` arguments to the end of a node's, where readers may see it from then on.
+void append(KAVO ctx, KAVO_QUERY_NODE node, const Chain &chain, int count) PELK_REQUIRES(ctx->mx_table) {
+  kavo_cb_arg *tail = end_of(ctx, node);
   if (tail == nullptr)
-    node->cb_args = first;
+    node->cb_args = chain.first;
   else
-    tail->next.store(first, std::memory_order_release);
+    tail->next.store(chain.first, std::memory_order_release);
   node->args_count += static_cast<uint32_t>(count);
+  ctx->args_end = {node, chain.last};
 }
 
 }  // namespace
@@ -104,18 +118,19 @@ void kavo_table_grow_args(KAVO ctx, int count) {
 }
 
 kavo_cb_arg *kavo_table_get_args(KAVO ctx, KAVO_QUERY_NODE node, int count) {
-  kavo_cb_arg *first = detach(ctx, node, count);
-  if (first != nullptr) append(node, first, count);
-  return first;
+  const Chain chain = detach(ctx, node, count);
+  if (chain.first != nullptr) append(ctx, node, chain, count);
+  return chain.first;
 }
 
 kavo_cb_arg *kavo_table_get_early_arg(KAVO ctx, const kavo_cb_arg *origin) {
-  kavo_cb_arg *arg = detach(ctx, origin->node, 1);
+  const Chain chain = detach(ctx, origin->node, 1);
+  kavo_cb_arg *arg = chain.first;
   if (arg == nullptr) return nullptr;
   arg->n_zone = ctx->max_zones + origin->n_zone;
   arg->start_time = origin->start_time;
   arg->answer.cache_code = KAVOCC_OLD;
-  append(origin->node, arg, 1);
+  append(ctx, origin->node, chain, 1);
   return arg;
 }
 

@@ -38,6 +38,13 @@ struct kavo_lookup {
   uint32_t flags = 0;
 };
 
+// kavo_args_end: where arguments were appended last: the node and its chain's end. A node's early answers come one
+// after the other, and none of them has to walk the chain. The node may be gone.
+struct kavo_args_end {
+  const struct kavo_query_node_t *node = nullptr;
+  kavo_cb_arg *last = nullptr;
+};
+
 // kavo_spare_blocks: blocks of nodes that have left the table, by the sizes of the keys that they hold, for the nodes
 // to come.
 inline constexpr unsigned KAVO_SPARE_CLASSES = 25;
@@ -74,6 +81,7 @@ struct kavo_t {
   kavo_arg_chunk *arg_chunks PELK_GUARDED_BY(mx_table) = nullptr;
   kavo_cb_arg *free_arg PELK_GUARDED_BY(mx_table) = nullptr;
   int free_arg_count PELK_GUARDED_BY(mx_table) = 0;
+  kavo_args_end args_end PELK_GUARDED_BY(mx_table);
 
   // mx_srvstate guards every change of the state, the state function and its calls and the thread's start and end. It
   // is never held while mx_table is taken.

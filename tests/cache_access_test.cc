@@ -165,6 +165,44 @@ TEST_F(CacheTest, ExpiredEntriesAndDenialsSaySo) {
   EXPECT_EQ(get(KAVOT_BL_DOM, "nx.example"), KAVOE_FAIL) << "no answer at all";
 }
 
+TEST_F(CacheTest, EarlyAnswersFollowTheZonesOwnInTheirOrder) {
+  constexpr int kZones = 5, kRounds = 4;
+  std::string zones;
+  for (int z = 0; z < kZones; ++z)
+    zones += "zone z" + std::to_string(z) + ".list\nlist 192.0.2.0/24 127.0.0." + std::to_string(z) + "\n";
+  ListServer server(zones);
+  Host host(2, 1 << 20);
+  host.server(server.port()).option(KAVOOPT_CH_REXPRD, 1);
+  for (int z = 0; z < kZones; ++z)
+    host.zone(KAVOT_BL_IP, ("z" + std::to_string(z) + ".list").c_str());
+  host.open();
+  cacher = kavo_get_ext_cache(host, KAVOCT_ANS);
+  Rr rr = read(KAVOT_DNS_A, stored(KAVOT_DNS_A, 8, 1, "\x7f\x09\0\0"s, "").bytes);
+  const auto expire = [&](const std::string &subject, int z) {
+    const std::string query = subject + ".2.0.192.z" + std::to_string(z) + ".list";
+    rr.rr.rr_a->dnsa4_addr[0].s_addr = htonl(0x7f090000 + static_cast<uint32_t>(z));
+    ASSERT_EQ(put(KAVOT_DNS_A, query, rr), KAVOE_OK);
+    const Data old = entry(query, DNS_T_A);
+    ASSERT_GT(cacher->dnscr_ops->get(cacher, old.get(), now()), 0);
+    ASSERT_EQ(cacher->dnscr_ops->put(cacher, old.get(), now() - 1000), 0);
+  };
+  std::vector<std::string> expected;
+  for (const char *net : {"127.0.0.", "127.9.0."})
+    for (int z = 0; z < kZones; ++z)
+      expected.push_back(net + std::to_string(z));
+  // Nodes that are taken again, and arguments that went from one to the other.
+  for (int round = 0; round < kRounds; ++round) {
+    for (const char *subject : {"1", "2"})
+      for (int z = 0; z < kZones; ++z)
+        expire(subject, z);
+    Node one(host, KAVOT_BL_IP, "192.0.2.1"), two(host, KAVOT_BL_IP, "192.0.2.2");
+    for (const Node *node : {&two, &one}) {
+      ASSERT_EQ(node->wait(KAVOWT_FULL), KAVOE_OK);
+      EXPECT_EQ(in_place(host, *node), expected) << round;
+    }
+  }
+}
+
 TEST_F(CacheTest, KeysHaveLimits) {
   Rr rr = read(KAVOT_DNS_A, every_layout()[0].bytes);
   const std::string longest =
