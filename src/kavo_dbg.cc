@@ -1,8 +1,12 @@
 // kavo_dbg.cc - what a host sees of the DNS traffic: the ready-made trace, and its place in a context.
 //
+// The ready-made trace puts the text of an event together before it writes it, so that the lines of several threads and
+// processes do not mix, and a packet costs a system call and not one for each byte.
+//
 // A trace function runs on the thread that drives an engine context, which is the server thread of a kavo context, and
 // the host's while kavo_set_dns_server looks names up.
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <algorithm>
@@ -72,45 +76,79 @@ const char *fault_line(int code) {
   }
 }
 
-void print_address(const struct sockaddr *address, const char *end) {
+// Event is what a trace function is told.
+struct Event {
+  const dns_dpkt &packet;
+  int code;
+  const struct dns_query *qh;
+};
+
+void print_address(FILE *out, const struct sockaddr *address, const char *end) {
   struct sockaddr_in ip4 = {};
   memcpy(&ip4, address, sizeof ip4.sin_family);
   if (ip4.sin_family != AF_INET) {
-    fprintf(stderr, "<<unknown socket type %d>>%s", ip4.sin_family, end);
+    fprintf(out, "<<unknown socket type %d>>%s", ip4.sin_family, end);
     return;
   }
   memcpy(&ip4, address, sizeof ip4);
-  fprintf(stderr, "%s port %d%s", kavo_xntop(AF_INET, &ip4.sin_addr), ntohs(ip4.sin_port), end);
+  fprintf(out, "%s port %d%s", kavo_xntop(AF_INET, &ip4.sin_addr), ntohs(ip4.sin_port), end);
 }
 
-void print_first_line(const dns_dpkt &event, int code, const struct dns_query *qh) {
-  if (code == DNS_D_PKT_REQ)
-    printf(";; trying %s.\n", question_name(event));
-  else if (qh != nullptr)
-    printf(";; response:%s for %s.\n", response_kind(code), question_name(event));
+// print_summary prints what goes to standard output.
+void print_summary(FILE *out, const Event &event) {
+  if (event.code == DNS_D_PKT_REQ)
+    fprintf(out, ";; trying %s.\n", question_name(event.packet));
+  else if (event.qh != nullptr)
+    fprintf(out, ";; response:%s for %s.\n", response_kind(event.code), question_name(event.packet));
+  fputs(fault_line(event.code), out);
 }
 
-void print_ends(const dns_dpkt &event, int code, const struct dns_query *qh) {
-  const bool request = code == DNS_D_PKT_REQ;
-  if (event.dnsd_sarem != nullptr) {
-    fprintf(stderr, request ? ";; sending %u bytes request to " : ";; received %u bytes response from ",
-            event.dnsd_plen);
-    print_address(event.dnsd_sarem, "\n");
+void print_ends(FILE *out, const Event &event) {
+  const dns_dpkt &packet = event.packet;
+  const bool request = event.code == DNS_D_PKT_REQ;
+  if (packet.dnsd_sarem != nullptr) {
+    fprintf(out, request ? ";; sending %u bytes request to " : ";; received %u bytes response from ", packet.dnsd_plen);
+    print_address(out, packet.dnsd_sarem, "\n");
   }
-  if (event.dnsd_saloc == nullptr) return;
-  fputs(";; via ", stderr);
-  print_address(event.dnsd_saloc, "");
-  if (!request && qh != nullptr) fprintf(stderr, " rtt %d msec", event.dnsd_rtt);
-  fputc('\n', stderr);
+  if (packet.dnsd_saloc == nullptr) return;
+  fputs(";; via ", out);
+  print_address(out, packet.dnsd_saloc, "");
+  if (!request && event.qh != nullptr) fprintf(out, " rtt %d msec", packet.dnsd_rtt);
+  fputc('\n', out);
 }
 
-void print_packet(const dns_dpkt &event) {
-  const unsigned flags = event.dnsd_pkt[kFlagsAt];
+// print_details prints what goes to standard error.
+void print_details(FILE *out, const Event &event) {
+  const dns_dpkt &packet = event.packet;
+  print_ends(out, event);
+  if (packet.dnsd_plen < DNS_HSIZE) {
+    fprintf(out, ";; short packet (%u bytes)\n", packet.dnsd_plen);
+    return;
+  }
+  const unsigned flags = packet.dnsd_pkt[kFlagsAt];
   const unsigned opcode = flags >> kOpcodeShift & kOpcodeMask;
-  if (opcode != 0) fprintf(stderr, ";; unexpected opcode %u\n", opcode);
-  if ((flags & kTcBit) != 0) fputs(";; warning: TC bit set, probably incomplete reply\n", stderr);
-  (void)dns_printpkt(stderr, event.dnsd_pkt, event.dnsd_plen);  // as far as it is sound
-  fputs("\n\n\n", stderr);
+  if (opcode != 0) fprintf(out, ";; unexpected opcode %u\n", opcode);
+  if ((flags & kTcBit) != 0) fputs(";; warning: TC bit set, probably incomplete reply\n", out);
+  (void)dns_printpkt(out, packet.dnsd_pkt, packet.dnsd_plen);  // as far as it is sound
+  fputs("\n\n\n", out);
+}
+
+// print_whole prints an event's text to a stream in one piece; without memory for that, piece by piece.
+void print_whole(FILE *out, void (*print)(FILE *, const Event &), const Event &event) {
+  char *text = nullptr;
+  size_t size = 0;
+  FILE *memory = open_memstream(&text, &size);
+  bool whole = memory != nullptr;
+  if (whole) {
+    print(memory, event);
+    whole = ferror(memory) == 0;
+    whole = fclose(memory) == 0 && whole;
+  }
+  if (whole)
+    (void)fwrite(text, 1, size, out);
+  else
+    print(out, event);
+  free(text);
 }
 
 }  // namespace
@@ -119,15 +157,9 @@ extern "C" {
 
 void kavo_dbgcb(struct dns_ctx *, struct dns_query *qh, int code, void *ddata, void *) {
   if ((code & DNS_D_SYS) != 0 || ddata == nullptr) return;
-  const dns_dpkt &event = *static_cast<const dns_dpkt *>(ddata);
-  print_first_line(event, code, qh);
-  print_ends(event, code, qh);
-  fputs(fault_line(code), stdout);
-  if (event.dnsd_plen < DNS_HSIZE) {
-    fprintf(stderr, ";; short packet (%u bytes)\n", event.dnsd_plen);
-    return;
-  }
-  print_packet(event);
+  const Event event = {*static_cast<const dns_dpkt *>(ddata), code, qh};
+  print_whole(stdout, print_summary, event);
+  print_whole(stderr, print_details, event);
 }
 
 KAVO_ERR kavo_set_trace(KAVO kavo, dns_dbg_fn *fn, void *udata) {

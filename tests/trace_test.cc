@@ -3,6 +3,8 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <kavo.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -210,6 +212,26 @@ std::string full_answer() {
   packet += record(50, std::string("\1\1\0\x0C\4\xAA\xBB\xCC\xDD\5\0\1\2\3\4\0\1\x40", 18));
   packet += record(1, "three");  // no address
   return packet + std::string("\0\0\x29\x04\xD0\1\0\x80\0\0\6\0\x0A\0\2\xAA\xBB", 17);
+}
+
+TEST(TraceLines, AnEventReachesStandardErrorInOnePiece) {
+  sockaddr_in remote = support::loopback(5300), local = support::loopback(40000);
+  const auto tell = [&] { trace(full_answer(), DNS_D_PKT_RPAN, some_query(), address(&remote), address(&local)); };
+  const std::string text = printed(tell).err;
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0, ends), 0);
+  (void)printed([&] {
+    dup2(ends[1], STDERR_FILENO);
+    tell();
+    tell();
+  });
+  close(ends[1]);
+  std::vector<std::string> pieces;
+  char piece[1 << 16];
+  for (ssize_t size = 0; (size = read(ends[0], piece, sizeof piece)) > 0;)
+    pieces.emplace_back(piece, static_cast<size_t>(size));
+  close(ends[0]);
+  EXPECT_EQ(pieces, (std::vector{text, text}));
 }
 
 TEST(TraceRecords, OfAFullAnswerLieInTheirSections) {
