@@ -104,7 +104,7 @@ void assert_failed(const char *expression, int line = __builtin_LINE()) {
   if (bytes.size() % sizeof(kavo_sa) != 0)
     assert_failed("servsiz >= sizeof(kavo_sa) && servsiz % sizeof(kavo_sa) == 0");
   const size_t nserv = bytes.size() / sizeof(kavo_sa);
-  if (nserv >= KAVO_MAX_SERV) assert_failed("nserv < KAVO_MAX_SERV");
+  if (nserv > KAVO_MAX_SERV) assert_failed("nserv <= KAVO_MAX_SERV");
   const size_t taken = std::min(nserv, servers->size());
   for (size_t i = 0; i < taken; ++i) {
     kavo_sa entry;
