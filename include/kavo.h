@@ -601,7 +601,8 @@ KAVO_EXPORT KAVO_ERR kavo_zonesmap_init_cfg(KAVO kavo, const char *zones_file_pa
 KAVO_EXPORT KAVO_ERR kavo_zonesmap_save_cfg(KAVO kavo, const char *zones_file_path);
 
 /* kavo_add_zone appends a zone (at most 254 bytes of text, copied) to the list of a list type, if it is not there.
- * KAVOE_NOMEM also when the list is full. */
+ * KAVOE_NOMEM also when the list is full. A text that is no domain name is taken, with a warning: of each question's
+ * answers, the one for this zone is KAVOE_BADPAR. */
 KAVO_EXPORT KAVO_ERR kavo_add_zone(KAVO kavo, KAVO_TYPE type, const char *zone);
 
 /* kavo_free_zones releases the zones; kavo_zonesmap_init brings the context back into use. */

@@ -128,19 +128,38 @@ constexpr unsigned engine_flags(unsigned flags) {
   return nullptr;
 }
 
+// What became of the question of one zone: it was queued, the zone cannot be asked it, or none of the node's can go on.
+enum class Zone { asked, impossible, failed };
+
+// joins tells whether the name of a key and a zone make a name.
+bool joins(std::span<const uint8_t> key, std::span<const uint8_t> zone) {
+  const unsigned labels = dns_dnlen(key.data() + KAVO_KEY_DN) - 1;
+  return !zone.empty() && zone.size() <= DNS_MAXDN - labels;
+}
+
 // submit_zone queues the question of one zone of a node.
-[[nodiscard]] KAVO_ERR submit_zone(KAVO ctx, KAVO_QUERY_NODE node, kavo_cb_arg *arg, int32_t number, dns_query_fn *cbck)
-    PELK_REQUIRES(ctx->mx_table) {
+[[nodiscard]] Zone submit_zone(KAVO ctx, KAVO_QUERY_NODE node, kavo_cb_arg *arg, int32_t number, dns_query_fn *cbck,
+                               KAVO_ERR *err) PELK_REQUIRES(ctx->mx_table) {
   const std::span<const uint8_t> key = kavo_node_key(node);
   const bool zoned = number != 0;
   const std::span<const uint8_t> zone = zoned ? kavo_zonesmap_wire(&ctx->zonesmap, number) : std::span<const uint8_t>{};
-  KAVO_ERR error = KAVOE_OK;
+  *err = KAVOE_BADPAR;
+  if (zoned && zone.empty()) return Zone::impossible;  // which was said when the zone came
   arg->qh = kavo_submit_key(ctx, key.data(), static_cast<unsigned>(key.size()), zoned ? &zone : nullptr, node->flags,
-                            cbck, arg, &error);
-  if (arg->qh == nullptr) return error;
+                            cbck, arg, err);
+  if (arg->qh == nullptr) return zoned && !joins(key, zone) ? Zone::impossible : Zone::failed;
   arg->start_time = ctx->now;
   ++node->qh_count;
-  return KAVOE_OK;
+  return Zone::asked;
+}
+
+// fail_zone gives a node the answer of a zone that cannot be asked its question.
+void fail_zone(KAVO_QUERY_NODE node, kavo_cb_arg *arg, int32_t number) {
+  KAVO_ANSWER &answer = arg->answer;
+  answer.type = (node->flags & KAVOQF_PKT) != 0 ? KAVOT_PKT : kavo_node_type_of(node);
+  answer.err_code = KAVOE_BADPAR;
+  answer.zone = number;
+  kavo_node_deliver(node, arg);
 }
 
 }  // namespace
@@ -176,18 +195,20 @@ KAVO_ERR kavo_submit_query(KAVO ctx, KAVO_QUERY_NODE node, dns_query_fn *cbck) {
   if (ctx == nullptr || node == nullptr) return KAVOE_BADPAR;
   kavo_cb_arg *arg = node->cb_args;
   int position = 0;
+  KAVO_ERR error = KAVOE_OK;
   for (const int32_t number : kavo_zonesmap_zones(&ctx->zonesmap, kavo_node_type_of(node))) {
     if (arg == nullptr) break;
     PELK_ASSERT(arg->node == node, kSource);
     if (arg->qh == nullptr) {
       arg->n_zone = position;
-      const KAVO_ERR error = submit_zone(ctx, node, arg, number, cbck);
-      if (error != KAVOE_OK) return error;
+      const Zone zone = submit_zone(ctx, node, arg, number, cbck, &error);
+      if (zone == Zone::failed) return error;
+      if (zone == Zone::impossible) fail_zone(node, arg, number);
     }
     arg = arg->next.load(std::memory_order_relaxed);
     ++position;
   }
-  return KAVOE_OK;
+  return node->qh_count != 0 ? KAVOE_OK : error;
 }
 
 KAVO_ERR kavo_cancel_query(KAVO ctx, KAVO_QUERY_NODE node) {

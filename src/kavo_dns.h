@@ -24,8 +24,9 @@
                                                 dns_query_fn *cbck, void *data, KAVO_ERR *err)
     PELK_REQUIRES(ctx->mx_table);
 
-// kavo_submit_query queues a question for each of the node's zones that has none yet. The zones before one that fails
-// stay submitted; the failure's code is returned.
+// kavo_submit_query queues a question for each of the node's zones that has none yet. A zone with which the question
+// makes no name has its answer at once, KAVOE_BADPAR, and only where that is true of all of them the node cannot be
+// submitted. The zones before any other failure stay submitted; the failure's code is returned.
 [[nodiscard]] KAVO_ERR kavo_submit_query(KAVO ctx, KAVO_QUERY_NODE node, dns_query_fn *cbck)
     PELK_REQUIRES(ctx->mx_table);
 

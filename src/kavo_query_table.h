@@ -103,6 +103,13 @@ constexpr size_t kavo_answer_map_size(int max_zones) {
   return (2 * static_cast<size_t>(max_zones) + 7) / 8;
 }
 
+// kavo_node_deliver lets readers see the answer of one of a node's arguments, which is complete.
+inline void kavo_node_deliver(kavo_query_node_t *node, const kavo_cb_arg *arg) {
+  const auto bit = static_cast<unsigned>(arg->n_zone);
+  node->first_count++;
+  node->first_answers[bit / 8] = static_cast<uint8_t>(node->first_answers[bit / 8] | (1U << (bit % 8)));
+}
+
 // kavo_node_key returns a node's key; kavo_node_type_of its type; kavo_node_dn its name.
 inline std::span<const uint8_t> kavo_node_key(const kavo_query_node_t *node) {
   return {node->hashitem->pKey, node->hashitem->key_size};

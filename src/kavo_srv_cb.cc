@@ -72,9 +72,7 @@ void count_answer(KAVO ctx, kavo_cb_arg *arg) PELK_REQUIRES(ctx->mx_table) {
     node->qh_count--;
     arg->qh = nullptr;
   }
-  const unsigned bit = static_cast<unsigned>(arg->n_zone);
-  node->first_count++;
-  node->first_answers[bit / 8] = static_cast<uint8_t>(node->first_answers[bit / 8] | (1U << (bit % 8)));
+  kavo_node_deliver(node, arg);
   if (node->qh_count != 0) {
     move_node(ctx, node, KAVOQS_PRESOLVED);
     return;

@@ -226,6 +226,7 @@ class Loader {
 char *kavo_zonesmap_make_name(const char *text) {
   std::array<uint8_t, DNS_MAXDN> wire;
   const int size = dns_ptodn(text, 0, wire.data(), static_cast<int>(wire.size()), nullptr);
+  if (size <= 0) PELK_WARN(kSource, __func__, "Zone %s is no domain name, questions in it fail", text);
   return make_name(text, std::span(wire).first(size > 0 ? static_cast<size_t>(size) : 0));
 }
 

@@ -63,7 +63,7 @@ inline std::span<const int32_t> kavo_zonesmap_zones(const kavo_zonesmap *map, KA
 [[nodiscard]] std::span<const uint8_t> kavo_zonesmap_wire(const kavo_zonesmap *map, int32_t number);
 
 // kavo_zonesmap_make_name returns a name as `prefixes` holds it, the caller's until it stands there; null without
-// memory.
+// memory. A text that is no domain name is said to be none here, and not with each question.
 [[nodiscard]] char *kavo_zonesmap_make_name(const char *text);
 
 // kavo_zonesmap_find returns the entry of a name, or null; it holds until the index grows. Kept in

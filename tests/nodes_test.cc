@@ -354,4 +354,43 @@ TEST_F(NodesTest, NameThatGrowsTooLongWithItsZoneFailsItsNodeOnly) {
   EXPECT_EQ(answers.query(host, KAVOT_BL_DOM, "example"), KAVOE_OK) << "the server thread goes on";
 }
 
+TEST_F(NodesTest, AZoneThatIsNoNameFailsAlone) {
+  const std::string bad = std::string(70, 'x') + ".list";
+  Host host;
+  host.server(server_.port()).patient();
+  for (const char *zone : {"live.list", bad.c_str(), "dead.list"})
+    host.zone(KAVOT_BL_IP, zone);
+  host.zone(KAVOT_BL_IP_TXT, bad.c_str()).zone(KAVOT_BL_IP_TXT, "live.list");
+  host.zone(KAVOT_BL_DOM, "two..dots").zone(KAVOT_BL_DOM, bad.c_str()).open();
+  std::vector<KAVO_ANSWER> all;
+  {
+    Node whole(host, KAVOT_BL_IP_TXT, "192.0.2.1", KAVOQF_PKT), open(host, KAVOT_BL_IP, "192.0.2.1");
+    for (const KAVO_WAIT_LEVEL level : {KAVOWT_NONE, KAVOWT_CACHE, KAVOWT_FIRST})
+      EXPECT_EQ(open.wait(level), KAVOE_OK) << level;
+    EXPECT_EQ(open.wait(KAVOWT_FULL, kShortMs), KAVOE_TIMEOUT);
+    ASSERT_EQ(in_place(host, open, &all), (std::vector<std::string>{"127.0.0.2", "error 6"}));
+    EXPECT_TRUE(all[1].zone == 2 && all[1].type == KAVOT_BL_IP && all[1].actual_size == 0);
+    ASSERT_EQ(whole.wait(KAVOWT_FULL), KAVOE_OK);
+    Answers answers;
+    ASSERT_EQ(answers.copy(host, whole), KAVOE_OK);
+    ASSERT_EQ(answers.size(), 2);
+    EXPECT_TRUE(answers[0].err_code == KAVOE_BADPAR && answers[0].zone == 2 && answers[0].type == KAVOT_PKT);
+    EXPECT_EQ(answers[1].err_code, KAVOE_NODATA);
+    for (const KAVO_WAIT_LEVEL level : {KAVOWT_NONE, KAVOWT_DCACHE, KAVOWT_FULL})
+      EXPECT_EQ(answers.query(host, KAVOT_BL_DOM, "example", 0, kLongMs, level), KAVOE_SRV) << "no zone can be asked";
+  }
+  ASSERT_EQ(kavo_close(host), KAVOE_OK);
+  EXPECT_EQ(kavo_nactive(host), 0u);
+  EXPECT_EQ(complaints_about("Zone " + bad).size(), 1u) << "once, and not with each question";
+}
+
+TEST_F(NodesTest, AZoneThatMakesTheNameTooLongFailsAlone) {
+  const std::string longer = std::string(40, 'l') + ".list";
+  Host host;
+  host.server(server_.port()).zone(KAVOT_BL_DOM, longer.c_str()).zone(KAVOT_BL_DOM, "live.list").open();
+  Answers answers;
+  EXPECT_EQ(answers.query(host, KAVOT_BL_DOM, name_of(230)), KAVOE_OK);
+  EXPECT_EQ(answers.texts(), (std::vector<std::string>{"error 6", "NXDOM"}));
+}
+
 }  // namespace

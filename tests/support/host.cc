@@ -15,10 +15,12 @@ namespace {
 
 std::mutex log_mutex;
 std::vector<std::string> failed_assertions;  // guarded by log_mutex
+std::vector<std::string> complaints;         // guarded by log_mutex
 
 void watch_log(int level, const char *line, void *) {
   const std::lock_guard<std::mutex> lock(log_mutex);
   if (level <= KAVO_LOG_CRIT) failed_assertions.emplace_back(line);
+  if (level <= KAVO_LOG_WARNING) complaints.emplace_back(line);
 }
 
 std::vector<std::string> listserver_command(const TempDir &directory, std::string_view zones,
@@ -251,7 +253,16 @@ uint64_t ListServer::received() {
 void HostTest::SetUp() {
   const std::lock_guard<std::mutex> lock(log_mutex);
   failed_assertions.clear();
+  complaints.clear();
   kavo_set_log_cb(watch_log, nullptr);
+}
+
+std::vector<std::string> HostTest::complaints_about(std::string_view text) {
+  const std::lock_guard<std::mutex> lock(log_mutex);
+  std::vector<std::string> found;
+  std::ranges::copy_if(complaints, std::back_inserter(found),
+                       [text](const std::string &line) { return line.find(text) != std::string::npos; });
+  return found;
 }
 
 void HostTest::TearDown() {

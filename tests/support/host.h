@@ -136,6 +136,8 @@ class HostTest : public testing::Test {
  protected:
   void SetUp() override;
   void TearDown() override;
+  // complaints_about returns the lines of warnings and worse that hold a text.
+  [[nodiscard]] static std::vector<std::string> complaints_about(std::string_view text);
 };
 
 // LiveAndDeadTest has a server with a list that answers and one that keeps its questions open.
