@@ -80,7 +80,7 @@ void assert_failed(const char *function, const char *expression, int line = __bu
     case KAVOQS_SYNCWAIT:
     case KAVOQS_SYNCSIG:
     default:
-      PELK_ERROR(kSource, kFunction, errno, KAVOE_FAIL, "Invalid node state");
+      PELK_ERROR(kSource, kFunction, 0, KAVOE_FAIL, "Invalid node state");
       return KAVOE_FAIL;
   }
   iterator->node = node;
@@ -197,7 +197,7 @@ KAVO_ERR kavo_set_answer_iterator(KAVO kavo, KAVO_QUERY_NODE node, KAVO_ANSWER_I
   clear(iterator);
   kavo_table_guard guard(kavo);
   if (guard.error != KAVOE_OK) {
-    PELK_ERROR(kSource, __func__, errno, guard.error, "Unable to lock query table");
+    PELK_ERROR(kSource, __func__, 0, guard.error, "Unable to lock query table");
     return guard.error;
   }
   return set_on(kavo, node, iterator);

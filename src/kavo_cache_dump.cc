@@ -23,8 +23,13 @@ constexpr char kLoad[] = "kavo_cacheload";
 
 constexpr mode_t kFileMode = 0644;
 
+// is_of_call tells whether a status stands for a call that failed, and left its reason in errno.
+constexpr bool is_of_call(dns_status status) {
+  return status == DNS_E_WFILE || status == DNS_E_RFILE || status == DNS_E_NOMEM;
+}
+
 [[nodiscard]] KAVO_ERR failed(const char *function, dns_status status, const char *what) {
-  PELK_ERROR(kSource, function, errno, status, "%s", what);
+  PELK_ERROR(kSource, function, is_of_call(status) ? errno : 0, status, "%s", what);
   return kavo_convert_status(status);
 }
 
@@ -109,6 +114,7 @@ KAVO_ERR kavo_cachesave(KAVO kavo, const char *filename) {
   if (kavo == nullptr || filename == nullptr) return KAVOE_BADPAR;
   const int fd = open(filename, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kFileMode);
   if (fd < 0) return no_file(kSave, filename, "writing");
+  errno = 0;  // what fails below may have no call's reason
   struct dns_cdump *dump = dns_cdump_save_init(fd, dns_gettime(nullptr));
   const KAVO_ERR begun = dump == nullptr ? no_dump(kSave) : KAVOE_OK;
   close(fd);
@@ -124,6 +130,7 @@ KAVO_ERR kavo_cacheload(KAVO kavo, const char *filename) {
   // O_NONBLOCK: a pipe that nobody writes to is refused like any other file that is not regular, not waited for.
   const int fd = open(filename, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) return no_file(kLoad, filename, "reading");
+  errno = 0;
   struct dns_cdump *dump = dns_cdump_load_init(fd, dns_gettime(nullptr));
   const KAVO_ERR begun = dump == nullptr ? no_dump(kLoad) : KAVOE_OK;
   close(fd);

@@ -76,8 +76,10 @@ KAVO_ERR write_failed(const Step &step) {
   return KAVOE_FILE;
 }
 
-KAVO_ERR read_failed(const Step &step) {
-  PELK_ERROR(kSource, step.name, errno, KAVOE_FILE, "Unable to read %s RR data from file", step.what);
+// read_failed reports a record that does not come, or that contradicts itself, which is no failure of a call.
+KAVO_ERR read_failed(FILE *file, const Step &step) {
+  PELK_ERROR(kSource, step.name, ferror(file) != 0 ? errno : 0, KAVOE_FILE, "Unable to read %s RR data from file",
+             step.what);
   return KAVOE_FILE;
 }
 
@@ -171,8 +173,8 @@ class RecordReader {
   [[nodiscard]] KAVO_ERR records() {
     KAVO_ERR error = header(kRecordSize);
     if (error != KAVOE_OK) return error;
-    if (!start()) return read_failed({"kavo_rr_read_start", "common"});
-    if (!entries()) return read_failed({form_.read_step, form_.what});
+    if (!start()) return read_failed(file_, {"kavo_rr_read_start", "common"});
+    if (!entries()) return read_failed(file_, {form_.read_step, form_.what});
     return finish();
   }
 
@@ -181,7 +183,7 @@ class RecordReader {
     if (error != KAVOE_OK) return error;
     dns_rr_pkt *block = rr_->rr_pkt;
     const size_t size = limit_ - kPacketAt;
-    if (!get(block->dnspkt_pkt, size)) return read_failed({form_.read_step, form_.what});
+    if (!get(block->dnspkt_pkt, size)) return read_failed(file_, {form_.read_step, form_.what});
     block->dnspkt_psize = static_cast<uint32_t>(size);
     return KAVOE_OK;
   }
@@ -196,7 +198,7 @@ class RecordReader {
   [[nodiscard]] KAVO_ERR header(size_t least) {
     static constexpr Step kStep = {"kavo_rr_read_header", "common"};
     uint32_t written = 0;
-    if (!get(&written, sizeof(written)) || written < least) return read_failed(kStep);
+    if (!get(&written, sizeof(written)) || written < least) return read_failed(file_, kStep);
     const KAVO_ERR error = kavo_rr_realloc(rr_, written);
     if (error != KAVOE_OK) return error;
     memset(block() + sizeof(dns_rr_mem), 0, written - sizeof(dns_rr_mem));
@@ -279,16 +281,16 @@ class RecordReader {
     static constexpr Step kStep = {"kavo_rr_read_finish", "common"};
     uint32_t cname_size = 0;
     uint32_t qname_size = 0;
-    if (!get(&cname_size, sizeof(cname_size)) || cname_size > room()) return read_failed(kStep);
-    if (!name_at(offsetof(dns_rr_null, dnsn_cname), cname_size)) return read_failed(kStep);
-    if (!get(&qname_size, sizeof(qname_size)) || qname_size > limit_) return read_failed(kStep);
+    if (!get(&cname_size, sizeof(cname_size)) || cname_size > room()) return read_failed(file_, kStep);
+    if (!name_at(offsetof(dns_rr_null, dnsn_cname), cname_size)) return read_failed(file_, kStep);
+    if (!get(&qname_size, sizeof(qname_size)) || qname_size > limit_) return read_failed(file_, kStep);
     // Room for the terminators alone is what a block with one text has; the query name must not take it.
     if (qname_size > room() || (qname_size > 0 && room() == unclosed_)) {
       const KAVO_ERR error = widen(at_ + unclosed_ + qname_size);
       if (error != KAVOE_OK) return error;
     }
     if (unclosed_ + qname_size <= room()) leave_room(cname_size);
-    return name_at(offsetof(dns_rr_null, dnsn_qname), qname_size) ? KAVOE_OK : read_failed(kStep);
+    return name_at(offsetof(dns_rr_null, dnsn_qname), qname_size) ? KAVOE_OK : read_failed(file_, kStep);
   }
 
   // leave_room moves the canonical name up by the terminators of the texts that are null: a copy of the block gives
@@ -349,6 +351,7 @@ KAVO_ERR kavo_rr_write(KAVO_TYPE type, const KAVO_RR *rr, FILE *f) {
   if (layout == kavo_rr_layout::none) return KAVOE_FAIL;
   if (f == nullptr || rr == nullptr || rr->rr_mem == nullptr) return KAVOE_BADPAR;
   const Form &form = kForms[static_cast<size_t>(layout)];
+  errno = 0;  // a stream of the host's own may fail without a reason
   return layout == kavo_rr_layout::pkt ? write_packet(f, form, rr->rr_pkt) : write_records(f, form, *rr);
 }
 
@@ -356,6 +359,7 @@ KAVO_ERR kavo_rr_read(KAVO_TYPE type, KAVO_RR *rr, FILE *f) {
   const kavo_rr_layout layout = kavo_rr_layout_of(type);
   if (layout == kavo_rr_layout::none) return KAVOE_FAIL;
   if (f == nullptr || rr == nullptr) return KAVOE_BADPAR;
+  errno = 0;
   RecordReader reader(f, kForms[static_cast<size_t>(layout)], rr);
   return layout == kavo_rr_layout::pkt ? reader.packet() : reader.records();
 }

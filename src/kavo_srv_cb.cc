@@ -3,8 +3,6 @@
 // Everything here runs on the server thread, inside dns_timeouts or dns_ioevent, never with mx_table held. An answer is
 // written before the lock is taken; its bit in the node's map, which lets readers see it, is set after, with the lock.
 // Blocks that the engine hands over stay the engine's and are copied.
-#include <errno.h>
-
 #include <dns_wire.h>
 
 #include "kavo_query_table.h"
@@ -55,14 +53,14 @@ void fill_answer(KAVO ctx, kavo_cb_arg *arg, void *result) {
 void move_node(KAVO ctx, kavo_query_node_t *node, kavo_query_state state) PELK_REQUIRES(ctx->mx_table) {
   const KAVO_ERR error = kavo_table_change_state(ctx, node, state);
   if (error != KAVOE_OK)
-    PELK_ERROR(KAVO_SRV_SOURCE, "kavo_srv_cb", errno, error, "Unable to change node state, target state %d", state);
+    PELK_ERROR(KAVO_SRV_SOURCE, "kavo_srv_cb", 0, error, "Unable to change node state, target state %d", state);
 }
 
 // move_unanswered moves a node whose cache did not help on to WAIT or DCFAIL.
 void move_unanswered(KAVO ctx, kavo_query_node_t *node, kavo_query_state state, const char *function)
     PELK_REQUIRES(ctx->mx_table) {
   const KAVO_ERR error = kavo_table_change_state(ctx, node, state);
-  if (error != KAVOE_OK) PELK_ERROR(KAVO_SRV_SOURCE, function, errno, error, "Unable to change node state to wait");
+  if (error != KAVOE_OK) PELK_ERROR(KAVO_SRV_SOURCE, function, 0, error, "Unable to change node state to wait");
 }
 
 // count_answer makes a filled answer visible and moves its node on. The node may be free when it returns.
@@ -91,7 +89,7 @@ kavo_cb_arg *own_arg(const struct dns_query *qh) {
 void not_in_cache(KAVO ctx, kavo_cb_arg *arg) {
   kavo_table_guard guard(ctx);
   if (guard.error != KAVOE_OK) {
-    PELK_ERROR(KAVO_SRV_SOURCE, "kavo_srv_dbgcb", errno, guard.error, "Unable to lock table");
+    PELK_ERROR(KAVO_SRV_SOURCE, "kavo_srv_dbgcb", 0, guard.error, "Unable to lock table");
     return;
   }
   if (arg->node->state > KAVOQS_SUBMITTED) return;
@@ -195,7 +193,7 @@ void kavo_srv_cb(struct dns_ctx *dnsctx, struct dns_query *qh, void *r, unsigned
   fill_answer(ctx, arg, r);
   kavo_table_guard guard(ctx);
   if (guard.error != KAVOE_OK) {
-    PELK_ERROR(KAVO_SRV_SOURCE, __func__, errno, guard.error, "Unable to lock table");
+    PELK_ERROR(KAVO_SRV_SOURCE, __func__, 0, guard.error, "Unable to lock table");
     return;
   }
   count_answer(ctx, arg);
@@ -220,7 +218,7 @@ void kavo_srv_dccb(struct dns_ctx *, struct dns_query *qh, int code, void *, voi
   KAVO ctx = arg->node->ctx;
   kavo_table_guard guard(ctx);
   if (guard.error != KAVOE_OK) {
-    PELK_ERROR(KAVO_SRV_SOURCE, __func__, errno, guard.error, "Unable to lock table");
+    PELK_ERROR(KAVO_SRV_SOURCE, __func__, 0, guard.error, "Unable to lock table");
     return;
   }
   if (arg->node->state <= KAVOQS_WAIT) move_unanswered(ctx, arg->node, KAVOQS_DCFAIL, __func__);

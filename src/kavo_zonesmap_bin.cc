@@ -76,8 +76,9 @@ using Memory = std::unique_ptr<char, Free>;
   return KAVOE_NOMEM;
 }
 
-[[nodiscard]] KAVO_ERR unreadable(const char *what) {
-  PELK_ERROR(kSource, kLoad, errno, KAVOE_FILE, "Unable to read %s", what);
+// unreadable reports what does not come: the end of the stream is no failure of a call.
+[[nodiscard]] KAVO_ERR unreadable(FILE *file, const char *what) {
+  PELK_ERROR(kSource, kLoad, ferror(file) != 0 ? errno : 0, KAVOE_FILE, "Unable to read %s", what);
   return KAVOE_FILE;
 }
 
@@ -87,7 +88,7 @@ class MapReader {
   MapReader(FILE *file, kavo_zonesmap *map, int max_zones) : file_(file), map_(map), max_zones_(max_zones) {}
 
   [[nodiscard]] KAVO_ERR read() {
-    if (!get(&zones_)) return unreadable("zones count");
+    if (!get(&zones_)) return unreadable(file_, "zones count");
     if (zones_ < 1) return KAVOE_FILE;
     KAVO_ERR error = names();
     if (error == KAVOE_OK) error = lists();
@@ -123,7 +124,7 @@ class MapReader {
 
   [[nodiscard]] KAVO_ERR name() {
     int32_t length = 0;
-    if (!get(&length)) return unreadable("zone length");
+    if (!get(&length)) return unreadable(file_, "zone length");
     if (length < 1) return KAVOE_FILE;
     const auto size = static_cast<size_t>(length);
     for (size_t have = 0; have < size;) {
@@ -192,7 +193,9 @@ kavo_zonesmap *kavo_get_zonesmap(KAVO kavo) {
 
 KAVO_ERR kavo_zonesmap_save_bin(KAVO kavo, kavo_zonesmap *zonesmap, FILE *zones_file_bin) {
   if (kavo == nullptr || zonesmap == nullptr || zones_file_bin == nullptr) return KAVOE_BADPAR;
-  return zonesmap->initialized == 0 ? KAVOE_BADPAR : save(zones_file_bin, zonesmap);
+  if (zonesmap->initialized == 0) return KAVOE_BADPAR;
+  errno = 0;  // a stream of the host's own may fail without a reason
+  return save(zones_file_bin, zonesmap);
 }
 
 KAVO_ERR kavo_zonesmap_init_bin(KAVO kavo, kavo_zonesmap *zonesmap, FILE *zones_file_bin) {
@@ -201,6 +204,7 @@ KAVO_ERR kavo_zonesmap_init_bin(KAVO kavo, kavo_zonesmap *zonesmap, FILE *zones_
   if (zonesmap != &kavo->zonesmap) return KAVOE_BADPAR;
   KAVO_ERR error = kavo_zonesmap_init_ordinary(zonesmap, kavo->max_zones);
   if (error != KAVOE_OK) return error;
+  errno = 0;
   error = MapReader(zones_file_bin, zonesmap, kavo->max_zones).read();
   if (error != KAVOE_OK) kavo_zonesmap_free(zonesmap);
   return error;

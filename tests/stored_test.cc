@@ -243,6 +243,31 @@ TEST_F(StoredTest, ManyZonesAreFoundByTheirNames) {
             names + u32(1) + zone_list({3, 2}) + u32(2) + zone_list({1}) + u32(3));
 }
 
+// A host's code looks at the number first: one that was left from something else sends it the wrong way.
+TEST_F(StoredTest, FailuresOfNoCallAreReportedWithoutAnErrorNumber) {
+  const TempDir directory;
+  Host host(4, 1 << 16);
+  host.open();
+  const Node bell(host);
+  const auto iterator = std::unique_ptr<kavo_answer_iterator_t, void (*)(KAVO_ANSWER_ITERATOR)>(
+      kavo_alloc_answer_iterator(), kavo_free_answer_iterator);
+  Rr rr;
+  const auto stale = [](auto act) {
+    errno = ECHILD;
+    EXPECT_NE(act(), KAVOE_OK);
+  };
+  stale([&] { return kavo_set_answer_iterator(host, bell, iterator.get()); });
+  stale([&] { return kavo_rr_read(KAVOT_DNS_A, rr, reading("x").get()); });
+  stale([&] { return kavo_cacheload(host, directory.write("garbage", "no dump").c_str()); });
+  stale([&] { return kavo_cacheload(host, directory.path().c_str()); });
+  ASSERT_EQ(kavo_close(host), KAVOE_OK);
+  stale([&] { return load(host, reading("x").get()); });
+  EXPECT_EQ(complaints_about("errno 0 ").size(), 5u);
+  EXPECT_EQ(complaints_about("errno").size(), 5u);
+  stale([&] { return kavo_cachesave(host, "/nowhere/cache"); });
+  EXPECT_EQ(complaints_about("errno " + std::to_string(ENOENT) + " ").size(), 1u) << "and a call's with its own";
+}
+
 TEST_F(StoredTest, DamagedZonesAreRefusedOrLoaded) {
   Host host(4), victim(4);
   fill(&host);
