@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <strings.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -119,6 +120,58 @@ TEST(PelkSem, PermitsStayBetweenZeroAndTheMaximum) {
   EXPECT_EQ(pelk_sem_wait_deadline(&sem, &past), PELK_TIMEDOUT);
   EXPECT_EQ(pelk_sem_post(&sem), 0);
   EXPECT_EQ(pelk_sem_destroy(&sem), 0);
+}
+
+TEST(PelkSem, AnEpochEndsWithItsWaitsAndNotWithItsPermits) {
+  pelk_sem_t sem;
+  ASSERT_EQ(pelk_sem_init(&sem, 0, 1), 0);
+  const uint32_t epoch = pelk_sem_epoch(&sem);
+  std::thread breaker([&sem] {
+    while (sem.waiters < 3)
+      std::this_thread::yield();
+    EXPECT_EQ(pelk_sem_interrupt(&sem), 0);
+  });
+  run_together(3, [&](int) { EXPECT_EQ(pelk_sem_wait_epoch(&sem, nullptr, epoch), ECANCELED); });
+  breaker.join();
+  EXPECT_EQ(pelk_sem_post(&sem), 0);
+  EXPECT_EQ(pelk_sem_wait_epoch(&sem, nullptr, epoch), ECANCELED);
+  EXPECT_EQ(pelk_sem_wait_epoch(&sem, nullptr, pelk_sem_epoch(&sem)), 0);
+  EXPECT_EQ(pelk_sem_destroy(&sem), 0);
+}
+
+// What a process has of its own: its number, and the next numbers of a random source that its parent has used.
+struct Own {
+  uint64_t process = pelk_process();
+  uint64_t random = 0;
+};
+
+TEST(PelkProcess, AForkedChildIsAnotherAndSoAreItsRandomNumbers) {
+  dns::RandomSource source(dns::system_io());
+  std::array<Own, 4> all;
+  ASSERT_TRUE(source.u64(&all[0].random));
+  for (size_t i = 1; i + 1 < all.size(); ++i) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+      Own own;
+      const bool good =
+          pelk_process() == own.process && source.u64(&own.random) && write(ends[1], &own, sizeof own) > 0;
+      _exit(good ? 0 : 1);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(read(ends[0], &all[i], sizeof all[i]), static_cast<ssize_t>(sizeof all[i]));
+    close(ends[0]);
+    close(ends[1]);
+    EXPECT_NE(all[i].process, all[0].process);
+  }
+  ASSERT_TRUE(source.u64(&all.back().random));
+  EXPECT_EQ(all.back().process, all[0].process);
+  for (size_t i = 0; i < all.size(); ++i)
+    for (size_t j = 0; j < i; ++j)
+      EXPECT_NE(all[i].random, all[j].random) << i << " and " << j;
 }
 
 TEST(PelkThread, NoSignalButItsOwnFaultsReachesANewThreadAndTheCreatorKeepsItsMask) {

@@ -1,17 +1,20 @@
 // pelk_log.cc - one line of text to one sink.
 //
-// Any thread may log and any thread may change the sink. The sink and its data are copied together under a mutex that
-// is released before the sink runs, so a sink may take the host's own locks, log, or set another sink. A line that is
-// being delivered while the sink changes still goes to the one it was copied for: a host keeps its data alive until the
+// Any thread may log and any thread may change the sink. A sink and its data are one record that is never changed and
+// never released, and what is in force is one pointer: no lock is held while a line is written, so a sink may take the
+// host's own locks, log, or set another sink, and a child forked meanwhile finds none taken. A line that is being
+// delivered while the sink changes still goes to the one that was in force: a host keeps its data alive until the
 // threads that log have ended. What a sink itself logs goes to standard error, since sending it to the sink would never
-// end.
+// end. No thread is cancelled while it writes a line, whatever the sink calls.
 #include <errno.h>
 #include <stdarg.h>
 #include <stddef.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
+#include <new>
 #include <span>
 
 #include "pelk.h"
@@ -31,10 +34,12 @@ constexpr size_t kErrorTextMax = 128;
 struct sink_choice {
   pelk_log_sink *sink;  // null: standard error
   void *udata;
+  sink_choice *next;  // the one made before it
 };
 
-constinit pelk_mutex_t sink_mutex = {PTHREAD_MUTEX_INITIALIZER};
-constinit sink_choice installed_sink PELK_GUARDED_BY(sink_mutex) = {nullptr, nullptr};
+constinit sink_choice standard_error = {nullptr, nullptr, nullptr};
+constinit std::atomic<sink_choice *> choices = &standard_error;  // all that were ever made, the last one first
+constinit std::atomic<const sink_choice *> installed_sink = &standard_error;
 constinit thread_local bool inside_sink = false;
 
 // Logging leaves errno alone: the code around a logging call still means the failure that it reports.
@@ -107,10 +112,21 @@ class log_line {
 };
 
 // choose_sink returns where this thread's next line goes.
-sink_choice choose_sink() {
-  if (inside_sink) return {nullptr, nullptr};
-  const pelk_lock guard(&sink_mutex);
-  return installed_sink;
+const sink_choice &choose_sink() {
+  return inside_sink ? standard_error : *installed_sink.load(std::memory_order_acquire);
+}
+
+// choice_of returns the record of a sink and its data, made where there is none; null without memory.
+sink_choice *choice_of(pelk_log_sink *sink, void *udata) {
+  sink_choice *last = choices.load(std::memory_order_acquire);
+  for (sink_choice *choice = last; choice != nullptr; choice = choice->next)
+    if (choice->sink == sink && choice->udata == udata) return choice;
+  void *memory = malloc(sizeof(sink_choice));
+  if (memory == nullptr) return nullptr;
+  auto *fresh = new (memory) sink_choice{sink, udata, last};
+  while (!choices.compare_exchange_weak(fresh->next, fresh, std::memory_order_acq_rel)) {
+  }
+  return fresh;
 }
 
 bool is_wanted(const sink_choice &choice, int level) {
@@ -135,14 +151,15 @@ const char *level_name(int level) {
 }  // namespace
 
 void pelk_set_log_sink(pelk_log_sink *sink, void *udata) {
-  const pelk_lock guard(&sink_mutex);
-  installed_sink = {sink, udata};
+  const sink_choice *choice = sink == nullptr ? nullptr : choice_of(sink, udata);
+  installed_sink.store(choice == nullptr ? &standard_error : choice, std::memory_order_release);
 }
 
 void pelk_syslog(int level, const char *format, ...) {
   const errno_keeper keeper;
-  const sink_choice choice = choose_sink();
+  const sink_choice &choice = choose_sink();
   if (!is_wanted(choice, level)) return;
+  const pelk_no_cancel whole;
   log_line line;
   va_list arguments;
   va_start(arguments, format);
@@ -155,8 +172,9 @@ void pelk_syslog(int level, const char *format, ...) {
 void pelk_log_error(const char *file, const char *function, int line_number, int error_number, int code,
                     const char *format, ...) {
   const errno_keeper keeper;
-  const sink_choice choice = choose_sink();
+  const sink_choice &choice = choose_sink();
   if (!is_wanted(choice, PELK_LOG_ERR)) return;
+  const pelk_no_cancel whole;
   char error_text[kErrorTextMax];
   log_line line;
   line.add("[%s] %s:%s():%d errno %d (%s) code %d: ", level_name(PELK_LOG_ERR), file, function, line_number,
@@ -170,8 +188,9 @@ void pelk_log_error(const char *file, const char *function, int line_number, int
 
 void pelk_log_note(int level, const char *file, const char *function, int line_number, const char *format, ...) {
   const errno_keeper keeper;
-  const sink_choice choice = choose_sink();
+  const sink_choice &choice = choose_sink();
   if (!is_wanted(choice, level)) return;
+  const pelk_no_cancel whole;
   log_line line;
   line.add("[%s] %s:%s():%d: ", level_name(level), file, function, line_number);
   va_list arguments;

@@ -89,26 +89,39 @@ bool try_permit(pelk_sem_t *sem) {
   return false;
 }
 
-// wait_for_permit takes one permit, which it waits for at most until `deadline`, unless that is null. 0 or an error
-// number; a permit that came together with the time-out counts. Whoever gives one back raises the value before it looks
-// for waiters, and a waiter counts itself before it looks at the value: one of the two sees the other.
-int wait_for_permit(pelk_sem_t *sem, const timeval *deadline) {
+bool is_over(const pelk_sem_t *sem, const uint32_t *epoch) {
+  return epoch != nullptr && sem->epoch.load() != *epoch;
+}
+
+// wait_for_permit takes one permit, which it waits for at most until `deadline`, unless that is null, and as long as
+// `epoch` lasts, unless that is null. 0 or an error number; a permit that came together with the time-out counts.
+// Whoever gives one back raises the value before it looks for waiters, and a waiter counts itself before it looks at
+// the value: one of the two sees the other. A permit whose waker chose a waiter that its epoch's end sends away is not
+// lost: that end wakes all others, after the permit is there.
+int wait_for_permit(pelk_sem_t *sem, const timeval *deadline, const uint32_t *epoch) {
   const pelk_lock guard(&sem->mutex);
   if (guard.error != 0) return guard.error;
   int error = 0;
   sem->waiters += 1;
-  bool taken = try_permit(sem);
-  while (!taken && error == 0) {
+  while (true) {
+    if (is_over(sem, epoch)) {
+      error = ECANCELED;
+      break;
+    }
+    if (try_permit(sem)) {
+      error = 0;
+      break;
+    }
+    if (error != 0) break;
     error = deadline == nullptr ? pelk_cond_wait(&sem->nonzero, &sem->mutex)
                                 : pelk_cond_wait_deadline(&sem->nonzero, &sem->mutex, deadline);
-    taken = try_permit(sem);
   }
   sem->waiters -= 1;
-  return taken ? 0 : error;
+  return error;
 }
 
 int take_permit(pelk_sem_t *sem, const timeval *deadline) {
-  return try_permit(sem) ? 0 : wait_for_permit(sem, deadline);
+  return try_permit(sem) ? 0 : wait_for_permit(sem, deadline, nullptr);
 }
 
 }  // namespace
@@ -177,6 +190,7 @@ int pelk_sem_init(pelk_sem_t *sem, unsigned value, unsigned maximum) {
   const pelk_lock guard(&sem->mutex);
   sem->value = value;
   sem->waiters = 0;
+  sem->epoch = 0;
   sem->maximum = maximum;
   return guard.error;
 }
@@ -187,6 +201,17 @@ int pelk_sem_wait(pelk_sem_t *sem) {
 
 int pelk_sem_wait_deadline(pelk_sem_t *sem, const struct timeval *deadline) {
   return take_permit(sem, deadline);
+}
+
+int pelk_sem_wait_epoch(pelk_sem_t *sem, const struct timeval *deadline, uint32_t epoch) {
+  return wait_for_permit(sem, deadline, &epoch);
+}
+
+int pelk_sem_interrupt(pelk_sem_t *sem) {
+  const pelk_lock guard(&sem->mutex);
+  if (guard.error != 0) return guard.error;
+  sem->epoch += 1;
+  return pelk_cond_broadcast(&sem->nonzero);
 }
 
 // pelk_sem_post returns EOVERFLOW, and changes nothing, when all permits are back already.

@@ -243,6 +243,7 @@ extern "C" {
 
 // dns_cache_init also returns null when the system has no secure random source for the cache's secret.
 dns_cache *dns_cache_init(uint64_t size) {
+  const pelk_no_cancel whole;  // the secret is asked of the system
   auto *cache = new (std::nothrow) dns_cache(&kOps);
   if (cache == nullptr || begin(cache, size)) return cache;
   delete cache;

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <new>
+#include <utility>
 
 #include "cdata.h"
 #include "engine.h"
@@ -164,6 +165,7 @@ dns_time dns_gettime(dns_time *now) {
 }
 
 dns_ctx *dns_new(const dns_ctx *from) {
+  const pelk_no_cancel whole;
   dns_ctx *ctx = context_new(from != nullptr ? from->io : system_io());
   if (ctx == nullptr) return nullptr;
   sockaddr_in servers[kServersMax];
@@ -201,6 +203,8 @@ dns_status dns_init(dns_ctx *ctx, int do_open) {
 dns_status dns_open(dns_ctx *ctx) {
   if (ctx == nullptr) return DNS_E_INVAL;
   if (ctx->opened) return DNS_E_NOERROR;
+  const pelk_no_cancel whole;
+  ctx->random.discard();
   // So large a block comes cleared from the system, as a rule untouched: what is never used takes no memory.
   if (ctx->buffers == nullptr) ctx->buffers = static_cast<dns_ctx::Buffers *>(calloc(1, sizeof(dns_ctx::Buffers)));
   if (ctx->buffers == nullptr || !ctx->index.ready()) return DNS_E_NOMEM;
@@ -211,6 +215,7 @@ dns_status dns_open(dns_ctx *ctx) {
 
 void dns_close(dns_ctx *ctx) {
   if (ctx == nullptr || !ctx->opened) return;
+  const pelk_no_cancel whole;
   // What has been sent is in the index, what pauses among the timers. Dropping one query may have another sent that
   // followed it.
   while (ctx->active > 0) {
@@ -225,6 +230,15 @@ void dns_close(dns_ctx *ctx) {
   tcp_close(ctx);
   ctx->sockets.close();
   ctx->opened = false;
+}
+
+void dns_abandon(dns_ctx *ctx) {
+  if (ctx == nullptr) return;
+  const pelk_no_cancel whole;
+  ctx->sockets.close();
+  for (Connection &connection : ctx->connections)
+    connection.link.abandon();
+  free(std::exchange(ctx->buffers, nullptr));
 }
 
 void dns_destroy(dns_ctx *ctx) {

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "dns_engine.h"
+#include "pelk.h"
 
 namespace dns::dump {
 
@@ -18,7 +19,7 @@ dns_cdump *open_dump(int fd, dns_time now) {
   std::unique_ptr<dns_cdump> dump(new (std::nothrow) dns_cdump);
   if (dump == nullptr) return nullptr;
   dump->frame = make_buffer();
-  dump->fd = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+  dump->fd = fcntl(fd, F_DUPFD_CLOEXEC, PELK_DESCRIPTOR_MIN);
   dump->now = now;
   return dump->frame != nullptr && dump->fd >= 0 ? dump.release() : nullptr;
 }
@@ -94,6 +95,7 @@ using namespace dns::dump;
 extern "C" {
 
 dns_cdump *dns_cdump_save_init(int fd, dns_time now) {
+  const pelk_no_cancel whole;
   const int mode = fcntl(fd, F_GETFL);
   if (mode < 0 || (mode & O_ACCMODE) == O_RDONLY) return nullptr;
   dns_cdump *dump = open_dump(fd, now);
@@ -104,6 +106,7 @@ dns_cdump *dns_cdump_save_init(int fd, dns_time now) {
 }
 
 int dns_cdump_save_cache(dns_cdump *dump, dns_cache *cache, const void *udata, unsigned size) {
+  const pelk_no_cancel whole;
   if (dump == nullptr || dump->state != State::kSaving || cache == nullptr) return DNS_E_INVAL;
   if (size > kUserDataMax || (udata == nullptr && size > 0)) return DNS_E_INVAL;
   if (dump->status == DNS_E_NOERROR) dump->status = put_cache(dump, cache, {static_cast<const uint8_t *>(udata), size});
@@ -112,6 +115,7 @@ int dns_cdump_save_cache(dns_cdump *dump, dns_cache *cache, const void *udata, u
 }
 
 int dns_cdump_save_finish(dns_cdump *dump) {
+  const pelk_no_cancel whole;
   if (dump == nullptr || dump->state != State::kSaving) return DNS_E_INVAL;
   const std::unique_ptr<dns_cdump> owned(dump);
   if (dump->status != DNS_E_NOERROR) return dump->status;

@@ -305,6 +305,7 @@ using namespace dns::dump;
 extern "C" {
 
 dns_cdump *dns_cdump_load_init(int fd, dns_time now) {
+  const pelk_no_cancel whole;
   const int mode = fcntl(fd, F_GETFL);
   if (mode < 0 || (mode & O_ACCMODE) == O_WRONLY) return nullptr;
   struct stat about;
@@ -318,6 +319,7 @@ dns_cdump *dns_cdump_load_init(int fd, dns_time now) {
 }
 
 int dns_cdump_first_cache(dns_cdump *dump) {
+  const pelk_no_cancel whole;
   if (dump == nullptr || dump->state == State::kSaving) return DNS_E_INVAL;
   Place first;
   dump->state = State::kBefore;
@@ -327,6 +329,7 @@ int dns_cdump_first_cache(dns_cdump *dump) {
 }
 
 int dns_cdump_next_cache(dns_cdump *dump) {
+  const pelk_no_cancel whole;
   if (dump == nullptr || dump->state == State::kSaving || dump->state == State::kBefore) return DNS_E_INVAL;
   return dump->state == State::kAfter ? 0 : next_cache(dump, dump->place);
 }
@@ -340,11 +343,13 @@ int dns_cdump_get_udata(const dns_cdump *dump, void *buffer, unsigned size, unsi
 }
 
 int dns_cdump_load_cache(dns_cdump *dump, dns_cache *cache) {
+  const pelk_no_cancel whole;
   if (dump == nullptr || dump->state != State::kOnCache || cache == nullptr) return DNS_E_INVAL;
   return dump->totals.first == 0 ? DNS_E_NODATA : load_cache(dump, cache);
 }
 
 int dns_cdump_next_entry(dns_cdump *dump, dns_cdata *entry) {
+  const pelk_no_cancel whole;
   if (dump == nullptr || dump->state != State::kOnCache || entry == nullptr) return DNS_E_INVAL;
   const int found = show_block(dump);
   if (found <= 0) return found;
@@ -358,6 +363,7 @@ int dns_cdump_next_entry(dns_cdump *dump, dns_cdata *entry) {
 }
 
 int dns_cdump_load_finish(dns_cdump *dump) {
+  const pelk_no_cancel whole;
   if (dump == nullptr || dump->state == State::kSaving) return DNS_E_INVAL;
   delete dump;
   return 0;

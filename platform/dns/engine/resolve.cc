@@ -142,6 +142,7 @@ extern "C" {
 
 void *dns_resolve_p(dns_ctx *ctx, const char *name, dns_class cls, dns_type typ, unsigned flags, dns_parse_fn *parse) {
   if (ctx == nullptr) return nullptr;
+  const pelk_no_cancel whole;
   uint8_t dn[DNS_MAXDN];
   if (name == nullptr || parse == nullptr) {
     ctx->status = DNS_E_INVAL;

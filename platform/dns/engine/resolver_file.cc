@@ -41,7 +41,7 @@ struct FileCloser {
 }  // namespace
 
 unsigned read_resolver_file(const char *path, Options *options, sockaddr_in *servers, unsigned capacity) {
-  const std::unique_ptr<FILE, FileCloser> file(fopen(path, "re"));
+  const std::unique_ptr<FILE, FileCloser> file(pelk_fopen(path, pelk_file_mode::read));
   if (file == nullptr) return 0;
   unsigned count = 0;
   char line[512];

@@ -34,7 +34,7 @@ bool system_random(void *, void *bytes, size_t size) {
 }
 
 int system_udp_open(void *, uint16_t port, const sockaddr_in *peer) {
-  const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_UDP);
+  const int descriptor = pelk_lift(socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_UDP));
   if (descriptor < 0) return -errno;
   sockaddr_in local{};
   local.sin_family = AF_INET;
@@ -62,7 +62,7 @@ void system_close(void *, int descriptor) {
 // does not know how would send them as one, so it is asked first.
 bool kernel_cuts() {
   static const bool cuts = [] {
-    const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
+    const int descriptor = pelk_lift(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP));
     int size = 0;
     socklen_t length = sizeof size;
     const bool known = descriptor >= 0 && getsockopt(descriptor, IPPROTO_UDP, UDP_SEGMENT, &size, &length) == 0;
@@ -199,7 +199,7 @@ int system_udp_returned(void *, int descriptor, Datagram *datagram) {
 }
 
 int system_tcp_open(void *, const sockaddr_in &peer) {
-  const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP);
+  const int descriptor = pelk_lift(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
   if (descriptor < 0) return -errno;
   constexpr int kOn = 1;
   (void)setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &kOn, sizeof kOn);
@@ -236,6 +236,7 @@ const Io *system_io() {
 bool RandomSource::fill() {
   if (!io_->random(io_->self, bytes_, sizeof bytes_)) return false;
   left_ = sizeof bytes_;
+  process_ = pelk_process();
   return true;
 }
 

@@ -4,6 +4,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <utility>
+
 #include "dns_io.h"
 
 namespace dns {
@@ -29,11 +31,15 @@ int TcpLink::open(const Io *io, const sockaddr_in &peer) {
 }
 
 void TcpLink::close() {
-  if (descriptor_ >= 0) io_->tcp_close(io_->self, descriptor_);
+  abandon();
   free(out_);
   out_ = in_ = nullptr;
-  descriptor_ = -1;
   unsent_ = taken_ = filled_ = 0;
+}
+
+void TcpLink::abandon() {
+  const int descriptor = std::exchange(descriptor_, -1);
+  if (descriptor >= 0) io_->tcp_close(io_->self, descriptor);
 }
 
 bool TcpLink::push(std::span<const uint8_t> message) {

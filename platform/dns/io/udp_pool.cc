@@ -142,9 +142,12 @@ int UdpPool::open_slot(int64_t now_us, const sockaddr_in *peer) {
   return kNone;
 }
 
+// close_slot takes the descriptor out of the pool first: a child that is forked meanwhile must not close the number,
+// which may be another file's by then.
 void UdpPool::close_slot(int slot) {
-  io_->udp_close(io_->self, slots_[slot].descriptor);
+  const int descriptor = slots_[slot].descriptor;
   slots_[slot] = {};
+  io_->udp_close(io_->self, descriptor);
   --open_;
 }
 

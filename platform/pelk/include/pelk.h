@@ -1,4 +1,5 @@
-// pelk.h - threads, locks, semaphores, deadlines and logging: the thin layer between the project and POSIX threads.
+// pelk.h - threads, locks, semaphores, deadlines, logging, processes and descriptors: the thin layer between the
+// project and POSIX.
 //
 // Every operation returns 0 on success and an error number otherwise (PELK_TIMEDOUT when a deadline passed). Deadlines
 // are absolute wall-clock moments. Mutexes carry clang's thread-safety attributes: a field marked
@@ -8,6 +9,7 @@
 
 #include <pthread.h>
 #include <stdint.h>
+#include <stdio.h>
 #include <sys/time.h>
 
 #include <atomic>
@@ -101,12 +103,14 @@ int pelk_cond_destroy(pelk_cond_t *cond);
 // ---- counting semaphores ------------------------------------------------------------------------------------------
 
 // A semaphore of `value` permits, never more than `maximum`: a post beyond it is refused. Taking a free permit and
-// giving one back takes the mutex only when there is somebody to wait or to wake.
+// giving one back takes the mutex only when there is somebody to wait or to wake. Its life is cut into epochs: a wait
+// that belongs to one ends with it.
 struct pelk_sem_t {
   pelk_mutex_t mutex;
   pelk_cond_t nonzero;
   std::atomic<unsigned> value;
   std::atomic<unsigned> waiters;  // changed with the mutex held
+  std::atomic<uint32_t> epoch;    // changed with the mutex held
   unsigned maximum;
 };
 
@@ -114,6 +118,13 @@ int pelk_sem_init(pelk_sem_t *sem, unsigned value, unsigned maximum);
 int pelk_sem_wait(pelk_sem_t *sem);
 // pelk_sem_wait_deadline takes a free permit even when `deadline` has passed; only a wait ends with PELK_TIMEDOUT.
 int pelk_sem_wait_deadline(pelk_sem_t *sem, const struct timeval *deadline);
+// pelk_sem_wait_epoch does what both do (null: no deadline) as long as the semaphore's epoch is `epoch`, one that
+// pelk_sem_epoch has returned before; ECANCELED, without a permit, once it is not. pelk_sem_interrupt ends the epoch.
+int pelk_sem_wait_epoch(pelk_sem_t *sem, const struct timeval *deadline, uint32_t epoch);
+inline uint32_t pelk_sem_epoch(const pelk_sem_t *sem) {
+  return sem->epoch.load();
+}
+int pelk_sem_interrupt(pelk_sem_t *sem);
 int pelk_sem_post(pelk_sem_t *sem);
 int pelk_sem_destroy(pelk_sem_t *sem);
 
@@ -126,6 +137,45 @@ using pelk_thread_fn = void *(void *);
 // those that report a fault of the thread itself.
 int pelk_thread_create(pelk_thread_t *thread, pelk_thread_fn *routine, void *argument);
 int pelk_thread_join(pelk_thread_t thread);
+
+// pelk_no_cancel keeps the calling thread from being cancelled (pthread_cancel) for a scope. The library is compiled
+// without exceptions: a thread that ended inside would run no destructor, and keep every lock that it holds.
+class pelk_no_cancel {
+ public:
+  pelk_no_cancel() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
+  ~pelk_no_cancel() { pthread_setcancelstate(before_, nullptr); }
+  pelk_no_cancel(const pelk_no_cancel &) = delete;
+  pelk_no_cancel &operator=(const pelk_no_cancel &) = delete;
+
+ private:
+  int before_ = PTHREAD_CANCEL_ENABLE;
+};
+
+// ---- processes ----------------------------------------------------------------------------------------------------
+
+// pelk_process returns this process's number, never 0: another one than that of every process that it was forked from.
+// It is read from a page that the kernel clears in a forked child, hence costs no system call.
+extern constinit std::atomic<std::atomic<uint64_t> *> pelk_process_number;
+uint64_t pelk_process_begin();
+inline uint64_t pelk_process() {
+  const uint64_t number = pelk_process_number.load(std::memory_order_acquire)->load(std::memory_order_relaxed);
+  return number != 0 ? number : pelk_process_begin();
+}
+
+// ---- descriptors --------------------------------------------------------------------------------------------------
+
+// The descriptors of the standard streams are the host's, closed ones too: what it or the log writes to them must never
+// arrive in a pipe, a socket or a file of the library's.
+inline constexpr int PELK_DESCRIPTOR_MIN = 3;
+
+// pelk_lift moves a new descriptor up to PELK_DESCRIPTOR_MIN or above, closed on exec, if it is below. Returns where it
+// is now, or -1 with errno set: then it is closed. A negative one is handed back, for what open has returned.
+int pelk_lift(int descriptor);
+
+// pelk_fopen opens a file for reading, or creates or empties it for writing; its descriptor is lifted. Null with errno
+// set.
+enum class pelk_file_mode { read, write };
+FILE *pelk_fopen(const char *path, pelk_file_mode mode);
 
 // ---- logging ------------------------------------------------------------------------------------------------------
 
@@ -141,8 +191,9 @@ enum pelk_log_level {
 // call only.
 using pelk_log_sink = void(int level, const char *line, void *udata);
 
-// pelk_set_log_sink sends every line to `sink` from now on. Null restores the default: PELK_LOG_WARNING and above go to
-// standard error, the rest is dropped before it is formatted.
+// pelk_set_log_sink sends every line to `sink` from now on, in children that are forked too. A pair of sink and data
+// that is new takes a few bytes for good; without memory the default is restored. Null restores the default:
+// PELK_LOG_WARNING and above go to standard error, the rest is dropped before it is formatted.
 void pelk_set_log_sink(pelk_log_sink *sink, void *udata);
 
 [[gnu::format(printf, 2, 3)]] void pelk_syslog(int level, const char *format, ...);

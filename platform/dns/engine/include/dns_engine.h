@@ -35,6 +35,14 @@ void dns_gettimeofday(dns_timeval *now);
 // dns_gettime returns the wall clock's moment, and stores it where `now` is not null.
 dns_time dns_gettime(dns_time *now);
 
+// ---- forked children
+// -----------------------------------------------------------------------------------------------------
+
+// dns_abandon closes the descriptors, and releases the packet buffers, of a context that a thread of the parent process
+// drove when this one was forked: it may have been anywhere, so that nothing else of the context can be used or
+// released. Twice is fine.
+void dns_abandon(struct dns_ctx *ctx);
+
 // ---- options, caches, functions
 // ----------------------------------------------------------------------------------------
 

@@ -6,6 +6,7 @@
 #define DNS_IO_H
 
 #include <netinet/in.h>
+#include <pelk.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <string.h>
@@ -59,16 +60,19 @@ struct Io {
 [[nodiscard]] const Io *system_io();
 
 // RandomSource hands out the secure random bytes of an Io, fetched in blocks so that an id does not cost a system call.
+// What is left of a block is for the process that fetched it: forked children would all hand out the same.
 class RandomSource {
  public:
   explicit RandomSource(const Io *io) : io_(io) {}
   [[nodiscard]] bool u16(uint16_t *value) { return take(value); }
   [[nodiscard]] bool u64(uint64_t *value) { return take(value); }
+  // discard has the next bytes fetched anew.
+  void discard() { left_ = 0; }
 
  private:
   template <typename T>
   [[nodiscard]] bool take(T *value) {
-    if (left_ < sizeof *value && !fill()) return false;
+    if ((left_ < sizeof *value || process_ != pelk_process()) && !fill()) return false;
     left_ -= static_cast<unsigned>(sizeof *value);
     memcpy(value, bytes_ + left_, sizeof *value);
     // What was handed out does not stay behind in memory.
@@ -78,6 +82,7 @@ class RandomSource {
   [[nodiscard]] bool fill();
 
   const Io *io_;
+  uint64_t process_ = 0;  // that fetched the bytes
   uint8_t bytes_[1024];
   unsigned left_ = 0;
 };
@@ -181,6 +186,8 @@ class TcpLink {
   // open begins to connect. 0 or a negated errno, -ENOMEM among them.
   [[nodiscard]] int open(const Io *io, const sockaddr_in &peer);
   void close();
+  // abandon closes the descriptor alone, in a forked child: the parent's thread may have been in any of the others.
+  void abandon();
   [[nodiscard]] bool is_open() const { return descriptor_ >= 0; }
   [[nodiscard]] int descriptor() const { return descriptor_; }
 
