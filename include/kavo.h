@@ -33,9 +33,24 @@
  *
  * Threads. Each open context runs one server thread, which alone talks to DNS. Subscribing, waiting, reading and
  * unsubscribing may be done from any thread at any time; an iterator belongs to one thread at a time. Configuration
- * (options, zones, servers, caches, callbacks) is made by one thread while the context is not running, and is refused
- * with KAVOE_SRV while it is. kavo_open, kavo_close and kavo_free of one context must not overlap, and nothing may use
- * a context that is being freed. Two contexts have nothing in common.
+ * (options, zones, servers, caches, callbacks) is made by one thread while the context is at rest, and is refused with
+ * KAVOE_SRV from the beginning of kavo_open until kavo_close has returned. kavo_open, kavo_close and kavo_free of one
+ * context must not overlap, and nothing may use a context that is being freed. Two contexts have nothing in common.
+ *
+ * Cancellation. No call of the library is a cancellation point (pthread_cancel), nor is what the host's functions do
+ * that it calls: a thread that is cancelled inside acts on it once the call is over. dns_printpkt and dns_printrr alone
+ * may be, and kavo_cache_... on a cacher of the host's own. Asynchronous cancellability must be off.
+ *
+ * Processes. A context that is open when the process forks stays the parent's, which notices nothing. In the child
+ * every call on it fails at once (KAVOE_SRV; null, 0 or KAVOT_INVALID where no code is returned), but kavo_close and
+ * kavo_free: they close what it has open in the child, which the parent does not feel, and release what the parent's
+ * threads cannot have been at work on; the rest stays as it is until the child ends, and can still be reached, so that
+ * no memory checker takes it for lost. A cache that was in use in the parent must not be touched in the child. A
+ * context on which no call was being made, and that was at rest, is the child's own: it can be configured, opened and
+ * freed in both. Workers that were forked with one context draw random numbers of their own.
+ *
+ * Descriptors. The library never takes those of the standard streams (0 to 2), where the host has closed them, and all
+ * of its own are closed on exec.
  *
  * Callbacks. The server-state function and the functions of a node-list iterator run with a lock held and must not call
  * the library. The log function may be called from any thread, several at a time, with locks held; it must not call
@@ -162,7 +177,7 @@ typedef KAVO_TYPE KAVO_QUERY_TYPE;
 typedef enum KAVO_SRV_STATE KAVO_ENUM_UNSIGNED {
   KAVOSS_STOPPED = 1,
   KAVOSS_STARTING = 2,
-  KAVOSS_RUNNING = 3, /* the only state in which questions can be asked, and in which configuration is refused */
+  KAVOSS_RUNNING = 3, /* the only state in which questions can be asked */
   KAVOSS_STOPPING = 4,
   KAVOSS_ERROR = 5 /* the thread failed; the context can be configured, opened again or freed */
 } KAVO_SRV_STATE;
@@ -286,7 +301,8 @@ typedef void kavo_log_fn(int level, const char *line, void *uctx);
 
 /* kavo_set_log_cb sends every line of the whole process to `fn` from now on, with `uctx` as its last argument. Null
  * restores the default: KAVO_LOG_WARNING and graver go to standard error, the rest is dropped. Any thread may call it;
- * a line that is being written meanwhile may still go the old way. */
+ * a line that is being written meanwhile may still go the old way. Each pair of a function and its argument that is new
+ * takes a few bytes for good. */
 KAVO_EXPORT void kavo_set_log_cb(kavo_log_fn *fn, void *uctx);
 
 /* ---- context ---------------------------------------------------------------------------------------------------- */
@@ -320,7 +336,7 @@ KAVO_EXPORT KAVO_ERR kavo_open(KAVO kavo);
 KAVO_EXPORT KAVO_ERR kavo_close(KAVO kavo);
 
 /* kavo_free releases a context and everything it owns: nodes, iterators' answers and texts are gone. KAVOE_SRV for a
- * running one, which is left whole. */
+ * running one, and while another thread opens or closes it, which is left whole. */
 KAVO_EXPORT KAVO_ERR kavo_free(KAVO kavo);
 
 /* kavo_set_srvstate_chg_cb installs the server-state function (null: none) with its last argument. It runs on the
@@ -334,7 +350,8 @@ KAVO_EXPORT int kavo_srv_is_running(KAVO kavo);
  * nothing happens. Any thread. */
 KAVO_EXPORT void kavo_add_args(KAVO kavo, int count);
 
-/* kavo_free_args releases that room again. Nothing happens on a running context or while somebody holds a node. */
+/* kavo_free_args releases that room again. Nothing happens on a context that is not at rest or while somebody holds a
+ * node. */
 KAVO_EXPORT void kavo_free_args(KAVO kavo);
 
 /* ---- options ---------------------------------------------------------------------------------------------------- */
@@ -369,9 +386,9 @@ KAVO_EXPORT uint32_t kavo_rev(void);
  * that fails its code, which cannot be told from a count. */
 KAVO_EXPORT uint32_t kavo_nactive(KAVO kavo);
 
-/* kavo_set_ext_cache installs a cache of the host's for the uses in `use`; null: none. The context's own caches for
- * these uses are destroyed; the host's stays the host's and must outlive the context or be taken out of it first.
- * KAVOE_SRV while running; KAVOE_DNS when the engine refuses. */
+/* kavo_set_ext_cache installs a cache of the host's for the uses in `use`; null: none. A cache of the context's own
+ * that has no use left is destroyed; one that is handed back stays the context's own. The host's stays the host's and
+ * must outlive the context or be taken out of it first. KAVOE_SRV while running; KAVOE_DNS when the engine refuses. */
 KAVO_EXPORT KAVO_ERR kavo_set_ext_cache(KAVO kavo, KAVO_CACHE_TYPE use, KAVO_CACHE cacher);
 
 /* kavo_get_ext_cache returns the cache installed for a use, the context's own included, or null. It stays its owner's.
@@ -398,7 +415,8 @@ KAVO_EXPORT int kavo_add_expserv(KAVO kavo, const struct in_addr *addr);
  *   serv, nserv the servers to ask instead of the context's: IPv4 socket addresses of 16 bytes each, at most
  *               KAVO_MAX_SERV
  *   flags       KAVOQF_...
- *   deadline    how long to wait for a free node when the table is full; not a limit on the answer
+ *   deadline    how long to wait for a free node when the table is full; not a limit on the answer. The wait ends too
+ *               when the context is closed: KAVOE_SRV
  *   node        out: the node
  *
  * All of them return KAVOE_OK; KAVOE_BADPAR (also for a server that is not IPv4, or too many of them); KAVOE_SRV when
@@ -437,7 +455,8 @@ KAVO_EXPORT KAVO_ERR kavo_subscribe_node_p(KAVO kavo, KAVO_TYPE query_type, cons
 
 /* kavo_unsubscribe_node drops one hold; the caller uses the handle no more. The server thread has a hold of its own
  * until the question's outcome is known: a node that is let go before keeps its place in the table until then, and its
- * answers reach the cache. KAVOE_BADPAR for a node without holders. Any thread, also after closing. */
+ * answers reach the cache. KAVOE_BADPAR for a node whose holders have all let it go. Any thread, also after closing; a
+ * node that is held over a closing is asked no more, and is not handed out again. */
 KAVO_EXPORT KAVO_ERR kavo_unsubscribe_node(KAVO kavo, KAVO_QUERY_NODE node);
 
 /* kavo_node_type returns the type of a held node's question; KAVOT_INVALID for null, for a node that nobody holds and
@@ -478,8 +497,9 @@ KAVO_EXPORT KAVO_ERR kavo_wait_node(KAVO kavo, KAVO_QUERY_NODE node, KAVO_WAIT_L
 KAVO_EXPORT KAVO_ERR kavo_wait_multiple_nodes(KAVO kavo, KAVO_QUERY_NODE *nodes, int len, KAVO_WAIT_LEVEL wait_level,
                                               int full, const struct timeval *deadline, KAVO_QUERY_NODE *resolved);
 
-/* kavo_wait_nodelist waits for all or any of the nodes that an iterator shows. Waiting for any, it consumes the signal
- * of the node that ended the wait only. */
+/* kavo_wait_nodelist waits for all or any of the nodes that an iterator shows; for all, as many of them as it counts at
+ * the beginning. The list may change during the wait: it is looked at again whenever some node's state has changed.
+ * Waiting for any, it consumes the signal of the node that ended the wait only. */
 KAVO_EXPORT KAVO_ERR kavo_wait_nodelist(KAVO kavo, KAVO_NODELIST_ITERATOR *iterator, KAVO_WAIT_LEVEL wait_level,
                                         int full, const struct timeval *deadline);
 
@@ -541,8 +561,9 @@ KAVO_EXPORT KAVO_ERR kavo_time_deadline(const struct timeval *timeout, struct ti
 KAVO_EXPORT unsigned int kavo_time_milli_delay(const struct timeval *start, const struct timeval *finish);
 
 /* kavo_subscribe_syncnode hands out a node that asks nothing: it ends a wait when another thread signals it. `deadline`
- * is as for subscriptions. KAVOE_BADPAR; KAVOE_TIMEOUT when no node became free; KAVOE_NOMEM; KAVOE_FAIL; KAVOE_THR.
- * Unsubscribed like any other. */
+ * is as for subscriptions. KAVOE_BADPAR; KAVOE_SRV when the context is not running; KAVOE_TIMEOUT when no node became
+ * free; KAVOE_NOMEM; KAVOE_FAIL; KAVOE_THR. Unsubscribed like any other; it goes on working when the context is opened
+ * again. */
 KAVO_EXPORT KAVO_ERR kavo_subscribe_syncnode(KAVO kavo, const struct timeval *deadline, KAVO_QUERY_NODE *node);
 
 /* kavo_signal_syncnode signals a held sync node: one wait for it ends, now or when it comes. KAVOE_BADPAR for any other
@@ -587,7 +608,7 @@ KAVO_EXPORT dns_parse_fn *kavo_get_parser(KAVO_TYPE type, unsigned flags);
 
 /* ---- zones ------------------------------------------------------------------------------------------------------ */
 
-/* kavo_zonesmap_init forgets every configured zone. KAVOE_NOMEM; KAVOE_BADPAR. */
+/* kavo_zonesmap_init forgets every configured zone. KAVOE_NOMEM; KAVOE_BADPAR; KAVOE_SRV while running. */
 KAVO_EXPORT KAVO_ERR kavo_zonesmap_init(KAVO kavo);
 
 /*
@@ -601,11 +622,12 @@ KAVO_EXPORT KAVO_ERR kavo_zonesmap_init_cfg(KAVO kavo, const char *zones_file_pa
 KAVO_EXPORT KAVO_ERR kavo_zonesmap_save_cfg(KAVO kavo, const char *zones_file_path);
 
 /* kavo_add_zone appends a zone (at most 254 bytes of text, copied) to the list of a list type, if it is not there.
- * KAVOE_NOMEM also when the list is full. A text that is no domain name is taken, with a warning: of each question's
- * answers, the one for this zone is KAVOE_BADPAR. */
+ * KAVOE_NOMEM also when the list is full; KAVOE_SRV while running. A text that is no domain name is taken, with a
+ * warning: of each question's answers, the one for this zone is KAVOE_BADPAR. */
 KAVO_EXPORT KAVO_ERR kavo_add_zone(KAVO kavo, KAVO_TYPE type, const char *zone);
 
-/* kavo_free_zones releases the zones; kavo_zonesmap_init brings the context back into use. */
+/* kavo_free_zones releases the zones; kavo_zonesmap_init brings the context back into use. Nothing happens on a running
+ * context, but a warning. */
 KAVO_EXPORT void kavo_free_zones(KAVO kavo);
 
 /* kavo_zonesmap_zone returns the name of a zone number, as it stands in answers, or null. It stays the context's and is
@@ -625,8 +647,8 @@ KAVO_EXPORT KAVO_ERR kavo_zonesmap_save_bin(KAVO kavo, kavo_zonesmap *zonesmap, 
 
 /*
  * kavo_zonesmap_init_bin replaces a context's zones by those of such a record and leaves the stream, which stays open,
- * behind it. Not while the context is open, which is not checked. After a failure the map is released: no zones are
- * configured, and kavo_zonesmap_init brings it back into use. KAVOE_FILE for a record that is cut off or malformed, or
+ * behind it. After a failure the map is released: no zones are configured, and kavo_zonesmap_init brings it back into
+ * use. KAVOE_SRV while running: the zones stay; KAVOE_FILE for a record that is cut off or malformed, or
  * that has more zones for one type than the context allows; KAVOE_NOMEM; KAVOE_BADPAR also for a map that is not this
  * context's.
  */
@@ -714,8 +736,8 @@ KAVO_EXPORT KAVO_ERR kavo_cache_has(KAVO_CACHE cacher, KAVO_TYPE kavo_query_type
  * too where the cache returns them. A cache of the dump goes where the context has one for its use: one that served
  * answers and referrals into both where these are two, two into the one that serves both. What the context's cache
  * knows as fresh or fresher stays. From any thread at any time, while the context runs too, but not while
- * kavo_set_ext_cache is called. A large file is loaded with the help of up to three threads, which run no code of the
- * host's and end before kavo_cacheload returns.
+ * kavo_set_ext_cache is called or KAVOOPT_DNSREC_CACHESIZE is set. A large file is loaded with the help of up to three
+ * threads, which run no code of the host's and end before kavo_cacheload returns.
  *
  * The file is written in place: a process that is killed while saving leaves a file that kavo_cacheload refuses. So is
  * every file that is cut off, altered, or no dump; what a failed load has put into the caches until then stays, none of

@@ -6,6 +6,12 @@
 //     STOPPED ──open──> STARTING ──thread──> RUNNING ──close──> STOPPING ──thread──> STOPPED
 //        ^                 │                    │                   │
 //        └──no thread──────┘                    └──thread failed────┴──> ERROR ──open──> STARTING
+//
+// Between runs the context is at rest, which begins only when the run's thread has been joined, its nodes have failed
+// and its transport is closed: somewhat after the state says STOPPED.
+//
+// A forked child has the record of a run but not its thread. Its locks may be held for ever and its lists be half
+// changed, so that the child closes the descriptors, frees what the run did not change, and leaves the rest alone.
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
@@ -28,18 +34,19 @@ constexpr uint32_t kMinCacheDelay = 1000;
 constexpr uint32_t kDnsPort = 53;
 
 // init_failed, open_failed and close_failed log a failure with the line that calls them, and return its result.
-KAVO_ERR init_failed(const char *message, KAVO_ERR error, int line = __builtin_LINE()) {
-  pelk_log_error(kSource, "kavo_init_ext", line, errno, error, "%s", message);
+// `number` is the error number of the system's call that failed, if it was one.
+KAVO_ERR init_failed(const char *message, KAVO_ERR error, int number = 0, int line = __builtin_LINE()) {
+  pelk_log_error(kSource, "kavo_init_ext", line, number, error, "%s", message);
   return error;
 }
 
-KAVO_ERR open_failed(const char *message, KAVO_ERR code, KAVO_ERR result, int line = __builtin_LINE()) {
-  pelk_log_error(kSource, "kavo_open", line, errno, code, "%s", message);
-  return result;
+KAVO_ERR open_failed(const char *message, KAVO_ERR error, int number = 0, int line = __builtin_LINE()) {
+  pelk_log_error(kSource, "kavo_open", line, number, error, "%s", message);
+  return error;
 }
 
-KAVO_ERR close_failed(const char *message, KAVO_ERR error, int line = __builtin_LINE()) {
-  pelk_log_error(kSource, "kavo_close", line, errno, error, "%s", message);
+KAVO_ERR close_failed(const char *message, KAVO_ERR error, int number = 0, int line = __builtin_LINE()) {
+  pelk_log_error(kSource, "kavo_close", line, number, error, "%s", message);
   return error;
 }
 
@@ -68,20 +75,38 @@ KAVO_ERR init_cache(KAVO ctx, int cache_size) {
 }
 
 KAVO_ERR init_server_locks(KAVO ctx) {
-  if (pelk_cond_init(&ctx->cond_srvstate) != 0) return init_failed("Unable to initialize server condition", KAVOE_THR);
+  int error = pelk_cond_init(&ctx->cond_srvstate);
+  if (error != 0) return init_failed("Unable to initialize server condition", KAVOE_THR, error);
   ctx->srv_cond_ready = true;
-  if (pelk_mutex_init(&ctx->mx_srvstate) != 0) return init_failed("Unable to initialize server mutex", KAVOE_THR);
+  error = pelk_mutex_init(&ctx->mx_srvstate);
+  if (error != 0) return init_failed("Unable to initialize server mutex", KAVOE_THR, error);
   ctx->srv_mutex_ready = true;
   return KAVOE_OK;
 }
 
-KAVO_ERR init_pipe(KAVO ctx) {
+void close_end(int *descriptor) {
+  if (*descriptor != -1) close(*descriptor);
+  *descriptor = -1;
+}
+
+void close_pipe(KAVO ctx) {
+  close_end(&ctx->qa_pipe.read_end);
+  close_end(&ctx->qa_pipe.write_end);
+}
+
+// make_pipe gives the context an event pipe of this process's own, in the place of any other; false, with errno set,
+// without one.
+bool make_pipe(KAVO ctx) {
   std::array<int, 2> ends = {};
-  if (pipe2(ends.data(), O_CLOEXEC) != 0) return init_failed("Unable to initialize server events pipe", KAVOE_FAIL);
-  ctx->qa_pipe = {ends[0], ends[1]};
+  close_pipe(ctx);
+  if (pipe2(ends.data(), O_CLOEXEC) != 0) return false;
+  ctx->qa_pipe = {pelk_lift(ends[0]), pelk_lift(ends[1])};
+  if (ctx->qa_pipe.read_end < 0 || ctx->qa_pipe.write_end < 0) return false;
   const int flags = fcntl(ctx->qa_pipe.read_end, F_GETFL);
   static_cast<void>(fcntl(ctx->qa_pipe.read_end, F_SETFL, flags | O_NONBLOCK));
-  return KAVOE_OK;
+  ctx->qa_pipe.process = pelk_process();
+  ctx->wake.store(0);
+  return true;
 }
 
 // init_context builds what a context consists of, in order. What was built before a failure stays, to be released.
@@ -103,20 +128,10 @@ KAVO_ERR init_context(KAVO ctx, int table_size, int cache_size, int max_zones) {
   if (error != KAVOE_OK) return error;
   ctx->min_cache_delay = kMinCacheDelay;
   ctx->dns_port = kDnsPort;
-  return init_pipe(ctx);
+  return make_pipe(ctx) ? KAVOE_OK : init_failed("Unable to initialize server events pipe", KAVOE_FAIL, errno);
 }
 
 // ---- release --------------------------------------------------------------------------------------------------------
-
-void close_end(int *descriptor) {
-  if (*descriptor != -1) close(*descriptor);
-  *descriptor = -1;
-}
-
-void close_pipe(KAVO ctx) {
-  close_end(&ctx->qa_pipe.read_end);
-  close_end(&ctx->qa_pipe.write_end);
-}
 
 void destroy_caches(KAVO ctx) {
   if (ctx->cache != nullptr) dns_cache_destroy(ctx->cache);
@@ -142,31 +157,6 @@ void release(KAVO ctx) {
 
 // ---- the end of a run -----------------------------------------------------------------------------------------------
 
-// fail_node moves a node in flight to ERROR and drops the server thread's hold on it.
-KAVO_ERR fail_node(KAVO ctx, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_table) {
-  const KAVO_ERR moved = kavo_table_change_state(ctx, node, KAVOQS_ERROR);
-  if (moved != KAVOE_OK) {
-    PELK_ERROR(kSource, "kavo_close", errno, moved, "Unable to change node state, target state %d", KAVOQS_ERROR);
-    return moved;
-  }
-  const KAVO_ERR dropped = kavo_table_unsubscribe_node(ctx, node);
-  if (dropped != KAVOE_OK) PELK_INFO(kSource, "kavo_close", "Unable to unsubscribe query node, error %d", dropped);
-  return dropped;
-}
-
-// fail_nodes fails every node in flight. The list of WAIT holds the DCFAIL and PRESOLVED nodes too.
-KAVO_ERR fail_nodes(KAVO ctx) PELK_REQUIRES(ctx->mx_table) {
-  for (const kavo_query_state state : {KAVOQS_NEW, KAVOQS_SUBMITTED, KAVOQS_WAIT}) {
-    STAT_RANGEITEM cursor = {};
-    PSTAT_RANGEITEM list = kavo_table_state_list(ctx, state, &cursor);
-    while (kavo_query_node_t *node = kavo_table_list_item(ctx, list)) {
-      const KAVO_ERR error = fail_node(ctx, node);
-      if (error != KAVOE_OK) return error;
-    }
-  }
-  return KAVOE_OK;
-}
-
 void close_transport(KAVO ctx) {
   free(ctx->ios);
   ctx->ios = nullptr;
@@ -175,17 +165,53 @@ void close_transport(KAVO ctx) {
 }
 
 // end_run fails what a thread that has ended left in flight, wakes the waiters, which no thread would do any more, and
-// closes the transport.
+// closes the transport. What is still held leaves the index: the next run may have other lists to ask.
 KAVO_ERR end_run(KAVO ctx) {
   kavo_table_guard guard(ctx);
   if (guard.error != KAVOE_OK) {
     close_failed("Unable to lock query table", KAVOE_SRV);
     return guard.error;
   }
-  const KAVO_ERR error = fail_nodes(ctx);
+  const KAVO_ERR error = kavo_table_fail_nodes(ctx);
+  kavo_table_unindex_held(ctx);
   kavo_table_broadcast(ctx);
   if (error == KAVOE_OK) close_transport(ctx);
   return error;
+}
+
+// Caller is a thread that opens or closes the context, or ends a run that failed, from before its first look at the
+// state. The last one to leave finds the context at rest, unless a thread of its own is left.
+class Caller {
+ public:
+  explicit Caller(KAVO ctx) : ctx_(ctx), error(enter(ctx)) {}
+  ~Caller() {
+    if (error == 0) leave();
+  }
+  Caller(const Caller &) = delete;
+  Caller &operator=(const Caller &) = delete;
+
+ private:
+  static int enter(KAVO ctx) {
+    const pelk_lock lock(&ctx->mx_srvstate);
+    if (lock.error != 0) return lock.error;
+    ctx->srv_callers++;
+    ctx->process.store(pelk_process());
+    return 0;
+  }
+  void leave() {
+    const pelk_lock lock(&ctx_->mx_srvstate);
+    const KAVO_SRV_STATE state = ctx_->srvstate.load();
+    const bool ended = (state == KAVOSS_STOPPED || state == KAVOSS_ERROR) && !ctx_->srv_joinable;
+    if (--ctx_->srv_callers == 0 && ended) ctx_->process.store(0, std::memory_order_release);
+  }
+  const KAVO ctx_;
+
+ public:
+  const int error;
+};
+
+bool is_at_rest(KAVO ctx) {
+  return ctx->process.load(std::memory_order_acquire) == 0;
 }
 
 // reap waits for the thread's end, unless somebody has, and ends its run.
@@ -212,85 +238,139 @@ KAVO_ERR open_transport(KAVO ctx) {
   ctx->ios = static_cast<struct dns_ios *>(calloc(1, sizeof *ctx->ios));
   ctx->nios = ctx->ios == nullptr ? 0 : 1;
   if (ctx->ios == nullptr)
-    return open_failed("Unable to allocate buffer to store DNS transport sockets", KAVOE_NOMEM, KAVOE_NOMEM);
+    return open_failed("Unable to allocate buffer to store DNS transport sockets", KAVOE_NOMEM, errno);
   dns_set_dcfn(ctx->udns_ctx, kavo_srv_dccb);
   if (dns_open(ctx->udns_ctx) >= 0) return KAVOE_OK;
-  open_failed("Unable to open DNS transport", KAVOE_DNS, KAVOE_DNS);
   close_transport(ctx);
-  return KAVOE_DNS;
+  return open_failed("Unable to open DNS transport", KAVOE_DNS);
+}
+
+// own_pipe sees that the event pipe is this process's own: a context that was at rest when it was forked shares one
+// with its parent.
+KAVO_ERR own_pipe(KAVO ctx) {
+  if (ctx->qa_pipe.process == pelk_process() || make_pipe(ctx)) return KAVOE_OK;
+  return open_failed("Unable to initialize server events pipe", KAVOE_FAIL, errno);
+}
+
+void count_zones(KAVO ctx) {
+  for (int slot = 0; slot < KAVO_ZONES_SLOTS; ++slot) {
+    const kavo_zones *list = ctx->zonesmap.zones[slot];
+    ctx->zone_counts[slot].store(list == nullptr ? 0 : list->count, std::memory_order_relaxed);
+  }
 }
 
 // start_thread starts the server thread; without one the context is stopped again.
 KAVO_ERR start_thread(KAVO ctx) PELK_REQUIRES(ctx->mx_srvstate) {
   kavo_srv_set_state(ctx, KAVOSS_STARTING);
-  if (pelk_thread_create(&ctx->srv_tid, kavo_srv, ctx) == 0) {
+  const int error = pelk_thread_create(&ctx->srv_tid, kavo_srv, ctx);
+  if (error == 0) {
     ctx->srv_joinable = true;
     return KAVOE_OK;
   }
-  open_failed("Unable to create server thread", KAVOE_THR, KAVOE_THR);
   close_transport(ctx);
   kavo_srv_set_state(ctx, KAVOSS_STOPPED);
-  return KAVOE_THR;
+  return open_failed("Unable to create server thread", KAVOE_THR, error);
+}
+
+// no_lock logs that the server's state cannot be locked.
+KAVO_ERR no_lock(int error) {
+  open_failed("Unable to lock server state", KAVOE_THR, error);
+  return KAVOE_SRV;
 }
 
 KAVO_ERR start(KAVO ctx) {
   pelk_lock lock(&ctx->mx_srvstate);
-  if (lock.error != 0) return open_failed("Unable to lock server state", KAVOE_THR, KAVOE_SRV);
+  if (lock.error != 0) return no_lock(lock.error);
   const KAVO_SRV_STATE state = ctx->srvstate.load();
-  if (state == KAVOSS_RUNNING) return open_failed("Invalid server state (already running)", KAVOE_SRV, KAVOE_SRV);
-  if (state == KAVOSS_STARTING || state == KAVOSS_STOPPING)
-    return open_failed("Invalid server state (already starting or stopping)", KAVOE_SRV, KAVOE_SRV);
-  KAVO_ERR error = open_transport(ctx);
+  if (state == KAVOSS_RUNNING) return open_failed("Invalid server state (already running)", KAVOE_SRV);
+  if (state == KAVOSS_STARTING || state == KAVOSS_STOPPING || ctx->srv_callers > 1)
+    return open_failed("Invalid server state (already starting or stopping)", KAVOE_SRV);
+  KAVO_ERR error = own_pipe(ctx);
+  if (error == KAVOE_OK) error = open_transport(ctx);
   if (error != KAVOE_OK) return error;
+  count_zones(ctx);
   error = start_thread(ctx);
   if (error != KAVOE_OK) return error;
   while (ctx->srvstate.load() == KAVOSS_STARTING)
     pelk_cond_wait(&ctx->cond_srvstate, &ctx->mx_srvstate);
   if (ctx->srvstate.load() != KAVOSS_ERROR) return KAVOE_OK;
-  return open_failed("Server starting error", KAVOE_SRV, KAVOE_SRV);
+  return open_failed("Server starting error", KAVOE_SRV);
 }
 
 // ---- closing --------------------------------------------------------------------------------------------------------
 
-bool send_stop(KAVO ctx) {
-  const uint8_t event = 0;
-  ssize_t written = 0;
-  do {
-    written = write(ctx->qa_pipe.write_end, &event, sizeof event);
-  } while (written < 0 && errno == EINTR);
-  return written == sizeof event;
-}
-
 // stop_thread has the thread end, and waits until it says that it does.
 KAVO_ERR stop_thread(KAVO ctx) PELK_REQUIRES(ctx->mx_srvstate) {
   kavo_srv_set_state(ctx, KAVOSS_STOPPING);
-  if (!send_stop(ctx)) return close_failed("Unable to send event to a server (via pipe)", KAVOE_FAIL);
+  if (!kavo_send_event(ctx)) return close_failed("Unable to send event to a server (via pipe)", KAVOE_FAIL, errno);
   while (ctx->srvstate.load() == KAVOSS_STOPPING)
     pelk_cond_wait(&ctx->cond_srvstate, &ctx->mx_srvstate);
   return ctx->srvstate.load() == KAVOSS_STOPPED ? KAVOE_OK : close_failed("Server stopping error", KAVOE_SRV);
 }
 
+// ended tells of a context that there is nothing to stop in.
+KAVO_ERR ended(KAVO_SRV_STATE state) {
+  if (state == KAVOSS_ERROR) return close_failed("Server thread error", KAVOE_SRV);
+  PELK_INFO(kSource, "kavo_close", "Server is already stopped");
+  return KAVOE_OK;
+}
+
 KAVO_ERR stop(KAVO ctx) {
   const pelk_lock lock(&ctx->mx_srvstate);
-  if (lock.error != 0) return close_failed("Unable to lock server state", KAVOE_SRV);
+  if (lock.error != 0) return close_failed("Unable to lock server state", KAVOE_SRV, lock.error);
   const KAVO_SRV_STATE state = ctx->srvstate.load();
-  if (state == KAVOSS_STOPPED) {
-    PELK_INFO(kSource, "kavo_close", "Server is already stopped");
-    return KAVOE_OK;
+  return state == KAVOSS_STOPPED || state == KAVOSS_ERROR ? ended(state) : stop_thread(ctx);
+}
+
+// ---- forked children ------------------------------------------------------------------------------------------------
+
+// The records of a parent's contexts that were freed in this process. They stay, with all that leads on from them.
+constinit std::atomic<KAVO> abandoned_records = nullptr;
+
+// abandon closes what a parent's context has open in this process.
+void abandon(KAVO ctx) {
+  close_pipe(ctx);
+  dns_abandon(ctx->udns_ctx);
+}
+
+// free_abandoned frees what no run changes. The rest goes with the process.
+void free_abandoned(KAVO ctx) {
+  abandon(ctx);
+  kavo_zonesmap_free(&ctx->zonesmap);
+  ctx->next_abandoned = abandoned_records.load();
+  while (!abandoned_records.compare_exchange_weak(ctx->next_abandoned, ctx)) {
   }
-  return state == KAVOSS_ERROR ? close_failed("Server thread error", KAVOE_SRV) : stop_thread(ctx);
+}
+
+// may_be_freed returns whether no thread is at work on a context but its own, which was told to stop, or has failed.
+bool may_be_freed(KAVO ctx) {
+  const pelk_lock lock(&ctx->mx_srvstate);
+  return lock.error == 0 && ctx->srv_callers == 0 && ctx->srvstate.load() != KAVOSS_RUNNING;
 }
 
 }  // namespace
 
-bool kavo_is_configurable(KAVO kavo) {
-  if (kavo_srv_is_running(kavo) != 0) return false;
-  reap_failed(kavo);
-  return true;
+KAVO_ERR kavo_not_running(KAVO kavo, const char *source, const char *function, const char *message, int line) {
+  if (!kavo_is_foreign(kavo)) pelk_log_note(PELK_LOG_INFO, source, function, line, "%s", message);
+  return KAVOE_SRV;
+}
+
+KAVO_ERR kavo_check_at_rest(KAVO kavo, const char *source, const char *function, const char *message, int line) {
+  if (is_at_rest(kavo)) return KAVOE_OK;
+  if (kavo_is_foreign(kavo)) return KAVOE_SRV;
+  if (kavo->srvstate.load() == KAVOSS_ERROR) {
+    const pelk_no_cancel whole;
+    const Caller caller(kavo);
+    if (caller.error == 0) reap_failed(kavo);
+  }
+  if (is_at_rest(kavo)) return KAVOE_OK;
+  pelk_log_note(PELK_LOG_WARNING, source, function, line, "%s", message);
+  return KAVOE_SRV;
 }
 
 KAVO_ERR kavo_init_ext(KAVO *kavo, int table_size, int cache_size, int max_zones, int do_open) {
   if (max_zones <= 0 || table_size <= 0 || kavo == nullptr) return KAVOE_BADPAR;
+  const pelk_no_cancel whole;
   *kavo = new (std::nothrow) kavo_t{};
   if (*kavo == nullptr) {
     PELK_ERROR(kSource, __func__, errno, 0, "Unable to allocate %d bytes to store KAVO context",
@@ -312,16 +392,28 @@ KAVO_ERR kavo_init(KAVO *kavo, int table_size, int cache_size, int do_open) {
 
 KAVO_ERR kavo_open(KAVO kavo) {
   if (kavo == nullptr) return KAVOE_BADPAR;
-  if (kavo_srv_is_running(kavo) != 0) {
+  if (kavo_is_foreign(kavo)) return KAVOE_SRV;
+  if (kavo_is_running(kavo)) {
     PELK_WARN(kSource, __func__, "Attempt to open already opened context");
     return KAVOE_OK;
   }
+  const pelk_no_cancel whole;
+  const Caller caller(kavo);
+  if (caller.error != 0) return no_lock(caller.error);
   reap_failed(kavo);
   return start(kavo);
 }
 
 KAVO_ERR kavo_close(KAVO kavo) {
   if (kavo == nullptr) return KAVOE_BADPAR;
+  const pelk_no_cancel whole;
+  if (kavo_is_foreign(kavo)) {
+    abandon(kavo);
+    return KAVOE_OK;
+  }
+  if (is_at_rest(kavo)) return ended(kavo->srvstate.load());
+  const Caller caller(kavo);
+  if (caller.error != 0) return close_failed("Unable to lock server state", KAVOE_SRV, caller.error);
   const KAVO_ERR error = stop(kavo);
   if (error == KAVOE_OK) return reap(kavo);
   reap_failed(kavo);
@@ -330,7 +422,12 @@ KAVO_ERR kavo_close(KAVO kavo) {
 
 KAVO_ERR kavo_free(KAVO kavo) {
   if (kavo == nullptr) return KAVOE_BADPAR;
-  if (kavo_srv_is_running(kavo) != 0) {
+  const pelk_no_cancel whole;
+  if (kavo_is_foreign(kavo)) {
+    free_abandoned(kavo);
+    return KAVOE_OK;
+  }
+  if (!may_be_freed(kavo)) {
     PELK_WARN(kSource, __func__, "Attempt to free opened context");
     return KAVOE_SRV;
   }
@@ -343,13 +440,12 @@ KAVO_ERR kavo_free(KAVO kavo) {
 
 int kavo_set_srvstate_chg_cb(KAVO kavo, kavo_srvstate_chg_fn *fn, void *uctx) {
   if (kavo == nullptr) return KAVOE_BADPAR;
-  if (kavo_srv_is_running(kavo) != 0) {
-    PELK_WARN(kSource, __func__, "Attempt to set server state callback for already opened context");
-    return KAVOE_SRV;
-  }
+  const KAVO_ERR refused =
+      kavo_check_at_rest(kavo, kSource, __func__, "Attempt to set server state callback for already opened context");
+  if (refused != KAVOE_OK) return static_cast<int>(refused);
   const pelk_lock lock(&kavo->mx_srvstate);
   if (lock.error != 0) {
-    PELK_ERROR(kSource, __func__, errno, KAVOE_THR, "Unable to lock server state");
+    PELK_ERROR(kSource, __func__, lock.error, KAVOE_THR, "Unable to lock server state");
     return KAVOE_THR;
   }
   kavo->srvstate_chg_cb = fn;

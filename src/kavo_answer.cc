@@ -196,15 +196,12 @@ KAVO_ERR kavo_set_answer_iterator(KAVO kavo, KAVO_QUERY_NODE node, KAVO_ANSWER_I
   if (error != KAVOE_OK) return error;
   clear(iterator);
   kavo_table_guard guard(kavo);
-  if (guard.error != KAVOE_OK) {
-    PELK_ERROR(kSource, __func__, 0, guard.error, "Unable to lock query table");
-    return guard.error;
-  }
+  if (guard.error != KAVOE_OK) return kavo_table_no_lock(kSource, __func__, guard.error);
   return set_on(kavo, node, iterator);
 }
 
 const KAVO_ANSWER *kavo_get_answer(KAVO kavo, KAVO_ANSWER_ITERATOR iterator) {
-  if (iterator == nullptr || kavo == nullptr || iterator->node == nullptr) return nullptr;
+  if (iterator == nullptr || kavo == nullptr || iterator->node == nullptr || kavo_is_foreign(kavo)) return nullptr;
   PELK_ASSERT(iterator->node->ctx == kavo, kSource);
   iterator->current = next_shown(iterator, iterator->current);
   if (iterator->current == nullptr) return nullptr;
@@ -219,6 +216,7 @@ KAVO_ERR kavo_copy_answer(KAVO kavo, KAVO_QUERY_NODE node, KAVO_ANSWER **answer,
                           int alloc) {
   if (answer_written != nullptr) *answer_written = 0;
   if (node == nullptr || kavo == nullptr || answer == nullptr || answer_written == nullptr) return KAVOE_BADPAR;
+  if (kavo_is_foreign(kavo)) return KAVOE_SRV;
   const Iterator iterator(kavo_alloc_answer_iterator());
   if (iterator == nullptr) {
     PELK_INFO(kSource, __func__, "Answer iterator allocation error");
@@ -245,6 +243,7 @@ KAVO_ERR kavo_query(KAVO kavo, KAVO_TYPE type, const void *query, int query_len,
                     int *answer_written, unsigned int timeout, KAVO_WAIT_LEVEL wait_level, unsigned flags) {
   if (answer_written != nullptr) *answer_written = 0;
   if (kavo == nullptr || answer == nullptr || answer_written == nullptr) return KAVOE_BADPAR;
+  if (kavo_is_foreign(kavo)) return KAVOE_SRV;
   struct timeval moment;
   const struct timeval *deadline = kavo_get_deadline(timeout, &moment);
   KAVO_QUERY_NODE node = nullptr;

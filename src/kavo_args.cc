@@ -178,7 +178,9 @@ void kavo_add_args(KAVO kavo, int count) {
 
 // kavo_free_args releases the pool, unless a node in use may hold arguments of it.
 void kavo_free_args(KAVO kavo) {
-  if (kavo == nullptr || kavo_srv_is_running(kavo) != 0) return;
+  if (kavo == nullptr) return;
   kavo_table_guard guard(kavo);
-  if (guard.error == KAVOE_OK && kavo->table_nfree == kavo->table_size) kavo_args_release(kavo);
+  if (guard.error == KAVOE_OK && kavo->process.load(std::memory_order_acquire) == 0 &&
+      kavo->table_nfree == kavo->table_size)
+    kavo_args_release(kavo);
 }

@@ -112,7 +112,9 @@ extern "C" {
 
 KAVO_ERR kavo_cachesave(KAVO kavo, const char *filename) {
   if (kavo == nullptr || filename == nullptr) return KAVOE_BADPAR;
-  const int fd = open(filename, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kFileMode);
+  if (kavo_is_foreign(kavo)) return KAVOE_SRV;
+  const pelk_no_cancel whole;
+  const int fd = pelk_lift(open(filename, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kFileMode));
   if (fd < 0) return no_file(kSave, filename, "writing");
   errno = 0;  // what fails below may have no call's reason
   struct dns_cdump *dump = dns_cdump_save_init(fd, dns_gettime(nullptr));
@@ -127,8 +129,10 @@ KAVO_ERR kavo_cachesave(KAVO kavo, const char *filename) {
 
 KAVO_ERR kavo_cacheload(KAVO kavo, const char *filename) {
   if (kavo == nullptr || filename == nullptr) return KAVOE_BADPAR;
+  if (kavo_is_foreign(kavo)) return KAVOE_SRV;
+  const pelk_no_cancel whole;
   // O_NONBLOCK: a pipe that nobody writes to is refused like any other file that is not regular, not waited for.
-  const int fd = open(filename, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  const int fd = pelk_lift(open(filename, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   if (fd < 0) return no_file(kLoad, filename, "reading");
   errno = 0;
   struct dns_cdump *dump = dns_cdump_load_init(fd, dns_gettime(nullptr));

@@ -157,6 +157,7 @@ extern "C" {
 
 void kavo_dbgcb(struct dns_ctx *, struct dns_query *qh, int code, void *ddata, void *) {
   if ((code & DNS_D_SYS) != 0 || ddata == nullptr) return;
+  const pelk_no_cancel whole;
   const Event event = {*static_cast<const dns_dpkt *>(ddata), code, qh};
   print_whole(stdout, print_summary, event);
   print_whole(stderr, print_details, event);
@@ -164,10 +165,9 @@ void kavo_dbgcb(struct dns_ctx *, struct dns_query *qh, int code, void *ddata, v
 
 KAVO_ERR kavo_set_trace(KAVO kavo, dns_dbg_fn *fn, void *udata) {
   if (kavo == nullptr) return KAVOE_BADPAR;
-  if (!kavo_is_configurable(kavo)) {
-    PELK_WARN(kSource, __func__, "Cannot set trace function because KAVO is already opened");
-    return KAVOE_SRV;
-  }
+  const KAVO_ERR refused =
+      kavo_check_at_rest(kavo, kSource, __func__, "Cannot set trace function because KAVO is already opened");
+  if (refused != KAVOE_OK) return refused;
   kavo->trace = fn;
   kavo->trace_data = udata;
   const unsigned events = DNS_DE_CACHE;

@@ -277,7 +277,8 @@ KAVO_ERR kavo_convert_status(dns_status err) {
 }
 
 KAVO_ERR kavo_dns_status(KAVO kavo) {
-  return kavo == nullptr ? KAVOE_BADPAR : kavo_convert_status(dns_get_status(kavo->udns_ctx));
+  if (kavo == nullptr) return KAVOE_BADPAR;
+  return kavo_is_foreign(kavo) ? KAVOE_SRV : kavo_convert_status(dns_get_status(kavo->udns_ctx));
 }
 
 dns_parse_fn *kavo_get_parser(KAVO_TYPE type, unsigned flags) {

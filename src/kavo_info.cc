@@ -1,6 +1,5 @@
 // kavo_info.cc - the vocabulary of the library: texts of codes, names of types, version; and what a host asks of or
-// hands to the engine. Constant tables, any thread; what changes the engine does so while no server thread runs.
-#include <errno.h>
+// hands to the engine. Constant tables, any thread; what changes the engine does so while the context is at rest.
 #include <stdint.h>
 
 #include <array>
@@ -78,24 +77,26 @@ bool names_equal(const char *name, const char *upper) {
   return *name == '\0' && *upper == '\0';
 }
 
-// refuse_running tells whether a context runs, with a warning, and so cannot be given `what`.
-bool refuse_running(KAVO kavo, const char *function, const char *what) {
-  if (kavo_is_configurable(kavo)) return false;
-  PELK_WARN(kSource, function, "Attempt to set %s for already opened context", what);
-  return true;
+// check_at_rest refuses a context that is not at rest, and so cannot be given `what`.
+KAVO_ERR check_at_rest(KAVO kavo, const char *function, const char *message, int line = __builtin_LINE()) {
+  return kavo_check_at_rest(kavo, kSource, function, message, line);
 }
 
-// drop_own_caches destroys the context's own caches for the uses in `use`. One that serves both uses goes with the
-// second.
-void drop_own_caches(KAVO kavo, unsigned use) {
-  if ((use & KAVOCT_ANS) != 0) {
-    if (kavo->cache != nullptr && kavo->cache != kavo->rcache) dns_cache_destroy(kavo->cache);
-    kavo->cache = nullptr;
-  }
-  if ((use & KAVOCT_REF) != 0) {
-    if (kavo->rcache != nullptr && kavo->rcache != kavo->cache) dns_cache_destroy(kavo->rcache);
-    kavo->rcache = nullptr;
-  }
+// own_cache returns the context's own cache that a cacher belongs to, or null.
+struct dns_cache *own_cache(KAVO kavo, KAVO_CACHE cacher) {
+  for (struct dns_cache *cache : {kavo->cache, kavo->rcache})
+    if (cache != nullptr && dns_cache_cacher(cache) == cacher) return cache;
+  return nullptr;
+}
+
+// keep_own_caches notes which of the context's own caches serve answers and referrals from now on, and destroys those
+// that serve neither.
+void keep_own_caches(KAVO kavo, struct dns_cache *answers, struct dns_cache *referrals) {
+  struct dns_cache *before[] = {kavo->cache, kavo->rcache != kavo->cache ? kavo->rcache : nullptr};
+  kavo->cache = answers;
+  kavo->rcache = referrals;
+  for (struct dns_cache *cache : before)
+    if (cache != nullptr && cache != answers && cache != referrals) dns_cache_destroy(cache);
 }
 
 }  // namespace
@@ -138,35 +139,38 @@ uint32_t kavo_rev(void) {
 uint32_t kavo_nactive(KAVO kavo) {
   if (kavo == nullptr) return KAVOE_BADPAR;
   kavo_table_guard guard(kavo);
-  if (guard.error != KAVOE_OK) {
-    PELK_ERROR(kSource, __func__, errno, KAVOE_SRV, "Unable to lock query table");
-    return guard.error;
-  }
+  if (guard.error != KAVOE_OK) return kavo_table_no_lock(kSource, __func__, guard.error);
   return kavo->table_size - kavo->table_nfree;
 }
 
 KAVO_ERR kavo_set_ext_cache(KAVO kavo, KAVO_CACHE_TYPE use, KAVO_CACHE cacher) {
   if (kavo == nullptr) return KAVOE_BADPAR;
-  if (refuse_running(kavo, __func__, "external cache")) return KAVOE_SRV;
-  drop_own_caches(kavo, use);
-  if (dns_set_cache(kavo->udns_ctx, use, cacher) == 0) return KAVOE_OK;
-  PELK_ERROR(kSource, __func__, errno, KAVOE_DNS, "Unable to use external cache");
-  return KAVOE_DNS;
+  const KAVO_ERR refused = check_at_rest(kavo, __func__, "Attempt to set external cache for already opened context");
+  if (refused != KAVOE_OK) return refused;
+  if (dns_set_cache(kavo->udns_ctx, use, cacher) != 0) {
+    PELK_ERROR(kSource, __func__, 0, KAVOE_DNS, "Unable to use external cache");
+    return KAVOE_DNS;
+  }
+  struct dns_cache *own = own_cache(kavo, cacher);
+  keep_own_caches(kavo, (use & KAVOCT_ANS) != 0 ? own : kavo->cache, (use & KAVOCT_REF) != 0 ? own : kavo->rcache);
+  return KAVOE_OK;
 }
 
 KAVO_CACHE kavo_get_ext_cache(KAVO kavo, KAVO_CACHE_TYPE use) {
-  return kavo == nullptr ? nullptr : dns_get_cache(kavo->udns_ctx, use);
+  return kavo == nullptr || kavo_is_foreign(kavo) ? nullptr : dns_get_cache(kavo->udns_ctx, use);
 }
 
 int kavo_set_cost_zone(KAVO kavo, const char *zone) {
   if (kavo == nullptr) return KAVOE_BADPAR;
-  if (refuse_running(kavo, __func__, "cost zone")) return KAVOE_SRV;
+  const KAVO_ERR refused = check_at_rest(kavo, __func__, "Attempt to set cost zone for already opened context");
+  if (refused != KAVOE_OK) return static_cast<int>(refused);
   return dns_set_cost_zone(kavo->udns_ctx, zone) < 0 ? KAVOE_DNS : KAVOE_OK;
 }
 
 int kavo_add_expserv(KAVO kavo, const struct in_addr *addr) {
   if (kavo == nullptr) return KAVOE_BADPAR;
-  if (refuse_running(kavo, __func__, "expected server")) return KAVOE_SRV;
+  const KAVO_ERR refused = check_at_rest(kavo, __func__, "Attempt to set expected server for already opened context");
+  if (refused != KAVOE_OK) return static_cast<int>(refused);
   struct sockaddr_in address = {};
   address.sin_family = AF_INET;
   if (addr != nullptr) address.sin_addr = *addr;

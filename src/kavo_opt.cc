@@ -1,8 +1,7 @@
 // kavo_opt.cc - the options of a context: one table of names, ranges and places, and what each option acts on.
 //
-// Options are set while no server thread runs, hence without a lock. A value that is refused, by its range or by what
+// Options are set while the context is at rest, hence without a lock. A value that is refused, by its range or by what
 // it acts on, is not kept.
-#include <errno.h>
 #include <stdint.h>
 
 #include <array>
@@ -102,7 +101,7 @@ KAVO_ERR set_referral_cache(KAVO kavo, int, uint32_t value) {
   if (value == 0) return KAVOE_OK;
   struct dns_cache *cache = dns_cache_init(value);
   if (cache == nullptr) {
-    PELK_ERROR(kSource, "kavo_set_opt", errno, KAVOE_DNS, "Unable to initialize cache for DNS recursion");
+    PELK_ERROR(kSource, "kavo_set_opt", 0, KAVOE_DNS, "Unable to initialize cache for DNS recursion");
     return KAVOE_DNS;
   }
   const dns_status status = dns_set_cache(kavo->udns_ctx, DNS_CU_REF, cacher_of(cache));
@@ -153,10 +152,9 @@ static_assert(is_sound(), "an option's code is its place, and its default lies i
 
 KAVO_ERR kavo_set_opt(KAVO kavo, KAVO_OPT opt, uint32_t value) {
   if (opt >= kOptions.size() || kavo == nullptr) return KAVOE_BADPAR;
-  if (!kavo_is_configurable(kavo)) {
-    PELK_WARN(kSource, __func__, "Attempt to set option for already opened context");
-    return KAVOE_SRV;
-  }
+  const KAVO_ERR refused =
+      kavo_check_at_rest(kavo, kSource, __func__, "Attempt to set option for already opened context");
+  if (refused != KAVOE_OK) return refused;
   const Option &option = kOptions[opt];
   if (value < option.min || value > option.max) return KAVOE_BADPAR;
   const KAVO_ERR error = option.action(kavo, option.engine_opt, value);
@@ -167,10 +165,9 @@ KAVO_ERR kavo_set_opt(KAVO kavo, KAVO_OPT opt, uint32_t value) {
 
 KAVO_ERR kavo_set_cookies(KAVO kavo, int on) {
   if (kavo == nullptr) return KAVOE_BADPAR;
-  if (!kavo_is_configurable(kavo)) {
-    PELK_WARN(kSource, __func__, "Attempt to set cookies for already opened context");
-    return KAVOE_SRV;
-  }
+  const KAVO_ERR refused =
+      kavo_check_at_rest(kavo, kSource, __func__, "Attempt to set cookies for already opened context");
+  if (refused != KAVOE_OK) return refused;
   return set_flag(kavo, DNS_COOKIES, on != 0);
 }
 

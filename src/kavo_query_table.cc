@@ -4,7 +4,6 @@
 // question comes to its node is in kavo_table_add.cc.
 #include "kavo_query_table.h"
 
-#include <errno.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -41,21 +40,41 @@ KAVO_ERR release_node(KAVO ctx, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_t
   node->first_count = 0;
   memset(node->first_answers, 0, kavo_answer_map_size(ctx->max_zones));
   if (kavo_table_give_back(ctx)) return KAVOE_OK;
-  PELK_ERROR(kSource, "kavo_table_change_state", errno, KAVOE_THR, "Unable to release semaphore");
+  PELK_ERROR(kSource, "kavo_table_change_state", 0, KAVOE_THR, "Unable to release semaphore");
   return KAVOE_THR;
 }
 
 // tell_waiters has the next broadcast wake those who wait for a node, when it has come to what they wait for. Others
-// would look at it for nothing, and sleep again.
+// would look at it for nothing, and sleep again; but those who wait for a list, whose nodes are not known.
 void tell_waiters(KAVO ctx, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_table) {
-  if (node->wanted == KAVOQS_NOBODY || (node->state < node->wanted && node->state != KAVOQS_READY)) return;
-  node->wanted = KAVOQS_NOBODY;
+  const bool reached = node->wanted != KAVOQS_NOBODY && (node->state >= node->wanted || node->state == KAVOQS_READY);
+  if (!reached && ctx->list_waiters == 0) [[likely]]
+    return;
+  if (reached) node->wanted = KAVOQS_NOBODY;
   ctx->event.fetch_or(kavo_node_bit(node));
+}
+
+// server_holds returns whether one of a node's holds is the server thread's, which owes it an outcome.
+bool server_holds(const kavo_query_node_t *node) {
+  return node->state >= KAVOQS_NEW && node->state <= KAVOQS_PRESOLVED;
+}
+
+// fail_node moves a node in flight to ERROR and drops the server thread's hold on it.
+KAVO_ERR fail_node(KAVO ctx, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_table) {
+  static constexpr char kClosing[] = "kavo";
+  const KAVO_ERR moved = kavo_table_change_state(ctx, node, KAVOQS_ERROR);
+  if (moved != KAVOE_OK) {
+    PELK_ERROR(kClosing, "kavo_close", 0, moved, "Unable to change node state, target state %d", KAVOQS_ERROR);
+    return moved;
+  }
+  const KAVO_ERR dropped = kavo_table_unsubscribe_node(ctx, node);
+  if (dropped != KAVOE_OK) PELK_INFO(kClosing, "kavo_close", "Unable to unsubscribe query node, error %d", dropped);
+  return dropped;
 }
 
 KAVO_ERR leave_flight(KAVO ctx, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_table) {
   const KAVO_ERR error = node->qh_count == 0 ? KAVOE_OK : kavo_cancel_query(ctx, node);
-  if (error != KAVOE_OK) PELK_ERROR(kSource, "kavo_table_change_state", errno, error, "Unable to cancel query");
+  if (error != KAVOE_OK) PELK_ERROR(kSource, "kavo_table_change_state", 0, error, "Unable to cancel query");
   return error;
 }
 
@@ -81,7 +100,7 @@ KAVO_ERR change_range(KAVO ctx, kavo_query_node_t *node, int current, int target
 
 // init_failed and destroy_failed log a failure with the line that calls them, and return its result.
 KAVO_ERR init_failed(const char *message, KAVO_ERR error, int line = __builtin_LINE()) {
-  pelk_log_error(kSource, "kavo_table_init", line, errno, error, "%s", message);
+  pelk_log_error(kSource, "kavo_table_init", line, 0, error, "%s", message);
   return error;
 }
 
@@ -109,7 +128,7 @@ void release_spare_blocks(kavo_spare_blocks *spare) {
 }
 
 KAVO_ERR destroy_failed(const char *message, KAVO_ERR error, int line = __builtin_LINE()) {
-  pelk_log_error(kSource, "kavo_table_destroy", line, errno, error, "%s", message);
+  pelk_log_error(kSource, "kavo_table_destroy", line, 0, error, "%s", message);
   return error;
 }
 
@@ -145,15 +164,24 @@ int kavo_state2range(kavo_query_state state) {
 }
 
 KAVO_ERR kavo_table_lock(KAVO ctx) {
-  if (pelk_mutex_lock(&ctx->mx_table) == 0) return KAVOE_OK;
-  PELK_ERROR(kSource, __func__, errno, KAVOE_THR, "Unable lock mutex");
+  if (kavo_is_foreign(ctx)) [[unlikely]]
+    return KAVOE_SRV;
+  const int error = pelk_mutex_lock(&ctx->mx_table);
+  if (error == 0) return KAVOE_OK;
+  PELK_ERROR(kSource, __func__, error, KAVOE_THR, "Unable lock mutex");
   return KAVOE_THR;
 }
 
 KAVO_ERR kavo_table_unlock(KAVO ctx) {
-  if (pelk_mutex_unlock(&ctx->mx_table) == 0) return KAVOE_OK;
-  PELK_ERROR(kSource, __func__, errno, KAVOE_THR, "Unable to unlock mutex");
+  const int error = pelk_mutex_unlock(&ctx->mx_table);
+  if (error == 0) return KAVOE_OK;
+  PELK_ERROR(kSource, __func__, error, KAVOE_THR, "Unable to unlock mutex");
   return KAVOE_THR;
+}
+
+KAVO_ERR kavo_table_no_lock(const char *source, const char *function, KAVO_ERR error, const char *message, int line) {
+  if (error != KAVOE_SRV) pelk_log_error(source, function, line, 0, error, "%s", message);
+  return error;
 }
 
 uint32_t kavo_table_expect(KAVO, KAVO_QUERY_NODE node, kavo_query_state state) {
@@ -166,7 +194,7 @@ KAVO_ERR kavo_table_wait(KAVO ctx, const struct timeval *deadline, uint32_t bits
                                         : pelk_cond_wait(&ctx->cond_table, &ctx->mx_table, bits);
   if (error == 0) return KAVOE_OK;
   if (error == PELK_TIMEDOUT) return KAVOE_TIMEOUT;
-  PELK_ERROR(kSource, __func__, errno, error, "Condition waiting error");
+  PELK_ERROR(kSource, __func__, error, error, "Condition waiting error");
   return KAVOE_THR;
 }
 
@@ -183,7 +211,7 @@ bool kavo_table_give_back(KAVO ctx) {
 
 KAVO_ERR kavo_table_move(KAVO ctx, KAVO_QUERY_NODE node, int range) {
   if (shash_update(&ctx->query_table, node->hashitem, static_cast<rindex_t>(range)) == 0) return KAVOE_OK;
-  PELK_ERROR(kSource, __func__, errno, KAVOE_FAIL, "Node updating error");
+  PELK_ERROR(kSource, __func__, 0, KAVOE_FAIL, "Node updating error");
   return KAVOE_FAIL;
 }
 
@@ -198,8 +226,36 @@ KAVO_ERR kavo_table_unsubscribe_node(KAVO ctx, KAVO_QUERY_NODE node) {
   if (--node->client_count != 0 || node->state == KAVOQS_READY) return KAVOE_OK;
   const KAVO_ERR error = kavo_table_change_state(ctx, node, KAVOQS_READY);
   if (error != KAVOE_OK)
-    PELK_ERROR(kSource, __func__, errno, error, "Unable to change node state, target_state %d", KAVOQS_READY);
+    PELK_ERROR(kSource, __func__, 0, error, "Unable to change node state, target_state %d", KAVOQS_READY);
   return error;
+}
+
+KAVO_ERR kavo_table_release_node(KAVO ctx, KAVO_QUERY_NODE node) {
+  if (node == nullptr || node->client_count <= (server_holds(node) ? 1U : 0U)) return KAVOE_BADPAR;
+  return kavo_table_unsubscribe_node(ctx, node);
+}
+
+// The list of WAIT holds the DCFAIL and PRESOLVED nodes too.
+KAVO_ERR kavo_table_fail_nodes(KAVO ctx) {
+  for (const kavo_query_state state : {KAVOQS_NEW, KAVOQS_SUBMITTED, KAVOQS_WAIT}) {
+    STAT_RANGEITEM cursor = {};
+    PSTAT_RANGEITEM list = kavo_table_state_list(ctx, state, &cursor);
+    while (kavo_query_node_t *node = kavo_table_list_item(ctx, list)) {
+      const KAVO_ERR error = fail_node(ctx, node);
+      if (error != KAVOE_OK) return error;
+    }
+  }
+  return KAVOE_OK;
+}
+
+void kavo_table_unindex_held(KAVO ctx) {
+  for (const int range : {KAVO_RANGE_DONE, KAVO_RANGE_SYNC, KAVO_RANGE_ERROR}) {
+    STAT_RANGEITEM cursor = {};
+    const PSTAT_RANGEITEM list = range_find(&ctx->query_table, static_cast<rindex_t>(range), &cursor);
+    for (shash_item *item = list == nullptr ? nullptr : range_item_first(list); item != nullptr;
+         item = item->range_next)
+      shash_unindex(&ctx->query_table, item);
+  }
 }
 
 KAVO_ERR kavo_table_change_state(KAVO ctx, KAVO_QUERY_NODE node, kavo_query_state state) {

@@ -141,7 +141,8 @@ inline uint8_t *kavo_node_key_place(const kavo_t *ctx, kavo_query_node_t *node) 
 
 // ---- the lock -------------------------------------------------------------------------------------------------------
 
-// kavo_table_lock and kavo_table_unlock take and release mx_table; a failure is logged: KAVOE_THR.
+// kavo_table_lock and kavo_table_unlock take and release mx_table; a failure is logged: KAVOE_THR. The lock of a
+// context whose run is a parent process's is not touched: KAVOE_SRV.
 [[nodiscard]] KAVO_ERR kavo_table_lock(KAVO ctx) PELK_ACQUIRE(ctx->mx_table);
 KAVO_ERR kavo_table_unlock(KAVO ctx) PELK_RELEASE(ctx->mx_table);
 
@@ -163,6 +164,10 @@ class PELK_SCOPED_CAPABILITY kavo_table_guard {
   const KAVO ctx_;
 };
 
+// kavo_table_no_lock logs, where that has its place, what could not be done for want of the lock. Returns `error`.
+KAVO_ERR kavo_table_no_lock(const char *source, const char *function, KAVO_ERR error,
+                            const char *message = "Unable to lock query table", int line = __builtin_LINE());
+
 // ---- nodes ----------------------------------------------------------------------------------------------------------
 
 // kavo_table_init makes the table for `table_size` nodes, kavo_table_destroy releases it with every node. Neither may
@@ -170,11 +175,17 @@ class PELK_SCOPED_CAPABILITY kavo_table_guard {
 [[nodiscard]] KAVO_ERR kavo_table_init(KAVO ctx, int table_size);
 KAVO_ERR kavo_table_destroy(KAVO ctx);
 
+// kavo_table_run returns the number of the run that is on, or of the one to come. A subscription notes it before it
+// first looks at the state: what it has found then holds as long as this run is on.
+inline uint32_t kavo_table_run(const kavo_t *ctx) {
+  return pelk_sem_epoch(&ctx->sem_free_node);
+}
+
 // kavo_table_add hands out the node of a question with one hold for the caller: a node that exists is joined, else one
 // is taken when a permit is free, for which it waits until `deadline`, and the server thread is woken. `serv` has at
-// most KAVO_MAX_SERV entries.
+// most KAVO_MAX_SERV entries. Once `run` is over: KAVOE_SRV, which is the caller's to log.
 [[nodiscard]] KAVO_ERR kavo_table_add(KAVO ctx, KAVO_TYPE type, const unsigned char *dn, const kavo_sa *serv,
-                                      unsigned nserv, const struct timeval *deadline, unsigned flags,
+                                      unsigned nserv, const struct timeval *deadline, unsigned flags, uint32_t run,
                                       KAVO_QUERY_NODE *query_node) PELK_EXCLUDES(ctx->mx_table);
 
 // kavo_table_get_block returns a zeroed block for a node whose key has `key_size` bytes, whose place follows the node;
@@ -185,6 +196,14 @@ void kavo_table_put_block(KAVO ctx, kavo_query_node_t *node, uint16_t key_size) 
 // kavo_table_subscribe_node adds a hold, kavo_table_unsubscribe_node drops one; the last one frees the node.
 [[nodiscard]] KAVO_ERR kavo_table_subscribe_node(KAVO_QUERY_NODE node);
 KAVO_ERR kavo_table_unsubscribe_node(KAVO ctx, KAVO_QUERY_NODE node) PELK_REQUIRES(ctx->mx_table);
+
+// kavo_table_release_node drops a caller's hold: KAVOE_BADPAR when no hold is left but the server thread's.
+KAVO_ERR kavo_table_release_node(KAVO ctx, KAVO_QUERY_NODE node) PELK_REQUIRES(ctx->mx_table);
+
+// kavo_table_fail_nodes moves every node in flight to ERROR and drops the server thread's hold on it.
+// kavo_table_unindex_held has no subscription find those that callers hold.
+KAVO_ERR kavo_table_fail_nodes(KAVO ctx) PELK_REQUIRES(ctx->mx_table);
+void kavo_table_unindex_held(KAVO ctx) PELK_REQUIRES(ctx->mx_table);
 
 // kavo_table_change_state moves a node to a state and its list. Leaving the states in flight cancels its questions;
 // becoming free returns its arguments and its permit. A failure leaves the node's state as it was.
@@ -214,6 +233,19 @@ inline uint32_t kavo_node_bit(const kavo_query_node_t *node) {
 // kavo_table_expect has the waiters of a node woken when it reaches `state`, or becomes free. Returns the bit to wait
 // with. It holds until that happens, or for as long as the node is in use.
 uint32_t kavo_table_expect(KAVO ctx, KAVO_QUERY_NODE node, kavo_query_state state) PELK_REQUIRES(ctx->mx_table);
+
+// kavo_list_wait has every state change of any node tell the waiters, for a scope of which the calling thread waits for
+// nodes that the host may put into a list or take out of it meanwhile. They sleep on PELK_ALL_BITS.
+class kavo_list_wait {
+ public:
+  explicit kavo_list_wait(KAVO ctx) PELK_REQUIRES(ctx->mx_table) : ctx_(ctx) { ctx->list_waiters++; }
+  ~kavo_list_wait() PELK_NO_ANALYSIS { ctx_->list_waiters--; }
+  kavo_list_wait(const kavo_list_wait &) = delete;
+  kavo_list_wait &operator=(const kavo_list_wait &) = delete;
+
+ private:
+  const KAVO ctx_;
+};
 
 // kavo_table_wait sleeps until nodes with one of `bits` have come to states that are waited for, or until `deadline`
 // (null: none) has passed: KAVOE_TIMEOUT.

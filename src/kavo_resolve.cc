@@ -5,7 +5,6 @@
 // own; the views take the table lock; the statistics take none.
 #include "kavo_resolve.h"
 
-#include <errno.h>
 #include <stdint.h>
 #include <string.h>
 
@@ -67,17 +66,12 @@ constexpr bool asks_address(KAVO_TYPE type) {
   return size;
 }
 
-// lock_failed logs that `function` could not take the table lock, with the line that calls this; returns the code.
-[[nodiscard]] KAVO_ERR lock_failed(const char *function, KAVO_ERR code, int line = __builtin_LINE()) {
-  pelk_log_error(kSource, function, line, errno, code, "Unable to lock query table");
-  return code;
-}
-
 // statistic asks the engine for one of its figures about a server.
 template <typename Value>
 [[nodiscard]] KAVO_ERR statistic(dns_status (*getter)(struct dns_ctx *, const struct sockaddr *, Value *), KAVO kavo,
                                  const struct sockaddr *sa, Value *value) {
   if (kavo == nullptr || sa == nullptr || value == nullptr) return KAVOE_BADPAR;
+  if (kavo_is_foreign(kavo)) return KAVOE_SRV;
   return kavo_convert_status(getter(kavo->udns_ctx, sa, value));
 }
 
@@ -86,11 +80,10 @@ template <typename Value>
 KAVO_ERR kavo_subscribe_node_(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn, const struct sockaddr *serv,
                               unsigned nserv, unsigned flags, const struct timeval *deadline, KAVO_QUERY_NODE *node) {
   if (kavo == nullptr) return KAVOE_BADPAR;
-  if (kavo_srv_is_running(kavo) == 0) {
-    PELK_INFO(kSource, __func__, "Attempt to subscribe query node when server is stopped");
-    return KAVOE_SRV;
-  }
-  if (kavo_zonesmap_zones(&kavo->zonesmap, query_type).empty()) {
+  const uint32_t run = kavo_table_run(kavo);
+  KAVO_ERR error = kavo_check_running(kavo, kSource, __func__, KAVO_SUBSCRIBE_STOPPED);
+  if (error != KAVOE_OK) return error;
+  if (kavo->zone_counts[kavo_zonesmap_slot(query_type)].load(std::memory_order_relaxed) == 0) {
     PELK_INFO(kSource, __func__, "Cannot subscribe node, no zones defined for query type");
     return KAVOE_NOZONES;
   }
@@ -98,7 +91,7 @@ KAVO_ERR kavo_subscribe_node_(KAVO kavo, KAVO_TYPE query_type, const unsigned ch
   const unsigned count = serv == nullptr ? 0 : nserv;
   if (count > 0) {
     if (count > servers.size()) return KAVOE_BADPAR;
-    const KAVO_ERR error = read_servers(serv, count, &servers);
+    error = read_servers(serv, count, &servers);
     if (error != KAVOE_OK) return error;
     flags &= ~static_cast<unsigned>(KAVOQF_RECURSIVE);
   }
@@ -106,7 +99,11 @@ KAVO_ERR kavo_subscribe_node_(KAVO kavo, KAVO_TYPE query_type, const unsigned ch
     PELK_INFO(kSource, __func__, "There is no parser for such type, use raw packet answer flag");
     return KAVOE_NOPARSER;
   }
-  return kavo_table_add(kavo, query_type, dn, count == 0 ? nullptr : servers.data(), count, deadline, flags, node);
+  error =
+      kavo_table_add(kavo, query_type, dn, count == 0 ? nullptr : servers.data(), count, deadline, flags, run, node);
+  if (error != KAVOE_SRV) [[likely]]
+    return error;
+  return kavo_not_running(kavo, kSource, __func__, KAVO_SUBSCRIBE_STOPPED, __LINE__);
 }
 
 extern "C" {
@@ -166,15 +163,15 @@ KAVO_ERR kavo_subscribe_node_p(KAVO kavo, KAVO_TYPE query_type, const char *quer
 KAVO_ERR kavo_unsubscribe_node(KAVO kavo, KAVO_QUERY_NODE node) {
   if (kavo == nullptr) return KAVOE_BADPAR;
   kavo_table_guard guard(kavo);
-  if (guard.error != KAVOE_OK) return lock_failed(__func__, guard.error);
-  return kavo_table_unsubscribe_node(kavo, node);
+  if (guard.error != KAVOE_OK) return kavo_table_no_lock(kSource, __func__, guard.error);
+  return kavo_table_release_node(kavo, node);
 }
 
 KAVO_TYPE kavo_node_type(KAVO kavo, KAVO_QUERY_NODE node) {
-  if (kavo == nullptr || node == nullptr || kavo_srv_is_running(kavo) == 0) return KAVOT_INVALID;
+  if (kavo == nullptr || node == nullptr || !kavo_is_running(kavo)) return KAVOT_INVALID;
   kavo_table_guard guard(kavo);
   if (guard.error != KAVOE_OK) {
-    static_cast<void>(lock_failed(__func__, guard.error));
+    kavo_table_no_lock(kSource, __func__, guard.error);
     return KAVOT_INVALID;
   }
   return node->state == KAVOQS_READY ? KAVOT_INVALID : kavo_node_type_of(node);
@@ -183,9 +180,10 @@ KAVO_TYPE kavo_node_type(KAVO kavo, KAVO_QUERY_NODE node) {
 KAVO_ERR kavo_node_qdn(KAVO kavo, KAVO_QUERY_NODE node, unsigned char *qdn, unsigned size, unsigned *written) {
   if (written != nullptr) *written = 0;
   if (kavo == nullptr || qdn == nullptr || node == nullptr || size == 0) return KAVOE_BADPAR;
-  if (kavo_srv_is_running(kavo) == 0) return KAVOE_BADPAR;
+  if (kavo_is_foreign(kavo)) return KAVOE_SRV;
+  if (!kavo_is_running(kavo)) return KAVOE_BADPAR;
   kavo_table_guard guard(kavo);
-  if (guard.error != KAVOE_OK) return lock_failed(__func__, guard.error);
+  if (guard.error != KAVOE_OK) return kavo_table_no_lock(kSource, __func__, guard.error);
   if (node->state == KAVOQS_READY || kavo_node_type_of(node) == KAVOT_SYNC) return KAVOE_BADPAR;
   const uint8_t *dn = kavo_node_dn(node);
   const unsigned length = dns_dnlen(dn);

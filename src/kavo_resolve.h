@@ -12,6 +12,9 @@
 // The source name that the three files' log lines carry.
 inline constexpr char KAVO_RESOLVE_SOURCE[] = "kavo_resolve";
 
+// What every subscription says that is refused because the context is not running.
+inline constexpr char KAVO_SUBSCRIBE_STOPPED[] = "Attempt to subscribe query node when server is stopped";
+
 // kavo_answer_iterator_t: a reader's place in a node's answers. It belongs to one thread at a time.
 struct kavo_answer_iterator_t {
   KAVO_QUERY_NODE node;            // the node being read; null while the iterator is not set

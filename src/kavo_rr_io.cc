@@ -350,6 +350,7 @@ KAVO_ERR kavo_rr_write(KAVO_TYPE type, const KAVO_RR *rr, FILE *f) {
   const kavo_rr_layout layout = kavo_rr_layout_of(type);
   if (layout == kavo_rr_layout::none) return KAVOE_FAIL;
   if (f == nullptr || rr == nullptr || rr->rr_mem == nullptr) return KAVOE_BADPAR;
+  const pelk_no_cancel whole;
   const Form &form = kForms[static_cast<size_t>(layout)];
   errno = 0;  // a stream of the host's own may fail without a reason
   return layout == kavo_rr_layout::pkt ? write_packet(f, form, rr->rr_pkt) : write_records(f, form, *rr);
@@ -359,6 +360,7 @@ KAVO_ERR kavo_rr_read(KAVO_TYPE type, KAVO_RR *rr, FILE *f) {
   const kavo_rr_layout layout = kavo_rr_layout_of(type);
   if (layout == kavo_rr_layout::none) return KAVOE_FAIL;
   if (f == nullptr || rr == nullptr) return KAVOE_BADPAR;
+  const pelk_no_cancel whole;
   errno = 0;
   RecordReader reader(f, kForms[static_cast<size_t>(layout)], rr);
   return layout == kavo_rr_layout::pkt ? reader.packet() : reader.records();

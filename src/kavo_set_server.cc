@@ -2,7 +2,6 @@
 //
 // The list is the engine context's; the library keeps no copy. Runs on the host's threads while the context is not
 // open.
-#include <errno.h>
 #include <stdint.h>
 
 #include <dns_engine.h>
@@ -24,17 +23,16 @@ extern "C" {
 
 KAVO_ERR kavo_add_dns_server(KAVO kavo, const char *addr, unsigned port) {
   if (port > kPortMax || kavo == nullptr) return KAVOE_BADPAR;
-  if (!kavo_is_configurable(kavo)) {
-    PELK_WARN(kSource, __func__, "Cannot add DNS server because KAVO is already opened");
-    return KAVOE_SRV;
-  }
+  const KAVO_ERR refused =
+      kavo_check_at_rest(kavo, kSource, __func__, "Cannot add DNS server because KAVO is already opened");
+  if (refused != KAVOE_OK) return refused;
   struct sockaddr_in server = {};
   server.sin_family = AF_INET;
   server.sin_port = htons(static_cast<uint16_t>(port == 0 ? kavo->dns_port : port));
   if (addr != nullptr && dns_pton(AF_INET, addr, &server.sin_addr) <= 0) return KAVOE_BADPAR;
   const auto *entry = addr == nullptr ? nullptr : reinterpret_cast<const struct sockaddr *>(&server);
   if (dns_add_serv_s(kavo->udns_ctx, entry) < 0) {
-    PELK_ERROR(kSource, __func__, errno, KAVOE_DNS, "Unable to add addr: %s", addr == nullptr ? "" : addr);
+    PELK_ERROR(kSource, __func__, 0, KAVOE_DNS, "Unable to add addr: %s", addr == nullptr ? "" : addr);
     return KAVOE_DNS;
   }
   return KAVOE_OK;
@@ -42,6 +40,7 @@ KAVO_ERR kavo_add_dns_server(KAVO kavo, const char *addr, unsigned port) {
 
 KAVO_ERR kavo_get_dns_servers(KAVO kavo, struct sockaddr *serv, unsigned *nserv) {
   if (kavo == nullptr || nserv == nullptr) return KAVOE_BADPAR;
+  if (kavo_is_foreign(kavo)) return KAVOE_SRV;
   constexpr unsigned kEntriesMax = UINT32_MAX / sizeof(struct sockaddr);
   const unsigned capacity = serv == nullptr ? 0 : *nserv;
   auto size = static_cast<unsigned>((capacity < kEntriesMax ? capacity : kEntriesMax) * sizeof(struct sockaddr));

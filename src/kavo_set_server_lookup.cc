@@ -92,7 +92,7 @@ KAVO_ERR lookup_error(KAVO kavo) {
 
 KAVO_ERR empty_list(KAVO kavo) {
   if (dns_add_serv(kavo->udns_ctx, nullptr) == 0) return KAVOE_OK;
-  PELK_ERROR(kSource, kFunction, errno, KAVOE_DNS, "Unable to reset DNS servers list");
+  PELK_ERROR(kSource, kFunction, 0, KAVOE_DNS, "Unable to reset DNS servers list");
   return KAVOE_DNS;
 }
 
@@ -191,16 +191,16 @@ extern "C" {
 
 KAVO_ERR kavo_set_dns_server(KAVO kavo, const char *server_domain, unsigned port, int direct) {
   if (kavo == nullptr || server_domain == nullptr || direct < 0 || port > kPortMax) return KAVOE_BADPAR;
-  if (!kavo_is_configurable(kavo)) {
-    PELK_WARN(kSource, __func__, "Cannot set DNS server because KAVO is already opened");
-    return KAVOE_SRV;
-  }
+  const KAVO_ERR refused =
+      kavo_check_at_rest(kavo, kSource, __func__, "Cannot set DNS server because KAVO is already opened");
+  if (refused != KAVOE_OK) return refused;
+  const pelk_no_cancel whole;
   const in_port_t port_n = htons(static_cast<uint16_t>(port == 0 ? kavo->dns_port : port));
   struct in_addr address = {};
   if (dns_pton(AF_INET, server_domain, &address) > 0) return replace_list(kavo, port_n, {&address, 1});
   Transport transport(kavo->udns_ctx);
   if (!transport.opened()) {
-    PELK_ERROR(kSource, __func__, errno, KAVOE_DNS, "Unable to open DNS transport");
+    PELK_ERROR(kSource, __func__, 0, KAVOE_DNS, "Unable to open DNS transport");
     return KAVOE_DNS;
   }
   return direct != 0 ? set_by_host(kavo, port_n, server_domain, &transport)

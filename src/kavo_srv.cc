@@ -13,12 +13,14 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 
 #include "kavo_dns.h"
 #include "kavo_query_table.h"
 
 namespace {
+
+// The bit of a context's `wake` that tells of a byte in the pipe.
+constexpr uint64_t kInPipe = 1;
 
 // Bytes of the event pipe that are read and forgotten at once.
 constexpr size_t kEventsAtOnce = 1024;
@@ -178,13 +180,12 @@ class IoLoop {
     return ready;
   }
 
-  // drain_pipe empties the pipe, then clears the mark that callers leave. In this order: a caller that finds the mark
-  // set has filed its node before the mark was cleared, and new nodes are looked for after that.
+  // drain_pipe empties the pipe, then advances the word that callers mark (see kavo_wake_server).
   void drain_pipe() {
     uint8_t events[kEventsAtOnce];
     if (read(ctx_->qa_pipe.read_end, events, sizeof events) < 0)
       PELK_WARN(KAVO_SRV_SOURCE, "kavo_ioprocess", "Events pipe reading error.");
-    ctx_->wake_pending.exchange(false, std::memory_order_acq_rel);
+    ctx_->wake.store((ctx_->wake.load() | kInPipe) + 1);
     look_at_clock();  // new questions begin now, whatever the answers before them took
   }
 
@@ -204,7 +205,7 @@ KAVO_ERR submit_node(KAVO ctx, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_ta
   PELK_ASSERT(node->args_count && node->cb_args, KAVO_SRV_SOURCE);
   const KAVO_ERR moved = kavo_table_change_state(ctx, node, target);
   if (moved != KAVOE_OK) {
-    PELK_ERROR(KAVO_SRV_SOURCE, "kavo_srv_add", errno, moved, "Unable to change node state, target state %d", target);
+    PELK_ERROR(KAVO_SRV_SOURCE, "kavo_srv_add", 0, moved, "Unable to change node state, target state %d", target);
     return moved;
   }
   if (target == KAVOQS_ERROR) kavo_table_unsubscribe_node(ctx, node);
@@ -213,10 +214,8 @@ KAVO_ERR submit_node(KAVO ctx, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_ta
 
 KAVO_ERR submit_new_nodes(KAVO ctx) {
   kavo_table_guard guard(ctx);
-  if (guard.error != KAVOE_OK) {
-    PELK_ERROR(KAVO_SRV_SOURCE, "kavo_srv_add", errno, guard.error, "Unable to lock table");
-    return guard.error;
-  }
+  if (guard.error != KAVOE_OK)
+    return kavo_table_no_lock(KAVO_SRV_SOURCE, "kavo_srv_add", guard.error, "Unable to lock table");
   STAT_RANGEITEM cursor = {};
   PSTAT_RANGEITEM list = kavo_table_state_list(ctx, KAVOQS_NEW, &cursor);
   while (kavo_query_node_t *node = kavo_table_list_item(ctx, list)) {
@@ -229,7 +228,7 @@ KAVO_ERR submit_new_nodes(KAVO ctx) {
 // kavo_srv_add takes every new node; false after a failure that ends the thread's loop.
 bool kavo_srv_add(KAVO ctx) {
   if (submit_new_nodes(ctx) == KAVOE_OK) return true;
-  PELK_ERROR(KAVO_SRV_SOURCE, __func__, errno, KAVOE_SRV, "Error occured during new queries addition, terminating");
+  PELK_ERROR(KAVO_SRV_SOURCE, __func__, 0, KAVOE_SRV, "Error occured during new queries addition, terminating");
   return false;
 }
 
@@ -265,6 +264,12 @@ void set_failed(KAVO ctx) {
   kavo_srv_set_state(ctx, KAVOSS_ERROR);
 }
 
+// fail_rest fails what a thread that has failed itself leaves in flight, so that nobody waits for it any more.
+void fail_rest(KAVO ctx) {
+  kavo_table_guard guard(ctx);
+  if (guard.error == KAVOE_OK) static_cast<void>(kavo_table_fail_nodes(ctx));
+}
+
 // finish answers kavo_close.
 void finish(KAVO ctx) {
   pelk_lock lock(&ctx->mx_srvstate);
@@ -277,23 +282,54 @@ void finish(KAVO ctx) {
 
 }  // namespace
 
+// A run is over for subscribers when it leaves RUNNING: those who wait for a permit are sent away then.
 void kavo_srv_set_state(KAVO ctx, KAVO_SRV_STATE state) {
-  if (ctx->srvstate_chg_cb != nullptr)
-    ctx->srvstate_chg_cb(ctx, ctx->srvstate.load(), state, ctx->srvstate_chg_cb_uctx);
+  const KAVO_SRV_STATE before = ctx->srvstate.load();
+  if (ctx->srvstate_chg_cb != nullptr) ctx->srvstate_chg_cb(ctx, before, state, ctx->srvstate_chg_cb_uctx);
   ctx->srvstate.store(state);
+  if (before == KAVOSS_RUNNING) pelk_sem_interrupt(&ctx->sem_free_node);
 }
 
 int kavo_srv_is_running(KAVO kavo) {
-  return kavo != nullptr && kavo->srvstate.load() == KAVOSS_RUNNING ? 1 : 0;
+  return kavo != nullptr && kavo_is_running(kavo) ? 1 : 0;
+}
+
+bool kavo_send_event(KAVO ctx) {
+  const pelk_no_cancel whole;
+  const uint8_t event = 0;
+  ssize_t written = 0;
+  do {
+    written = write(ctx->qa_pipe.write_end, &event, sizeof event);
+  } while (written < 0 && errno == EINTR);
+  return written == sizeof event;
+}
+
+// kavo_wake_server writes a byte to the event pipe, unless one is there. The server empties the pipe, then advances
+// `wake` to the next even value, then looks for new nodes with mx_table held.
+//
+// A mark is set after its byte was written, and only on the value that was there before: who finds one relies on a byte
+// that really is, or was, in the pipe, whatever has become of the thread that wrote it. If it is there, the server will
+// wake. If the server has taken it out, it has yet to advance the word, since that takes the mark away; so it has yet
+// to look for nodes too, and the caller's is filed: had the server looked before that, the caller, who took mx_table
+// after it, would have seen the word advanced. A mark that cannot be set, since the server has advanced the word
+// meanwhile, leaves a byte without one: a spare wake-up.
+bool kavo_wake_server(KAVO ctx) {
+  uint64_t seen = ctx->wake.load();
+  if ((seen & kInPipe) != 0) return true;
+  if (!kavo_send_event(ctx)) return false;
+  ctx->wake.compare_exchange_strong(seen, seen | kInPipe);
+  return true;
 }
 
 void *kavo_srv(void *context) {
   KAVO ctx = static_cast<KAVO>(context);
   if (!begin(ctx)) return nullptr;
   IoLoop loop(ctx);
-  if (!serve(ctx, &loop)) set_failed(ctx);
+  const bool served = serve(ctx, &loop);
+  if (!served) set_failed(ctx);
   // The questions in flight still get their answers; a failure here has been logged and changes nothing.
   if (ctx->close_fast == 0) static_cast<void>(loop.run(Mode::closing));
+  if (!served) fail_rest(ctx);
   kavo_table_broadcast(ctx);
   finish(ctx);
   return nullptr;

@@ -89,7 +89,7 @@ kavo_cb_arg *own_arg(const struct dns_query *qh) {
 void not_in_cache(KAVO ctx, kavo_cb_arg *arg) {
   kavo_table_guard guard(ctx);
   if (guard.error != KAVOE_OK) {
-    PELK_ERROR(KAVO_SRV_SOURCE, "kavo_srv_dbgcb", 0, guard.error, "Unable to lock table");
+    kavo_table_no_lock(KAVO_SRV_SOURCE, "kavo_srv_dbgcb", guard.error, "Unable to lock table");
     return;
   }
   if (arg->node->state > KAVOQS_SUBMITTED) return;
@@ -193,7 +193,7 @@ void kavo_srv_cb(struct dns_ctx *dnsctx, struct dns_query *qh, void *r, unsigned
   fill_answer(ctx, arg, r);
   kavo_table_guard guard(ctx);
   if (guard.error != KAVOE_OK) {
-    PELK_ERROR(KAVO_SRV_SOURCE, __func__, 0, guard.error, "Unable to lock table");
+    kavo_table_no_lock(KAVO_SRV_SOURCE, __func__, guard.error, "Unable to lock table");
     return;
   }
   count_answer(ctx, arg);
@@ -218,7 +218,7 @@ void kavo_srv_dccb(struct dns_ctx *, struct dns_query *qh, int code, void *, voi
   KAVO ctx = arg->node->ctx;
   kavo_table_guard guard(ctx);
   if (guard.error != KAVOE_OK) {
-    PELK_ERROR(KAVO_SRV_SOURCE, __func__, 0, guard.error, "Unable to lock table");
+    kavo_table_no_lock(KAVO_SRV_SOURCE, __func__, guard.error, "Unable to lock table");
     return;
   }
   if (arg->node->state <= KAVOQS_WAIT) move_unanswered(ctx, arg->node, KAVOQS_DCFAIL, __func__);

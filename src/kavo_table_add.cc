@@ -16,6 +16,7 @@ namespace {
 
 constexpr char kSource[] = "kavo_query_table";
 constexpr char kAdd[] = "kavo_table_add";  // the operation that every line logged here belongs to
+constexpr char kNoLock[] = "Unable to lock table";
 
 // Additions since the last line of statistics that make another one due: more than kStatFew, and a tenth of the total
 // at the last line; or more than kStatMany whatever that total was.
@@ -28,6 +29,7 @@ struct Question {
   KAVO_TYPE type;
   uint32_t flags;
   uint32_t hash;
+  uint32_t run;  // in which it is asked
   uint16_t key_size;
   uint8_t key[KAVO_KEY_SIZE_MAX];
 };
@@ -83,7 +85,7 @@ KAVO_ERR insert_node(KAVO ctx, const Question &question, kavo_query_state state,
   fresh->hashitem = shash_insert(&ctx->query_table, place, question.key_size, question.hash, range);
   if (fresh->hashitem == nullptr) {
     kavo_table_put_block(ctx, fresh, question.key_size);
-    PELK_ERROR(kSource, kAdd, errno, KAVOE_FAIL, "Node insertion error");
+    PELK_ERROR(kSource, kAdd, 0, KAVOE_FAIL, "Node insertion error");
     return KAVOE_FAIL;
   }
   *node = fresh;
@@ -156,16 +158,23 @@ bool try_permit(KAVO ctx) {
   return pelk_sem_wait_deadline(&ctx->sem_free_node, &past) == 0;
 }
 
-KAVO_ERR wait_permit(KAVO ctx, const struct timeval *deadline) {
-  const int error =
-      deadline != nullptr ? pelk_sem_wait_deadline(&ctx->sem_free_node, deadline) : pelk_sem_wait(&ctx->sem_free_node);
+// wait_permit takes a permit when one becomes free. KAVOE_SRV when the run ends before.
+KAVO_ERR wait_permit(KAVO ctx, const struct timeval *deadline, uint32_t run) {
+  const int error = pelk_sem_wait_epoch(&ctx->sem_free_node, deadline, run);
   if (error == 0) return KAVOE_OK;
+  if (error == ECANCELED) return KAVOE_SRV;
   if (error == PELK_TIMEDOUT) {
     ctx->table_dropped.fetch_add(1, std::memory_order_relaxed);
     return KAVOE_TIMEOUT;
   }
-  PELK_ERROR(kSource, kAdd, errno, KAVOE_THR, "Semaphore waiting error");
+  PELK_ERROR(kSource, kAdd, error, KAVOE_THR, "Semaphore waiting error");
   return KAVOE_THR;
+}
+
+// is_on returns whether the run that a subscription began in is still on. Who has seen that with the lock held adds its
+// node before the run's end fails what is left; zones and servers are what they were.
+bool is_on(KAVO ctx, uint32_t run) PELK_REQUIRES(ctx->mx_table) {
+  return ctx->srvstate.load() == KAVOSS_RUNNING && kavo_table_run(ctx) == run;
 }
 
 // What became of a question: it joined a node that was in use, has a new one, or must wait for a permit.
@@ -174,11 +183,9 @@ enum class Added { joined, taken, full, failed };
 // add_at_once serves a question that needs no wait: its node is in use, or a permit is free.
 Added add_at_once(KAVO ctx, const Question &question, kavo_query_node_t **node, KAVO_ERR *error) {
   kavo_table_guard guard(ctx);
-  if (guard.error != KAVOE_OK) {
-    PELK_ERROR(kSource, kAdd, errno, guard.error, "Unable to lock table");
-    *error = guard.error;
-    return Added::failed;
-  }
+  *error = guard.error != KAVOE_OK ? kavo_table_no_lock(kSource, kAdd, guard.error, kNoLock) : KAVOE_OK;
+  if (*error == KAVOE_OK && !is_on(ctx, question.run)) *error = KAVOE_SRV;
+  if (*error != KAVOE_OK) return Added::failed;
   ctx->table_motion++;
   kavo_query_node_t *found = find_node(ctx, question);
   if (join_node(ctx, found)) {
@@ -195,10 +202,10 @@ Added add_at_once(KAVO ctx, const Question &question, kavo_query_node_t **node, 
 // add_with_permit serves a question after the wait for its permit. Another caller may have asked it meanwhile.
 Added add_with_permit(KAVO ctx, const Question &question, kavo_query_node_t **node, KAVO_ERR *error) {
   kavo_table_guard guard(ctx);
-  if (guard.error != KAVOE_OK) {
-    PELK_ERROR(kSource, kAdd, errno, guard.error, "Unable to lock table");
+  *error = guard.error != KAVOE_OK ? kavo_table_no_lock(kSource, kAdd, guard.error, kNoLock) : KAVOE_OK;
+  if (*error == KAVOE_OK && !is_on(ctx, question.run)) *error = KAVOE_SRV;
+  if (*error != KAVOE_OK) {
     pelk_sem_post(&ctx->sem_free_node);
-    *error = guard.error;
     return Added::failed;
   }
   ctx->table_nfree--;
@@ -212,24 +219,10 @@ Added add_with_permit(KAVO ctx, const Question &question, kavo_query_node_t **no
   return *error == KAVOE_OK ? Added::taken : Added::failed;
 }
 
-// wake_server writes a byte to the event pipe, unless one is there that the server thread has yet to answer: it clears
-// the mark after it has emptied the pipe and before it looks for new nodes.
-bool wake_server(KAVO ctx) {
-  if (ctx->wake_pending.exchange(true, std::memory_order_acq_rel)) return true;
-  const uint8_t event = 0;
-  ssize_t written = 0;
-  do {
-    written = write(ctx->qa_pipe.write_end, &event, sizeof event);
-  } while (written < 0 && errno == EINTR);
-  if (written == sizeof event) return true;
-  ctx->wake_pending.store(false, std::memory_order_release);
-  return false;
-}
-
 // announce wakes the server thread for a new node. A node that cannot be announced stays the server's, which submits it
 // when it next wakes; the caller's hold is dropped.
 KAVO_ERR announce(KAVO ctx, kavo_query_node_t *node) {
-  if (wake_server(ctx)) return KAVOE_OK;
+  if (kavo_wake_server(ctx)) return KAVOE_OK;
   PELK_ERROR(kSource, kAdd, errno, KAVOE_FAIL, "Unable to send event to a server via pipe");
   kavo_table_guard guard(ctx);
   if (guard.error == KAVOE_OK) kavo_table_unsubscribe_node(ctx, node);
@@ -239,11 +232,12 @@ KAVO_ERR announce(KAVO ctx, kavo_query_node_t *node) {
 }  // namespace
 
 KAVO_ERR kavo_table_add(KAVO ctx, KAVO_TYPE type, const unsigned char *dn, const kavo_sa *serv, unsigned nserv,
-                        const struct timeval *deadline, unsigned flags, KAVO_QUERY_NODE *query_node) {
+                        const struct timeval *deadline, unsigned flags, uint32_t run, KAVO_QUERY_NODE *query_node) {
   if (query_node == nullptr || ctx == nullptr || dn == nullptr || !is_addable(type)) return KAVOE_BADPAR;
   Question question;
   question.type = type;
   question.flags = flags;
+  question.run = run;
   if (!build_key(dn, serv, nserv, &question)) return KAVOE_BADPAR;
   question.hash = hash_key(ctx, question);
   *query_node = nullptr;
@@ -251,7 +245,7 @@ KAVO_ERR kavo_table_add(KAVO ctx, KAVO_TYPE type, const unsigned char *dn, const
   KAVO_ERR error = KAVOE_OK;
   Added added = add_at_once(ctx, question, &node, &error);
   if (added == Added::full) {
-    error = wait_permit(ctx, deadline);
+    error = wait_permit(ctx, deadline, run);
     if (error != KAVOE_OK) return error;
     added = add_with_permit(ctx, question, &node, &error);
   }

@@ -2,10 +2,9 @@
 //
 // Runs on the host's threads, any number at once. Every wait sleeps on the query table's one condition, with the lock
 // released, until a node that it waits for, or one with the same bit, has come to a state that somebody waits for; it
-// then looks at its own nodes again. A sync node that ends a wait is armed again in the same locked step, so that one
-// signal ends one wait.
-#include <errno.h>
-
+// then looks at its own nodes again. While a thread waits for a list every change of every node counts: the host may
+// add to the list meanwhile. A sync node that ends a wait is armed again in the same locked step, so that one signal
+// ends one wait.
 #include <array>
 #include <span>
 
@@ -17,6 +16,8 @@
 namespace {
 
 constexpr auto &kSource = KAVO_RESOLVE_SOURCE;
+constexpr char kStopped[] = "Attempt to wait answer when server is stopped";
+constexpr char kNoLock[] = "Unable to lock queries table";
 
 // The least states that satisfy the levels, from KAVOWT_NONE up.
 constexpr std::array<kavo_query_state, KAVOWT_FULL - KAVOWT_NONE + 1> kLevelStates = {
@@ -47,9 +48,11 @@ struct Wanted {
   unsigned count;  // the nodes that must satisfy the state when `full`
 };
 
-// ArrayNodes and ListNodes show the nodes of the two kinds of waits: first and next return false past the last one.
+// ArrayNodes and ListNodes show the nodes of the two kinds of waits: first and next return false past the last one. A
+// list is the host's, which may show other nodes at each look, and more or fewer than it counts.
 class ArrayNodes {
  public:
+  static constexpr bool kSettled = true;
   explicit ArrayNodes(std::span<KAVO_QUERY_NODE> nodes) : nodes_(nodes) {}
   [[nodiscard]] bool first(KAVO_QUERY_NODE *node) {
     at_ = 0;
@@ -68,6 +71,7 @@ class ArrayNodes {
 
 class ListNodes {
  public:
+  static constexpr bool kSettled = false;
   explicit ListNodes(const KAVO_NODELIST_ITERATOR *list) : list_(list) {}
   [[nodiscard]] bool first(KAVO_QUERY_NODE *node) {
     list_->rewind(list_->ctx);
@@ -83,8 +87,9 @@ class ListNodes {
   const KAVO_NODELIST_ITERATOR *list_;
 };
 
-// scan looks at the nodes until it knows whether the wait is over. A wait for any goes on with all of them, a wait for
-// all with the last one that it lacks: it cannot end before that one has come, and then most others have.
+// scan looks at the nodes until it knows whether the wait is over. A wait for any of an array goes on with all of them,
+// a wait for all with the last one that it lacks: it cannot end before that one has come, and then most others have. A
+// wait for a list goes on with every node there is.
 template <typename Nodes>
 [[nodiscard]] Scan scan(KAVO kavo, Nodes *nodes, const Wanted &wanted) PELK_REQUIRES(kavo->mx_table) {
   Scan result;
@@ -97,7 +102,7 @@ template <typename Nodes>
       return result;
     }
     if (node->state < wanted.state) {
-      if (!wanted.full) result.bits |= kavo_table_expect(kavo, node, wanted.state);
+      if (Nodes::kSettled && !wanted.full) result.bits |= kavo_table_expect(kavo, node, wanted.state);
       lacking = node;
       continue;
     }
@@ -109,9 +114,10 @@ template <typename Nodes>
     ++satisfied;
   }
   result.over = wanted.full && satisfied >= wanted.count;
-  if (!result.over && wanted.full && lacking != nullptr) result.bits = kavo_table_expect(kavo, lacking, wanted.state);
-  // A list of the host's may show fewer nodes than it counts, and none that is lacking.
-  if (lacking == nullptr) result.bits = PELK_ALL_BITS;
+  if (!Nodes::kSettled)
+    result.bits = PELK_ALL_BITS;
+  else if (!result.over && wanted.full)
+    result.bits = kavo_table_expect(kavo, lacking, wanted.state);
   return result;
 }
 
@@ -120,7 +126,7 @@ template <typename Nodes>
 [[nodiscard]] KAVO_ERR rearm(KAVO kavo, KAVO_QUERY_NODE node, const char *function) PELK_REQUIRES(kavo->mx_table) {
   if (node == nullptr || node->state != KAVOQS_SYNCSIG) return KAVOE_OK;
   const KAVO_ERR error = kavo_table_change_state(kavo, node, KAVOQS_SYNCWAIT);
-  if (error != KAVOE_OK) PELK_ERROR(kSource, function, errno, error, "Error occured while sync node state changing");
+  if (error != KAVOE_OK) PELK_ERROR(kSource, function, 0, error, "Error occured while sync node state changing");
   return error;
 }
 
@@ -139,7 +145,7 @@ template <typename Nodes>
     PELK_REQUIRES(kavo->mx_table) {
   const KAVO_ERR error = kavo_table_wait(kavo, deadline, bits);
   if (error != KAVOE_OK && error != KAVOE_TIMEOUT) {
-    PELK_ERROR(kSource, function, errno, error, "Error occured while waiting of table state changing");
+    PELK_ERROR(kSource, function, 0, error, "Error occured while waiting of table state changing");
   }
   return error;
 }
@@ -151,7 +157,7 @@ template <typename Nodes>
   for (;;) {
     const Scan result = scan(kavo, nodes, wanted);
     if (result.invalid) {
-      PELK_ERROR(kSource, function, errno, 0, "One of the passed nodes is not subscribed");
+      PELK_ERROR(kSource, function, 0, 0, "One of the passed nodes is not subscribed");
       return KAVOE_BADPAR;
     }
     if (result.over) {
@@ -180,15 +186,10 @@ extern "C" {
 
 KAVO_ERR kavo_wait_node(KAVO kavo, KAVO_QUERY_NODE node, KAVO_WAIT_LEVEL wait_level, const struct timeval *deadline) {
   if (!valid_level(wait_level) || node == nullptr || kavo == nullptr) return KAVOE_BADPAR;
-  if (kavo_srv_is_running(kavo) == 0) {
-    PELK_INFO(kSource, __func__, "Attempt to wait answer when server is stopped");
-    return KAVOE_SRV;
-  }
+  const KAVO_ERR refused = kavo_check_running(kavo, kSource, __func__, kStopped);
+  if (refused != KAVOE_OK) return refused;
   kavo_table_guard guard(kavo);
-  if (guard.error != KAVOE_OK) {
-    PELK_ERROR(kSource, __func__, errno, guard.error, "Unable to lock query table");
-    return guard.error;
-  }
+  if (guard.error != KAVOE_OK) return kavo_table_no_lock(kSource, __func__, guard.error);
   if (node->state == KAVOQS_READY) return KAVOE_BADPAR;
   const kavo_query_state wanted = kavo_wltoqs(wait_level);
   while (node->state < wanted && node->state != KAVOQS_READY) {
@@ -202,15 +203,11 @@ KAVO_ERR kavo_wait_multiple_nodes(KAVO kavo, KAVO_QUERY_NODE *nodes, int len, KA
                                   const struct timeval *deadline, KAVO_QUERY_NODE *resolved) {
   if (resolved != nullptr) *resolved = nullptr;
   if (nodes == nullptr || kavo == nullptr || !valid_level(wait_level) || len < 1) return KAVOE_BADPAR;
-  if (kavo_srv_is_running(kavo) == 0) {
-    PELK_INFO(kSource, __func__, "Attempt to wait multiple nodes while server is stopped");
-    return KAVOE_SRV;
-  }
+  const KAVO_ERR refused =
+      kavo_check_running(kavo, kSource, __func__, "Attempt to wait multiple nodes while server is stopped");
+  if (refused != KAVOE_OK) return refused;
   kavo_table_guard guard(kavo);
-  if (guard.error != KAVOE_OK) {
-    PELK_ERROR(kSource, __func__, errno, guard.error, "Unable to lock queries table");
-    return guard.error;
-  }
+  if (guard.error != KAVOE_OK) return kavo_table_no_lock(kSource, __func__, guard.error, kNoLock);
   const auto count = static_cast<unsigned>(len);
   ArrayNodes array(std::span(nodes, count));
   const Wanted wanted = {.state = kavo_wltoqs(wait_level), .full = full != 0, .count = count};
@@ -224,17 +221,14 @@ KAVO_ERR kavo_wait_multiple_nodes(KAVO kavo, KAVO_QUERY_NODE *nodes, int len, KA
 KAVO_ERR kavo_wait_nodelist(KAVO kavo, KAVO_NODELIST_ITERATOR *iterator, KAVO_WAIT_LEVEL wait_level, int full,
                             const struct timeval *deadline) {
   if (!complete(iterator) || !valid_level(wait_level) || kavo == nullptr) return KAVOE_BADPAR;
+  const pelk_no_cancel whole;
   const unsigned count = iterator->count(iterator->ctx);
   if (count == 0) return KAVOE_BADPAR;
-  if (kavo_srv_is_running(kavo) == 0) {
-    PELK_INFO(kSource, __func__, "Attempt to wait answer when server is stopped");
-    return KAVOE_SRV;
-  }
+  const KAVO_ERR refused = kavo_check_running(kavo, kSource, __func__, kStopped);
+  if (refused != KAVOE_OK) return refused;
   kavo_table_guard guard(kavo);
-  if (guard.error != KAVOE_OK) {
-    PELK_ERROR(kSource, __func__, errno, guard.error, "Unable to lock queries table");
-    return guard.error;
-  }
+  if (guard.error != KAVOE_OK) return kavo_table_no_lock(kSource, __func__, guard.error, kNoLock);
+  const kavo_list_wait waits(kavo);
   ListNodes list(iterator);
   const Wanted wanted = {.state = kavo_wltoqs(wait_level), .full = full != 0, .count = count};
   KAVO_QUERY_NODE satisfied = nullptr;

@@ -3,7 +3,7 @@
 // A zones file is a sequence of sections: a header line ("#IP", "#DOMAIN_TXT", ...) that names a list type, one zone a
 // line, and an empty line that ends the section. There are no comments: every line that begins with "#" is a header.
 // Loading replaces the whole map; a load that fails leaves the map released. Runs on the host's threads while the
-// context is not open, without a lock.
+// context is at rest, without a lock.
 #include "kavo_zonesmap.h"
 
 #include <errno.h>
@@ -22,6 +22,7 @@
 namespace {
 
 constexpr char kSource[] = "kavo_zonesmap";
+constexpr char kInitOpened[] = "Cannot initialize zonesmap because KAVO is already opened";
 constexpr char kGlobalLookup[] = "GLOBAL LOOKUP";
 
 // The longest name that kavo_add_zone takes, in characters: with its newline it fills the loader's line to the byte.
@@ -275,23 +276,27 @@ extern "C" {
 
 KAVO_ERR kavo_zonesmap_init(KAVO kavo) {
   if (kavo == nullptr || kavo->max_zones < 1) return KAVOE_BADPAR;
+  const KAVO_ERR refused = kavo_check_at_rest(kavo, kSource, __func__, kInitOpened);
+  if (refused != KAVOE_OK) return refused;
   return kavo_zonesmap_init_ordinary(&kavo->zonesmap, kavo->max_zones);
 }
 
 void kavo_free_zones(KAVO kavo) {
-  if (kavo != nullptr) kavo_zonesmap_free(&kavo->zonesmap);
+  if (kavo == nullptr) return;
+  if (kavo_check_at_rest(kavo, kSource, __func__, "Cannot free zones because KAVO is already opened") != KAVOE_OK)
+    return;
+  kavo_zonesmap_free(&kavo->zonesmap);
 }
 
 KAVO_ERR kavo_zonesmap_init_cfg(KAVO kavo, const char *zones_file_path) {
   if (kavo == nullptr || zones_file_path == nullptr || zones_file_path[0] == '\0') return KAVOE_BADPAR;
-  if (!kavo_is_configurable(kavo)) {
-    PELK_WARN(kSource, __func__, "Cannot initialize zonesmap because KAVO is already opened");
-    return KAVOE_SRV;
-  }
-  KAVO_ERR error = kavo_zonesmap_init(kavo);
+  const KAVO_ERR refused = kavo_check_at_rest(kavo, kSource, __func__, kInitOpened);
+  if (refused != KAVOE_OK) return refused;
+  const pelk_no_cancel whole;
+  KAVO_ERR error = kavo_zonesmap_init_ordinary(&kavo->zonesmap, kavo->max_zones);
   if (error != KAVOE_OK) return error;
 
-  const File file(fopen(zones_file_path, "re"));
+  const File file(pelk_fopen(zones_file_path, pelk_file_mode::read));
   if (file == nullptr) {
     PELK_INFO(kSource, __func__, "Unable to open zones config file");
     error = KAVOE_FILE;
@@ -305,7 +310,9 @@ KAVO_ERR kavo_zonesmap_init_cfg(KAVO kavo, const char *zones_file_path) {
 
 KAVO_ERR kavo_zonesmap_save_cfg(KAVO kavo, const char *zones_file_path) {
   if (kavo == nullptr || zones_file_path == nullptr || zones_file_path[0] == '\0') return KAVOE_BADPAR;
-  File file(fopen(zones_file_path, "we"));
+  if (kavo_is_foreign(kavo)) return KAVOE_SRV;
+  const pelk_no_cancel whole;
+  File file(pelk_fopen(zones_file_path, pelk_file_mode::write));
   if (file == nullptr) return KAVOE_FILE;
   bool written = true;
   for (unsigned i = 0; i < kTypeNames.size() && written; ++i) {
@@ -318,17 +325,20 @@ KAVO_ERR kavo_zonesmap_save_cfg(KAVO kavo, const char *zones_file_path) {
 KAVO_ERR kavo_add_zone(KAVO kavo, KAVO_TYPE type, const char *zone) {
   if (kavo == nullptr || zone == nullptr || zone[0] == '\0' || !kavo_zonesmap_is_list(type)) return KAVOE_BADPAR;
   if (strnlen(zone, kZoneMax + 1) > kZoneMax) return KAVOE_BADPAR;
+  const KAVO_ERR refused =
+      kavo_check_at_rest(kavo, kSource, __func__, "Cannot add zone because KAVO is already opened");
+  if (refused != KAVOE_OK) return refused;
   return kavo_zonesmap_add_zone(&kavo->zonesmap, kavo->max_zones, type, zone);
 }
 
 const char *kavo_zonesmap_zone(KAVO kavo, int zone) {
-  if (kavo == nullptr || zone < 0 || zone >= kavo->zonesmap.zones_count) return nullptr;
+  if (kavo == nullptr || kavo_is_foreign(kavo) || zone < 0 || zone >= kavo->zonesmap.zones_count) return nullptr;
   return kavo->zonesmap.prefixes[zone];
 }
 
 KAVO_ERR kavo_zonesmap_zone_cpy(KAVO kavo, int zone, char *buf, int buflen) {
   const char *name = kavo_zonesmap_zone(kavo, zone);
-  if (name == nullptr) return KAVOE_BADPAR;
+  if (name == nullptr) return kavo != nullptr && kavo_is_foreign(kavo) ? KAVOE_SRV : KAVOE_BADPAR;
   const size_t size = strlen(name) + 1;
   if (buflen < 0 || static_cast<size_t>(buflen) < size) {
     PELK_INFO(kSource, __func__, "Not enough memory to copy zone");

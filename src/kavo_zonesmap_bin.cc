@@ -188,12 +188,14 @@ class MapReader {
 extern "C" {
 
 kavo_zonesmap *kavo_get_zonesmap(KAVO kavo) {
-  return kavo == nullptr ? nullptr : &kavo->zonesmap;
+  return kavo == nullptr || kavo_is_foreign(kavo) ? nullptr : &kavo->zonesmap;
 }
 
 KAVO_ERR kavo_zonesmap_save_bin(KAVO kavo, kavo_zonesmap *zonesmap, FILE *zones_file_bin) {
   if (kavo == nullptr || zonesmap == nullptr || zones_file_bin == nullptr) return KAVOE_BADPAR;
+  if (kavo_is_foreign(kavo)) return KAVOE_SRV;
   if (zonesmap->initialized == 0) return KAVOE_BADPAR;
+  const pelk_no_cancel whole;
   errno = 0;  // a stream of the host's own may fail without a reason
   return save(zones_file_bin, zonesmap);
 }
@@ -202,7 +204,11 @@ KAVO_ERR kavo_zonesmap_init_bin(KAVO kavo, kavo_zonesmap *zonesmap, FILE *zones_
   if (kavo == nullptr || zones_file_bin == nullptr || kavo->max_zones < 1) return KAVOE_BADPAR;
   // A map of another context would get lists of this one's length, which the other would write beyond.
   if (zonesmap != &kavo->zonesmap) return KAVOE_BADPAR;
-  KAVO_ERR error = kavo_zonesmap_init_ordinary(zonesmap, kavo->max_zones);
+  KAVO_ERR error =
+      kavo_check_at_rest(kavo, kSource, __func__, "Cannot initialize zonesmap because KAVO is already opened");
+  if (error != KAVOE_OK) return error;
+  const pelk_no_cancel whole;
+  error = kavo_zonesmap_init_ordinary(zonesmap, kavo->max_zones);
   if (error != KAVOE_OK) return error;
   errno = 0;
   error = MapReader(zones_file_bin, zonesmap, kavo->max_zones).read();

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -136,9 +137,17 @@ TEST(Memory, AContextThatFailedForWantOfItIsConfiguredAndOpenedAgain) {
   const Silence silence;
   KAVO kavo = make(kQuestions, silence.port());
   nothing_grows = true;  // the list of sockets, for one
-  const std::vector<KAVO_QUERY_NODE> lost = ask(kavo, kQuestions);
-  for (int i = 0; i < 10'000 && kavo_srv_is_running(kavo) != 0; ++i)
-    usleep(1000);
+  std::vector<KAVO_QUERY_NODE> lost = ask(kavo, kQuestions);
+  // Neither who waits for an answer nor who waits for room is left behind by the thread that fails.
+  std::thread asker(
+      [&] { (void)kavo_wait_multiple_nodes(kavo, lost.data(), kQuestions, KAVOWT_FULL, 1, nullptr, nullptr); });
+  std::thread guest([&] {
+    KAVO_QUERY_NODE none = nullptr;
+    EXPECT_EQ(kavo_subscribe_syncnode(kavo, nullptr, &none), KAVOE_SRV);
+  });
+  asker.join();
+  guest.join();
+  EXPECT_EQ(kavo_srv_is_running(kavo), 0);
   nothing_grows = false;
   EXPECT_EQ(kavo_set_dns_server(kavo, "no..name", 0, 1), KAVOE_BADPAR);
   ASSERT_EQ(kavo_open(kavo), KAVOE_OK);

@@ -103,13 +103,15 @@ struct HostList {
   std::vector<KAVO_QUERY_NODE> nodes;
   unsigned claimed = 2;  // what count() says
   size_t at = 0;
+  std::atomic<size_t> shown = SIZE_MAX;  // nodes at most that it lets be seen
 
   static HostList &of(void *list) { return *static_cast<HostList *>(list); }
   KAVO_NODELIST_ITERATOR iterator() {
     return {this, [](void *list) { return of(list).claimed; }, [](void *list) { of(list).at = 0; },
-            [](void *list) { return ++of(list).at < of(list).nodes.size() ? 1 : 0; },
-            [](void *list) { return of(list).at < of(list).nodes.size() ? of(list).nodes[of(list).at] : nullptr; }};
+            [](void *list) { return ++of(list).at < of(list).size() ? 1 : 0; },
+            [](void *list) { return of(list).at < of(list).size() ? of(list).nodes[of(list).at] : nullptr; }};
   }
+  [[nodiscard]] size_t size() const { return std::min(nodes.size(), shown.load()); }
 };
 
 TEST_F(PendingTest, ArrayWaitTakesEverySignalAListWaitOne) {
@@ -154,6 +156,43 @@ TEST_F(PendingTest, ArrayWaitTakesEverySignalAListWaitOne) {
   EXPECT_EQ(kavo_wait_nodelist(host_, &iterator, KAVOWT_FULL, 0, Deadline(kLongMs)), KAVOE_BADPAR);
   KAVO_QUERY_NODE holed[]{bell, nullptr};
   EXPECT_EQ(kavo_wait_multiple_nodes(host_, holed, 2, KAVOWT_FULL, 1, Deadline(kLongMs), nullptr), KAVOE_BADPAR);
+}
+
+TEST_F(PendingTest, AListWaitEndsWhateverNodeOfTheListEndsIt) {
+  host_.open();
+  Node bell(host_), whistle(host_), horn(host_);
+  // More than it counts, of which the last one never comes; and one that grows while it is waited for.
+  HostList surplus, growing;
+  surplus.nodes = growing.nodes = {bell, whistle, horn};
+  growing.shown = 1;
+  KAVO_NODELIST_ITERATOR two_of_three = surplus.iterator(), any = growing.iterator();
+  const auto wait = [this](KAVO_NODELIST_ITERATOR *list, int full) {
+    EXPECT_EQ(kavo_wait_nodelist(host_, list, KAVOWT_FULL, full, Deadline(kLongMs)), KAVOE_OK);
+  };
+  // Time for the waiters to sleep; one that comes later finds what it waits for.
+  const auto later = [] { std::this_thread::sleep_for(std::chrono::milliseconds(kShortMs)); };
+  std::thread all_waiter(wait, &two_of_three, 1);
+  later();
+  for (KAVO_QUERY_NODE node : {surplus.nodes[0], surplus.nodes[1]})
+    EXPECT_EQ(kavo_signal_syncnode(host_, node), KAVOE_OK);
+  all_waiter.join();
+  std::thread any_waiter(wait, &any, 0);
+  later();
+  growing.shown = 3;
+  EXPECT_EQ(kavo_signal_syncnode(host_, horn), KAVOE_OK);
+  any_waiter.join();
+}
+
+TEST_F(PendingTest, OnlyAHoldOfTheCallersOwnIsDropped) {
+  host_.open();
+  KAVO_QUERY_NODE node = nullptr;
+  ASSERT_EQ(kavo_subscribe_node_p(host_, KAVOT_BL_IP, "192.0.2.1", 0, nullptr, &node), KAVOE_OK);
+  ASSERT_EQ(kavo_wait_node(host_, node, KAVOWT_NONE, Deadline(kLongMs)), KAVOE_OK);
+  EXPECT_EQ(kavo_unsubscribe_node(host_, node), KAVOE_OK);
+  EXPECT_EQ(kavo_unsubscribe_node(host_, node), KAVOE_BADPAR) << "the one that is left is the server thread's";
+  EXPECT_EQ(kavo_nactive(host_), 1u);
+  Node again(host_, KAVOT_BL_IP, "192.0.2.1");
+  EXPECT_EQ(static_cast<KAVO_QUERY_NODE>(again), node) << "which it still is";
 }
 
 TEST_F(NodesTest, FullTableMakesOthersWaitUntilTheirDeadline) {

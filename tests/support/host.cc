@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <charconv>
@@ -248,6 +249,40 @@ uint64_t ListServer::received() {
     std::this_thread::sleep_for(kStep);
   }
   throw std::runtime_error("the list server does not tell its counts");
+}
+
+HandServer::HandServer() : socket_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+  sockaddr_in address = loopback(0);
+  socklen_t size = sizeof address;
+  if (bind(socket_, reinterpret_cast<sockaddr *>(&address), size) != 0 ||
+      getsockname(socket_, reinterpret_cast<sockaddr *>(&address), &size) != 0)
+    throw std::runtime_error("no socket");
+  const timeval bound{kLongMs / 1000, 0};
+  setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof bound);
+  port_ = ntohs(address.sin_port);
+}
+
+HandServer::~HandServer() {
+  close(socket_);
+}
+
+HandServer::Query HandServer::receive() const {
+  Query query{std::vector<uint8_t>(DNS_MAXPACKET), {}};
+  socklen_t size = sizeof query.from;
+  const ssize_t got =
+      recvfrom(socket_, query.packet.data(), query.packet.size(), 0, reinterpret_cast<sockaddr *>(&query.from), &size);
+  query.packet.resize(got > 0 ? static_cast<size_t>(got) : 0);
+  return query;
+}
+
+void HandServer::deny(const Query &query) const {
+  constexpr uint8_t kResponse = 0x80, kNxdomain = 3;
+  std::vector<uint8_t> packet = query.packet;
+  packet.at(2) |= kResponse;
+  packet.at(3) = kNxdomain;
+  EXPECT_EQ(sendto(socket_, packet.data(), packet.size(), 0, reinterpret_cast<const sockaddr *>(&query.from),
+                   sizeof query.from),
+            static_cast<ssize_t>(packet.size()));
 }
 
 void HostTest::SetUp() {

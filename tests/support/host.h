@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 #include <kavo.h>
 
+#include <netinet/in.h>
+
 #include <cstdint>
 #include <mutex>
 #include <optional>
@@ -129,6 +131,27 @@ class ListServer {
   Process process_;
   uint16_t port_ = 0;
   size_t asked_ = 0;  // how many times the counts were asked for
+};
+
+// HandServer is a name server that answers when the test has it do so.
+class HandServer {
+ public:
+  struct Query {
+    std::vector<uint8_t> packet;  // empty when none came within kLongMs
+    sockaddr_in from;
+  };
+
+  HandServer();
+  ~HandServer();
+  HandServer(const HandServer &) = delete;
+  HandServer &operator=(const HandServer &) = delete;
+  [[nodiscard]] uint16_t port() const { return port_; }
+  [[nodiscard]] Query receive() const;
+  void deny(const Query &query) const;  // NXDOMAIN
+
+ private:
+  int socket_;
+  uint16_t port_ = 0;
 };
 
 // HostTest fails a test in which the library logged a failed assertion.
