@@ -350,11 +350,6 @@ bool may_be_freed(KAVO ctx) {
 
 }  // namespace
 
-KAVO_ERR kavo_not_running(KAVO kavo, const char *source, const char *function, const char *message, int line) {
-  if (!kavo_is_foreign(kavo)) pelk_log_note(PELK_LOG_INFO, source, function, line, "%s", message);
-  return KAVOE_SRV;
-}
-
 KAVO_ERR kavo_check_at_rest(KAVO kavo, const char *source, const char *function, const char *message, int line) {
   if (is_at_rest(kavo)) return KAVOE_OK;
   if (kavo_is_foreign(kavo)) return KAVOE_SRV;

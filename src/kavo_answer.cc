@@ -216,7 +216,6 @@ KAVO_ERR kavo_copy_answer(KAVO kavo, KAVO_QUERY_NODE node, KAVO_ANSWER **answer,
                           int alloc) {
   if (answer_written != nullptr) *answer_written = 0;
   if (node == nullptr || kavo == nullptr || answer == nullptr || answer_written == nullptr) return KAVOE_BADPAR;
-  if (kavo_is_foreign(kavo)) return KAVOE_SRV;
   const Iterator iterator(kavo_alloc_answer_iterator());
   if (iterator == nullptr) {
     PELK_INFO(kSource, __func__, "Answer iterator allocation error");
@@ -224,6 +223,7 @@ KAVO_ERR kavo_copy_answer(KAVO kavo, KAVO_QUERY_NODE node, KAVO_ANSWER **answer,
   }
   KAVO_ERR error = kavo_set_answer_iterator(kavo, node, iterator.get());
   if (error != KAVOE_OK) {
+    if (kavo_is_foreign(kavo)) return error;
     PELK_INFO(kSource, __func__, "Answer iterator setting error, code %d", static_cast<int>(error));
     return error;
   }
@@ -243,12 +243,12 @@ KAVO_ERR kavo_query(KAVO kavo, KAVO_TYPE type, const void *query, int query_len,
                     int *answer_written, unsigned int timeout, KAVO_WAIT_LEVEL wait_level, unsigned flags) {
   if (answer_written != nullptr) *answer_written = 0;
   if (kavo == nullptr || answer == nullptr || answer_written == nullptr) return KAVOE_BADPAR;
-  if (kavo_is_foreign(kavo)) return KAVOE_SRV;
   struct timeval moment;
   const struct timeval *deadline = kavo_get_deadline(timeout, &moment);
   KAVO_QUERY_NODE node = nullptr;
   KAVO_ERR error = kavo_subscribe_node(kavo, type, query, query_len, flags, deadline, &node);
   if (error != KAVOE_OK) {
+    if (kavo_is_foreign(kavo)) return error;
     PELK_INFO(kSource, __func__, "Unable to subscribe node, error %d", static_cast<int>(error));
     return error;
   }

@@ -10,6 +10,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/select.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -294,12 +295,17 @@ int kavo_srv_is_running(KAVO kavo) {
   return kavo != nullptr && kavo_is_running(kavo) ? 1 : 0;
 }
 
+KAVO_ERR kavo_not_running(KAVO kavo, const char *source, const char *function, const char *message, int line) {
+  if (!kavo_is_foreign(kavo)) pelk_log_note(PELK_LOG_INFO, source, function, line, "%s", message);
+  return KAVOE_SRV;
+}
+
 bool kavo_send_event(KAVO ctx) {
-  const pelk_no_cancel whole;
   const uint8_t event = 0;
-  ssize_t written = 0;
+  long written = 0;
   do {
-    written = write(ctx->qa_pipe.write_end, &event, sizeof event);
+    // The call itself: write is a cancellation point.
+    written = syscall(SYS_write, ctx->qa_pipe.write_end, &event, sizeof event);
   } while (written < 0 && errno == EINTR);
   return written == sizeof event;
 }

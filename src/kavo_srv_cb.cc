@@ -42,7 +42,7 @@ void fill_answer(KAVO ctx, kavo_cb_arg *arg, void *result) {
   const KAVO_TYPE type = kavo_node_type_of(arg->node);
   answer->type = (arg->node->flags & KAVOQF_PKT) != 0 ? KAVOT_PKT : type;
   answer->zone = zone_of(ctx, type, arg->n_zone);
-  answer->err_code = kavo_dns_status(ctx);
+  answer->err_code = kavo_convert_status(dns_get_status(ctx->udns_ctx));
   answer->actual_size = 0;
   answer->query_time = kavo_milli_delay(arg->start_time, ctx->now);
   const bool has_records =

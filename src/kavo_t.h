@@ -127,7 +127,7 @@ struct kavo_t {
 // in the log, whose sink may be stuck just so.
 [[nodiscard]] inline bool kavo_is_foreign(const kavo_t *ctx) {
   const uint64_t process = ctx->process.load(std::memory_order_relaxed);
-  return process != pelk_process() && process != 0;
+  return process != pelk_process_noted() && process != 0 && process != pelk_process();
 }
 
 [[nodiscard]] inline bool kavo_is_running(const kavo_t *ctx) {

@@ -2,16 +2,11 @@
 // shared, how waits end, and what is left behind. Names that nobody answers go to a list server that is dead on
 // request.
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <kavo.h>
-#include <pthread.h>
-#include <unistd.h>
 
 #include <array>
-#include <atomic>
 #include <climits>
-#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -29,13 +24,6 @@ void note_step(KAVO, KAVO_SRV_STATE before, KAVO_SRV_STATE after, void *steps) {
 }
 
 using LifecycleTest = LiveAndDeadTest;
-
-// expect_all checks that calls which the library must refuse have all ended alike; the first is number 0.
-template <typename Result>
-void expect_all(Result expected, std::initializer_list<Result> results) {
-  for (const Result &result : results)
-    EXPECT_EQ(result, expected) << "call " << &result - results.begin();
-}
 
 TEST_F(LifecycleTest, StatesAreToldInPairsAndContextsReopen) {
   std::vector<Step> steps;
@@ -175,173 +163,6 @@ TEST_F(LifecycleTest, SlowCloseWaitsForTheOutcome) {
   ASSERT_EQ(answers.size(), 2);
   EXPECT_EQ(answers[0].err_code, KAVOE_TIMEOUT);
   EXPECT_EQ(render(answers[1]), "127.0.0.2");
-}
-
-TEST_F(LifecycleTest, WhoWaitsForRoomLeavesWithTheRun) {
-  Host host(1);
-  host.server(server_.port()).zone(KAVOT_BL_IP, "live.list").open();
-  Node held(host, KAVOT_BL_IP, "192.0.2.1");
-  std::array<KAVO_ERR, 2> results{};
-  KAVO_QUERY_NODE none = nullptr, no_bell = nullptr;
-  std::thread asker([&] { results[0] = kavo_subscribe_node_p(host, KAVOT_BL_IP, "192.0.2.2", 0, nullptr, &none); });
-  std::thread ringer([&] { results[1] = kavo_subscribe_syncnode(host, nullptr, &no_bell); });
-  // Time for both to wait for room; one that comes too late is refused at once.
-  std::this_thread::sleep_for(std::chrono::milliseconds(kShortMs));
-  ASSERT_EQ(kavo_close(host), KAVOE_OK);
-  held.drop();
-  asker.join();
-  ringer.join();
-  EXPECT_EQ(results, (std::array{KAVOE_SRV, KAVOE_SRV}));
-  EXPECT_EQ(kavo_nactive(host), 0u);
-  host.open();
-  Node next(host, KAVOT_BL_IP, "192.0.2.2");
-  EXPECT_EQ(next.wait(KAVOWT_FULL), KAVOE_OK);
-}
-
-TEST_F(LifecycleTest, NodesOfTheRunBeforeAreNotJoined) {
-  Host host;
-  host.server(server_.port()).zone(KAVOT_BL_IP, "live.list").patient().open();
-  Node old(host, KAVOT_BL_IP, "192.0.2.1"), old_bell(host);
-  ASSERT_EQ(old.wait(KAVOWT_FULL), KAVOE_OK);
-  ASSERT_EQ(kavo_close(host), KAVOE_OK);
-  KAVO_QUERY_NODE refused = nullptr;
-  EXPECT_EQ(kavo_subscribe_syncnode(host, nullptr, &refused), KAVOE_SRV);
-  EXPECT_EQ(kavo_signal_syncnode(host, old_bell), KAVOE_OK);
-  ASSERT_EQ(kavo_zonesmap_init(host), KAVOE_OK);
-  host.zone(KAVOT_BL_IP, "dead.list").open();
-  EXPECT_EQ(old_bell.wait(KAVOWT_FULL), KAVOE_OK) << "a sync node works on";
-  Node fresh(host, KAVOT_BL_IP, "192.0.2.1"), bell(host);
-  EXPECT_NE(static_cast<KAVO_QUERY_NODE>(bell), static_cast<KAVO_QUERY_NODE>(old_bell));
-  EXPECT_EQ(fresh.wait(KAVOWT_FULL, kShortMs), KAVOE_TIMEOUT) << "the list that is asked now is silent";
-  EXPECT_EQ(in_place(host, old), std::vector<std::string>{"127.0.0.2"});
-  EXPECT_EQ(kavo_nactive(host), 4u);
-}
-
-TEST_F(LifecycleTest, ConfigurationIsRefusedWhileAnotherThreadCloses) {
-  const HandServer slow;
-  Host host;
-  host.server(slow.port()).zone(KAVOT_BL_IP, "slow.list").option(KAVOOPT_TIMEOUT_MSEC, kNeverMs).open();
-  Node node(host, KAVOT_BL_IP, "192.0.2.1");
-  const HandServer::Query query = slow.receive();
-  std::thread closer([&host] { EXPECT_EQ(kavo_close(host), KAVOE_OK); });
-  while (kavo_srv_is_running(host) != 0)
-    std::this_thread::yield();
-  const in_addr address{htonl(INADDR_LOOPBACK)};
-  const TempDir directory;
-  const std::string zones = directory.write("zones", "#IP\nother.list\n\n");
-  const auto configure = [&](KAVO_ERR expected) {
-    expect_all(expected, {kavo_set_opt(host, KAVOOPT_NTRIES, 2), kavo_set_opt(host, KAVOOPT_DNSREC_CACHESIZE, 4096),
-                          kavo_add_dns_server(host, "127.0.0.1", 1), kavo_set_dns_server(host, "127.0.0.1", 1, 1),
-                          static_cast<KAVO_ERR>(kavo_set_srvstate_chg_cb(host, nullptr, nullptr)),
-                          kavo_zonesmap_init_cfg(host, zones.c_str()), kavo_set_ext_cache(host, KAVOCT_FULL, nullptr),
-                          static_cast<KAVO_ERR>(kavo_set_cost_zone(host, "cost.list")),
-                          static_cast<KAVO_ERR>(kavo_add_expserv(host, &address)), kavo_set_cookies(host, 1),
-                          kavo_set_trace(host, nullptr, nullptr), kavo_zonesmap_init(host),
-                          kavo_add_zone(host, KAVOT_BL_IP, "another.list")});
-  };
-  configure(KAVOE_SRV);
-  expect_all(KAVOE_SRV, {kavo_open(host), kavo_free(host)});
-  kavo_free_zones(host);
-  EXPECT_STREQ(kavo_zonesmap_zone(host, 1), "slow.list");
-  slow.deny(query);
-  closer.join();
-  EXPECT_EQ(in_place(host, node), std::vector<std::string>{"NXDOM"});
-  configure(KAVOE_OK);
-}
-
-TEST_F(LifecycleTest, AContextsOwnCacheMayBeHandedBack) {
-  Host host(4, 1 << 20);
-  KAVO_CACHE own = kavo_get_ext_cache(host, KAVOCT_ANS);
-  in_addr address{htonl(INADDR_LOOPBACK)};
-  dns_rr_a4 block{};
-  block.dnsa4_ttl = 300;
-  block.dnsa4_nrr = 1;
-  block.dnsa4_addr = &address;
-  KAVO_RR rr{};
-  rr.rr_a = &block;
-  ASSERT_EQ(kavo_cache_put(own, KAVOT_DNS_A, "kept", 4, &rr), KAVOE_OK);
-  for (const KAVO_CACHE_TYPE use : {KAVOCT_FULL, KAVOCT_ANS, KAVOCT_REF}) {
-    ASSERT_EQ(kavo_set_ext_cache(host, use, own), KAVOE_OK);
-    EXPECT_EQ(kavo_get_ext_cache(host, use), own);
-  }
-  // With a cache for referrals beside it, and as the one for referrals only.
-  ASSERT_EQ(kavo_set_opt(host, KAVOOPT_DNSREC_CACHESIZE, 1 << 16), KAVOE_OK);
-  EXPECT_NE(kavo_get_ext_cache(host, KAVOCT_REF), own);
-  ASSERT_EQ(kavo_set_ext_cache(host, KAVOCT_REF, own), KAVOE_OK);
-  ASSERT_EQ(kavo_set_ext_cache(host, KAVOCT_ANS, nullptr), KAVOE_OK);
-  ASSERT_EQ(kavo_set_ext_cache(host, KAVOCT_ANS, own), KAVOE_OK);
-  ASSERT_EQ(kavo_set_opt(host, KAVOOPT_DNSREC_CACHESIZE, 1 << 16), KAVOE_OK);
-  EXPECT_EQ(kavo_cache_has(own, KAVOT_DNS_A, "kept", 4), KAVOE_OK);
-}
-
-// What a thread that is cancelled meets on its way: a pipe that its log line waits for.
-struct Gate {
-  Gate() { EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0); }
-  ~Gate() { close(ends[0]), close(ends[1]); }
-  static void wait(int, const char *line, void *gate) {
-    auto &self = *static_cast<Gate *>(gate);
-    if (strstr(line, "table stat") == nullptr || self.met.exchange(true)) return;
-    char byte;
-    EXPECT_EQ(read(self.ends[0], &byte, 1), 1);
-  }
-  int ends[2] = {-1, -1};
-  std::atomic<bool> met = false;
-};
-
-TEST_F(LifecycleTest, NoCallIsACancellationPoint) {
-  const TempDir directory;
-  const std::string file = directory.file("zones"), dump = directory.file("dump");
-  Host host(64, 1 << 16);
-  host.server(server_.port()).zone(KAVOT_BL_IP, "live.list").open();
-  std::atomic<int> whole{0};
-  const auto done = [&whole] {
-    ++whole;
-    pthread_testcancel();
-  };
-  // Cancelled while its line waits, in the log, with the table's lock held.
-  Gate gate;
-  kavo_set_log_cb(Gate::wait, &gate);
-  std::thread logs([&] {
-    KAVO_QUERY_NODE node = nullptr;
-    for (int i = 0; i < 16; ++i)
-      EXPECT_EQ(kavo_subscribe_syncnode(host, nullptr, &node), KAVOE_OK);
-    done();
-  });
-  while (!gate.met)
-    std::this_thread::yield();
-  ASSERT_EQ(pthread_cancel(logs.native_handle()), 0);
-  ASSERT_EQ(write(gate.ends[1], "", 1), 1);
-  logs.join();
-  ASSERT_EQ(whole, 1);
-  EXPECT_EQ(kavo_nactive(host), 16u);
-
-  // Cancelled before it asks, and before it writes files.
-  std::thread asks([&] {
-    pthread_cancel(pthread_self());
-    KAVO_QUERY_NODE node = nullptr;
-    EXPECT_EQ(kavo_subscribe_node_p(host, KAVOT_BL_IP, "192.0.2.1", 0, nullptr, &node), KAVOE_OK);
-    EXPECT_EQ(kavo_wait_node(host, node, KAVOWT_FULL, Deadline(kLongMs)), KAVOE_OK);
-    EXPECT_EQ(kavo_zonesmap_save_cfg(host, file.c_str()), KAVOE_OK);
-    EXPECT_EQ(kavo_cachesave(host, dump.c_str()), KAVOE_OK);
-    EXPECT_EQ(kavo_cacheload(host, dump.c_str()), KAVOE_OK);
-    done();
-  });
-  asks.join();
-  ASSERT_EQ(whole, 2);
-  Answers answers;
-  EXPECT_EQ(answers.query(host, KAVOT_BL_IP, address_bytes("192.0.2.2")), KAVOE_OK) << "others are served";
-
-  // And before it closes and opens.
-  std::thread closes([&] {
-    pthread_cancel(pthread_self());
-    EXPECT_EQ(kavo_close(host), KAVOE_OK);
-    EXPECT_EQ(kavo_zonesmap_init_cfg(host, file.c_str()), KAVOE_OK);
-    EXPECT_EQ(kavo_open(host), KAVOE_OK);
-    done();
-  });
-  closes.join();
-  EXPECT_EQ(whole, 3);
-  EXPECT_EQ(answers.query(host, KAVOT_BL_IP, address_bytes("192.0.2.3")), KAVOE_OK);
 }
 
 TEST_F(LifecycleTest, SubscriptionsCheckTheirArguments) {

@@ -9,6 +9,7 @@
 #include <netinet/in.h>
 
 #include <cstdint>
+#include <initializer_list>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -153,6 +154,13 @@ class HandServer {
   int socket_;
   uint16_t port_ = 0;
 };
+
+// expect_all checks that calls which the library must refuse have all ended alike; the first is number 0.
+template <typename Result>
+void expect_all(Result expected, std::initializer_list<Result> results) {
+  for (const Result &result : results)
+    EXPECT_EQ(result, expected) << "call " << &result - results.begin();
+}
 
 // HostTest fails a test in which the library logged a failed assertion.
 class HostTest : public testing::Test {
