@@ -72,6 +72,38 @@ TEST_F(Engine, AMillionForgedPacketsAreNotBelieved) {
   expect_truth(asked);
 }
 
+TEST_F(Engine, AStrangersAnswerCountsWhereItIsExpected) {
+  // Two servers: a socket that is connected to the only one hears nobody else.
+  world.add_server("192.0.2.1", Temper::dead);
+  world.add_server("192.0.2.2", Temper::dead);
+  const auto believed = [this](const std::string &stranger, uint16_t port) {
+    Asked &asked = questions.ask("listed-" + std::to_string(port) + ".list.test");
+    dns_timeouts(world.ctx, dns_tv_infinite, world.now());
+    world.forge(stranger, sim::answer_to(world.last_question(), Temper::good), port);
+    world.read_sockets();
+    if (asked.calls > 0) expect_truth(asked);
+    questions.cancel(&asked);
+    return asked.calls > 0;
+  };
+  const auto expect_answers_of = [this](const char *stranger, uint16_t port) {
+    const sockaddr_in address = World::address_of(stranger, port);
+    EXPECT_GT(dns_add_expserv_s(world.ctx, reinterpret_cast<const sockaddr *>(&address)), 0);
+  };
+  EXPECT_FALSE(believed("192.0.2.7", 53)) << "a fresh context expects nobody";
+  EXPECT_FALSE(believed("192.0.2.1", 54)) << "nor its own server elsewhere";
+  expect_answers_of("192.0.2.7", 0);
+  expect_answers_of("192.0.2.8", 5353);
+  for (const uint16_t port : {53, 54, 5353})
+    EXPECT_TRUE(believed("192.0.2.7", port));
+  EXPECT_TRUE(believed("192.0.2.8", 5353));
+  EXPECT_FALSE(believed("192.0.2.8", 53));
+  for (const uint16_t port : {53, 5353})
+    EXPECT_FALSE(believed("192.0.2.9", port));
+  ASSERT_EQ(dns_add_expserv_s(world.ctx, nullptr), 0);
+  EXPECT_FALSE(believed("192.0.2.7", 53));
+  EXPECT_FALSE(believed("192.0.2.8", 5353));
+}
+
 TEST_F(Engine, AServerThatDoesNotKeepTheCaseIsAskedInLowerCase) {
   for (const Temper temper : {Temper::lowers_case, Temper::lowers_case_by_tcp}) {
     World other(7);

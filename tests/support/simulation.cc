@@ -250,10 +250,10 @@ World::~World() {
   dns_destroy(ctx);
 }
 
-sockaddr_in World::address_of(const std::string &address) {
+sockaddr_in World::address_of(const std::string &address, uint16_t port) {
   sockaddr_in result{};
   result.sin_family = AF_INET;
-  result.sin_port = htons(53);
+  result.sin_port = htons(port);
   if (inet_pton(AF_INET, address.c_str(), &result.sin_addr) != 1) throw std::invalid_argument(address);
   return result;
 }
@@ -331,9 +331,9 @@ void World::mail(int socket, const sockaddr_in &from, Bytes bytes) {
   }
 }
 
-void World::forge(const std::string &server, const Bytes &packet) {
+void World::forge(const std::string &server, const Bytes &packet, uint16_t port) {
   for (auto &[socket, inbox] : inboxes_)
-    inbox.push_back({socket, address_of(server), packet});
+    inbox.push_back({socket, address_of(server, port), packet});
 }
 
 void World::send(int socket, const dns::Datagram &datagram) {

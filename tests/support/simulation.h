@@ -88,10 +88,10 @@ class World {
 
   void add_server(const std::string &address, Temper temper);
   void set_temper(const std::string &address, Temper temper) { tempers_[address] = temper; }
-  static sockaddr_in address_of(const std::string &address);
+  static sockaddr_in address_of(const std::string &address, uint16_t port = 53);
 
-  // forge puts a packet into the inbox of every socket, as if it came from a server.
-  void forge(const std::string &server, const Bytes &packet);
+  // forge puts a packet into the inbox of every socket, as if it came from a server's port.
+  void forge(const std::string &server, const Bytes &packet, uint16_t port = 53);
   // last_question is the last packet that was sent by UDP.
   [[nodiscard]] const Bytes &last_question() const { return last_question_; }
 
