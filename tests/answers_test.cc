@@ -124,6 +124,31 @@ TEST_F(AnswersTest, PartlyResolvedNodeShowsWhatHasArrived) {
   EXPECT_EQ(answers.copy(host, silent), KAVOE_NODATA);
 }
 
+// More zones than a fresh iterator has room for; every other one answers.
+TEST_F(AnswersTest, PartlyResolvedNodeOfManyZonesShowsTheOnesThatAnswered) {
+  constexpr int kZones = 30;
+  std::string zones;
+  Host host(64, 0, kZones);
+  for (int i = 1; i <= kZones; ++i) {
+    const std::string zone = "z" + std::to_string(i) + ".list";
+    zones += "zone " + zone + (i % 2 == 0 ? "\nlist 192.0.2.0/24\n" : "\nfault dead\n");
+    host.zone(KAVOT_BL_IP, zone.c_str());
+  }
+  ListServer server(zones);
+  host.server(server.port()).patient().open();
+  Node node(host, KAVOT_BL_IP, "192.0.2.1");
+  ASSERT_EQ(node.wait(KAVOWT_FIRST), KAVOE_OK);
+  std::vector<KAVO_ANSWER> all;
+  for (unsigned waited = 0; all.size() < kZones / 2 && waited < kLongMs; ++waited) {
+    all.clear();
+    (void)in_place(host, node, &all);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  ASSERT_EQ(all.size(), kZones / 2U);
+  for (size_t i = 0; i < all.size(); ++i)
+    EXPECT_EQ(all[i].zone, static_cast<int>(i + 1) * 2);
+}
+
 TEST_F(AnswersTest, CopiesGoIntoTheCallersStorage) {
   ListServer server(kThreeZones);
   Host host;
@@ -146,6 +171,12 @@ TEST_F(AnswersTest, CopiesGoIntoTheCallersStorage) {
   for (KAVO_ANSWER &answer : array)
     kavo_rr_free(&answer.rr);
 
+  KAVO_ANSWER *none = nullptr;
+  EXPECT_EQ(kavo_copy_answer(nullptr, node, &none, 0, &written, 1), KAVOE_BADPAR);
+  EXPECT_EQ(written, 0) << "a call that fails has written nothing";
+  written = 3;
+  EXPECT_EQ(kavo_query(host, KAVOT_BL_DOM, "x", 1, &none, 0, &written, 0, KAVOWT_FULL, 0), KAVOE_NOZONES);
+  EXPECT_EQ(written, 0);
   Answers answers;
   ASSERT_EQ(answers.copy(host, node), KAVOE_OK);
   const KAVO_ANSWER *data = answers.data();

@@ -96,6 +96,57 @@ TEST_F(CacheTest, EveryTypeIsPutFetchedAndDeleted) {
   }
 }
 
+// A dump takes what is in the context's own caches to another context's; the host's caches are the host's to save.
+TEST_F(CacheTest, OwnCachesAreSavedAndReplacedOnesGone) {
+  using Names = std::vector<std::string>;
+  constexpr int kBytes = 1 << 16;
+  const TempDir directory;
+  Host host(4, kBytes), shared(4, kBytes);
+  Rr rr = read(KAVOT_DNS_A, every_layout()[0].bytes);
+  const auto put_into = [&](KAVO_CACHE into, const std::string &name) {
+    EXPECT_EQ(kavo_cache_put(into, KAVOT_DNS_A, name.c_str(), static_cast<int>(name.size()), rr), KAVOE_OK);
+  };
+  const auto cache_for = [](const Host &of, KAVO_CACHE_TYPE use) { return kavo_get_ext_cache(of, use); };
+  const auto saved = [&](const Host &of) {
+    const std::string file = directory.file("dump");
+    Host later(4, kBytes);
+    EXPECT_EQ(kavo_cachesave(of, file.c_str()), KAVOE_OK);
+    EXPECT_EQ(kavo_cacheload(later, file.c_str()), KAVOE_OK);
+    Names names;
+    for (const std::string name : {"one", "two", "three", "host"})
+      if (kavo_cache_has(cache_for(later, KAVOCT_ANS), KAVOT_DNS_A, name.c_str(), static_cast<int>(name.size())) ==
+          KAVOE_OK)
+        names.push_back(name);
+    return names;
+  };
+  const size_t descriptors = open_descriptors();
+  put_into(cacher, "host");
+  put_into(cache_for(host, KAVOCT_ANS), "one");
+  host.option(KAVOOPT_DNSREC_CACHESIZE, 0);
+  EXPECT_EQ(cache_for(host, KAVOCT_REF), cache_for(host, KAVOCT_ANS)) << "one cache for both uses";
+  host.option(KAVOOPT_DNSREC_CACHESIZE, kBytes);
+  put_into(cache_for(host, KAVOCT_REF), "two");
+  EXPECT_EQ(kavo_cache_has(cache_for(host, KAVOCT_ANS), KAVOT_DNS_A, "two", 3), KAVOE_NODATA);
+  EXPECT_EQ(saved(host), (Names{"one", "two"}));
+  host.option(KAVOOPT_DNSREC_CACHESIZE, kBytes);
+  put_into(cache_for(host, KAVOCT_REF), "three");
+  EXPECT_EQ(saved(host), (Names{"one", "three"}));
+  ASSERT_EQ(kavo_set_ext_cache(host, KAVOCT_ANS, cacher), KAVOE_OK);
+  EXPECT_EQ(cache_for(host, KAVOCT_ANS), cacher);
+  EXPECT_EQ(saved(host), Names{"three"});
+  ASSERT_EQ(kavo_set_ext_cache(host, KAVOCT_REF, cacher), KAVOE_OK);
+  EXPECT_EQ(cache_for(host, KAVOCT_REF), cacher);
+  EXPECT_EQ(saved(host), Names{});
+  EXPECT_EQ(open_descriptors(), descriptors);
+  EXPECT_EQ(kavo_cachesave(host, "/dev/full"), KAVOE_FILE);
+
+  put_into(cache_for(shared, KAVOCT_ANS), "one");
+  ASSERT_EQ(kavo_set_ext_cache(shared, KAVOCT_ANS, nullptr), KAVOE_OK);
+  EXPECT_EQ(saved(shared), Names{"one"}) << "it still serves referrals";
+  ASSERT_EQ(kavo_set_ext_cache(shared, KAVOCT_REF, nullptr), KAVOE_OK);
+  EXPECT_EQ(saved(shared), Names{});
+}
+
 TEST_F(CacheTest, RecordsLieInTheCacheAsInAPacket) {
   for (const size_t length : {0, 1, 255, 300}) {
     const std::string value(length, 'x');
@@ -217,10 +268,25 @@ TEST_F(CacheTest, KeysHaveLimits) {
     EXPECT_EQ(has(KAVOT_DNS_A, bad), KAVOE_FAIL);
     EXPECT_EQ(del(KAVOT_DNS_A, bad), KAVOE_FAIL);
   }
+  // An escape of four bytes is one of the name's: text may be longer than what it names.
+  std::string escaped;
+  for (int i = 0; i < 63; ++i)
+    escaped += "\\097";
+  for (const std::string &good : {"."s, "a"s, escaped + ".bc"}) {
+    EXPECT_EQ(put(KAVOT_DNS_A, good, rr), KAVOE_OK) << good;
+    EXPECT_EQ(has(KAVOT_DNS_A, good), KAVOE_OK) << good;
+    EXPECT_EQ(del(KAVOT_DNS_A, good), KAVOE_OK) << good;
+  }
+  EXPECT_EQ(has(KAVOT_DNS_A, escaped + ".bcd"), KAVOE_FAIL) << "256 bytes";
+  EXPECT_EQ(kavo_cache_has(cacher, KAVOT_DNS_A, "a", 0), KAVOE_FAIL) << "no length is no name";
   EXPECT_EQ(kavo_cache_put(cacher, KAVOT_DNS_A, nullptr, 3, rr), KAVOE_BADPAR);
   EXPECT_EQ(kavo_cache_get(cacher, KAVOT_DNS_A, nullptr, 3, &found, 0), KAVOE_FAIL);
   EXPECT_EQ(kavo_cache_get(cacher, KAVOT_DNS_A, "a", 1, nullptr, 0), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_cache_put(nullptr, KAVOT_DNS_A, "a", 1, rr), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_cache_get(nullptr, KAVOT_DNS_A, "a", 1, &found, 0), KAVOE_BADPAR);
   EXPECT_EQ(kavo_cache_has(nullptr, KAVOT_DNS_A, "a", 1), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_cache_del(nullptr, KAVOT_DNS_A, "a", 1), KAVOE_BADPAR);
+  EXPECT_EQ(has(static_cast<KAVO_TYPE>(UINT16_MAX), "a"), KAVOE_NODATA) << "the last type that a record may have";
   EXPECT_EQ(put(KAVOT_SYNC, "a.example", rr), KAVOE_BADPAR);
   EXPECT_EQ(put(KAVOT_DNS_MAX, "a.example", rr), KAVOE_BADPAR);
   EXPECT_EQ(has(KAVOT_PKT, "a.example"), KAVOE_BADPAR);
@@ -229,6 +295,72 @@ TEST_F(CacheTest, KeysHaveLimits) {
   EXPECT_EQ(put(KAVOT_DNS_SOA, "a.example", rr), KAVOE_OK);
   EXPECT_EQ(has(KAVOT_DNS_SOA, "a.example"), KAVOE_OK);
   EXPECT_EQ(get(KAVOT_DNS_SOA, "a.example"), KAVOE_FAIL) << "nothing parses it";
+}
+
+TEST_F(CacheTest, BlocksAndEntriesThatContradictThemselvesAreRefused) {
+  const auto put_mx = [this](const std::string &host) {
+    Rr mx = read(KAVOT_DNS_MX, u32(99) + u32(1) + u32(kTtl) + u32(0) + name(host) + name("c") + name("q"));
+    return put(KAVOT_DNS_MX, "mx.example", mx);
+  };
+  EXPECT_EQ(put_mx(""), KAVOE_FAIL);
+  EXPECT_EQ(put_mx("."), KAVOE_OK) << "no mail is taken here";
+  ASSERT_EQ(get(KAVOT_DNS_MX, "mx.example"), KAVOE_OK);
+  EXPECT_EQ(render(found), "0 .");
+
+  // A host may lay blocks out itself, larger ones too than the library would.
+  std::string text(70'000, 'x');
+  dns_txt text_entry = {.len = 70'000, .txt = text.data()};
+  dns_rr_txt block = {};
+  block.dnstxt_nrr = 1;
+  block.dnstxt_txt = &text_entry;
+  KAVO_RR rr = {};
+  rr.rr_txt = &block;
+  for (const int length : {70'000, -1, 65'535}) {
+    text_entry.len = length;
+    EXPECT_EQ(put(KAVOT_DNS_TXT, "txt.example", &rr), KAVOE_FAIL) << length;
+  }
+  text_entry = {};
+  EXPECT_EQ(put(KAVOT_DNS_TXT, "txt.example", &rr), KAVOE_OK) << "an empty text need not be anywhere";
+  text_entry.len = 1;
+  EXPECT_EQ(put(KAVOT_DNS_TXT, "txt.example", &rr), KAVOE_FAIL);
+  block.dnstxt_txt = nullptr;
+  EXPECT_EQ(put(KAVOT_DNS_TXT, "txt.example", &rr), KAVOE_BADPAR);
+
+  // An alias without its target denies; a name that is not there has no records.
+  dns_rr alias = {.dnsrr_dn = {},
+                  .dnsrr_cls = DNS_C_IN,
+                  .dnsrr_typ = DNS_T_CNAME,
+                  .dnsrr_ttl = 60,
+                  .dnsrr_dsz = 3,
+                  .dnsrr_dptr = nullptr,
+                  .dnsrr_dend = nullptr};
+  unsigned char target[] = "\1t";
+  alias.dnsrr_dptr = target;
+  alias.dnsrr_dend = target + sizeof target;
+  ASSERT_GT(kavo_dns_ptodn("alias.example", 0, alias.dnsrr_dn, DNS_MAXDN), 0);
+  for (const int rcode : {DNS_R_NOERROR, DNS_R_NXDOMAIN}) {
+    const Data data = entry("alias.example", DNS_T_A);
+    dns_cdata_setttl(data.get(), 60);
+    dns_cdata_setrcode(data.get(), rcode);
+    ASSERT_EQ(dns_cdata_addrr(data.get(), &alias, nullptr), 0);
+    ASSERT_EQ(cacher->dnscr_ops->put(cacher, data.get(), now()), 0);
+    found.zone = 7;
+    found.query_time = 7;
+    ASSERT_EQ(get(KAVOT_DNS_A, "alias.example"), KAVOE_OK);
+    EXPECT_EQ(render(found), rcode == DNS_R_NOERROR ? "NODATA" : "NXDOM");
+    EXPECT_TRUE(found.zone == 0 && found.query_time == 0) << "it belongs to no list and was not asked for";
+  }
+
+  // A cache of the host's that has failed.
+  const auto get_fails = [](dns_cacher *, dns_cdata *, dns_time) { return int{DNS_E_FAIL}; };
+  const auto fails = [](dns_cacher *, const dns_cdata *, dns_time) { return int{DNS_E_FAIL}; };
+  const dns_cacher_ops ops = {get_fails, fails, fails, nullptr, nullptr};
+  dns_cacher failing = {&ops};
+  cacher = &failing;
+  Rr a = read(KAVOT_DNS_A, every_layout()[0].bytes);
+  for (const KAVO_ERR error :
+       {put(KAVOT_DNS_A, "a", a), get(KAVOT_DNS_A, "a"), has(KAVOT_DNS_A, "a"), del(KAVOT_DNS_A, "a")})
+    EXPECT_EQ(error, KAVOE_FAIL);
 }
 
 // ---- threads

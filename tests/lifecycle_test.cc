@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 #include <kavo.h>
 
+#include <algorithm>
 #include <array>
+#include <cctype>
 #include <climits>
 #include <string>
 #include <thread>
@@ -199,6 +201,34 @@ TEST_F(LifecycleTest, SubscriptionsCheckTheirArguments) {
               kavo_subscribe_syncnode(nullptr, nullptr, &node), kavo_subscribe_syncnode(host, nullptr, nullptr)});
   EXPECT_EQ(kavo_nactive(host), 0u) << "no failure leaves a hold behind";
 
+  // The shortest and the longest texts, the latter with a letter in its longest writing.
+  std::string longest;
+  for (int i = 0; i < DNS_MAXLABEL; ++i)
+    longest += "\\097";
+  longest += ".bc";
+  ASSERT_EQ(longest.size(), 255u);
+  for (const auto &[subject, size] : {std::pair<std::string, unsigned>{".", 1}, {"a", 3}, {longest, 68}}) {
+    Node named(host, KAVOT_DNS_NS, subject);
+    std::array<unsigned char, DNS_MAXDN> name;
+    unsigned written = 0;
+    EXPECT_EQ(kavo_node_qdn(host, named, name.data(), size - 1, &written), size == 1 ? KAVOE_BADPAR : KAVOE_NOMEM);
+    EXPECT_EQ(written, size == 1 ? 0 : size) << subject;
+    EXPECT_EQ(kavo_node_qdn(host, named, name.data(), size, &written), KAVOE_OK) << subject;
+    EXPECT_EQ(written, size) << subject;
+  }
+  const std::array<sockaddr_in, KAVO_MAX_SERV + 1> servers = [this] {
+    std::array<sockaddr_in, KAVO_MAX_SERV + 1> all;
+    all.fill(loopback(server_.port()));
+    return all;
+  }();
+  const auto with_servers = [&](unsigned count) {
+    return kavo_subscribe_node_serv(host, KAVOT_DNS_A, root, reinterpret_cast<const sockaddr *>(servers.data()), count,
+                                    Deadline(kLongMs), &node);
+  };
+  EXPECT_EQ(with_servers(KAVO_MAX_SERV + 1), KAVOE_BADPAR);
+  ASSERT_EQ(with_servers(KAVO_MAX_SERV), KAVOE_OK);
+  EXPECT_EQ(kavo_unsubscribe_node(host, node), KAVOE_OK);
+
   Node pointer(host, KAVOT_DNS_PTR, "192.0.2.1", KAVOQF_PKT);
   std::array<unsigned char, DNS_MAXDN> dn, expected;
   ASSERT_EQ(kavo_node_qdn(host, pointer, dn.data(), dn.size(), nullptr), KAVOE_OK);
@@ -274,20 +304,52 @@ TEST_F(LifecycleTest, DeadlinesSaturateAndDelaysNeverRunBackwards) {
   EXPECT_EQ(value.tv_usec, -500000);
   EXPECT_EQ(kavo_time_milli_timeval(1, nullptr), KAVOE_BADPAR);
 
-  timeval now{}, deadline{};
-  gettimeofday(&now, nullptr);
-  const auto from_now = [&](timeval span) {
+  // A deadline lies its span from the moment of the call, and is written as the span is: both parts of one sign.
+  constexpr int64_t kMicro = 1000000;
+  timeval now{}, after{}, deadline{};
+  const auto micro = [](const timeval &moment) { return moment.tv_sec * kMicro + moment.tv_usec; };
+  const auto expect_from_now = [&](timeval span, timeval ahead) {
+    SCOPED_TRACE(std::to_string(span.tv_sec) + " s " + std::to_string(span.tv_usec));
+    gettimeofday(&now, nullptr);
     EXPECT_EQ(kavo_time_deadline(&span, &deadline), KAVOE_OK);
-    EXPECT_EQ(deadline.tv_sec == 0 || deadline.tv_usec == 0 || (deadline.tv_sec > 0) == (deadline.tv_usec > 0), true);
-    return static_cast<int64_t>(deadline.tv_sec) - now.tv_sec;
+    gettimeofday(&after, nullptr);
+    EXPECT_GE(micro(deadline), micro(now) + micro(ahead));
+    EXPECT_LE(micro(deadline), micro(after) + micro(ahead));
+    EXPECT_LT(std::abs(deadline.tv_usec), kMicro);
+    EXPECT_TRUE(deadline.tv_sec == 0 || deadline.tv_usec == 0 || (deadline.tv_sec > 0) == (deadline.tv_usec > 0));
   };
-  constexpr int64_t kSlack = kLongMs / 1000;
-  EXPECT_EQ(from_now({INT_MAX, 0}) + now.tv_sec, INT_MAX);
-  EXPECT_EQ(deadline.tv_usec, 999999);
-  EXPECT_LE(from_now({0, 1000000}), kSlack) << "no valid span: now";
-  EXPECT_LE(from_now({5, -1}), kSlack);
-  EXPECT_NEAR(static_cast<double>(from_now({100, 999999})), 101, kSlack);
-  EXPECT_NEAR(static_cast<double>(from_now({-100, -999999})), -100, kSlack);
+  for (const timeval span : {timeval{0, 0},
+                             {0, 1},
+                             {0, 999999},
+                             {1, 0},
+                             {1, 1},
+                             {1, 500000},
+                             {100, 999999},
+                             {0, -1},
+                             {0, -999999},
+                             {-1, 0},
+                             {-1, -1},
+                             {-100, -999999},
+                             {-2000000000, 0},
+                             {INT_MIN, -999999}})
+    expect_from_now(span, span);
+  for (const timeval no_span : {timeval{0, 1000000},
+                                {0, -1000000},
+                                {5, -1},
+                                {1, -1},
+                                {-5, 1},
+                                {-1, 1},
+                                {5, 1000000},
+                                {-5, -1000000},
+                                {INT_MAX + int64_t{1}, 0},
+                                {INT_MIN - int64_t{1}, 0}})
+    expect_from_now(no_span, {0, 0});
+  for (const timeval span : {timeval{INT_MAX, 0}, {INT_MAX, 999999}, {INT_MAX - now.tv_sec + 1, 0}}) {
+    EXPECT_EQ(kavo_time_deadline(&span, &deadline), KAVOE_OK);
+    EXPECT_EQ(deadline.tv_sec, INT_MAX);
+    EXPECT_EQ(deadline.tv_usec, 999999);
+  }
+  EXPECT_EQ(kavo_time_deadline(&now, nullptr), KAVOE_BADPAR);
   EXPECT_EQ(kavo_time_deadline(nullptr, &deadline), KAVOE_BADPAR);
 
   EXPECT_EQ(kavo_get_deadline(UINT_MAX, &deadline), nullptr);
@@ -298,6 +360,7 @@ TEST_F(LifecycleTest, DeadlinesSaturateAndDelaysNeverRunBackwards) {
   EXPECT_EQ(delay({10, 999600}, {11, 400}), 0u);
   EXPECT_EQ(delay({10, 999400}, {11, 600}), 2u);
   EXPECT_EQ(delay({11, 0}, {10, 0}), 0u);
+  EXPECT_EQ(kavo_time_milli_delay(nullptr, &after) + kavo_time_milli_delay(&now, nullptr), 0u);
 }
 
 TEST_F(LifecycleTest, NamesOptionsAndCodesKeepTheirBounds) {
@@ -309,10 +372,15 @@ TEST_F(LifecycleTest, NamesOptionsAndCodesKeepTheirBounds) {
   EXPECT_EQ(kavo_name2type("dns_txt"), KAVOT_DNS_TXT);
   for (const char *no_type : {"dns_txt ", "", "DNS", "BL_IP_"})
     EXPECT_EQ(kavo_name2type(no_type), KAVOT_INVALID) << no_type;
-  // Every name leads back to its type.
-  for (unsigned type = 0; type <= KAVOT_SP_MAX + 1; ++type) {
-    const char *name = kavo_typename(static_cast<KAVO_TYPE>(type));
-    EXPECT_TRUE(name == nullptr || kavo_name2type(name) == static_cast<KAVO_TYPE>(type)) << name;
+  // Every name leads back to its type, in small letters too.
+  for (unsigned number = 0; number <= KAVOT_SP_MAX + 1; ++number) {
+    const auto type = static_cast<KAVO_TYPE>(number);
+    EXPECT_EQ(kavo_isparseable(type) != 0, kavo_get_parser(type, 0) != nullptr) << number;
+    if (kavo_typename(type) == nullptr) continue;
+    std::string name = kavo_typename(type);
+    EXPECT_EQ(kavo_name2type(name.c_str()), type) << name;
+    std::transform(name.begin(), name.end(), name.begin(), [](char c) { return static_cast<char>(tolower(c)); });
+    EXPECT_EQ(kavo_name2type(name.c_str()), type) << name;
   }
   // What every type is asked as, and how its answers are read.
   for (unsigned number = KAVOT_BL_MIN; number <= KAVOT_BL_MAX; ++number) {

@@ -66,21 +66,26 @@ class StandIn {
     return query;
   }
 
-  // answer sends the address 127.0.0.`octet` as the answer to a query that some server has received.
+  // answer sends the address 127.0.0.`octet` as the answer to a query that some server has received; deny sends that
+  // there is no such name, and not for how long.
   void answer(const Query &query, char octet) const {
     using namespace std::string_literals;
-    std::string packet = query.packet.substr(0, query.question_end());
+    reply(query, 0, "\xc0\x0c\0\1\0\1\0\0\1\0\0\4\x7f\0\0"s + octet);
+  }
+  void deny(const Query &query) const { reply(query, 3, ""); }
+
+ private:
+  void reply(const Query &query, char rcode, const std::string &record) const {
+    std::string packet = query.packet.substr(0, query.question_end()) + record;
     packet[2] = static_cast<char>(0x84);
-    packet[3] = 0;
-    packet[7] = 1;
+    packet[3] = rcode;
+    packet[7] = record.empty() ? 0 : 1;
     packet[11] = 0;
-    packet += "\xc0\x0c\0\1\0\1\0\0\1\0\0\4\x7f\0\0"s + octet;
     EXPECT_EQ(sendto(fd_, packet.data(), packet.size(), 0, reinterpret_cast<const sockaddr *>(&query.from),
                      sizeof query.from),
               static_cast<ssize_t>(packet.size()));
   }
 
- private:
   int fd_;
   uint16_t port_ = 0;
 };
@@ -155,6 +160,34 @@ TEST_F(OptionsTest, CookiesAndRotationAreSwitchedEachAlone) {
   ASSERT_EQ(kavo_set_cookies(host, -1), KAVOE_OK);
   host.option(KAVOOPT_SERV_RRB, 0);
   EXPECT_EQ(seen(), (Seen{true, false}));
+}
+
+TEST_F(OptionsTest, DenialsThatSayNotForHowLongAreKeptForTheNegativeTtl) {
+  const StandIn server;
+  Host host(8, 1 << 16);
+  host.server(server.port()).patient();
+  // Whether a denial is found in the cache when the name is asked for again.
+  const auto kept = [&](const char *name) {
+    bool found = false;
+    host.open();
+    for (int i = 0; i < 2; ++i) {
+      const Node node(host, KAVOT_DNS_A, name);
+      EXPECT_EQ(node.wait(KAVOWT_CACHE), KAVOE_OK);
+      found = !in_place(host, node).empty();
+      if (!found) server.deny(server.receive());
+      EXPECT_EQ(the_answer(host, node), "NXDOM");
+    }
+    EXPECT_EQ(kavo_close(host), KAVOE_OK);
+    return found;
+  };
+  EXPECT_FALSE(kept("a.example"));
+  const uint32_t none = 0;
+  KAVO_CACHE cacher = kavo_get_ext_cache(host, KAVOCT_ANS);
+  ASSERT_GE(cacher->dnscr_ops->setopt(cacher, DNS_CROPT_FLAGS, &none, sizeof none), 0);
+  host.option(KAVOOPT_NXDOM_TTL, 60);
+  EXPECT_TRUE(kept("b.example")) << "though the cache had been told to keep none";
+  host.option(KAVOOPT_NXDOM_TTL, 0);
+  EXPECT_FALSE(kept("c.example"));
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstring>
 #include <memory>
@@ -352,10 +353,13 @@ TEST_F(HostTraceTest, ServersAreSetByAddressByHostAndByZone) {
   const auto set = [&](const char *name, unsigned port, int direct, KAVO_ERR expected = KAVOE_OK) {
     Host host;
     host.server(server.port()).option(KAVOOPT_DNS_PORT, 5353);
+    const size_t descriptors = support::open_descriptors();
     EXPECT_EQ(kavo_set_dns_server(host, name, port, direct), expected) << name;
+    EXPECT_EQ(support::open_descriptors(), descriptors) << "what was opened for lookups is closed";
     return servers_of(host);
   };
   EXPECT_EQ(set("192.0.2.53", 0, 0), Texts{"192.0.2.53:5353"});
+  EXPECT_EQ(set("192.0.2.53", 1, 0), Texts{"192.0.2.53:1"});
   EXPECT_EQ(set("192.0.2.53", 65534, 1), Texts{"192.0.2.53:65534"});
   EXPECT_EQ(server.received(), 0U);
   EXPECT_EQ(set("www.example.test", 54, 1), (Texts{"127.0.0.23:54", "127.0.0.21:54", "127.0.0.22:54"}));
@@ -394,6 +398,36 @@ TEST_F(HostTraceTest, ServersAreSetByAddressByHostAndByZone) {
   support::Answers answers;
   EXPECT_EQ(answers.query(mute, KAVOT_DNS_TXT, "text.example.test", KAVOQF_RECURSIVE), KAVOE_OK);
   EXPECT_EQ(answers.texts(), Texts{"only text"});
+}
+
+TEST_F(HostTraceTest, AsManyServersAreTakenAsAContextHolds) {
+  constexpr unsigned kMost = 32;
+  std::string zones = "zone many.test\nrecord @ NS www.many.test\n";
+  for (unsigned i = 1; i <= kMost + 1; ++i)
+    zones += "record www A 127.0.0." + std::to_string(i) + "\n";
+  ListServer server(zones);
+  for (const int direct : {1, 0}) {
+    Host host;
+    host.server(server.port());
+    EXPECT_EQ(kavo_set_dns_server(host, direct != 0 ? "www.many.test" : "many.test", 53, direct),
+              direct != 0 ? KAVOE_DNS : KAVOE_OK);
+    EXPECT_EQ(servers_of(host).size(), kMost);
+  }
+  Host host;
+  EXPECT_EQ(servers_of(host), Texts{});
+  EXPECT_EQ(kavo_add_dns_server(host, "127.0.0", 1), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_add_dns_server(host, "127.0.0.1", 1), KAVOE_OK);
+  EXPECT_EQ(kavo_add_dns_server(host, "127.0.0.1", 65534), KAVOE_OK);
+  EXPECT_EQ(kavo_add_dns_server(host, "127.0.0.1", 65535), KAVOE_BADPAR);
+  EXPECT_EQ(servers_of(host), (Texts{"127.0.0.1:1", "127.0.0.1:65534"}));
+  std::array<sockaddr, 3> few{};
+  unsigned count = 1;
+  EXPECT_EQ(kavo_get_dns_servers(host, few.data(), &count), KAVOE_NOMEM);
+  EXPECT_EQ(count, 2U);
+  EXPECT_EQ(few[0].sa_family, 0) << "an array that is too small is left alone";
+  for (unsigned i = count; i < kMost; ++i)
+    EXPECT_EQ(kavo_add_dns_server(host, "127.0.0.1", 1), KAVOE_OK);
+  EXPECT_EQ(kavo_add_dns_server(host, "127.0.0.1", 1), KAVOE_DNS);
 }
 
 struct Seen {
