@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cctype>
 #include <string>
 #include <vector>
 
@@ -158,6 +159,74 @@ TEST_F(Best, QuestionsGoWhereTheyCostLeast) {
   EXPECT_EQ(world.asked["192.0.2.2"], 0U);
 }
 
+TEST_F(Best, ALossyServerIsPassedOverThoughItIsTheFastest) {
+  set(&world, DNS_OPT_BSC_UPDTIME, 0);
+  unsigned queries = 0;
+  world.script = [&queries](const sim::Bytes &question, const std::string &server) {
+    const bool lost = server == "192.0.2.2" && queries++ % 2 == 0;
+    return sim::answer_to(question, lost ? Temper::dead : Temper::good);
+  };
+  (void)ask_in_turn(&world, 40, 10'000);
+  (void)ask_in_turn(&world, 60, 10'000);
+  EXPECT_LE(world.asked["192.0.2.2"], 10U);
+  EXPECT_GE(world.asked["192.0.2.1"], 50U);
+}
+
+TEST_F(Best, OthersAreMeasuredNowAndThen) {
+  // Of questions that come together each unknown server gets one, and one server the others.
+  for (int i = 0; i < 9; ++i)
+    questions.ask("listed-" + std::to_string(i) + ".list.test");
+  dns_timeouts(world.ctx, dns_tv_infinite, world.now());
+  EXPECT_EQ(world.asked["192.0.2.1"], 1U);
+  EXPECT_EQ(world.asked["192.0.2.2"], 1U);
+  ASSERT_TRUE(world.run());
+  (void)ask_in_turn(&world, 64, 10'000);
+  EXPECT_EQ(world.asked["192.0.2.2"], 64U) << "those that were measured a moment ago are left in peace";
+  // After a minute they get one question each, of sixteen at most one.
+  world.now_us += 61 * dns::kUsPerSecond;
+  for (int i = 0; i < 2; ++i) {
+    (void)ask_in_turn(&world, 16, 10'000);
+    EXPECT_EQ(world.asked["192.0.2.2"], 15U);
+  }
+  (void)ask_in_turn(&world, 32, 10'000);
+  EXPECT_EQ(world.asked["192.0.2.2"], 32U);
+}
+
+TEST_F(Best, TheFastestIsAskedAgainOnceItIsBack) {
+  expect_shares(0, 100, 0);
+  world.set_temper("192.0.2.2", Temper::dead);
+  (void)ask_in_turn(&world, 2, 10'000);
+  expect_shares(100, 0, 0);
+  world.set_temper("192.0.2.2", Temper::good);
+  (void)ask_in_turn(&world, 10, dns::kUsPerSecond);
+  expect_shares(0, 100, 0);
+}
+
+TEST_F(Engine, ServersTakeTheirTurnsInTheOrderOfTheList) {
+  const std::vector<std::string> servers = {"192.0.2.1", "192.0.2.2", "192.0.2.3"};
+  for (const std::string &server : servers)
+    world.add_server(server, Temper::good);
+  const auto order = [&] {
+    std::string places;
+    for (int i = 0; i < 6; ++i) {
+      (void)ask_in_turn(&world, 1, 10'000);
+      for (const auto &[server, count] : world.asked)
+        places += server.back();
+    }
+    return places;
+  };
+  EXPECT_EQ(order(), "111111");
+  world.set_temper("192.0.2.1", Temper::dead);
+  (void)ask_in_turn(&world, 2, 10'000);
+  EXPECT_EQ(order(), "222222") << "the next one stands in for it";
+  world.set_temper("192.0.2.1", Temper::good);
+  (void)ask_in_turn(&world, 5, dns::kUsPerSecond);
+  EXPECT_EQ(order(), "111111");
+  set(&world, DNS_OPT_FLAGS, DNS_SERVRRB);
+  const std::string turns = order();
+  EXPECT_TRUE(turns == "123123" || turns == "231231" || turns == "312312") << turns;
+}
+
 TEST_F(Best, TheCostZoneMovesTheTraffic) {
   ASSERT_EQ(dns_set_cost_zone(world.ctx, "cost.test"), DNS_E_NOERROR);
   (void)ask_in_turn(&world, 10, 10'000);
@@ -167,6 +236,24 @@ TEST_F(Best, TheCostZoneMovesTheTraffic) {
   world.packets_sent = 0;
   expect_shares(100, 0, 0);
   EXPECT_EQ(world.packets_sent, 100U) << "the costs are good for another four minutes";
+  // Records that are gone cost nothing, and a server that is cheap in this way is asked again.
+  world.script = [](const sim::Bytes &question, const std::string &) {
+    sim::Bytes answer = sim::answer_to(question, Temper::good);
+    std::string name(question.begin(), question.end());
+    std::ranges::transform(name, name.begin(), [](char c) { return static_cast<char>(tolower(c)); });
+    if (name.find("\4cost\4test") == std::string::npos) return answer;
+    answer.resize(question.size());
+    answer[3] = DNS_R_NXDOMAIN;
+    answer[7] = 0;
+    return answer;
+  };
+  world.now_us += 301 * dns::kUsPerSecond;
+  (void)ask_in_turn(&world, 10, 10'000);
+  expect_shares(0, 100, 0);
+  world.script = nullptr;
+  world.now_us += 61 * dns::kUsPerSecond;
+  (void)ask_in_turn(&world, 10, 10'000);
+  expect_shares(100, 0, 0);
   ASSERT_EQ(dns_set_cost_zone(world.ctx, nullptr), DNS_E_NOERROR);
   expect_shares(0, 100, 0);
 }

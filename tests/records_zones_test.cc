@@ -132,12 +132,21 @@ TEST(Records, SizesHaveLimits) {
   EXPECT_EQ(rr.rr_mem, nullptr);
   log.take();
   ASSERT_EQ(kavo_rr_alloc(&rr, 1024), KAVOE_OK);
-  for (const KAVO_TYPE type : {KAVOT_DNS_A6, KAVOT_SYNC, KAVOT_DNS_SOA, KAVOT_INVALID, KAVOT_DNS_MAX}) {
+  for (const KAVO_TYPE type : {KAVOT_DNS_A6, KAVOT_SYNC, KAVOT_DNS_SOA, KAVOT_INVALID, KAVOT_DNS_MAX, KAVOT_DNS_ATMA,
+                               static_cast<KAVO_TYPE>(KAVOT_BL_MAX + 1)}) {
     EXPECT_EQ(kavo_rr_cpy(type, source, &rr), KAVOE_FAIL);
   }
   KAVO_RR none = {};
   EXPECT_EQ(kavo_rr_cpy(KAVOT_DNS_A, &none, &rr), KAVOE_BADPAR);
   EXPECT_EQ(kavo_rr_cpy(KAVOT_DNS_A, source, &none), KAVOE_BADPAR);
+  for (KAVO_ERR (*copy)(KAVO_TYPE, const KAVO_RR *, KAVO_RR *) : {kavo_rr_cpy, kavo_rr_dup}) {
+    EXPECT_EQ(copy(KAVOT_DNS_A, nullptr, &rr), KAVOE_BADPAR);
+    EXPECT_EQ(copy(KAVOT_DNS_A, source, nullptr), KAVOE_BADPAR);
+    EXPECT_EQ(copy(KAVOT_DNS_A, &none, &rr), KAVOE_BADPAR);
+  }
+  EXPECT_EQ(kavo_rr_alloc(nullptr, 8), KAVOE_BADPAR);
+  EXPECT_EQ(kavo_rr_realloc(nullptr, 8), KAVOE_BADPAR);
+  kavo_rr_free(nullptr);
   EXPECT_EQ(log.take(), "");
   kavo_rr_free(&rr);
 }
@@ -166,6 +175,36 @@ void expect_refused(const char *what, KAVO_TYPE type, Rr source, void (*tell)(KA
     ASSERT_EQ(room[i], kCanary);
 }
 
+// A host may lay out a block otherwise than the library does: the names apart and before the array, which ends with it.
+TEST(Records, PartsOfASourceMayStandInAnyOrder) {
+  constexpr uint32_t kAddresses = 2 * sizeof(in_addr);
+  constexpr size_t kQname = kArrayAt + kAddresses, kCname = kQname + 2, kEntries = kCname + 2 + 2;
+  Rr source, copy;
+  ASSERT_EQ(kavo_rr_alloc(source, kEntries + kAddresses), KAVOE_OK);
+  source.rr.rr_mem->dnsm_written = kEntries + kAddresses;
+  *source.rr.rr_null = {.dnsn_size = kEntries + kAddresses,
+                        .dnsn_written = kEntries + kAddresses,
+                        .dnsn_cname = strcpy(at(source, kCname), "c"),
+                        .dnsn_qname = strcpy(at(source, kQname), "q"),
+                        .dnsn_ttl = 300,
+                        .dnsn_nrr = 2};
+  source.rr.rr_a->dnsa4_addr = reinterpret_cast<in_addr *>(at(source, kEntries));
+  memcpy(at(source, kEntries), "\x7f\0\0\2\x7f\0\0\3", kAddresses);
+  ASSERT_EQ(kavo_rr_dup(KAVOT_DNS_A, source, copy), KAVOE_OK);
+  EXPECT_EQ(describe(KAVOT_DNS_A, copy.rr), "300 x2 c q apart 127.0.0.2,127.0.0.3");
+
+  // The question's name may come to lie beyond what the source has used.
+  constexpr uint32_t kShort = kCname + 2;
+  source.rr.rr_mem->dnsm_written = kShort;
+  source.rr.rr_null->dnsn_nrr = 0;
+  source.rr.rr_a->dnsa4_addr = nullptr;
+  ASSERT_EQ(kavo_rr_dup(KAVOT_DNS_A, source, copy), KAVOE_OK);
+  EXPECT_EQ(kavo_rr_get_size(copy), kShort + 2);
+  EXPECT_EQ(describe(KAVOT_DNS_A, copy.rr), "300 x0 c q apart ");
+  Rr packet = read(KAVOT_PKT, u32(sizeof(dns_rr_pkt)));
+  EXPECT_EQ(kavo_rr_dup(KAVOT_PKT, packet, copy), KAVOE_OK) << "a packet without bytes";
+}
+
 // A source that lies is refused, with a word in the log.
 TEST(Records, LyingSourcesAreRefused) {
   static char elsewhere[] = "elsewhere";
@@ -183,6 +222,12 @@ TEST(Records, LyingSourcesAreRefused) {
       {"name inside the record", [](KAVO_RR *rr) { rr->rr_null->dnsn_cname = at(rr, sizeof(dns_rr_mem)); }},
       {"name before the entries", [](KAVO_RR *rr) { rr->rr_null->dnsn_cname = at(rr, kArrayAt); }},
       {"question's name elsewhere", [](KAVO_RR *rr) { rr->rr_null->dnsn_qname = elsewhere; }},
+      {"array that ends behind the block",
+       [](KAVO_RR *rr) {
+         rr->rr_null->dnsn_nrr = 1;
+         rr->rr_ns->dnsns_ns = reinterpret_cast<char **>(at(rr, kavo_rr_get_size(rr) - 7));
+       }},
+      {"name that ends behind the block", [](KAVO_RR *rr) { rr->rr_mem->dnsm_written -= 1; }},
       {"name without an end", [](KAVO_RR *rr) { *at(rr, kavo_rr_get_size(rr) - 1) = 'x'; }}};
   const Lie of_texts[] = {{"negative text", [](KAVO_RR *rr) { rr->rr_txt->dnstxt_txt[0].len = -5; }},
                           {"text beyond the block", [](KAVO_RR *rr) { rr->rr_txt->dnstxt_txt[2].len = INT32_MAX; }},
@@ -191,6 +236,10 @@ TEST(Records, LyingSourcesAreRefused) {
                              rr->rr_txt->dnstxt_txt[0] = rr->rr_txt->dnstxt_txt[1] = {9, rr->rr_null->dnsn_cname};
                            }},
                           {"text elsewhere", [](KAVO_RR *rr) { rr->rr_txt->dnstxt_txt[2].txt = elsewhere; }},
+                          {"letter elsewhere",
+                           [](KAVO_RR *rr) {
+                             rr->rr_txt->dnstxt_txt[2] = {1, elsewhere};
+                           }},
                           {"less than a record", [](KAVO_RR *rr) { rr->rr_mem->dnsm_written = kArrayAt - 1; }}};
   const Lie of_packets[] = {{"packet beyond the block", [](KAVO_RR *rr) { rr->rr_pkt->dnspkt_psize++; }},
                             {"endless packet", [](KAVO_RR *rr) { rr->rr_pkt->dnspkt_psize = UINT32_MAX; }}};
