@@ -113,6 +113,19 @@ TEST(Choice, ADeadServerCostsTheMedianNothingAndComesBack) {
   }
 }
 
+TEST_F(Engine, ThoseThatWaitForRoomAtADyingServerGoToTheNext) {
+  world.add_server("192.0.2.1", Temper::dead);
+  world.add_server("192.0.2.2", Temper::good);
+  const unsigned count = 2 * dns::kPerServer;
+  for (unsigned i = 0; i < count; ++i)
+    questions.ask("listed-" + std::to_string(i) + ".list.test");
+  ASSERT_TRUE(world.run());
+  for (const auto &asked : questions.all())
+    expect_truth(*asked);
+  EXPECT_LT(world.asked["192.0.2.1"], dns::kPerServer + 100) << "nobody waits there for the next round";
+  expect_rest(&world);
+}
+
 class Best : public Engine {
  protected:
   Best() {
