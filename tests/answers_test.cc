@@ -122,6 +122,11 @@ TEST_F(AnswersTest, PartlyResolvedNodeShowsWhatHasArrived) {
   EXPECT_EQ(resolved, nullptr);
   EXPECT_EQ(kavo_wait_multiple_nodes(host, nodes, 2, KAVOWT_FULL, 0, Deadline(kShortMs), nullptr), KAVOE_TIMEOUT);
   EXPECT_EQ(answers.copy(host, silent), KAVOE_NODATA);
+  KAVO_ANSWER_ITERATOR iterator = kavo_alloc_answer_iterator();
+  EXPECT_EQ(kavo_set_answer_iterator(host, node, iterator), KAVOE_OK);
+  EXPECT_EQ(kavo_set_answer_iterator(host, silent, iterator), KAVOE_NODATA);
+  EXPECT_EQ(kavo_get_answer(host, iterator), nullptr) << "it has left the first node";
+  kavo_free_answer_iterator(iterator);
 }
 
 // More zones than a fresh iterator has room for; every other one answers.

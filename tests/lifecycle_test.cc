@@ -344,7 +344,8 @@ TEST_F(LifecycleTest, DeadlinesSaturateAndDelaysNeverRunBackwards) {
                                 {INT_MAX + int64_t{1}, 0},
                                 {INT_MIN - int64_t{1}, 0}})
     expect_from_now(no_span, {0, 0});
-  for (const timeval span : {timeval{INT_MAX, 0}, {INT_MAX, 999999}, {INT_MAX - now.tv_sec + 1, 0}}) {
+  for (const timeval span :
+       {timeval{INT_MAX, 0}, {INT_MAX, 999999}, {INT_MAX - now.tv_sec + 1, 0}, {INT_MAX - now.tv_sec, 999999}}) {
     EXPECT_EQ(kavo_time_deadline(&span, &deadline), KAVOE_OK);
     EXPECT_EQ(deadline.tv_sec, INT_MAX);
     EXPECT_EQ(deadline.tv_usec, 999999);

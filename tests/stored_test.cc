@@ -203,6 +203,8 @@ TEST_F(StoredTest, ImpossibleRecordsAreRefused) {
   list.rr.rr_null->dnsn_nrr = 1;
   list.rr.rr_a->dnsa4_addr = nullptr;
   EXPECT_EQ(kavo_rr_write(KAVOT_DNS_A, list, sink.get()), KAVOE_BADPAR);
+  list.rr.rr_null->dnsn_nrr = 0;
+  EXPECT_EQ(kavo_rr_write(KAVOT_DNS_A, list, sink.get()), KAVOE_OK) << "no array is needed where nothing is in it";
   packet.rr.rr_pkt->dnspkt_psize = 7;
   EXPECT_EQ(kavo_rr_write(KAVOT_PKT, packet, sink.get()), KAVOE_BADPAR);
   packet.rr.rr_pkt->dnspkt_psize = 0;

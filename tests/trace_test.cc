@@ -405,6 +405,7 @@ TEST_F(HostTraceTest, AsManyServersAreTakenAsAContextHolds) {
   std::string zones = "zone many.test\nrecord @ NS www.many.test\n";
   for (unsigned i = 1; i <= kMost + 1; ++i)
     zones += "record www A 127.0.0." + std::to_string(i) + "\n";
+  zones += "zone one.test\nrecord @ NS ns.one.test\nrecord ns A 127.0.0.7\n";
   ListServer server(zones);
   for (const int direct : {1, 0}) {
     Host host;
@@ -413,6 +414,10 @@ TEST_F(HostTraceTest, AsManyServersAreTakenAsAContextHolds) {
               direct != 0 ? KAVOE_DNS : KAVOE_OK);
     EXPECT_EQ(servers_of(host).size(), kMost);
   }
+  Host single;
+  single.server(server.port());
+  EXPECT_EQ(kavo_set_dns_server(single, "one.test", 53, 0), KAVOE_OK);
+  EXPECT_EQ(servers_of(single), Texts{"127.0.0.7:53"});
   Host host;
   EXPECT_EQ(servers_of(host), Texts{});
   EXPECT_EQ(kavo_add_dns_server(host, "127.0.0", 1), KAVOE_BADPAR);
