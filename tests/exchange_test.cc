@@ -179,6 +179,17 @@ TEST_F(Engine, ServersThatCloseConnectionsLoseNothing) {
   }
 }
 
+TEST_F(Engine, AnAnswerThatALateLoopFindsOnAConnectionCounts) {
+  world.add_server("192.0.2.1", Temper::truncates);
+  Asked &asked = questions.ask("listed-1.list.test");
+  ASSERT_TRUE(world.turn());
+  (void)dns_timeouts(world.ctx, dns_tv_infinite, world.now());
+  ASSERT_EQ(world.connections_made, 1U);
+  world.now_us += 60 * dns::kUsPerSecond;
+  (void)dns_timeouts(world.ctx, dns_tv_infinite, world.now());
+  expect_truth(asked);
+}
+
 TEST_F(Engine, AConnectionThatCannotBeHadCostsAttemptsAndNotTheQuery) {
   world.add_server("192.0.2.1", Temper::truncates);
   for (const int error : {-ECONNREFUSED, -EMFILE}) {

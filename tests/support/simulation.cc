@@ -452,6 +452,7 @@ int World::tcp_send(void *self, int socket, const uint8_t *bytes, size_t size) {
   auto *world = static_cast<World *>(self);
   Stream &stream = world->streams_.at(socket);
   if (world->chance(world->weather.breaks_percent)) return -ECONNRESET;
+  if (stream.answers >= world->answers_per_connection) return -EPIPE;
   const size_t taken = 1 + world->random(size);
   stream.in.insert(stream.in.end(), bytes, bytes + taken);
   std::vector<Bytes> questions;

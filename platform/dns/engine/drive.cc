@@ -91,6 +91,7 @@ void give_up_late(dns_ctx *ctx) {
   const bool any = ctx->waiting.next_us() <= ctx->now_us;
   for (unsigned i = 0; any && i < ctx->sockets.extent(); ++i)
     if (ctx->sockets.awaits(static_cast<int>(i))) receive(ctx, static_cast<int>(i));
+  if (any) tcp_receive(ctx);
   Link due;
   ctx->waiting.expire(ctx->now_us, &due);
   while (!due.alone()) {

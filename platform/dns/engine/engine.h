@@ -478,6 +478,8 @@ void tell_packet(dns_ctx *ctx, dns_query *q, int code, const Arrival &arrival, i
 void send_over_tcp(dns_query *q);
 // tcp_flush writes what is to be written on every connection. True when one broke, and left questions to be sent.
 [[nodiscard]] bool tcp_flush(dns_ctx *ctx);
+// tcp_receive reads what has arrived on every connection.
+void tcp_receive(dns_ctx *ctx);
 // tcp_forget takes a question off its connection.
 void tcp_forget(dns_query *q);
 // tcp_timed_out gives up the try of a question that is under way on a connection.

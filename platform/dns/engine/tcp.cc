@@ -166,6 +166,17 @@ Connection *connect(dns_ctx *ctx, Server *server, int *error) {
   return 0;
 }
 
+void read_connection(dns_ctx *ctx, Connection *connection) {
+  const int error = take_messages(ctx, connection);
+  if (error != 0) broken(ctx, connection, error);
+}
+
+// unwritable ends a connection that cannot be written to, after what its server had sent before it closed.
+void unwritable(dns_ctx *ctx, Connection *connection, int error) {
+  (void)take_messages(ctx, connection);
+  broken(ctx, connection, error);
+}
+
 }  // namespace
 
 void send_over_tcp(dns_query *q) {
@@ -192,9 +203,15 @@ bool tcp_flush(dns_ctx *ctx) {
   if (ctx->connections_open == 0) return false;
   for (Connection &connection : ctx->connections) {
     const int error = connection.link.wants_to_write() ? connection.link.flush() : 0;
-    if (error != 0) broken(ctx, &connection, error);
+    if (error != 0) unwritable(ctx, &connection, error);
   }
   return !ctx->sending.alone();
+}
+
+void tcp_receive(dns_ctx *ctx) {
+  if (ctx->connections_open == 0) return;
+  for (Connection &connection : ctx->connections)
+    if (connection.link.is_open() && connection.count > 0) read_connection(ctx, &connection);
 }
 
 void tcp_forget(dns_query *q) {
@@ -217,10 +234,11 @@ bool tcp_event(dns_ctx *ctx, const dns_ios &socket) {
   if (ctx->connections_open == 0) return false;
   for (Connection &connection : ctx->connections) {
     if (!connection.link.is_open() || connection.link.descriptor() != socket.dnsio_sock) continue;
-    int error = 0;
-    if ((socket.dnsio_events & DNS_IO_OUT) != 0) error = connection.link.flush();
-    if (error == 0 && (socket.dnsio_events & DNS_IO_IN) != 0) error = take_messages(ctx, &connection);
-    if (error != 0) broken(ctx, &connection, error);
+    const int unsent = (socket.dnsio_events & DNS_IO_OUT) != 0 ? connection.link.flush() : 0;
+    if (unsent != 0)
+      unwritable(ctx, &connection, unsent);
+    else if ((socket.dnsio_events & DNS_IO_IN) != 0)
+      read_connection(ctx, &connection);
     return true;
   }
   return false;
