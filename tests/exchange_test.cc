@@ -322,6 +322,19 @@ TEST_F(Engine, AServerThatKeepsTheCaseIsNotTalkedOutOfIt) {
   EXPECT_FALSE(has_capitals(world.last_question()));
 }
 
+TEST_F(Engine, AServerWithoutTcpThatDoesNotKeepTheCaseIsNeverTakenForOneThatDoes) {
+  world.add_server("192.0.2.1", Temper::lowers_case);
+  for (const int error : {-ECONNREFUSED, -EHOSTUNREACH}) {
+    world.tcp_error = error;
+    world.tcp_errors = UINT32_MAX;
+    for (int i = 0; i < 100; ++i) {
+      world.now_us += dns::kLowerUs;
+      // One letter comes back right by chance every other time.
+      expect_truth((questions.ask("1.x"), world.run(), *questions.all().back()));
+    }
+  }
+}
+
 TEST_F(Engine, AServerMayHaveACaseOfItsOwn) {
   world.add_server("192.0.2.1", Temper::good);
   world.script = [](const sim::Bytes &question, const std::string &) {

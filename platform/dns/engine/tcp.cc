@@ -38,9 +38,10 @@ bool is_used_up(const dns_ctx *ctx, const Connection *connection) {
 // How an attempt over TCP failed: by the server's doing, by its silence, or by nothing that it had a part in.
 enum class End { refused, silence, local };
 
-// end_of tells it of the error of a connection.
+// end_of tells it of the error of a connection. A packet filter in front of a server has the host unreachable.
 End end_of(int error) {
-  const bool by_server = error == -ECONNREFUSED || error == -ECONNRESET || error == -EPIPE || error == -ETIMEDOUT;
+  const bool by_server = error == -ECONNREFUSED || error == -ECONNRESET || error == -EPIPE || error == -ETIMEDOUT ||
+                         error == -EHOSTUNREACH;
   return by_server ? End::refused : End::local;
 }
 
@@ -51,6 +52,7 @@ void failed(dns_query *q, End end) {
   Server *server = servers_of(q)[q->server];
   if (q->doubt == Doubt::letter_case && end != End::local && !server->keeps_case()) {
     server->lower_until_us = ctx->now_us + kLowerUs;
+    server->letters_kept = 0;  // what came back right did so by chance
     q->doubt = Doubt::none;
     if (q->tries < ctx->options.ntries) {
       q->over_tcp = false;
