@@ -228,6 +228,21 @@ TEST_F(Engine, ASlowServerIsHeardThoughItsQueryHasLeftTheSocket) {
   EXPECT_LE(asked.took_us, 3'501'000) << "the answer to the first attempt counts";
 }
 
+TEST_F(Engine, EachSocketOfALoneServerIsHeardForTwoAttempts) {
+  const dns_timeval timeout = {1, 0};
+  ASSERT_EQ(dns_set_opt(world.ctx, DNS_OPT_TIMEOUT, &timeout, sizeof timeout), 0);
+  set(&world, DNS_OPT_NTRIES, 10);
+  world.add_server("192.0.2.1", Temper::good);
+  world.delays_us["192.0.2.1"] = 1'200'000;
+  world.script = [this](const sim::Bytes &question, const std::string &) {
+    return world.packets_sent <= 2 ? sim::Bytes{} : answer_to(question, Temper::good);
+  };
+  Asked &asked = questions.ask("listed-2.list.test");
+  ASSERT_TRUE(world.run());
+  expect_truth(asked);
+  EXPECT_LE(asked.took_us, 3'201'000) << "the answer to the third attempt counts";
+}
+
 TEST_F(Engine, AServerIsNotBelievedUnderAnIdThatItWasNotAskedUnder) {
   world.add_server("192.0.2.1", Temper::refuses_tcp);
   world.add_server("192.0.2.2", Temper::dead);

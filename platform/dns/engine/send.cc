@@ -145,15 +145,15 @@ unsigned room_at(const Server *server) {
 }
 
 // choose_socket takes a query off a socket on which it hears nothing: one that is connected to another server than the
-// next, or on which two attempts have met with silence. That may also be a slow server's, so there it goes on
-// listening.
+// next, or on which two attempts have met with silence. That may also be a slow server's, so on the first such socket
+// it goes on listening.
 void choose_socket(dns_query *q) {
   constexpr unsigned kSilentTries = 2;
   const UdpPool &sockets = q->ctx->sockets;
   if (q->slot == UdpPool::kNone) return;
   if (!sockets.reaches(q->slot, servers_of(q)[q->server]->address))
     give_up_slot(q);
-  else if (q->tries >= kSilentTries && sockets.silent(q->slot, q->first_sent_us))
+  else if (q->tries % kSilentTries == 0 && sockets.silent(q->slot, q->first_sent_us))
     change_socket(q);
 }
 
