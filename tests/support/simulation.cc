@@ -362,7 +362,9 @@ void World::send(int socket, const dns::Datagram &datagram) {
     mail(socket, stranger, right_id);
   }
   if (chance(weather.loss_percent)) return;
-  if (!script && tempers_.at(text) == Temper::absent) returned_[socket].push_back({socket, datagram.peer, question});
+  const int returns = script || tempers_.at(text) != Temper::absent ? 0 : chance(weather.duplicate_percent) ? 2 : 1;
+  for (int i = 0; i < returns; ++i)
+    returned_[socket].push_back({socket, datagram.peer, question});
   Bytes answer = script ? script(question, text) : answer_to(question, tempers_.at(text));
   if (answer.size() > kUdpMax) {
     answer = bare(question, DNS_R_NOERROR);

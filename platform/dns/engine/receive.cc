@@ -169,7 +169,7 @@ dns_query *returned_to(dns_ctx *ctx, int slot, std::span<const uint8_t> packet, 
   Header header;
   if (!read_header(packet, &header)) return nullptr;
   for (dns_query *q = ctx->index.first(header.id); q != nullptr; q = q->index_next) {
-    if (q->id != header.id || q->slot != slot || q->state != State::waiting) continue;
+    if (q->id != header.id || q->slot != slot || q->state != State::waiting || q->pausing) continue;
     if (same_address(servers_of(q)[q->server]->address, server) && match(q, q->server, packet, header) == Match::whole)
       return q;
   }
