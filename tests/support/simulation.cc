@@ -395,6 +395,7 @@ void World::udp_close(void *self, int socket) {
   auto *world = static_cast<World *>(self);
   world->inboxes_.erase(socket);
   world->connected_.erase(socket);
+  world->returned_.erase(socket);
   --world->sockets_open;
 }
 
