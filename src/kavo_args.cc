@@ -75,8 +75,8 @@ Chain detach(KAVO ctx, KAVO_QUERY_NODE node, int count) PELK_REQUIRES(ctx->mx_ta
   return chain;
 }
 
-// end_of returns the last argument of a node's chain, null without any. A node that has arguments got the last of them
-// when it was appended to last; what is remembered of a node whose arguments have gone is not looked at.
+// end_of returns the last argument of a node's chain, null without any. What is remembered of a node without arguments
+// is from an earlier use of it.
 kavo_cb_arg *end_of(KAVO ctx, KAVO_QUERY_NODE node) PELK_REQUIRES(ctx->mx_table) {
   if (node->cb_args != nullptr && ctx->args_end.node == node) return ctx->args_end.last;
   kavo_cb_arg *tail = nullptr;
