@@ -3,7 +3,7 @@
 Lines keep their numbers, so that what the compiler says of a rewritten source holds for the original.
 """
 import re
-from dataclasses import dataclass, field
+from dataclasses import dataclass
 
 from clang.cindex import CursorKind as Kind, Index, TranslationUnit, TypeKind
 
@@ -33,7 +33,6 @@ class Mutant:
     original: str
     mutated: str
     number: int = 0
-    cases: list = field(default_factory=list)
 
     def key(self):
         return self.path, self.function, self.original, self.mutated
@@ -81,10 +80,16 @@ class Source:
             self.mutants.append(Mutant(self.path, line, self.function, original, text))
         return first + 1
 
-    def wrap(self, cursor, before, after=')'):
-        begin, end = self.span(cursor)
+    def surround(self, begin, end, before, after):
         self.inserts.append((begin, 1, -end, before))
         self.inserts.append((end, 0, -begin, after))
+
+    def wrap(self, cursor, call, original, *mutated, before='', after=')'):
+        """Makes an expression the argument of a call that switches its mutants; whether it did."""
+        number = self.add(cursor, original, *mutated)
+        if number:
+            self.surround(*self.span(cursor), f'mutation::{call}(@{number}@, {before}', after)
+        return number != 0
 
     # ---- walking
 
@@ -151,28 +156,22 @@ class Source:
             return self.code(cursor.extent.start.offset, begin) + f' {other} ' + self.code(end, cursor.extent.end.offset)
 
         if sign in COMPARISONS and kinds <= SCALARS:
-            name, others = COMPARISONS[sign]
-            number = self.add(cursor, whole, *map(swapped, others))
-            joint = ', '
+            call, others = COMPARISONS[sign]
             if sign in LITERAL_COUNTS:
                 self.literal(right)
         elif sign in CONNECTIVES:
-            name, other = CONNECTIVES[sign]
-            for side in (left, right):
-                self.condition(side)
-            number = self.add(cursor, whole, swapped(other))
-            joint = ', [&] { return static_cast<bool>('
+            call, *others = CONNECTIVES[sign]
+            self.condition(left)
+            self.condition(right)
+            if self.wrap(cursor, call, whole, swapped(*others), before='static_cast<bool>(', after='); })'):
+                self.replaced.append((begin, end, '), [&] { return static_cast<bool>('))
+            return
         elif sign in SUMS and kinds <= INTEGERS:
-            name, other = SUMS[sign]
-            number = self.add(cursor, whole, swapped(other))
-            joint = ', '
+            call, *others = SUMS[sign]
         else:
             return
-        if number:
-            connective = sign in CONNECTIVES
-            self.wrap(cursor, f'mutation::{name}(@{number}@, ' + ('static_cast<bool>(' if connective else ''),
-                      '); })' if connective else ')')
-            self.replaced.append((begin, end, (')' if connective else '') + joint))
+        if self.wrap(cursor, call, whole, *map(swapped, others)):
+            self.replaced.append((begin, end, ', '))
 
     @staticmethod
     def bare(cursor):
@@ -196,9 +195,7 @@ class Source:
         if not cursor.kind.is_expression() or self.says_more(cursor):
             return
         text = self.code(*self.span(cursor))
-        number = self.add(cursor, text, f'!({text})')
-        if number:
-            self.wrap(cursor, f'mutation::flip(@{number}@, static_cast<bool>(', '))')
+        self.wrap(cursor, 'flip', text, f'!({text})', before='static_cast<bool>(', after='))')
 
     def literal(self, cursor):
         inner = self.bare(cursor)
@@ -207,9 +204,7 @@ class Source:
         if not enumerator and inner.kind != Kind.INTEGER_LITERAL:
             return False
         text = self.code(*self.span(inner))
-        number = self.add(inner, text, f'{text} + 1')
-        if number:
-            self.wrap(inner, f'mutation::one_more(@{number}@, ')
+        self.wrap(inner, 'one_more', text, f'{text} + 1')
         return True
 
     def result(self, cursor):
@@ -225,13 +220,9 @@ class Source:
         if kind == TypeKind.BOOL:
             self.condition(cursor)
         elif kind in INTEGERS | {TypeKind.ENUM}:
-            number = self.add(cursor, f'return {text}', f'return {text} == 0 ? 1 : 0')
-            if number:
-                self.wrap(cursor, f'mutation::zero_or_one(@{number}@, ')
+            self.wrap(cursor, 'zero_or_one', f'return {text}', f'return {text} == 0 ? 1 : 0')
         elif kind == TypeKind.POINTER:
-            number = self.add(cursor, f'return {text}', 'return nullptr')
-            if number:
-                self.wrap(cursor, f'mutation::null(@{number}@, ')
+            self.wrap(cursor, 'null', f'return {text}', 'return nullptr')
 
     def statements(self, block, children):
         for child in children:
@@ -241,11 +232,9 @@ class Source:
             if self.bare(child).kind not in LEFT_OUT or not alone or not semicolon or self.is_logged(begin):
                 continue
             end += semicolon.end()
-            text = self.code(begin, end)
-            number = self.add(child, text, '(left out)')
+            number = self.add(child, self.code(begin, end), '(left out)')
             if number:
-                self.inserts.append((begin, 1, -end - 1, f'{{ if (!mutation::on(@{number}@)) '))
-                self.inserts.append((end, 0, -begin, ' }'))
+                self.surround(begin, end, f'{{ if (!mutation::on(@{number}@)) ', ' }')
 
     # ---- writing
 
