@@ -96,8 +96,8 @@ typedef enum KAVO_ERR KAVO_ENUM_UNSIGNED {
   KAVOE_NOMEM = 2,    /* no memory, or a buffer or a limit is too small */
   KAVOE_FILE = 3,     /* a file cannot be read or written, or is malformed */
   KAVOE_THR = 4,      /* a thread, lock or semaphore failed */
-  KAVOE_DNS = 5,      /* the DNS engine or a server failed */
-  KAVOE_BADPAR = 6,   /* an argument is null, malformed or out of its range */
+  KAVOE_DNS = 5,      /* the DNS engine or a server failed, or nothing listens at any server */
+  KAVOE_BADPAR = 6,   /* an argument is null, malformed or out of its range; in an answer: no name to ask */
   KAVOE_TIMEOUT = 7,  /* the deadline passed, or no server answered in time */
   KAVOE_SRV = 8,      /* the context is in the wrong state: not running, or running where it must not be */
   KAVOE_NXDOM = 9,    /* the name does not exist; for a list question: not listed */
@@ -291,7 +291,7 @@ typedef void kavo_srvstate_chg_fn(KAVO kavo, KAVO_SRV_STATE old_state, KAVO_SRV_
 enum {
   KAVO_LOG_CRIT = 1,    /* an assertion failed: a fault of this library or misuse of its handles */
   KAVO_LOG_ERR = 2,     /* an allocation, a lock, a file or the DNS engine failed */
-  KAVO_LOG_WARNING = 3, /* an operation was refused */
+  KAVO_LOG_WARNING = 3, /* an operation was refused, or takes what is no use */
   KAVO_LOG_INFO = 4,    /* a caller's error as met in normal use; statistics */
   KAVO_LOG_DEBUG = 5
 };
@@ -623,7 +623,9 @@ KAVO_EXPORT KAVO_ERR kavo_zonesmap_save_cfg(KAVO kavo, const char *zones_file_pa
 
 /* kavo_add_zone appends a zone (at most 254 bytes of text, copied) to the list of a list type, if it is not there.
  * KAVOE_NOMEM also when the list is full; KAVOE_SRV while running. A text that is no domain name is taken, with a
- * warning: of each question's answers, the one for this zone is KAVOE_BADPAR. */
+ * warning: of each question's answers, the one for this zone is KAVOE_BADPAR; so it is for a zone that makes a
+ * question's name longer than 255 bytes. Such an answer alone ends no wait, but KAVOWT_NONE. A question that no zone of
+ * its type can be asked fails: KAVOE_SRV where its answers are read. */
 KAVO_EXPORT KAVO_ERR kavo_add_zone(KAVO kavo, KAVO_TYPE type, const char *zone);
 
 /* kavo_free_zones releases the zones; kavo_zonesmap_init brings the context back into use. Nothing happens on a running

@@ -240,9 +240,11 @@ KAVO_ERR open_transport(KAVO ctx) {
   if (ctx->ios == nullptr)
     return open_failed("Unable to allocate buffer to store DNS transport sockets", KAVOE_NOMEM, errno);
   dns_set_dcfn(ctx->udns_ctx, kavo_srv_dccb);
+  errno = 0;  // what fails below may have no call's reason
   if (dns_open(ctx->udns_ctx) >= 0) return KAVOE_OK;
+  const int reason = errno;
   close_transport(ctx);
-  return open_failed("Unable to open DNS transport", KAVOE_DNS);
+  return open_failed("Unable to open DNS transport", KAVOE_DNS, reason);
 }
 
 // own_pipe sees that the event pipe is this process's own: a context that was at rest when it was forked shares one

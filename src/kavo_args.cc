@@ -94,11 +94,14 @@ kavo_cb_arg *end_of(KAVO ctx, KAVO_QUERY_NODE node) PELK_REQUIRES(ctx->mx_table)
 // append links a chain of `count` arguments to the end of a node's, where readers may see it from then on.
 void append(KAVO ctx, KAVO_QUERY_NODE node, const Chain &chain, int count) PELK_REQUIRES(ctx->mx_table) {
   kavo_cb_arg *tail = end_of(ctx, node);
-  if (tail == nullptr)
-    node->cb_args = chain.first;
-  else
-    tail->next.store(chain.first, std::memory_order_release);
   node->args_count += static_cast<uint32_t>(count);
+  if (tail == nullptr) {
+    // What others subscribe meanwhile must not push out the end of a node that early answers are appended to.
+    node->cb_args = chain.first;
+    if (ctx->args_end.node == node) ctx->args_end = {};
+    return;
+  }
+  tail->next.store(chain.first, std::memory_order_release);
   ctx->args_end = {node, chain.last};
 }
 

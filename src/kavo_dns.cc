@@ -6,6 +6,7 @@
 // joined in one buffer from wire forms that exist already: this runs once for every zone and question.
 #include "kavo_dns.h"
 
+#include <errno.h>
 #include <string.h>
 
 #include <algorithm>
@@ -186,7 +187,7 @@ struct dns_query *kavo_submit_key(KAVO ctx, const unsigned char *key, unsigned k
       nserv == 0 ? nullptr : reinterpret_cast<const struct sockaddr *>(servers.data()), nserv, parser, cbck, data);
   if (query != nullptr) return query;
   const KAVO_ERR code = kavo_dns_status(ctx);
-  PELK_ERROR(kSource, __func__, 0, code, "Unable to submit query, DNS transport error");
+  PELK_ERROR(kSource, __func__, code == KAVOE_NOMEM ? errno : 0, code, "Unable to submit query, DNS transport error");
   return refuse(err, code);
 }
 

@@ -198,9 +198,10 @@ KAVO_ERR kavo_set_dns_server(KAVO kavo, const char *server_domain, unsigned port
   const in_port_t port_n = htons(static_cast<uint16_t>(port == 0 ? kavo->dns_port : port));
   struct in_addr address = {};
   if (dns_pton(AF_INET, server_domain, &address) > 0) return replace_list(kavo, port_n, {&address, 1});
+  errno = 0;  // what fails below may have no call's reason
   Transport transport(kavo->udns_ctx);
   if (!transport.opened()) {
-    PELK_ERROR(kSource, __func__, 0, KAVOE_DNS, "Unable to open DNS transport");
+    PELK_ERROR(kSource, __func__, errno, KAVOE_DNS, "Unable to open DNS transport");
     return KAVOE_DNS;
   }
   return direct != 0 ? set_by_host(kavo, port_n, server_domain, &transport)

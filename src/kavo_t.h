@@ -41,8 +41,8 @@ struct kavo_lookup {
   uint32_t flags = 0;
 };
 
-// kavo_args_end: where arguments were appended last: the node and its chain's end. A node's early answers come one
-// after the other, and none of them has to walk the chain. The node may be gone.
+// kavo_args_end: where an argument was last appended to a node that had some: the node and its chain's end. A node's
+// early answers come one after the other, so that the first of them alone walks the chain. The node may be gone.
 struct kavo_args_end {
   const struct kavo_query_node_t *node = nullptr;
   kavo_cb_arg *last = nullptr;

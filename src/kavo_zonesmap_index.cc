@@ -105,6 +105,7 @@ void kavo_zonesmap_mark(kavo_zonesmap *map, int slot, bool listed) {
   const kavo_zones *list = map->zones[slot];
   const uint32_t bit = uint32_t{1} << slot;
   for (int32_t i = 0; i < list->count; ++i) {
+    if (list->zone_numbs[i] == 0) continue;  // the pseudo-zone has no name
     kavo_zone_entry *entry = kavo_zonesmap_find(map, map->prefixes[list->zone_numbs[i]]);
     if (entry != nullptr) entry->lists = listed ? entry->lists | bit : entry->lists & ~bit;
   }

@@ -278,6 +278,14 @@ TEST_F(Engine, NothingThatListensIsToldApartFromSilence) {
   EXPECT_TRUE(refused.took_us >= 500'000 && refused.took_us < dns::kUsPerSecond) << refused.took_us;
   EXPECT_EQ(world.packets_sent, 4U);
 
+  for (const char *server : {"192.0.2.2", "192.0.2.3"})
+    world.add_server(server, Temper::absent);
+  const Asked &all_refused = questions.ask("listed-1.list.test");
+  ASSERT_TRUE(world.run());
+  EXPECT_TRUE(all_refused.status == DNS_E_REFUSED && all_refused.took_us >= 500'000) << all_refused.took_us;
+  ASSERT_EQ(dns_add_serv(world.ctx, nullptr), 0);
+  world.add_server("192.0.2.1", Temper::absent);
+
   Asked &starting = questions.ask("listed-1.list.test");
   for (const unsigned packets = world.packets_sent; world.packets_sent < packets + 2;)
     ASSERT_TRUE(world.turn());
@@ -349,6 +357,16 @@ TEST_F(Engine, AServerWithoutTcpThatDoesNotKeepTheCaseIsNeverTakenForOneThatDoes
       expect_truth((questions.ask("1.x"), world.run(), *questions.all().back()));
     }
   }
+}
+
+TEST_F(Engine, AnotherMachineInAKnownServersPlaceIsFoundOut) {
+  world.add_server("192.0.2.1", Temper::good);
+  for (int i = 0; i < 10; ++i)
+    expect_truth((questions.ask("listed-1.list.test"), world.run(), *questions.all().back()));
+  world.set_temper("192.0.2.1", Temper::lowers_case);
+  EXPECT_NE((questions.ask("listed-2.list.test"), world.run(), questions.all().back()->status), DNS_E_NOERROR);
+  world.now_us += dns::kOtherCaseUs;
+  expect_truth((questions.ask("listed-3.list.test"), world.run(), *questions.all().back()));
 }
 
 TEST_F(Engine, AServerMayHaveACaseOfItsOwn) {

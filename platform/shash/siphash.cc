@@ -7,8 +7,8 @@
 #include <errno.h>
 #include <limits.h>
 #include <string.h>
-#include <sys/random.h>
-#include <sys/types.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <bit>
 
@@ -111,9 +111,10 @@ uint64_t siphash_folded(const uint8_t secret[16], const void *data, size_t size)
 }
 
 int siphash_secret(uint8_t secret[16]) {
-  ssize_t got = -1;
+  long got = -1;
   do {
-    got = getrandom(secret, kSecretSize, 0);
+    // The call itself: getrandom is a cancellation point.
+    got = syscall(SYS_getrandom, secret, kSecretSize, 0);
   } while (got < 0 && errno == EINTR);
-  return got == static_cast<ssize_t>(kSecretSize) ? 0 : -1;
+  return got == static_cast<long>(kSecretSize) ? 0 : -1;
 }

@@ -63,9 +63,11 @@ inline constexpr unsigned kPausesMax = 3;                  // pauses of a query 
 inline constexpr int64_t kPauseUs = 100'000;               // the first of them; each is twice as long as the last
 inline constexpr int64_t kNoEdnsUs = 900 * kUsPerSecond;   // for which a server is asked without EDNS0
 inline constexpr int64_t kLowerUs = 900 * kUsPerSecond;    // for which a server is asked in lower case
-inline constexpr int64_t kCookieUs = 600 * kUsPerSecond;   // for which a server must bring the cookie that it once gave
-inline constexpr size_t kOptSize = 1 + 2 + 2 + 4 + 2;      // an OPT record without options
-inline constexpr size_t kCookieMax = 4 + 8 + 32;           // a cookie option (RFC 7873, section 4)
+inline constexpr int64_t kOtherCaseUs =
+    600 * kUsPerSecond;                                   // of answers in another case alone that end a server's name
+inline constexpr int64_t kCookieUs = 600 * kUsPerSecond;  // for which a server must bring the cookie that it once gave
+inline constexpr size_t kOptSize = 1 + 2 + 2 + 4 + 2;     // an OPT record without options
+inline constexpr size_t kCookieMax = 4 + 8 + 32;          // a cookie option (RFC 7873, section 4)
 
 static_assert(DNS_MAXSERV <= kServersMax);
 static_assert(kQueryRoom >= DNS_HSIZE + DNS_MAXDN + 4 + kOptSize + kCookieMax);

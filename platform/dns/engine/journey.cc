@@ -103,7 +103,7 @@ void start_over(dns_query *q) {
   q->refused = q->unreached = 0;
   q->tries = q->pauses = 0;
   q->error = 0;
-  q->over_tcp = false;
+  q->over_tcp = q->turned_back = false;
   forget_manner(q);
   choose_first(q);
   enqueue(q);

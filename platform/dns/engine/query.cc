@@ -227,8 +227,12 @@ void ask_again(dns_query *q) {
 
 void not_reached(dns_query *q) {
   dns_ctx *ctx = q->ctx;
+  const bool direct = (q->flags & DNS_DCACHE) != 0;
   q->unreached |= 1U << q->server;
-  if ((q->flags & DNS_DCACHE) != 0 || !is_unreached(q) || q->tries >= ctx->options.ntries) {
+  const bool others = !is_unreached(q);
+  // It has taken no time: where it goes on at once it does not count.
+  if (others && !direct && !q->probes) --q->tries;
+  if (others || direct || q->tries >= ctx->options.ntries) {
     ask_again(q);
     return;
   }

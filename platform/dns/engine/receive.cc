@@ -104,6 +104,10 @@ bool take_other_case(const Found &found, int slot) {
   }
   if (!is_present(found)) return false;
   q->doubt = Doubt::letter_case;
+  const int64_t now_us = q->ctx->now_us;
+  if (server->other_case_us == 0) server->other_case_us = now_us;
+  // After minutes of nothing else another machine may have taken its place.
+  if (now_us - server->other_case_us >= kOtherCaseUs) server->letters_kept = 0;
   if (!server->keeps_case()) ask_over_tcp(q);
   return false;
 }
@@ -113,7 +117,9 @@ bool take_other_case(const Found &found, int slot) {
 void note_case(const Found &found, int slot) {
   const dns_query *q = found.q;
   Server *server = servers_of(q)[static_cast<size_t>(found.server)];
-  if (server->keeps_case() || slot >= kTcpSlot || (q->lowered & bit(found.server)) != 0) return;
+  if (slot >= kTcpSlot || (q->lowered & bit(found.server)) != 0) return;
+  server->other_case_us = 0;
+  if (server->keeps_case()) return;
   const auto is_letter = [](uint8_t byte) {
     const unsigned lower = byte | 0x20U;
     return lower >= 'a' && lower <= 'z';
@@ -122,7 +128,7 @@ void note_case(const Found &found, int slot) {
   server->letters_kept = static_cast<uint8_t>(std::min(server->letters_kept + letters, kLettersKnown));
 }
 
-enum class Cookie { right, wrong, missing };
+enum class Cookie { right, doubtful };
 
 // check_cookie checks the cookie of an answer and keeps the server's part of it (RFC 7873, section 5.3). A server that
 // has given one does so always; when it no longer does, it says so over TCP.
@@ -134,20 +140,22 @@ Cookie check_cookie(const Found &found, const Arrival &arrival, const Header &he
   const bool expected = server->gives_cookies(ctx->now_us);
   const bool said_opt = (q->with_opt & bit(found.server)) != 0;
   if (!expected && !said_opt) return Cookie::right;
+  // Over TCP no off-path forger answers, and a cookie is not needed.
+  const Cookie doubtful = arrival.protocol() == IPPROTO_UDP ? Cookie::doubtful : Cookie::right;
   Sections sections(arrival.packet, header);
   Opt opt;
-  if (!read_opt(&sections, &opt)) return Cookie::wrong;
+  if (!read_opt(&sections, &opt)) return doubtful;
   if (opt.cookie.empty()) {
-    if (expected && arrival.protocol() == IPPROTO_UDP) return Cookie::missing;
+    if (expected && doubtful != Cookie::right) return doubtful;
     if (said_opt) server->cookie_until_us = server->cookie_size = 0;
     return Cookie::right;
   }
   uint8_t own[kClientCookieSize];
   client_cookie(ctx, server, own);
-  if (opt.cookie.size() < sizeof own || memcmp(opt.cookie.data(), own, sizeof own) != 0) return Cookie::wrong;
+  if (opt.cookie.size() < sizeof own || memcmp(opt.cookie.data(), own, sizeof own) != 0) return doubtful;
   const std::span<const uint8_t> theirs = opt.cookie.subspan(sizeof own);
   if (theirs.empty()) return Cookie::right;
-  if (theirs.size() < kServerCookieMin || theirs.size() > kServerCookieMax) return Cookie::wrong;
+  if (theirs.size() < kServerCookieMin || theirs.size() > kServerCookieMax) return doubtful;
   memcpy(server->cookie, theirs.data(), theirs.size());
   server->cookie_size = static_cast<uint8_t>(theirs.size());
   server->cookie_until_us = ctx->now_us + kCookieUs;
@@ -201,9 +209,8 @@ bool take_packet(dns_ctx *ctx, std::span<uint8_t> packet, const sockaddr_in &pee
   const Arrival arrival = {packet, &peer, slot};
   Header header;
   const Found found = find(ctx, arrival, &header);
-  const Cookie cookie = found.q == nullptr ? Cookie::wrong : check_cookie(found, arrival, header);
-  if (cookie == Cookie::missing && is_present(found)) found.q->doubt = Doubt::cookie;
-  if (cookie != Cookie::right) {
+  if (found.q == nullptr || check_cookie(found, arrival, header) != Cookie::right) {
+    if (found.q != nullptr && is_present(found)) found.q->doubt = Doubt::cookie;
     tell_packet(ctx, nullptr, found.code, arrival, 0);
     return false;
   }

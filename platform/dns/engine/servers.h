@@ -41,6 +41,7 @@ struct Server : Link {
   uint8_t cookie[kServerCookieMax];  // the server's own cookie (RFC 7873)
   uint8_t cookie_size;
   uint8_t letters_kept;     // in its answers, up to kLettersKnown
+  int64_t other_case_us;    // since when nothing but answers in another case has come, though it kept it; else 0
   int64_t cookie_until_us;  // until when an answer without a cookie is none of its
   int64_t tcp_until_us;     // until when it is posted no more than `tcp_limit` queries on one connection
   uint32_t tcp_limit;

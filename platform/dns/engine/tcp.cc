@@ -53,12 +53,10 @@ void failed(dns_query *q, End end) {
   if (q->doubt == Doubt::letter_case && end != End::local && !server->keeps_case()) {
     server->lower_until_us = ctx->now_us + kLowerUs;
     server->letters_kept = 0;  // what came back right did so by chance
-    q->doubt = Doubt::none;
-    if (q->tries < ctx->options.ntries) {
-      q->over_tcp = false;
-      ask_otherwise(q);
-      return;
-    }
+    if (q->tries >= ctx->options.ntries) return ask_again(q);
+    forget_manner(q);
+    q->over_tcp = false;
+    return ask_otherwise(q);
   }
   ++q->tries;
   switch (end) {
@@ -76,7 +74,7 @@ void failed(dns_query *q, End end) {
 void broken(dns_ctx *ctx, Connection *connection, int error) {
   Link lost;
   Server *server = connection->server;
-  if (connection->count > 0 && connection->answered > 0) {
+  if (connection->count > 0 && connection->answered > 0 && error != -ETIMEDOUT) {
     server->tcp_limit = connection->answered;
     server->tcp_until_us = ctx->now_us + kTcpLimitUs;
   }
