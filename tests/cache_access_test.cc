@@ -143,6 +143,7 @@ TEST_F(CacheTest, OwnCachesAreSavedAndReplacedOnesGone) {
   put_into(cache_for(shared, KAVOCT_ANS), "one");
   ASSERT_EQ(kavo_set_ext_cache(shared, KAVOCT_ANS, nullptr), KAVOE_OK);
   EXPECT_EQ(saved(shared), Names{"one"}) << "it still serves referrals";
+  EXPECT_EQ(kavo_cachesave(shared, "/dev/full"), KAVOE_FILE);
   ASSERT_EQ(kavo_set_ext_cache(shared, KAVOCT_REF, nullptr), KAVOE_OK);
   EXPECT_EQ(saved(shared), Names{});
 }

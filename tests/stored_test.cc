@@ -132,11 +132,11 @@ TEST_F(StoredTest, NamesMayBeNullOrShared) {
   }
 
   // The last byte of a block may be an entry's, and a block have texts without bytes and no names.
-  const Rr texts = read(KAVOT_DNS_TXT, u32(48 + 16 + 5) + u32(1) + u32(kTtl) + text("text") + u32(0) + u32(0));
+  const Rr texts = read(KAVOT_DNS_TXT, u32(40 + 16 + 5) + u32(1) + u32(kTtl) + text("text") + u32(0) + u32(0));
   EXPECT_EQ(shown(KAVOT_DNS_TXT, texts.rr), "text");
-  const Rr host_name = read(KAVOT_DNS_NS, u32(48 + 8 + 10) + u32(1) + u32(kTtl) + name("n.example") + u32(0) + u32(0));
+  const Rr host_name = read(KAVOT_DNS_NS, u32(40 + 8 + 10) + u32(1) + u32(kTtl) + name("n.example") + u32(0) + u32(0));
   EXPECT_EQ(shown(KAVOT_DNS_NS, host_name.rr), "n.example");
-  const Rr empty = read(KAVOT_DNS_TXT, u32(48 + 16 + 1) + u32(1) + u32(kTtl) + u32(0) + u32(0) + u32(0));
+  const Rr empty = read(KAVOT_DNS_TXT, u32(40 + 16 + 1) + u32(1) + u32(kTtl) + u32(0) + u32(0) + u32(0));
   EXPECT_EQ(empty.rr.rr_null->dnsn_cname, nullptr);
 
   // Three texts without bytes leave room for a short query name, which is not the name's to take.
