@@ -326,7 +326,8 @@ KAVO_EXPORT KAVO_ERR kavo_init(KAVO *kavo, int table_size, int cache_size, int d
 
 /* kavo_open opens the transport and starts the server thread; returns when the thread runs. A running context stays as
  * it is (KAVOE_OK, a warning). A context whose thread failed is cleaned up first: its questions in flight fail.
- * KAVOE_NOMEM; KAVOE_DNS without sockets; KAVOE_THR without a thread (the context is stopped); KAVOE_SRV. */
+ * KAVOE_NOMEM; KAVOE_DNS without sockets; KAVOE_THR without a thread (the context is stopped); KAVOE_FAIL without
+ * descriptors of a forked child's own; KAVOE_SRV. */
 KAVO_EXPORT KAVO_ERR kavo_open(KAVO kavo);
 
 /* kavo_close stops the server thread and returns when it has ended: after every question in flight has its outcome, or
@@ -456,7 +457,8 @@ KAVO_EXPORT KAVO_ERR kavo_subscribe_node_p(KAVO kavo, KAVO_TYPE query_type, cons
 /* kavo_unsubscribe_node drops one hold; the caller uses the handle no more. The server thread has a hold of its own
  * until the question's outcome is known: a node that is let go before keeps its place in the table until then, and its
  * answers reach the cache. KAVOE_BADPAR for a node whose holders have all let it go. Any thread, also after closing; a
- * node that is held over a closing is asked no more, and is not handed out again. */
+ * node that is held over a closing is asked no more, and one of a list question is not handed out again once zones are
+ * changed. */
 KAVO_EXPORT KAVO_ERR kavo_unsubscribe_node(KAVO kavo, KAVO_QUERY_NODE node);
 
 /* kavo_node_type returns the type of a held node's question; KAVOT_INVALID for null, for a node that nobody holds and

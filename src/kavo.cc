@@ -165,7 +165,7 @@ void close_transport(KAVO ctx) {
 }
 
 // end_run fails what a thread that has ended left in flight, wakes the waiters, which no thread would do any more, and
-// closes the transport. What is still held leaves the index: the next run may have other lists to ask.
+// closes the transport.
 KAVO_ERR end_run(KAVO ctx) {
   kavo_table_guard guard(ctx);
   if (guard.error != KAVOE_OK) {
@@ -173,7 +173,6 @@ KAVO_ERR end_run(KAVO ctx) {
     return guard.error;
   }
   const KAVO_ERR error = kavo_table_fail_nodes(ctx);
-  kavo_table_unindex_held(ctx);
   kavo_table_broadcast(ctx);
   if (error == KAVOE_OK) close_transport(ctx);
   return error;
@@ -220,6 +219,7 @@ KAVO_ERR reap(KAVO ctx) {
   {
     const pelk_lock lock(&ctx->mx_srvstate);
     if (lock.error != 0 || !ctx->srv_joinable) return KAVOE_OK;
+    if (pelk_thread_is_self(ctx->srv_tid)) return KAVOE_SRV;  // called back, in a run that has failed
     ctx->srv_joinable = false;
     thread = ctx->srv_tid;
   }
@@ -285,7 +285,7 @@ KAVO_ERR start(KAVO ctx) {
   if (lock.error != 0) return no_lock(lock.error);
   const KAVO_SRV_STATE state = ctx->srvstate.load();
   if (state == KAVOSS_RUNNING) return open_failed("Invalid server state (already running)", KAVOE_SRV);
-  if (state == KAVOSS_STARTING || state == KAVOSS_STOPPING || ctx->srv_callers > 1)
+  if (state == KAVOSS_STARTING || state == KAVOSS_STOPPING || ctx->srv_callers > 1 || ctx->srv_joinable)
     return open_failed("Invalid server state (already starting or stopping)", KAVOE_SRV);
   KAVO_ERR error = own_pipe(ctx);
   if (error == KAVOE_OK) error = open_transport(ctx);
@@ -430,7 +430,7 @@ KAVO_ERR kavo_free(KAVO kavo) {
   }
   // A thread that kavo_close could not tell to stop reads the pipe's end instead.
   if (kavo->srvstate.load() == KAVOSS_STOPPING) close_end(&kavo->qa_pipe.write_end);
-  static_cast<void>(reap(kavo));
+  if (reap(kavo) == KAVOE_SRV) return KAVOE_SRV;
   release(kavo);
   return KAVOE_OK;
 }

@@ -139,7 +139,7 @@ uint32_t kavo_rev(void) {
 uint32_t kavo_nactive(KAVO kavo) {
   if (kavo == nullptr) return KAVOE_BADPAR;
   kavo_table_guard guard(kavo);
-  if (guard.error != KAVOE_OK) return kavo_table_no_lock(kSource, __func__, guard.error);
+  if (guard.error != KAVOE_OK) return kavo_table_no_lock(kSource, __func__, guard.error, KAVOE_SRV, KAVO_NO_TABLE_LOCK);
   return kavo->table_size - kavo->table_nfree;
 }
 

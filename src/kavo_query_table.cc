@@ -78,9 +78,9 @@ KAVO_ERR leave_flight(KAVO ctx, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_t
   return error;
 }
 
-// change_range moves a node to another list. `*gone` tells that the node was released altogether.
-KAVO_ERR change_range(KAVO ctx, kavo_query_node_t *node, int current, int target, bool *gone)
-    PELK_REQUIRES(ctx->mx_table) {
+// change_range moves a node to another list. One that has left the index lies among the free ones until it gives way:
+// whoever still waits for it must find its state.
+KAVO_ERR change_range(KAVO ctx, kavo_query_node_t *node, int current, int target) PELK_REQUIRES(ctx->mx_table) {
   const bool ends = target == KAVO_RANGE_FREE || target == KAVO_RANGE_DONE || target == KAVO_RANGE_ERROR;
   if (current != KAVO_RANGE_SYNC && ends) {
     const KAVO_ERR error = leave_flight(ctx, node);
@@ -89,11 +89,6 @@ KAVO_ERR change_range(KAVO ctx, kavo_query_node_t *node, int current, int target
   if (target == KAVO_RANGE_FREE) {
     const KAVO_ERR error = release_node(ctx, node);
     if (error != KAVOE_OK) return error;
-    if (!node->hashitem->indexed) {
-      shash_remove(&ctx->query_table, node->hashitem);
-      *gone = true;
-      return KAVOE_OK;
-    }
   }
   return kavo_table_move(ctx, node, target);
 }
@@ -180,8 +175,9 @@ KAVO_ERR kavo_table_unlock(KAVO ctx) {
   return KAVOE_THR;
 }
 
-KAVO_ERR kavo_table_no_lock(const char *source, const char *function, KAVO_ERR error, const char *message, int line) {
-  if (error != KAVOE_SRV) pelk_log_error(source, function, line, 0, error, "%s", message);
+KAVO_ERR kavo_table_no_lock(const char *source, const char *function, KAVO_ERR error, KAVO_ERR logged,
+                            const char *message, int line) {
+  if (error != KAVOE_SRV) pelk_log_error(source, function, line, 0, logged, "%s", message);
   return error;
 }
 
@@ -249,14 +245,15 @@ KAVO_ERR kavo_table_fail_nodes(KAVO ctx) {
   return KAVOE_OK;
 }
 
-void kavo_table_unindex_held(KAVO ctx) {
-  for (const int range : {KAVO_RANGE_DONE, KAVO_RANGE_SYNC, KAVO_RANGE_ERROR}) {
-    STAT_RANGEITEM cursor = {};
-    const PSTAT_RANGEITEM list = range_find(&ctx->query_table, static_cast<rindex_t>(range), &cursor);
-    for (shash_item *item = list == nullptr ? nullptr : range_item_first(list); item != nullptr;
-         item = item->range_next)
+// At rest what can be joined is resolved, or a sync node.
+void kavo_table_forget_lists(KAVO ctx) {
+  kavo_table_guard guard(ctx);
+  if (guard.error != KAVOE_OK) return;
+  STAT_RANGEITEM cursor = {};
+  const PSTAT_RANGEITEM list = range_find(&ctx->query_table, KAVO_RANGE_DONE, &cursor);
+  for (shash_item *item = list == nullptr ? nullptr : range_item_first(list); item != nullptr; item = item->range_next)
+    if (kavo_zonesmap_is_list(kavo_node_type_of(kavo_node_of_key(ctx, item->pKey))))
       shash_unindex(&ctx->query_table, item);
-  }
 }
 
 KAVO_ERR kavo_table_change_state(KAVO ctx, KAVO_QUERY_NODE node, kavo_query_state state) {
@@ -266,9 +263,8 @@ KAVO_ERR kavo_table_change_state(KAVO ctx, KAVO_QUERY_NODE node, kavo_query_stat
   if (target == KAVO_RANGE_DONE && node->client_count == 0) target = KAVO_RANGE_FREE;
   const int current = shash_get_item_range(&ctx->query_table, node->hashitem);
   if (current != target) {
-    bool gone = false;
-    const KAVO_ERR error = change_range(ctx, node, current, target, &gone);
-    if (error != KAVOE_OK || gone) return error;
+    const KAVO_ERR error = change_range(ctx, node, current, target);
+    if (error != KAVOE_OK) return error;
   }
   node->state = state;
   tell_waiters(ctx, node);

@@ -164,9 +164,15 @@ class PELK_SCOPED_CAPABILITY kavo_table_guard {
   const KAVO ctx_;
 };
 
-// kavo_table_no_lock logs, where that has its place, what could not be done for want of the lock. Returns `error`.
-KAVO_ERR kavo_table_no_lock(const char *source, const char *function, KAVO_ERR error,
-                            const char *message = "Unable to lock query table", int line = __builtin_LINE());
+// kavo_table_no_lock logs, where that has its place, what could not be done for want of the lock, with `error` or
+// another code. Returns `error`.
+inline constexpr char KAVO_NO_TABLE_LOCK[] = "Unable to lock query table";
+KAVO_ERR kavo_table_no_lock(const char *source, const char *function, KAVO_ERR error, KAVO_ERR logged,
+                            const char *message, int line = __builtin_LINE());
+inline KAVO_ERR kavo_table_no_lock(const char *source, const char *function, KAVO_ERR error,
+                                   const char *message = KAVO_NO_TABLE_LOCK, int line = __builtin_LINE()) {
+  return kavo_table_no_lock(source, function, error, error, message, line);
+}
 
 // ---- nodes ----------------------------------------------------------------------------------------------------------
 
@@ -201,9 +207,10 @@ KAVO_ERR kavo_table_unsubscribe_node(KAVO ctx, KAVO_QUERY_NODE node) PELK_REQUIR
 KAVO_ERR kavo_table_release_node(KAVO ctx, KAVO_QUERY_NODE node) PELK_REQUIRES(ctx->mx_table);
 
 // kavo_table_fail_nodes moves every node in flight to ERROR and drops the server thread's hold on it.
-// kavo_table_unindex_held has no subscription find those that callers hold.
+// kavo_table_forget_lists has no subscription join what callers still hold of questions to lists: other lists are about
+// to be configured.
 KAVO_ERR kavo_table_fail_nodes(KAVO ctx) PELK_REQUIRES(ctx->mx_table);
-void kavo_table_unindex_held(KAVO ctx) PELK_REQUIRES(ctx->mx_table);
+void kavo_table_forget_lists(KAVO ctx) PELK_EXCLUDES(ctx->mx_table);
 
 // kavo_table_change_state moves a node to a state and its list. Leaving the states in flight cancels its questions;
 // becoming free returns its arguments and its permit. A failure leaves the node's state as it was.

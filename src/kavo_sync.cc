@@ -34,7 +34,7 @@ void write_name(uint32_t number, unsigned char *dn) {
 }  // namespace
 
 KAVO_ERR kavo_subscribe_syncnode(KAVO kavo, const struct timeval *deadline, KAVO_QUERY_NODE *node) {
-  if (kavo == nullptr) return KAVOE_BADPAR;
+  if (kavo == nullptr || node == nullptr) return KAVOE_BADPAR;
   const uint32_t run = kavo_table_run(kavo);
   const KAVO_ERR refused = kavo_check_running(kavo, kSource, __func__, kStopped);
   if (refused != KAVOE_OK) return refused;

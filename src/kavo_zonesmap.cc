@@ -17,6 +17,7 @@
 #include <dns_wire.h>
 #include <pelk.h>
 
+#include "kavo_query_table.h"
 #include "kavo_t.h"
 
 namespace {
@@ -272,25 +273,30 @@ void kavo_zonesmap_free(kavo_zonesmap *zonesmap) {
   *zonesmap = {};
 }
 
+KAVO_ERR kavo_zonesmap_check_open(KAVO kavo, const char *function, const char *message, int line) {
+  const KAVO_ERR refused = kavo_check_at_rest(kavo, kSource, function, message, line);
+  if (refused == KAVOE_OK) kavo_table_forget_lists(kavo);
+  return refused;
+}
+
 extern "C" {
 
 KAVO_ERR kavo_zonesmap_init(KAVO kavo) {
   if (kavo == nullptr || kavo->max_zones < 1) return KAVOE_BADPAR;
-  const KAVO_ERR refused = kavo_check_at_rest(kavo, kSource, __func__, kInitOpened);
+  const KAVO_ERR refused = kavo_zonesmap_check_open(kavo, __func__, kInitOpened);
   if (refused != KAVOE_OK) return refused;
   return kavo_zonesmap_init_ordinary(&kavo->zonesmap, kavo->max_zones);
 }
 
 void kavo_free_zones(KAVO kavo) {
   if (kavo == nullptr) return;
-  if (kavo_check_at_rest(kavo, kSource, __func__, "Cannot free zones because KAVO is already opened") != KAVOE_OK)
-    return;
+  if (kavo_zonesmap_check_open(kavo, __func__, "Cannot free zones because KAVO is already opened") != KAVOE_OK) return;
   kavo_zonesmap_free(&kavo->zonesmap);
 }
 
 KAVO_ERR kavo_zonesmap_init_cfg(KAVO kavo, const char *zones_file_path) {
   if (kavo == nullptr || zones_file_path == nullptr || zones_file_path[0] == '\0') return KAVOE_BADPAR;
-  const KAVO_ERR refused = kavo_check_at_rest(kavo, kSource, __func__, kInitOpened);
+  const KAVO_ERR refused = kavo_zonesmap_check_open(kavo, __func__, kInitOpened);
   if (refused != KAVOE_OK) return refused;
   const pelk_no_cancel whole;
   KAVO_ERR error = kavo_zonesmap_init_ordinary(&kavo->zonesmap, kavo->max_zones);
@@ -325,8 +331,7 @@ KAVO_ERR kavo_zonesmap_save_cfg(KAVO kavo, const char *zones_file_path) {
 KAVO_ERR kavo_add_zone(KAVO kavo, KAVO_TYPE type, const char *zone) {
   if (kavo == nullptr || zone == nullptr || zone[0] == '\0' || !kavo_zonesmap_is_list(type)) return KAVOE_BADPAR;
   if (strnlen(zone, kZoneMax + 1) > kZoneMax) return KAVOE_BADPAR;
-  const KAVO_ERR refused =
-      kavo_check_at_rest(kavo, kSource, __func__, "Cannot add zone because KAVO is already opened");
+  const KAVO_ERR refused = kavo_zonesmap_check_open(kavo, __func__, "Cannot add zone because KAVO is already opened");
   if (refused != KAVOE_OK) return refused;
   return kavo_zonesmap_add_zone(&kavo->zonesmap, kavo->max_zones, type, zone);
 }

@@ -79,6 +79,11 @@ void kavo_zonesmap_index_free(kavo_zonesmap *map);
 // kavo_zonesmap_mark notes of every name in a slot's list that the list holds it, or that it no longer does.
 void kavo_zonesmap_mark(kavo_zonesmap *map, int slot, bool listed);
 
+// kavo_zonesmap_check_open is kavo_check_at_rest for calls that change a context's zones. What is still held of
+// questions to its lists is joined no more then.
+[[nodiscard]] KAVO_ERR kavo_zonesmap_check_open(KAVO kavo, const char *function, const char *message,
+                                                int line = __builtin_LINE());
+
 // kavo_zonesmap_init_ordinary brings a map into its initial state: the pseudo-zone alone, every list type empty. What
 // the map held before is released; a map that was never initialized must be filled with zero bytes.
 [[nodiscard]] KAVO_ERR kavo_zonesmap_init_ordinary(kavo_zonesmap *zonesmap, int max_zones);

@@ -205,7 +205,7 @@ KAVO_ERR kavo_zonesmap_init_bin(KAVO kavo, kavo_zonesmap *zonesmap, FILE *zones_
   // A map of another context would get lists of this one's length, which the other would write beyond.
   if (zonesmap != &kavo->zonesmap) return KAVOE_BADPAR;
   KAVO_ERR error =
-      kavo_check_at_rest(kavo, kSource, __func__, "Cannot initialize zonesmap because KAVO is already opened");
+      kavo_zonesmap_check_open(kavo, __func__, "Cannot initialize zonesmap because KAVO is already opened");
   if (error != KAVOE_OK) return error;
   const pelk_no_cancel whole;
   error = kavo_zonesmap_init_ordinary(zonesmap, kavo->max_zones);

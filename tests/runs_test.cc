@@ -43,7 +43,7 @@ TEST_F(RunsTest, WhoWaitsForRoomLeavesWithTheRun) {
   EXPECT_EQ(next.wait(KAVOWT_FULL), KAVOE_OK);
 }
 
-TEST_F(RunsTest, NodesOfTheRunBeforeAreNotJoined) {
+TEST_F(RunsTest, NodesOfOtherListsAreNotJoined) {
   Host host;
   host.server(server_.port()).zone(KAVOT_BL_IP, "live.list").patient().open();
   Node old(host, KAVOT_BL_IP, "192.0.2.1"), old_bell(host);
@@ -52,6 +52,9 @@ TEST_F(RunsTest, NodesOfTheRunBeforeAreNotJoined) {
   KAVO_QUERY_NODE refused = nullptr;
   EXPECT_EQ(kavo_subscribe_syncnode(host, nullptr, &refused), KAVOE_SRV);
   EXPECT_EQ(kavo_signal_syncnode(host, old_bell), KAVOE_OK);
+  host.open();
+  EXPECT_EQ(KAVO_QUERY_NODE{Node(host, KAVOT_BL_IP, "192.0.2.1")}, KAVO_QUERY_NODE{old}) << "the lists are the same";
+  ASSERT_EQ(kavo_close(host), KAVOE_OK);
   ASSERT_EQ(kavo_zonesmap_init(host), KAVOE_OK);
   host.zone(KAVOT_BL_IP, "dead.list").open();
   EXPECT_EQ(old_bell.wait(KAVOWT_FULL), KAVOE_OK) << "a sync node works on";

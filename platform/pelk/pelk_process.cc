@@ -13,7 +13,8 @@
 
 namespace {
 
-constinit std::atomic<uint64_t> no_number = 0;  // stands for the page until it is there, and where it cannot be had
+constinit std::atomic<uint64_t> no_number = 0;  // stands for the page until it is there
+constinit std::atomic<uint64_t> no_page = 0;    // and this one where it cannot be had, then for good
 constinit std::atomic<uint64_t> numbers_given = 0;
 
 std::atomic<uint64_t> *make_page() {
@@ -25,13 +26,15 @@ std::atomic<uint64_t> *make_page() {
   return nullptr;
 }
 
-// the_page returns the one page, or null on a system that has none of the kind.
+// the_page returns the one page, or `no_page`: on a system that has none of the kind, or no memory when it was first
+// asked. A number that changed within a process would make a process of its own of it.
 std::atomic<uint64_t> *the_page() {
   std::atomic<uint64_t> *page = pelk_process_number.load(std::memory_order_acquire);
   if (page != &no_number) return page;
   std::atomic<uint64_t> *made = make_page();
-  if (made == nullptr || pelk_process_number.compare_exchange_strong(page, made)) return made;
-  munmap(made, static_cast<size_t>(getpagesize()));
+  std::atomic<uint64_t> *chosen = made != nullptr ? made : &no_page;
+  if (pelk_process_number.compare_exchange_strong(page, chosen)) return chosen;
+  if (made != nullptr) munmap(made, static_cast<size_t>(getpagesize()));
   return page;
 }
 
@@ -42,7 +45,7 @@ constinit std::atomic<std::atomic<uint64_t> *> pelk_process_number = &no_number;
 // pelk_process_begin gives the process its number. Without the page that is its id, asked for each time.
 uint64_t pelk_process_begin() {
   std::atomic<uint64_t> *page = the_page();
-  if (page == nullptr) return static_cast<uint64_t>(getpid());
+  if (page == &no_page) return static_cast<uint64_t>(getpid());
   const uint64_t fresh = numbers_given.fetch_add(1) + 1;
   uint64_t number = 0;
   return page->compare_exchange_strong(number, fresh) ? fresh : number;

@@ -6,6 +6,7 @@
 #include <time.h>
 
 #include <algorithm>
+#include <atomic>
 #include <new>
 #include <utility>
 
@@ -153,7 +154,13 @@ void dns_free(void *block) {
 }
 
 void dns_gettimeofday(dns_timeval *now) {
-  static const int64_t start = clock_us(CLOCK_REALTIME) - clock_us(CLOCK_MONOTONIC);
+  // No guarded initialiser: a child that is forked meanwhile would wait for its end for ever.
+  static constinit std::atomic<int64_t> noted = 0;
+  int64_t start = noted.load(std::memory_order_relaxed);
+  if (start == 0) {
+    const int64_t fresh = clock_us(CLOCK_REALTIME) - clock_us(CLOCK_MONOTONIC);
+    if (noted.compare_exchange_strong(start, fresh)) start = fresh;
+  }
   const int64_t us = start + clock_us(CLOCK_MONOTONIC);
   *now = {static_cast<int32_t>(us / kUsPerSecond), static_cast<int32_t>(us % kUsPerSecond)};
 }

@@ -10,6 +10,8 @@
 
 #include <linux/errqueue.h>  // relies on <time.h>
 
+#include <atomic>
+
 #include "dns_io.h"
 
 namespace dns {
@@ -58,18 +60,27 @@ void system_close(void *, int descriptor) {
   close(descriptor);
 }
 
-// kernel_cuts tells whether the kernel can cut up packets that it is given as one (UDP_SEGMENT, Linux 4.18). One that
-// does not know how would send them as one, so it is asked first.
+// asked_whether_kernel_cuts tells whether the kernel can cut up packets that it is given as one (UDP_SEGMENT, Linux
+// 4.18). One that does not know how would send them as one, so it is asked first.
+bool asked_whether_kernel_cuts() {
+  const int descriptor = pelk_lift(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP));
+  int size = 0;
+  socklen_t length = sizeof size;
+  const bool known = descriptor >= 0 && getsockopt(descriptor, IPPROTO_UDP, UDP_SEGMENT, &size, &length) == 0;
+  if (descriptor >= 0) close(descriptor);
+  return known;
+}
+
+// kernel_cuts has no guarded initialiser: a child that is forked meanwhile would wait for its end for ever.
 bool kernel_cuts() {
-  static const bool cuts = [] {
-    const int descriptor = pelk_lift(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP));
-    int size = 0;
-    socklen_t length = sizeof size;
-    const bool known = descriptor >= 0 && getsockopt(descriptor, IPPROTO_UDP, UDP_SEGMENT, &size, &length) == 0;
-    if (descriptor >= 0) close(descriptor);
-    return known;
-  }();
-  return cuts;
+  enum Known : int { unknown, no, yes };
+  static constinit std::atomic<int> known = unknown;
+  int cuts = known.load(std::memory_order_relaxed);
+  if (cuts == unknown) {
+    cuts = asked_whether_kernel_cuts() ? yes : no;
+    known.store(cuts, std::memory_order_relaxed);
+  }
+  return cuts == yes;
 }
 
 // Outgoing is the records that sendmmsg wants for kBatch datagrams: a message for each, or in runs a message for each

@@ -137,6 +137,9 @@ using pelk_thread_fn = void *(void *);
 // those that report a fault of the thread itself.
 int pelk_thread_create(pelk_thread_t *thread, pelk_thread_fn *routine, void *argument);
 int pelk_thread_join(pelk_thread_t thread);
+inline bool pelk_thread_is_self(pelk_thread_t thread) {
+  return pthread_equal(thread, pthread_self()) != 0;
+}
 
 // pelk_no_cancel keeps the calling thread from being cancelled (pthread_cancel) for a scope. The library is compiled
 // without exceptions: a thread that ended inside would run no destructor, and keep every lock that it holds.
