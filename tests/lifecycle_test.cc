@@ -261,10 +261,11 @@ TEST_F(LifecycleTest, EveryOperationTakesNullsCalmly) {
               static_cast<KAVO_ERR>(kavo_set_srvstate_chg_cb(nullptr, nullptr, nullptr)),
               static_cast<KAVO_ERR>(kavo_nactive(nullptr)), kavo_set_ext_cache(nullptr, KAVOCT_ANS, nullptr),
               static_cast<KAVO_ERR>(kavo_set_cost_zone(nullptr, "x")),
-              static_cast<KAVO_ERR>(kavo_add_expserv(nullptr, nullptr)), kavo_add_zone(nullptr, KAVOT_BL_IP, "x"),
-              kavo_add_dns_server(nullptr, "127.0.0.1", 0), kavo_get_dns_servers(host, nullptr, nullptr),
-              kavo_get_serv_avgrtt(nullptr, address, &value), kavo_get_serv_nused(host, address, &big),
-              kavo_get_serv_lastrtt(host, nullptr, &value), kavo_get_serv_nqsent(host, address, nullptr)});
+              static_cast<KAVO_ERR>(kavo_add_expserv(nullptr, nullptr)), kavo_set_cookies(nullptr, 1),
+              kavo_add_zone(nullptr, KAVOT_BL_IP, "x"), kavo_add_dns_server(nullptr, "127.0.0.1", 0),
+              kavo_get_dns_servers(host, nullptr, nullptr), kavo_get_serv_avgrtt(nullptr, address, &value),
+              kavo_get_serv_nused(host, address, &big), kavo_get_serv_lastrtt(host, nullptr, &value),
+              kavo_get_serv_nqsent(host, address, nullptr)});
   EXPECT_EQ(kavo_get_ext_cache(nullptr, KAVOCT_ANS), nullptr);
   expect_all<const char *>(nullptr, {kavo_zonesmap_zone(nullptr, 0), kavo_zonesmap_zone(host, -1)});
 
