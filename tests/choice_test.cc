@@ -4,8 +4,10 @@
 #include <algorithm>
 #include <cctype>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "support/packets.h"
 #include "support/questions.h"
 
 namespace {
@@ -119,6 +121,12 @@ TEST_F(Engine, ThoseThatWaitForRoomAtADyingServerGoToTheNext) {
   const unsigned count = 2 * dns::kPerServer;
   for (unsigned i = 0; i < count; ++i)
     questions.ask("listed-" + std::to_string(i) + ".list.test");
+  for (const unsigned place : {0U, 1U}) {
+    (void)dns_timeouts(world.ctx, dns_tv_infinite, world.now());
+    EXPECT_EQ(world.ctx->servers[place]->under_way, dns::kPerServer);
+    EXPECT_EQ(world.ctx->servers[1 - place]->under_way, 0U);
+    world.now_us += place == 0 ? dns::Options{}.timeout_us / 2 : 0;
+  }
   ASSERT_TRUE(world.run());
   for (const auto &asked : questions.all())
     expect_truth(*asked);
@@ -281,7 +289,15 @@ TEST_F(Best, NobodyWaitsForTheCostZone) {
     EXPECT_LE(took_us, 1000);
   EXPECT_GE(world.packets_sent, 102U) << "the look-ups are under way";
   EXPECT_EQ(dns_active(world.ctx), 0);
+  const auto expect_held = [this](unsigned looked_up) {
+    EXPECT_EQ(world.ctx->ratings_open, looked_up);
+    unsigned holders = 0;
+    world.ctx->server_table.each([&holders](const dns::Server *server) { holders += server->holders; });
+    EXPECT_EQ(holders, world.ctx->nserv + looked_up);
+  };
+  expect_held(2);
   EXPECT_EQ(dns_add_serv(world.ctx, "192.0.2.4"), 4) << "and in nobody's way";
+  expect_held(0);
   questions.ask("listed-1.list.test", {"192.0.2.5", "192.0.2.6"});
   world.turn();
   dns_close(world.ctx);
@@ -310,6 +326,86 @@ TEST_F(Engine, AServerThatSlowsDownIsSoonWaitedFor) {
       ASSERT_TRUE(world.run());
     }
     EXPECT_LE(world.packets_sent, kQuestions + 5);
+  }
+}
+
+TEST_F(Engine, TheLastAttemptWaitsForTheWholeTimeWhereNothingElseIsLeft) {
+  world.weather.delay_us = 1000;
+  world.add_server("192.0.2.1", Temper::good);
+  ASSERT_TRUE((questions.ask("listed-1.list.test"), world.run()));
+  world.set_temper("192.0.2.1", Temper::dead);
+  for (const auto &[flags, longest_us] : {std::pair{0U, 751'000}, {unsigned{DNS_RCRS}, 3'351'000}}) {
+    Asked &asked = questions.ask("listed-2.list.test", {}, flags);
+    ASSERT_TRUE(world.run());
+    EXPECT_EQ(asked.status, DNS_E_TEMPFAIL);
+    EXPECT_TRUE(asked.took_us <= longest_us && asked.took_us >= longest_us - 1000) << "each round doubles the wait";
+  }
+}
+
+TEST_F(Best, AllAreAskedBeforeOneIsAskedTwice) {
+  world.delays_us["192.0.2.1"] = 40'000;
+  (void)ask_in_turn(&world, 10, 10'000);
+  set(&world, DNS_OPT_NTRIES, 6);
+  std::string places;
+  world.script = [&places](const sim::Bytes &, const std::string &server) {
+    places += server.back();
+    return sim::Bytes{};
+  };
+  ASSERT_TRUE((questions.ask("listed-1.list.test"), world.run()));
+  EXPECT_EQ(places, "231231") << "in the order of their costs";
+}
+
+// referral refers to the zone test, with as many servers at 192.0.2.4 and on.
+sim::Bytes referral(const sim::Bytes &question, uint8_t servers) {
+  packets::Answer answer("test");
+  answer.packet = sim::answer_to(question, Temper::refers);
+  for (uint8_t i = 0; i < servers; ++i)
+    answer.add("ns.test", DNS_T_A, {192, 0, 2, static_cast<uint8_t>(4 + i)}, 300, DNS_S_AR);
+  return answer.packet;
+}
+
+TEST_F(Engine, TheServersOfAZoneAreAskedAsIfTheQuestionWereNew) {
+  for (const char *server : {"192.0.2.1", "192.0.2.2", "192.0.2.3"})
+    world.add_server(server, Temper::good);
+  set(&world, DNS_OPT_NTRIES, 8);
+  world.delays_us["192.0.2.5"] = 9000;
+  bool lossy = false;
+  std::string places;
+  int64_t asked_us = 0, waited_us = 0;
+  world.script = [&](const sim::Bytes &question, const std::string &server) {
+    places += server.back();
+    waited_us = world.now_us - std::exchange(asked_us, world.now_us);
+    if (server.back() < '4') return lossy && places.size() < 6 ? sim::Bytes{} : referral(question, 2);
+    return lossy && server.back() == '4' ? sim::Bytes{} : answer_to(question, Temper::good);
+  };
+  for (int i = 0; i < 80; ++i)
+    questions.ask("listed-" + std::to_string(i) + ".list.test");
+  ASSERT_TRUE(world.run());
+  for (const char *server : {"192.0.2.4", "192.0.2.5"})
+    EXPECT_GE(world.asked[server], 20U) << "they share what comes before they are known";
+  lossy = true;
+  places.clear();
+  expect_truth((questions.ask("listed-1.list.test"), world.run(), *questions.all().back()));
+  EXPECT_EQ(places, "12312345");
+  EXPECT_LT(waited_us, 60'000);
+}
+
+TEST(Choice, WhatComesAfterAProbeCounts) {
+  for (const bool refers : {true, false}) {
+    World world(7);
+    Questions questions(&world);
+    bool later = false;
+    for (const char *server : {"192.0.2.1", "192.0.2.2"})
+      world.add_server(server, Temper::good);
+    world.script = [&](const sim::Bytes &question, const std::string &server) {
+      if (server == "192.0.2.2" && !later) return answer_to(question, Temper::good);
+      return server == "192.0.2.1" && later && refers ? referral(question, 1) : sim::Bytes{};
+    };
+    (void)ask_in_turn(&world, 2, 2 * dns::kUsPerSecond);
+    later = true;
+    world.packets_sent = 0;
+    EXPECT_EQ((questions.ask("listed-1.list.test"), world.run(), questions.all().back()->status), DNS_E_TEMPFAIL);
+    EXPECT_EQ(world.packets_sent, 1 + dns::Options{}.ntries);
   }
 }
 

@@ -294,10 +294,13 @@ TEST_F(Engine, NothingThatListensIsToldApartFromSilence) {
   expect_truth(starting);
   EXPECT_LT(starting.took_us, dns::kUsPerSecond);
 
-  world.set_temper("192.0.2.7", Temper::absent);
-  const Asked &direct = questions.ask("listed-2.list.test", {"192.0.2.7"}, DNS_DCACHE);
+  for (const char *server : {"192.0.2.7", "192.0.2.8"})
+    world.set_temper(server, Temper::absent);
+  world.packets_sent = 0;
+  const Asked &direct = questions.ask("listed-2.list.test", {"192.0.2.7", "192.0.2.8"}, DNS_DCACHE);
   ASSERT_TRUE(world.run());
   expect_truth(direct);
+  EXPECT_EQ(world.packets_sent, 3U);
   EXPECT_LT(direct.took_us, 10'000) << "moves on at once";
 
   Asked &closed = questions.ask("listed-3.list.test", {"192.0.2.7"});
@@ -407,6 +410,42 @@ TEST_F(Engine, AFailureOfOneServerIsNotAnothers) {
   EXPECT_EQ((questions.ask("LISTED-1.list.test", {"192.0.2.65"}), world.run(), questions.all().back()->status),
             DNS_E_SERVFAIL);
   EXPECT_EQ(world.packets_sent, packets) << "names are the same in any case";
+}
+
+TEST_F(Engine, APacketThatComesBackLateMovesNothingOn) {
+  world.add_server("192.0.2.1", Temper::absent);
+  for (const char *server : {"192.0.2.2", "192.0.2.3"})
+    world.add_server(server, Temper::dead);
+  Asked &asked = questions.ask("listed-1.list.test");
+  (void)dns_timeouts(world.ctx, dns_tv_infinite, world.now());
+  world.forge("192.0.2.1", answer_to(world.last_question(), Temper::fails));  // overtakes the packet
+  for (int i = 0; i < 2; ++i) {
+    world.read_sockets();
+    (void)dns_timeouts(world.ctx, dns_tv_infinite, world.now());
+  }
+  EXPECT_TRUE(world.asked["192.0.2.2"] == 1 && world.asked["192.0.2.3"] == 0);
+  world.forge("192.0.2.2", answer_to(world.last_question(), Temper::good));
+  world.read_sockets();
+  expect_truth(asked);
+}
+
+TEST_F(Engine, LettersCountThatComeBackByUdpAndWereSentInBothCases) {
+  for (const bool by_udp_alone : {true, false}) {
+    World other(7);
+    Questions asks(&other);
+    other.add_server("192.0.2.1", Temper::good);
+    other.script = [&](const sim::Bytes &question, const std::string &) {
+      const bool lowers = !other.by_tcp || !by_udp_alone;
+      return answer_to(question, lowers ? Temper::lowers_case : Temper::good);
+    };
+    for (int i = 0; i < 20; ++i) {
+      if (i % 10 == 0) other.now_us += dns::kLowerUs;
+      const Asked &asked = asks.ask("listed-" + std::to_string(i) + ".list.test");
+      ASSERT_TRUE(other.run());
+      expect_truth(asked);
+      EXPECT_LT(asked.took_us, 10'000) << "was taken for a forgery";
+    }
+  }
 }
 
 }  // namespace

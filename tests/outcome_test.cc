@@ -1,13 +1,16 @@
 // outcome_test.cc - what the engine makes of answers in a simulated network that are neither records nor plain denials:
-// errors, denials by the wrong zone or without authority, what goes into the cache of them and what does not.
+// errors, denials by the wrong zone or without authority, what goes into the cache of them and what does not; what is
+// no answer at all, and what a stranger's counts for.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <memory>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "support/packets.h"
 #include "support/questions.h"
 
 namespace {
@@ -35,12 +38,16 @@ class Outcome : public Engine {
     EXPECT_EQ(dns_set_cache(world.ctx, DNS_CU_ANS, dns_cache_cacher(cache_.get())), DNS_E_NOERROR);
     dns_set_dbgfn(
         world.ctx,
-        [](dns_ctx *, dns_query *, int code, void *, void *told) {
-          if ((code & DNS_D_SYS) == 0) static_cast<std::vector<int> *>(told)->push_back(code);
+        [](dns_ctx *, dns_query *, int code, void *event, void *outcome) {
+          if ((code & DNS_D_SYS) != 0) return;
+          auto *self = static_cast<Outcome *>(outcome);
+          self->codes.push_back(code);
+          self->told_rtt_ms = static_cast<const dns_dpkt *>(event)->dnsd_rtt;
         },
-        &codes);
+        this);
   }
-  // outcome asks and returns the status; `packets` is how many queries that took, `codes` what was told.
+  // outcome asks and returns the status; `packets` is how many queries that took, `codes` what was told, the last time
+  // with the round trip of `told_rtt_ms`.
   dns_status outcome(const std::string &name, const std::vector<std::string> &servers = {}, unsigned flags = 0) {
     world.packets_sent = 0;
     codes.clear();
@@ -52,6 +59,7 @@ class Outcome : public Engine {
   }
   unsigned packets = 0;
   std::vector<int> codes;
+  int told_rtt_ms = 0;
   std::unique_ptr<dns_cache, decltype(&dns_cache_destroy)> cache_{dns_cache_init(1 << 20), dns_cache_destroy};
 };
 
@@ -119,12 +127,18 @@ TEST_F(Outcome, AServerThatIsAskedForItsCacheDeniesWithAuthorityOnly) {
 
 TEST_F(Outcome, AnAnswerForNoTimeIsKeptOnlyByACacheThatKeepsAll) {
   world.add_server("192.0.2.1", Temper::good);
-  world.script = [](const sim::Bytes &question, const std::string &) {
+  bool lasts = true;
+  world.script = [&lasts](const sim::Bytes &question, const std::string &) {
     sim::Bytes answer = answer_to(question, Temper::good);
+    if (std::exchange(lasts, false)) return answer;
     constexpr size_t kTtlAt = 6;  // in a record whose owner is a pointer
     std::fill_n(answer.begin() + static_cast<long>(question_end(answer) + kTtlAt), 4, uint8_t{0});
     return answer;
   };
+  // Of two that are asked at once the later answer forgets the one before.
+  for (const char *name : {"listed-1.list.test", "LISTED-1.list.test"})
+    questions.ask(name);
+  ASSERT_TRUE(world.run());
   for (int i = 0; i < 2; ++i) {
     EXPECT_EQ(outcome("listed-1.list.test"), DNS_E_NOERROR);
     EXPECT_EQ(packets, 1U);
@@ -154,6 +168,138 @@ TEST_F(Outcome, ExtendedErrorsCount) {
   high = 2;
   EXPECT_EQ(outcome("listed-2.list.test"), DNS_E_FAIL);
   EXPECT_EQ(packets, 1U);
+}
+
+TEST_F(Outcome, ARoundTripCountsForTheServerThatAnsweredByUdp) {
+  world.add_server("192.0.2.1", Temper::good);
+  world.add_server("192.0.2.2", Temper::dead);
+  const auto figures = [this](unsigned place) {
+    const dns::Server *server = world.ctx->servers[place];
+    return std::pair{server->used.load(), server->last_ms.load()};
+  };
+  using Figures = std::pair<uint64_t, int>;
+  world.delays_us["192.0.2.1"] = 20'000;
+  EXPECT_EQ(outcome("listed-1.list.test"), DNS_E_NOERROR);
+  EXPECT_EQ(figures(0), Figures(1, 20));
+  EXPECT_EQ(told_rtt_ms, 20);
+  world.now_us += 1000;
+  world.delays_us["192.0.2.1"] = 90'000;  // when the second server is waited for
+  EXPECT_EQ(outcome("listed-2.list.test"), DNS_E_NOERROR);
+  EXPECT_EQ(packets, 2U);
+  EXPECT_EQ(figures(0), Figures(2, 90));
+  EXPECT_EQ(figures(1), Figures(0, 0));
+  EXPECT_LT(told_rtt_ms, 40) << "since the last attempt";
+  world.set_temper("192.0.2.1", Temper::truncates);
+  world.delays_us["192.0.2.1"] = 70'000;  // by UDP
+  EXPECT_EQ(outcome("listed-3.list.test"), DNS_E_NOERROR);
+  EXPECT_EQ(figures(0), Figures(4, 70));
+}
+
+TEST_F(Outcome, ADenialWithoutAZoneIsKeptForTheDefaultTimeAlone) {
+  bool says_zone = false;
+  world.add_server("192.0.2.1", Temper::good);
+  world.script = [&says_zone](const sim::Bytes &question, const std::string &) {
+    packets::Answer alias("x");
+    alias.packet = answer_to(question, Temper::refuses);
+    alias.packet[kRcodeAt] = DNS_R_NOERROR;
+    alias.add(packets::kQuestionPointer, DNS_T_CNAME, packets::dn("empty-3.list.test"));
+    if (question[DNS_HSIZE] == 5) return alias.packet;
+    return says_zone ? answer_to(question, Temper::good) : without_soa(question, true);
+  };
+  const auto expect_asked = [this](const char *name, const std::vector<unsigned> &times) {
+    for (const unsigned asked : times) {
+      EXPECT_TRUE(outcome(name) == (name[0] == 'g' ? DNS_E_NXDOMAIN : DNS_E_NODATA) && packets == asked) << name;
+      world.now_us += 500 * dns::kUsPerSecond;
+    }
+  };
+  for (const uint32_t kept_s : {0U, 1000U}) {
+    ASSERT_EQ(dns_cacher_setopt(dns_cache_cacher(cache_.get()), DNS_CROPT_DEFTTL, &kept_s, sizeof kept_s), 0);
+    for (const char *name : {"empty-1.list.test", "gone-1.list.test"})
+      expect_asked(name, {1, kept_s == 0 ? 1U : 0U});
+    expect_asked("alias.list.test", {2, kept_s == 0 ? 2U : 0U});
+  }
+  says_zone = true;
+  expect_asked("empty-2.list.test", {1, 1});
+}
+
+TEST_F(Outcome, RecordsOfANameThatDoesNotExistAreNotBelieved) {
+  for (const char *server : {"192.0.2.1", "192.0.2.2"})
+    world.add_server(server, Temper::good);
+  world.script = [](const sim::Bytes &question, const std::string &server) {
+    sim::Bytes answer = answer_to(question, Temper::good);
+    if (server == "192.0.2.1") answer[kRcodeAt] = DNS_R_NXDOMAIN;
+    return answer;
+  };
+  EXPECT_EQ(outcome("listed-1.list.test"), DNS_E_NOERROR);
+  EXPECT_EQ(packets, 2U);
+  EXPECT_EQ(std::ranges::count(codes, DNS_D_PKT_RPINV), 1);
+}
+
+TEST_F(Outcome, ACookieThatIsRefusedOverTcpTooIsAnError) {
+  world.add_server("192.0.2.1", Temper::bakes_cookies);
+  set(&world, DNS_OPT_FLAGS, DNS_COOKIES);
+  world.script = [](sim::Bytes question, const std::string &) {
+    question[question.size() - 16] = 0;  // where the server's part begins once it was told
+    return answer_to(question, Temper::bakes_cookies);
+  };
+  EXPECT_EQ(outcome("listed-1.list.test"), DNS_E_FAIL);
+  EXPECT_EQ(packets, 2U);
+  EXPECT_EQ(std::ranges::count(codes, DNS_D_PKT_REQ), 3) << "the last over TCP";
+}
+
+TEST_F(Engine, WhatDoesNotRepeatTheOneQuestionIsDropped) {
+  world.add_server("192.0.2.1", Temper::dead);
+  Asked &asked = questions.ask("listed-1.list.test");
+  (void)dns_timeouts(world.ctx, dns_tv_infinite, world.now());
+  const sim::Bytes right = answer_to(world.last_question(), Temper::good);
+  const auto changed = [&right](size_t size, const std::vector<std::pair<size_t, int>> &bytes) {
+    sim::Bytes packet = right;
+    packet.resize(size);
+    for (const auto &[at, byte] : bytes)
+      packet[at] = static_cast<uint8_t>(byte);
+    return packet;
+  };
+  constexpr size_t kQuestionsAt = 5, kAnswersAt = 7;
+  const size_t whole = right.size(), class_at = DNS_HSIZE + dns_dnlen(asked.dn.data()) + 3;
+  const sim::Bytes rows[] = {changed(whole, {{kQuestionsAt, 2}}),
+                             changed(whole, {{kQuestionsAt, 0}}),
+                             changed(DNS_HSIZE, {{kQuestionsAt, 0}, {kAnswersAt, 0}}),
+                             changed(DNS_HSIZE, {{kQuestionsAt, 0}, {kAnswersAt, 0}, {kRcodeAt, DNS_R_SERVFAIL}}),
+                             changed(DNS_HSIZE + 1, {{kQuestionsAt, 0}, {kAnswersAt, 0}, {kRcodeAt, DNS_R_FORMERR}}),
+                             changed(DNS_HSIZE, {{kAnswersAt, 0}, {kRcodeAt, DNS_R_FORMERR}}),
+                             changed(DNS_HSIZE, {{kQuestionsAt, 2}, {kAnswersAt, 0}, {kRcodeAt, DNS_R_FORMERR}}),
+                             changed(whole, {{kFlagsAt, right[kFlagsAt] | 8}}),  // the opcode
+                             changed(whole, {{class_at, 3}}),
+                             changed(5, {}),
+                             changed(dns::kAnswerRoom + 1, {})};
+  for (const sim::Bytes &row : rows) {
+    SCOPED_TRACE(&row - rows);
+    world.forge("192.0.2.1", row);
+    world.read_sockets();
+    (void)dns_timeouts(world.ctx, dns_tv_infinite, world.now());
+    EXPECT_TRUE(asked.calls == 0 && world.packets_sent == 1);
+  }
+  world.forge("192.0.2.1", changed(dns::kAnswerRoom, {}));
+  world.read_sockets();
+  expect_truth(asked);
+}
+
+TEST_F(Engine, AStrangersAnswerCountsForTheServerThatItStandsInFor) {
+  for (const char *server : {"192.0.2.1", "192.0.2.2", "192.0.2.3"})
+    world.add_server(server, Temper::dead);
+  const sockaddr_in stranger = World::address_of("192.0.2.7", 0);
+  ASSERT_GT(dns_add_expserv_s(world.ctx, reinterpret_cast<const sockaddr *>(&stranger)), 0);
+  Asked &asked = questions.ask("listed-1.list.test");
+  for (const Temper temper : {Temper::fails, Temper::truncates, Temper::good}) {
+    EXPECT_EQ(asked.calls, 0);
+    (void)dns_timeouts(world.ctx, dns_tv_infinite, world.now());
+    world.forge("192.0.2.7", answer_to(world.last_question(), temper), 5353);
+    world.read_sockets();
+  }
+  expect_truth(asked);
+  for (const dns::Server *server : std::span(world.ctx->servers).first(3))
+    EXPECT_TRUE(server->sent == 1 && server->used == 1 && server->letters_kept > 0 && server->srtt_us == 0)
+        << "whose round trip is not known";
 }
 
 }  // namespace
