@@ -335,7 +335,7 @@ TEST_F(CacheTest, BlocksAndEntriesThatContradictThemselvesAreRefused) {
                   .dnsrr_dsz = 3,
                   .dnsrr_dptr = nullptr,
                   .dnsrr_dend = nullptr};
-  unsigned char target[] = "\1t";
+  static unsigned char target[] = "\1t";
   alias.dnsrr_dptr = target;
   alias.dnsrr_dend = target + sizeof target;
   ASSERT_GT(kavo_dns_ptodn("alias.example", 0, alias.dnsrr_dn, DNS_MAXDN), 0);
@@ -352,7 +352,19 @@ TEST_F(CacheTest, BlocksAndEntriesThatContradictThemselvesAreRefused) {
     EXPECT_TRUE(found.zone == 0 && found.query_time == 0) << "it belongs to no list and was not asked for";
   }
 
-  // A cache of the host's that has failed.
+  // Caches of the host's: one that says of every name that it is not there, and has records, and one that has failed.
+  static dns_rr record = alias;
+  record.dnsrr_typ = DNS_T_TXT;
+  const auto get_nonsense = [](dns_cacher *, dns_cdata *into, dns_time) {
+    EXPECT_EQ(dns_cdata_addrr(into, &record, nullptr) + dns_cdata_setrcode(into, DNS_R_NXDOMAIN), 0);
+    dns_cdata_rewind(into);
+    return 1;
+  };
+  const dns_cacher_ops nonsense_ops = {get_nonsense, nullptr, nullptr, nullptr, nullptr};
+  dns_cacher nonsense = {&nonsense_ops};
+  cacher = &nonsense;
+  EXPECT_EQ(has(KAVOT_DNS_TXT, "alias.example"), KAVOE_OK);
+  EXPECT_EQ(get(KAVOT_DNS_TXT, "alias.example"), KAVOE_FAIL);
   const auto get_fails = [](dns_cacher *, dns_cdata *, dns_time) { return int{DNS_E_FAIL}; };
   const auto fails = [](dns_cacher *, const dns_cdata *, dns_time) { return int{DNS_E_FAIL}; };
   const dns_cacher_ops ops = {get_fails, fails, fails, nullptr, nullptr};

@@ -353,6 +353,24 @@ TEST_F(DumpTest, FilesThatCannotServeAreClearErrors) {
   EXPECT_EQ(dns_cdump_load_init(fd, kNow), nullptr) << "not open for reading";
   close(fd);
   EXPECT_EQ(kavo_cacheload(kavo, path_.c_str()), KAVOE_FILE);
+
+  // One that says more than its uses, one that holds nothing, and one that holds what is no entry.
+  const auto load_with = [&](const std::string &word, dns_cache *cache) {
+    const int to = open(path_.c_str(), O_WRONLY | O_TRUNC);
+    dns_cdump *made = dns_cdump_save_init(to, dns_gettime(nullptr));
+    close(to);
+    EXPECT_EQ(dns_cdump_save_cache(made, cache, word.data(), static_cast<unsigned>(word.size())), 0);
+    EXPECT_EQ(dns_cdump_save_finish(made), 0);
+    return kavo_cacheload(kavo, path_.c_str());
+  };
+  const std::string use = "\0\0\0\x3"s;
+  EXPECT_EQ(load_with(use + use, kavo->cache), kavo_convert_status(DNS_E_NOBUFS));
+  EXPECT_EQ(load_with(use, cache_of().get()), KAVOE_OK);
+  ASSERT_EQ(kavo_cachesave(kavo, path_.c_str()), KAVOE_OK);
+  std::string bytes = file();
+  bytes[bytes.find("\1a\7example")] = '\xff';
+  write(sealed(bytes));
+  EXPECT_EQ(kavo_cacheload(kavo, path_.c_str()), KAVOE_FILE);
   kavo_free(kavo);
 }
 
