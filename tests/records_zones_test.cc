@@ -240,6 +240,14 @@ TEST(Records, LyingSourcesAreRefused) {
                            [](KAVO_RR *rr) {
                              rr->rr_txt->dnstxt_txt[2] = {1, elsewhere};
                            }},
+                          {"text that ends behind the block",
+                           [](KAVO_RR *rr) {
+                             rr->rr_txt->dnstxt_txt[2] = {4, at(rr, kavo_rr_get_size(rr) - 2)};
+                           }},
+                          {"text behind the block",
+                           [](KAVO_RR *rr) {
+                             rr->rr_txt->dnstxt_txt[2] = {1, at(rr, kavo_rr_get_size(rr))};
+                           }},
                           {"less than a record", [](KAVO_RR *rr) { rr->rr_mem->dnsm_written = kArrayAt - 1; }}};
   const Lie of_packets[] = {{"packet beyond the block", [](KAVO_RR *rr) { rr->rr_pkt->dnspkt_psize++; }},
                             {"endless packet", [](KAVO_RR *rr) { rr->rr_pkt->dnspkt_psize = UINT32_MAX; }}};
