@@ -122,19 +122,80 @@ TEST_F(RunsTest, AContextsOwnCacheMayBeHandedBack) {
   EXPECT_EQ(kavo_cache_has(own, KAVOT_DNS_A, "kept", 4), KAVOE_OK);
 }
 
-// What a thread that is cancelled meets on its way: a pipe that its log line waits for.
+// What a thread of the library's or one that is cancelled meets on its way: a pipe that the first who passes waits for.
 struct Gate {
   Gate() { EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0); }
   ~Gate() { close(ends[0]), close(ends[1]); }
   static void wait(int, const char *line, void *gate) {
-    auto &self = *static_cast<Gate *>(gate);
-    if (strstr(line, "table stat") == nullptr || self.met.exchange(true)) return;
-    char byte;
-    EXPECT_EQ(read(self.ends[0], &byte, 1), 1);
+    if (strstr(line, "table stat") != nullptr) static_cast<Gate *>(gate)->pass();
   }
+  void pass() {
+    char byte;
+    if (met.exchange(true)) return;
+    EXPECT_EQ(read(ends[0], &byte, 1), 1);
+  }
+  void meet() const {
+    while (!met)
+      std::this_thread::yield();
+  }
+  void open() const { EXPECT_EQ(write(ends[1], "", 1), 1); }
   int ends[2] = {-1, -1};
   std::atomic<bool> met = false;
 };
+
+// SlowHost is a host whose cache is slow, and its log at the second question that cannot be asked.
+struct SlowHost : dns_cacher {
+  SlowHost() : dns_cacher{&kOps} {}
+  static int look_up(dns_cacher *slow, dns_cdata *, dns_time) {
+    static_cast<SlowHost *>(slow)->looked_up.pass();
+    return 0;
+  }
+  static int nothing(dns_cacher *, const dns_cdata *, dns_time) { return 0; }
+  static void log(int, const char *line, void *slow) {
+    auto &self = *static_cast<SlowHost *>(slow);
+    if (strstr(line, "Unable to submit query, error") != nullptr && ++self.refused == 2) self.logged.pass();
+  }
+  static constexpr dns_cacher_ops kOps = {look_up, nothing, nothing, nullptr, nullptr};
+  Gate looked_up, logged;
+  int refused = 0;
+};
+
+// Who has a place but not yet the lock when the run ends gives the place back. The server thread has the lock: it says
+// of one question after the other that it cannot be asked, and the first one's place is free when it comes to the last.
+TEST_F(RunsTest, APlaceThatCameWithTheEndOfTheRunIsGivenBack) {
+  SlowHost slow;
+  constexpr int kPlaces = 3;
+  const auto soon = [] { std::this_thread::sleep_for(std::chrono::milliseconds(kShortMs)); };
+  Host host(kPlaces);
+  host.server(server_.port()).zone(KAVOT_BL_IP, "live.list").zone(KAVOT_BL_DOM, "two..dots");
+  ASSERT_EQ(kavo_set_ext_cache(host, KAVOCT_ANS, &slow), KAVOE_OK);
+  kavo_set_log_cb(SlowHost::log, &slow);
+  host.open();
+  Node first(host, KAVOT_BL_IP, "192.0.2.1");
+  slow.looked_up.meet();
+  for (const char *subject : {"a", "b"})
+    Node(host, KAVOT_BL_DOM, subject).drop();
+  KAVO_QUERY_NODE none = nullptr;
+  std::thread asker([&] { EXPECT_EQ(kavo_subscribe_syncnode(host, nullptr, &none), KAVOE_SRV); });
+  soon();  // time to wait for room, and then to be given it; one that comes later is refused at once
+  slow.looked_up.open();
+  slow.logged.meet();
+  soon();
+  std::thread closer([&host] { EXPECT_EQ(kavo_close(host), KAVOE_OK); });
+  while (kavo_srv_is_running(host) != 0)
+    std::this_thread::yield();
+  slow.logged.open();
+  asker.join();
+  closer.join();
+  first.drop();
+  EXPECT_EQ(kavo_nactive(host), 0u);
+  host.open();
+  std::array<KAVO_QUERY_NODE, kPlaces> bells{};
+  for (KAVO_QUERY_NODE &bell : bells)
+    EXPECT_EQ(kavo_subscribe_syncnode(host, Deadline(0), &bell), KAVOE_OK);
+  for (KAVO_QUERY_NODE bell : bells)
+    EXPECT_EQ(kavo_unsubscribe_node(host, bell), KAVOE_OK);
+}
 
 TEST_F(RunsTest, NoCallIsACancellationPoint) {
   const TempDir directory;
@@ -155,10 +216,9 @@ TEST_F(RunsTest, NoCallIsACancellationPoint) {
       EXPECT_EQ(kavo_subscribe_syncnode(host, nullptr, &node), KAVOE_OK);
     done();
   });
-  while (!gate.met)
-    std::this_thread::yield();
+  gate.meet();
   ASSERT_EQ(pthread_cancel(logs.native_handle()), 0);
-  ASSERT_EQ(write(gate.ends[1], "", 1), 1);
+  gate.open();
   logs.join();
   ASSERT_EQ(whole, 1);
   EXPECT_EQ(kavo_nactive(host), 16u);
