@@ -9,6 +9,7 @@
 #include <array>
 #include <atomic>
 #include <climits>
+#include <cstring>
 #include <set>
 #include <string>
 #include <thread>
@@ -42,6 +43,16 @@ TEST_F(PendingTest, WaitsRunOutAndLeaveTheNodeAsItWas) {
   EXPECT_EQ(answers.query(host_, KAVOT_BL_IP, address_bytes("192.0.2.2"), 0, kLongMs, KAVOWT_NONE), KAVOE_NODATA);
   ASSERT_EQ(kavo_close(host_), KAVOE_OK);
   EXPECT_EQ(kavo_nactive(host_), 1u) << "neither call leaves a node held";
+}
+
+TEST_F(NodesTest, ALookIntoTheCacheEndsTheWaitForItAndNoMore) {
+  Host host(4, 1 << 16);
+  host.server(server_.port()).zone(KAVOT_BL_IP, "dead.list").patient().open();
+  const Node node(host, KAVOT_BL_IP, "192.0.2.1");
+  for (const KAVO_WAIT_LEVEL level : {KAVOWT_CACHE, KAVOWT_NONE})
+    EXPECT_EQ(node.wait(level), KAVOE_OK) << level;
+  for (const KAVO_WAIT_LEVEL level : {KAVOWT_DCACHE, KAVOWT_FIRST})
+    EXPECT_EQ(node.wait(level, kShortMs), KAVOE_TIMEOUT) << level;
 }
 
 TEST_F(PendingTest, SyncNodesSignalOneWaitEach) {
@@ -230,6 +241,28 @@ TEST_F(NodesTest, FullTableMakesOthersWaitUntilTheirDeadline) {
   EXPECT_EQ(kavo_nactive(host), 0u);
 }
 
+// The line of statistics counts who joined a node, who found none free and who gave up waiting for one.
+TEST_F(PendingTest, WhatBecameOfSubscriptionsIsCounted) {
+  std::string lines;
+  kavo_set_log_cb(
+      [](int, const char *line, void *text) {
+        if (strstr(line, "table stat") != nullptr) *static_cast<std::string *>(text) += line;
+      },
+      &lines);
+  host_.open();
+  const Node one(host_, KAVOT_BL_IP, "192.0.2.1"), joined(host_, KAVOT_BL_IP, "192.0.2.1"), bell(host_), whistle(host_);
+  Node horn(host_);
+  KAVO_QUERY_NODE none = nullptr;
+  for (int i = 0; i < 4; ++i)
+    EXPECT_EQ(kavo_subscribe_syncnode(host_, Deadline(0), &none), KAVOE_TIMEOUT);
+  horn.drop();
+  Node(host_).drop();
+  EXPECT_EQ(lines, "") << "ten are too few";
+  Node(host_).drop();
+  EXPECT_NE(lines.find("motion 11, overflow 4, reused 1, dropped 4"), std::string::npos) << lines;
+  kavo_set_log_cb(nullptr, nullptr);
+}
+
 TEST_F(NodesTest, TwoWhoWaitForRoomWithOneQuestionTakeOnePlace) {
   Host host(2);
   host.server(server_.port()).zone(KAVOT_BL_IP, "live.list").open();
@@ -274,7 +307,7 @@ TEST_F(NodesTest, SameQuestionSharesItsNode) {
   const auto subscribe = [&](const sockaddr *serv, unsigned count, unsigned flags, KAVO_QUERY_NODE *node) {
     return kavo_subscribe_node_serv_ext(host, KAVOT_BL_DOM, dn, serv, count, flags, nullptr, node);
   };
-  std::array<KAVO_QUERY_NODE, 7> nodes{};
+  std::array<KAVO_QUERY_NODE, 8> nodes{};
   EXPECT_EQ(subscribe(list, 2, 0, &nodes[0]), KAVOE_OK);
   EXPECT_EQ(subscribe(list, 2, KAVOQF_RECURSIVE, &nodes[1]), KAVOE_OK);
   std::swap(servers[0], servers[1]);
@@ -283,6 +316,8 @@ TEST_F(NodesTest, SameQuestionSharesItsNode) {
   EXPECT_EQ(kavo_wait_node(host, nodes[3], KAVOWT_NONE, Deadline(kLongMs)), KAVOE_OK);
   EXPECT_EQ(subscribe(nullptr, 2, 0, &nodes[4]), KAVOE_OK);
   EXPECT_EQ(kavo_subscribe_node_dcache(host, KAVOT_BL_DOM, dn, list, nullptr, &nodes[5]), KAVOE_OK);
+  EXPECT_EQ(subscribe(list, 0, KAVOQF_RECURSIVE, &nodes[7]), KAVOE_OK);
+  EXPECT_EQ(nodes[7], static_cast<KAVO_QUERY_NODE>(recursive)) << "nor by their number";
   EXPECT_EQ(nodes[0], nodes[1]) << "servers of its own are never asked for recursion";
   EXPECT_NE(nodes[0], nodes[2]) << "the order of the servers counts";
   EXPECT_EQ(nodes[4], static_cast<KAVO_QUERY_NODE>(plain)) << "no array, no servers";
@@ -384,7 +419,7 @@ TEST_F(NodesTest, NameThatGrowsTooLongWithItsZoneFailsItsNodeOnly) {
     EXPECT_EQ(answers.query(host, KAVOT_BL_DOM, name_of(size)), KAVOE_SRV);
     std::array<unsigned char, DNS_MAXDN> dn;
     unsigned written = 0;
-    EXPECT_EQ(kavo_node_qdn(host, node, dn.data(), 5, &written), KAVOE_NOMEM);
+    EXPECT_EQ(kavo_node_qdn(host, node, dn.data(), static_cast<unsigned>(size) - 1, &written), KAVOE_NOMEM);
     EXPECT_EQ(written, size);
     EXPECT_EQ(kavo_node_qdn(host, node, dn.data(), written, &written), KAVOE_OK);
     EXPECT_EQ(kavo_dns_dnlen(dn.data()), size);
