@@ -352,6 +352,11 @@ bool may_be_freed(KAVO ctx) {
 
 }  // namespace
 
+bool kavo_is_of_another_process(const kavo_t *ctx) {
+  const uint64_t process = ctx->process.load(std::memory_order_relaxed);
+  return process != 0 && process != pelk_process();
+}
+
 KAVO_ERR kavo_check_at_rest(KAVO kavo, const char *source, const char *function, const char *message, int line) {
   if (is_at_rest(kavo)) return KAVOE_OK;
   if (kavo_is_foreign(kavo)) return KAVOE_SRV;

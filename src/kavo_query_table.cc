@@ -158,13 +158,8 @@ int kavo_state2range(kavo_query_state state) {
   return KAVO_RANGE_INV;
 }
 
-// The analysis takes the lock for held in any case: what the declaration promises is checked at its callers.
-KAVO_ERR kavo_table_lock(KAVO ctx) PELK_NO_ANALYSIS {
-  if (kavo_is_foreign(ctx)) [[unlikely]]
-    return KAVOE_SRV;
-  const int error = pelk_mutex_lock(&ctx->mx_table);
-  if (error == 0) return KAVOE_OK;
-  PELK_ERROR(kSource, __func__, error, KAVOE_THR, "Unable lock mutex");
+KAVO_ERR kavo_table_lock_failed(int error) {
+  PELK_ERROR(kSource, "kavo_table_lock", error, KAVOE_THR, "Unable lock mutex");
   return KAVOE_THR;
 }
 

@@ -142,8 +142,14 @@ inline uint8_t *kavo_node_key_place(const kavo_t *ctx, kavo_query_node_t *node) 
 // ---- the lock -------------------------------------------------------------------------------------------------------
 
 // kavo_table_lock and kavo_table_unlock take and release mx_table; a failure is logged: KAVOE_THR. The lock of a
-// context whose run is a parent process's is not touched: KAVOE_SRV.
-[[nodiscard]] KAVO_ERR kavo_table_lock(KAVO ctx) PELK_ACQUIRE(ctx->mx_table);
+// context whose run is a parent process's is not touched: KAVOE_SRV. The analysis takes the lock for held in any case.
+[[gnu::cold]] KAVO_ERR kavo_table_lock_failed(int error);
+[[nodiscard]] inline KAVO_ERR kavo_table_lock(KAVO ctx) PELK_ACQUIRE(ctx->mx_table) PELK_NO_ANALYSIS {
+  if (kavo_is_foreign(ctx)) [[unlikely]]
+    return KAVOE_SRV;
+  const int error = pelk_mutex_lock(&ctx->mx_table);
+  return error == 0 ? KAVOE_OK : kavo_table_lock_failed(error);
+}
 KAVO_ERR kavo_table_unlock(KAVO ctx) PELK_RELEASE(ctx->mx_table);
 
 // kavo_table_guard holds the table lock for a scope. `error` is what taking it returned; the analysis takes it for held

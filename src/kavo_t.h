@@ -125,9 +125,10 @@ struct kavo_t {
 // kavo_is_foreign tells whether the context's run is a parent process's, so that its server thread is not here and its
 // locks may be held by threads that are not: every operation on it is refused before it takes one, and without a line
 // in the log, whose sink may be stuck just so.
+[[nodiscard, gnu::cold]] bool kavo_is_of_another_process(const kavo_t *ctx);
 [[nodiscard]] inline bool kavo_is_foreign(const kavo_t *ctx) {
-  const uint64_t process = ctx->process.load(std::memory_order_relaxed);
-  return process != pelk_process_noted() && process != 0 && process != pelk_process();
+  // Of a context that runs the first look tells.
+  return ctx->process.load(std::memory_order_relaxed) != pelk_process_noted() && kavo_is_of_another_process(ctx);
 }
 
 [[nodiscard]] inline bool kavo_is_running(const kavo_t *ctx) {

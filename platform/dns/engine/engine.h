@@ -334,8 +334,13 @@ namespace dns {
 // release_own_servers has a question ask the context's servers from now on.
 void release_own_servers(dns_query *q);
 
-// recall_failures passes over servers that failed at the question a moment ago. False when that ended it.
-[[nodiscard]] bool recall_failures(dns_query *q);
+// recall_failures passes over servers that failed at the question a moment ago, if any did. False when that ended it.
+[[nodiscard]] bool recall_any_failures(dns_query *q);
+[[nodiscard]] inline bool recall_failures(dns_query *q) {
+  // A cache may have learned meanwhile what its server was asked for in vain.
+  if (!q->ctx->failures.fresh(q->ctx->now_us) || (q->flags & DNS_DCACHE) != 0) return true;
+  return recall_any_failures(q);
+}
 
 // give_up_place ends a question's being under way to a server, and hands its place to the next that is parked there,
 // which so keeps it until it has left for somewhere else.

@@ -111,10 +111,8 @@ bool new_id(dns_query *q) {
   return q->ctx->random.u16(&q->id) && q->ctx->random.u64(&q->case_bits);
 }
 
-bool recall_failures(dns_query *q) {
+bool recall_any_failures(dns_query *q) {
   dns_ctx *ctx = q->ctx;
-  // A cache may have learned meanwhile what its server was asked for in vain.
-  if (!ctx->failures.fresh(ctx->now_us) || (q->flags & DNS_DCACHE) != 0) return true;
   const auto servers = servers_of(q);
   for (unsigned i = 0; i < servers.size(); ++i) {
     const dns_status status = ctx->failures.recall(q, servers[i]);
