@@ -58,10 +58,12 @@ def table(path):
 
 
 def copy_tree(paths):
-    """Copies what the build reads, but for the sources that get their mutants."""
+    """Copies what the build reads; a source that is about to get its mutants only where there is none yet."""
     names = output_of('git', '-C', ROOT, 'ls-files', '-co', '--exclude-standard').splitlines()
     names = [name for name in names if os.path.isfile(os.path.join(ROOT, name)) and not name.startswith('docs/')]
-    for name in set(names) - set(paths):
+    for name in names:
+        if name in paths and os.path.exists(os.path.join(TREE, name)):
+            continue
         write_if_changed(os.path.join(TREE, name), content_of(os.path.join(ROOT, name)))
         shutil.copymode(os.path.join(ROOT, name), os.path.join(TREE, name))
     for path in glob.glob(os.path.join(TREE, '**'), recursive=True):
