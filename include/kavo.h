@@ -351,8 +351,8 @@ KAVO_EXPORT int kavo_srv_is_running(KAVO kavo);
  * nothing happens. Any thread. */
 KAVO_EXPORT void kavo_add_args(KAVO kavo, int count);
 
-/* kavo_free_args releases that room again. Nothing happens on a context that is not at rest or while somebody holds a
- * node. */
+/* kavo_free_args releases that room again. Nothing happens on a context that is not at rest or while a node is
+ * held. */
 KAVO_EXPORT void kavo_free_args(KAVO kavo);
 
 /* ---- options ---------------------------------------------------------------------------------------------------- */
@@ -564,7 +564,7 @@ KAVO_EXPORT unsigned int kavo_time_milli_delay(const struct timeval *start, cons
 
 /* kavo_subscribe_syncnode hands out a node that asks nothing: it ends a wait when another thread signals it. `deadline`
  * is as for subscriptions. KAVOE_BADPAR; KAVOE_SRV when the context is not running; KAVOE_TIMEOUT when no node became
- * free; KAVOE_NOMEM; KAVOE_FAIL; KAVOE_THR. Unsubscribed like any other; it goes on working when the context is opened
+ * free; KAVOE_NOMEM; KAVOE_FAIL; KAVOE_THR. Unsubscribed like any other; it still works when the context is opened
  * again. */
 KAVO_EXPORT KAVO_ERR kavo_subscribe_syncnode(KAVO kavo, const struct timeval *deadline, KAVO_QUERY_NODE *node);
 

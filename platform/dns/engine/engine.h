@@ -191,13 +191,13 @@ struct dns_query : dns::Timer {
   uint8_t server;         // the server of the present try
   uint16_t tries;         // how often it was sent, but for a probe
   uint16_t round;         // how often it has been to all the servers that it goes to
-  uint8_t rating;         // of a look-up of a server's cost: its place among them and 1, else 0
+  uint8_t rating;         // of a lookup of a server's cost: its place among them and 1, else 0
   uint8_t tcp_tries;      // connections that were opened or used to ask the present server
   uint8_t place;          // its place among those of its connection
   dns::Doubt doubt;       // of an answer of the present server
   uint8_t pauses : 4;     // which it has made because every server was unreached
   bool turned_back : 1;   // the network, or a server's host, has said that nothing listens there
-  bool probes : 1;        // the present try finds out whether a server that was set aside is back
+  bool probes : 1;        // the present attempt finds out whether a server that was marked down has recovered
   bool over_tcp : 1;      // the present try goes over TCP
   bool plain : 1;         // the present server is asked without EDNS0
   bool fresh_cookie : 1;  // the server has given a new cookie for it

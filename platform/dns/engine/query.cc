@@ -228,7 +228,7 @@ void not_reached(dns_query *q) {
   const bool direct = (q->flags & DNS_DCACHE) != 0;
   q->unreached |= 1U << q->server;
   const bool others = !is_unreached(q);
-  // It has taken no time: where it goes on at once it does not count.
+  // An attempt that came back at once took no time: it costs none of DNS_OPT_NTRIES where another server is left.
   if (others && !direct && !q->probes) --q->tries;
   if (others || direct || q->tries >= ctx->options.ntries) {
     ask_again(q);

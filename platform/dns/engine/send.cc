@@ -145,8 +145,8 @@ unsigned room_at(const Server *server) {
 }
 
 // choose_socket takes a query off a socket on which it hears nothing: one that is connected to another server than the
-// next, or on which two attempts have met with silence. That may also be a slow server's, so on the first such socket
-// it goes on listening.
+// next, or on which two attempts have met with silence. The server may only be slow, so the query
+// still takes answers on the first such socket.
 void choose_socket(dns_query *q) {
   constexpr unsigned kSilentTries = 2;
   const UdpPool &sockets = q->ctx->sockets;

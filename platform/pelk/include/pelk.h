@@ -160,7 +160,7 @@ class pelk_no_cancel {
 // It is read from a page that the kernel clears in a forked child, hence costs no system call.
 extern constinit std::atomic<std::atomic<uint64_t> *> pelk_process_number;
 uint64_t pelk_process_begin();
-// pelk_process_noted returns it without more ado, or 0 when nobody has asked for it yet.
+// pelk_process_noted returns the number if pelk_process has assigned one, else 0.
 inline uint64_t pelk_process_noted() {
   return pelk_process_number.load(std::memory_order_acquire)->load(std::memory_order_relaxed);
 }
