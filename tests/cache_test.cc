@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "../platform/dns/engine/cdata.h"
+#include <cdata.h>
 #include "dns_engine.h"
 #include "dns_wire.h"
 #include "support/packets.h"

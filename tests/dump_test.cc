@@ -24,7 +24,7 @@
 #include <thread>
 #include <vector>
 
-#include "../platform/dns/engine/cache_image.h"
+#include <cache_image.h>
 #include "kavo_t.h"
 namespace {
 

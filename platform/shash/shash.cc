@@ -9,8 +9,8 @@
 
 #include <span>
 
-#include "prefetch.h"
-#include "siphash.h"
+#include <prefetch.h>
+#include <siphash.h>
 
 namespace {
 

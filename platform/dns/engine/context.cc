@@ -10,7 +10,7 @@
 #include <new>
 #include <utility>
 
-#include "cdata.h"
+#include <cdata.h>
 #include "engine.h"
 
 namespace dns {
@@ -227,11 +227,11 @@ void dns_close(dns_ctx *ctx) {
   // followed it.
   while (ctx->active > 0) {
     ctx->server_table.each([ctx](Server *server) { ctx->sending.take_all(&server->parked); });
-    for (Link *list : {&ctx->resting, &ctx->queued, &ctx->sending, &ctx->tcp_waiting})
+    for (base::Link *list : {&ctx->resting, &ctx->queued, &ctx->sending, &ctx->tcp_waiting})
       while (!list->alone())
         drop(static_cast<dns_query *>(list->next));
     ctx->index.drain(drop);
-    while (Timer *timer = ctx->waiting.any())
+    while (base::Timer *timer = ctx->waiting.any())
       drop(static_cast<dns_query *>(timer));
   }
   tcp_close(ctx);

@@ -54,11 +54,11 @@ bool answer_from_cache(dns_query *q) {
 // take_queued gives every question submitted since the last turn to the cache, and then to the servers. What callbacks
 // submit meanwhile waits for the next turn.
 void take_queued(dns_ctx *ctx) {
-  Link turn;
+  base::Link turn;
   turn.take_all(&ctx->queued);
   while (!turn.alone()) {
     auto *q = static_cast<dns_query *>(turn.next);
-    prefetch_after<dns_query>(q);
+    base::prefetch_after<dns_query>(q);
     if (answer_from_cache(q) || follow(q)) continue;
     begin_at_delegation(q);
     if (q->state != State::queued) continue;
@@ -92,7 +92,7 @@ void give_up_late(dns_ctx *ctx) {
   for (unsigned i = 0; any && i < ctx->sockets.extent(); ++i)
     if (ctx->sockets.awaits(static_cast<int>(i))) receive(ctx, static_cast<int>(i));
   if (any) tcp_receive(ctx);
-  Link due;
+  base::Link due;
   ctx->waiting.expire(ctx->now_us, &due);
   while (!due.alone()) {
     auto *q = static_cast<dns_query *>(due.next);
@@ -133,7 +133,7 @@ dns_timeval dns_timeouts(dns_ctx *ctx, dns_timeval longest, dns_timeval now) {
   if (ctx->open_questions() == 0) return dns_tv_infinite;
   if (!ctx->queued.alone()) return dns_tv_zero;
   const int64_t next = ctx->waiting.next_us();
-  int64_t wait = next == TimerWheel::kNever ? kBlockedWaitUs : std::max<int64_t>(next - ctx->now_us, 0);
+  int64_t wait = next == base::TimerWheel::kNever ? kBlockedWaitUs : std::max<int64_t>(next - ctx->now_us, 0);
   if (!ctx->sending.alone() || !ctx->tcp_waiting.alone()) wait = std::min(wait, kBlockedWaitUs);
   return to_timeval(std::min(wait, to_us(longest)));
 }

@@ -32,13 +32,13 @@
 
 #include <span>
 
-#include "cdata.h"
-#include "chained_table.h"
+#include <cdata.h>
+#include <chained_table.h>
+#include <list.h>
+#include <pool.h>
+#include <timer_wheel.h>
 #include "failures.h"
-#include "list.h"
-#include "pool.h"
 #include "servers.h"
-#include "timer_wheel.h"
 
 namespace dns {
 
@@ -154,11 +154,11 @@ unsigned read_resolver_file(const char *path, Options *options, sockaddr_in *ser
 
 }  // namespace dns
 
-struct dns_query : dns::Timer {
+struct dns_query : base::Timer {
   dns_ctx *ctx;
   dns_query *index_next;   // the next question in its bucket of the index
   dns_query *leader_next;  // the next question in its bucket of leaders
-  dns::Link followers;     // questions that share its outcome
+  base::Link followers;    // questions that share its outcome
   dns_query_fn *callback;
   void *data;
   dns_parse_fn *parse;
@@ -261,29 +261,29 @@ struct dns_ctx {
 
   unsigned active = 0;
   unsigned holds = 0;  // Hold objects in force; meanwhile a question that is dropped stays in `cancelled`
-  dns::Link cancelled;
-  dns::Link queued;
-  dns::Link sending;
-  dns::Link resting;
-  dns::Link tcp_waiting;  // questions for which no connection has room
-  dns::TimerWheel waiting;
+  base::Link cancelled;
+  base::Link queued;
+  base::Link sending;
+  base::Link resting;
+  base::Link tcp_waiting;  // questions for which no connection has room
+  base::TimerWheel waiting;
   // Questions that were sent, until they are over, by id.
-  dns::ChainedTable<dns_query, &dns_query::index_next, &dns_query::id> index;
+  base::ChainedTable<dns_query, &dns_query::index_next, &dns_query::id> index;
 
   uint8_t secret[16] = {};  // of this context's hashes
   uint8_t cookie_secret[16] = {};
   // Questions that others may follow.
-  dns::ChainedTable<dns_query, &dns_query::leader_next, &dns_query::hash> leaders;
+  base::ChainedTable<dns_query, &dns_query::leader_next, &dns_query::hash> leaders;
   dns::Failures failures;
 
   dns::Connection connections[dns::kConnectionsMax];
   unsigned connections_open = 0;
 
-  dns::Pool<dns_query, 32> queries;
-  dns::Pool<dns::OwnServers, 16> own_servers;
-  dns::Pool<dns::MediumName, 16> medium_names;
-  dns::Pool<dns::LongName, 16> long_names;
-  dns::Pool<dns::Journey, 8> journeys;
+  base::Pool<dns_query, 32> queries;
+  base::Pool<dns::OwnServers, 16> own_servers;
+  base::Pool<dns::MediumName, 16> medium_names;
+  base::Pool<dns::LongName, 16> long_names;
+  base::Pool<dns::Journey, 8> journeys;
 
   uint8_t *result = nullptr;  // the block that the last parse laid out
   size_t result_size = 0;
@@ -416,8 +416,8 @@ void end_pause(dns_query *q);
 [[nodiscard]] bool follow(dns_query *q);
 // stop_leading takes a question out of the table and moves those that follow it to `followers`; hand_over makes the
 // first of them the leader of the others, and has it sent.
-void stop_leading(dns_query *q, Link *followers);
-void hand_over(Link *followers);
+void stop_leading(dns_query *q, base::Link *followers);
+void hand_over(base::Link *followers);
 
 // ---- choice.cc
 

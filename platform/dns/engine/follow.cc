@@ -56,14 +56,14 @@ bool follow(dns_query *q) {
   return true;
 }
 
-void stop_leading(dns_query *q, Link *followers) {
+void stop_leading(dns_query *q, base::Link *followers) {
   followers->take_all(&q->followers);
   if (!q->leads) return;
   q->ctx->leaders.remove(q);
   q->leads = false;
 }
 
-void hand_over(Link *followers) {
+void hand_over(base::Link *followers) {
   if (followers->alone()) return;
   auto *q = static_cast<dns_query *>(followers->next);
   lead(q);

@@ -11,7 +11,7 @@
 #include <new>
 #include <utility>
 
-#include "cdata.h"
+#include <cdata.h>
 #include "engine.h"
 
 namespace dns {

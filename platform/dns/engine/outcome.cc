@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "cdata.h"
+#include <cdata.h>
 #include "engine.h"
 
 namespace dns {
@@ -254,7 +254,7 @@ bool asked_otherwise(dns_query *q, unsigned place, int code, const Arrival &arri
 // deliver_all ends a question, and those that follow it, each with what its own parser makes of the packet.
 void deliver_all(dns_query *q, dns_status status, std::span<const uint8_t> packet, size_t answers_at, void *result,
                  unsigned size) {
-  Link followers;
+  base::Link followers;
   stop_leading(q, &followers);
   deliver(q, status, result, size, 0);
   while (!followers.alone()) {

@@ -142,7 +142,7 @@ void release_own_servers(dns_query *q) {
 
 void deliver(dns_query *q, dns_status status, void *result, unsigned size, unsigned sflags) {
   dns_ctx *ctx = q->ctx;
-  Link followers;
+  base::Link followers;
   stop_leading(q, &followers);
   leave(q);
   q->state = State::delivering;
@@ -158,7 +158,7 @@ void deliver(dns_query *q, dns_status status, void *result, unsigned size, unsig
 
 void drop(dns_query *q) {
   dns_ctx *ctx = q->ctx;
-  Link followers;
+  base::Link followers;
   abandon_lookup(q);
   stop_leading(q, &followers);
   leave(q);

@@ -3,8 +3,8 @@
 
 #include <algorithm>
 
+#include <prefetch.h>
 #include "engine.h"
-#include "prefetch.h"
 
 namespace dns {
 namespace {

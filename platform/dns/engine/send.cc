@@ -26,9 +26,10 @@ unsigned collect(dns_ctx *ctx, int slot, unsigned room, const Server *only) {
   const bool fresh = static_cast<const dns_query *>(ctx->sending.next)->slot == UdpPool::kNone;
   dns_ctx::Buffers *buffers = ctx->buffers;
   unsigned count = 0;
-  for (Link *link = ctx->sending.next; link != &ctx->sending && count < std::min(room, kBatch); link = link->next) {
+  for (base::Link *link = ctx->sending.next; link != &ctx->sending && count < std::min(room, kBatch);
+       link = link->next) {
     auto *q = static_cast<dns_query *>(link);
-    prefetch_after<dns_query>(q);
+    base::prefetch_after<dns_query>(q);
     const bool is_new = q->slot == UdpPool::kNone;
     if (q->over_tcp || is_new != fresh || (!is_new && q->slot != slot)) break;
     const Server *server = servers_of(q)[q->server];
@@ -158,7 +159,7 @@ void choose_socket(dns_query *q) {
 }
 
 // send_next sends the question at the head of the list, and with it what can leave in the same call.
-void send_next(dns_ctx *ctx, Link *held) {
+void send_next(dns_ctx *ctx, base::Link *held) {
   auto *q = static_cast<dns_query *>(ctx->sending.next);
   // One that followed a question which began at a zone's servers, in a context that has none.
   if (servers_of(q).empty()) {
@@ -237,7 +238,7 @@ void sent(dns_query *q, int64_t patience_us) {
 }
 
 void flush(dns_ctx *ctx) {
-  Link held;
+  base::Link held;
   // Those that waited come before those that are new, or the new ones would take every room there is.
   ctx->tcp_waiting.take_all(&ctx->sending);
   ctx->sending.take_all(&ctx->tcp_waiting);

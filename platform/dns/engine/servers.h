@@ -13,7 +13,7 @@
 
 #include <kavo/dns_types.h>
 
-#include "list.h"
+#include <list.h>
 
 namespace dns {
 
@@ -27,7 +27,7 @@ inline constexpr int64_t kLossWhole = 1024;
 inline constexpr unsigned kLettersKnown = 32;
 
 // Server is one address that questions go to. `link` is its place in the list of records that nobody holds.
-struct Server : Link {
+struct Server : base::Link {
   sockaddr_in address;
   unsigned holders;
   Server *bucket_next;
@@ -46,7 +46,7 @@ struct Server : Link {
   int64_t tcp_until_us;     // until when it is posted no more than `tcp_limit` queries on one connection
   uint32_t tcp_limit;
   unsigned under_way;  // questions that wait for its answer by UDP
-  Link parked;         // questions that wait until it has fewer of them
+  base::Link parked;   // questions that wait until it has fewer of them
 
   // Whether it is there, and what it costs to ask it; of the driving thread too.
   int64_t heard_us;      // when it last answered
@@ -136,7 +136,7 @@ class ServerTable {
 
   pelk_mutex_t mutex_;
   Server *buckets_[kBuckets] PELK_GUARDED_BY(mutex_) = {};
-  Link idle_;
+  base::Link idle_;
   unsigned idle_count_ = 0;
   unsigned idle_max_ = kIdleMax;
 };

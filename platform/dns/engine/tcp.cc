@@ -72,7 +72,7 @@ void failed(dns_query *q, End end) {
 
 // broken ends a connection that has failed with `error`.
 void broken(dns_ctx *ctx, Connection *connection, int error) {
-  Link lost;
+  base::Link lost;
   Server *server = connection->server;
   if (connection->count > 0 && connection->answered > 0 && error != -ETIMEDOUT) {
     server->tcp_limit = connection->answered;

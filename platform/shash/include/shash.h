@@ -11,7 +11,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include "bucket_index.h"
+#include <bucket_index.h>
 
 using rindex_t = uint16_t;
 

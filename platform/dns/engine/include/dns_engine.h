@@ -12,18 +12,17 @@
 
 #include <stdint.h>
 
+#include <cacher.h>
 #include <kavo/dns.h>
 
 extern "C" {
 
-// ---- memory
-// ------------------------------------------------------------------------------------------------------------
+// ---- memory --------------------------------------------------------------------------------------------------------
 
 void *dns_calloc(size_t count, size_t size);
 void *dns_realloc(void *block, size_t size);
 
-// ---- time
-// --------------------------------------------------------------------------------------------------------------
+// ---- time ----------------------------------------------------------------------------------------------------------
 
 extern const dns_timeval dns_tv_infinite;  // a span without end
 extern const dns_timeval dns_tv_zero;
@@ -35,16 +34,14 @@ void dns_gettimeofday(dns_timeval *now);
 // dns_gettime returns the wall clock's moment, and stores it where `now` is not null.
 dns_time dns_gettime(dns_time *now);
 
-// ---- forked children
-// -----------------------------------------------------------------------------------------------------
+// ---- forked children -----------------------------------------------------------------------------------------------
 
 // dns_abandon closes the descriptors, and releases the packet buffers, of a context that a thread of the parent process
 // drove when this one was forked: it may have been anywhere, so that nothing else of the context can be used or
 // released. Twice is fine.
 void dns_abandon(struct dns_ctx *ctx);
 
-// ---- options, caches, functions
-// ----------------------------------------------------------------------------------------
+// ---- options, caches, functions ------------------------------------------------------------------------------------
 
 // 0; DNS_E_INVAL for an unknown option, a wrong size or a value out of range; DNS_E_BUSY for a new port of the
 // context's servers while questions are open; DNS_E_NOMEM.
@@ -56,12 +53,6 @@ dns_status dns_get_opt(const struct dns_ctx *ctx, int opt, void *value, unsigned
 dns_status dns_set_cache(struct dns_ctx *ctx, unsigned use, struct dns_cacher *cacher);
 struct dns_cacher *dns_get_cache(const struct dns_ctx *ctx, unsigned use);
 
-int dns_cacher_get(struct dns_cacher *cacher, struct dns_cdata *entry, dns_time now);
-int dns_cacher_put(struct dns_cacher *cacher, const struct dns_cdata *entry, dns_time now);
-int dns_cacher_delete(struct dns_cacher *cacher, const struct dns_cdata *entry, dns_time now);
-int dns_cacher_getopt(struct dns_cacher *cacher, int opt, void *value, unsigned size);
-int dns_cacher_setopt(struct dns_cacher *cacher, int opt, const void *value, unsigned size);
-
 // dns_set_dbgev says which events the debug function is called for, any of DNS_DE_CACHE (what the cache holds of a
 // question) and DNS_DE_PKT (packets); both at first. To tell of every packet costs something even where nobody listens.
 enum { DNS_DE_CACHE = 1, DNS_DE_PKT = 2 };
@@ -70,8 +61,7 @@ void dns_set_dbgev(struct dns_ctx *ctx, unsigned events);
 using dns_dc_fn = void(struct dns_ctx *ctx, struct dns_query *q, int code, void *data, void *udata);
 void dns_set_dcfn(struct dns_ctx *ctx, dns_dc_fn *fn);
 
-// ---- servers
-// -----------------------------------------------------------------------------------------------------------
+// ---- servers -------------------------------------------------------------------------------------------------------
 
 // dns_get_serv copies the servers' socket addresses (16 bytes each); `size` is the buffer's bytes in and the bytes
 // used, or needed, out. The number of servers, or DNS_E_NOBUFS.
@@ -96,8 +86,7 @@ dns_status dns_get_serv_nqsent(struct dns_ctx *ctx, const struct sockaddr *serve
 dns_status dns_get_serv_nused(struct dns_ctx *ctx, const struct sockaddr *server, uint64_t *value);
 dns_status dns_get_serv_ntimeout(struct dns_ctx *ctx, const struct sockaddr *server, uint64_t *value);
 
-// ---- questions
-// ---------------------------------------------------------------------------------------------------------
+// ---- questions -----------------------------------------------------------------------------------------------------
 
 // dns_query_fn receives a question's outcome: dns_get_status is its status; `result` the parsed block of `size` bytes,
 // or null, which stays the engine's and is valid until the function returns. The question is over: its handle is valid
@@ -127,8 +116,7 @@ dns_type dns_qtyp(const struct dns_query *q);
 dns_class dns_qcls(const struct dns_query *q);
 dns_parse_fn *dns_qparse(const struct dns_query *q);
 
-// ---- the loop
-// ----------------------------------------------------------------------------------------------------------
+// ---- the loop ------------------------------------------------------------------------------------------------------
 
 // dns_timeouts does what is due at `now`: submits, sends again, gives up, calls back. Returns the span until it is due
 // again, at most `longest`; exactly dns_tv_infinite once no question is open.

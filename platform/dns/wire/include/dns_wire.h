@@ -14,8 +14,7 @@
 
 #include <kavo/dns.h>
 
-// ---- names and addresses, in the C form that the library above calls
-// --------------------------------------------------
+// ---- names and addresses, in the C form that the library above calls -----------------------------------------------
 
 extern "C" {
 
@@ -59,8 +58,7 @@ const char *dns_ntop(int family, const void *address, char *text, unsigned size)
 
 }  // extern "C"
 
-// ---- packets in the C form
-// ---------------------------------------------------------------------------------------------
+// ---- packets in the C form -----------------------------------------------------------------------------------------
 
 // dns_pkt: a packet being written. Records go into the section that is open: the answer section after dns_initpacket;
 // dns_end_section closes the sections before the named one and opens that; DNS_S_ALL closes the packet.
@@ -116,8 +114,7 @@ int dns_printsection(FILE *stream, int level, const struct dns_parse *parse, int
 
 namespace dns {
 
-// ---- cursors
-// ---------------------------------------------------------------------------------------------------------
+// ---- cursors -------------------------------------------------------------------------------------------------------
 
 // load_u16 and load_u32 read numbers in network order, store_u16 and store_u32 write them.
 [[nodiscard]] inline uint16_t load_u16(const uint8_t *at) {
@@ -242,8 +239,7 @@ class Writer {
   bool ok_ = true;
 };
 
-// ---- packets
-// ---------------------------------------------------------------------------------------------------------
+// ---- packets -------------------------------------------------------------------------------------------------------
 
 // Header is a packet's first twelve bytes (RFC 1035, 4.1.1).
 struct Header {
@@ -367,8 +363,7 @@ struct Denial {
 // section_at finds where a section begins. False for a malformed packet.
 [[nodiscard]] bool section_at(std::span<const uint8_t> packet, int section, size_t *position);
 
-// ---- record blocks
-// ---------------------------------------------------------------------------------------------------
+// ---- record blocks -------------------------------------------------------------------------------------------------
 
 enum class Block { a4, a6, txt, etxt, mx, ptr, cname, ns, srv, pkt };
 

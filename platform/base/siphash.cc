@@ -2,7 +2,7 @@
 //
 // Pure functions without state; any thread may call them. The short variant is enough here: the hash stays inside the
 // process, where nobody can read its values back, so an outsider only has to be kept from choosing collisions.
-#include "siphash.h"
+#include <siphash.h>
 
 #include <errno.h>
 #include <limits.h>

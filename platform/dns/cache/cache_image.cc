@@ -1,5 +1,5 @@
 // cache_image.cc - entries to images and back. Pure functions on what the caller holds; nothing here locks.
-#include "cache_image.h"
+#include <cache_image.h>
 
 #include <string.h>
 
@@ -30,8 +30,8 @@ static_assert(kKeyAt + kImageKeyHead == kImageHead && DNS_MAXDN == UINT8_MAX);
 }  // namespace
 
 size_t write_key(uint16_t typ, uint16_t cls, std::span<const uint8_t> dn, uint8_t *to) {
-  put_be(to, typ);
-  put_be(to + kClsInKey, cls);
+  base::put_be(to, typ);
+  base::put_be(to + kClsInKey, cls);
   memcpy(to + kImageKeyHead, dn.data(), dn.size());
   return kImageKeyHead + dn.size();
 }
@@ -41,28 +41,28 @@ size_t image_size(const Entry &entry) {
 }
 
 void write_image(Entry *entry, uint8_t *to) {
-  put_be(to, static_cast<uint64_t>(entry->stored));
-  put_be(to + kTtlAt, static_cast<uint32_t>(entry->ttl));
-  put_be(to + kRunSizeAt, entry->run_size);
+  base::put_be(to, static_cast<uint64_t>(entry->stored));
+  base::put_be(to + kTtlAt, static_cast<uint32_t>(entry->ttl));
+  base::put_be(to + kRunSizeAt, entry->run_size);
   to[kRcodeAt] = entry->rcode;
   to[kDnSizeAt] = entry->dn_size;
-  put_be(to + kKeyAt, entry->typ);
-  put_be(to + kKeyAt + kClsInKey, entry->cls);
+  base::put_be(to + kKeyAt, entry->typ);
+  base::put_be(to + kKeyAt + kClsInKey, entry->cls);
   memcpy(to + kImageHead, entry->dn(), size_t{entry->dn_size} + entry->run_size);  // they lie side by side there too
 }
 
 bool read_image(std::span<const uint8_t> *bytes, Image *image) {
   if (bytes->size() < kImageHead) return false;
   const uint8_t *head = bytes->data();
-  const size_t run_size = get_be<uint16_t>(head + kRunSizeAt);
+  const size_t run_size = base::get_be<uint16_t>(head + kRunSizeAt);
   const size_t dn_size = head[kDnSizeAt];
-  const uint32_t ttl = get_be<uint32_t>(head + kTtlAt);
+  const uint32_t ttl = base::get_be<uint32_t>(head + kTtlAt);
   if (run_size > kRunMax || ttl > INT32_MAX || head[kRcodeAt] > kRcodeMax) return false;
   if (bytes->size() - kImageHead < dn_size + run_size) return false;
-  image->stored = static_cast<dns_time>(get_be<uint64_t>(head));
+  image->stored = static_cast<dns_time>(base::get_be<uint64_t>(head));
   image->ttl = static_cast<int32_t>(ttl);
-  image->typ = get_be<uint16_t>(head + kKeyAt);
-  image->cls = get_be<uint16_t>(head + kKeyAt + kClsInKey);
+  image->typ = base::get_be<uint16_t>(head + kKeyAt);
+  image->cls = base::get_be<uint16_t>(head + kKeyAt + kClsInKey);
   image->rcode = head[kRcodeAt];
   image->dn_size = head[kDnSizeAt];
   image->key = bytes->subspan(kKeyAt, kImageKeyHead + dn_size);

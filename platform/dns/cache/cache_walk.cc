@@ -10,10 +10,10 @@
 #include <array>
 #include <utility>
 
+#include <cache_image.h>
+#include <prefetch.h>
+#include <siphash.h>
 #include "cache.h"
-#include "cache_image.h"
-#include "prefetch.h"
-#include "siphash.h"
 
 namespace dns {
 

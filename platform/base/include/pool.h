@@ -3,16 +3,16 @@
 #ifndef DNS_ENGINE_POOL_H
 #define DNS_ENGINE_POOL_H
 
-#include <pelk.h>
+#include <sanitizer.h>
 #include <stddef.h>
 #include <stdlib.h>
 
-#include "prefetch.h"
+#include <prefetch.h>
 
-namespace dns {
+namespace base {
 
 // Under AddressSanitizer every block is an allocation of its own, so that it sees the use of one that was put back.
-inline constexpr bool kPooled = !PELK_ADDRESS_SANITIZER;
+inline constexpr bool kPooled = !kAddressSanitizer;
 
 template <typename T, size_t kPerChunk>
 class Pool {
@@ -72,6 +72,6 @@ class Pool {
   Cell *free_ = nullptr;
 };
 
-}  // namespace dns
+}  // namespace base
 
 #endif  // DNS_ENGINE_POOL_H

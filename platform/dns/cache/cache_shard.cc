@@ -5,8 +5,8 @@
 
 #include <algorithm>
 
-#include "dns_wire.h"
-#include "prefetch.h"
+#include <dns_wire.h>
+#include <prefetch.h>
 
 namespace dns {
 

@@ -2,9 +2,9 @@
 #ifndef DNS_ENGINE_LIST_H
 #define DNS_ENGINE_LIST_H
 
-#include "prefetch.h"
+#include <prefetch.h>
 
-namespace dns {
+namespace base {
 
 // Link is a record's place in a list, and a list's head. A link that is in no list points at itself.
 struct Link {
@@ -49,6 +49,6 @@ inline void prefetch_after(const Link *link) {
   prefetch_all<T>(link->next->next);
 }
 
-}  // namespace dns
+}  // namespace base
 
 #endif  // DNS_ENGINE_LIST_H

@@ -23,8 +23,8 @@
 
 #include <kavo/dns.h>
 
-#include "cache_image.h"
-#include "checksum.h"
+#include <cache_image.h>
+#include <checksum.h>
 
 namespace dns::dump {
 

@@ -51,11 +51,6 @@ inline constexpr uint16_t kOwnName = 0xC000 | DNS_HSIZE;
 inline constexpr size_t kQuestionTail = 4;  // type and class
 inline constexpr size_t kRunMax = DNS_MAXPACKET - DNS_HSIZE - DNS_MAXDN - kQuestionTail;
 
-// cache_look_ahead has the processor fetch where the built-in cache `cacher` files a key. Returns what spares the
-// look-up that follows working it out again (dns_cdata::hash), or 0.
-[[nodiscard]] uint64_t cache_look_ahead(const dns_cacher *cacher, uint16_t typ, uint16_t cls,
-                                        std::span<const uint8_t> dn);
-
 // cdata_reserve makes room for a run of `size` bytes, keeping the run. False without memory: nothing has changed.
 [[nodiscard]] bool cdata_reserve(dns_cdata *entry, size_t size);
 

@@ -1,9 +1,9 @@
 // timer_wheel.cc - see timer_wheel.h.
-#include "timer_wheel.h"
+#include <timer_wheel.h>
 
 #include <bit>
 
-namespace dns {
+namespace base {
 namespace {
 
 constexpr unsigned kWordBits = 64;
@@ -78,4 +78,4 @@ unsigned TimerWheel::next_used(unsigned from) const {
   return from;
 }
 
-}  // namespace dns
+}  // namespace base

@@ -5,9 +5,9 @@
 
 #include <stdint.h>
 
-#include "list.h"
+#include <list.h>
 
-namespace dns {
+namespace base {
 
 // Timer is what a record embeds to have a deadline.
 struct Timer : Link {
@@ -43,6 +43,6 @@ class TimerWheel {
   int64_t hand_ = 0;                 // the last tick that was expired
 };
 
-}  // namespace dns
+}  // namespace base
 
 #endif  // DNS_ENGINE_TIMER_WHEEL_H

@@ -18,8 +18,8 @@
 
 #include <kavo/dns.h>
 
-#include "bucket_index.h"
-#include "pelk.h"
+#include <bucket_index.h>
+#include <pelk.h>
 
 namespace dns {
 

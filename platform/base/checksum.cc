@@ -4,7 +4,7 @@
 // its sum for good, unless a later word of the same sum makes up for it. The rotation carries what the multiplication
 // has moved up back to the low bits, so that no two changes of top bits meet. The sums are independent because a
 // processor can multiply every cycle but needs several for one product.
-#include "checksum.h"
+#include <checksum.h>
 
 #include <string.h>
 

@@ -5,9 +5,9 @@
 
 #include <stdlib.h>
 
-#include "prefetch.h"
+#include <prefetch.h>
 
-namespace dns {
+namespace base {
 
 // kNext is the member that links a record to the next one in its bucket, kKey the one that says which bucket that is.
 template <typename T, T *T::*kNext, auto kKey>
@@ -79,6 +79,6 @@ class ChainedTable {
   unsigned count_ = 0;
 };
 
-}  // namespace dns
+}  // namespace base
 
 #endif  // DNS_ENGINE_CHAINED_TABLE_H

@@ -13,11 +13,11 @@
 #include <bit>
 #include <new>
 
-#include "cache_image.h"
+#include <cache_image.h>
+#include <cacher.h>
+#include <cdata.h>
+#include <siphash.h>
 #include "cache_shard.h"
-#include "cdata.h"
-#include "dns_engine.h"
-#include "siphash.h"
 
 namespace {
 

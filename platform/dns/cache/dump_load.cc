@@ -13,9 +13,9 @@
 #include <algorithm>
 #include <array>
 
-#include "dns_engine.h"
+#include <cacher.h>
+#include <pelk.h>
 #include "dump.h"
-#include "pelk.h"
 
 namespace dns::dump {
 
@@ -47,8 +47,8 @@ struct Frame {
 [[nodiscard]] dns_status read_head(const dns_cdump *dump, uint64_t offset, uint8_t *buffer, Frame *frame) {
   const dns_status status = read_at(dump, offset, {buffer, kFrameHead});
   if (status != DNS_E_NOERROR) return status;
-  const size_t size = get_be<uint32_t>(buffer + kSizeAt);
-  *frame = {get_be<uint64_t>(buffer), get_be<uint32_t>(buffer + kKindAt), {buffer + kFrameHead, size}};
+  const size_t size = base::get_be<uint32_t>(buffer + kSizeAt);
+  *frame = {base::get_be<uint64_t>(buffer), base::get_be<uint32_t>(buffer + kKindAt), {buffer + kFrameHead, size}};
   return size <= kBlockMax ? DNS_E_NOERROR : DNS_E_TFILE;
 }
 
@@ -74,8 +74,8 @@ Place behind(const Place &at, const Frame &frame) {
 
 [[nodiscard]] bool read_totals(const Frame &frame, Totals *totals) {
   if (frame.body.size() != kTotalsSize) return false;
-  totals->first = get_be<uint64_t>(frame.body.data());
-  totals->bytes = get_be<uint64_t>(frame.body.data() + sizeof totals->first);
+  totals->first = base::get_be<uint64_t>(frame.body.data());
+  totals->bytes = base::get_be<uint64_t>(frame.body.data() + sizeof totals->first);
   return true;
 }
 
@@ -90,14 +90,15 @@ Place behind(const Place &at, const Frame &frame) {
   status = read_at(dump, dump->size - kEndSize, {end, kEndSize});
   if (status != DNS_E_NOERROR) return status;
   Totals totals;
-  if (get_be<uint32_t>(end + kKindAt) != kFileEnd || get_be<uint32_t>(end + kSizeAt) != kTotalsSize) return DNS_E_TFILE;
+  if (base::get_be<uint32_t>(end + kKindAt) != kFileEnd || base::get_be<uint32_t>(end + kSizeAt) != kTotalsSize)
+    return DNS_E_TFILE;
   if (!read_totals({0, kFileEnd, dump->body().first(kTotalsSize)}, &totals) || totals.bytes != dump->size)
     return DNS_E_TFILE;
   Frame head;
   status = next_frame(dump, first, &head);
   if (status != DNS_E_NOERROR) return status;
   const bool known = head.kind == kFileHead && head.body.size() == kFileHeadSize;
-  return known && get_be<uint32_t>(head.body.data()) == kVersion ? DNS_E_NOERROR : DNS_E_TFILE;
+  return known && base::get_be<uint32_t>(head.body.data()) == kVersion ? DNS_E_NOERROR : DNS_E_TFILE;
 }
 
 // ---- the way through a cache's blocks -----------------------------------------------------------------------------

@@ -10,8 +10,8 @@
 #include <new>
 #include <utility>
 
-#include "dns_engine.h"
-#include "pelk.h"
+#include <cacher.h>
+#include <pelk.h>
 
 namespace dns::dump {
 
@@ -39,25 +39,25 @@ namespace {
 // put_frame writes a frame whose body is in place.
 [[nodiscard]] dns_status put_frame(dns_cdump *dump, Kind kind, size_t body_size) {
   uint8_t *frame = dump->frame.get();
-  put_be(frame + kKindAt, static_cast<uint32_t>(kind));
-  put_be(frame + kSizeAt, static_cast<uint32_t>(body_size));
+  base::put_be(frame + kKindAt, static_cast<uint32_t>(kind));
+  base::put_be(frame + kSizeAt, static_cast<uint32_t>(body_size));
   dump->place.sum = sum_of(dump->place.sum, frame, body_size);
-  put_be(frame, dump->place.sum);
+  base::put_be(frame, dump->place.sum);
   dump->place.offset += kFrameHead + body_size;
   return write_whole(dump->fd, {frame, kFrameHead + body_size});
 }
 
 [[nodiscard]] dns_status put_totals(dns_cdump *dump, Kind kind, const Totals &totals) {
-  put_be(dump->body().data(), totals.first);
-  put_be(dump->body().data() + sizeof totals.first, totals.bytes);
+  base::put_be(dump->body().data(), totals.first);
+  base::put_be(dump->body().data() + sizeof totals.first, totals.bytes);
   return put_frame(dump, kind, kTotalsSize);
 }
 
 [[nodiscard]] dns_status put_file_head(dns_cdump *dump) {
   const dns_status status = write_whole(dump->fd, kMagic);
   if (status != DNS_E_NOERROR) return status;
-  put_be(dump->body().data(), kVersion);
-  put_be(dump->body().data() + sizeof kVersion, static_cast<uint64_t>(dump->now));
+  base::put_be(dump->body().data(), kVersion);
+  base::put_be(dump->body().data() + sizeof kVersion, static_cast<uint64_t>(dump->now));
   return put_frame(dump, kFileHead, kFileHeadSize);
 }
 

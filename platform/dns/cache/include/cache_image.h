@@ -13,8 +13,8 @@
 
 #include <kavo/dns.h>
 
-#include "byte_order.h"
-#include "cdata.h"
+#include <byte_order.h>
+#include <cdata.h>
 
 namespace dns {
 

@@ -9,7 +9,7 @@
 #include <bit>
 #include <concepts>
 
-namespace dns {
+namespace base {
 
 // swapped turns an integer of two bytes or more to network order, or back.
 template <std::unsigned_integral T>
@@ -33,6 +33,6 @@ template <std::unsigned_integral T>
   return swapped(value);
 }
 
-}  // namespace dns
+}  // namespace base
 
 #endif  // BYTE_ORDER_H

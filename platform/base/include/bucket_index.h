@@ -19,7 +19,7 @@
 #include <array>
 #include <bit>
 
-#include "prefetch.h"
+#include <prefetch.h>
 
 // kNext is the member that links a record to another one of its bucket's chain, kHash the one that holds its hash, of
 // which the index takes 32 bits. A BucketIndex is all zeros at first; release() makes it so again.

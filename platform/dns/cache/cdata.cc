@@ -2,7 +2,7 @@
 //
 // An entry belongs to one thread at a time, so nothing here locks. Every record that comes in, from a host or from a
 // packet, is checked and written whole by `append`; what goes out is walked by `next_record`, which trusts the run.
-#include "cdata.h"
+#include <cdata.h>
 
 #include <limits.h>
 #include <stdlib.h>
@@ -12,8 +12,8 @@
 #include <array>
 #include <new>
 
-#include "byte_order.h"
-#include "dns_wire.h"
+#include <byte_order.h>
+#include <dns_wire.h>
 
 namespace {
 
@@ -53,11 +53,11 @@ bool next_record(std::span<const uint8_t> run, size_t *at, RunRecord *record) {
   const size_t fixed_at = *at + (own ? kPointerSize : dns_dnlen(owner));
   if (fixed_at + kRecordFixed > run.size()) return false;
   const uint8_t *fixed = run.data() + fixed_at;
-  record->typ = dns::get_be<uint16_t>(fixed);
-  record->cls = dns::get_be<uint16_t>(fixed + kClsInFixed);
-  record->ttl = dns::get_be<uint32_t>(fixed + kTtlInFixed);
+  record->typ = base::get_be<uint16_t>(fixed);
+  record->cls = base::get_be<uint16_t>(fixed + kClsInFixed);
+  record->ttl = base::get_be<uint32_t>(fixed + kTtlInFixed);
   record->ttl_at = fixed_at + kTtlInFixed;
-  const size_t size = dns::get_be<uint16_t>(fixed + kSizeInFixed);
+  const size_t size = base::get_be<uint16_t>(fixed + kSizeInFixed);
   const size_t data_at = fixed_at + kRecordFixed;
   if (size > run.size() - data_at) return false;
   record->data = run.subspan(data_at, size);
@@ -86,7 +86,7 @@ struct Source {
 // owner_size gives the bytes of the owner at the head of `run`, in the form that append gives it: the pointer to the
 // entry's own name, or a whole name. 0 for any other.
 [[nodiscard]] size_t owner_size(std::span<const uint8_t> run) {
-  if (run.size() >= kPointerSize && dns::get_be<uint16_t>(run.data()) == dns::kOwnName) return kPointerSize;
+  if (run.size() >= kPointerSize && base::get_be<uint16_t>(run.data()) == dns::kOwnName) return kPointerSize;
   Reader reader(run);
   uint8_t dn[DNS_MAXDN];
   unsigned size = 0;
