@@ -118,19 +118,19 @@ TEST(Choice, ADeadServerCostsTheMedianNothingAndComesBack) {
 TEST_F(Engine, ThoseThatWaitForRoomAtADyingServerGoToTheNext) {
   world.add_server("192.0.2.1", Temper::dead);
   world.add_server("192.0.2.2", Temper::good);
-  const unsigned count = 2 * dns::kPerServer;
+  const unsigned count = 2 * dns::kUnderWayMax;
   for (unsigned i = 0; i < count; ++i)
     questions.ask("listed-" + std::to_string(i) + ".list.test");
   for (const unsigned place : {0U, 1U}) {
     (void)dns_timeouts(world.ctx, dns_tv_infinite, world.now());
-    EXPECT_EQ(world.ctx->servers[place]->under_way, dns::kPerServer);
+    EXPECT_EQ(world.ctx->servers[place]->under_way, dns::kUnderWayMax);
     EXPECT_EQ(world.ctx->servers[1 - place]->under_way, 0U);
     world.now_us += place == 0 ? dns::Options{}.timeout_us / 2 : 0;
   }
   ASSERT_TRUE(world.run());
   for (const auto &asked : questions.all())
     expect_truth(*asked);
-  EXPECT_LT(world.asked["192.0.2.1"], dns::kPerServer + 100) << "nobody waits there for the next round";
+  EXPECT_LT(world.asked["192.0.2.1"], dns::kUnderWayMax + 100) << "nobody waits there for the next round";
   expect_rest(&world);
 }
 
@@ -290,7 +290,7 @@ TEST_F(Best, NobodyWaitsForTheCostZone) {
   EXPECT_GE(world.packets_sent, 102U) << "the look-ups are under way";
   EXPECT_EQ(dns_active(world.ctx), 0);
   const auto expect_held = [this](unsigned looked_up) {
-    EXPECT_EQ(world.ctx->ratings_open, looked_up);
+    EXPECT_EQ(world.ctx->costs.open, looked_up);
     unsigned holders = 0;
     world.ctx->server_table.each([&holders](const dns::Server *server) { holders += server->holders; });
     EXPECT_EQ(holders, world.ctx->nserv + looked_up);

@@ -10,7 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "../platform/dns/engine/engine.h"
+#include "../platform/dns/engine/context.h"
+#include "../platform/dns/engine/resolver_file.h"
 #include "support/packets.h"
 #include "support/questions.h"
 
@@ -361,7 +362,7 @@ TEST_F(Engine, AFailureIsRememberedForAFewSeconds) {
   Asked &other = questions.ask("listed-2.list.test");
   ASSERT_TRUE(world.run());
   expect_truth(other);
-  world.now_us += dns::Failures::kKeptUs;
+  world.now_us += dns::kFailureUs;
   Asked &later = questions.ask("listed-1.list.test");
   ASSERT_TRUE(world.run());
   expect_truth(later);
@@ -369,27 +370,27 @@ TEST_F(Engine, AFailureIsRememberedForAFewSeconds) {
 
 TEST_F(Engine, MoreThanAServerMayHaveUnderWayWaitsForRoom) {
   world.add_server("192.0.2.1", Temper::good);
-  for (unsigned i = 0; i < 3 * dns::kPerServer; ++i)
+  for (unsigned i = 0; i < 3 * dns::kUnderWayMax; ++i)
     questions.ask("listed-" + std::to_string(i) + ".list.test");
   dns_timeouts(world.ctx, dns_tv_infinite, world.now());
-  EXPECT_EQ(world.packets_sent, dns::kPerServer);
-  for (const unsigned first : {0U, 2 * dns::kPerServer})
+  EXPECT_EQ(world.packets_sent, dns::kUnderWayMax);
+  for (const unsigned first : {0U, 2 * dns::kUnderWayMax})
     for (unsigned i = first; i < first + 100; ++i)
       questions.cancel(questions.all()[i].get());
   ASSERT_TRUE(world.run());
-  for (size_t i = 100; i < 2 * dns::kPerServer; ++i)
+  for (size_t i = 100; i < 2 * dns::kUnderWayMax; ++i)
     expect_truth(*questions.all()[i]);
   EXPECT_EQ(dns_active(world.ctx), 0);
   // Those whose turn has come are cancelled before they leave: the ones behind them must not wait for their answers.
   Questions others(&world);
-  for (unsigned i = 0; i < 3 * dns::kPerServer; ++i)
+  for (unsigned i = 0; i < 3 * dns::kUnderWayMax; ++i)
     others.ask("listed-" + std::to_string(i) + ".list.test");
   world.turn();
-  for (unsigned i = dns::kPerServer; i < 2 * dns::kPerServer; ++i)
+  for (unsigned i = dns::kUnderWayMax; i < 2 * dns::kUnderWayMax; ++i)
     others.cancel(others.all()[i].get());
   ASSERT_TRUE(world.run(1000));
   expect_truth(*others.all().back());
-  for (unsigned i = 0; i < 3 * dns::kPerServer; ++i)
+  for (unsigned i = 0; i < 3 * dns::kUnderWayMax; ++i)
     questions.ask("listed-" + std::to_string(i) + ".list.test");
   dns_timeouts(world.ctx, dns_tv_infinite, world.now());
   dns_close(world.ctx);

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "../platform/dns/engine/engine.h"
+#include "../platform/dns/engine/context.h"
 #include "support/packets.h"
 #include "support/simulation.h"
 

@@ -19,7 +19,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "dns_io.h"
+#include <dns_io.h>
+#include <random_source.h>
 #include "pelk.h"
 #include "shash.h"
 #include "siphash.h"

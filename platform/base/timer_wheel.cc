@@ -6,9 +6,6 @@
 namespace base {
 namespace {
 
-constexpr unsigned kWordBits = 64;
-constexpr unsigned kWords = TimerWheel::kSlots / kWordBits;
-
 unsigned slot_of(int64_t tick) {
   return static_cast<unsigned>(tick & (TimerWheel::kSlots - 1));
 }
@@ -71,8 +68,8 @@ unsigned TimerWheel::next_used(unsigned from) const {
   const unsigned first = from / kWordBits;
   const uint64_t head = used_[first] >> (from % kWordBits);
   if (head != 0) return from + static_cast<unsigned>(std::countr_zero(head));
-  for (unsigned i = 1; i <= kWords; ++i) {
-    const unsigned word = (first + i) % kWords;
+  for (unsigned i = 1; i <= kSlots / kWordBits; ++i) {
+    const unsigned word = (first + i) % (kSlots / kWordBits);
     if (used_[word] != 0) return word * kWordBits + static_cast<unsigned>(std::countr_zero(used_[word]));
   }
   return from;

@@ -108,8 +108,8 @@ void set(World *world, int option, uint32_t value) {
 void expect_rest(World *world) {
   dns_ctx *ctx = world->ctx;
   EXPECT_EQ(dns_active(ctx), 0);
-  EXPECT_TRUE(ctx->leaders.count() == 0 && ctx->resting.alone() && ctx->cancelled.alone());
-  if (ctx->ratings_open > 0) return;
+  EXPECT_TRUE(ctx->leaders.count() == 0 && ctx->resolving.alone() && ctx->cancelled.alone());
+  if (ctx->costs.open > 0) return;
   EXPECT_TRUE(ctx->index.count() == 0 && ctx->sending.alone() && ctx->tcp_waiting.alone());
   ctx->server_table.each([](dns::Server *s) { EXPECT_TRUE(s->under_way == 0 && s->parked.alone()); });
 }

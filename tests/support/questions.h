@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "../../platform/dns/engine/engine.h"
+#include "../../platform/dns/engine/context.h"
 #include "simulation.h"
 
 namespace sim {

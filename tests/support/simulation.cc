@@ -9,6 +9,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "../../platform/dns/engine/state.h"
+
 namespace dns {
 dns_ctx *context_new(const Io *io);  // the engine's, over a world of one's own
 }
@@ -281,6 +283,7 @@ bool World::turn() {
   now_us = std::max(now_us, next);
   deliver_due();
   read_sockets();
+  dns::check_all(ctx);
   return true;
 }
 

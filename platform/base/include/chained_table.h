@@ -5,11 +5,14 @@
 
 #include <stdlib.h>
 
+#include <functional>
+
 #include <prefetch.h>
 
 namespace base {
 
-// kNext is the member that links a record to the next one in its bucket, kKey the one that says which bucket that is.
+// kNext is the member that links a record to the next one in its bucket; kKey, a member or a function of a record, says
+// which bucket that is.
 template <typename T, T *T::*kNext, auto kKey>
 class ChainedTable {
  public:
@@ -25,13 +28,13 @@ class ChainedTable {
   }
   void add(T *item) {
     if (count_ >= size_) grow();
-    T *&head = buckets_[item->*kKey & (size_ - 1)];
+    T *&head = buckets_[std::invoke(kKey, *item) & (size_ - 1)];
     item->*kNext = head;
     head = item;
     ++count_;
   }
   void remove(T *item) {
-    T **at = &buckets_[item->*kKey & (size_ - 1)];
+    T **at = &buckets_[std::invoke(kKey, *item) & (size_ - 1)];
     while (*at != item)
       at = &((*at)->*kNext);
     *at = item->*kNext;
@@ -65,7 +68,7 @@ class ChainedTable {
     for (unsigned i = 0; i < size_; ++i)
       while (T *item = buckets_[i]) {
         buckets_[i] = item->*kNext;
-        T *&head = buckets[item->*kKey & (size - 1)];
+        T *&head = buckets[std::invoke(kKey, *item) & (size - 1)];
         item->*kNext = head;
         head = item;
       }

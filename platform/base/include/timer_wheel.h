@@ -5,6 +5,8 @@
 
 #include <stdint.h>
 
+#include <bit>
+
 #include <list.h>
 
 namespace base {
@@ -30,17 +32,29 @@ class TimerWheel {
   // any returns one of the timers, null when there is none.
   [[nodiscard]] Timer *any();
 
+  // each hands every timer to `use`.
+  template <typename Use>
+  void each(Use use) const {
+    for (unsigned word = 0; word < kSlots / kWordBits; ++word)
+      for (uint64_t left = used_[word]; left != 0; left &= left - 1) {
+        const Link *head = &slots_[word * kWordBits + static_cast<unsigned>(std::countr_zero(left))];
+        for (const Link *link = head->next; link != head; link = link->next)
+          use(static_cast<const Timer *>(link));
+      }
+  }
+
   // next_us returns a moment at which the wheel wants to be asked again: never later than the earliest deadline. kNever
   // when it is empty.
   [[nodiscard]] int64_t next_us() const;
 
  private:
+  static constexpr unsigned kWordBits = 64;
   [[nodiscard]] unsigned next_used(unsigned from) const;
   void expire_slot(unsigned slot, int64_t tick, Link *due);
 
   Link slots_[kSlots];
-  uint64_t used_[kSlots / 64] = {};  // a bit for each slot that holds a timer
-  int64_t hand_ = 0;                 // the last tick that was expired
+  uint64_t used_[kSlots / kWordBits] = {};  // a bit for each slot that holds a timer
+  int64_t hand_ = 0;                        // the last tick that was expired
 };
 
 }  // namespace base

@@ -3,7 +3,7 @@
 
 #include <siphash.h>
 
-#include "engine.h"
+#include "context.h"
 
 namespace dns {
 namespace {
@@ -16,9 +16,9 @@ uint64_t key_of(const dns_query *q, const Server *server) {
     uint16_t typ, cls, recursive, port;
     uint32_t address;
     uint32_t unused;
-  } const key = {siphash_folded(q->ctx->secret, q->ask, q->ask_size),
-                 q->typ,
-                 q->cls,
+  } const key = {siphash_folded(q->ctx->secret, q->question.ask, q->ask_size),
+                 q->question.typ,
+                 q->question.cls,
                  static_cast<uint16_t>(recursive(q)),
                  server->address.sin_port,
                  server->address.sin_addr.s_addr,
@@ -30,13 +30,13 @@ uint64_t key_of(const dns_query *q, const Server *server) {
 
 void Failures::remember(const dns_query *q, const Server *server, dns_status status) {
   const uint64_t key = key_of(q, server);
-  until_us_ = q->ctx->now_us + kKeptUs;
-  cells_[key % kCells] = {key, until_us_, status};
+  until_us_ = q->ctx->now_us + kFailureUs;
+  cells_[key % kFailuresMax] = {key, until_us_, status};
 }
 
 dns_status Failures::recall(const dns_query *q, const Server *server) const {
   const uint64_t key = key_of(q, server);
-  const Cell &cell = cells_[key % kCells];
+  const Cell &cell = cells_[key % kFailuresMax];
   return cell.key == key && q->ctx->now_us < cell.until_us ? cell.status : dns_status{DNS_E_NOERROR};
 }
 

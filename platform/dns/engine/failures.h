@@ -1,5 +1,5 @@
-// failures.h - which server failed at which question a moment ago (RFC 9520): it is not asked the same again for a few
-// seconds, whoever asks, so that questions that cannot be answered do not become a storm.
+// failures.h - which server failed at which query a moment ago (RFC 9520): it is not sent the same again for a few
+// seconds, so that queries that cannot be answered do not become a storm.
 //
 // It belongs to one context and its driving thread. It holds a fixed number of failures; a later one takes the place of
 // another, which then merely costs a packet.
@@ -10,6 +10,8 @@
 
 #include <kavo/dns_types.h>
 
+#include "bounds.h"
+
 struct dns_query;
 
 namespace dns {
@@ -18,9 +20,7 @@ struct Server;
 
 class Failures {
  public:
-  static constexpr int64_t kKeptUs = 5'000'000;  // RFC 9520, 3.2: at least 1 s, at most 5 minutes
-
-  // remember notes that `server` failed at a question with `status`, a negative one.
+  // remember notes that `server` failed at a query with `status`, a negative one.
   void remember(const dns_query *q, const Server *server, dns_status status);
   // recall returns the status with which it failed, or 0.
   [[nodiscard]] dns_status recall(const dns_query *q, const Server *server) const;
@@ -28,14 +28,13 @@ class Failures {
   [[nodiscard]] bool fresh(int64_t now_us) const { return now_us < until_us_; }
 
  private:
-  static constexpr unsigned kCells = 1024;
   struct Cell {
     uint64_t key;
     int64_t until_us;
     dns_status status;
   };
 
-  Cell cells_[kCells] = {};
+  Cell cells_[kFailuresMax] = {};
   int64_t until_us_ = 0;  // when the last failure is forgotten
 };
 

@@ -12,7 +12,7 @@
 #include <algorithm>
 #include <memory>
 
-#include "engine.h"
+#include "context.h"
 
 namespace dns {
 namespace {

@@ -1,13 +1,15 @@
 // resolver_file.cc - servers and options from the system's resolver configuration file (resolv.conf's format).
+#include "resolver_file.h"
+
 #include <arpa/inet.h>
+#include <dns_wire.h>
+#include <pelk.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include <algorithm>
 #include <memory>
-
-#include "engine.h"
 
 namespace dns {
 namespace {

@@ -1,17 +1,24 @@
-// tcp.cc - connections to servers, and the queries that go over them (RFC 7766); see engine.h.
+// tcp.cc - see tcp.h.
 //
 // A server has one connection at most. Queries are pipelined on it, up to kPerConnection, and answered in any order;
 // further ones wait in `tcp_waiting`. A connection that breaks takes its queries to the next one. That costs a query an
 // attempt only when nothing was answered on the connection since it was posted there: servers close connections after
 // so many answers, or whenever they like. Such a server is posted no more queries on one connection than it has
 // answered.
+#include "tcp.h"
+
 #include <errno.h>
 #include <string.h>
 
 #include <algorithm>
-#include <utility>
 
-#include "engine.h"
+#include "attempt.h"
+#include "case_0x20.h"
+#include "context.h"
+#include "receive.h"
+#include "rto.h"
+#include "send.h"
+#include "trace.h"
 
 namespace dns {
 namespace {
@@ -29,7 +36,7 @@ void disconnect(dns_ctx *ctx, Connection *connection) {
   --ctx->connections_open;
 }
 
-// is_used_up tells whether a connection has been posted all that its server answers on one.
+// is_used_up tells whether as many queries have been posted on a connection as its server answers on one.
 bool is_used_up(const dns_ctx *ctx, const Connection *connection) {
   const Server *server = connection->server;
   return ctx->now_us < server->tcp_until_us && connection->posted >= server->tcp_limit;
@@ -45,24 +52,19 @@ End end_of(int error) {
   return by_server ? End::refused : End::local;
 }
 
-// failed ends the present attempt over TCP. Where TCP was to tell whether a server keeps the case of letters, one that
-// was never seen to is then taken for one that does not, if it has no TCP, and is asked in lower case.
+// failed ends the present attempt over TCP.
 void failed(dns_query *q, End end) {
-  const dns_ctx *ctx = q->ctx;
-  Server *server = servers_of(q)[q->server];
-  if (q->doubt == Doubt::letter_case && end != End::local && !server->keeps_case()) {
-    server->lower_until_us = ctx->now_us + kLowerUs;
-    server->letters_kept = 0;  // what came back right did so by chance
-    if (q->tries >= ctx->options.ntries) return ask_again(q);
-    forget_manner(q);
-    q->over_tcp = false;
+  if (doubts_case(q) && end != End::local) {
+    note_no_tcp(q);
+    if (q->progress.attempts >= q->ctx->options.ntries) return ask_again(q);
+    prepare_for(q, q->attempt.server);
     return ask_otherwise(q);
   }
-  ++q->tries;
+  ++q->progress.attempts;
   switch (end) {
     case End::refused:
       // After a doubtful answer the true one may yet come by UDP.
-      return q->doubt == Doubt::none ? turned_back(q) : ask_again(q);
+      return q->attempt.doubt == Doubt::none ? turned_back(q) : ask_again(q);
     case End::local:
       return not_reached(q);
     case End::silence:
@@ -81,15 +83,14 @@ void broken(dns_ctx *ctx, Connection *connection, int error) {
   for (unsigned i = connection->count; i > 0; --i) {
     const Connection::Posted posted = connection->under_way[i - 1];
     dns_query *q = posted.query;
-    if (posted.answered != connection->answered) --q->tcp_tries;
+    if (posted.answered != connection->answered) --q->attempt.tcp_breaks;
     leave(q);
-    q->state = State::sending;
-    lost.append(q);
+    move(q, State::sending, &lost);
   }
   disconnect(ctx, connection);
   while (!lost.alone()) {
     auto *q = static_cast<dns_query *>(lost.next);
-    if (q->tcp_tries < kTcpTriesMax) {
+    if (q->attempt.tcp_breaks < kTcpBreaksMax) {
       enqueue(q);
       continue;
     }
@@ -134,18 +135,18 @@ Connection *connect(dns_ctx *ctx, Server *server, int *error) {
   if (connection->count == kPerConnection || is_used_up(ctx, connection) || !new_id(q)) return false;
   const std::span<const uint8_t> message(packet, build(q, packet));
   if (!connection->link.push(message)) return false;
-  q->slot = static_cast<int16_t>(slot_of(ctx, connection));
-  q->place = static_cast<uint8_t>(connection->count);
+  q->attempt.slot = static_cast<int16_t>(slot_of(ctx, connection));
+  q->attempt.place = static_cast<uint8_t>(connection->count);
   connection->under_way[connection->count++] = {q, connection->answered};
   ++connection->posted;
   connection->used_us = ctx->now_us;
   ctx->index.add(q);
-  ++q->tcp_tries;
-  sent(q, ctx->options.timeout_us);
+  ++q->attempt.tcp_breaks;
+  wait_for_answer(q);
   if (ctx->tells(DNS_DE_PKT)) {
     const Hold hold(ctx);
-    memcpy(packet + DNS_HSIZE, q->ask, q->ask_size);  // as the host has given it
-    tell_packet(ctx, q, DNS_D_PKT_REQ, {message, &connection->server->address, q->slot}, 0);
+    memcpy(packet + DNS_HSIZE, q->question.ask, q->ask_size);  // as the host has given it
+    tell_packet(ctx, q, DNS_D_PKT_REQ, {message, &connection->server->address, q->attempt.slot}, 0);
   }
   return true;
 }
@@ -181,7 +182,7 @@ void unwritable(dns_ctx *ctx, Connection *connection, int error) {
 
 void send_over_tcp(dns_query *q) {
   dns_ctx *ctx = q->ctx;
-  Server *server = servers_of(q)[q->server];
+  Server *server = present_server(q);
   int error = -EBUSY;
   Connection *connection = connection_to(ctx, server);
   if (connection != nullptr && connection->count == 0 && is_used_up(ctx, connection)) {
@@ -191,7 +192,7 @@ void send_over_tcp(dns_query *q) {
   if (connection == nullptr) connection = connect(ctx, server, &error);
   if (connection != nullptr && post(q, connection)) return;
   // Where nothing moves for as long as an attempt may take, the query does not wait for it.
-  const int64_t moved_us = std::max(q->sent_us, connection != nullptr ? connection->heard_us : 0);
+  const int64_t moved_us = std::max(q->attempt.sent_us, connection != nullptr ? connection->heard_us : 0);
   if (error == -EBUSY && ctx->now_us - moved_us < ctx->options.timeout_us) {
     ctx->tcp_waiting.append(q);
     return;
@@ -215,16 +216,16 @@ void tcp_receive(dns_ctx *ctx) {
 }
 
 void tcp_forget(dns_query *q) {
-  Connection &connection = q->ctx->connections[q->slot - kTcpSlot];
+  Connection &connection = q->ctx->connections[q->attempt.slot - kTcpSlot];
   const Connection::Posted last = connection.under_way[--connection.count];
-  connection.under_way[q->place] = last;
-  last.query->place = q->place;
+  connection.under_way[q->attempt.place] = last;
+  last.query->attempt.place = q->attempt.place;
 }
 
 void tcp_timed_out(dns_query *q) {
   dns_ctx *ctx = q->ctx;
-  Connection *connection = &ctx->connections[q->slot - kTcpSlot];
-  const bool silent = connection->heard_us <= q->sent_us;
+  Connection *connection = &ctx->connections[q->attempt.slot - kTcpSlot];
+  const bool silent = connection->heard_us <= q->attempt.sent_us;
   failed(q, End::silence);
   // Nothing at all came back: the others would wait in vain too.
   if (silent && connection->link.is_open()) broken(ctx, connection, -ETIMEDOUT);

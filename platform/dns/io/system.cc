@@ -12,7 +12,8 @@
 
 #include <atomic>
 
-#include "dns_io.h"
+#include <dns_io.h>
+#include <pelk.h>
 
 namespace dns {
 namespace {
@@ -242,13 +243,6 @@ constexpr Io kSystem = {nullptr,         system_wall,     system_random,      sy
 
 const Io *system_io() {
   return &kSystem;
-}
-
-bool RandomSource::fill() {
-  if (!io_->random(io_->self, bytes_, sizeof bytes_)) return false;
-  left_ = sizeof bytes_;
-  process_ = pelk_process();
-  return true;
 }
 
 }  // namespace dns

@@ -6,7 +6,7 @@
 
 #include <utility>
 
-#include "dns_io.h"
+#include <tcp_link.h>
 
 namespace dns {
 namespace {

@@ -1,7 +1,7 @@
 // udp_pool.cc - the sockets that questions leave from; see dns_io.h.
 #include <errno.h>
 
-#include "dns_io.h"
+#include <udp_pool.h>
 
 namespace dns {
 namespace {

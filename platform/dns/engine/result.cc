@@ -1,9 +1,14 @@
-// parsers.cc - the record parsers: the wire layer's blocks, laid out in the caller's buffer or in the memory that the
-// context keeps for the result of the last parse.
+// result.cc - see result.h, and the record parsers: the wire layer's blocks, laid out in the caller's buffer or in the
+// memory that the context keeps for the result of the last parse.
+#include "result.h"
+
 #include <stdint.h>
 #include <stdlib.h>
 
-#include "engine.h"
+#include <algorithm>
+
+#include "context.h"
+#include "outcome.h"
 
 namespace dns {
 namespace {
@@ -42,7 +47,26 @@ int parse(Block kind, dns_ctx *ctx, const uint8_t *dn, const uint8_t *packet, co
   return written;
 }
 
+// parsed runs the query's parser.
+int parsed(dns_query *q, std::span<const uint8_t> packet, size_t answers_at, void **result) {
+  const Question &question = q->question;
+  if (question.parse == nullptr) return 0;
+  const uint8_t *start = packet.data();
+  const int size = question.parse(q->ctx, q, question.dn, start, start + answers_at, start + packet.size(), result, 0);
+  if (size < 0 || question.parse == dns_parse_pkt || *result == nullptr) return size;
+  auto *head = static_cast<dns_rr_null *>(*result);
+  head->dnsn_ttl = std::max(head->dnsn_ttl, static_cast<int32_t>(q->ctx->options.minttl));
+  return size;
+}
+
 }  // namespace
+
+int result_of(dns_query *q, dns_status status, std::span<const uint8_t> packet, size_t answers_at, void **result) {
+  *result = nullptr;
+  if (is_negative(status) && q->question.parse != dns_parse_pkt) return 0;
+  return status == DNS_E_CNLOOP ? 0 : parsed(q, packet, answers_at, result);
+}
+
 }  // namespace dns
 
 // Each parser is the same operation over another kind of block.

@@ -1,0 +1,24 @@
+// arrival.h - a packet that came in, from where and by which road.
+#ifndef DNS_ENGINE_ARRIVAL_H
+#define DNS_ENGINE_ARRIVAL_H
+
+#include <netinet/in.h>
+#include <stdint.h>
+
+#include <span>
+
+#include "connection.h"
+
+namespace dns {
+
+struct Arrival {
+  std::span<const uint8_t> packet;
+  const sockaddr_in *peer;
+  int slot;  // of the socket or connection
+
+  [[nodiscard]] bool by_udp() const { return slot < kTcpSlot; }
+};
+
+}  // namespace dns
+
+#endif  // DNS_ENGINE_ARRIVAL_H

@@ -1,0 +1,79 @@
+// coalesce.cc - see coalesce.h. Queries are coalesced so that no host multiplies a forger's chances by asking again and
+// again (RFC 5452, section 5).
+//
+// Lookups of the engine's own are not: one that waited for a query that waits for it would never end.
+#include "coalesce.h"
+
+#include <siphash.h>
+#include <string.h>
+
+#include <algorithm>
+
+#include "attempt.h"
+#include "choice.h"
+#include "context.h"
+#include "resolution.h"
+
+namespace dns {
+namespace {
+
+uint64_t hash_question(const dns_query *q) {
+  return siphash(q->ctx->secret, q->question.dn, q->dn_size) + q->question.typ;
+}
+
+bool same_servers(const dns_query *a, const dns_query *b) {
+  const OwnServers *own = a->question.own, *others = b->question.own;
+  if (own == nullptr || others == nullptr) return a->uncached == b->uncached && own == others;
+  return own->count == others->count && std::equal(own->servers, own->servers + own->count, others->servers);
+}
+
+// same compares names letter case included: an answer is given for the name as it was asked.
+bool same(const dns_query *a, const dns_query *b) {
+  return a->hash == b->hash && a->question.typ == b->question.typ && a->question.cls == b->question.cls &&
+         recursive(a) == recursive(b) && a->dn_size == b->dn_size &&
+         memcmp(a->question.dn, b->question.dn, a->dn_size) == 0 && same_servers(a, b);
+}
+
+bool may_lead(const dns_query *q) {
+  return (q->question.flags & DNS_DCACHE) == 0 && q->rating == 0 && !is_lookup(q);
+}
+
+// lead makes a query one that others may be coalesced with. Without memory it is asked alone.
+void lead(dns_query *q) {
+  q->leads = q->ctx->leaders.ready();
+  if (q->leads) q->ctx->leaders.add(q);
+}
+
+}  // namespace
+
+bool coalesce(dns_query *q) {
+  if (!may_lead(q)) return false;
+  q->hash = hash_question(q);
+  dns_query *leader = q->ctx->leaders.first(q->hash);
+  while (leader != nullptr && !same(leader, q))
+    leader = leader->leader_next;
+  if (leader == nullptr) {
+    lead(q);
+    return false;
+  }
+  move(q, State::coalesced, &leader->coalesced);
+  return true;
+}
+
+void stop_leading(dns_query *q, base::Link *coalesced) {
+  coalesced->take_all(&q->coalesced);
+  if (!q->leads) return;
+  q->ctx->leaders.remove(q);
+  q->leads = false;
+}
+
+void promote(base::Link *coalesced) {
+  if (coalesced->alone()) return;
+  auto *q = static_cast<dns_query *>(coalesced->next);
+  lead(q);
+  choose_first(q);
+  enqueue(q);
+  q->coalesced.take_all(coalesced);
+}
+
+}  // namespace dns

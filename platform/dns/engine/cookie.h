@@ -1,0 +1,36 @@
+// cookie.h - DNS cookies (RFC 7873): what is sent to a server, and what its answers must bring back.
+#ifndef DNS_ENGINE_COOKIE_H
+#define DNS_ENGINE_COOKIE_H
+
+#include <dns_engine.h>
+#include <dns_wire.h>
+#include <stdint.h>
+
+#include <span>
+
+#include "arrival.h"
+#include "server.h"
+
+namespace dns {
+
+inline constexpr size_t kClientCookieSize = 8;  // RFC 7873, section 4
+
+// with_cookies tells whether the context exchanges cookies. write_cookie writes those for a server, this side's and the
+// server's where it has given one; their size.
+[[nodiscard]] bool with_cookies(const dns_ctx *ctx);
+[[nodiscard]] size_t write_cookie(const dns_ctx *ctx, const Server *server,
+                                  std::span<uint8_t, kClientCookieSize + kServerCookieMax> cookie);
+
+// check_cookie checks the cookie of an answer of the server at `place` and keeps the server's part of it (RFC 7873,
+// section 5.3). A server that has given one does so always; when it no longer does, it says so over TCP. False for an
+// answer that is in doubt.
+[[nodiscard]] bool check_cookie(const dns_query *q, unsigned place, const Arrival &arrival, const Header &header);
+
+// wants_cookie tells whether a server refuses the cookie that it was sent (BADCOOKIE, RFC 7873, 5.3): it has given a
+// new one, and after that there is TCP.
+[[nodiscard]] bool wants_cookie(const dns_query *q, unsigned place, std::span<const uint8_t> packet,
+                                const Header &header);
+
+}  // namespace dns
+
+#endif  // DNS_ENGINE_COOKIE_H

@@ -1,0 +1,47 @@
+// delegation.h - which servers a zone has: from the referral that a server gave, and as the referral cache keeps it.
+//
+// Only glue for names in-bailiwick is taken from a referral (RFC 5452, section 6).
+#ifndef DNS_ENGINE_DELEGATION_H
+#define DNS_ENGINE_DELEGATION_H
+
+#include <dns_wire.h>
+#include <netinet/in.h>
+#include <stdint.h>
+
+#include <span>
+
+#include "bounds.h"
+
+namespace dns {
+
+// Delegation is what a referral says: the zone, its servers' names, and the addresses that came with them.
+struct Delegation {
+  uint8_t zone[DNS_MAXDN];
+  int32_t ttl = INT32_MAX;
+  unsigned ntargets = 0;
+  unsigned naddresses = 0;
+  uint8_t targets[kDelegatedMax][DNS_MAXDN];
+  in_addr addresses[kDelegatedMax];
+  uint8_t owners[kDelegatedMax];  // the target that each address belongs to
+
+  // target returns the place of a server's name, below 0 for another one.
+  [[nodiscard]] int target(const uint8_t *dn) const;
+  void add_target(const uint8_t *dn);
+  // add_address takes an address of `owner` (its bytes as a record has them); false for one that is not taken.
+  bool add_address(const dns_ctx *ctx, const uint8_t *owner, const uint8_t *bytes);
+  [[nodiscard]] bool has_address(unsigned place) const;
+};
+
+// read_delegation reads the referral to `zone` that servers of the zone `from` gave.
+[[nodiscard]] bool read_delegation(const dns_ctx *ctx, std::span<const uint8_t> packet, const uint8_t *zone,
+                                   const uint8_t *from, Delegation *delegation);
+
+// keep_delegation puts a delegation into the referral cache; without memory it is not kept. known_delegation finds the
+// one of exactly this zone, if it is alive. forget_delegation deletes it.
+void keep_delegation(dns_ctx *ctx, const Delegation &delegation);
+[[nodiscard]] bool known_delegation(dns_ctx *ctx, const uint8_t *zone, Delegation *delegation);
+void forget_delegation(dns_ctx *ctx, const uint8_t *zone);
+
+}  // namespace dns
+
+#endif  // DNS_ENGINE_DELEGATION_H

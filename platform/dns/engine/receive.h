@@ -1,0 +1,28 @@
+// receive.h - packets in, and which query each of them answers.
+#ifndef DNS_ENGINE_RECEIVE_H
+#define DNS_ENGINE_RECEIVE_H
+
+#include <dns_engine.h>
+#include <netinet/in.h>
+#include <stdint.h>
+
+#include <span>
+
+namespace dns {
+
+// take_packet gives a packet to the query that it answers; false when there is none.
+bool take_packet(dns_ctx *ctx, std::span<uint8_t> packet, const sockaddr_in &peer, int slot);
+
+// receive reads what has arrived on a UDP socket.
+void receive(dns_ctx *ctx, int slot);
+
+// take_returned reads which queries the network has sent back as undeliverable on a UDP socket, and moves them on.
+// False when there was none.
+bool take_returned(dns_ctx *ctx, int slot);
+
+// is_present tells whether the server at `place` is that of the present attempt, while that is waited for.
+[[nodiscard]] bool is_present(const dns_query *q, unsigned place);
+
+}  // namespace dns
+
+#endif  // DNS_ENGINE_RECEIVE_H

@@ -1,0 +1,264 @@
+// resolution.cc - see resolution.h.
+//
+// Nothing that servers say of names outside their own zone is used: a CNAME is followed out of it without believing
+// what the packet has about its target, a referral must lead down towards the name, and only in-bailiwick glue is taken
+// with it (RFC 2181, 5.4.1; RFC 5452, 6).
+#include "resolution.h"
+
+#include <string.h>
+
+#include <algorithm>
+#include <new>
+#include <utility>
+
+#include "attempt.h"
+#include "choice.h"
+#include "context.h"
+#include "delegation.h"
+#include "delivery.h"
+
+namespace dns {
+namespace {
+
+constexpr uint8_t kRoot[] = {0};
+
+// resolution returns the question's resolution, which begins where it has none; null without memory.
+Resolution *resolution(dns_query *q) {
+  if (q->resolution != nullptr) return q->resolution;
+  void *block = q->ctx->resolutions.get();
+  if (block != nullptr) q->resolution = new (block) Resolution;
+  return q->resolution;
+}
+
+// top is the resolution of the question for whose sake all look-ups above this one are made.
+Resolution *top(Resolution *resolution) {
+  return resolution->top != nullptr ? resolution->top : resolution;
+}
+
+void release_servers(dns_query *q) {
+  for (unsigned i = 0; i < q->resolution->nserv; ++i)
+    q->ctx->server_table.release(q->resolution->servers[i]);
+  q->resolution->nserv = 0;
+}
+
+// take_servers makes the servers of a delegation those of a question that has left everything. False when none of them
+// can be had.
+[[nodiscard]] bool take_servers(dns_query *q, const Delegation &delegation) {
+  Resolution *resolution = q->resolution;
+  dns_ctx *ctx = q->ctx;
+  release_servers(q);
+  for (unsigned i = 0; i < delegation.naddresses; ++i) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(ctx->options.port));
+    address.sin_addr = delegation.addresses[i];
+    Server *server = ctx->server_table.hold(address);
+    if (server == nullptr) break;
+    resolution->servers[resolution->nserv++] = server;
+  }
+  if (resolution->nserv == 0) return false;
+  memcpy(resolution->zone, delegation.zone, sizeof resolution->zone);
+  q->attempt.server = 0;
+  return true;
+}
+
+// install asks the question of the servers of a delegation, which may end it. False when none of them can be had.
+[[nodiscard]] bool install(dns_query *q, const Delegation &delegation) {
+  leave(q);
+  if (!take_servers(q, delegation)) return false;
+  start_over(q);
+  return true;
+}
+
+void lookup_next(dns_query *q);
+
+// looked_up is the callback of a look-up: `data` is the question that waits for it.
+void looked_up(dns_ctx *ctx, dns_query *lookup, void *result, unsigned, void *data) {
+  auto *q = static_cast<dns_query *>(data);
+  q->resolution->lookup = nullptr;
+  const auto *block = static_cast<const dns_rr_a4 *>(result);
+  Delegation delegation;
+  memcpy(delegation.zone, q->resolution->coming, sizeof delegation.zone);
+  if (dns_get_status(ctx) == DNS_E_NOERROR && block != nullptr) {
+    delegation.ttl = std::min(q->resolution->coming_ttl, block->dnsa4_ttl);
+    delegation.add_target(dns_qdn(lookup));
+    for (int i = 0; i < block->dnsa4_nrr; ++i)
+      delegation.add_address(ctx, dns_qdn(lookup), reinterpret_cast<const uint8_t *>(&block->dnsa4_addr[i]));
+  }
+  if (delegation.naddresses > 0) keep_delegation(ctx, delegation);
+  if (delegation.naddresses == 0 || !install(q, delegation)) lookup_next(q);
+}
+
+// lookup_next looks up the address of the next server of the delegation that is coming, or ends the question.
+void lookup_next(dns_query *q) {
+  dns_ctx *ctx = q->ctx;
+  Resolution *resolution = q->resolution;
+  leave(q);
+  move(q, State::resolving, &ctx->resolving);
+  while (resolution->ntargets > 0 && resolution->depth < kDepthMax && top(resolution)->lookups < kLookupsMax) {
+    ++top(resolution)->lookups;
+    const uint8_t *target = resolution->targets[--resolution->ntargets];
+    dns_query *lookup = dns_submit_dn_serv(ctx, target, DNS_C_IN, DNS_T_A, 0, nullptr, 0, dns_parse_a4, looked_up, q);
+    if (lookup == nullptr) continue;
+    Resolution *own = dns::resolution(lookup);
+    if (own == nullptr) {
+      drop(lookup);
+      continue;
+    }
+    own->top = top(resolution);
+    own->depth = resolution->depth + 1;
+    resolution->lookup = lookup;
+    return;
+  }
+  deliver(q, q->progress.error != 0 ? dns_status{q->progress.error} : dns_status{DNS_E_TEMPFAIL}, nullptr, 0, 0);
+}
+
+// adopt goes on with a delegation: asks its servers, or looks up where they are. Servers without an address are looked
+// up when those with one were of no use.
+void adopt(dns_query *q, const Delegation &delegation) {
+  Resolution *resolution = q->resolution;
+  memcpy(resolution->coming, delegation.zone, sizeof resolution->coming);
+  resolution->coming_ttl = delegation.ttl;
+  resolution->ntargets = 0;
+  // A server inside the zone itself cannot be found by asking that zone.
+  for (unsigned i = 0; i < delegation.ntargets && resolution->ntargets < kTargetsMax; ++i)
+    if (!delegation.has_address(i) && !covers(delegation.zone, delegation.targets[i]))
+      memcpy(resolution->targets[resolution->ntargets++], delegation.targets[i], DNS_MAXDN);
+  if (delegation.naddresses == 0 || !install(q, delegation)) lookup_next(q);
+}
+
+}  // namespace
+
+const uint8_t *zone_of(const dns_query *q) {
+  return q->resolution != nullptr && q->resolution->nserv > 0 ? q->resolution->zone : nullptr;
+}
+
+unsigned cnames_left(const dns_query *q) {
+  const unsigned passed = q->resolution != nullptr ? q->resolution->cnames : 0;
+  return q->ctx->options.maxalias - std::min(q->ctx->options.maxalias, passed);
+}
+
+bool passed_cnames(const dns_query *q) {
+  return q->resolution != nullptr && q->resolution->passed != nullptr;
+}
+
+bool is_lookup(const dns_query *q) {
+  return q->resolution != nullptr && q->resolution->top != nullptr;
+}
+
+void start_over(dns_query *q) {
+  q->progress = Progress{};
+  q->attempt.pauses = 0;
+  q->attempt.turned_back = false;
+  choose_first(q);
+  enqueue(q);
+  if (servers_of(q).empty())
+    deliver(q, DNS_E_TEMPFAIL, nullptr, 0, 0);
+  else
+    (void)recall_failures(q);
+}
+
+void begin_at_delegation(dns_query *q) {
+  dns_ctx *ctx = q->ctx;
+  if (ctx->referral_cache == nullptr || !iterates(q)) return;
+  for (const uint8_t *zone = q->question.ask; *zone != 0; zone += 1 + *zone) {
+    Delegation delegation;
+    if (!known_delegation(ctx, zone, &delegation) || delegation.naddresses == 0) continue;
+    if (resolution(q) == nullptr) return;
+    q->resolution->remembered = take_servers(q, delegation);
+    q->resolution->names_others = false;
+    for (unsigned i = 0; i < delegation.ntargets; ++i)
+      if (!delegation.has_address(i)) q->resolution->names_others = true;
+    return;
+  }
+}
+
+bool begin_anew(dns_query *q) {
+  Resolution *resolution = q->resolution;
+  if (resolution == nullptr) return false;
+  if (!std::exchange(resolution->remembered, false)) {
+    if (resolution->ntargets == 0) return false;
+    lookup_next(q);
+    return true;
+  }
+  forget_delegation(q->ctx, resolution->zone);
+  leave(q);
+  release_servers(q);
+  start_over(q);
+  return true;
+}
+
+bool has_other_servers(const dns_query *q) {
+  const Resolution *resolution = q->resolution;
+  return resolution != nullptr && (resolution->remembered ? resolution->names_others : resolution->ntargets > 0);
+}
+
+bool ask_on(dns_query *q, std::span<const uint8_t> packet, size_t answers_at, const Chain &chain) {
+  Resolution *resolution = dns::resolution(q);
+  if (resolution == nullptr) return false;
+  if (resolution->passed == nullptr) {
+    resolution->passed = dns_cdata_init(kMediumName);
+    if (resolution->passed == nullptr || dns_cdata_setdn(resolution->passed, q->question.dn) != 0) return false;
+    (void)dns_cdata_setcls(resolution->passed, q->question.cls);
+    (void)dns_cdata_settyp(resolution->passed, q->question.typ);
+  }
+  cdata_cut(resolution->passed, resolution->passed_end);
+  if (cdata_append_chain(resolution->passed, packet, answers_at, q->question.ask, chain, false) != DNS_E_NOERROR)
+    return false;
+  resolution->passed_end = cdata_end(resolution->passed);
+  resolution->cnames += chain.aliases;
+  resolution->ttl = std::min(resolution->ttl, chain.ttl);
+  leave(q);
+  memcpy(resolution->ask, chain.end, sizeof resolution->ask);
+  q->question.ask = resolution->ask;
+  q->ask_size = static_cast<uint8_t>(dns_dnlen(q->question.ask));
+  release_servers(q);
+  resolution->ntargets = 0;
+  resolution->remembered = false;
+  begin_at_delegation(q);
+  start_over(q);
+  return true;
+}
+
+bool follow_referral(dns_query *q, std::span<const uint8_t> packet, const uint8_t *zone) {
+  const uint8_t *from = zone_of(q) != nullptr ? zone_of(q) : kRoot;
+  const bool down = covers(zone, q->question.ask) && covers(from, zone) && dns_dnequal(from, zone) == 0;
+  Delegation delegation;
+  if (!iterates(q) || !down || resolution(q) == nullptr || !read_delegation(q->ctx, packet, zone, from, &delegation))
+    return false;
+  if (++top(q->resolution)->steps > q->ctx->options.maxloop) return false;
+  q->resolution->remembered = false;
+  keep_delegation(q->ctx, delegation);
+  adopt(q, delegation);
+  return true;
+}
+
+dns_status complete(dns_query *q, std::span<const uint8_t> packet, size_t answers_at, const Chain &chain, int rcode,
+                    int32_t ttl, std::span<const uint8_t> *whole) {
+  dns_ctx *ctx = q->ctx;
+  dns_cdata *entry = q->resolution->passed;
+  cdata_cut(entry, q->resolution->passed_end);  // an answer that turned out to be of no use may stand there
+  const dns_status status = cdata_append_chain(entry, packet, answers_at, q->question.ask, chain, true);
+  if (status != DNS_E_NOERROR) return status;
+  (void)dns_cdata_setrcode(entry, rcode);
+  (void)dns_cdata_setttl(entry, std::min(ttl, q->resolution->ttl));
+  const int size = cdata_to_packet(entry, ctx->buffers->rebuilt, sizeof ctx->buffers->rebuilt);
+  if (size < 0) return size;
+  *whole = {ctx->buffers->rebuilt, static_cast<size_t>(size)};
+  return DNS_E_NOERROR;
+}
+
+void abandon_lookup(dns_query *q) {
+  if (q->resolution == nullptr || q->resolution->lookup == nullptr) return;
+  drop(std::exchange(q->resolution->lookup, nullptr));
+}
+
+void end_resolution(dns_query *q) {
+  if (q->resolution == nullptr) return;
+  abandon_lookup(q);
+  release_servers(q);
+  dns_cdata_free(q->resolution->passed);
+  q->ctx->resolutions.put(std::exchange(q->resolution, nullptr));
+}
+
+}  // namespace dns

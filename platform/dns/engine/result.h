@@ -1,0 +1,27 @@
+// result.h - what a query's callback is given: the block that its parser lays out in the context's memory.
+#ifndef DNS_ENGINE_RESULT_H
+#define DNS_ENGINE_RESULT_H
+
+#include <dns_engine.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#include <span>
+
+namespace dns {
+
+// answers_after is where the answers begin in a packet with one question, whose name has `size` bytes.
+[[nodiscard]] constexpr size_t answers_after(size_t size) {
+  constexpr size_t kTypeAndClass = 4;
+  return DNS_HSIZE + size + kTypeAndClass;
+}
+
+// result_of runs the query's parser over a packet, whose answers begin at `answers_at`. The block's size, 0 without a
+// parser, or a negative status. The records of a negative answer say nothing, so only a raw packet is handed out for
+// it.
+[[nodiscard]] int result_of(dns_query *q, dns_status status, std::span<const uint8_t> packet, size_t answers_at,
+                            void **result);
+
+}  // namespace dns
+
+#endif  // DNS_ENGINE_RESULT_H

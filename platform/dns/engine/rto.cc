@@ -1,0 +1,85 @@
+// rto.cc - see rto.h.
+#include "rto.h"
+
+#include <algorithm>
+
+#include "choice.h"
+#include "context.h"
+#include "state.h"
+
+namespace dns {
+
+int64_t attempt_timeout_us(const dns_query *q) {
+  const dns_ctx *ctx = q->ctx;
+  const auto servers = servers_of(q);
+  const Server *server = present_server(q);
+  const int64_t longest = ctx->options.timeout_us;
+  // Nothing is sent after the last attempt, so it may as well wait its whole time: an answer to any attempt still
+  // counts.
+  if (q->progress.attempts >= ctx->options.ntries && recursive(q)) return longest;
+  if (server->srtt_us != 0 && !q->attempt.probes) return server->rto_us(q->attempt.round, longest);
+  // A second server can still answer within the time that a first one without an estimate would be given.
+  const uint32_t others = candidates(q).open & ~q->progress.tried & ~bit(q->attempt.server);
+  int64_t timeout = others == 0 ? longest : longest / 2;
+  for (unsigned i = 0; q->attempt.probes && i < servers.size(); ++i)
+    if ((others & bit(i)) != 0) timeout = std::min(timeout, servers[i]->rto_us(0, longest));
+  return timeout;
+}
+
+void wait_for_answer(dns_query *q) {
+  dns_ctx *ctx = q->ctx;
+  Server *server = present_server(q);
+  int64_t timeout = ctx->options.timeout_us;
+  if (!q->attempt.over_tcp) {
+    // A server's first answer says how long the others are worth waiting for.
+    timeout = attempt_timeout_us(q);
+    if (server->srtt_us == 0) timeout = std::min(timeout, kRearmUs);
+  }
+  q->attempt.sent_us = ctx->now_us;
+  server->sent.fetch_add(1, std::memory_order_relaxed);
+  move_until(q, State::waiting, ctx->now_us + timeout);
+}
+
+bool rearm(dns_query *q) {
+  dns_ctx *ctx = q->ctx;
+  if (q->attempt.over_tcp) return false;
+  const int64_t left_us = q->attempt.sent_us + attempt_timeout_us(q) - ctx->now_us;
+  if (left_us <= 0) return false;
+  const bool known = present_server(q)->srtt_us != 0;
+  move_until(q, State::waiting, ctx->now_us + (known ? left_us : std::min(left_us, kRearmUs)));
+  return true;
+}
+
+uint32_t answering(const dns_query *q, const sockaddr_in &peer) {
+  const auto servers = servers_of(q);
+  uint32_t set = 0;
+  for (unsigned i = 0; i < servers.size(); ++i)
+    if (same_address(servers[i]->address, peer)) set |= bit(i);
+  return set != 0 ? set : bit(q->attempt.server);
+}
+
+void measure(dns_query *q, const Arrival &arrival) {
+  dns_ctx *ctx = q->ctx;
+  const sockaddr_in &peer = *arrival.peer;
+  const auto servers = servers_of(q);
+  Server *present = present_server(q);
+  const auto found = std::ranges::find_if(servers, [&peer](const Server *s) { return same_address(s->address, peer); });
+  Server *server = same_address(present->address, peer) || found == servers.end() ? present : *found;
+  server->used.fetch_add(1, std::memory_order_relaxed);
+  server->heard(ctx->now_us);
+  // Over TCP the time holds a connection's making, or its waiting for others.
+  if (!arrival.by_udp() || !same_address(server->address, peer)) return;
+  // Nor is it clear which packet is answered by a server that is in the list twice and was asked at both places.
+  const bool once = (answering(q, peer) & q->attempt.asked & ~bit(q->attempt.server)) == 0;
+  const bool sure = server == present && q->attempt.round == 0 && once;
+  // Once a query was sent again the answer may belong to an earlier packet (Karn's rule), and only the time since the
+  // first is sure to hold its round trip. It counts where it is above the estimate and nothing surer has come in since:
+  // a server that has become slower than its RTO would otherwise never be measured again, and be asked twice for ever;
+  // while one that merely loses packets goes on answering others at its own pace.
+  const int64_t rtt = ctx->now_us - (sure ? q->attempt.sent_us : q->attempt.first_sent_us);
+  const bool slower = server->srtt_us != 0 && rtt > server->srtt_us && server->measured_us < q->attempt.first_sent_us;
+  if (sure) server->measured_us = ctx->now_us;
+  if (sure || slower) server->sample(rtt, wall(ctx));
+}
+
+}  // namespace dns

@@ -1,0 +1,95 @@
+// server.h - what the engine knows of one server: its round-trip time, how it is to be asked, whether it is there, what
+// it costs, and its statistics. The driving thread alone touches a record, but for the statistics: those are relaxed
+// atomics, which any thread may read.
+#ifndef DNS_ENGINE_SERVER_H
+#define DNS_ENGINE_SERVER_H
+
+#include <list.h>
+#include <netinet/in.h>
+#include <stdint.h>
+
+#include <atomic>
+
+#include <kavo/dns_types.h>
+
+#include "bounds.h"
+
+namespace dns {
+
+inline constexpr unsigned kServerCookieMax = 32;  // RFC 7873, section 4
+inline constexpr int64_t kLossWhole = 1024;
+
+// Letters that must have come back in the case that they were sent in, before a server counts as one that keeps it: one
+// that has a case of its own matches so many by chance once in four thousand million times.
+inline constexpr unsigned kLettersKnown = 32;
+
+// Server is one address that queries go to. Its place as a Link is in the list of records that are in no use.
+struct Server : base::Link {
+  sockaddr_in address = {};
+  unsigned holders = 0;
+  Server *bucket_next = nullptr;
+
+  // The smoothed round-trip time and its variation (RFC 6298), in microseconds; 0 while there is no estimate.
+  int64_t srtt_us = 0;
+  int64_t rttvar_us = 0;
+  int64_t measured_us = 0;  // when it last answered a query that was sent to it once
+
+  // How it is to be asked.
+  int64_t plain_until_us = 0;   // until when without EDNS0
+  int64_t lower_until_us = 0;   // until when in lower case, because it does not keep the case of letters
+  int64_t other_case_us = 0;    // since when nothing but answers in another case has come, though it kept it; else 0
+  int64_t cookie_until_us = 0;  // until when an answer without a cookie is none of its
+  int64_t tcp_until_us = 0;     // until when no more than `tcp_limit` queries are posted on one connection
+  uint32_t tcp_limit = 0;
+  uint8_t letters_kept = 0;  // in its answers, up to kLettersKnown
+  uint8_t cookie_size = 0;
+  uint8_t cookie[kServerCookieMax] = {};  // the server's own (RFC 7873)
+
+  // Queries that wait for its answer by UDP, and those that wait until it has fewer of them.
+  unsigned under_way = 0;
+  base::Link parked;
+
+  // Whether it is there, and what it costs to ask it.
+  int64_t heard_us = 0;       // when it last answered
+  unsigned silent = 0;        // attempts in a row during which nothing was heard of it
+  uint32_t loss = 0;          // how many of kLossWhole recent attempts timed out
+  int64_t loss_us = 0;        // when that was last made less for the time gone by
+  int64_t probe_at_us = 0;    // when a query may next go to it though others are better
+  int64_t probe_wait_us = 0;  // and how long after the last such query that is
+  int64_t rated_us = 0;       // when its cost was last worked out; 0 to have that done
+  int64_t cost_us = 0;        // as it was then
+  int64_t zone_cost_us = 0;   // what the cost zone says, until `zone_until_us`
+  int64_t zone_until_us = 0;
+
+  std::atomic<int> average_ms = 0;
+  std::atomic<int> last_ms = 0;
+  std::atomic<dns_time> last_check = 0;
+  std::atomic<uint64_t> sent = 0;
+  std::atomic<uint64_t> used = 0;
+  std::atomic<uint64_t> timed_out = 0;
+
+  // keeps_case tells whether it is known to bring the case of letters back: another case is then a forgery.
+  [[nodiscard]] bool keeps_case() const { return letters_kept >= kLettersKnown; }
+  // gives_cookies tells whether it has lately answered with a cookie.
+  [[nodiscard]] bool gives_cookies(int64_t now_us) const { return now_us < cookie_until_us; }
+  [[nodiscard]] bool marked_down() const { return silent >= kSilentMax; }
+
+  // sample takes one measured round trip into the estimate. rto_us is the timeout of an attempt in the given round,
+  // between kRtoMinUs and `longest_us`.
+  void sample(int64_t rtt_us, dns_time now);
+  [[nodiscard]] int64_t rto_us(unsigned round, int64_t longest_us) const;
+  // heard notes an answer, missed that an attempt has had none: true when that marks the server down.
+  void heard(int64_t now_us);
+  [[nodiscard]] bool missed(int64_t sent_us, int64_t now_us);
+  // forget_losses halves the losses for every kLossHalfLifeUs gone by, forget_cost what the cost zone has said.
+  void forget_losses(int64_t now_us);
+  void forget_cost() { zone_cost_us = zone_until_us = rated_us = 0; }
+};
+
+inline bool same_address(const sockaddr_in &a, const sockaddr_in &b) {
+  return a.sin_addr.s_addr == b.sin_addr.s_addr && a.sin_port == b.sin_port;
+}
+
+}  // namespace dns
+
+#endif  // DNS_ENGINE_SERVER_H

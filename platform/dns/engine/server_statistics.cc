@@ -1,0 +1,51 @@
+// server_statistics.cc - what any thread may read of a server (dns_get_serv_avgrtt and its relatives).
+#include "context.h"
+#include "server_list.h"
+
+using namespace dns;
+
+namespace {
+
+template <typename Use>
+dns_status statistic(dns_ctx *ctx, const sockaddr *server, const void *value, Use use) {
+  if (ctx == nullptr || server == nullptr || value == nullptr) return DNS_E_INVAL;
+  sockaddr_in address;
+  if (!read_server(server, ctx->options.port, &address)) return DNS_E_INVAL;
+  bool asked = false;
+  const bool found = ctx->server_table.read(address, [&](const Server &s) {
+    asked = s.sent.load(std::memory_order_relaxed) > 0;
+    use(s);
+  });
+  return found && asked ? DNS_E_NOERROR : DNS_E_INVAL;
+}
+
+}  // namespace
+
+extern "C" {
+
+dns_status dns_get_serv_avgrtt(dns_ctx *ctx, const sockaddr *server, int *value) {
+  return statistic(ctx, server, value, [=](const Server &s) { *value = s.average_ms.load(std::memory_order_relaxed); });
+}
+
+dns_status dns_get_serv_lastrtt(dns_ctx *ctx, const sockaddr *server, int *value) {
+  return statistic(ctx, server, value, [=](const Server &s) { *value = s.last_ms.load(std::memory_order_relaxed); });
+}
+
+dns_status dns_get_serv_last_check(dns_ctx *ctx, const sockaddr *server, int *value) {
+  return statistic(ctx, server, value,
+                   [=](const Server &s) { *value = static_cast<int>(s.last_check.load(std::memory_order_relaxed)); });
+}
+
+dns_status dns_get_serv_nqsent(dns_ctx *ctx, const sockaddr *server, uint64_t *value) {
+  return statistic(ctx, server, value, [=](const Server &s) { *value = s.sent.load(std::memory_order_relaxed); });
+}
+
+dns_status dns_get_serv_nused(dns_ctx *ctx, const sockaddr *server, uint64_t *value) {
+  return statistic(ctx, server, value, [=](const Server &s) { *value = s.used.load(std::memory_order_relaxed); });
+}
+
+dns_status dns_get_serv_ntimeout(dns_ctx *ctx, const sockaddr *server, uint64_t *value) {
+  return statistic(ctx, server, value, [=](const Server &s) { *value = s.timed_out.load(std::memory_order_relaxed); });
+}
+
+}  // extern "C"

@@ -1,0 +1,63 @@
+// server_table.h - the records of servers, by address. They are made, found and released by the thread that drives the
+// context; the table's lock guards its structure, so that any thread may read a server's statistics meanwhile.
+#ifndef DNS_ENGINE_SERVER_TABLE_H
+#define DNS_ENGINE_SERVER_TABLE_H
+
+#include <list.h>
+#include <netinet/in.h>
+#include <pelk.h>
+
+#include "bounds.h"
+#include "server.h"
+
+namespace dns {
+
+class ServerTable {
+ public:
+  ServerTable();
+  ~ServerTable();
+  ServerTable(const ServerTable &) = delete;
+  ServerTable &operator=(const ServerTable &) = delete;
+
+  // hold returns the record of an address and counts a holder, or null without memory; release drops one.
+  [[nodiscard]] Server *hold(const sockaddr_in &address);
+  void hold_again(Server *server) { ++server->holders; }
+  void release(Server *server);
+
+  // keep_idle sets how many records without a holder are kept for their estimates; 0 for kIdleServersMax. Past them the
+  // one let go longest ago is forgotten.
+  void keep_idle(unsigned most) { idle_max_ = most > 0 ? most : kIdleServersMax; }
+
+  template <typename Use>
+  void each(Use use) {
+    pelk_lock lock(&mutex_);
+    for (Server *server : buckets_)
+      for (; server != nullptr; server = server->bucket_next)
+        use(server);
+  }
+
+  // read calls `use` with the address's record while the table's lock is held; false when there is none. Any thread.
+  template <typename Use>
+  bool read(const sockaddr_in &address, Use use) {
+    pelk_lock lock(&mutex_);
+    Server *server = find(address);
+    if (server == nullptr) return false;
+    use(*server);
+    return true;
+  }
+
+ private:
+  static constexpr unsigned kBuckets = 4096;
+  [[nodiscard]] Server *find(const sockaddr_in &address) PELK_REQUIRES(mutex_);
+  void forget(Server *server) PELK_REQUIRES(mutex_);
+
+  pelk_mutex_t mutex_;
+  Server *buckets_[kBuckets] PELK_GUARDED_BY(mutex_) = {};
+  base::Link idle_;
+  unsigned idle_count_ = 0;
+  unsigned idle_max_ = kIdleServersMax;
+};
+
+}  // namespace dns
+
+#endif  // DNS_ENGINE_SERVER_TABLE_H

@@ -1,0 +1,36 @@
+// trace.h - what the debug function is told of: packets, and what the cache holds.
+#ifndef DNS_ENGINE_TRACE_H
+#define DNS_ENGINE_TRACE_H
+
+#include <dns_engine.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#include "arrival.h"
+
+namespace dns {
+
+// Hold keeps the records of queries and the memory of the last result while a debug function runs: it may cancel any
+// query, the one it is told of too, and may parse packets of its own.
+class Hold {
+ public:
+  explicit Hold(dns_ctx *ctx);
+  ~Hold();
+  Hold(const Hold &) = delete;
+  Hold &operator=(const Hold &) = delete;
+
+ private:
+  dns_ctx *ctx_;
+  uint8_t *result_;
+  size_t result_size_;
+};
+
+// tell_packet tells of a packet that left or arrived; the caller holds, where a query could be cancelled. tell_answer
+// tells of an answer to a query, tell_cache of what the answer cache holds of it; false when that cancelled the query.
+void tell_packet(dns_ctx *ctx, dns_query *q, int code, const Arrival &arrival, int rtt_ms);
+[[nodiscard]] bool tell_answer(dns_query *q, int code, const Arrival &arrival);
+[[nodiscard]] bool tell_cache(dns_query *q, int code, dns_dcache *data);
+
+}  // namespace dns
+
+#endif  // DNS_ENGINE_TRACE_H

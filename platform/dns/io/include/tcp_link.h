@@ -1,0 +1,56 @@
+// tcp_link.h - a TCP connection of one engine context, on the thread that drives it.
+#ifndef TCP_LINK_H
+#define TCP_LINK_H
+
+#include <dns_io.h>
+#include <netinet/in.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#include <span>
+
+namespace dns {
+
+// TcpLink is one connection to a server: messages with their length in front (RFC 1035, 4.2.2), any number of them
+// under way in either direction (RFC 7766, 6.2.1.1).
+class TcpLink {
+ public:
+  static constexpr size_t kUnsentMax = 64 * 1024;  // bytes of questions that wait for the socket
+
+  TcpLink() = default;
+  ~TcpLink() { close(); }
+  TcpLink(const TcpLink &) = delete;
+  TcpLink &operator=(const TcpLink &) = delete;
+
+  // open begins to connect. 0 or a negated errno, -ENOMEM among them.
+  [[nodiscard]] int open(const Io *io, const sockaddr_in &peer);
+  void close();
+  // abandon closes the descriptor alone, in a forked child: the parent's thread may have been in any of the others.
+  void abandon();
+  [[nodiscard]] bool is_open() const { return descriptor_ >= 0; }
+  [[nodiscard]] int descriptor() const { return descriptor_; }
+
+  // push queues a message; false when kUnsentMax would be passed. flush sends what is queued as far as the socket takes
+  // it: 0, or a negated errno once the connection is broken.
+  [[nodiscard]] bool push(std::span<const uint8_t> message);
+  [[nodiscard]] int flush();
+  [[nodiscard]] bool wants_to_write() const { return unsent_ > 0; }
+
+  // fill reads what has arrived: above 0 for something, -EAGAIN for nothing yet, 0 when the peer has closed, else a
+  // negated errno. next takes the next whole message out of it, valid until the next fill; false when none is whole.
+  [[nodiscard]] int fill();
+  [[nodiscard]] bool next(std::span<uint8_t> *message);
+
+ private:
+  const Io *io_ = nullptr;
+  int descriptor_ = -1;
+  uint8_t *out_ = nullptr;  // kUnsentMax bytes, then the room for what comes in
+  uint8_t *in_ = nullptr;
+  size_t unsent_ = 0;  // bytes at `out_` that have not left
+  size_t taken_ = 0;   // bytes at `in_` that `next` has handed out
+  size_t filled_ = 0;  // bytes at `in_`
+};
+
+}  // namespace dns
+
+#endif  // TCP_LINK_H
