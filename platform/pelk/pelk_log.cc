@@ -1,11 +1,11 @@
 // pelk_log.cc - one line of text to one sink.
 //
 // Any thread may log and any thread may change the sink. A sink and its data are one record that is never changed and
-// never released, and what is in force is one pointer: no lock is held while a line is written, so a sink may take the
-// host's own locks, log, or set another sink, and a child forked meanwhile finds none taken. A line that is being
-// delivered while the sink changes still goes to the one that was in force: a host keeps its data alive until the
-// threads that log have ended. What a sink itself logs goes to standard error, since sending it to the sink would never
-// end. No thread is cancelled while it writes a line, whatever the sink calls.
+// never released, and one pointer tells which record is in force. No lock is held while a line is written: a sink may
+// take the host's own locks, log, or set another sink, and a child forked meanwhile finds no lock taken. A line that is
+// being delivered while the sink changes still goes to the old sink, so a host keeps its data alive until the threads
+// that log have ended. What a sink itself logs goes to standard error; sent to the sink it would never end. No thread
+// is cancelled while it writes a line, whatever the sink calls.
 #include <errno.h>
 #include <stdarg.h>
 #include <stddef.h>
@@ -14,10 +14,12 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <new>
 #include <span>
 
-#include "pelk.h"
+#include "pelk_log.h"
+#include "pelk_thread.h"
 
 namespace {
 
@@ -31,18 +33,19 @@ static_assert(sizeof kUnprintable < kLineMax && sizeof kCutMark < kLineMax);
 // Room for the longest text of an error number.
 constexpr size_t kErrorTextMax = 128;
 
+// sink_choice is a sink with its data.
 struct sink_choice {
-  pelk_log_sink *sink;  // null: standard error
-  void *udata;
-  sink_choice *next;  // the one made before it
+  pelk_log_sink *sink = nullptr;  // null: standard error
+  void *udata = nullptr;
+  sink_choice *next = nullptr;  // the record made before this one
 };
 
-constinit sink_choice standard_error = {nullptr, nullptr, nullptr};
-constinit std::atomic<sink_choice *> choices = &standard_error;  // all that were ever made, the last one first
+constinit sink_choice standard_error = {};
+constinit std::atomic<sink_choice *> choices = &standard_error;  // every record, the newest first
 constinit std::atomic<const sink_choice *> installed_sink = &standard_error;
 constinit thread_local bool inside_sink = false;
 
-// Logging leaves errno alone: the code around a logging call still means the failure that it reports.
+// errno_keeper keeps errno over a logging call, whose caller still needs it.
 class errno_keeper {
  public:
   errno_keeper() : saved_(errno) {}
@@ -54,8 +57,8 @@ class errno_keeper {
   int saved_;
 };
 
-// log_line gathers one line on the stack. It always holds a closing zero, and never a line break: text that strangers
-// chose (a name, a line of a file) must not be able to begin a line of its own.
+// log_line gathers one line on the stack. It always holds a closing zero. It never holds a line break: foreign text (a
+// name, a line of a file) must not be able to begin a line of its own.
 class log_line {
  public:
   [[gnu::format(printf, 2, 0)]] void add(const char *format, va_list arguments) {
@@ -97,8 +100,8 @@ class log_line {
     }
   }
 
-  // One write per line, so that the lines of several threads and processes do not mix. A line that standard error does
-  // not take is lost: there is nobody left to tell.
+  // One write for each line keeps the lines of several threads and processes apart. A line that standard error does not
+  // take is lost.
   void write_out() {
     text_[size_] = '\n';
     ssize_t written = -1;
@@ -116,7 +119,7 @@ const sink_choice &choose_sink() {
   return inside_sink ? standard_error : *installed_sink.load(std::memory_order_acquire);
 }
 
-// choice_of returns the record of a sink and its data, made where there is none; null without memory.
+// choice_of returns the record of a sink and its data, a new one where there is none; null without memory.
 sink_choice *choice_of(pelk_log_sink *sink, void *udata) {
   sink_choice *last = choices.load(std::memory_order_acquire);
   for (sink_choice *choice = last; choice != nullptr; choice = choice->next)
@@ -168,7 +171,7 @@ void pelk_syslog(int level, const char *format, ...) {
   line.deliver(choice, level);
 }
 
-// The error number and the code stand before the message, where a cut cannot reach them.
+// The error number and the code come before the message, where a cut cannot reach them.
 void pelk_log_error(const char *file, const char *function, int line_number, int error_number, int code,
                     const char *format, ...) {
   const errno_keeper keeper;

@@ -1,7 +1,7 @@
 // pelk_process.cc - telling a forked child from its parent, and keeping off the descriptors of the standard streams.
 //
-// Any thread. The process's number is in a page that the kernel clears in a forked child (MADV_WIPEONFORK): whoever
-// finds it cleared gives the process a number of its own, one above all that its parent had seen.
+// Any thread. The process's number is in a page that the kernel clears in a forked child (MADV_WIPEONFORK). The first
+// thread that finds the page cleared gives the process a number of its own, above all numbers that its parent had seen.
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -9,12 +9,13 @@
 
 #include <new>
 
-#include "pelk.h"
+#include "pelk_file.h"
+#include "pelk_process.h"
 
 namespace {
 
-constinit std::atomic<uint64_t> no_number = 0;  // stands for the page until it is there
-constinit std::atomic<uint64_t> no_page = 0;    // and this one where it cannot be had, then for good
+constinit std::atomic<uint64_t> no_number = 0;  // in the page's place until the page is there
+constinit std::atomic<uint64_t> no_page = 0;    // in the page's place for good where the page cannot be had
 constinit std::atomic<uint64_t> numbers_given = 0;
 
 std::atomic<uint64_t> *make_page() {
@@ -26,8 +27,8 @@ std::atomic<uint64_t> *make_page() {
   return nullptr;
 }
 
-// the_page returns the one page, or `no_page`: on a system that has none of the kind, or no memory when it was first
-// asked. A number that changed within a process would make a process of its own of it.
+// the_page returns the one page, or `no_page` on a system without such pages, or without memory at the first call. The
+// answer never changes again, since a number that changed within a process would look like another process.
 std::atomic<uint64_t> *the_page() {
   std::atomic<uint64_t> *page = pelk_process_number.load(std::memory_order_acquire);
   if (page != &no_number) return page;
@@ -42,7 +43,8 @@ std::atomic<uint64_t> *the_page() {
 
 constinit std::atomic<std::atomic<uint64_t> *> pelk_process_number = &no_number;
 
-// pelk_process_begin gives the process its number. Without the page that is its id, asked for each time.
+// pelk_process_begin gives the process its number. Without the page the number is the process id, which each call asks
+// for.
 uint64_t pelk_process_begin() {
   std::atomic<uint64_t> *page = the_page();
   if (page == &no_page) return static_cast<uint64_t>(getpid());
@@ -61,7 +63,7 @@ int pelk_lift(int descriptor) {
 }
 
 FILE *pelk_fopen(const char *path, pelk_file_mode mode) {
-  constexpr mode_t kPermissions = 0666;  // as far as the process's mask allows
+  constexpr mode_t kPermissions = 0666;  // the process's mask takes from it
   const bool reads = mode == pelk_file_mode::read;
   const int flags = O_CLOEXEC | (reads ? O_RDONLY : O_WRONLY | O_CREAT | O_TRUNC);
   const int descriptor = pelk_lift(open(path, flags, kPermissions));

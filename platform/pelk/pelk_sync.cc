@@ -8,13 +8,12 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "pelk.h"
+#include "pelk_sync.h"
 
 namespace {
 
 constexpr int64_t kUsecPerSec = 1000000;
 constexpr int64_t kNsecPerUsec = 1000;
-
 constexpr int64_t kNsecPerSec = kUsecPerSec * kNsecPerUsec;
 
 // The earliest and the latest moment that a wait takes. The kernel counts moments in nanoseconds of 64 bits, which end
@@ -38,7 +37,7 @@ timespec to_timespec(const timeval &moment) {
   return {whole, micros * kNsecPerUsec};
 }
 
-// mark returns what tells the calling thread from all others: where its control block lies.
+// mark returns a value that no other live thread has: the address of the calling thread's control block.
 const void *mark() {
   return __builtin_thread_pointer();
 }
@@ -55,10 +54,9 @@ int futex_wake(std::atomic<uint32_t> *wakes, int count, uint32_t bits) {
   return syscall(SYS_futex, wakes, kOperation, count, nullptr, nullptr, bits) >= 0 ? 0 : errno;
 }
 
-// wait sleeps on a condition, meanwhile without the mutex, until `moment` unless that is null. What was changed with
-// the mutex held after that finds this waiter counted; what its wake counts before the sleep begins keeps it from
-// sleeping at all. 0 or an error number. The analysis cannot follow a mutex that is given up and taken again where
-// either may fail.
+// wait sleeps on a condition with the mutex unlocked, until `moment` unless that is null. A thread that changes
+// something with the mutex held finds this waiter counted; a wake that it counts before the sleep begins prevents the
+// sleep. 0 or an error number. The analysis cannot follow a mutex whose unlocking and locking may fail.
 int wait(pelk_cond_t *cond, pelk_mutex_t *mutex, const timespec *moment, uint32_t bits)
     PELK_REQUIRES(*mutex) PELK_NO_ANALYSIS {
   if (mutex->owner.load(std::memory_order_relaxed) != mark()) return EPERM;
@@ -93,11 +91,11 @@ bool is_over(const pelk_sem_t *sem, const uint32_t *epoch) {
   return epoch != nullptr && sem->epoch.load() != *epoch;
 }
 
-// wait_for_permit takes one permit, which it waits for at most until `deadline`, unless that is null, and as long as
-// `epoch` lasts, unless that is null. 0 or an error number; a permit that came together with the time-out counts.
-// Whoever gives one back raises the value before it looks for waiters, and a waiter counts itself before it looks at
-// the value: one of the two sees the other. A permit whose waker chose a waiter that its epoch's end sends away is not
-// lost: that end wakes all others, after the permit is there.
+// wait_for_permit takes one permit. It waits at most until `deadline`, unless that is null, and as long as `epoch`
+// lasts, unless that is null. 0 or an error number; a permit that came together with the timeout counts. A thread that
+// returns a permit raises the value before it looks for waiters, and a waiter counts itself before it looks at the
+// value: one of the two sees the other. A permit is not lost when the waiter that it woke leaves because its epoch has
+// ended: the end of the epoch wakes all other waiters after the permit is there.
 int wait_for_permit(pelk_sem_t *sem, const timeval *deadline, const uint32_t *epoch) {
   const pelk_lock guard(&sem->mutex);
   if (guard.error != 0) return guard.error;
@@ -131,7 +129,7 @@ int pelk_mutex_init(pelk_mutex_t *mutex) {
   return pthread_mutex_init(&mutex->handle, nullptr);
 }
 
-// The analysis cannot see into POSIX: what the two declarations promise is checked at their callers.
+// The analysis cannot see into POSIX. It checks the promises of the two declarations at their callers.
 int pelk_mutex_lock(pelk_mutex_t *mutex) PELK_NO_ANALYSIS {
   const void *self = mark();
   if (mutex->owner.load(std::memory_order_relaxed) == self) return EDEADLK;
@@ -214,7 +212,7 @@ int pelk_sem_interrupt(pelk_sem_t *sem) {
   return pelk_cond_broadcast(&sem->nonzero);
 }
 
-// pelk_sem_post returns EOVERFLOW, and changes nothing, when all permits are back already.
+// pelk_sem_post returns EOVERFLOW, and changes nothing, when no permit is taken.
 int pelk_sem_post(pelk_sem_t *sem) {
   unsigned value = sem->value.load();
   do {

@@ -1,12 +1,11 @@
 // pelk_thread.cc - starting and joining threads.
 //
-// A thread of the library runs inside a host that may have signal handlers of any kind. New threads inherit the mask of
-// the thread that creates them, so signals are blocked around the creation and the creator's mask is put back after.
-// Those that a thread raises by what it does itself stay as the creator has them: a host's crash handler must see a
-// fault in here as one of its own.
+// A thread of the library runs inside a host that may have signal handlers of any kind. A new thread inherits the mask
+// of its creator, so the creator blocks signals around the creation and restores its mask after. Signals that a thread
+// raises by its own fault keep the creator's mask: a host's crash handler must see a fault of the library too.
 #include <signal.h>
 
-#include "pelk.h"
+#include "pelk_thread.h"
 
 namespace {
 
