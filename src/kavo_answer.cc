@@ -1,8 +1,9 @@
 // kavo_answer.cc - reading answers, in place or as copies, and the one-call query.
 //
-// Runs on the host's threads. An iterator is set under the table lock and read without it: of a node that is resolved
-// nothing is written any more, and of one that is not it shows only the answers whose bits were set in the copy of the
-// node's map that it took under the lock. The caller's hold keeps the node and its answers alive.
+// Runs on the host's threads. An iterator is set under the table lock and read without it. The answers of a resolved
+// node are not written any more. Of a node that is not resolved the iterator yields only the answers whose bits were
+// set in the node's map when the iterator copied it under the lock. The caller's hold keeps the node and its answers
+// alive.
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
@@ -10,10 +11,23 @@
 #include <algorithm>
 #include <memory>
 
-#include <pelk.h>
+#include <kavo.h>
+#include <pelk_log.h>
 
+#include "kavo_node.h"
 #include "kavo_resolve.h"
+#include "kavo_state.h"
 #include "kavo_t.h"
+#include "kavo_table_lock.h"
+
+// kavo_answer_iterator_t: a reader's place in a node's answers. It belongs to one thread at a time.
+struct kavo_answer_iterator_t {
+  KAVO_QUERY_NODE node = nullptr;                 // the node being read; null while the iterator is not set
+  kavo_cb_arg *current = nullptr;                 // the next argument to look at
+  kavo_query_state initial_state = KAVOQS_READY;  // PRESOLVED or RESOLVED, as the node was when the iterator was set
+  int max_zones = 0;                              // zones that `first_answers` has room for
+  unsigned char *first_answers = nullptr;         // the iterator's own copy of the node's map of delivered answers
+};
 
 namespace {
 
@@ -49,12 +63,12 @@ void clear(KAVO_ANSWER_ITERATOR iterator) {
   return KAVOE_OK;
 }
 
-// assert_failed reports a false expression as the macro does, where the macro would give another name or text.
+// assert_failed reports a false expression where PELK_ASSERT would give another name or text.
 void assert_failed(const char *function, const char *expression, int line = __builtin_LINE()) {
   pelk_syslog(PELK_LOG_CRIT, "[assertion at %s:%s():%d] for '%s'", kSource, function, line, expression);
 }
 
-// set_on puts the iterator before a node's first answer, as far as the node's state allows.
+// set_on puts the iterator before a node's first answer, if the node's state has answers.
 [[nodiscard]] KAVO_ERR set_on(KAVO kavo, KAVO_QUERY_NODE node, KAVO_ANSWER_ITERATOR iterator)
     PELK_REQUIRES(kavo->mx_table) {
   static constexpr char kFunction[] = "kavo_set_answer_iterator";
@@ -89,7 +103,7 @@ void assert_failed(const char *function, const char *expression, int line = __bu
   return KAVOE_OK;
 }
 
-kavo_cb_arg *following(const kavo_cb_arg *arg) {
+[[nodiscard]] kavo_cb_arg *following(const kavo_cb_arg *arg) {
   return arg->next.load(std::memory_order_acquire);
 }
 
@@ -108,8 +122,8 @@ kavo_cb_arg *following(const kavo_cb_arg *arg) {
   return arg;
 }
 
-// count_answers returns how many answers a copy takes from the iterator: all of a node that is partly resolved, one for
-// each zone of one that is resolved, whose early answers stand behind those.
+// count_answers returns how many answers a copy takes from the iterator: all of a partly resolved node; of a resolved
+// node one for each zone, without the early answers, which come after those.
 [[nodiscard]] int count_answers(KAVO kavo, const kavo_answer_iterator_t *iterator) {
   const bool resolved = iterator->initial_state == KAVOQS_RESOLVED;
   int count = 0;
@@ -154,7 +168,7 @@ void copy_one(const KAVO_ANSWER &answer, KAVO_ANSWER *target, bool alloc) {
       alloc ? kavo_rr_dup(answer.type, &answer.rr, &target->rr) : kavo_rr_cpy(answer.type, &answer.rr, &target->rr);
 }
 
-// leave drops the node of a query that failed at one of its steps.
+// leave drops the node of a kavo_query that failed at one of its steps.
 [[nodiscard]] KAVO_ERR leave(KAVO kavo, KAVO_QUERY_NODE node, const char *message, KAVO_ERR error) {
   PELK_INFO(kSource, "kavo_query", "%s %d", message, static_cast<int>(error));
   static_cast<void>(kavo_unsubscribe_node(kavo, node));
@@ -227,7 +241,7 @@ KAVO_ERR kavo_copy_answer(KAVO kavo, KAVO_QUERY_NODE node, KAVO_ANSWER **answer,
     PELK_INFO(kSource, __func__, "Answer iterator setting error, code %d", static_cast<int>(error));
     return error;
   }
-  // What the iterator yields is settled, so the count is the number of entries that the loop below fills.
+  // The iterator's answers do not change any more, so the loop below fills as many entries as were counted.
   const int count = count_answers(kavo, iterator.get());
   *answer_written = count;
   error = make_room(answer, answer_len, count, alloc != 0);

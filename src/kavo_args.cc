@@ -1,18 +1,23 @@
-// kavo_args.cc - the pool of callback arguments, one for each question to the engine.
+// kavo_args.cc - the pool of callback arguments, one for each query to the engine.
 //
-// Arguments are allocated in chunks, given to nodes and returned by them in whole chains, and kept with their record
-// blocks until the context is released: a steady load allocates nothing. mx_table guards the pool. A chain is only
-// appended to while its node is held, since readers walk it without the lock.
+// Arguments are allocated in chunks, given to nodes, returned in whole chains, and kept with their record blocks until
+// the context is released: a steady load allocates nothing. mx_table guards the pool. While a node is held its chain is
+// only appended to, since readers walk it without the lock.
+#include "kavo_args.h"
+
 #include <limits.h>
 #include <stdlib.h>
 
 #include <new>
 
-#include "kavo_query_table.h"
+#include <pelk_log.h>
+
+#include "kavo_state.h"
+#include "kavo_table_lock.h"
 
 // kavo_arg_chunk: one allocation, this head and its arguments after it.
 struct alignas(kavo_cb_arg) kavo_arg_chunk {
-  kavo_arg_chunk *next;
+  kavo_arg_chunk *next = nullptr;
 };
 
 namespace {
@@ -38,8 +43,8 @@ void set_free(kavo_cb_arg *arg) {
   arg->node = nullptr;
 }
 
-// make_chunk allocates `count` linked free arguments with their chunk's head. Returns the first, or null.
-kavo_cb_arg *make_chunk(size_t count, kavo_cb_arg *rest, kavo_arg_chunk **head) {
+// make_chunk allocates `count` linked free arguments after their chunk's head. Returns the first, or null.
+[[nodiscard]] kavo_cb_arg *make_chunk(size_t count, kavo_cb_arg *rest, kavo_arg_chunk **head) {
   void *memory = calloc(1, sizeof(kavo_arg_chunk) + count * sizeof(kavo_cb_arg));
   if (memory == nullptr) return nullptr;
   *head = new (memory) kavo_arg_chunk{};
@@ -55,13 +60,13 @@ kavo_cb_arg *make_chunk(size_t count, kavo_cb_arg *rest, kavo_arg_chunk **head) 
 
 // Chain is arguments that are in no node's chain yet.
 struct Chain {
-  kavo_cb_arg *first;
-  kavo_cb_arg *last;
+  kavo_cb_arg *first = nullptr;
+  kavo_cb_arg *last = nullptr;
 };
 
 // detach takes the first `count` arguments off the free list for a node. Returns an empty chain, with nothing changed,
 // when they cannot be had.
-Chain detach(KAVO ctx, KAVO_QUERY_NODE node, int count) PELK_REQUIRES(ctx->mx_table) {
+[[nodiscard]] Chain detach(KAVO ctx, KAVO_QUERY_NODE node, int count) PELK_REQUIRES(ctx->mx_table) {
   if (ctx->free_arg_count < count) kavo_table_grow_args(ctx, count - ctx->free_arg_count);
   if (ctx->free_arg_count < count) return {};
   Chain chain = {ctx->free_arg, nullptr};
@@ -75,9 +80,9 @@ Chain detach(KAVO ctx, KAVO_QUERY_NODE node, int count) PELK_REQUIRES(ctx->mx_ta
   return chain;
 }
 
-// end_of returns the last argument of a node's chain, null without any. What is remembered of a node without arguments
-// is from an earlier use of it.
-kavo_cb_arg *end_of(KAVO ctx, KAVO_QUERY_NODE node) PELK_REQUIRES(ctx->mx_table) {
+// end_of returns the last argument of a node's chain, null without any. What args_end tells of a node without arguments
+// is from an earlier use of the node.
+[[nodiscard]] kavo_cb_arg *end_of(KAVO ctx, KAVO_QUERY_NODE node) PELK_REQUIRES(ctx->mx_table) {
   if (node->cb_args != nullptr && ctx->args_end.node == node) return ctx->args_end.last;
   kavo_cb_arg *tail = nullptr;
   uint32_t found = 0;
@@ -91,12 +96,12 @@ kavo_cb_arg *end_of(KAVO ctx, KAVO_QUERY_NODE node) PELK_REQUIRES(ctx->mx_table)
   return tail;
 }
 
-// append links a chain of `count` arguments to the end of a node's, where readers may see it from then on.
+// append links a chain of `count` arguments to the end of a node's chain, where readers may see them from then on.
 void append(KAVO ctx, KAVO_QUERY_NODE node, const Chain &chain, int count) PELK_REQUIRES(ctx->mx_table) {
   kavo_cb_arg *tail = end_of(ctx, node);
   node->args_count += static_cast<uint32_t>(count);
   if (tail == nullptr) {
-    // What others subscribe meanwhile must not push out the end of a node that early answers are appended to.
+    // A new node must not push out the end of a node that early answers are being appended to.
     node->cb_args = chain.first;
     if (ctx->args_end.node == node) ctx->args_end = {};
     return;
@@ -172,18 +177,16 @@ void kavo_args_release(KAVO ctx) PELK_NO_ANALYSIS {
   ctx->free_arg_count = 0;
 }
 
-// kavo_add_args adds arguments to the pool ahead of need.
 void kavo_add_args(KAVO kavo, int count) {
   if (kavo == nullptr || count < 1) return;
   kavo_table_guard guard(kavo);
   if (guard.error == KAVOE_OK) kavo_table_grow_args(kavo, count);
 }
 
-// kavo_free_args releases the pool, unless a node in use may hold arguments of it.
+// A node in use may hold arguments of the pool.
 void kavo_free_args(KAVO kavo) {
   if (kavo == nullptr) return;
   kavo_table_guard guard(kavo);
-  if (guard.error == KAVOE_OK && kavo->process.load(std::memory_order_acquire) == 0 &&
-      kavo->table_nfree == kavo->table_size)
+  if (guard.error == KAVOE_OK && kavo_is_at_rest(kavo) && kavo->table_nfree == kavo->table_size)
     kavo_args_release(kavo);
 }

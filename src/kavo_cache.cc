@@ -1,9 +1,9 @@
 // kavo_cache.cc - a cache in the library's own terms: record blocks put under questions, fetched as answers, deleted,
 // looked for.
 //
-// Any thread may call these at any time; the cacher itself sees to its callers. An entry is keyed by the question's
-// name and its DNS type, so that types which ask for the same records share entries. A fetch is built for speed:
-// buffers on the stack, and one cache-data object that each thread keeps from one call to the next.
+// Any thread may call these at any time; the cacher itself serializes its callers. An entry is keyed by the question's
+// name and DNS type, so that types which ask for the same records share entries. A fetch is built for speed: buffers on
+// the stack, and one cache-data object that each thread keeps from one call to the next.
 #include <stdlib.h>
 #include <string.h>
 
@@ -23,7 +23,7 @@ namespace {
 
 constexpr unsigned kEntryRoom = 256;  // bytes of records for which an object has room at once
 
-// An object whose entry made no longer packet than this is worth keeping; one that may have grown beyond is not.
+// An object is kept only if its entry made no longer packet than this, so that a grown object is not.
 constexpr size_t kKeptPacket = 1024;
 
 constexpr size_t kStringMax = 255;  // bytes of one character-string of a TXT record
@@ -32,8 +32,8 @@ using Dn = std::array<unsigned char, DNS_MAXDN>;
 
 // ---- the object of a call -----------------------------------------------------------------------------------------
 
-// The object that the thread keeps, null while a call has it. A destructor of the host's that runs at the thread's end
-// may still come here after Keeper's; nothing is kept any more then.
+// The object that the thread keeps, null while a call has it. At the thread's end a destructor of the host's may call
+// after Keeper's has run; nothing is kept any more then.
 thread_local dns_cdata *kept = nullptr;
 thread_local bool thread_ends = false;
 
@@ -46,7 +46,7 @@ struct Keeper {
 };
 thread_local Keeper keeper;
 
-// CacheData is the cache-data object of one call, the thread's own where it is free.
+// CacheData is the cache-data object of one call, the one that the thread keeps where that is free.
 class CacheData {
  public:
   CacheData() : entry_(std::exchange(kept, nullptr)) {
@@ -62,12 +62,12 @@ class CacheData {
   CacheData(const CacheData &) = delete;
   CacheData &operator=(const CacheData &) = delete;
 
-  // set makes it an empty entry of a key. False without an object, or for a type that is none of DNS.
+  // set makes the object an empty entry of a key; false without an object, or for a type that DNS does not have.
   [[nodiscard]] bool set(const Dn &dn, dns_type typ, unsigned flags) {
     static constexpr unsigned char kRoot[] = {0};
     static constexpr unsigned char kOther[] = {1, 'x', 0};
     if (entry_ == nullptr) return false;
-    // Records go when the name changes, which it does at least once here.
+    // A change of name empties the entry. One of these two names is not the entry's.
     if (dns_cdata_setdn(entry_, kRoot) < 0 || dns_cdata_setdn(entry_, kOther) < 0) return false;
     if (dns_cdata_setdn(entry_, dn.data()) < 0 || dns_cdata_setcls(entry_, DNS_C_IN) < 0) return false;
     if (dns_cdata_setttl(entry_, 0) < 0 || dns_cdata_setrcode(entry_, DNS_R_NOERROR) < 0) return false;
@@ -85,10 +85,10 @@ class CacheData {
 
 // ---- keys ---------------------------------------------------------------------------------------------------------
 
-// Question is what an entry is keyed by, the class IN apart.
+// Question is the key of an entry, whose class is IN.
 struct Question {
-  Dn dn;
-  dns_type typ;
+  Dn dn;  // as much as its name needs is set
+  dns_type typ = DNS_T_INVALID;
 };
 
 [[nodiscard]] KAVO_ERR convert_query_to_dn(const char *query, int query_len, Dn *dn) {
@@ -145,14 +145,14 @@ class RecordWriter {
 
  private:
   [[nodiscard]] KAVO_ERR append(const void *data, size_t size) {
-    // The record is only read; the field serves those that read into it, too.
+    // The field is not const because others read records into it; this record is only read.
     rr_.dnsrr_dptr = static_cast<unsigned char *>(const_cast<void *>(data));
     rr_.dnsrr_dsz = static_cast<unsigned>(size);
     rr_.dnsrr_dend = rr_.dnsrr_dptr + size;
     return dns_cdata_addrr(entry_, &rr_, nullptr) == 0 ? KAVOE_OK : KAVOE_FAIL;
   }
 
-  // name appends data that is a name behind numbers of 16 bits, which are the low ones of those given.
+  // name appends data that is numbers of 16 bits, the low bits of those given, and a name.
   [[nodiscard]] KAVO_ERR name(std::span<const int32_t> numbers, const char *text) {
     std::array<uint8_t, 3 * sizeof(uint16_t) + DNS_MAXDN> data;
     Dn dn;
@@ -188,8 +188,7 @@ class RecordWriter {
   dns_rr rr_ = {};
 };
 
-// add_records appends every entry of a block, if it has any. The address of the entries stands at one place in all
-// layouts.
+// add_records appends every entry of a block. The address of the entries is at one place in all layouts.
 [[nodiscard]] KAVO_ERR add_records(dns_cdata *entry, const Question &question, const KAVO_RR &block) {
   if (block.rr_null->dnsn_nrr > 0 && block.rr_a->dnsa4_addr == nullptr) return KAVOE_BADPAR;
   RecordWriter writer(entry, question, block.rr_null->dnsn_ttl);
@@ -202,14 +201,14 @@ class RecordWriter {
 
 // ---- from an entry to a block -------------------------------------------------------------------------------------
 
-// classify works out what an entry answers. False for one that makes no sense as an answer.
+// classify works out what an entry answers; false for an entry that makes no sense as an answer.
 [[nodiscard]] bool classify(const dns_cdata *entry, KAVO_ERR *outcome) {
   if (dns_cdata_numan(entry) == 0) return false;
   const int rcode = dns_cdata_rcode(entry);
   const unsigned records = dns_cdata_nrr(entry);
-  const unsigned aliases = dns_cdata_nalias(entry);
-  const bool nothing = records == aliases || records == 0;
-  if (rcode == DNS_R_NOERROR && (nothing || records > aliases)) {
+  const unsigned cnames = dns_cdata_nalias(entry);
+  const bool nothing = records == cnames || records == 0;
+  if (rcode == DNS_R_NOERROR && (nothing || records > cnames)) {
     *outcome = nothing ? KAVOE_NODATA : KAVOE_OK;
     return true;
   }
@@ -221,8 +220,8 @@ class RecordWriter {
 // Packet is the answer packet that an entry is turned back into, for the parsers to read.
 struct Packet {
   std::array<unsigned char, KAVO_PBUF_SIZE> bytes;
-  const unsigned char *answers;
-  const unsigned char *end;
+  const unsigned char *answers = nullptr;
+  const unsigned char *end = nullptr;
 };
 
 [[nodiscard]] bool rebuild(dns_cdata *entry, const Question &question, Packet *packet) {
@@ -237,7 +236,7 @@ struct Packet {
     rr.dnsrr_dsz = static_cast<unsigned>(data.size());
     const int found = dns_cdata_nextrr(entry, &rr);
     if (found == 0) break;
-    // A part of the records would be a wrong answer.
+    // Some of the records would be a wrong answer.
     if (found < 0 || dns_addrr(&writer, nullptr, &rr) < 0) return false;
   }
   if (dns_end_section(&writer, DNS_S_ALL) < 0) return false;
@@ -283,7 +282,7 @@ struct Scratch {
   return KAVOE_OK;
 }
 
-// look_up returns what a look-up came to, `data` holding what was found.
+// look_up returns the outcome of a lookup, with what was found in `data`.
 [[nodiscard]] KAVO_ERR look_up(KAVO_CACHE cacher, const Question &question, unsigned flags, CacheData *data) {
   if (!data->set(question.dn, question.typ, flags)) return KAVOE_FAIL;
   const int found = dns_cacher_get(cacher, data->get(), dns_gettime(nullptr));

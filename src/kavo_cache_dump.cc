@@ -1,8 +1,8 @@
 // kavo_cache_dump.cc - the context's own caches in a file, and back: which caches go in, in which order, and what for.
 //
-// Each cache of a dump carries one word, in network order, that says which uses it served; a cache that is loaded goes
-// where the context has such a use. The file itself is the engine's (dns_cdump_*). Nothing is locked here: the caches
-// may be in use by any thread.
+// Each cache of a dump carries one word, in network order, that says which uses it served. A cache that is loaded goes
+// where the context has such a use. The file itself is the engine's (dns_cdump_*). Nothing is locked here: any thread
+// may be using the caches.
 #include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -11,8 +11,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <pelk.h>
+#include <dns_engine.h>
+#include <pelk_file.h>
+#include <pelk_log.h>
+#include <pelk_thread.h>
 
+#include "kavo_state.h"
 #include "kavo_t.h"
 
 namespace {
@@ -23,7 +27,7 @@ constexpr char kLoad[] = "kavo_cacheload";
 
 constexpr mode_t kFileMode = 0644;
 
-// is_of_call tells whether a status stands for a call that failed, and left its reason in errno.
+// is_of_call returns whether a status is that of a failed system call, whose reason is in errno.
 constexpr bool is_of_call(dns_status status) {
   return status == DNS_E_WFILE || status == DNS_E_RFILE || status == DNS_E_NOMEM;
 }
@@ -57,10 +61,10 @@ constexpr bool is_of_call(dns_status status) {
 
 // Pass is one walk over a dump: the caches whose word has all bits of `with` and none of `without` go into `cache`.
 struct Pass {
-  struct dns_cache *cache;
-  uint32_t with;
-  uint32_t without;
-  const char *load_fails;
+  struct dns_cache *cache = nullptr;
+  uint32_t with = 0;
+  uint32_t without = 0;
+  const char *load_fails = nullptr;  // the message of a failure
 };
 
 [[nodiscard]] KAVO_ERR load_current(struct dns_cdump *dump, const Pass &pass) {
@@ -68,7 +72,7 @@ struct Pass {
   const int got = dns_cdump_get_udata(dump, &word, sizeof word, nullptr);
   if (got < 1) {
     const KAVO_ERR error = failed(kLoad, got, "Unable to read user-data for cache");
-    return error == KAVOE_OK ? KAVOE_FILE : error;  // a cache that does not say what it is
+    return error == KAVOE_OK ? KAVOE_FILE : error;  // a cache without a word
   }
   const uint32_t uses = ntohl(word);
   if ((uses & pass.with) != pass.with || (uses & pass.without) != 0) return KAVOE_OK;
@@ -85,7 +89,7 @@ struct Pass {
   return moved < 0 ? failed(kLoad, moved, "Error during caches enumeration in dump") : KAVOE_OK;
 }
 
-// load_caches fills the context's caches. One that serves both uses takes in the second pass what the first one left.
+// load_caches fills the context's caches. A cache that serves both uses takes in the second pass what the first left.
 [[nodiscard]] KAVO_ERR load_caches(const kavo_t &ctx, struct dns_cdump *dump) {
   if (ctx.cache != nullptr) {
     const KAVO_ERR error = run_pass(dump, {ctx.cache, KAVOCT_ANS, 0, "Unable to load final answers cache"});
@@ -131,7 +135,7 @@ KAVO_ERR kavo_cacheload(KAVO kavo, const char *filename) {
   if (kavo == nullptr || filename == nullptr) return KAVOE_BADPAR;
   if (kavo_is_foreign(kavo)) return KAVOE_SRV;
   const pelk_no_cancel whole;
-  // O_NONBLOCK: a pipe that nobody writes to is refused like any other file that is not regular, not waited for.
+  // O_NONBLOCK: a pipe without a writer is refused like any other file that is not regular, instead of waited for.
   const int fd = pelk_lift(open(filename, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   if (fd < 0) return no_file(kLoad, filename, "reading");
   errno = 0;

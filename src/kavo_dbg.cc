@@ -1,19 +1,21 @@
 // kavo_dbg.cc - what a host sees of the DNS traffic: the ready-made trace, and its place in a context.
 //
-// The ready-made trace puts the text of an event together before it writes it, so that the lines of several threads and
-// processes do not mix, and a packet costs a system call and not one for each byte.
+// The ready-made trace puts an event's text together before it writes the text, so that the lines of several threads
+// and processes do not mix, and a packet costs one system call.
 //
-// A trace function runs on the thread that drives an engine context, which is the server thread of a kavo context, and
-// the host's while kavo_set_dns_server looks names up.
+// A trace function runs on the thread that drives an engine context: the server thread of a kavo context, or the host's
+// thread while kavo_set_dns_server looks names up.
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include <algorithm>
 
+#include <dns_engine.h>
 #include <dns_wire.h>
-#include <pelk.h>
+#include <pelk_thread.h>
 
+#include "kavo_rest.h"
 #include "kavo_t.h"
 
 namespace {
@@ -27,22 +29,22 @@ constexpr unsigned kOpcodeMask = 0x0F;
 constexpr unsigned kTcBit = 0x02;
 
 // kavo_xntop returns an address as text, in a buffer of the calling thread's own.
-const char *kavo_xntop(int af, const void *src) {
+[[nodiscard]] const char *kavo_xntop(int af, const void *src) {
   static thread_local char text[kAddressRoom];
   return dns_ntop(af, src, text, sizeof text) != nullptr ? text : "";
 }
 
-// question_name returns the name behind the packet's header as text without its closing dot: empty for the root, and
-// where none stands.
-const char *question_name(const dns_dpkt &event) {
+// question_name returns the name after the packet's header as text without its closing dot, empty for the root and for
+// a packet without a name.
+[[nodiscard]] const char *question_name(const dns_dpkt &event) {
   unsigned char dn[DNS_MAXDN];
-  memset(dn, UINT8_MAX, sizeof dn);  // no label's length: a name that is cut off is none
+  memset(dn, UINT8_MAX, sizeof dn);  // no label's length, so that a name cut off is no name
   if (event.dnsd_plen > DNS_HSIZE)
     memcpy(dn, event.dnsd_pkt + DNS_HSIZE, std::min<size_t>(event.dnsd_plen - DNS_HSIZE, sizeof dn));
   return *dn == 0 ? "" : dns_dntosp(dn);
 }
 
-const char *response_kind(int code) {
+[[nodiscard]] const char *response_kind(int code) {
   switch (code) {
     case DNS_D_PKT_RPAN:
       return " answer";
@@ -55,7 +57,7 @@ const char *response_kind(int code) {
   }
 }
 
-const char *fault_line(int code) {
+[[nodiscard]] const char *fault_line(int code) {
   switch (code) {
     case DNS_D_PKT_RPINV:
       return ";; invalid response\n";
@@ -79,8 +81,8 @@ const char *fault_line(int code) {
 // Event is what a trace function is told.
 struct Event {
   const dns_dpkt &packet;
-  int code;
-  const struct dns_query *qh;
+  int code = 0;
+  const struct dns_query *qh = nullptr;
 };
 
 void print_address(FILE *out, const struct sockaddr *address, const char *end) {
@@ -133,7 +135,7 @@ void print_details(FILE *out, const Event &event) {
   fputs("\n\n\n", out);
 }
 
-// print_whole prints an event's text to a stream in one piece; without memory for that, piece by piece.
+// print_whole prints an event's text to a stream in one piece, or piece by piece without memory for that.
 void print_whole(FILE *out, void (*print)(FILE *, const Event &), const Event &event) {
   char *text = nullptr;
   size_t size = 0;
@@ -164,7 +166,6 @@ void kavo_dbgcb(struct dns_ctx *, struct dns_query *qh, int code, void *ddata, v
 }
 
 KAVO_ERR kavo_set_trace(KAVO kavo, dns_dbg_fn *fn, void *udata) {
-  if (kavo == nullptr) return KAVOE_BADPAR;
   const KAVO_ERR refused =
       kavo_check_at_rest(kavo, kSource, __func__, "Cannot set trace function because KAVO is already opened");
   if (refused != KAVOE_OK) return refused;

@@ -1,9 +1,8 @@
-// kavo_dns.cc - between the library's terms and the DNS engine's: names, types, statuses and parsers, which keep no
-// state and run on any thread, and the submission and cancellation of a node's questions, which run with the table lock
-// held.
+// kavo_dns.cc - between the library's terms and the DNS engine's: the submission and cancellation of a node's queries,
+// with the table lock held; and the public functions on names and statuses, which keep no state and run on any thread.
 //
-// A list question is asked once in every zone of its type. Its name is the node's name followed by the zone's labels,
-// joined in one buffer from wire forms that exist already: this runs once for every zone and question.
+// A list question makes one query for every zone of its type. The query's name is the node's name followed by the
+// zone's labels, joined in one buffer from wire forms that exist already, since this runs once for every query.
 #include "kavo_dns.h"
 
 #include <errno.h>
@@ -12,44 +11,18 @@
 #include <algorithm>
 #include <array>
 
+#include <dns_engine.h>
 #include <dns_wire.h>
+#include <pelk_log.h>
+
+#include "kavo_node_servers.h"
+#include "kavo_state.h"
+#include "kavo_types.h"
+#include "kavo_zonesmap.h"
 
 namespace {
 
 constexpr char kSource[] = "kavo_dns";
-
-// What a type asks, and what reads the answer.
-struct Question {
-  dns_type type;
-  dns_parse_fn *parser;
-};
-
-// The list types, by their distance from the first.
-constexpr std::array<Question, KAVOT_BL_MAX - KAVOT_BL_MIN + 1> kListQuestions = {{
-    {DNS_T_A, dns_parse_a4},
-    {DNS_T_A, dns_parse_a4},
-    {DNS_T_TXT, dns_parse_txt},
-    {DNS_T_TXT, dns_parse_txt},
-    {DNS_T_AAAA, dns_parse_a6},
-    {DNS_T_MX, dns_parse_mx},
-    {DNS_T_SRV, dns_parse_srv},
-    {DNS_T_CNAME, dns_parse_cname},
-    {DNS_T_NS, dns_parse_ns},
-}};
-
-// The parsers of the DNS types, up to the highest that has one.
-constexpr auto kDnsParsers = [] {
-  std::array<dns_parse_fn *, DNS_T_SRV + 1> parsers{};
-  parsers[DNS_T_A] = dns_parse_a4;
-  parsers[DNS_T_NS] = dns_parse_ns;
-  parsers[DNS_T_CNAME] = dns_parse_cname;
-  parsers[DNS_T_PTR] = dns_parse_ptr;
-  parsers[DNS_T_MX] = dns_parse_mx;
-  parsers[DNS_T_TXT] = dns_parse_txt;
-  parsers[DNS_T_AAAA] = dns_parse_a6;
-  parsers[DNS_T_SRV] = dns_parse_srv;
-  return parsers;
-}();
 
 // The codes of the engine's statuses from DNS_E_PERM up to DNS_E_NOERROR.
 constexpr std::array<KAVO_ERR, DNS_E_NOERROR - DNS_E_PERM + 1> kStatusCodes = {
@@ -71,11 +44,7 @@ constexpr std::array<KAVO_ERR, DNS_E_NOERROR - DNS_E_PERM + 1> kStatusCodes = {
     KAVOE_OK,       // DNS_E_NOERROR
 };
 
-constexpr const Question &list_question(KAVO_TYPE type) {
-  return kListQuestions[type - KAVOT_BL_MIN];
-}
-
-// join_zone writes the key's name and the zone's labels behind it to `dn`. False, with a message, when they make no
+// join_zone writes the key's name and the zone's labels after it to `dn`; false, with a message, when they make no
 // name.
 [[nodiscard]] bool join_zone(const unsigned char *key_dn, unsigned key_size, std::span<const uint8_t> zone,
                              std::array<unsigned char, DNS_MAXDN> *dn) {
@@ -93,31 +62,6 @@ constexpr const Question &list_question(KAVO_TYPE type) {
   return true;
 }
 
-void assert_failed(const char *expression, int line = __builtin_LINE()) {
-  pelk_syslog(PELK_LOG_CRIT, "[assertion at %s:%s():%d] for '%s'", kSource, "kavo_submit_key", line, expression);
-}
-
-// read_servers turns the server bytes of a key into socket addresses; returns how many there are.
-[[nodiscard]] unsigned read_servers(std::span<const unsigned char> bytes,
-                                    std::array<struct sockaddr_in, KAVO_MAX_SERV> *servers) {
-  if (bytes.empty()) return 0;
-  if (bytes.size() % sizeof(kavo_sa) != 0)
-    assert_failed("servsiz >= sizeof(kavo_sa) && servsiz % sizeof(kavo_sa) == 0");
-  const size_t nserv = bytes.size() / sizeof(kavo_sa);
-  if (nserv > KAVO_MAX_SERV) assert_failed("nserv <= KAVO_MAX_SERV");
-  const size_t taken = std::min(nserv, servers->size());
-  for (size_t i = 0; i < taken; ++i) {
-    kavo_sa entry;
-    memcpy(&entry, bytes.data() + i * sizeof(entry), sizeof(entry));
-    struct sockaddr_in &server = (*servers)[i];
-    server = {};
-    server.sin_family = AF_INET;
-    server.sin_port = entry.port;
-    server.sin_addr.s_addr = entry.addr;
-  }
-  return static_cast<unsigned>(taken);
-}
-
 constexpr unsigned engine_flags(unsigned flags) {
   const unsigned recursive = (flags & KAVOQF_RECURSIVE) != 0 ? static_cast<unsigned>(DNS_RCRS) : 0;
   return recursive | ((flags & KAVOQF_DCACHE) != 0 ? static_cast<unsigned>(DNS_DCACHE) : 0);
@@ -128,23 +72,23 @@ constexpr unsigned engine_flags(unsigned flags) {
   return nullptr;
 }
 
-// What became of the question of one zone: it was queued, the zone cannot be asked it, or none of the node's can go on.
+// Zone is what became of a zone's query: it was queued, zone and question make no name, or the engine failed.
 enum class Zone { asked, impossible, failed };
 
-// joins tells whether the name of a key and a zone make a name.
-bool joins(std::span<const uint8_t> key, std::span<const uint8_t> zone) {
+// joins returns whether the name of a key and a zone make a name.
+[[nodiscard]] bool joins(std::span<const uint8_t> key, std::span<const uint8_t> zone) {
   const unsigned labels = dns_dnlen(key.data() + KAVO_KEY_DN) - 1;
   return !zone.empty() && zone.size() <= DNS_MAXDN - labels;
 }
 
-// submit_zone queues the question of one zone of a node.
+// submit_zone queues a node's query in one zone.
 [[nodiscard]] Zone submit_zone(KAVO ctx, KAVO_QUERY_NODE node, kavo_cb_arg *arg, int32_t number, dns_query_fn *cbck,
                                KAVO_ERR *err) PELK_REQUIRES(ctx->mx_table) {
   const std::span<const uint8_t> key = kavo_node_key(node);
   const bool zoned = number != 0;
   const std::span<const uint8_t> zone = zoned ? kavo_zonesmap_wire(&ctx->zonesmap, number) : std::span<const uint8_t>{};
   *err = KAVOE_BADPAR;
-  if (zoned && zone.empty()) return Zone::impossible;  // which was said when the zone came
+  if (zoned && zone.empty()) return Zone::impossible;  // logged when the zone was added
   arg->qh = kavo_submit_key(ctx, key.data(), static_cast<unsigned>(key.size()), zoned ? &zone : nullptr, node->flags,
                             cbck, arg, err);
   if (arg->qh == nullptr) return zoned && !joins(key, zone) ? Zone::impossible : Zone::failed;
@@ -181,7 +125,7 @@ struct dns_query *kavo_submit_key(KAVO ctx, const unsigned char *key, unsigned k
 
   std::array<struct sockaddr_in, KAVO_MAX_SERV> servers;
   const unsigned head = std::min(keylen, KAVO_KEY_DN + dn_size);
-  const unsigned nserv = read_servers({key + head, keylen - head}, &servers);
+  const unsigned nserv = kavo_node_servers_unpack(&servers, {key + head, keylen - head});
   struct dns_query *query = dns_submit_dn_serv(
       ctx->udns_ctx, zone == nullptr ? dn : joined.data(), DNS_C_IN, kavo_convert_type(type), engine_flags(flags),
       nserv == 0 ? nullptr : reinterpret_cast<const struct sockaddr *>(servers.data()), nserv, parser, cbck, data);
@@ -260,18 +204,6 @@ int kavo_dns_ptoa4(const char *p, struct in_addr *addr) {
   return p == nullptr || addr == nullptr ? 0 : dns_pton(AF_INET, p, addr);
 }
 
-dns_type kavo_convert_type(KAVO_TYPE type) {
-  if (type >= KAVOT_DNS_MIN && type <= KAVOT_DNS_MAX) return static_cast<dns_type>(type);
-  if (kavo_zonesmap_is_list(type)) return list_question(type).type;
-  if (type == KAVOT_DNS_ETXT) return DNS_T_TXT;
-  PELK_WARN(kSource, __func__, "Invalid type of query passed to submission function");
-  return DNS_T_INVALID;
-}
-
-KAVO_TYPE kavo_convert_type_r(dns_type type) {
-  return static_cast<KAVO_TYPE>(type);
-}
-
 KAVO_ERR kavo_convert_status(dns_status err) {
   if (err < DNS_E_PERM || err > DNS_E_NOERROR) return KAVOE_DNS;
   return kStatusCodes[static_cast<size_t>(err - DNS_E_PERM)];
@@ -280,13 +212,6 @@ KAVO_ERR kavo_convert_status(dns_status err) {
 KAVO_ERR kavo_dns_status(KAVO kavo) {
   if (kavo == nullptr) return KAVOE_BADPAR;
   return kavo_is_foreign(kavo) ? KAVOE_SRV : kavo_convert_status(dns_get_status(kavo->udns_ctx));
-}
-
-dns_parse_fn *kavo_get_parser(KAVO_TYPE type, unsigned flags) {
-  if ((flags & KAVOQF_PKT) != 0) return dns_parse_pkt;
-  if (type < kDnsParsers.size()) return kDnsParsers[type];
-  if (kavo_zonesmap_is_list(type)) return list_question(type).parser;
-  return type == KAVOT_DNS_ETXT ? dns_parse_etxt : nullptr;
 }
 
 }  // extern "C"

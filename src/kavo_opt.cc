@@ -1,11 +1,15 @@
 // kavo_opt.cc - the options of a context: one table of names, ranges and places, and what each option acts on.
 //
-// Options are set while the context is at rest, hence without a lock. A value that is refused, by its range or by what
-// it acts on, is not kept.
+// Options are set while the context is at rest, hence without a lock. A value is kept once its range and what it acts
+// on have accepted it.
 #include <stdint.h>
 
 #include <array>
 
+#include <dns_engine.h>
+
+#include "kavo_caches.h"
+#include "kavo_rest.h"
 #include "kavo_t.h"
 
 namespace {
@@ -15,109 +19,69 @@ constexpr char kSource[] = "kavo";
 using Action = KAVO_ERR(KAVO kavo, int engine_opt, uint32_t value);
 
 struct Option {
-  const char *name;
-  KAVO_OPT opt;
-  uint32_t kavo_t::*field;
-  uint32_t def_val;
-  uint32_t min;
-  uint32_t max;
-  Action *action;
-  int engine_opt;  // the engine's or the cacher's option that the action sets
+  const char *name = nullptr;
+  KAVO_OPT opt = KAVOOPT_NXDOM_TTL;
+  uint32_t kavo_t::*field = nullptr;
+  uint32_t def_val = 0;
+  uint32_t min = 0;
+  uint32_t max = 0;
+  Action *action = nullptr;
+  int engine_opt = 0;  // the engine's or the cacher's option that the action sets
 };
 
-KAVO_ERR result_of(int status) {
-  return status < 0 ? KAVOE_DNS : KAVOE_OK;
-}
-
-KAVO_ERR keep_only(KAVO, int, uint32_t) {
+[[nodiscard]] KAVO_ERR keep_only(KAVO, int, uint32_t) {
   return KAVOE_OK;
 }
 
-KAVO_ERR set_engine(KAVO kavo, int engine_opt, uint32_t value) {
+[[nodiscard]] KAVO_ERR set_engine(KAVO kavo, int engine_opt, uint32_t value) {
   return dns_set_opt(kavo->udns_ctx, engine_opt, &value, sizeof value) == 0 ? KAVOE_OK : KAVOE_DNS;
 }
 
-KAVO_ERR set_timeout(KAVO kavo, const dns_timeval &timeout) {
+[[nodiscard]] KAVO_ERR set_timeout(KAVO kavo, const dns_timeval &timeout) {
   return dns_set_opt(kavo->udns_ctx, DNS_OPT_TIMEOUT, &timeout, sizeof timeout) == 0 ? KAVOE_OK : KAVOE_DNS;
 }
 
-KAVO_ERR set_seconds(KAVO kavo, int, uint32_t value) {
+[[nodiscard]] KAVO_ERR set_seconds(KAVO kavo, int, uint32_t value) {
   return set_timeout(kavo, {static_cast<int32_t>(value), 0});
 }
 
-KAVO_ERR set_milliseconds(KAVO kavo, int, uint32_t value) {
+[[nodiscard]] KAVO_ERR set_milliseconds(KAVO kavo, int, uint32_t value) {
   constexpr uint32_t kMilli = 1000;
   return set_timeout(kavo, {static_cast<int32_t>(value / kMilli), static_cast<int32_t>(value % kMilli * kMilli)});
 }
 
-KAVO_ERR set_flag(KAVO kavo, uint32_t bit, bool on) {
+[[nodiscard]] KAVO_ERR set_flag(KAVO kavo, uint32_t bit, bool on) {
   uint32_t flags = 0;
   if (dns_get_opt(kavo->udns_ctx, DNS_OPT_FLAGS, &flags, sizeof flags) != 0) return KAVOE_DNS;
   return set_engine(kavo, DNS_OPT_FLAGS, on ? flags | bit : flags & ~bit);
 }
 
-KAVO_ERR set_round_robin(KAVO kavo, int, uint32_t value) {
+[[nodiscard]] KAVO_ERR set_round_robin(KAVO kavo, int, uint32_t value) {
   return set_flag(kavo, DNS_SERVRRB, value != 0);
 }
 
-struct dns_cacher *cacher_of(struct dns_cache *cache) {
-  struct dns_cacher *cacher = dns_cache_cacher(cache);
-  PELK_ASSERT(cacher, kSource);
-  return cacher;
+[[nodiscard]] KAVO_ERR set_negative_ttl(KAVO kavo, int cacher_opt, uint32_t value) {
+  const KAVO_ERR error = value == 0 ? KAVOE_OK : kavo_caches_set_flag(kavo, DNS_CR_NCACHE, true);
+  return error == KAVOE_OK ? kavo_caches_set_opt(kavo, cacher_opt, value) : error;
 }
 
-// change_cacher_flags sets and clears bits of a cacher's flags.
-KAVO_ERR change_cacher_flags(struct dns_cacher *cacher, uint32_t set, uint32_t clear) {
-  uint32_t flags = 0;
-  if (dns_cacher_getopt(cacher, DNS_CROPT_FLAGS, &flags, sizeof flags) < 0) return KAVOE_DNS;
-  flags = (flags | set) & ~clear;
-  return result_of(dns_cacher_setopt(cacher, DNS_CROPT_FLAGS, &flags, sizeof flags));
+[[nodiscard]] KAVO_ERR set_minimum_ttl(KAVO kavo, int cacher_opt, uint32_t value) {
+  return kavo->cache == nullptr ? set_engine(kavo, DNS_OPT_MINTTL, value)
+                                : kavo_caches_set_opt(kavo, cacher_opt, value);
 }
 
-KAVO_ERR set_negative_ttl(KAVO kavo, int cacher_opt, uint32_t value) {
-  if (kavo->cache == nullptr) return KAVOE_OK;
-  struct dns_cacher *cacher = cacher_of(kavo->cache);
-  if (value != 0) {
-    const KAVO_ERR error = change_cacher_flags(cacher, DNS_CR_NCACHE, 0);
-    if (error != KAVOE_OK) return error;
-  }
-  return result_of(dns_cacher_setopt(cacher, cacher_opt, &value, sizeof value));
+[[nodiscard]] KAVO_ERR set_return_expired(KAVO kavo, int, uint32_t value) {
+  return kavo_caches_set_flag(kavo, DNS_CR_EXPIRED, value != 0);
 }
 
-KAVO_ERR set_minimum_ttl(KAVO kavo, int cacher_opt, uint32_t value) {
-  if (kavo->cache == nullptr) return set_engine(kavo, DNS_OPT_MINTTL, value);
-  return result_of(dns_cacher_setopt(cacher_of(kavo->cache), cacher_opt, &value, sizeof value));
-}
-
-KAVO_ERR set_return_expired(KAVO kavo, int, uint32_t value) {
-  if (kavo->cache == nullptr) return KAVOE_OK;
-  struct dns_cacher *cacher = cacher_of(kavo->cache);
-  return value != 0 ? change_cacher_flags(cacher, DNS_CR_EXPIRED, 0) : change_cacher_flags(cacher, 0, DNS_CR_EXPIRED);
-}
-
-// set_referral_cache installs a referral cache of `value` bytes in the place of the one there is; the answer cache
-// stays even where it served referrals too.
-KAVO_ERR set_referral_cache(KAVO kavo, int, uint32_t value) {
-  if (value == 0) return KAVOE_OK;
-  struct dns_cache *cache = dns_cache_init(value);
-  if (cache == nullptr) {
-    PELK_ERROR(kSource, "kavo_set_opt", 0, KAVOE_DNS, "Unable to initialize cache for DNS recursion");
-    return KAVOE_DNS;
-  }
-  const dns_status status = dns_set_cache(kavo->udns_ctx, DNS_CU_REF, cacher_of(cache));
-  if (status < 0) {
-    dns_cache_destroy(cache);
-    return KAVOE_DNS;
-  }
-  if (kavo->rcache != nullptr && kavo->rcache != kavo->cache) dns_cache_destroy(kavo->rcache);
-  kavo->rcache = cache;
-  return status == 0 ? KAVOE_OK : KAVOE_DNS;
+[[nodiscard]] KAVO_ERR set_referral_cache(KAVO kavo, int, uint32_t value) {
+  return kavo_caches_set_referrals(kavo, value);
 }
 
 constexpr uint32_t kMaxInt = INT32_MAX;
 constexpr auto kScratch = &kavo_t::scratch;
 
-// In the order of the codes. def_val tells what a context starts with where nothing else says so; none is applied.
+// In the order of the codes. def_val is what a context starts with where nothing else says so; it is not applied.
 constexpr std::array<Option, 18> kOptions = {{
     {"negative_ttl", KAVOOPT_NXDOM_TTL, kScratch, 65535, 0, kMaxInt, set_negative_ttl, DNS_CROPT_DEFTTL},
     {"min_cache_delay", KAVOOPT_MIN_CACHE_DELAY, &kavo_t::min_cache_delay, 1000, 0, 65535, keep_only, 0},
@@ -151,7 +115,7 @@ static_assert(is_sound(), "an option's code is its place, and its default lies i
 }  // namespace
 
 KAVO_ERR kavo_set_opt(KAVO kavo, KAVO_OPT opt, uint32_t value) {
-  if (opt >= kOptions.size() || kavo == nullptr) return KAVOE_BADPAR;
+  if (opt >= kOptions.size()) return KAVOE_BADPAR;
   const KAVO_ERR refused =
       kavo_check_at_rest(kavo, kSource, __func__, "Attempt to set option for already opened context");
   if (refused != KAVOE_OK) return refused;
@@ -164,7 +128,6 @@ KAVO_ERR kavo_set_opt(KAVO kavo, KAVO_OPT opt, uint32_t value) {
 }
 
 KAVO_ERR kavo_set_cookies(KAVO kavo, int on) {
-  if (kavo == nullptr) return KAVOE_BADPAR;
   const KAVO_ERR refused =
       kavo_check_at_rest(kavo, kSource, __func__, "Attempt to set cookies for already opened context");
   if (refused != KAVOE_OK) return refused;

@@ -1,41 +1,24 @@
 // kavo_query_table.cc - the query table: finding, taking, moving and releasing nodes.
 //
-// Host threads hold and drop nodes, the server thread moves them on; mx_table is held for every step here. How a
-// question comes to its node is in kavo_table_add.cc.
+// Host threads hold and drop nodes, the server thread moves them on; mx_table is held for every step here.
 #include "kavo_query_table.h"
 
-#include <stdlib.h>
 #include <string.h>
 
-#include <algorithm>
-#include <new>
-#include <utility>
-
 #include <dns_wire.h>
+#include <pelk_log.h>
 
-#include "kavo_dns.h"
-
-// kavo_spare_block: what a block holds while no node lies in it.
-struct kavo_spare_block {
-  kavo_spare_block *next;
-};
+#include "kavo_args.h"
+#include "kavo_table_lock.h"
+#include "kavo_table_wait.h"
+#include "kavo_types.h"
 
 namespace {
 
 constexpr char kSource[] = "kavo_query_table";
 
-// Blocks of nodes come in sizes that are so many bytes apart, so that one fits most of the questions to come; of each
-// size a number is kept.
-constexpr unsigned kBlockStep = 16;
-static_assert(KAVO_KEY_SIZE_MAX <= KAVO_SPARE_CLASSES * kBlockStep);
-constexpr unsigned kSpareMax = PELK_ADDRESS_SANITIZER ? 0 : 64;
-
-unsigned block_class(uint16_t key_size) {
-  return (key_size - 1U) / kBlockStep;
-}
-
-// release_node returns what a node holds that becomes free: its arguments and its permit.
-KAVO_ERR release_node(KAVO ctx, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_table) {
+// release_node returns the arguments and the permit of a node that becomes free.
+[[nodiscard]] KAVO_ERR release_node(KAVO ctx, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_table) {
   kavo_table_free_args(ctx, node);
   node->first_count = 0;
   memset(node->first_answers, 0, kavo_answer_map_size(ctx->max_zones));
@@ -44,23 +27,13 @@ KAVO_ERR release_node(KAVO ctx, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_t
   return KAVOE_THR;
 }
 
-// tell_waiters has the next broadcast wake those who wait for a node, when it has come to what they wait for. Others
-// would look at it for nothing, and sleep again; but those who wait for a list, whose nodes are not known.
-void tell_waiters(KAVO ctx, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_table) {
-  const bool reached = node->wanted != KAVOQS_NOBODY && (node->state >= node->wanted || node->state == KAVOQS_READY);
-  if (!reached && ctx->list_waiters == 0) [[likely]]
-    return;
-  if (reached) node->wanted = KAVOQS_NOBODY;
-  ctx->event.fetch_or(kavo_node_bit(node));
-}
-
 // server_holds returns whether one of a node's holds is the server thread's, which owes it an outcome.
-bool server_holds(const kavo_query_node_t *node) {
+[[nodiscard]] bool server_holds(const kavo_query_node_t *node) {
   return node->state >= KAVOQS_NEW && node->state <= KAVOQS_PRESOLVED;
 }
 
 // fail_node moves a node in flight to ERROR and drops the server thread's hold on it.
-KAVO_ERR fail_node(KAVO ctx, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_table) {
+[[nodiscard]] KAVO_ERR fail_node(KAVO ctx, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_table) {
   static constexpr char kClosing[] = "kavo";
   const KAVO_ERR moved = kavo_table_change_state(ctx, node, KAVOQS_ERROR);
   if (moved != KAVOE_OK) {
@@ -72,15 +45,16 @@ KAVO_ERR fail_node(KAVO ctx, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_tabl
   return dropped;
 }
 
-KAVO_ERR leave_flight(KAVO ctx, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_table) {
-  const KAVO_ERR error = node->qh_count == 0 ? KAVOE_OK : kavo_cancel_query(ctx, node);
+[[nodiscard]] KAVO_ERR leave_flight(KAVO ctx, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_table) {
+  const KAVO_ERR error = node->qh_count == 0 ? KAVOE_OK : ctx->cancel(ctx, node);
   if (error != KAVOE_OK) PELK_ERROR(kSource, "kavo_table_change_state", 0, error, "Unable to cancel query");
   return error;
 }
 
-// change_range moves a node to another list. One that has left the index lies among the free ones until it gives way:
-// whoever still waits for it must find its state.
-KAVO_ERR change_range(KAVO ctx, kavo_query_node_t *node, int current, int target) PELK_REQUIRES(ctx->mx_table) {
+// change_range moves a node to another list. A node that has left the index stays among the free ones until it gives
+// way, since a thread that still waits for it must find its state.
+[[nodiscard]] KAVO_ERR change_range(KAVO ctx, kavo_query_node_t *node, int current, int target)
+    PELK_REQUIRES(ctx->mx_table) {
   const bool ends = target == KAVO_RANGE_FREE || target == KAVO_RANGE_DONE || target == KAVO_RANGE_ERROR;
   if (current != KAVO_RANGE_SYNC && ends) {
     const KAVO_ERR error = leave_flight(ctx, node);
@@ -93,14 +67,43 @@ KAVO_ERR change_range(KAVO ctx, kavo_query_node_t *node, int current, int target
   return kavo_table_move(ctx, node, target);
 }
 
+// kavo_table_keycmp returns 0 for the keys of one question, 1 otherwise. The hash table calls it with mx_table held,
+// which the analysis cannot see.
+int kavo_table_keycmp(void *owner, const uint8_t *pbuf1, uint16_t len1, const uint8_t *pbuf2,
+                      uint16_t len2) PELK_NO_ANALYSIS {
+  const kavo_t *ctx = static_cast<const kavo_t *>(owner);
+  if (len1 != len2 || memcmp(pbuf1, pbuf2, KAVO_KEY_DN) != 0) return 1;
+  const unsigned dnlen = dns_dnequal(pbuf1 + KAVO_KEY_DN, pbuf2 + KAVO_KEY_DN);
+  if (dnlen == 0) return 1;
+  const size_t servers_at = KAVO_KEY_DN + dnlen;
+  if (memcmp(pbuf1 + servers_at, pbuf2 + servers_at, len1 - servers_at) != 0) return 1;
+  const auto flags = [ctx](const uint8_t *key) PELK_NO_ANALYSIS {
+    return key == ctx->lookup.key ? ctx->lookup.flags : kavo_node_of_key(ctx, key)->flags;
+  };
+  return ((flags(pbuf1) ^ flags(pbuf2)) & KAVOQF_CMPMASK) == 0 ? 0 : 1;
+}
+
+// kavo_table_keyfree releases the node of a key that leaves the hash table, with mx_table held like kavo_table_keycmp.
+void kavo_table_keyfree(void *owner, uint8_t *pbuf, PSTAT_HASHITEM pitem) PELK_NO_ANALYSIS {
+  if (pbuf == nullptr) return;
+  kavo_t *ctx = static_cast<kavo_t *>(owner);
+  kavo_query_node_t *node = kavo_node_of_key(ctx, pbuf);
+  PELK_ASSERT(!node->client_count && !node->qh_count, kSource);
+  PELK_ASSERT(node->hashitem == pitem, kSource);
+  PELK_ASSERT((node->cb_args && node->args_count) || (!node->cb_args && !node->args_count), kSource);
+  PELK_ASSERT(node->ctx == ctx, kSource);
+  kavo_table_free_args(ctx, node);
+  kavo_spare_blocks_put(&ctx->spare_blocks, node, pitem->key_size);
+}
+
 // init_failed and destroy_failed log a failure with the line that calls them, and return its result.
-KAVO_ERR init_failed(const char *message, KAVO_ERR error, int line = __builtin_LINE()) {
+[[nodiscard]] KAVO_ERR init_failed(const char *message, KAVO_ERR error, int line = __builtin_LINE()) {
   pelk_log_error(kSource, "kavo_table_init", line, 0, error, "%s", message);
   return error;
 }
 
 // init_locks makes the table's semaphore, mutex and condition, or none of them.
-KAVO_ERR init_locks(KAVO ctx, unsigned table_size) {
+[[nodiscard]] KAVO_ERR init_locks(KAVO ctx, unsigned table_size) {
   if (pelk_sem_init(&ctx->sem_free_node, table_size, table_size) != 0)
     return init_failed("Semaphore initialization error", KAVOE_THR);
   if (pelk_mutex_init(&ctx->mx_table) != 0) {
@@ -115,25 +118,12 @@ KAVO_ERR init_locks(KAVO ctx, unsigned table_size) {
   return KAVOE_OK;
 }
 
-void release_spare_blocks(kavo_spare_blocks *spare) {
-  for (kavo_spare_block *&first : spare->first)
-    while (first != nullptr)
-      free(std::exchange(first, first->next));
-  *spare = {};
-}
-
-KAVO_ERR destroy_failed(const char *message, KAVO_ERR error, int line = __builtin_LINE()) {
+[[nodiscard]] KAVO_ERR destroy_failed(const char *message, KAVO_ERR error, int line = __builtin_LINE()) {
   pelk_log_error(kSource, "kavo_table_destroy", line, 0, error, "%s", message);
   return error;
 }
 
 }  // namespace
-
-KAVO_TYPE kavo_node_type_of(const kavo_query_node_t *node) {
-  uint32_t number = 0;
-  memcpy(&number, node->hashitem->pKey, sizeof number);
-  return static_cast<KAVO_TYPE>(number);
-}
 
 int kavo_state2range(kavo_query_state state) {
   switch (state) {
@@ -156,44 +146,6 @@ int kavo_state2range(kavo_query_state state) {
       return KAVO_RANGE_ERROR;
   }
   return KAVO_RANGE_INV;
-}
-
-KAVO_ERR kavo_table_lock_failed(int error) {
-  PELK_ERROR(kSource, "kavo_table_lock", error, KAVOE_THR, "Unable lock mutex");
-  return KAVOE_THR;
-}
-
-KAVO_ERR kavo_table_unlock(KAVO ctx) {
-  const int error = pelk_mutex_unlock(&ctx->mx_table);
-  if (error == 0) return KAVOE_OK;
-  PELK_ERROR(kSource, __func__, error, KAVOE_THR, "Unable to unlock mutex");
-  return KAVOE_THR;
-}
-
-KAVO_ERR kavo_table_no_lock(const char *source, const char *function, KAVO_ERR error, KAVO_ERR logged,
-                            const char *message, int line) {
-  if (error != KAVOE_SRV) pelk_log_error(source, function, line, 0, logged, "%s", message);
-  return error;
-}
-
-uint32_t kavo_table_expect(KAVO, KAVO_QUERY_NODE node, kavo_query_state state) {
-  node->wanted = std::min(node->wanted, state);
-  return kavo_node_bit(node);
-}
-
-KAVO_ERR kavo_table_wait(KAVO ctx, const struct timeval *deadline, uint32_t bits) {
-  const int error = deadline != nullptr ? pelk_cond_wait_deadline(&ctx->cond_table, &ctx->mx_table, deadline, bits)
-                                        : pelk_cond_wait(&ctx->cond_table, &ctx->mx_table, bits);
-  if (error == 0) return KAVOE_OK;
-  if (error == PELK_TIMEDOUT) return KAVOE_TIMEOUT;
-  PELK_ERROR(kSource, __func__, error, error, "Condition waiting error");
-  return KAVOE_THR;
-}
-
-void kavo_table_broadcast(KAVO ctx) {
-  if (ctx->event.load(std::memory_order_relaxed) == 0) return;
-  const uint32_t bits = ctx->event.exchange(0);
-  if (bits != 0) pelk_cond_broadcast(&ctx->cond_table, bits);
 }
 
 bool kavo_table_give_back(KAVO ctx) {
@@ -227,7 +179,7 @@ KAVO_ERR kavo_table_release_node(KAVO ctx, KAVO_QUERY_NODE node) {
   return kavo_table_unsubscribe_node(ctx, node);
 }
 
-// The list of WAIT holds the DCFAIL and PRESOLVED nodes too.
+// The list of WAIT has the DCFAIL and PRESOLVED nodes too.
 KAVO_ERR kavo_table_fail_nodes(KAVO ctx) {
   for (const kavo_query_state state : {KAVOQS_NEW, KAVOQS_SUBMITTED, KAVOQS_WAIT}) {
     STAT_RANGEITEM cursor = {};
@@ -240,15 +192,14 @@ KAVO_ERR kavo_table_fail_nodes(KAVO ctx) {
   return KAVOE_OK;
 }
 
-// At rest what can be joined is resolved, or a sync node.
+// At rest a node that can be joined is resolved, or a sync node.
 void kavo_table_forget_lists(KAVO ctx) {
   kavo_table_guard guard(ctx);
   if (guard.error != KAVOE_OK) return;
   STAT_RANGEITEM cursor = {};
   const PSTAT_RANGEITEM list = range_find(&ctx->query_table, KAVO_RANGE_DONE, &cursor);
   for (shash_item *item = list == nullptr ? nullptr : range_item_first(list); item != nullptr; item = item->range_next)
-    if (kavo_zonesmap_is_list(kavo_node_type_of(kavo_node_of_key(ctx, item->pKey))))
-      shash_unindex(&ctx->query_table, item);
+    if (kavo_type_is_list(kavo_node_type_of(kavo_node_of_key(ctx, item->pKey)))) shash_unindex(&ctx->query_table, item);
 }
 
 KAVO_ERR kavo_table_change_state(KAVO ctx, KAVO_QUERY_NODE node, kavo_query_state state) {
@@ -262,7 +213,7 @@ KAVO_ERR kavo_table_change_state(KAVO ctx, KAVO_QUERY_NODE node, kavo_query_stat
     if (error != KAVOE_OK) return error;
   }
   node->state = state;
-  tell_waiters(ctx, node);
+  kavo_table_tell(ctx, node);
   if (state == KAVOQS_SYNCSIG) kavo_table_broadcast(ctx);
   return KAVOE_OK;
 }
@@ -278,67 +229,14 @@ KAVO_QUERY_NODE kavo_table_list_item(KAVO ctx, PSTAT_RANGEITEM range) {
   return item == nullptr ? nullptr : kavo_node_of_key(ctx, item->pKey);
 }
 
-// kavo_table_keycmp returns 0 for the keys of one question, 1 otherwise. The hash table calls it from operations made
-// with mx_table held, which the analysis cannot see.
-int kavo_table_keycmp(void *owner, const uint8_t *pbuf1, uint16_t len1, const uint8_t *pbuf2,
-                      uint16_t len2) PELK_NO_ANALYSIS {
-  const kavo_t *ctx = static_cast<const kavo_t *>(owner);
-  if (len1 != len2 || memcmp(pbuf1, pbuf2, KAVO_KEY_DN) != 0) return 1;
-  const unsigned dnlen = dns_dnequal(pbuf1 + KAVO_KEY_DN, pbuf2 + KAVO_KEY_DN);
-  if (dnlen == 0) return 1;
-  const size_t servers_at = KAVO_KEY_DN + dnlen;
-  if (memcmp(pbuf1 + servers_at, pbuf2 + servers_at, len1 - servers_at) != 0) return 1;
-  const auto flags = [ctx](const uint8_t *key) PELK_NO_ANALYSIS {
-    return key == ctx->lookup.key ? ctx->lookup.flags : kavo_node_of_key(ctx, key)->flags;
-  };
-  return ((flags(pbuf1) ^ flags(pbuf2)) & KAVOQF_CMPMASK) == 0 ? 0 : 1;
-}
-
-// kavo_table_keyfree releases the node of a key that leaves the hash table, with mx_table held like the comparison.
-void kavo_table_keyfree(void *owner, uint8_t *pbuf, PSTAT_HASHITEM pitem) PELK_NO_ANALYSIS {
-  if (pbuf == nullptr) return;
-  kavo_t *ctx = static_cast<kavo_t *>(owner);
-  kavo_query_node_t *node = kavo_node_of_key(ctx, pbuf);
-  PELK_ASSERT(!node->client_count && !node->qh_count, kSource);
-  PELK_ASSERT(node->hashitem == pitem, kSource);
-  PELK_ASSERT((node->cb_args && node->args_count) || (!node->cb_args && !node->args_count), kSource);
-  PELK_ASSERT(node->ctx == ctx, kSource);
-  kavo_table_free_args(ctx, node);
-  kavo_table_put_block(ctx, node, pitem->key_size);
-}
-
-kavo_query_node_t *kavo_table_get_block(KAVO ctx, uint16_t key_size) {
-  const unsigned size_class = block_class(key_size);
-  kavo_spare_blocks &spare = ctx->spare_blocks;
-  const size_t distance = kavo_key_distance(ctx);
-  if (spare.first[size_class] == nullptr)
-    return static_cast<kavo_query_node_t *>(calloc(1, distance + (size_class + 1) * kBlockStep));
-  void *block = spare.first[size_class];
-  spare.first[size_class] = spare.first[size_class]->next;
-  --spare.count[size_class];
-  memset(block, 0, distance);
-  return static_cast<kavo_query_node_t *>(block);
-}
-
-void kavo_table_put_block(KAVO ctx, kavo_query_node_t *node, uint16_t key_size) {
-  const unsigned size_class = block_class(key_size);
-  kavo_spare_blocks &spare = ctx->spare_blocks;
-  void *block = node;
-  if (spare.count[size_class] >= kSpareMax) {
-    free(block);
-    return;
-  }
-  spare.first[size_class] = new (block) kavo_spare_block{spare.first[size_class]};
-  ++spare.count[size_class];
-}
-
-// kavo_table_init runs while nobody else knows the context, hence without the lock that it makes.
-KAVO_ERR kavo_table_init(KAVO ctx, int table_size) PELK_NO_ANALYSIS {
+// kavo_table_init runs while no other thread knows the context, hence without the lock that it makes.
+KAVO_ERR kavo_table_init(KAVO ctx, int table_size, kavo_cancel_fn *cancel) PELK_NO_ANALYSIS {
   if (ctx == nullptr || table_size <= 0) return KAVOE_BADPAR;
   const unsigned size = static_cast<unsigned>(table_size);
   if (shash_init(&ctx->query_table, size, 0, kavo_table_keycmp, kavo_table_keyfree, KAVO_RANGES) != 0)
     return init_failed("Table initialization error", KAVOE_FAIL);
   ctx->query_table.owner = ctx;
+  ctx->cancel = cancel;
   ctx->table_size = size;
   ctx->table_nfree = size;
   const KAVO_ERR error = init_locks(ctx, size);
@@ -350,14 +248,14 @@ KAVO_ERR kavo_table_init(KAVO ctx, int table_size) PELK_NO_ANALYSIS {
   return KAVOE_OK;
 }
 
-// kavo_table_destroy runs when nobody else uses the context any more, hence without the lock that it releases.
+// kavo_table_destroy runs when no other thread uses the context, hence without the lock that it releases.
 KAVO_ERR kavo_table_destroy(KAVO ctx) PELK_NO_ANALYSIS {
   if (ctx == nullptr) return KAVOE_BADPAR;
   if (!ctx->table_ready) return KAVOE_OK;
   ctx->table_ready = false;
   KAVO_ERR error = KAVOE_OK;
   if (shash_destroy(&ctx->query_table) != 0) error = destroy_failed("Table destroying error", KAVOE_FAIL);
-  release_spare_blocks(&ctx->spare_blocks);
+  kavo_spare_blocks_free(&ctx->spare_blocks);
   if (pelk_sem_destroy(&ctx->sem_free_node) != 0) error = destroy_failed("Semaphore destroying error", KAVOE_THR);
   if (pelk_mutex_destroy(&ctx->mx_table) != 0) error = destroy_failed("Mutex destroying error", KAVOE_THR);
   if (pelk_cond_destroy(&ctx->cond_table) != 0) error = destroy_failed("Condition destroying error", KAVOE_THR);

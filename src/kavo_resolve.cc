@@ -1,34 +1,38 @@
-// kavo_resolve.cc - the front door for questions: subscribing and unsubscribing nodes, views of a node, and the
-// engine's statistics of its servers.
+// kavo_resolve.cc - subscribing and unsubscribing nodes, and views of a node.
 //
 // Runs on the host's threads. A subscription adds only its checks to the query table's work and takes no lock of its
-// own; the views take the table lock; the statistics take none.
+// own; the views take the table lock.
 #include "kavo_resolve.h"
 
 #include <stdint.h>
 #include <string.h>
 
-#include <algorithm>
 #include <array>
 
-#include <dns_engine.h>
 #include <dns_wire.h>
-#include <pelk.h>
+#include <kavo.h>
+#include <pelk_log.h>
 
+#include "kavo_node.h"
+#include "kavo_node_servers.h"
+#include "kavo_query_table.h"
+#include "kavo_state.h"
 #include "kavo_t.h"
+#include "kavo_table_add.h"
+#include "kavo_table_lock.h"
+#include "kavo_types.h"
+#include "kavo_zonesmap.h"
 
 namespace {
 
 constexpr auto &kSource = KAVO_RESOLVE_SOURCE;
+constexpr char kStopped[] = "Attempt to subscribe query node when server is stopped";
 
-// The longest question that kavo_subscribe_node takes, in bytes.
+// The longest subject that kavo_subscribe_node takes, in bytes.
 constexpr int kQueryMax = 255;
 
 // The labels that follow a reversed address in a PTR question, in wire form (the closing zero is the literal's own).
 constexpr char kInAddrArpa[] = "\7in-addr\4arpa";
-
-// From 1970-01-01 00:00:00 UTC to 2000-01-01, where the engine's seconds begin.
-constexpr int64_t kEngineEpoch = 946684800;
 
 using Dn = std::array<unsigned char, DNS_MAXDN>;
 using Servers = std::array<kavo_sa, KAVO_MAX_SERV>;
@@ -37,23 +41,8 @@ constexpr unsigned public_flags(unsigned flags) {
   return flags & ~KAVOQF_INTERNAL;
 }
 
-// asks_address returns whether a type's questions are IPv4 addresses.
-constexpr bool asks_address(KAVO_TYPE type) {
-  return type == KAVOT_BL_IP || type == KAVOT_BL_IP_TXT || type == KAVOT_DNS_PTR;
-}
-
-// read_servers turns a caller's list into a key's entries; `nserv` is at most the entries' number.
-[[nodiscard]] KAVO_ERR read_servers(const struct sockaddr *serv, unsigned nserv, Servers *entries) {
-  for (unsigned i = 0; i < nserv; ++i) {
-    struct sockaddr_in server;
-    memcpy(&server, serv + i, sizeof(server));
-    if (server.sin_family != AF_INET) {
-      PELK_INFO(kSource, "kavo_subscribe_node_", "Only IPv4 addresses are supported in servers list for node");
-      return KAVOE_BADPAR;
-    }
-    (*entries)[i] = {.addr = server.sin_addr.s_addr, .port = server.sin_port, .unused = 0};
-  }
-  return KAVOE_OK;
+[[nodiscard]] bool asks_address(KAVO_TYPE type) {
+  return kavo_type_find(type).subject == kavo_subject::address;
 }
 
 // address_dn writes the DN of a question about an address; 0 when the bytes are no address.
@@ -66,22 +55,14 @@ constexpr bool asks_address(KAVO_TYPE type) {
   return size;
 }
 
-// statistic asks the engine for one of its figures about a server.
-template <typename Value>
-[[nodiscard]] KAVO_ERR statistic(dns_status (*getter)(struct dns_ctx *, const struct sockaddr *, Value *), KAVO kavo,
-                                 const struct sockaddr *sa, Value *value) {
-  if (kavo == nullptr || sa == nullptr || value == nullptr) return KAVOE_BADPAR;
-  if (kavo_is_foreign(kavo)) return KAVOE_SRV;
-  return kavo_convert_status(getter(kavo->udns_ctx, sa, value));
-}
-
-}  // namespace
-
-KAVO_ERR kavo_subscribe_node_(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn, const struct sockaddr *serv,
-                              unsigned nserv, unsigned flags, const struct timeval *deadline, KAVO_QUERY_NODE *node) {
+// kavo_subscribe_node_ is the core of every subscription: the checks, then the table. `flags` are taken as given, the
+// internal ones included; but a question with servers of its own is never recursive.
+[[nodiscard]] KAVO_ERR kavo_subscribe_node_(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn,
+                                            const struct sockaddr *serv, unsigned nserv, unsigned flags,
+                                            const struct timeval *deadline, KAVO_QUERY_NODE *node) {
   if (kavo == nullptr) return KAVOE_BADPAR;
   const uint32_t run = kavo_table_run(kavo);
-  KAVO_ERR error = kavo_check_running(kavo, kSource, __func__, KAVO_SUBSCRIBE_STOPPED);
+  KAVO_ERR error = kavo_check_running(kavo, kSource, __func__, kStopped);
   if (error != KAVOE_OK) return error;
   if (kavo->zone_counts[kavo_zonesmap_slot(query_type)].load(std::memory_order_relaxed) == 0) {
     PELK_INFO(kSource, __func__, "Cannot subscribe node, no zones defined for query type");
@@ -91,7 +72,7 @@ KAVO_ERR kavo_subscribe_node_(KAVO kavo, KAVO_TYPE query_type, const unsigned ch
   const unsigned count = serv == nullptr ? 0 : nserv;
   if (count > 0) {
     if (count > servers.size()) return KAVOE_BADPAR;
-    error = read_servers(serv, count, &servers);
+    error = kavo_node_servers_pack(servers.data(), serv, count);
     if (error != KAVOE_OK) return error;
     flags &= ~static_cast<unsigned>(KAVOQF_RECURSIVE);
   }
@@ -103,8 +84,10 @@ KAVO_ERR kavo_subscribe_node_(KAVO kavo, KAVO_TYPE query_type, const unsigned ch
       kavo_table_add(kavo, query_type, dn, count == 0 ? nullptr : servers.data(), count, deadline, flags, run, node);
   if (error != KAVOE_SRV) [[likely]]
     return error;
-  return kavo_not_running(kavo, kSource, __func__, KAVO_SUBSCRIBE_STOPPED, __LINE__);
+  return kavo_not_running(kavo, kSource, __func__, kStopped, __LINE__);
 }
+
+}  // namespace
 
 extern "C" {
 
@@ -191,32 +174,6 @@ KAVO_ERR kavo_node_qdn(KAVO kavo, KAVO_QUERY_NODE node, unsigned char *qdn, unsi
   if (size < length) return KAVOE_NOMEM;
   memcpy(qdn, dn, length);
   return KAVOE_OK;
-}
-
-KAVO_ERR kavo_get_serv_avgrtt(KAVO kavo, const struct sockaddr *sa, int *value) {
-  return statistic(dns_get_serv_avgrtt, kavo, sa, value);
-}
-
-KAVO_ERR kavo_get_serv_lastrtt(KAVO kavo, const struct sockaddr *sa, int *value) {
-  return statistic(dns_get_serv_lastrtt, kavo, sa, value);
-}
-
-KAVO_ERR kavo_get_serv_last_check(KAVO kavo, const struct sockaddr *sa, int *value) {
-  const KAVO_ERR error = statistic(dns_get_serv_last_check, kavo, sa, value);
-  if (error == KAVOE_OK) *value = static_cast<int>(std::min<int64_t>(*value + kEngineEpoch, INT32_MAX));
-  return error;
-}
-
-KAVO_ERR kavo_get_serv_nqsent(KAVO kavo, const struct sockaddr *sa, uint64_t *value) {
-  return statistic(dns_get_serv_nqsent, kavo, sa, value);
-}
-
-KAVO_ERR kavo_get_serv_nused(KAVO kavo, const struct sockaddr *sa, uint64_t *value) {
-  return statistic(dns_get_serv_nused, kavo, sa, value);
-}
-
-KAVO_ERR kavo_get_serv_ntimeout(KAVO kavo, const struct sockaddr *sa, uint64_t *value) {
-  return statistic(dns_get_serv_ntimeout, kavo, sa, value);
 }
 
 }  // extern "C"

@@ -1,20 +1,17 @@
 // kavo_rr.cc - record blocks: allocating, growing, copying, measuring and releasing them.
 //
-// A block's pointers point into the block itself, so a copy rebuilds every one of them. Copies stand on the path of
-// every answer and blocks can come from a host: a copy runs over its source once, and believes neither its counts nor
-// its pointers. Whatever the source refers to must lie in its used bytes, and whatever is placed must lie in the
-// destination, or the copy ends with an assertion in the log and an empty destination. No state: any thread may run
-// this.
+// A block's pointers point into the block itself, so a copy rebuilds every one of them. Every answer is copied, and
+// blocks can come from a host: a copy runs over its source once, and believes neither its counts nor its pointers. What
+// the source refers to must be in its used bytes, and what is placed must be in the destination; otherwise the copy
+// ends with an assertion in the log and an empty destination. No state: any thread may run this.
 #include "kavo_rr.h"
 
 #include <errno.h>
 #include <stddef.h>
 #include <string.h>
 
-#include <array>
-
 #include <dns_engine.h>
-#include <pelk.h>
+#include <pelk_log.h>
 
 namespace {
 
@@ -39,7 +36,7 @@ class Extent {
  public:
   Extent(const void *block, size_t size) : start_(static_cast<const char *>(block)), size_(size) {}
 
-  // holds returns whether `count` bytes at `place` lie in the extent.
+  // holds returns whether `count` bytes at `place` are in the extent.
   [[nodiscard]] bool holds(const void *place, size_t count) const {
     const size_t at = distance(place);
     return at <= size_ && count <= size_ - at;
@@ -63,16 +60,16 @@ class Extent {
   size_t size_;
 };
 
-// Names is where a block's two names lie in the source and in the copy, once both are known to fit.
+// Names is the places of a block's two names in the source and in the copy, once both are known to fit.
 struct Names {
-  const char *cname;
-  const char *qname;
-  size_t cname_size;  // with the terminator
-  size_t qname_size;  // 0 when the two names share one text
-  size_t at;          // the canonical name's distance from the block's first byte, the same in both blocks
+  const char *cname = nullptr;
+  const char *qname = nullptr;
+  size_t cname_size = 0;  // with the terminator
+  size_t qname_size = 0;  // 0 when the two names share one text
+  size_t at = 0;          // the canonical name's distance from the block's first byte, the same in both blocks
 };
 
-// Packing is a copy under way: entries and texts are placed between the record structure and the canonical name.
+// Packing is a copy under way. Entries and texts are placed between the record structure and the canonical name.
 class Packing {
  public:
   Packing(const KAVO_RR &source, const KAVO_RR &target, size_t names_at)
@@ -149,8 +146,8 @@ template <typename Entry>
   return true;
 }
 
-// copy_entries copies the array entry by entry, each with the text that it points to. The source's array is foreign and
-// may lie at any address, hence the copies of whole entries.
+// copy_entries copies the array entry by entry, each with its text. The source's array is foreign and may be at any
+// address, so entries are copied whole and never read in place.
 template <typename Entry, typename Place>
 [[nodiscard]] bool copy_entries(Packing *packing, Place place_one) {
   if (!packing->open(sizeof(Entry))) return false;
@@ -197,8 +194,8 @@ template <typename Entry>
   return false;
 }
 
-// fit_names finds the places of the two names. False, with the assertion logged, when one of them does not end inside
-// the source or would not lie inside the destination.
+// fit_names finds the places of the two names. False, with the assertion logged, for a name that does not end inside
+// the source or would not be inside the destination.
 [[nodiscard]] bool fit_names(const KAVO_RR &source, const KAVO_RR &target, Names *names) {
   static constexpr char kStep[] = "kavo_rr_cpy_finish";
   const Extent extent(source.rr_mem, source.rr_mem->dnsm_written);
@@ -225,7 +222,7 @@ template <typename Entry>
   return true;
 }
 
-// finish places the names and the head. The used bytes are the source's, and reach at least to the end of the names.
+// finish places the names and the head. As many bytes are used as in the source, and at least up to the names' end.
 void finish(const KAVO_RR &source, const KAVO_RR &target, const Names &names) {
   char *block = reinterpret_cast<char *>(target.rr_mem);
   char *entries = block + kRecordSize;
@@ -297,7 +294,7 @@ void finish(const KAVO_RR &source, const KAVO_RR &target, const Names &names) {
   return KAVOE_NOMEM;
 }
 
-// replace gives a handle a fresh block; an empty one that it held is released.
+// replace gives a handle a fresh block, and releases an empty block that it held.
 [[nodiscard]] KAVO_ERR replace(KAVO_RR *rr, unsigned size) {
   KAVO_RR fresh = {};
   const KAVO_ERR error = kavo_rr_alloc(&fresh, size);
@@ -307,43 +304,14 @@ void finish(const KAVO_RR &source, const KAVO_RR &target, const Names &names) {
   return KAVOE_OK;
 }
 
-// The layouts of the list types, by their distance from the first.
-constexpr std::array kListLayouts = {
-    kavo_rr_layout::a4, kavo_rr_layout::a4,  kavo_rr_layout::txt,   kavo_rr_layout::txt, kavo_rr_layout::a6,
-    kavo_rr_layout::mx, kavo_rr_layout::srv, kavo_rr_layout::cname, kavo_rr_layout::ns,
-};
-static_assert(kListLayouts.size() == KAVOT_BL_NS - KAVOT_BL_IP + 1);
-
-// The layouts of the DNS types up to the highest that has one.
-constexpr auto kDnsLayouts = [] {
-  std::array<kavo_rr_layout, KAVOT_DNS_SRV + 1> layouts{};
-  layouts[KAVOT_DNS_A] = kavo_rr_layout::a4;
-  layouts[KAVOT_DNS_NS] = kavo_rr_layout::ns;
-  layouts[KAVOT_DNS_CNAME] = kavo_rr_layout::cname;
-  layouts[KAVOT_DNS_PTR] = kavo_rr_layout::ptr;
-  layouts[KAVOT_DNS_MX] = kavo_rr_layout::mx;
-  layouts[KAVOT_DNS_TXT] = kavo_rr_layout::txt;
-  layouts[KAVOT_DNS_AAAA] = kavo_rr_layout::a6;
-  layouts[KAVOT_DNS_SRV] = kavo_rr_layout::srv;
-  return layouts;
-}();
-
 }  // namespace
-
-kavo_rr_layout kavo_rr_layout_of(KAVO_TYPE type) {
-  const auto number = static_cast<uint32_t>(type);
-  if (number < kDnsLayouts.size()) return kDnsLayouts[number];
-  if (number - KAVOT_BL_IP < kListLayouts.size()) return kListLayouts[number - KAVOT_BL_IP];
-  if (number == KAVOT_DNS_ETXT) return kavo_rr_layout::etxt;
-  return number == KAVOT_PKT ? kavo_rr_layout::pkt : kavo_rr_layout::none;
-}
 
 extern "C" {
 
 KAVO_ERR kavo_rr_alloc(KAVO_RR *rr, unsigned int size) {
   if (rr == nullptr) return KAVOE_BADPAR;
   if (!within_limit(__func__, size)) return KAVOE_NOMEM;
-  // Even a block that is asked to have no room holds its own head.
+  // A block of any size holds its own head.
   const size_t bytes = size < sizeof(dns_rr_mem) ? sizeof(dns_rr_mem) : size;
   rr->rr_mem = static_cast<dns_rr_mem *>(dns_calloc(1, bytes));
   if (rr->rr_mem == nullptr) return out_of_memory(__func__, size);
@@ -379,7 +347,7 @@ KAVO_ERR kavo_rr_cpy(KAVO_TYPE type, const KAVO_RR *src_rr, KAVO_RR *dst_rr) {
 
 KAVO_ERR kavo_rr_dup(KAVO_TYPE type, const KAVO_RR *src_rr, KAVO_RR *dst_rr) {
   if (src_rr == nullptr || dst_rr == nullptr || src_rr->rr_mem == nullptr) return KAVOE_BADPAR;
-  // To make room would release the source.
+  // Making room would release the source.
   if (src_rr->rr_mem == dst_rr->rr_mem) return kavo_rr_cpy(type, src_rr, dst_rr);
   KAVO_ERR error = KAVOE_OK;
   if (dst_rr->rr_mem == nullptr || dst_rr->rr_mem->dnsm_size == 0) {

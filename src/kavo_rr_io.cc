@@ -2,8 +2,8 @@
 //
 // A record holds integers of 32 bits in the machine's byte order and nothing that tells its type or its version: the
 // caller knows the type. One table says how the entries of each layout are stored. What is read is foreign: every
-// length is held against the bytes that the record itself claims for its block, and a block that is being read is at
-// every moment one whose pointers are null or lead into it. No state: any thread may run this, one at a time on a
+// length is compared with the bytes that the record itself claims for its block, and at every moment the pointers of a
+// block that is being read are null or lead into the block. No state: any thread may run this, one at a time on a
 // stream and on a block.
 #include <errno.h>
 #include <stddef.h>
@@ -13,7 +13,8 @@
 #include <array>
 
 #include <dns_engine.h>
-#include <pelk.h>
+#include <pelk_log.h>
+#include <pelk_thread.h>
 
 #include "kavo_rr.h"
 
@@ -27,19 +28,19 @@ constexpr size_t kRecordSize = kArrayAt + sizeof(void *);
 constexpr size_t kPacketAt = offsetof(dns_rr_pkt, dnspkt_pkt);
 static_assert(sizeof(dns_rr_a4) == kRecordSize && sizeof(dns_rr_srv) == kRecordSize);
 
-// Text is what stands behind the fixed bytes of a stored entry: nothing, a name behind its length, or a text whose
-// length is the last of the fixed bytes and which is terminated in the block, or is not.
+// Text is what follows the fixed bytes of a stored entry: nothing; a name after its length; or a text whose length is
+// in the fixed bytes, and which has a terminator in the block (closed) or has none (open).
 enum class Text { none, name, closed, open };
 
 // Form is how the entries of one layout are stored: `fixed` bytes from the entry's first one on, then its text.
 struct Form {
-  size_t entry_size;
-  size_t fixed;
-  Text text;
-  size_t text_at;    // of the pointer to the text, in the entry
-  const char *what;  // the layout in messages
-  const char *write_step;
-  const char *read_step;
+  size_t entry_size = 0;
+  size_t fixed = 0;
+  Text text = Text::none;
+  size_t text_at = 0;          // of the pointer to the text, in the entry
+  const char *what = nullptr;  // the layout in messages
+  const char *write_step = nullptr;
+  const char *read_step = nullptr;
 };
 
 constexpr std::array<Form, static_cast<size_t>(kavo_rr_layout::pkt) + 1> kForms = {{
@@ -67,17 +68,17 @@ static_assert(kEntryMax >= sizeof(in6_addr) && kEntryMax >= sizeof(dns_txt));
 
 // Step is what a failure is reported as.
 struct Step {
-  const char *name;
-  const char *what;
+  const char *name = nullptr;
+  const char *what = nullptr;
 };
 
-KAVO_ERR write_failed(const Step &step) {
+[[nodiscard]] KAVO_ERR write_failed(const Step &step) {
   PELK_ERROR(kSource, step.name, errno, KAVOE_FILE, "Unable to write %s RR data to the file", step.what);
   return KAVOE_FILE;
 }
 
-// read_failed reports a record that does not come, or that contradicts itself, which is no failure of a call.
-KAVO_ERR read_failed(FILE *file, const Step &step) {
+// read_failed reports a record that cannot be read or contradicts itself. Only a failed call leaves an errno.
+[[nodiscard]] KAVO_ERR read_failed(FILE *file, const Step &step) {
   PELK_ERROR(kSource, step.name, ferror(file) != 0 ? errno : 0, KAVOE_FILE, "Unable to read %s RR data from file",
              step.what);
   return KAVOE_FILE;
@@ -93,13 +94,13 @@ KAVO_ERR read_failed(FILE *file, const Step &step) {
   return put(file, &value, sizeof(value));
 }
 
-// put_name writes a text and its terminator behind their length, 0 for none.
+// put_name writes a text and its terminator after their length, 0 for no text.
 [[nodiscard]] bool put_name(FILE *file, const char *name) {
   const size_t size = name == nullptr ? 0 : strlen(name) + 1;
   return put_u32(file, static_cast<uint32_t>(size)) && put(file, name, size);
 }
 
-// writable_text tells whether an entry's text and its length agree.
+// writable_text returns whether an entry's text and its length agree.
 [[nodiscard]] bool writable_text(int32_t length, const char *text) {
   return length >= 0 && (text != nullptr || length == 0);
 }
@@ -119,7 +120,7 @@ KAVO_ERR read_failed(FILE *file, const Step &step) {
 }
 
 // entries_of returns the address of a block's array.
-const char *entries_of(const KAVO_RR &rr) {
+[[nodiscard]] const char *entries_of(const KAVO_RR &rr) {
   const char *entries;
   memcpy(&entries, reinterpret_cast<const char *>(rr.rr_mem) + kArrayAt, sizeof(entries));
   return entries;
@@ -153,7 +154,7 @@ const char *entries_of(const KAVO_RR &rr) {
   return named ? KAVOE_OK : write_failed({"kavo_rr_write_finish", "common"});
 }
 
-// write_packet writes as many bytes as the block's used size says, since that is all that the reader will know.
+// write_packet writes as many bytes as the block's used size says, which is all that the reader will know.
 [[nodiscard]] KAVO_ERR write_packet(FILE *file, const Form &form, const dns_rr_pkt *block) {
   const uint32_t written = block->dnspkt_written;
   if (written < kPacketAt || block->dnspkt_psize > written - kPacketAt) return KAVOE_BADPAR;
@@ -246,7 +247,7 @@ class RecordReader {
     return true;
   }
 
-  // text reads an entry's text; the null pointer of an entry without one is there already.
+  // text reads an entry's text. The pointer of an entry without a text is null already.
   [[nodiscard]] bool text(size_t entry_at, int32_t length) {
     const size_t closing = form_.text == Text::closed ? 1 : 0;
     const auto size = static_cast<size_t>(length);
@@ -265,8 +266,8 @@ class RecordReader {
     return get(&size, sizeof(size)) && size <= room() && name_at(entry_at + form_.text_at, size);
   }
 
-  // name_at reads a name of `size` bytes, for which there is room, and points the pointer at `pointer_at` to it. False
-  // for one that does not end where its length says.
+  // name_at reads a name of `size` bytes, for which there is room, and sets the pointer at `pointer_at` to it; false
+  // for a name that does not end where its length says.
   [[nodiscard]] bool name_at(size_t pointer_at, size_t size) {
     if (size == 0) return true;
     char *place = block() + at_;
@@ -284,7 +285,7 @@ class RecordReader {
     if (!get(&cname_size, sizeof(cname_size)) || cname_size > room()) return read_failed(file_, kStep);
     if (!name_at(offsetof(dns_rr_null, dnsn_cname), cname_size)) return read_failed(file_, kStep);
     if (!get(&qname_size, sizeof(qname_size)) || qname_size > limit_) return read_failed(file_, kStep);
-    // Room for the terminators alone is what a block with one text has; the query name must not take it.
+    // A block with one text for both names has room for the terminators alone, which the query name must not take.
     if (qname_size > room() || (qname_size > 0 && room() == unclosed_)) {
       const KAVO_ERR error = widen(at_ + unclosed_ + qname_size);
       if (error != KAVOE_OK) return error;
@@ -293,8 +294,8 @@ class RecordReader {
     return name_at(offsetof(dns_rr_null, dnsn_qname), qname_size) ? KAVOE_OK : read_failed(file_, kStep);
   }
 
-  // leave_room moves the canonical name up by the terminators of the texts that are null: a copy of the block gives
-  // each of them one, and keeps the name where it is.
+  // leave_room moves the canonical name up by the terminators of the texts that are null. A copy of the block gives
+  // each of these texts a terminator, and keeps the name where it is.
   void leave_room(size_t cname_size) {
     if (cname_size > 0 && unclosed_ > 0) {
       const size_t cname_at = at_ - cname_size;
@@ -319,7 +320,7 @@ class RecordReader {
     return KAVOE_OK;
   }
 
-  // rebase mends the pointers of a block that has moved away from `old`.
+  // rebase mends the pointers of a block that has moved from `old`.
   void rebase(uintptr_t old) {
     move_pointer(kArrayAt, old);
     move_pointer(offsetof(dns_rr_null, dnsn_cname), old);
@@ -339,7 +340,7 @@ class RecordReader {
   KAVO_RR *rr_;
   size_t at_ = 0;
   size_t limit_ = 0;
-  size_t unclosed_ = 0;  // texts that are null, and would have a terminator if they were not
+  size_t unclosed_ = 0;  // texts that are null and would else have a terminator
 };
 
 }  // namespace

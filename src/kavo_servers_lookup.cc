@@ -1,8 +1,7 @@
-// kavo_set_server_lookup.cc - the servers that the DNS engine asks, by address, by a host's name, or by the names of a
-// zone's name servers.
+// kavo_servers_lookup.cc - a context's servers by address, by a host's name, or by the names of a zone's name servers.
 //
-// Runs on the host's thread while the context is not open. Names are looked up synchronously, through the servers
-// configured so far: this thread then opens the engine's transport and drives it itself.
+// Runs on the host's thread while the context is at rest. Names are looked up synchronously, through the servers
+// configured so far: this thread opens the engine's transport and drives it itself.
 #include <errno.h>
 #include <stdint.h>
 
@@ -11,8 +10,10 @@
 
 #include <dns_engine.h>
 #include <dns_wire.h>
-#include <pelk.h>
+#include <pelk_log.h>
+#include <pelk_thread.h>
 
+#include "kavo_rest.h"
 #include "kavo_t.h"
 
 namespace {
@@ -48,8 +49,8 @@ class Transport {
   bool opened_;
 };
 
-// Hosts is the answers to the lookups of a zone's name servers, in the order of their names; those without an address
-// are left out.
+// Hosts is the answers to the lookups of a zone's name servers, in the order of their names, without the servers that
+// have no address.
 class Hosts {
  public:
   Hosts() = default;
@@ -84,20 +85,20 @@ std::span<const struct in_addr> addresses_of(const dns_rr_a4 *answer) {
   return {answer->dnsa4_addr, static_cast<size_t>(answer->dnsa4_nrr)};
 }
 
-// lookup_error returns why a lookup brought nothing.
-KAVO_ERR lookup_error(KAVO kavo) {
+// lookup_error returns why a lookup has no result.
+[[nodiscard]] KAVO_ERR lookup_error(KAVO kavo) {
   const KAVO_ERR error = kavo_dns_status(kavo);
   return error != KAVOE_OK ? error : KAVOE_NODATA;
 }
 
-KAVO_ERR empty_list(KAVO kavo) {
+[[nodiscard]] KAVO_ERR empty_list(KAVO kavo) {
   if (dns_add_serv(kavo->udns_ctx, nullptr) == 0) return KAVOE_OK;
   PELK_ERROR(kSource, kFunction, 0, KAVOE_DNS, "Unable to reset DNS servers list");
   return KAVOE_DNS;
 }
 
-// append appends a server; its engine's new count, or a negative status.
-int append(KAVO kavo, in_port_t port, const struct in_addr &address) {
+// append appends a server. Returns the engine's new count of servers, or a negative status.
+[[nodiscard]] int append(KAVO kavo, in_port_t port, const struct in_addr &address) {
   struct sockaddr_in server = {};
   server.sin_family = AF_INET;
   server.sin_port = port;
@@ -105,8 +106,8 @@ int append(KAVO kavo, in_port_t port, const struct in_addr &address) {
   return dns_add_serv_s(kavo->udns_ctx, reinterpret_cast<const struct sockaddr *>(&server));
 }
 
-// replace_list makes these addresses the servers; those before one that cannot be added stay.
-KAVO_ERR replace_list(KAVO kavo, in_port_t port, std::span<const struct in_addr> addresses) {
+// replace_list makes these addresses the servers. An address that cannot be added ends the list with those before it.
+[[nodiscard]] KAVO_ERR replace_list(KAVO kavo, in_port_t port, std::span<const struct in_addr> addresses) {
   const KAVO_ERR error = empty_list(kavo);
   if (error != KAVOE_OK) return error;
   int count = 0;
@@ -118,8 +119,8 @@ KAVO_ERR replace_list(KAVO kavo, in_port_t port, std::span<const struct in_addr>
   return KAVOE_OK;
 }
 
-// replace_list_by_hosts does the same with the addresses of several hosts, and passes over what cannot be added.
-KAVO_ERR replace_list_by_hosts(KAVO kavo, in_port_t port, const Hosts &hosts) {
+// replace_list_by_hosts makes the addresses of several hosts the servers, without those that cannot be added.
+[[nodiscard]] KAVO_ERR replace_list_by_hosts(KAVO kavo, in_port_t port, const Hosts &hosts) {
   const KAVO_ERR error = empty_list(kavo);
   if (error != KAVOE_OK) return error;
   int count = 0;
@@ -136,15 +137,15 @@ KAVO_ERR replace_list_by_hosts(KAVO kavo, in_port_t port, const Hosts &hosts) {
   return KAVOE_DNS;
 }
 
-KAVO_ERR set_by_host(KAVO kavo, in_port_t port, const char *host, Transport *transport) {
+[[nodiscard]] KAVO_ERR set_by_host(KAVO kavo, in_port_t port, const char *host, Transport *transport) {
   const Owned<dns_rr_a4> answer(dns_resolve_a4(kavo->udns_ctx, host, 0));
   if (answer == nullptr || answer->dnsa4_nrr <= 0) return lookup_error(kavo);
   transport->close();
   return replace_list(kavo, port, addresses_of(answer.get()));
 }
 
-// look_up_zone stores the names of a zone's name servers, a block of the caller's.
-KAVO_ERR look_up_zone(KAVO kavo, const char *zone, KAVO_RR *names) {
+// look_up_zone stores the names of a zone's name servers in a block of the caller's.
+[[nodiscard]] KAVO_ERR look_up_zone(KAVO kavo, const char *zone, KAVO_RR *names) {
   KAVO_RR answer = {};
   const Owned<void> block(dns_resolve_p(kavo->udns_ctx, zone, DNS_C_IN, DNS_T_NS, 0, dns_parse_ns));
   answer.rr_ns = static_cast<dns_rr_ns *>(block.get());
@@ -157,7 +158,7 @@ KAVO_ERR look_up_zone(KAVO kavo, const char *zone, KAVO_RR *names) {
   return error;
 }
 
-KAVO_ERR look_up_hosts(KAVO kavo, const dns_rr_ns &names, Hosts *hosts) {
+[[nodiscard]] KAVO_ERR look_up_hosts(KAVO kavo, const dns_rr_ns &names, Hosts *hosts) {
   const auto count = static_cast<size_t>(names.dnsns_nrr);
   if (!hosts->reserve(count)) {
     PELK_ERROR(kSource, kFunction, errno, KAVOE_NOMEM, "Unable to allocate %d bytes to store list of NS servers names",
@@ -171,7 +172,7 @@ KAVO_ERR look_up_hosts(KAVO kavo, const dns_rr_ns &names, Hosts *hosts) {
   return KAVOE_OK;
 }
 
-KAVO_ERR set_by_zone(KAVO kavo, in_port_t port, const char *zone, Transport *transport) {
+[[nodiscard]] KAVO_ERR set_by_zone(KAVO kavo, in_port_t port, const char *zone, Transport *transport) {
   KAVO_RR names = {};
   KAVO_ERR error = look_up_zone(kavo, zone, &names);
   const Owned<void> names_block(names.rr_mem);
@@ -190,7 +191,7 @@ KAVO_ERR set_by_zone(KAVO kavo, in_port_t port, const char *zone, Transport *tra
 extern "C" {
 
 KAVO_ERR kavo_set_dns_server(KAVO kavo, const char *server_domain, unsigned port, int direct) {
-  if (kavo == nullptr || server_domain == nullptr || direct < 0 || port > kPortMax) return KAVOE_BADPAR;
+  if (server_domain == nullptr || direct < 0 || port > kPortMax) return KAVOE_BADPAR;
   const KAVO_ERR refused =
       kavo_check_at_rest(kavo, kSource, __func__, "Cannot set DNS server because KAVO is already opened");
   if (refused != KAVOE_OK) return refused;

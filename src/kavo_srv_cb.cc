@@ -1,24 +1,31 @@
-// kavo_srv_cb.cc - what the engine reports: the outcome of a question, what its cache held, a failed direct cache.
+// kavo_srv_cb.cc - what the engine reports: the outcome of a query, what its cache held, a failed direct cache.
 //
 // Everything here runs on the server thread, inside dns_timeouts or dns_ioevent, never with mx_table held. An answer is
-// written before the lock is taken; its bit in the node's map, which lets readers see it, is set after, with the lock.
-// Blocks that the engine hands over stay the engine's and are copied.
-#include <dns_wire.h>
+// written before the lock is taken. Its bit in the node's map, which lets readers see the answer, is set after, with
+// the lock. Blocks that the engine hands over stay the engine's and are copied.
+#include "kavo_srv_cb.h"
 
+#include <dns_engine.h>
+#include <dns_wire.h>
+#include <pelk_log.h>
+
+#include "kavo_args.h"
 #include "kavo_query_table.h"
-#include "kavo_srv.h"
+#include "kavo_t.h"
+#include "kavo_table_lock.h"
+#include "kavo_time.h"
 #include "kavo_zonesmap.h"
 
 namespace {
 
-// Early is what an expired cache entry has to say: a status and, perhaps, a block of the engine's.
+// Early is what an expired cache entry answers: a status and, perhaps, a block of the engine's.
 struct Early {
-  dns_status status;
-  void *result;
+  dns_status status = DNS_E_NOERROR;
+  void *result = nullptr;
 };
 
-// zone_of returns the number of the zone that an argument asks; an early answer's is its zone's.
-int32_t zone_of(const kavo_t *ctx, KAVO_TYPE type, int n_zone) {
+// zone_of returns the number of the zone that an argument's answer, an early one too, is from.
+[[nodiscard]] int32_t zone_of(const kavo_t *ctx, KAVO_TYPE type, int n_zone) {
   const auto zones = kavo_zonesmap_zones(&ctx->zonesmap, type);
   const size_t place = static_cast<size_t>(n_zone % ctx->max_zones);
   return place < zones.size() ? zones[place] : 0;
@@ -56,14 +63,14 @@ void move_node(KAVO ctx, kavo_query_node_t *node, kavo_query_state state) PELK_R
     PELK_ERROR(KAVO_SRV_SOURCE, "kavo_srv_cb", 0, error, "Unable to change node state, target state %d", state);
 }
 
-// move_unanswered moves a node whose cache did not help on to WAIT or DCFAIL.
+// move_unanswered moves a node that the cache has no answer for to WAIT or DCFAIL.
 void move_unanswered(KAVO ctx, kavo_query_node_t *node, kavo_query_state state, const char *function)
     PELK_REQUIRES(ctx->mx_table) {
   const KAVO_ERR error = kavo_table_change_state(ctx, node, state);
   if (error != KAVOE_OK) PELK_ERROR(KAVO_SRV_SOURCE, function, 0, error, "Unable to change node state to wait");
 }
 
-// count_answer makes a filled answer visible and moves its node on. The node may be free when it returns.
+// count_answer makes a filled answer visible and moves its node on, which may then be free.
 void count_answer(KAVO ctx, kavo_cb_arg *arg) PELK_REQUIRES(ctx->mx_table) {
   kavo_query_node_t *node = arg->node;
   if (arg->qh != nullptr) {
@@ -79,8 +86,8 @@ void count_answer(KAVO ctx, kavo_cb_arg *arg) PELK_REQUIRES(ctx->mx_table) {
   kavo_table_unsubscribe_node(ctx, node);
 }
 
-// own_arg returns the argument of a question that this library asked, null for any other.
-kavo_cb_arg *own_arg(const struct dns_query *qh) {
+// own_arg returns the argument of a query that this library submitted, null for any other.
+[[nodiscard]] kavo_cb_arg *own_arg(const struct dns_query *qh) {
   if (qh == nullptr || dns_qcbck(qh) != kavo_srv_cb) return nullptr;
   kavo_cb_arg *arg = static_cast<kavo_cb_arg *>(dns_qudata(qh));
   return arg != nullptr && arg->node != nullptr && arg->node->ctx != nullptr ? arg : nullptr;
@@ -97,16 +104,16 @@ void not_in_cache(KAVO ctx, kavo_cb_arg *arg) {
   move_unanswered(ctx, arg->node, KAVOQS_WAIT, "kavo_srv_dbgcb");
 }
 
-// is_entry_of tells whether a cache entry has the question's name.
-bool is_entry_of(const struct dns_cdata *entry, const struct dns_query *qh) {
+// is_entry_of returns whether a cache entry has the query's name.
+[[nodiscard]] bool is_entry_of(const struct dns_cdata *entry, const struct dns_query *qh) {
   unsigned char dn[DNS_MAXDN];
   unsigned size = sizeof dn;
   return dns_cdata_dn(entry, dn, &size) >= 0 && dns_dnequal(dn, dns_qdn(qh)) != 0;
 }
 
-// rebuild_packet writes the answer that an entry came from into the context's buffer. Returns the byte after its last,
-// or null.
-const unsigned char *rebuild_packet(KAVO ctx, const struct dns_query *qh, struct dns_cdata *entry) {
+// rebuild_packet writes the answer that an entry came from into the context's buffer. Returns the packet's end, or
+// null.
+[[nodiscard]] const unsigned char *rebuild_packet(KAVO ctx, const struct dns_query *qh, struct dns_cdata *entry) {
   struct dns_pkt packet = {};
   if (dns_initpacket(&packet, ctx->pbuf, sizeof ctx->pbuf, dns_qdn(qh), dns_qtyp(qh), dns_qcls(qh)) < 0) return nullptr;
   for (;;) {
@@ -121,8 +128,8 @@ const unsigned char *rebuild_packet(KAVO ctx, const struct dns_query *qh, struct
   return packet.dnspk_end;
 }
 
-// parse_entry has the question's parser read an entry's answer; `result` stays null without a parser.
-bool parse_entry(KAVO ctx, struct dns_query *qh, struct dns_cdata *entry, void **result) {
+// parse_entry has the query's parser read an entry's answer; `result` stays null without a parser.
+[[nodiscard]] bool parse_entry(KAVO ctx, struct dns_query *qh, struct dns_cdata *entry, void **result) {
   const unsigned char *end = rebuild_packet(ctx, qh, entry);
   if (end == nullptr) return false;
   dns_parse_fn *parser = dns_qparse(qh);
@@ -132,9 +139,9 @@ bool parse_entry(KAVO ctx, struct dns_query *qh, struct dns_cdata *entry, void *
   return parser(ctx->udns_ctx, qh, dns_qdn(qh), ctx->pbuf, parse.dnsp_cur, end, result, 0) >= 0;
 }
 
-// read_entry works out what an expired entry answers; false when it answers nothing. A chain of aliases that ends in no
-// record of the question's type is no data, as it is while the entry lives.
-bool read_entry(KAVO ctx, struct dns_query *qh, struct dns_cdata *entry, Early *early) {
+// read_entry works out what an expired entry answers; false when it answers nothing. A CNAME chain that ends in no
+// record of the query's type is NODATA, as it is while the entry lives.
+[[nodiscard]] bool read_entry(KAVO ctx, struct dns_query *qh, struct dns_cdata *entry, Early *early) {
   const int rcode = dns_cdata_rcode(entry);
   if (rcode == DNS_R_NXDOMAIN) {
     *early = {DNS_E_NXDOMAIN, nullptr};
@@ -149,12 +156,12 @@ bool read_entry(KAVO ctx, struct dns_query *qh, struct dns_cdata *entry, Early *
   return parse_entry(ctx, qh, entry, &early->result);
 }
 
-kavo_cb_arg *early_arg(KAVO ctx, const kavo_cb_arg *origin) {
+[[nodiscard]] kavo_cb_arg *early_arg(KAVO ctx, const kavo_cb_arg *origin) {
   kavo_table_guard guard(ctx);
   return guard.error == KAVOE_OK ? kavo_table_get_early_arg(ctx, origin) : nullptr;
 }
 
-// deliver_expired delivers what an expired entry holds as an extra answer of the node; the question itself goes on.
+// deliver_expired delivers what an expired entry holds as an extra answer of the node; the query itself continues.
 void deliver_expired(KAVO ctx, struct dns_query *qh, struct dns_cdata *entry, const kavo_cb_arg *origin) {
   Early early = {};
   if (!read_entry(ctx, qh, entry, &early)) return;
@@ -175,7 +182,7 @@ void found_in_cache(KAVO ctx, struct dns_query *qh, const struct dns_dcache *fou
     deliver_expired(ctx, qh, entry, arg);
 }
 
-// trace tells the host's function of an event first. It may walk a cache entry, which must be at its beginning after.
+// trace tells the host's function of an event first. That function may walk a cache entry, which is rewound after it.
 void trace(KAVO ctx, struct dns_ctx *dnsctx, struct dns_query *qh, int code, void *data) {
   if (ctx->trace == nullptr) return;
   ctx->trace(dnsctx, qh, code, data, ctx->trace_data);

@@ -1,18 +1,25 @@
-// kavo_sync.cc - sync nodes: nodes that ask nothing and end the wait of one thread when another signals them.
+// kavo_sync.cc - sync nodes: nodes that ask nothing and end one thread's wait when another thread signals them.
 //
-// They lie in the query table like any node, under a name made from the context's counter, and hold a permit. The
+// They are in the query table like any node, under a name made from the context's counter, and hold a permit. The
 // server thread never sees them. Any thread; the states change with mx_table held.
 #include <stdint.h>
 
+#include <dns_wire.h>
+#include <pelk_log.h>
+
 #include "kavo_query_table.h"
+#include "kavo_state.h"
+#include "kavo_t.h"
+#include "kavo_table_add.h"
+#include "kavo_table_lock.h"
 
 namespace {
 
 constexpr char kSource[] = "kavo_sync";
 constexpr char kStopped[] = "Attempt to subscribe sync node when server is stopped";
 
-// Bytes of a sync node's name besides the counter's digits: the label's length, a dot, the closing zero. With the dot
-// no question for a host's name meets it.
+// Bytes of a sync node's name besides the counter's digits: the label's length, a dot, the closing zero. The dot keeps
+// the name apart from those that hosts ask.
 constexpr unsigned kNameExtra = 3;
 constexpr unsigned kDigitsMax = 10;  // digits of a 32-bit counter
 static_assert(kDigitsMax + kNameExtra <= DNS_MAXDN);

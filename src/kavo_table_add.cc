@@ -1,15 +1,21 @@
-// kavo_table_add.cc - the query table: how a question comes to its node.
+// kavo_table_add.cc - how a question comes to its node.
 //
-// Runs on the host's threads. A question joins the node that asks it already, or takes one. Waiting for a free node
-// happens outside the lock, on a semaphore that holds one permit for each node that may be taken; so a node that is
-// taken always finds room in the hash table, where an item of the free list gives way when there is none.
+// Runs on the host's threads. A question joins the node that asks it already, or takes a free one. Waiting for a free
+// node happens outside the lock, on a semaphore with one permit for each node that may be taken. A node that is taken
+// thus always finds room in the hash table, where an item of the free list gives way when there is none.
+#include "kavo_table_add.h"
+
 #include <errno.h>
 #include <string.h>
-#include <unistd.h>
 
 #include <dns_wire.h>
+#include <pelk_log.h>
 
+#include "kavo_args.h"
+#include "kavo_node.h"
 #include "kavo_query_table.h"
+#include "kavo_table_lock.h"
+#include "kavo_types.h"
 #include "kavo_zonesmap.h"
 
 namespace {
@@ -18,28 +24,24 @@ constexpr char kSource[] = "kavo_query_table";
 constexpr char kAdd[] = "kavo_table_add";  // the operation that every line logged here belongs to
 constexpr char kNoLock[] = "Unable to lock table";
 
-// Additions since the last line of statistics that make another one due: more than kStatFew, and a tenth of the total
-// at the last line; or more than kStatMany whatever that total was.
+// A line of statistics is due after more than kStatMany additions since the last line, or after more than kStatFew that
+// are at least a tenth of the total at the last line.
 constexpr uint64_t kStatFew = 10;
 constexpr uint64_t kStatShare = 10;
 constexpr uint64_t kStatMany = 500;
 
-// Question is what a caller asks: the node's key, and the flags that belong to the node's identity with it.
+// Question is what a caller asks: the node's key, and the flags that belong to the node's identity too.
 struct Question {
-  KAVO_TYPE type;
-  uint32_t flags;
-  uint32_t hash;
-  uint32_t run;  // in which it is asked
-  uint16_t key_size;
-  uint8_t key[KAVO_KEY_SIZE_MAX];
+  KAVO_TYPE type = KAVOT_INVALID;
+  uint32_t flags = 0;
+  uint32_t hash = 0;
+  uint32_t run = 0;  // in which it is asked
+  uint16_t key_size = 0;
+  uint8_t key[KAVO_KEY_SIZE_MAX];  // the first key_size bytes are set
 };
 
-bool is_addable(KAVO_TYPE type) {
-  return (type >= KAVOT_DNS_MIN && type <= KAVOT_BL_MAX) || type == KAVOT_DNS_ETXT || type == KAVOT_SYNC;
-}
-
 // build_key writes the key of a question, whose type is set; false for a name or servers that no key holds.
-bool build_key(const unsigned char *dn, const kavo_sa *serv, unsigned nserv, Question *question) {
+[[nodiscard]] bool build_key(const unsigned char *dn, const kavo_sa *serv, unsigned nserv, Question *question) {
   const uint32_t number = question->type;
   const unsigned dnlen = dns_dnlen(dn);
   const unsigned servers = serv == nullptr ? 0 : nserv;
@@ -56,7 +58,7 @@ uint32_t hash_key(KAVO ctx, const Question &question) PELK_NO_ANALYSIS {
   return shash_hash(&ctx->query_table, question.key, question.key_size);
 }
 
-kavo_query_node_t *find_node(KAVO ctx, const Question &question) PELK_REQUIRES(ctx->mx_table) {
+[[nodiscard]] kavo_query_node_t *find_node(KAVO ctx, const Question &question) PELK_REQUIRES(ctx->mx_table) {
   ctx->lookup = {question.key, question.flags};
   shash_item *item = shash_search(&ctx->query_table, question.key, question.key_size, question.hash);
   ctx->lookup = {};
@@ -64,16 +66,17 @@ kavo_query_node_t *find_node(KAVO ctx, const Question &question) PELK_REQUIRES(c
 }
 
 // join_node adds a caller's hold to a node that is in use; false for one that is free or has failed.
-bool join_node(KAVO ctx, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_table) {
+[[nodiscard]] bool join_node(KAVO ctx, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_table) {
   if (node == nullptr || node->state < KAVOQS_SYNCWAIT || node->state > KAVOQS_SYNCSIG) return false;
   ctx->table_reused++;
   return kavo_table_subscribe_node(node) == KAVOE_OK;
 }
 
 // insert_node makes a node for a question and files it in the list of `state`.
-KAVO_ERR insert_node(KAVO ctx, const Question &question, kavo_query_state state, kavo_query_node_t **node)
+[[nodiscard]] KAVO_ERR insert_node(KAVO ctx, const Question &question, kavo_query_state state, kavo_query_node_t **node)
     PELK_REQUIRES(ctx->mx_table) {
-  kavo_query_node_t *fresh = kavo_table_get_block(ctx, question.key_size);
+  void *block = kavo_spare_blocks_get(&ctx->spare_blocks, kavo_key_distance(ctx), question.key_size);
+  auto *fresh = static_cast<kavo_query_node_t *>(block);
   if (fresh == nullptr) {
     PELK_ERROR(kSource, kAdd, errno, KAVOE_NOMEM, "Unable to allocate %d bytes for query node",
                static_cast<int>(kavo_key_distance(ctx) + question.key_size));
@@ -84,7 +87,7 @@ KAVO_ERR insert_node(KAVO ctx, const Question &question, kavo_query_state state,
   const rindex_t range = static_cast<rindex_t>(kavo_state2range(state));
   fresh->hashitem = shash_insert(&ctx->query_table, place, question.key_size, question.hash, range);
   if (fresh->hashitem == nullptr) {
-    kavo_table_put_block(ctx, fresh, question.key_size);
+    kavo_spare_blocks_put(&ctx->spare_blocks, block, question.key_size);
     PELK_ERROR(kSource, kAdd, 0, KAVOE_FAIL, "Node insertion error");
     return KAVOE_FAIL;
   }
@@ -94,8 +97,8 @@ KAVO_ERR insert_node(KAVO ctx, const Question &question, kavo_query_state state,
 
 // take_block finds the block of a question that no node in use asks: the free one that has its key, or a new one. A
 // failed node that still has holders leaves the index, so that its question can be asked anew while they read it.
-KAVO_ERR take_block(KAVO ctx, const Question &question, kavo_query_node_t *found, kavo_query_state state,
-                    kavo_query_node_t **node) PELK_REQUIRES(ctx->mx_table) {
+[[nodiscard]] KAVO_ERR take_block(KAVO ctx, const Question &question, kavo_query_node_t *found, kavo_query_state state,
+                                  kavo_query_node_t **node) PELK_REQUIRES(ctx->mx_table) {
   if (found != nullptr && found->client_count == 0) {
     *node = found;
     return kavo_table_move(ctx, found, kavo_state2range(state));
@@ -116,7 +119,7 @@ void log_statistics(KAVO ctx) PELK_REQUIRES(ctx->mx_table) {
 }
 
 // arm_node gives a new node its arguments and its two holds, the caller's and the server thread's.
-KAVO_ERR arm_node(KAVO ctx, KAVO_TYPE type, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_table) {
+[[nodiscard]] KAVO_ERR arm_node(KAVO ctx, KAVO_TYPE type, kavo_query_node_t *node) PELK_REQUIRES(ctx->mx_table) {
   const size_t zones = kavo_zonesmap_zones(&ctx->zonesmap, type).size();
   node->client_count = 2;
   if (zones != 0 && kavo_table_get_args(ctx, node, static_cast<int>(zones)) != nullptr) return KAVOE_OK;
@@ -129,7 +132,7 @@ KAVO_ERR arm_node(KAVO ctx, KAVO_TYPE type, kavo_query_node_t *node) PELK_REQUIR
 }
 
 // take_node makes the node of a question, with a permit that is counted. A failure gives the permit back.
-KAVO_ERR take_node(KAVO ctx, const Question &question, kavo_query_node_t *found, kavo_query_node_t **node)
+[[nodiscard]] KAVO_ERR take_node(KAVO ctx, const Question &question, kavo_query_node_t *found, kavo_query_node_t **node)
     PELK_REQUIRES(ctx->mx_table) {
   const kavo_query_state state = question.type == KAVOT_SYNC ? KAVOQS_SYNCWAIT : KAVOQS_NEW;
   kavo_query_node_t *taken = nullptr;
@@ -153,13 +156,13 @@ KAVO_ERR take_node(KAVO ctx, const Question &question, kavo_query_node_t *found,
 }
 
 // try_permit takes a permit if one is free, without waiting.
-bool try_permit(KAVO ctx) {
+[[nodiscard]] bool try_permit(KAVO ctx) {
   const struct timeval past = {};
   return pelk_sem_wait_deadline(&ctx->sem_free_node, &past) == 0;
 }
 
-// wait_permit takes a permit when one becomes free. KAVOE_SRV when the run ends before.
-KAVO_ERR wait_permit(KAVO ctx, const struct timeval *deadline, uint32_t run) {
+// wait_permit takes a permit when one becomes free; KAVOE_SRV when the run ends first.
+[[nodiscard]] KAVO_ERR wait_permit(KAVO ctx, const struct timeval *deadline, uint32_t run) {
   const int error = pelk_sem_wait_epoch(&ctx->sem_free_node, deadline, run);
   if (error == 0) return KAVOE_OK;
   if (error == ECANCELED) return KAVOE_SRV;
@@ -171,17 +174,18 @@ KAVO_ERR wait_permit(KAVO ctx, const struct timeval *deadline, uint32_t run) {
   return KAVOE_THR;
 }
 
-// is_on returns whether the run that a subscription began in is still on. Who has seen that with the lock held adds its
-// node before the run's end fails what is left; zones and servers are what they were.
-bool is_on(KAVO ctx, uint32_t run) PELK_REQUIRES(ctx->mx_table) {
+// is_on returns whether the run that a subscription began in is still on. A thread that finds so with the lock held
+// adds its node before the run's end fails what is left, and zones and servers are unchanged since the subscription
+// began.
+[[nodiscard]] bool is_on(KAVO ctx, uint32_t run) PELK_REQUIRES(ctx->mx_table) {
   return ctx->srvstate.load() == KAVOSS_RUNNING && kavo_table_run(ctx) == run;
 }
 
-// What became of a question: it joined a node that was in use, has a new one, or must wait for a permit.
+// Added is what became of a question: it joined a node in use, took a node, or must wait for a permit.
 enum class Added { joined, taken, full, failed };
 
 // add_at_once serves a question that needs no wait: its node is in use, or a permit is free.
-Added add_at_once(KAVO ctx, const Question &question, kavo_query_node_t **node, KAVO_ERR *error) {
+[[nodiscard]] Added add_at_once(KAVO ctx, const Question &question, kavo_query_node_t **node, KAVO_ERR *error) {
   kavo_table_guard guard(ctx);
   *error = guard.error != KAVOE_OK ? kavo_table_no_lock(kSource, kAdd, guard.error, kNoLock) : KAVOE_OK;
   if (*error == KAVOE_OK && !is_on(ctx, question.run)) *error = KAVOE_SRV;
@@ -199,8 +203,8 @@ Added add_at_once(KAVO ctx, const Question &question, kavo_query_node_t **node, 
   return *error == KAVOE_OK ? Added::taken : Added::failed;
 }
 
-// add_with_permit serves a question after the wait for its permit. Another caller may have asked it meanwhile.
-Added add_with_permit(KAVO ctx, const Question &question, kavo_query_node_t **node, KAVO_ERR *error) {
+// add_with_permit serves a question after the wait for its permit. Another caller may have asked the same meanwhile.
+[[nodiscard]] Added add_with_permit(KAVO ctx, const Question &question, kavo_query_node_t **node, KAVO_ERR *error) {
   kavo_table_guard guard(ctx);
   *error = guard.error != KAVOE_OK ? kavo_table_no_lock(kSource, kAdd, guard.error, kNoLock) : KAVOE_OK;
   if (*error == KAVOE_OK && !is_on(ctx, question.run)) *error = KAVOE_SRV;
@@ -219,10 +223,10 @@ Added add_with_permit(KAVO ctx, const Question &question, kavo_query_node_t **no
   return *error == KAVOE_OK ? Added::taken : Added::failed;
 }
 
-// announce wakes the server thread for a new node. A node that cannot be announced stays the server's, which submits it
-// when it next wakes; the caller's hold is dropped.
-KAVO_ERR announce(KAVO ctx, kavo_query_node_t *node) {
-  if (kavo_wake_server(ctx)) return KAVOE_OK;
+// announce wakes the server thread for a new node. Where it cannot, the caller's hold is dropped; the node stays the
+// server's, which submits it when it next wakes.
+[[nodiscard]] KAVO_ERR announce(KAVO ctx, kavo_query_node_t *node) {
+  if (kavo_event_pipe_wake(&ctx->qa_pipe)) return KAVOE_OK;
   PELK_ERROR(kSource, kAdd, errno, KAVOE_FAIL, "Unable to send event to a server via pipe");
   kavo_table_guard guard(ctx);
   if (guard.error == KAVOE_OK) kavo_table_unsubscribe_node(ctx, node);
@@ -233,7 +237,7 @@ KAVO_ERR announce(KAVO ctx, kavo_query_node_t *node) {
 
 KAVO_ERR kavo_table_add(KAVO ctx, KAVO_TYPE type, const unsigned char *dn, const kavo_sa *serv, unsigned nserv,
                         const struct timeval *deadline, unsigned flags, uint32_t run, KAVO_QUERY_NODE *query_node) {
-  if (query_node == nullptr || ctx == nullptr || dn == nullptr || !is_addable(type)) return KAVOE_BADPAR;
+  if (query_node == nullptr || ctx == nullptr || dn == nullptr || !kavo_type_makes_node(type)) return KAVOE_BADPAR;
   Question question;
   question.type = type;
   question.flags = flags;

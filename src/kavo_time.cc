@@ -1,15 +1,15 @@
-// kavo_time.cc - deadlines from time-outs, and elapsed milliseconds. No state, any thread.
+// kavo_time.cc - deadlines from timeouts, and elapsed milliseconds. No state, any thread.
 //
-// A time value is valid when its seconds lie within the bounds of pelk's and its microseconds are below a second and of
-// the seconds' sign. Sums that would leave the bounds stop at them.
+// A time value is valid when its seconds are within pelk's bounds and its microseconds are below a second and of the
+// seconds' sign. Sums that would leave the bounds stop at them.
+#include "kavo_time.h"
+
 #include <limits.h>
 #include <stdint.h>
 #include <sys/time.h>
 
 #include <kavo.h>
-#include <pelk.h>
-
-#include "kavo_t.h"
+#include <pelk_sync.h>
 
 namespace {
 
@@ -19,7 +19,7 @@ constexpr int kMilli = 1000;         // milliseconds in a second, microseconds i
 constexpr struct timeval kLatest = {PELK_TIME_MAX, kMicro - 1};
 constexpr struct timeval kEarliest = {PELK_TIME_MIN, 1 - kMicro};
 
-bool is_valid(const struct timeval &value) {
+[[nodiscard]] bool is_valid(const struct timeval &value) {
   if (value.tv_sec < PELK_TIME_MIN || value.tv_sec > PELK_TIME_MAX) return false;
   const int64_t least = value.tv_sec > 0 ? 0 : 1 - kMicro;
   const int64_t most = value.tv_sec < 0 ? 0 : kMicro - 1;
@@ -27,7 +27,7 @@ bool is_valid(const struct timeval &value) {
 }
 
 // add returns the sum of two valid time values, valid too.
-struct timeval add(const struct timeval &now, const struct timeval &span) {
+[[nodiscard]] struct timeval add(const struct timeval &now, const struct timeval &span) {
   if (span.tv_sec > 0 && now.tv_sec > PELK_TIME_MAX - span.tv_sec) return kLatest;
   if (span.tv_sec < 0 && now.tv_sec < PELK_TIME_MIN - span.tv_sec) return kEarliest;
   const int64_t seconds = now.tv_sec + span.tv_sec;
@@ -48,12 +48,13 @@ struct timeval add(const struct timeval &now, const struct timeval &span) {
   return sum;
 }
 
-// to_span returns a span of milliseconds, both parts of its sign; from_now the moment that lies a span from now.
-struct timeval to_span(int milliseconds) {
+// to_span returns a span of milliseconds, both parts of its sign.
+[[nodiscard]] struct timeval to_span(int milliseconds) {
   return {milliseconds / kMilli, milliseconds % kMilli * kMilli};
 }
 
-struct timeval from_now(const struct timeval &span) {
+// from_now returns the moment that is a span from now.
+[[nodiscard]] struct timeval from_now(const struct timeval &span) {
   struct timeval now = {};
   gettimeofday(&now, nullptr);
   return is_valid(now) && is_valid(span) ? add(now, span) : now;

@@ -1,17 +1,24 @@
 // kavo_wait.cc - waiting for nodes: one, an array, or what an iterator of the host shows.
 //
 // Runs on the host's threads, any number at once. Every wait sleeps on the query table's one condition, with the lock
-// released, until a node that it waits for, or one with the same bit, has come to a state that somebody waits for; it
-// then looks at its own nodes again. While a thread waits for a list every change of every node counts: the host may
-// add to the list meanwhile. A sync node that ends a wait is armed again in the same locked step, so that one signal
-// ends one wait.
+// released, until one of its nodes, or a node with the same bit, has come to a state that a thread waits for; it then
+// looks at its own nodes again. A thread that waits for a list is woken by every change of every node, since the host
+// may add to the list meanwhile. A sync node that ends a wait is armed again in the same locked step, so that one
+// signal ends one wait.
 #include <array>
 #include <span>
 
-#include <pelk.h>
+#include <kavo.h>
+#include <pelk_log.h>
+#include <pelk_thread.h>
 
+#include "kavo_node.h"
+#include "kavo_query_table.h"
 #include "kavo_resolve.h"
+#include "kavo_state.h"
 #include "kavo_t.h"
+#include "kavo_table_lock.h"
+#include "kavo_table_wait.h"
 
 namespace {
 
@@ -33,23 +40,23 @@ constexpr kavo_query_state kavo_wltoqs(KAVO_WAIT_LEVEL level) {
   return kLevelStates[static_cast<size_t>(level - KAVOWT_NONE)];
 }
 
-// What a look at several nodes found.
+// Scan is what a look at several nodes found.
 struct Scan {
-  bool invalid = false;                 // one of them is null or held by nobody
-  bool over = false;                    // the wait has what it waits for
+  bool invalid = false;                 // one of them is null or free
+  bool over = false;                    // the wait has ended
   KAVO_QUERY_NODE satisfied = nullptr;  // the node that ended a wait for any
-  uint32_t bits = 0;                    // what to wait for when it is not over
+  uint32_t bits = 0;                    // what to wait for when it has not
 };
 
 // Wanted is what a wait for several nodes waits for.
 struct Wanted {
-  kavo_query_state state;
-  bool full;
-  unsigned count;  // the nodes that must satisfy the state when `full`
+  kavo_query_state state = KAVOQS_NOBODY;
+  bool full = false;
+  unsigned count = 0;  // the nodes that must satisfy the state when `full`
 };
 
-// ArrayNodes and ListNodes show the nodes of the two kinds of waits: first and next return false past the last one. A
-// list is the host's, which may show other nodes at each look, and more or fewer than it counts.
+// ArrayNodes and ListNodes walk over the nodes of the two kinds of waits: first and next return false past the last
+// one. A list is the host's: it may have other nodes at each look, and more or fewer than it counts.
 class ArrayNodes {
  public:
   static constexpr bool kSettled = true;
@@ -87,9 +94,9 @@ class ListNodes {
   const KAVO_NODELIST_ITERATOR *list_;
 };
 
-// scan looks at the nodes until it knows whether the wait is over. A wait for any of an array goes on with all of them,
-// a wait for all with the last one that it lacks: it cannot end before that one has come, and then most others have. A
-// wait for a list goes on with every node there is.
+// scan looks at the nodes until it knows whether the wait is over. A wait for any of an array then waits for each of
+// its nodes. A wait for all waits for the last node that it lacks: it cannot end before that node has come, and by then
+// most others have. A wait for a list waits for every node there is.
 template <typename Nodes>
 [[nodiscard]] Scan scan(KAVO kavo, Nodes *nodes, const Wanted &wanted) PELK_REQUIRES(kavo->mx_table) {
   Scan result;
@@ -121,8 +128,8 @@ template <typename Nodes>
   return result;
 }
 
-// rearm consumes a node's signal, if it is a sync node that has one. An array may hold null behind the node that ended
-// a wait for any.
+// rearm consumes a node's signal, if it is a sync node that has one. An array may hold null after the node that ended a
+// wait for any.
 [[nodiscard]] KAVO_ERR rearm(KAVO kavo, KAVO_QUERY_NODE node, const char *function) PELK_REQUIRES(kavo->mx_table) {
   if (node == nullptr || node->state != KAVOQS_SYNCSIG) return KAVOE_OK;
   const KAVO_ERR error = kavo_table_change_state(kavo, node, KAVOQS_SYNCWAIT);
@@ -169,7 +176,7 @@ template <typename Nodes>
   }
 }
 
-// invalid_node refuses a node whose last holder let it go during the wait.
+// invalid_node refuses a node whose last hold was dropped during the wait.
 [[nodiscard]] KAVO_ERR invalid_node() {
   PELK_WARN(kSource, "kavo_wait_node", "Attempt to wait for answer using invalid node");
   return KAVOE_BADPAR;

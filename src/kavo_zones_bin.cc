@@ -1,9 +1,9 @@
-// kavo_zonesmap_bin.cc - the zones map as a binary record in a stream of the host's own.
+// kavo_zones_bin.cc - the zones of a context as a binary record in a stream of the host's own.
 //
 // The record is a run of 32-bit integers in the machine's byte order and zone names, without a mark of what it is. It
-// restores what the text file does not promise: the zones' numbers. What is read is foreign: a count or a length in it
-// is believed only as far as bytes have followed, so that memory is asked for as the names arrive. A load that fails
-// leaves the map released. Runs on the host's threads while the context is not open, without a lock.
+// restores the zones' numbers, which the text file does not promise. What is read is foreign: a count or a length is
+// believed only as far as bytes have followed it, so that memory is asked for as the names arrive. A load that fails
+// leaves the map released. Runs on the host's threads while the context is at rest, without a lock.
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -13,20 +13,23 @@
 #include <memory>
 #include <span>
 
-#include <pelk.h>
+#include <pelk_log.h>
+#include <pelk_thread.h>
 
+#include "kavo_state.h"
 #include "kavo_t.h"
+#include "kavo_zones.h"
 #include "kavo_zonesmap.h"
 
 namespace {
 
-constexpr char kSource[] = "kavo_zonesmap";
+constexpr auto &kSource = KAVO_ZONES_SOURCE;
 constexpr char kSave[] = "kavo_zonesmap_save_bin";
 constexpr char kLoad[] = "kavo_zonesmap_init_bin";
 
 constexpr int32_t kTrailer = 0;
 
-// Bytes that a name's buffer starts with: more than any zone has. It doubles for the names that no zone has.
+// Bytes that a name's buffer starts with, more than any zone has; the buffer doubles for longer names.
 constexpr size_t kNameRoom = 512;
 
 struct Free {
@@ -76,7 +79,7 @@ using Memory = std::unique_ptr<char, Free>;
   return KAVOE_NOMEM;
 }
 
-// unreadable reports what does not come: the end of the stream is no failure of a call.
+// unreadable reports what cannot be read. The end of the stream is no failure of a call, so it has no errno.
 [[nodiscard]] KAVO_ERR unreadable(FILE *file, const char *what) {
   PELK_ERROR(kSource, kLoad, ferror(file) != 0 ? errno : 0, KAVOE_FILE, "Unable to read %s", what);
   return KAVOE_FILE;
@@ -103,7 +106,7 @@ class MapReader {
 
   [[nodiscard]] KAVO_ERR names() {
     while (map_->zones_count < zones_) {
-      if (!grow_table() || !kavo_zonesmap_index_reserve(map_))
+      if (!grow_table() || !kavo_zones_index_reserve(&map_->index))
         return out_of_memory("zones list", int64_t{zones_} * int64_t{sizeof(char *)});
       const KAVO_ERR error = name();
       if (error != KAVOE_OK) return error;
@@ -111,7 +114,7 @@ class MapReader {
     return KAVOE_OK;
   }
 
-  // grow_table makes sure that the names table has room for one entry more, and never for more than will come.
+  // grow_table makes sure that `prefixes` has room for one entry more, and never for more than the record has.
   [[nodiscard]] bool grow_table() {
     if (map_->zones_count < map_->zones_room) return true;
     const auto room = static_cast<int32_t>(std::min<int64_t>(2 * int64_t{map_->zones_room}, zones_));
@@ -136,8 +139,7 @@ class MapReader {
     text_.get()[size - 1] = '\0';
     char *stored = kavo_zonesmap_make_name(text_.get());
     if (stored == nullptr) return out_of_memory("zones", length);
-    map_->prefixes[map_->zones_count] = stored;
-    kavo_zonesmap_index_add(map_, map_->zones_count++);
+    kavo_zonesmap_file(map_, stored);
     return KAVOE_OK;
   }
 
@@ -162,7 +164,7 @@ class MapReader {
     }
   }
 
-  // list reads a type's list in the place of what the slot holds. The count is set last: it covers valid numbers only.
+  // list reads a type's list over what the slot holds. The count is set last, so that it covers valid numbers only.
   [[nodiscard]] bool list(kavo_zones *slot) {
     int32_t count = 0;
     if (!get(&count) || count < 0 || count > max_zones_) return false;
@@ -187,10 +189,6 @@ class MapReader {
 
 extern "C" {
 
-kavo_zonesmap *kavo_get_zonesmap(KAVO kavo) {
-  return kavo == nullptr || kavo_is_foreign(kavo) ? nullptr : &kavo->zonesmap;
-}
-
 KAVO_ERR kavo_zonesmap_save_bin(KAVO kavo, kavo_zonesmap *zonesmap, FILE *zones_file_bin) {
   if (kavo == nullptr || zonesmap == nullptr || zones_file_bin == nullptr) return KAVOE_BADPAR;
   if (kavo_is_foreign(kavo)) return KAVOE_SRV;
@@ -202,10 +200,9 @@ KAVO_ERR kavo_zonesmap_save_bin(KAVO kavo, kavo_zonesmap *zonesmap, FILE *zones_
 
 KAVO_ERR kavo_zonesmap_init_bin(KAVO kavo, kavo_zonesmap *zonesmap, FILE *zones_file_bin) {
   if (kavo == nullptr || zones_file_bin == nullptr || kavo->max_zones < 1) return KAVOE_BADPAR;
-  // A map of another context would get lists of this one's length, which the other would write beyond.
+  // The map of another context would get lists of this context's length, and the other context would write beyond them.
   if (zonesmap != &kavo->zonesmap) return KAVOE_BADPAR;
-  KAVO_ERR error =
-      kavo_zonesmap_check_open(kavo, __func__, "Cannot initialize zonesmap because KAVO is already opened");
+  KAVO_ERR error = kavo_zones_may_change(kavo, __func__, "Cannot initialize zonesmap because KAVO is already opened");
   if (error != KAVOE_OK) return error;
   const pelk_no_cancel whole;
   error = kavo_zonesmap_init_ordinary(zonesmap, kavo->max_zones);

@@ -1,14 +1,11 @@
-// kavo_zonesmap_index.cc - finds the zones of a map by their names.
-//
-// An open hash table, at most half full, with an entry for each name that differs from all others; of zones with one
-// name it holds the first. The hash has a secret of the map's own, so that no zones file can be made of names that
-// collide. The table lives as long as the map's names, and changes where they do.
+// kavo_zones_index.cc - the hash table of zones by name.
+#include "kavo_zones_index.h"
+
+#include <stddef.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include <siphash.h>
-
-#include "kavo_zonesmap.h"
 
 // kavo_zones_index: one allocation, `room` entries after its head.
 struct kavo_zones_index {
@@ -27,7 +24,8 @@ constexpr uint32_t kSpare = 2;  // entries for each name, at least
   return static_cast<uint32_t>(siphash(index->secret, name, strlen(name)));
 }
 
-// place returns the entry with a name, or the empty one where it belongs. There is one: the table never fills.
+// place returns the entry that `same` accepts, or the empty entry where it belongs. There is one: the table never
+// fills.
 template <typename Same>
 [[nodiscard]] kavo_zone_entry *place(kavo_zones_index *index, uint32_t hash, Same same) {
   const uint32_t mask = index->room - 1;
@@ -37,9 +35,8 @@ template <typename Same>
   }
 }
 
-[[nodiscard]] kavo_zone_entry *place_of(const kavo_zonesmap *map, uint32_t hash, const char *name) {
-  return place(map->index, hash,
-               [=](const kavo_zone_entry &entry) { return strcmp(map->prefixes[entry.number], name) == 0; });
+[[nodiscard]] kavo_zone_entry *place_of(kavo_zones_index *index, char *const *names, uint32_t hash, const char *name) {
+  return place(index, hash, [=](const kavo_zone_entry &entry) { return strcmp(names[entry.number], name) == 0; });
 }
 
 // make returns an empty table, without a secret yet.
@@ -50,27 +47,27 @@ template <typename Same>
   return index;
 }
 
-[[nodiscard]] bool begin(kavo_zonesmap *map) {
+[[nodiscard]] kavo_zones_index *begin() {
   kavo_zones_index *index = make(kFirstRoom);
-  if (index != nullptr && siphash_secret(index->secret) == 0) {
-    map->index = index;
-    return true;
-  }
+  if (index != nullptr && siphash_secret(index->secret) == 0) return index;
   free(index);
-  return false;
+  return nullptr;
 }
 
 }  // namespace
 
-kavo_zone_entry *kavo_zonesmap_find(const kavo_zonesmap *map, const char *name) {
-  if (map->index == nullptr) return nullptr;
-  kavo_zone_entry *entry = place_of(map, hash_of(map->index, name), name);
+kavo_zone_entry *kavo_zones_index_find(kavo_zones_index *index, char *const *names, const char *name) {
+  if (index == nullptr) return nullptr;
+  kavo_zone_entry *entry = place_of(index, names, hash_of(index, name), name);
   return entry->number == 0 ? nullptr : entry;
 }
 
-bool kavo_zonesmap_index_reserve(kavo_zonesmap *map) {
-  if (map->index == nullptr) return begin(map);
-  kavo_zones_index *old = map->index;
+bool kavo_zones_index_reserve(kavo_zones_index **index) {
+  kavo_zones_index *old = *index;
+  if (old == nullptr) {
+    *index = begin();
+    return *index != nullptr;
+  }
   if (kSpare * (old->used + 1) <= old->room) return true;
   if (old->room > UINT32_MAX / kSpare) return false;
   kavo_zones_index *grown = make(kSpare * old->room);
@@ -81,32 +78,21 @@ bool kavo_zonesmap_index_reserve(kavo_zonesmap *map) {
     const kavo_zone_entry &entry = old->entries[i];
     if (entry.number != 0) *place(grown, entry.hash, [](const kavo_zone_entry &) { return false; }) = entry;
   }
-  map->index = grown;
+  *index = grown;
   free(old);
   return true;
 }
 
-kavo_zone_entry *kavo_zonesmap_index_add(kavo_zonesmap *map, int32_t number) {
-  const char *name = map->prefixes[number];
-  const uint32_t hash = hash_of(map->index, name);
-  kavo_zone_entry *entry = place_of(map, hash, name);
+kavo_zone_entry *kavo_zones_index_add(kavo_zones_index *index, char *const *names, int32_t number) {
+  const char *name = names[number];
+  const uint32_t hash = hash_of(index, name);
+  kavo_zone_entry *entry = place_of(index, names, hash, name);
   if (entry->number != 0) return entry;
   *entry = {hash, number, 0};
-  ++map->index->used;
+  ++index->used;
   return entry;
 }
 
-void kavo_zonesmap_index_free(kavo_zonesmap *map) {
-  free(map->index);
-  map->index = nullptr;
-}
-
-void kavo_zonesmap_mark(kavo_zonesmap *map, int slot, bool listed) {
-  const kavo_zones *list = map->zones[slot];
-  const uint32_t bit = uint32_t{1} << slot;
-  for (int32_t i = 0; i < list->count; ++i) {
-    if (list->zone_numbs[i] == 0) continue;  // the pseudo-zone has no name
-    kavo_zone_entry *entry = kavo_zonesmap_find(map, map->prefixes[list->zone_numbs[i]]);
-    if (entry != nullptr) entry->lists = listed ? entry->lists | bit : entry->lists & ~bit;
-  }
+void kavo_zones_index_free(kavo_zones_index *index) {
+  free(index);
 }
