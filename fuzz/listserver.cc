@@ -3,8 +3,8 @@
 #include <sstream>
 #include <stdexcept>
 
+#include <responder.h>
 #include "fuzz.h"
-#include "responder.h"
 
 namespace {
 
@@ -16,7 +16,7 @@ bool tells_the_truth(const listserver::Reply &reply) {
 
 void ask(listserver::Responder *responder, std::span<const uint8_t> bytes, bool tcp) {
   const fuzz::Exact packet(bytes);
-  fuzz::Bytes answer(tcp ? DNS_MAXPACKET : listserver::kUdpMax);
+  fuzz::Bytes answer(tcp ? size_t{DNS_MAXPACKET} : listserver::kUdpMax);
   const listserver::Reply reply = responder->answer(packet.span(), answer, tcp ? answer.size() : listserver::kUdpPlain);
   check(reply.size <= answer.size(), "an answer fits");
   if (reply.size == 0 || !tells_the_truth(reply)) return;

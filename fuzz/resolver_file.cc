@@ -2,8 +2,8 @@
 // servers are addresses; what was understood is understood again.
 #include <arpa/inet.h>
 
-#include "../platform/dns/engine/context.h"
-#include "../platform/dns/engine/resolver_file.h"
+#include <bounds.h>
+#include <resolver_file.h>
 #include "fuzz.h"
 
 namespace {

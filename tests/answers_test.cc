@@ -15,12 +15,12 @@
 #include <thread>
 #include <vector>
 
-#include "support/host.h"
-#include "support/namedaemons.h"
+#include <host_test.h>
+#include <name_daemons.h>
 
 namespace {
 
-using namespace support;
+using namespace testbed;
 using Texts = std::vector<std::string>;
 
 constexpr int kCache = 1 << 20;
@@ -395,7 +395,7 @@ TEST_F(AnswersTest, LiarsAreNeverBelievedAndFailingServersLeftAtOnce) {
     SCOPED_TRACE(kind);
     const std::string said(kind);
     const bool fails = said == "wrong=servfail" || said == "wrong=refused" || said == "wrong=notimpl";
-    ListServer liar("zone a.list\nlist 192.0.2.1 127.0.0.66\n", {kind});
+    ListServer liar("zone a.list\nlist 192.0.2.1 127.0.0.66\n", {"--fault", kind});
     Answers answers;
     Host alone;
     alone.server(liar.port()).zone(KAVOT_BL_IP, "a.list").option(KAVOOPT_CLOSE_FAST, 1);
@@ -449,7 +449,7 @@ TEST_F(AnswersTest, TheBestServerIsAskedMost) {
   constexpr int kQuestions = 60;
   const std::string zones = "zone a.list\nlist 192.0.2.0/24\nzone cost.list\nlist 127.0.0.1 127.0.0.9\n";
   for (const uint32_t nbest : {1u, 2u}) {
-    ListServer slow(zones, {"delay=30"}), fast(zones);
+    ListServer slow(zones, {"--fault", "delay=30"}), fast(zones);
     Host host;
     host.server(slow.port()).server(fast.port()).zone(KAVOT_BL_IP, "a.list");
     host.option(KAVOOPT_BSC_SIZE, 16).option(KAVOOPT_BSC_NBEST, nbest).option(KAVOOPT_BSC_UPDTIME, 3600);

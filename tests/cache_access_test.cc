@@ -13,13 +13,13 @@
 #include <thread>
 #include <vector>
 
-#include "support/host.h"
-#include "support/stored_records.h"
+#include <host_test.h>
+#include <stored_records.h>
 
 namespace {
 
 using namespace std::string_literals;
-using namespace support;
+using namespace testbed;
 
 class CacheTest : public HostTest {
  protected:

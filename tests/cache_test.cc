@@ -12,15 +12,15 @@
 #include <vector>
 
 #include <cdata.h>
-#include "dns_engine.h"
-#include "dns_wire.h"
-#include "support/packets.h"
+#include <dns_engine.h>
+#include <dns_wire.h>
+#include <packet.h>
 
 namespace {
 
-using packets::Bytes;
-using packets::dn;
-using packets::operator+;
+using testbed::Bytes;
+using testbed::dn;
+using testbed::operator+;
 using Cache = std::unique_ptr<dns_cache, decltype(&dns_cache_destroy)>;
 using Data = std::unique_ptr<dns_cdata, decltype(&dns_cdata_free)>;
 

@@ -7,8 +7,8 @@
 #include <utility>
 #include <vector>
 
-#include "support/packets.h"
-#include "support/questions.h"
+#include <packet.h>
+#include <queries.h>
 
 namespace {
 
@@ -25,7 +25,7 @@ TEST_F(Engine, StatisticsFollowTheServers) {
   int average = 0, last = 0, check = 0;
   EXPECT_EQ(dns_get_serv_nqsent(world.ctx, good, &sent), DNS_E_INVAL) << "not asked yet";
   for (int i = 0; i < 5; ++i) {
-    questions.ask("listed-1.list.test");
+    queries.ask("listed-1.list.test");
     ASSERT_TRUE(world.run());
   }
   // Twice is enough for a server to be set aside.
@@ -41,11 +41,11 @@ TEST_F(Engine, StatisticsFollowTheServers) {
 
 // ask_in_turn asks one question after the other, `pause_us` after each answer, and returns how long they took.
 std::vector<int64_t> ask_in_turn(World *world, int count, int64_t pause_us, const std::vector<std::string> &own = {}) {
-  Questions questions(world);
+  Queries queries(world);
   std::vector<int64_t> took;
   world->asked.clear();
   for (int i = 0; i < count; ++i) {
-    const Asked &asked = questions.ask("listed-" + std::to_string(i) + ".list.test", own);
+    const Query &asked = queries.ask("listed-" + std::to_string(i) + ".list.test", own);
     EXPECT_TRUE(world->run());
     expect_truth(asked);
     took.push_back(asked.took_us);
@@ -106,9 +106,9 @@ TEST(Choice, ADeadServerCostsTheMedianNothingAndComesBack) {
     world.set_temper(both[0], Temper::dead);
     world.set_temper(both[1], Temper::dead);
     world.asked.clear();
-    Questions questions(&world);
+    Queries queries(&world);
     for (int i = 0; i < 6; ++i) {
-      EXPECT_EQ(questions.ask("listed-1.list.test", own).calls, 0);
+      EXPECT_EQ(queries.ask("listed-1.list.test", own).calls, 0);
       ASSERT_TRUE(world.run());
     }
     EXPECT_TRUE(world.asked[both[0]] >= 6 && world.asked[both[1]] >= 6);
@@ -120,7 +120,7 @@ TEST_F(Engine, ThoseThatWaitForRoomAtADyingServerGoToTheNext) {
   world.add_server("192.0.2.2", Temper::good);
   const unsigned count = 2 * dns::kUnderWayMax;
   for (unsigned i = 0; i < count; ++i)
-    questions.ask("listed-" + std::to_string(i) + ".list.test");
+    queries.ask("listed-" + std::to_string(i) + ".list.test");
   for (const unsigned place : {0U, 1U}) {
     (void)dns_timeouts(world.ctx, dns_tv_infinite, world.now());
     EXPECT_EQ(world.ctx->servers[place]->under_way, dns::kUnderWayMax);
@@ -128,7 +128,7 @@ TEST_F(Engine, ThoseThatWaitForRoomAtADyingServerGoToTheNext) {
     world.now_us += place == 0 ? dns::Options{}.timeout_us / 2 : 0;
   }
   ASSERT_TRUE(world.run());
-  for (const auto &asked : questions.all())
+  for (const auto &asked : queries.all())
     expect_truth(*asked);
   EXPECT_LT(world.asked["192.0.2.1"], dns::kUnderWayMax + 100) << "nobody waits there for the next round";
   expect_rest(&world);
@@ -182,9 +182,9 @@ TEST_F(Best, QuestionsGoWhereTheyCostLeast) {
 
 TEST_F(Best, ALossyServerIsPassedOverThoughItIsTheFastest) {
   set(&world, DNS_OPT_BSC_UPDTIME, 0);
-  unsigned queries = 0;
-  world.script = [&queries](const sim::Bytes &question, const std::string &server) {
-    const bool lost = server == "192.0.2.2" && queries++ % 2 == 0;
+  unsigned seen = 0;
+  world.script = [&seen](const Bytes &question, const std::string &server) {
+    const bool lost = server == "192.0.2.2" && seen++ % 2 == 0;
     return sim::answer_to(question, lost ? Temper::dead : Temper::good);
   };
   (void)ask_in_turn(&world, 40, 10'000);
@@ -196,7 +196,7 @@ TEST_F(Best, ALossyServerIsPassedOverThoughItIsTheFastest) {
 TEST_F(Best, OthersAreMeasuredNowAndThen) {
   // Of questions that come together each unknown server gets one, and one server the others.
   for (int i = 0; i < 9; ++i)
-    questions.ask("listed-" + std::to_string(i) + ".list.test");
+    queries.ask("listed-" + std::to_string(i) + ".list.test");
   dns_timeouts(world.ctx, dns_tv_infinite, world.now());
   EXPECT_EQ(world.asked["192.0.2.1"], 1U);
   EXPECT_EQ(world.asked["192.0.2.2"], 1U);
@@ -258,8 +258,8 @@ TEST_F(Best, TheCostZoneMovesTheTraffic) {
   expect_shares(100, 0, 0);
   EXPECT_EQ(world.packets_sent, 100U) << "the costs are good for another four minutes";
   // Records that are gone cost nothing, and a server that is cheap in this way is asked again.
-  world.script = [](const sim::Bytes &question, const std::string &) {
-    sim::Bytes answer = sim::answer_to(question, Temper::good);
+  world.script = [](const Bytes &question, const std::string &) {
+    Bytes answer = sim::answer_to(question, Temper::good);
     std::string name(question.begin(), question.end());
     std::ranges::transform(name, name.begin(), [](char c) { return static_cast<char>(tolower(c)); });
     if (name.find("\4cost\4test") == std::string::npos) return answer;
@@ -298,7 +298,7 @@ TEST_F(Best, NobodyWaitsForTheCostZone) {
   expect_held(2);
   EXPECT_EQ(dns_add_serv(world.ctx, "192.0.2.4"), 4) << "and in nobody's way";
   expect_held(0);
-  questions.ask("listed-1.list.test", {"192.0.2.5", "192.0.2.6"});
+  queries.ask("listed-1.list.test", {"192.0.2.5", "192.0.2.6"});
   world.turn();
   dns_close(world.ctx);
 }
@@ -308,7 +308,7 @@ TEST_F(Engine, ARoundTripIsMeasuredWhereThePacketIsSure) {
   world.weather.delay_us = 1'600'000;
   const sockaddr_in place = World::address_of("192.0.2.1");
   int last_ms = 7;
-  expect_truth((questions.ask("listed-1.list.test", {"192.0.2.1", "192.0.2.1"}), world.run(), *questions.all().back()));
+  expect_truth((queries.ask("listed-1.list.test", {"192.0.2.1", "192.0.2.1"}), world.run(), *queries.all().back()));
   EXPECT_EQ(world.packets_sent, 2U);
   EXPECT_EQ(dns_get_serv_lastrtt(world.ctx, reinterpret_cast<const sockaddr *>(&place), &last_ms), DNS_E_NOERROR);
   EXPECT_EQ(last_ms, 0) << "the answer may be either packet's";
@@ -322,7 +322,7 @@ TEST_F(Engine, AServerThatSlowsDownIsSoonWaitedFor) {
     world.packets_sent = 0;
     constexpr unsigned kQuestions = 20;
     for (unsigned i = 0; i < kQuestions; ++i) {
-      questions.ask("listed-1.list.test");
+      queries.ask("listed-1.list.test");
       ASSERT_TRUE(world.run());
     }
     EXPECT_LE(world.packets_sent, kQuestions + 5);
@@ -332,10 +332,10 @@ TEST_F(Engine, AServerThatSlowsDownIsSoonWaitedFor) {
 TEST_F(Engine, TheLastAttemptWaitsForTheWholeTimeWhereNothingElseIsLeft) {
   world.weather.delay_us = 1000;
   world.add_server("192.0.2.1", Temper::good);
-  ASSERT_TRUE((questions.ask("listed-1.list.test"), world.run()));
+  ASSERT_TRUE((queries.ask("listed-1.list.test"), world.run()));
   world.set_temper("192.0.2.1", Temper::dead);
   for (const auto &[flags, longest_us] : {std::pair{0U, 751'000}, {unsigned{DNS_RCRS}, 3'351'000}}) {
-    Asked &asked = questions.ask("listed-2.list.test", {}, flags);
+    Query &asked = queries.ask("listed-2.list.test", {}, flags);
     ASSERT_TRUE(world.run());
     EXPECT_EQ(asked.status, DNS_E_TEMPFAIL);
     EXPECT_TRUE(asked.took_us <= longest_us && asked.took_us >= longest_us - 1000) << "each round doubles the wait";
@@ -347,21 +347,21 @@ TEST_F(Best, AllAreAskedBeforeOneIsAskedTwice) {
   (void)ask_in_turn(&world, 10, 10'000);
   set(&world, DNS_OPT_NTRIES, 6);
   std::string places;
-  world.script = [&places](const sim::Bytes &, const std::string &server) {
+  world.script = [&places](const Bytes &, const std::string &server) {
     places += server.back();
-    return sim::Bytes{};
+    return Bytes{};
   };
-  ASSERT_TRUE((questions.ask("listed-1.list.test"), world.run()));
+  ASSERT_TRUE((queries.ask("listed-1.list.test"), world.run()));
   EXPECT_EQ(places, "231231") << "in the order of their costs";
 }
 
 // referral refers to the zone test, with as many servers at 192.0.2.4 and on.
-sim::Bytes referral(const sim::Bytes &question, uint8_t servers) {
-  packets::Answer answer("test");
-  answer.packet = sim::answer_to(question, Temper::refers);
+Bytes referral(const Bytes &question, uint8_t servers) {
+  auto answer = testbed::Packet::reply(question, DNS_R_NOERROR, false);
+  answer.add("test", DNS_T_NS, testbed::dn("ns.test"), 300, DNS_S_NS);
   for (uint8_t i = 0; i < servers; ++i)
     answer.add("ns.test", DNS_T_A, {192, 0, 2, static_cast<uint8_t>(4 + i)}, 300, DNS_S_AR);
-  return answer.packet;
+  return answer.bytes;
 }
 
 TEST_F(Engine, TheServersOfAZoneAreAskedAsIfTheQuestionWereNew) {
@@ -372,20 +372,20 @@ TEST_F(Engine, TheServersOfAZoneAreAskedAsIfTheQuestionWereNew) {
   bool lossy = false;
   std::string places;
   int64_t asked_us = 0, waited_us = 0;
-  world.script = [&](const sim::Bytes &question, const std::string &server) {
+  world.script = [&](const Bytes &question, const std::string &server) {
     places += server.back();
     waited_us = world.now_us - std::exchange(asked_us, world.now_us);
-    if (server.back() < '4') return lossy && places.size() < 6 ? sim::Bytes{} : referral(question, 2);
-    return lossy && server.back() == '4' ? sim::Bytes{} : answer_to(question, Temper::good);
+    if (server.back() < '4') return lossy && places.size() < 6 ? Bytes{} : referral(question, 2);
+    return lossy && server.back() == '4' ? Bytes{} : answer_to(question, Temper::good);
   };
   for (int i = 0; i < 80; ++i)
-    questions.ask("listed-" + std::to_string(i) + ".list.test");
+    queries.ask("listed-" + std::to_string(i) + ".list.test");
   ASSERT_TRUE(world.run());
   for (const char *server : {"192.0.2.4", "192.0.2.5"})
     EXPECT_GE(world.asked[server], 20U) << "they share what comes before they are known";
   lossy = true;
   places.clear();
-  expect_truth((questions.ask("listed-1.list.test"), world.run(), *questions.all().back()));
+  expect_truth((queries.ask("listed-1.list.test"), world.run(), *queries.all().back()));
   EXPECT_EQ(places, "12312345");
   EXPECT_LT(waited_us, 60'000);
 }
@@ -393,18 +393,18 @@ TEST_F(Engine, TheServersOfAZoneAreAskedAsIfTheQuestionWereNew) {
 TEST(Choice, WhatComesAfterAProbeCounts) {
   for (const bool refers : {true, false}) {
     World world(7);
-    Questions questions(&world);
+    Queries queries(&world);
     bool later = false;
     for (const char *server : {"192.0.2.1", "192.0.2.2"})
       world.add_server(server, Temper::good);
-    world.script = [&](const sim::Bytes &question, const std::string &server) {
+    world.script = [&](const Bytes &question, const std::string &server) {
       if (server == "192.0.2.2" && !later) return answer_to(question, Temper::good);
-      return server == "192.0.2.1" && later && refers ? referral(question, 1) : sim::Bytes{};
+      return server == "192.0.2.1" && later && refers ? referral(question, 1) : Bytes{};
     };
     (void)ask_in_turn(&world, 2, 2 * dns::kUsPerSecond);
     later = true;
     world.packets_sent = 0;
-    EXPECT_EQ((questions.ask("listed-1.list.test"), world.run(), questions.all().back()->status), DNS_E_TEMPFAIL);
+    EXPECT_EQ((queries.ask("listed-1.list.test"), world.run(), queries.all().back()->status), DNS_E_TEMPFAIL);
     EXPECT_EQ(world.packets_sent, 1 + dns::Options{}.ntries);
   }
 }

@@ -10,10 +10,10 @@
 #include <string>
 #include <vector>
 
-#include "../platform/dns/engine/context.h"
-#include "../platform/dns/engine/resolver_file.h"
-#include "support/packets.h"
-#include "support/questions.h"
+#include <context.h>
+#include <resolver_file.h>
+#include <packet.h>
+#include <queries.h>
 
 namespace {
 
@@ -21,11 +21,11 @@ using namespace sim;
 
 // tease has every server do something else each time that it is asked: refer to a server outside the zone, for one.
 void tease(World *world) {
-  world->script = [world](const sim::Bytes &question, const std::string &) {
+  world->script = [world](const Bytes &question, const std::string &) {
     static constexpr Temper kTempers[] = {Temper::good,   Temper::good,         Temper::dead,        Temper::fails,
                                           Temper::refers, Temper::knows_no_opt, Temper::lowers_case, Temper::truncates};
     const Temper temper = kTempers[world->random(std::size(kTempers))];
-    sim::Bytes answer = sim::answer_to(question, temper);
+    Bytes answer = sim::answer_to(question, temper);
     if (temper == Temper::refers) answer[answer.size() - 2] = 'a';
     return answer;
   };
@@ -59,16 +59,16 @@ void storm(uint64_t seed) {
     EXPECT_EQ(dns_set_cost_zone(world.ctx, world.chance(50) ? "cost.test" : nullptr), DNS_E_NOERROR);
   }
   if (world.chance(25)) tease(&world);
-  Questions questions(&world);
-  if (world.chance(50)) questions.meddling = static_cast<int>(world.random(30));
-  if (world.chance(50)) dns_set_dbgfn(world.ctx, Questions::told, &questions);
+  Queries queries(&world);
+  if (world.chance(50)) queries.meddling = static_cast<int>(world.random(30));
+  if (world.chance(50)) dns_set_dbgfn(world.ctx, Queries::told, &queries);
   const unsigned count = 1 + static_cast<unsigned>(world.random(40));
   for (unsigned i = 0; i < count; ++i) {
-    questions.ask(some_name(&world),
-                  world.chance(20) ? std::vector<std::string>{"192.0.2.1"} : std::vector<std::string>{},
-                  world.chance(50) ? DNS_RCRS : 0);
+    queries.ask(some_name(&world),
+                world.chance(20) ? std::vector<std::string>{"192.0.2.1"} : std::vector<std::string>{},
+                world.chance(50) ? DNS_RCRS : 0);
     if (world.chance(50)) world.turn();
-    if (world.chance(10)) questions.cancel(questions.all()[world.random(questions.all().size())].get());
+    if (world.chance(10)) queries.cancel(queries.all()[world.random(queries.all().size())].get());
   }
   const bool closes = world.chance(10);
   if (closes) {
@@ -78,12 +78,12 @@ void storm(uint64_t seed) {
     ASSERT_TRUE(world.run(10'000)) << "the engine never came to rest";
   }
   expect_rest(&world);
-  for (const auto &asked : questions.all()) {
+  for (const auto &asked : queries.all()) {
     if (asked->cancelled || (closes && asked->calls == 0)) {
       EXPECT_EQ(asked->calls, 0);
     } else if (asked->status == DNS_E_TEMPFAIL || asked->status <= DNS_E_FORMERR || asked->status == DNS_E_PROTOCOL) {
       EXPECT_EQ(asked->calls, 1);
-      EXPECT_EQ(asked->address, 0U);
+      EXPECT_EQ(asked->address(), 0U);
     } else {
       expect_truth(*asked);
     }
@@ -97,23 +97,23 @@ TEST(Storm, EveryQuestionEndsOnceAndRightly) {
 
 TEST_F(Engine, AnswersDeniesAndFollowsAliasesInAnyOrder) {
   world.add_server("192.0.2.1", Temper::good);
-  Asked &listed = questions.ask("listed-1.list.test");
-  Asked &gone = questions.ask("gone-1.list.test");
-  Asked &empty = questions.ask("empty-1.list.test");
+  Query &listed = queries.ask("listed-1.list.test");
+  Query &gone = queries.ask("gone-1.list.test");
+  Query &empty = queries.ask("empty-1.list.test");
   ASSERT_TRUE(world.run());
-  for (const Asked *asked : {&listed, &gone, &empty})
+  for (const Query *asked : {&listed, &gone, &empty})
     expect_truth(*asked);
   EXPECT_EQ(world.packets_sent, 3U);
   EXPECT_TRUE(dns_timeouts(world.ctx, dns_tv_infinite, world.now()) == dns_tv_infinite);
 
   world.set_temper("192.0.2.1", Temper::chains);
-  Asked &aliased = questions.ask("listed-2.list.test");
+  Query &aliased = queries.ask("listed-2.list.test");
   ASSERT_TRUE(world.run());
   expect_truth(aliased);
   EXPECT_EQ(aliased.canonical, "END.test");
 
   world.set_temper("192.0.2.1", Temper::loops);
-  Asked &looping = questions.ask("listed-3.list.test");
+  Query &looping = queries.ask("listed-3.list.test");
   ASSERT_TRUE(world.run());
   EXPECT_EQ(looping.status, DNS_E_CNLOOP);
 }
@@ -124,7 +124,7 @@ TEST_F(Engine, AFailingServerCostsNoTimeAndADeadOneItsTimeOut) {
   world.add_server("192.0.2.3", Temper::garbles);
   world.add_server("192.0.2.4", Temper::good);
   const int64_t start = world.now_us;
-  Asked &asked = questions.ask("listed-1.list.test");
+  Query &asked = queries.ask("listed-1.list.test");
   ASSERT_TRUE(world.run());
   expect_truth(asked);
   EXPECT_EQ(world.now_us - start, 4 * world.weather.delay_us);
@@ -132,7 +132,7 @@ TEST_F(Engine, AFailingServerCostsNoTimeAndADeadOneItsTimeOut) {
 
   world.set_temper("192.0.2.1", Temper::dead);
   const int64_t late_start = world.now_us;
-  Asked &late = questions.ask("listed-2.list.test");
+  Query &late = queries.ask("listed-2.list.test");
   ASSERT_TRUE(world.run());
   expect_truth(late);
   EXPECT_GE(world.now_us - late_start, 50'000) << "the first server's own estimate, at its least";
@@ -155,30 +155,30 @@ TEST_F(Engine, StatusesSayWhatWentWrong) {
     SCOPED_TRACE(static_cast<int>(row.temper));
     world.set_temper("192.0.2.1", row.temper);
     world.packets_sent = 0;
-    Asked &asked = questions.ask("listed-" + std::to_string(static_cast<int>(row.temper)) + ".list.test");
+    Query &asked = queries.ask("listed-" + std::to_string(static_cast<int>(row.temper)) + ".list.test");
     ASSERT_TRUE(world.run());
     EXPECT_EQ(asked.calls, 1);
     EXPECT_EQ(asked.status, row.status);
     EXPECT_EQ(world.packets_sent, row.packets);
   }
   ASSERT_EQ(dns_add_serv(world.ctx, nullptr), 0);
-  Asked &nobody = questions.ask("listed-1.list.test");
+  Query &nobody = queries.ask("listed-1.list.test");
   ASSERT_TRUE(world.run());
   EXPECT_EQ(nobody.status, DNS_E_TEMPFAIL);
 }
 
 TEST_F(Engine, CancelledAndClosedQuestionsAreNeverCalledBack) {
   world.add_server("192.0.2.1", Temper::good);
-  Asked &queued = questions.ask("listed-1.list.test");
+  Query &queued = queries.ask("listed-1.list.test");
   dns_cancel(world.ctx, queued.handle);
-  Asked &sent = questions.ask("listed-2.list.test");
+  Query &sent = queries.ask("listed-2.list.test");
   (void)dns_timeouts(world.ctx, dns_tv_infinite, world.now());
   EXPECT_EQ(world.packets_sent, 1U);
   dns_cancel(world.ctx, sent.handle);
   ASSERT_TRUE(world.run());
-  Asked &open = questions.ask("listed-3.list.test");
+  Query &open = queries.ask("listed-3.list.test");
   (void)dns_timeouts(world.ctx, dns_tv_infinite, world.now());
-  Asked &waiting = questions.ask("listed-4.list.test");
+  Query &waiting = queries.ask("listed-4.list.test");
   dns_close(world.ctx);
   EXPECT_EQ(dns_active(world.ctx), 0);
   EXPECT_EQ(world.sockets_open, 0U);
@@ -186,10 +186,10 @@ TEST_F(Engine, CancelledAndClosedQuestionsAreNeverCalledBack) {
             nullptr);
   EXPECT_EQ(dns_get_status(world.ctx), DNS_E_PERM);
   ASSERT_EQ(dns_open(world.ctx), DNS_E_NOERROR);
-  Asked &again = questions.ask("listed-5.list.test");
+  Query &again = queries.ask("listed-5.list.test");
   ASSERT_TRUE(world.run());
   expect_truth(again);
-  for (const Asked *asked : {&queued, &sent, &open, &waiting})
+  for (const Query *asked : {&queued, &sent, &open, &waiting})
     EXPECT_EQ(asked->calls, 0);
 }
 
@@ -199,7 +199,7 @@ struct HostChain {
   int victim_calls = 0;
 };
 
-const auto kChainName = sim::name("listed-1.list.test");
+const auto kChainName = testbed::dn("listed-1.list.test");
 
 // ask_on is a host that, told one answer, cancels a question of the same turn and asks two more.
 void ask_on(dns_ctx *ctx, dns_query *, void *, unsigned, void *data) {
@@ -233,8 +233,8 @@ TEST_F(Engine, CallbacksMayAskAndCancel) {
 }
 
 TEST_F(Engine, RefusesWhatIsNoQuestion) {
-  Asked asked;
-  const auto dn = sim::name("a.test");
+  Query asked;
+  const auto dn = testbed::dn("a.test");
   const uint8_t long_label[DNS_MAXDN] = {64};
   uint8_t endless[DNS_MAXDN + 1];
   memset(endless, 1, sizeof endless);
@@ -271,13 +271,13 @@ TEST_F(Engine, TheCacheAnswersUntilTheRecordExpires) {
       &events);
   world.add_server("192.0.2.1", Temper::chains);
   for (const char *text : {"listed-7.list.test", "gone-7.list.test", "empty-7.list.test"}) {
-    Asked &first = questions.ask(text);
+    Query &first = queries.ask(text);
     ASSERT_TRUE(world.run());
     expect_truth(first);
     EXPECT_EQ(first.sflags, 0U);
     const unsigned sent = world.packets_sent;
-    Asked &second = questions.ask(text);
-    Asked &own = questions.ask(text, {"192.0.2.1"});
+    Query &second = queries.ask(text);
+    Query &own = queries.ask(text, {"192.0.2.1"});
     ASSERT_TRUE(world.run());
     expect_truth(second);
     expect_truth(own);
@@ -288,14 +288,14 @@ TEST_F(Engine, TheCacheAnswersUntilTheRecordExpires) {
   }
   const std::unique_ptr<dns_cache, decltype(&dns_cache_destroy)> other(dns_cache_init(1 << 20), dns_cache_destroy);
   ASSERT_EQ(dns_set_cache(world.ctx, DNS_CU_ANS, dns_cache_cacher(other.get())), DNS_E_NOERROR);
-  Asked &waiting = questions.ask("listed-7.list.test");
+  Query &waiting = queries.ask("listed-7.list.test");
   ASSERT_EQ(dns_set_cache(world.ctx, DNS_CU_ANS, dns_cache_cacher(cache.get())), DNS_E_NOERROR);
   ASSERT_TRUE(world.run());
   EXPECT_EQ(waiting.sflags, unsigned{DNS_SF_CACHED}) << "the cache that is there when a question is looked up counts";
   events.resize(6);
-  questions.ask("listed-8.list.test", {"192.0.2.1"});
+  queries.ask("listed-8.list.test", {"192.0.2.1"});
   ASSERT_TRUE(world.run());
-  Asked &fresh = questions.ask("listed-8.list.test");
+  Query &fresh = queries.ask("listed-8.list.test");
   ASSERT_TRUE(world.run());
   EXPECT_EQ(fresh.sflags, 0U) << "nor does such a question fill it";
   events.resize(6);
@@ -304,7 +304,7 @@ TEST_F(Engine, TheCacheAnswersUntilTheRecordExpires) {
 
   world.now_us += 301 * int64_t{1'000'000};
   const unsigned sent = world.packets_sent;
-  Asked &expired = questions.ask("listed-7.list.test");
+  Query &expired = queries.ask("listed-7.list.test");
   ASSERT_TRUE(world.run());
   expect_truth(expired);
   EXPECT_EQ(world.packets_sent, sent + 1);
@@ -314,56 +314,56 @@ TEST_F(Engine, AFullSendBufferDelaysQuestionsAndLosesNone) {
   world.add_server("192.0.2.1", Temper::good);
   world.send_buffers_full = true;
   for (int i = 0; i < 300; ++i)
-    questions.ask("listed-" + std::to_string(i) + ".list.test");
+    queries.ask("listed-" + std::to_string(i) + ".list.test");
   for (int i = 0; i < 5; ++i)
     ASSERT_TRUE(world.turn());
   EXPECT_EQ(world.packets_sent, 0U);
   world.send_buffers_full = false;
   ASSERT_TRUE(world.run());
-  for (const auto &asked : questions.all())
+  for (const auto &asked : queries.all())
     expect_truth(*asked);
   EXPECT_EQ(world.packets_sent, 300U);
 
   world.send_buffers_full = true;
-  const Asked &stuck = questions.ask("listed-1.list.test");
+  const Query &stuck = queries.ask("listed-1.list.test");
   ASSERT_TRUE(world.run(1000));
   EXPECT_EQ(stuck.status, DNS_E_TEMPFAIL) << "a question ends though its socket never drains";
 }
 
 TEST_F(Engine, TheSameQuestionIsAskedOnce) {
   world.add_server("192.0.2.1", Temper::good);
-  std::vector<Asked *> same;
+  std::vector<Query *> same;
   for (int i = 0; i < 5; ++i)
-    same.push_back(&questions.ask("listed-1.list.test"));
-  Asked &shouted = questions.ask("LISTED-1.list.test");
-  Asked &recursive = questions.ask("listed-1.list.test", {}, DNS_RCRS);
-  Asked &elsewhere = questions.ask("listed-1.list.test", {"192.0.2.1"});
+    same.push_back(&queries.ask("listed-1.list.test"));
+  Query &shouted = queries.ask("LISTED-1.list.test");
+  Query &recursive = queries.ask("listed-1.list.test", {}, DNS_RCRS);
+  Query &elsewhere = queries.ask("listed-1.list.test", {"192.0.2.1"});
   dns_timeouts(world.ctx, dns_tv_infinite, world.now());
   EXPECT_EQ(world.packets_sent, 4U);
-  Asked &late = questions.ask("listed-1.list.test");
+  Query &late = queries.ask("listed-1.list.test");
   dns_cancel(world.ctx, same[0]->handle);  // the one that was sent: another takes its place
   dns_cancel(world.ctx, same[3]->handle);
   ASSERT_TRUE(world.run());
   EXPECT_EQ(world.packets_sent, 5U);
-  for (const Asked *asked : {same[1], same[2], same[4], &shouted, &recursive, &elsewhere, &late})
-    EXPECT_TRUE(asked->calls == 1 && asked->status == DNS_E_NOERROR && asked->address != 0);
+  for (const Query *asked : {same[1], same[2], same[4], &shouted, &recursive, &elsewhere, &late})
+    EXPECT_TRUE(asked->calls == 1 && asked->status == DNS_E_NOERROR && asked->address() != 0);
   EXPECT_EQ(same[0]->calls + same[3]->calls, 0);
 }
 
 TEST_F(Engine, AFailureIsRememberedForAFewSeconds) {
   world.add_server("192.0.2.1", Temper::fails);
   for (int i = 0; i < 3; ++i) {
-    Asked &asked = questions.ask("listed-1.list.test");
+    Query &asked = queries.ask("listed-1.list.test");
     ASSERT_TRUE(world.run());
     EXPECT_EQ(asked.status, DNS_E_SERVFAIL);
   }
   EXPECT_EQ(world.packets_sent, 1U);
   world.set_temper("192.0.2.1", Temper::good);
-  Asked &other = questions.ask("listed-2.list.test");
+  Query &other = queries.ask("listed-2.list.test");
   ASSERT_TRUE(world.run());
   expect_truth(other);
   world.now_us += dns::kFailureUs;
-  Asked &later = questions.ask("listed-1.list.test");
+  Query &later = queries.ask("listed-1.list.test");
   ASSERT_TRUE(world.run());
   expect_truth(later);
 }
@@ -371,18 +371,18 @@ TEST_F(Engine, AFailureIsRememberedForAFewSeconds) {
 TEST_F(Engine, MoreThanAServerMayHaveUnderWayWaitsForRoom) {
   world.add_server("192.0.2.1", Temper::good);
   for (unsigned i = 0; i < 3 * dns::kUnderWayMax; ++i)
-    questions.ask("listed-" + std::to_string(i) + ".list.test");
+    queries.ask("listed-" + std::to_string(i) + ".list.test");
   dns_timeouts(world.ctx, dns_tv_infinite, world.now());
   EXPECT_EQ(world.packets_sent, dns::kUnderWayMax);
   for (const unsigned first : {0U, 2 * dns::kUnderWayMax})
     for (unsigned i = first; i < first + 100; ++i)
-      questions.cancel(questions.all()[i].get());
+      queries.cancel(queries.all()[i].get());
   ASSERT_TRUE(world.run());
   for (size_t i = 100; i < 2 * dns::kUnderWayMax; ++i)
-    expect_truth(*questions.all()[i]);
+    expect_truth(*queries.all()[i]);
   EXPECT_EQ(dns_active(world.ctx), 0);
   // Those whose turn has come are cancelled before they leave: the ones behind them must not wait for their answers.
-  Questions others(&world);
+  Queries others(&world);
   for (unsigned i = 0; i < 3 * dns::kUnderWayMax; ++i)
     others.ask("listed-" + std::to_string(i) + ".list.test");
   world.turn();
@@ -391,7 +391,7 @@ TEST_F(Engine, MoreThanAServerMayHaveUnderWayWaitsForRoom) {
   ASSERT_TRUE(world.run(1000));
   expect_truth(*others.all().back());
   for (unsigned i = 0; i < 3 * dns::kUnderWayMax; ++i)
-    questions.ask("listed-" + std::to_string(i) + ".list.test");
+    queries.ask("listed-" + std::to_string(i) + ".list.test");
   dns_timeouts(world.ctx, dns_tv_infinite, world.now());
   dns_close(world.ctx);
   expect_rest(&world);
@@ -400,7 +400,7 @@ TEST_F(Engine, MoreThanAServerMayHaveUnderWayWaitsForRoom) {
 TEST_F(Engine, SocketsGrowWithTheLoadAndAreRenewed) {
   world.add_server("192.0.2.1", Temper::good);
   for (int i = 0; i < 3000; ++i)
-    questions.ask("listed-" + std::to_string(i) + ".list.test");
+    queries.ask("listed-" + std::to_string(i) + ".list.test");
   ASSERT_TRUE(world.run());
   EXPECT_GE(world.sockets_open, 3000 / dns::UdpPool::kInFlightPerSocket);
   dns_ios before[dns::UdpPool::kSocketsMax];
@@ -409,12 +409,12 @@ TEST_F(Engine, SocketsGrowWithTheLoadAndAreRenewed) {
   for (int i = 0; i < count; ++i)
     old.insert(before[i].dnsio_sock);
   world.now_us += dns::UdpPool::kAgeMaxUs;
-  questions.ask("listed-1.list.test");
+  queries.ask("listed-1.list.test");
   ASSERT_TRUE(world.run());
   EXPECT_LE(world.sockets_open, dns::UdpPool::kSocketsMin) << "sockets age";
   for (int round = 0; round < 80; ++round) {
     for (int i = 0; i < 3000; ++i)
-      questions.ask("listed-" + std::to_string(i) + ".list.test");
+      queries.ask("listed-" + std::to_string(i) + ".list.test");
     ASSERT_TRUE(world.run());
   }
   EXPECT_LE(world.sockets_open, dns::UdpPool::kSocketsMax);
@@ -422,7 +422,7 @@ TEST_F(Engine, SocketsGrowWithTheLoadAndAreRenewed) {
   const int now = dns_sockio(world.ctx, after, dns::UdpPool::kSocketsMax);
   for (int i = 0; i < now; ++i)
     EXPECT_EQ(old.count(after[i].dnsio_sock), 0U) << "a worn socket is still in use";
-  for (const auto &asked : questions.all())
+  for (const auto &asked : queries.all())
     ASSERT_EQ(asked->calls, 1);
 }
 
@@ -459,12 +459,12 @@ TEST_F(Engine, ADebugFunctionMayCancelAskAndParse) {
   set(&world, DNS_OPT_BSC_SIZE, 16);
   set(&world, DNS_OPT_BSC_UPDTIME, 0);
   ASSERT_EQ(dns_set_cost_zone(world.ctx, "cost.test"), DNS_E_NOERROR);
-  questions.meddling = 20;
-  dns_set_dbgfn(world.ctx, Questions::told, &questions);
+  queries.meddling = 20;
+  dns_set_dbgfn(world.ctx, Queries::told, &queries);
   for (int i = 0; i < 100; ++i)
-    questions.ask(some_name(&world));
+    queries.ask(some_name(&world));
   ASSERT_TRUE(world.run());
-  for (const auto &asked : questions.all()) {
+  for (const auto &asked : queries.all()) {
     EXPECT_EQ(asked->calls, asked->cancelled ? 0 : 1);
     if (asked->status == DNS_E_NOERROR) expect_truth(*asked);
   }

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "support/questions.h"
+#include <queries.h>
 
 namespace {
 
@@ -16,17 +16,17 @@ using namespace sim;
 
 TEST_F(Engine, WhatIsCutOffIsAskedForOnOneConnection) {
   world.add_server("192.0.2.1", Temper::truncates);
-  std::vector<Asked *> all;
+  std::vector<Query *> all;
   for (int i = 0; i < 500; ++i)
-    all.push_back(&questions.ask("listed-" + std::to_string(i) + ".list.test"));
+    all.push_back(&queries.ask("listed-" + std::to_string(i) + ".list.test"));
   ASSERT_TRUE(world.run());
-  for (const Asked *asked : all)
+  for (const Query *asked : all)
     expect_truth(*asked);
   EXPECT_EQ(world.connections_made, 1U);
   EXPECT_EQ(world.packets_sent, 500U);
   world.weather.breaks_percent = 30;
   for (int i = 0; i < 200; ++i)
-    questions.ask("listed-" + std::to_string(i) + ".list.test");
+    queries.ask("listed-" + std::to_string(i) + ".list.test");
   ASSERT_TRUE(world.run());
   EXPECT_GT(world.connections_made, 1U);
   dns_close(world.ctx);
@@ -36,13 +36,13 @@ TEST_F(Engine, WhatIsCutOffIsAskedForOnOneConnection) {
 TEST_F(Engine, AServerWithoutEdnsIsAskedPlainlyFromThenOn) {
   world.add_server("192.0.2.1", Temper::knows_no_opt);
   for (const unsigned packets : {2U, 3U, 4U}) {
-    Asked &asked = questions.ask("listed-1.list.test");
+    Query &asked = queries.ask("listed-1.list.test");
     ASSERT_TRUE(world.run());
     expect_truth(asked);
     EXPECT_EQ(world.packets_sent, packets);
   }
   world.now_us += dns::kNoEdnsUs;
-  questions.ask("listed-1.list.test");
+  queries.ask("listed-1.list.test");
   ASSERT_TRUE(world.run());
   EXPECT_EQ(world.packets_sent, 6U);
 }
@@ -53,10 +53,10 @@ TEST_F(Engine, AMillionForgedPacketsAreNotBelieved) {
   constexpr int64_t kLongUs = 600'000'000;
   const dns_timeval patient = {kLongUs / dns::kUsPerSecond, 0};
   ASSERT_EQ(dns_set_opt(world.ctx, DNS_OPT_TIMEOUT, &patient, sizeof patient), 0);
-  Asked &asked = questions.ask("listed-1.list.test");
+  Query &asked = queries.ask("listed-1.list.test");
   dns_timeouts(world.ctx, dns_tv_infinite, world.now());
-  sim::Bytes forged = sim::answer_to(world.last_question(), Temper::good);
-  const sim::Bytes sent = world.last_question();
+  Bytes forged = sim::answer_to(world.last_query(), Temper::good);
+  const Bytes sent = world.last_query();
   for (int i = 0; i < 1'000'000; ++i) {
     forged[0] = static_cast<uint8_t>(i >> 8);  // every id comes up, fifteen times
     forged[1] = static_cast<uint8_t>(i);
@@ -77,12 +77,12 @@ TEST_F(Engine, AStrangersAnswerCountsWhereItIsExpected) {
   world.add_server("192.0.2.1", Temper::dead);
   world.add_server("192.0.2.2", Temper::dead);
   const auto believed = [this](const std::string &stranger, uint16_t port) {
-    Asked &asked = questions.ask("listed-" + std::to_string(port) + ".list.test");
+    Query &asked = queries.ask("listed-" + std::to_string(port) + ".list.test");
     dns_timeouts(world.ctx, dns_tv_infinite, world.now());
-    world.forge(stranger, sim::answer_to(world.last_question(), Temper::good), port);
+    world.forge(stranger, sim::answer_to(world.last_query(), Temper::good), port);
     world.read_sockets();
     if (asked.calls > 0) expect_truth(asked);
-    questions.cancel(&asked);
+    queries.cancel(&asked);
     return asked.calls > 0;
   };
   const auto expect_answers_of = [this](const char *stranger, uint16_t port) {
@@ -107,10 +107,10 @@ TEST_F(Engine, AStrangersAnswerCountsWhereItIsExpected) {
 TEST_F(Engine, AServerThatDoesNotKeepTheCaseIsAskedInLowerCase) {
   for (const Temper temper : {Temper::lowers_case, Temper::lowers_case_by_tcp}) {
     World other(7);
-    Questions asks(&other);
+    Queries asks(&other);
     other.add_server("192.0.2.1", temper);
     for (int i = 0; i < 3; ++i) {
-      const Asked &asked = asks.ask("Listed-" + std::to_string(i) + ".LIST.test");
+      const Query &asked = asks.ask("Listed-" + std::to_string(i) + ".LIST.test");
       ASSERT_TRUE(other.run());
       expect_truth(asked);
       EXPECT_EQ(asked.canonical, "Listed-" + std::to_string(i) + ".LIST.test") << "as it was asked";
@@ -126,7 +126,7 @@ TEST_F(Engine, CookiesAreExchangedWhereTheyAreAskedFor) {
   const uint32_t flags = DNS_COOKIES;
   ASSERT_EQ(dns_set_opt(world.ctx, DNS_OPT_FLAGS, &flags, sizeof flags), 0);
   for (const unsigned packets : {2U, 3U}) {
-    Asked &asked = questions.ask("listed-" + std::to_string(packets) + ".list.test");
+    Query &asked = queries.ask("listed-" + std::to_string(packets) + ".list.test");
     ASSERT_TRUE(world.run());
     expect_truth(asked);
     EXPECT_EQ(world.packets_sent, packets);
@@ -138,16 +138,16 @@ TEST_F(Engine, CookiesAreExchangedWhereTheyAreAskedFor) {
   world.set_temper("192.0.2.1", Temper::good);
   for (const int64_t delay_us : {0, 200'000}) {
     world.delays_us["192.0.2.1"] = delay_us;
-    Asked &asked = questions.ask("listed-1.list.test");
+    Query &asked = queries.ask("listed-1.list.test");
     ASSERT_TRUE(world.run());
     EXPECT_EQ(asked.status, DNS_E_TEMPFAIL);
   }
   // One that no longer gives cookies says so over TCP; without TCP that is forgotten after minutes.
   world.tcp_errors = 0;
   world.delays_us.clear();
-  expect_truth((questions.ask("listed-2.list.test"), world.run(), *questions.all().back()));
+  expect_truth((queries.ask("listed-2.list.test"), world.run(), *queries.all().back()));
   EXPECT_EQ(world.connections_made, 1U);
-  expect_truth((questions.ask("listed-3.list.test"), world.run(), *questions.all().back()));
+  expect_truth((queries.ask("listed-3.list.test"), world.run(), *queries.all().back()));
   EXPECT_EQ(world.connections_made, 1U);
 }
 
@@ -156,11 +156,11 @@ TEST_F(Engine, ACookieThatNoLongerComesIsForgotten) {
   set(&world, DNS_OPT_FLAGS, DNS_COOKIES);
   world.tcp_error = -ECONNREFUSED;
   world.tcp_errors = UINT32_MAX;
-  ASSERT_TRUE((questions.ask("listed-1.list.test"), world.run()));
+  ASSERT_TRUE((queries.ask("listed-1.list.test"), world.run()));
   world.set_temper("192.0.2.1", Temper::good);
-  EXPECT_NE((questions.ask("listed-2.list.test"), world.run(), questions.all().back()->status), DNS_E_NOERROR);
+  EXPECT_NE((queries.ask("listed-2.list.test"), world.run(), queries.all().back()->status), DNS_E_NOERROR);
   world.now_us += dns::kCookieUs;
-  expect_truth((questions.ask("listed-3.list.test"), world.run(), *questions.all().back()));
+  expect_truth((queries.ask("listed-3.list.test"), world.run(), *queries.all().back()));
 }
 
 TEST_F(Engine, ServersThatCloseConnectionsLoseNothing) {
@@ -169,11 +169,11 @@ TEST_F(Engine, ServersThatCloseConnectionsLoseNothing) {
     world.answers_per_connection = answers;
     world.connections_made = 0;
     world.now_us += dns::kTcpLimitUs;  // what was learned of the server before is forgotten
-    std::vector<Asked *> all;
+    std::vector<Query *> all;
     for (int i = 0; i < 60; ++i)
-      all.push_back(&questions.ask("listed-" + std::to_string(i) + ".list.test"));
+      all.push_back(&queries.ask("listed-" + std::to_string(i) + ".list.test"));
     ASSERT_TRUE(world.run());
-    for (const Asked *asked : all)
+    for (const Query *asked : all)
       expect_truth(*asked);
     EXPECT_LE(world.connections_made, 60 / answers + 3);
   }
@@ -181,7 +181,7 @@ TEST_F(Engine, ServersThatCloseConnectionsLoseNothing) {
 
 TEST_F(Engine, AnAnswerThatALateLoopFindsOnAConnectionCounts) {
   world.add_server("192.0.2.1", Temper::truncates);
-  Asked &asked = questions.ask("listed-1.list.test");
+  Query &asked = queries.ask("listed-1.list.test");
   ASSERT_TRUE(world.turn());
   (void)dns_timeouts(world.ctx, dns_tv_infinite, world.now());
   ASSERT_EQ(world.connections_made, 1U);
@@ -195,7 +195,7 @@ TEST_F(Engine, AConnectionThatCannotBeHadCostsAttemptsAndNotTheQuery) {
   for (const int error : {-ECONNREFUSED, -EMFILE}) {
     world.tcp_error = error;
     world.tcp_errors = 2;
-    Asked &asked = questions.ask("listed-1.list.test");
+    Query &asked = queries.ask("listed-1.list.test");
     ASSERT_TRUE(world.run());
     expect_truth(asked);
     EXPECT_LT(asked.took_us, dns::kUsPerSecond);
@@ -206,11 +206,11 @@ TEST_F(Engine, AConnectionThatCannotBeHadCostsAttemptsAndNotTheQuery) {
 
 TEST_F(Engine, WhatAnEarlierServerCutsOffIsAskedForThere) {
   world.add_server("192.0.2.1", Temper::good);
-  ASSERT_TRUE((questions.ask("listed-1.list.test"), world.run()));
+  ASSERT_TRUE((queries.ask("listed-1.list.test"), world.run()));
   world.set_temper("192.0.2.1", Temper::truncates);
   world.delays_us["192.0.2.1"] = 200'000;
   world.add_server("192.0.2.2", Temper::dead);
-  Asked &asked = questions.ask("listed-2.list.test");
+  Query &asked = queries.ask("listed-2.list.test");
   ASSERT_TRUE(world.run());
   expect_truth(asked);
   EXPECT_LT(asked.took_us, 300'000);
@@ -222,7 +222,7 @@ TEST_F(Engine, ASlowServerIsHeardThoughItsQueryHasLeftTheSocket) {
   set(&world, DNS_OPT_NTRIES, 10);
   world.add_server("192.0.2.1", Temper::good);
   world.delays_us["192.0.2.1"] = 3'500'000;
-  Asked &asked = questions.ask("listed-2.list.test");
+  Query &asked = queries.ask("listed-2.list.test");
   ASSERT_TRUE(world.run());
   expect_truth(asked);
   EXPECT_LE(asked.took_us, 3'501'000) << "the answer to the first attempt counts";
@@ -234,10 +234,10 @@ TEST_F(Engine, EachSocketOfALoneServerIsHeardForTwoAttempts) {
   set(&world, DNS_OPT_NTRIES, 10);
   world.add_server("192.0.2.1", Temper::good);
   world.delays_us["192.0.2.1"] = 1'200'000;
-  world.script = [this](const sim::Bytes &question, const std::string &) {
-    return world.packets_sent <= 2 ? sim::Bytes{} : answer_to(question, Temper::good);
+  world.script = [this](const Bytes &question, const std::string &) {
+    return world.packets_sent <= 2 ? Bytes{} : answer_to(question, Temper::good);
   };
-  Asked &asked = questions.ask("listed-2.list.test");
+  Query &asked = queries.ask("listed-2.list.test");
   ASSERT_TRUE(world.run());
   expect_truth(asked);
   EXPECT_LE(asked.took_us, 3'201'000) << "the answer to the third attempt counts";
@@ -246,25 +246,25 @@ TEST_F(Engine, EachSocketOfALoneServerIsHeardForTwoAttempts) {
 TEST_F(Engine, AServerIsNotBelievedUnderAnIdThatItWasNotAskedUnder) {
   world.add_server("192.0.2.1", Temper::refuses_tcp);
   world.add_server("192.0.2.2", Temper::dead);
-  Asked &asked = questions.ask("listed-1.list.test");
+  Query &asked = queries.ask("listed-1.list.test");
   while (world.asked["192.0.2.2"] == 0)
     ASSERT_TRUE(world.turn());
-  world.forge("192.0.2.1", answer_to(world.last_question(), Temper::good));
+  world.forge("192.0.2.1", answer_to(world.last_query(), Temper::good));
   world.read_sockets();
   EXPECT_EQ(asked.calls, 0);
-  world.forge("192.0.2.2", answer_to(world.last_question(), Temper::good));
+  world.forge("192.0.2.2", answer_to(world.last_query(), Temper::good));
   world.read_sockets();
   expect_truth(asked);
 }
 
 TEST_F(Engine, AnErrorWithoutAQuestionEndsEdns) {
   world.add_server("192.0.2.1", Temper::good);
-  world.script = [](const sim::Bytes &question, const std::string &) {
+  world.script = [](const Bytes &question, const std::string &) {
     if (question[11] == 0) return answer_to(question, Temper::good);
-    return sim::Bytes{question[0], question[1], 0x80, DNS_R_FORMERR, 0, 0, 0, 0, 0, 0, 0, 0};
+    return Bytes{question[0], question[1], 0x80, DNS_R_FORMERR, 0, 0, 0, 0, 0, 0, 0, 0};
   };
   for (const unsigned packets : {2U, 3U, 4U}) {
-    expect_truth((questions.ask("listed-1.list.test"), world.run(), *questions.all().back()));
+    expect_truth((queries.ask("listed-1.list.test"), world.run(), *queries.all().back()));
     EXPECT_EQ(world.packets_sent, packets);
   }
 }
@@ -272,7 +272,7 @@ TEST_F(Engine, AnErrorWithoutAQuestionEndsEdns) {
 TEST_F(Engine, NothingThatListensIsToldApartFromSilence) {
   world.add_server("192.0.2.1", Temper::absent);
   world.weather.duplicate_percent = 100;  // what comes back during a pause changes nothing
-  const Asked &refused = questions.ask("listed-1.list.test");
+  const Query &refused = queries.ask("listed-1.list.test");
   ASSERT_TRUE(world.run());
   EXPECT_EQ(refused.status, DNS_E_REFUSED);
   EXPECT_TRUE(refused.took_us >= 500'000 && refused.took_us < dns::kUsPerSecond) << refused.took_us;
@@ -280,13 +280,13 @@ TEST_F(Engine, NothingThatListensIsToldApartFromSilence) {
 
   for (const char *server : {"192.0.2.2", "192.0.2.3"})
     world.add_server(server, Temper::absent);
-  const Asked &all_refused = questions.ask("listed-1.list.test");
+  const Query &all_refused = queries.ask("listed-1.list.test");
   ASSERT_TRUE(world.run());
   EXPECT_TRUE(all_refused.status == DNS_E_REFUSED && all_refused.took_us >= 500'000) << all_refused.took_us;
   ASSERT_EQ(dns_add_serv(world.ctx, nullptr), 0);
   world.add_server("192.0.2.1", Temper::absent);
 
-  Asked &starting = questions.ask("listed-1.list.test");
+  Query &starting = queries.ask("listed-1.list.test");
   for (const unsigned packets = world.packets_sent; world.packets_sent < packets + 2;)
     ASSERT_TRUE(world.turn());
   world.set_temper("192.0.2.1", Temper::good);
@@ -297,13 +297,13 @@ TEST_F(Engine, NothingThatListensIsToldApartFromSilence) {
   for (const char *server : {"192.0.2.7", "192.0.2.8"})
     world.set_temper(server, Temper::absent);
   world.packets_sent = 0;
-  const Asked &direct = questions.ask("listed-2.list.test", {"192.0.2.7", "192.0.2.8"}, DNS_DCACHE);
+  const Query &direct = queries.ask("listed-2.list.test", {"192.0.2.7", "192.0.2.8"}, DNS_DCACHE);
   ASSERT_TRUE(world.run());
   expect_truth(direct);
   EXPECT_EQ(world.packets_sent, 3U);
   EXPECT_LT(direct.took_us, 10'000) << "moves on at once";
 
-  Asked &closed = questions.ask("listed-3.list.test", {"192.0.2.7"});
+  Query &closed = queries.ask("listed-3.list.test", {"192.0.2.7"});
   for (int i = 0; i < 3; ++i)
     ASSERT_TRUE(world.turn());
   dns_close(world.ctx);
@@ -312,14 +312,14 @@ TEST_F(Engine, NothingThatListensIsToldApartFromSilence) {
 }
 
 // has_capitals tells whether the name of a question packet left with some.
-bool has_capitals(const sim::Bytes &question) {
+bool has_capitals(const Bytes &question) {
   return std::any_of(question.begin() + DNS_HSIZE, question.end() - 15, [](uint8_t c) { return isupper(c) != 0; });
 }
 
 TEST_F(Engine, AServerThatKeepsTheCaseIsNotTalkedOutOfIt) {
   const auto ask = [&](int times) {
     for (int i = 0; i < times; ++i)
-      expect_truth((questions.ask("listed-1.list.test"), world.run(), *questions.all().back()));
+      expect_truth((queries.ask("listed-1.list.test"), world.run(), *queries.all().back()));
   };
   world.add_server("192.0.2.1", Temper::good);
   ask(10);
@@ -329,9 +329,9 @@ TEST_F(Engine, AServerThatKeepsTheCaseIsNotTalkedOutOfIt) {
   for (const char *server : {"192.0.2.1", "192.0.2.2"}) {  // of the second nothing is known yet
     ASSERT_EQ(dns_add_serv(world.ctx, nullptr), 0);
     world.add_server(server, Temper::dead);
-    Asked &asked = questions.ask("listed-2.list.test");
+    Query &asked = queries.ask("listed-2.list.test");
     (void)dns_timeouts(world.ctx, dns_tv_infinite, world.now());
-    world.forge(server, answer_to(world.last_question(), Temper::lowers_case));
+    world.forge(server, answer_to(world.last_query(), Temper::lowers_case));
     world.read_sockets();
     EXPECT_EQ(asked.calls, 0);
     world.set_temper(server, Temper::good);
@@ -339,14 +339,14 @@ TEST_F(Engine, AServerThatKeepsTheCaseIsNotTalkedOutOfIt) {
     ASSERT_TRUE(world.run());
     expect_truth(asked);
     ask(3);
-    EXPECT_TRUE(has_capitals(world.last_question()));
+    EXPECT_TRUE(has_capitals(world.last_query()));
   }
   // Its own word over TCP is another matter.
   world.tcp_errors = 0;
   world.now_us += dns::kTcpIdleUs;
   world.set_temper("192.0.2.2", Temper::lowers_case_by_tcp);
   ask(3);
-  EXPECT_FALSE(has_capitals(world.last_question()));
+  EXPECT_FALSE(has_capitals(world.last_query()));
 }
 
 TEST_F(Engine, AServerWithoutTcpThatDoesNotKeepTheCaseIsNeverTakenForOneThatDoes) {
@@ -357,7 +357,7 @@ TEST_F(Engine, AServerWithoutTcpThatDoesNotKeepTheCaseIsNeverTakenForOneThatDoes
     for (int i = 0; i < 100; ++i) {
       world.now_us += dns::kLowerUs;
       // One letter comes back right by chance every other time.
-      expect_truth((questions.ask("1.x"), world.run(), *questions.all().back()));
+      expect_truth((queries.ask("1.x"), world.run(), *queries.all().back()));
     }
   }
 }
@@ -365,23 +365,23 @@ TEST_F(Engine, AServerWithoutTcpThatDoesNotKeepTheCaseIsNeverTakenForOneThatDoes
 TEST_F(Engine, AnotherMachineInAKnownServersPlaceIsFoundOut) {
   world.add_server("192.0.2.1", Temper::good);
   for (int i = 0; i < 10; ++i)
-    expect_truth((questions.ask("listed-1.list.test"), world.run(), *questions.all().back()));
+    expect_truth((queries.ask("listed-1.list.test"), world.run(), *queries.all().back()));
   world.set_temper("192.0.2.1", Temper::lowers_case);
-  EXPECT_NE((questions.ask("listed-2.list.test"), world.run(), questions.all().back()->status), DNS_E_NOERROR);
+  EXPECT_NE((queries.ask("listed-2.list.test"), world.run(), queries.all().back()->status), DNS_E_NOERROR);
   world.now_us += dns::kOtherCaseUs;
-  expect_truth((questions.ask("listed-3.list.test"), world.run(), *questions.all().back()));
+  expect_truth((queries.ask("listed-3.list.test"), world.run(), *queries.all().back()));
 }
 
 TEST_F(Engine, AServerMayHaveACaseOfItsOwn) {
   world.add_server("192.0.2.1", Temper::good);
-  world.script = [](const sim::Bytes &question, const std::string &) {
-    sim::Bytes answer = answer_to(question, Temper::good);
+  world.script = [](const Bytes &question, const std::string &) {
+    Bytes answer = answer_to(question, Temper::good);
     for (size_t at = DNS_HSIZE; answer[at] != 0; ++at)
       answer[at] = static_cast<uint8_t>(toupper(answer[at]));
     return answer;
   };
   for (int i = 0; i < 3; ++i)
-    expect_truth((questions.ask("listed-1.list.test"), world.run(), *questions.all().back()));
+    expect_truth((queries.ask("listed-1.list.test"), world.run(), *queries.all().back()));
   EXPECT_EQ(world.connections_made, 1U);
 }
 
@@ -395,7 +395,7 @@ TEST_F(Engine, ASentPacketIsToldWithTheNameAsItWasGiven) {
   int count = 0;
   dns_set_dbgfn(world.ctx, told, &count);
   world.add_server("192.0.2.1", Temper::truncates);
-  expect_truth((questions.ask("listed-1.List.Test"), world.run(), *questions.all().back()));
+  expect_truth((queries.ask("listed-1.List.Test"), world.run(), *queries.all().back()));
   EXPECT_EQ(count, 2) << "by UDP and over TCP";
 }
 
@@ -403,11 +403,11 @@ TEST_F(Engine, AFailureOfOneServerIsNotAnothers) {
   world.add_server("192.0.2.1", Temper::good);
   world.set_temper("192.0.2.65", Temper::fails);
   world.set_temper("192.0.2.97", Temper::good);
-  EXPECT_EQ((questions.ask("Listed-1.list.test", {"192.0.2.65"}), world.run(), questions.all().back()->status),
+  EXPECT_EQ((queries.ask("Listed-1.list.test", {"192.0.2.65"}), world.run(), queries.all().back()->status),
             DNS_E_SERVFAIL);
-  expect_truth((questions.ask("listed-1.list.test", {"192.0.2.97"}), world.run(), *questions.all().back()));
+  expect_truth((queries.ask("listed-1.list.test", {"192.0.2.97"}), world.run(), *queries.all().back()));
   const unsigned packets = world.packets_sent;
-  EXPECT_EQ((questions.ask("LISTED-1.list.test", {"192.0.2.65"}), world.run(), questions.all().back()->status),
+  EXPECT_EQ((queries.ask("LISTED-1.list.test", {"192.0.2.65"}), world.run(), queries.all().back()->status),
             DNS_E_SERVFAIL);
   EXPECT_EQ(world.packets_sent, packets) << "names are the same in any case";
 }
@@ -416,15 +416,15 @@ TEST_F(Engine, APacketThatComesBackLateMovesNothingOn) {
   world.add_server("192.0.2.1", Temper::absent);
   for (const char *server : {"192.0.2.2", "192.0.2.3"})
     world.add_server(server, Temper::dead);
-  Asked &asked = questions.ask("listed-1.list.test");
+  Query &asked = queries.ask("listed-1.list.test");
   (void)dns_timeouts(world.ctx, dns_tv_infinite, world.now());
-  world.forge("192.0.2.1", answer_to(world.last_question(), Temper::fails));  // overtakes the packet
+  world.forge("192.0.2.1", answer_to(world.last_query(), Temper::fails));  // overtakes the packet
   for (int i = 0; i < 2; ++i) {
     world.read_sockets();
     (void)dns_timeouts(world.ctx, dns_tv_infinite, world.now());
   }
   EXPECT_TRUE(world.asked["192.0.2.2"] == 1 && world.asked["192.0.2.3"] == 0);
-  world.forge("192.0.2.2", answer_to(world.last_question(), Temper::good));
+  world.forge("192.0.2.2", answer_to(world.last_query(), Temper::good));
   world.read_sockets();
   expect_truth(asked);
 }
@@ -432,15 +432,15 @@ TEST_F(Engine, APacketThatComesBackLateMovesNothingOn) {
 TEST_F(Engine, LettersCountThatComeBackByUdpAndWereSentInBothCases) {
   for (const bool by_udp_alone : {true, false}) {
     World other(7);
-    Questions asks(&other);
+    Queries asks(&other);
     other.add_server("192.0.2.1", Temper::good);
-    other.script = [&](const sim::Bytes &question, const std::string &) {
+    other.script = [&](const Bytes &question, const std::string &) {
       const bool lowers = !other.by_tcp || !by_udp_alone;
       return answer_to(question, lowers ? Temper::lowers_case : Temper::good);
     };
     for (int i = 0; i < 20; ++i) {
       if (i % 10 == 0) other.now_us += dns::kLowerUs;
-      const Asked &asked = asks.ask("listed-" + std::to_string(i) + ".list.test");
+      const Query &asked = asks.ask("listed-" + std::to_string(i) + ".list.test");
       ASSERT_TRUE(other.run());
       expect_truth(asked);
       EXPECT_LT(asked.took_us, 10'000) << "was taken for a forgery";

@@ -14,11 +14,11 @@
 #include <thread>
 #include <vector>
 
-#include "support/host.h"
+#include <host_test.h>
 
 namespace {
 
-using namespace support;
+using namespace testbed;
 
 // In a child: ends it with what was not true.
 #define CHECKED(expression) \

@@ -1,6 +1,9 @@
 // journey_test.cc - questions that go from zone to zone in a simulated network: an honest tree, servers in it that
 // refer to nowhere, to themselves or to others' zones, and what they say of others, which nobody may ever hear of.
+#include <context.h>
 #include <gtest/gtest.h>
+#include <packet.h>
+#include <world_query.h>
 
 #include <cctype>
 #include <cstring>
@@ -11,54 +14,38 @@
 #include <string>
 #include <vector>
 
-#include "../platform/dns/engine/context.h"
-#include "support/packets.h"
-#include "support/simulation.h"
-
 namespace {
 
-using packets::Bytes;
+using sim::Query;
 using sim::World;
+using testbed::Bytes;
 
 constexpr const char *kRoot = "192.0.2.1";
 constexpr const char *kTest = "192.0.2.2";
 constexpr const char *kBank = "192.0.2.3";
 constexpr const char *kEvil = "192.0.2.66";
 const Bytes kLie = {6, 6, 6, 6};
+const std::vector<in_addr_t> kLied = {0x06060606};
 
 Bytes address(const std::string &text) {
-  in_addr_t bytes = World::address_of(text).sin_addr.s_addr;
-  Bytes data(sizeof bytes);
-  memcpy(data.data(), &bytes, sizeof bytes);
-  return data;
+  return testbed::u32(ntohl(World::address_of(text).sin_addr.s_addr));
 }
 
-// Reply is an answer that repeats its question.
-struct Reply : packets::Answer {
-  explicit Reply(const Bytes &question) : Answer("x") {
-    size_t end = DNS_HSIZE;
-    for (; question.at(end) != 0; end += question[end] + 1U)
-      name += (name.empty() ? "" : ".") + std::string(question.begin() + static_cast<long>(end) + 1,
-                                                      question.begin() + static_cast<long>(end) + 1 + question[end]);
-    for (char &c : name)
-      c = static_cast<char>(tolower(c));
-    packet.assign(question.begin(), question.begin() + static_cast<long>(end) + 5);
-    packet[2] = 0x80;
-    packet[11] = 0;
-    answers_at = packet.size();
-  }
+// Reply is an answer that repeats its query.
+struct Reply : testbed::Packet {
+  explicit Reply(const Bytes &query) : Packet(Packet::reply(query, 0, false)), name(Packet::name()) {}
   Reply &a(const std::string &owner, const Bytes &data, uint32_t ttl = 300) {
-    packet[2] = 0x84;
+    bytes[testbed::kFlagsAt] |= testbed::kAa;
     add(owner, DNS_T_A, data, ttl);
     return *this;
   }
   Reply &alias(const std::string &owner, const std::string &target) {
-    packet[2] = 0x84;
-    add(owner, DNS_T_CNAME, packets::dn(target));
+    bytes[testbed::kFlagsAt] |= testbed::kAa;
+    add(owner, DNS_T_CNAME, testbed::dn(target));
     return *this;
   }
   Reply &ns(const std::string &zone, const std::string &server, uint32_t ttl = 300) {
-    add(zone, DNS_T_NS, packets::dn(server), ttl, DNS_S_NS);
+    add(zone, DNS_T_NS, testbed::dn(server), ttl, DNS_S_NS);
     return *this;
   }
   Reply &glue(const std::string &server, const std::string &place, uint32_t ttl = 300) {
@@ -66,34 +53,12 @@ struct Reply : packets::Answer {
     return *this;
   }
   Reply &code(int rcode) {
-    packet[3] = static_cast<uint8_t>(rcode);
+    bytes[testbed::kRcodeAt] = static_cast<uint8_t>(rcode);
     return *this;
   }
   [[nodiscard]] bool under(const std::string &zone) const { return name == zone || name.ends_with("." + zone); }
   std::string name;
 };
-
-struct Asked {
-  dns_query *handle = nullptr;
-  std::string text;
-  int calls = 0;
-  dns_status status = 1;
-  Bytes addresses;
-  std::string canonical;
-};
-
-void answered(dns_ctx *ctx, dns_query *, void *result, unsigned, void *data) {
-  auto *asked = static_cast<Asked *>(data);
-  ++asked->calls;
-  asked->status = dns_get_status(ctx);
-  if (result == nullptr) return;
-  const auto *block = static_cast<const dns_rr_a4 *>(result);
-  asked->canonical = block->dnsa4_cname;
-  for (int i = 0; i < block->dnsa4_nrr; ++i) {
-    const auto *bytes = reinterpret_cast<const uint8_t *>(&block->dnsa4_addr[i]);
-    asked->addresses.insert(asked->addresses.end(), bytes, bytes + sizeof(in_addr));
-  }
-}
 
 // Tree is a world with a root, the zone test below it, and below that bank.test, honest all, and evil.test, whose
 // server does as `evil` says and answers with a lie where that leaves the reply as it is.
@@ -106,17 +71,15 @@ class Tree {
     world.script = [this](const Bytes &question, const std::string &server) { return answer(question, server); };
   }
 
-  Asked &ask(const std::string &text) {
-    asked.push_back(std::make_unique<Asked>());
-    asked.back()->text = text;
-    asked.back()->handle = dns_submit_dn_serv(world.ctx, sim::name(text).data(), DNS_C_IN, DNS_T_A, 0, nullptr, 0,
-                                              dns_parse_a4, answered, asked.back().get());
+  Query &ask(const std::string &text) {
+    asked.push_back(std::make_unique<Query>(text));
+    submit(&world, asked.back().get());
     return *asked.back();
   }
   // run asks and waits for the end; `packets` then says what it took.
-  Asked &run(const std::string &text) {
+  Query &run(const std::string &text) {
     world.packets_sent = 0;
-    Asked &one = ask(text);
+    Query &one = ask(text);
     EXPECT_TRUE(world.run());
     EXPECT_EQ(one.calls, 1);
     packets = world.packets_sent;
@@ -127,7 +90,7 @@ class Tree {
   std::unique_ptr<dns_cache, decltype(&dns_cache_destroy)> referrals{dns_cache_init(1 << 20), dns_cache_destroy};
   World world;
   std::function<void(Reply *, const std::string &server)> evil;
-  std::vector<std::unique_ptr<Asked>> asked;
+  std::vector<std::unique_ptr<Query>> asked;
   unsigned packets = 0;
 
  private:
@@ -139,25 +102,20 @@ class Tree {
       if (reply.under("bank.test")) reply.ns("bank.test", "ns.bank.test").glue("ns.bank.test", kBank);
       if (reply.under("evil.test")) reply.ns("evil.test", "ns.evil.test").glue("ns.evil.test", kEvil);
     } else if (server == kBank) {
-      in_addr_t truth = htonl(sim::truth_of(question.data() + DNS_HSIZE).address);
-      Bytes data(sizeof truth);
-      memcpy(data.data(), &truth, sizeof truth);
-      reply.a(reply.name, data);
+      reply.a(reply.name, testbed::u32(sim::truth_of(question.data() + DNS_HSIZE).address));
     } else {
-      const size_t bare = reply.packet.size();
+      const size_t bare = reply.bytes.size();
       if (evil && !reply.under("bank.test")) evil(&reply, server);
-      if (reply.packet.size() == bare && reply.packet[3] == 0) reply.a(reply.name, kLie);
-      if (reply.packet[3] == 0x0F) return {};  // says nothing
+      if (reply.bytes.size() == bare && reply.bytes[3] == 0) reply.a(reply.name, kLie);
+      if (reply.bytes[3] == 0x0F) return {};  // says nothing
     }
-    return reply.packet;
+    return reply.bytes;
   }
 };
 
 // is_truth tells whether an answer is what is true of the name that it ends at.
-bool is_truth(const Asked &asked) {
-  if (asked.status != DNS_E_NOERROR) return false;
-  const in_addr_t truth = htonl(sim::truth_of(sim::name(asked.canonical).data()).address);
-  return asked.addresses.size() == sizeof truth && memcmp(asked.addresses.data(), &truth, sizeof truth) == 0;
+bool is_truth(const Query &asked) {
+  return asked.status == DNS_E_NOERROR && asked.address() == sim::truth_of(testbed::dn(asked.canonical).data()).address;
 }
 
 TEST(Journey, GoesFromZoneToZoneAndRemembersTheWay) {
@@ -188,8 +146,8 @@ TEST(Journey, WhoFollowsIntoAZoneEndsInAContextWithoutServers) {
   Tree tree(1);
   (void)tree.run("listed-1.bank.test");
   ASSERT_EQ(dns_add_serv(tree.world.ctx, nullptr), 0);
-  const Asked &leader = tree.ask("listed-2.bank.test");
-  const Asked &follower = tree.ask("listed-2.bank.test");
+  const Query &leader = tree.ask("listed-2.bank.test");
+  const Query &follower = tree.ask("listed-2.bank.test");
   dns_timeouts(tree.world.ctx, dns_tv_infinite, tree.world.now());
   dns_cancel(tree.world.ctx, leader.handle);
   ASSERT_TRUE(tree.world.run());
@@ -222,7 +180,7 @@ TEST(Journey, ServersWithoutAddressesAreLookedUpWhenTheOthersAreOfNoUse) {
     if (server == kEvil)
       reply->ns("sub.evil.test", "ns.evil.test").ns("sub.evil.test", "ns.bank.test").glue("ns.evil.test", "192.0.2.67");
   };
-  EXPECT_EQ(tree.run("x.sub.evil.test").addresses, kLie);
+  EXPECT_EQ(tree.run("x.sub.evil.test").addresses, kLied);
   EXPECT_EQ(tree.packets, 3U + 4U + 2U + 1U) << "down to the zone, four tries, the look-up, the server found by it";
 }
 
@@ -236,7 +194,7 @@ TEST(Journey, WhatWasAnsweredAMomentAgoIsAnsweredAgain) {
       reply->ns("sub.evil.test", "ns.evil.test").ns("sub.evil.test", "ns.bank.test").glue("ns.evil.test", "192.0.2.67");
   };
   for (int i = 0; i < 3; ++i)
-    EXPECT_EQ(tree.run("x.sub.evil.test").addresses, kLie);
+    EXPECT_EQ(tree.run("x.sub.evil.test").addresses, kLied);
 }
 
 TEST(Journey, NoZoneLeadsIntoThisHost) {
@@ -253,7 +211,7 @@ TEST(Journey, NoZoneLeadsIntoThisHost) {
     EXPECT_EQ(tree.world.asked[place], 0U);
     if (own == nullptr) continue;
     tree.world.add_server(own, sim::Temper::good);  // a host that has servers there itself
-    EXPECT_EQ(tree.run("y.sub.evil.test").addresses, kLie) << place;
+    EXPECT_EQ(tree.run("y.sub.evil.test").addresses, kLied) << place;
   }
 }
 
@@ -270,7 +228,7 @@ TEST(Journey, OfAZonesServersTheOneThatAnswersIsAsked) {
     };
     const int64_t start = tree.world.now_us;
     for (int i = 0; i < 100; ++i)
-      EXPECT_EQ(tree.run(std::to_string(i) + ".sub.evil.test").addresses, kLie);
+      EXPECT_EQ(tree.run(std::to_string(i) + ".sub.evil.test").addresses, kLied);
     EXPECT_LE(tree.world.asked["192.0.2.67"], 1U);
     EXPECT_LE(tree.world.now_us - start, dns::Options{}.timeout_us);
   }
@@ -289,9 +247,9 @@ TEST(Journey, ABrokenEndOfAChainLeavesNothingBehind) {
             .glue("ns2.evil.test", "192.0.2.68");
       if (server == "192.0.2.67") reply->a(reply->name, kLie).a(reply->name, {1, 2, 3});
     };
-    const Asked &asked = tree.run("x.evil.test");
+    const Query &asked = tree.run("x.evil.test");
     EXPECT_EQ(asked.status, DNS_E_NOERROR);
-    EXPECT_EQ(asked.addresses, kLie);
+    EXPECT_EQ(asked.addresses, kLied);
   }
 }
 
@@ -343,7 +301,7 @@ TEST(Journey, RefersToNowhereWithinBounds) {
     SCOPED_TRACE(trick);
     Tree tree(6);
     tree.evil = evil;
-    const Asked &asked = tree.run(trick == "downwards" ? deep : "a.evil.test");
+    const Query &asked = tree.run(trick == "downwards" ? deep : "a.evil.test");
     EXPECT_EQ(asked.status, trick.find("alias") != std::string::npos ? DNS_E_CNLOOP : DNS_E_PROTOCOL);
     EXPECT_LE(tree.packets, packets_max);
     tree.run("b.evil.test");
@@ -402,14 +360,14 @@ void storm(uint64_t seed) {
                    0,
                    static_cast<int>(world.random(20))};
   tree.evil = [&world](Reply *reply, const std::string &) { slander(&world, reply); };
-  std::set<const Asked *> cancelled;
+  std::set<const Query *> cancelled;
   bool closed = false;
   for (uint64_t left = 1 + world.random(40); left > 0; --left) {
     const std::string kind = "listed-" + std::to_string(world.random(9));
     tree.ask(kind + (world.chance(30) ? ".bank.test" : ".sub" + std::to_string(world.random(3)) + ".evil.test"));
     for (uint64_t turns = world.random(8); turns > 0; --turns)
       world.turn();
-    const Asked *victim = tree.asked[world.random(tree.asked.size())].get();
+    const Query *victim = tree.asked[world.random(tree.asked.size())].get();
     if (world.chance(20) && victim->calls == 0 && cancelled.insert(victim).second)
       dns_cancel(world.ctx, victim->handle);
   }
@@ -426,9 +384,9 @@ void storm(uint64_t seed) {
     EXPECT_TRUE(is_truth(tree.run("listed-" + std::to_string(i) + ".bank.test"))) << "a cache believes a lie";
   for (const auto &asked : tree.asked) {
     const bool ended = cancelled.count(asked.get()) == 0;
-    EXPECT_TRUE(asked->calls == (ended ? 1 : 0) || (closed && asked->calls == 0)) << asked->text;
+    EXPECT_TRUE(asked->calls == (ended ? 1 : 0) || (closed && asked->calls == 0)) << asked->text();
     const bool of_bank = asked->canonical.ends_with("bank.test");
-    EXPECT_TRUE(!of_bank || is_truth(*asked)) << asked->text;
+    EXPECT_TRUE(!of_bank || is_truth(*asked)) << asked->text();
   }
 }
 

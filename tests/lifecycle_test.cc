@@ -13,11 +13,11 @@
 #include <thread>
 #include <vector>
 
-#include "support/host.h"
+#include <host_test.h>
 
 namespace {
 
-using namespace support;
+using namespace testbed;
 
 using Step = std::pair<KAVO_SRV_STATE, KAVO_SRV_STATE>;
 

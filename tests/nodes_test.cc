@@ -15,11 +15,11 @@
 #include <thread>
 #include <vector>
 
-#include "support/host.h"
+#include <host_test.h>
 
 namespace {
 
-using namespace support;
+using namespace testbed;
 
 using NodesTest = LiveAndDeadTest;
 

@@ -13,11 +13,11 @@
 #include <string>
 #include <vector>
 
-#include "support/host.h"
+#include <host_test.h>
 
 namespace {
 
-using namespace support;
+using namespace testbed;
 
 // Query is a query as it came, and where from.
 struct Query {

@@ -10,25 +10,28 @@
 #include <utility>
 #include <vector>
 
-#include "support/packets.h"
-#include "support/questions.h"
+#include <packet.h>
+#include <queries.h>
 
 namespace {
 
 using namespace sim;
 
-constexpr size_t kRcodeAt = 3, kFlagsAt = 2, kAuthorityAt = 9;
-
-size_t question_end(const sim::Bytes &packet) {
-  return static_cast<size_t>(std::find(packet.begin() + DNS_HSIZE, packet.end(), 0) - packet.begin()) + 5;
-}
+using testbed::kAa;
+using testbed::kAnswersAt;
+using testbed::kAuthorityAt;
+using testbed::kFlagsAt;
+using testbed::kQuestionsAt;
+using testbed::kRcodeAt;
+using testbed::Packet;
+using testbed::question_end;
 
 // without_soa denies as an honest server does, but says not by which zone.
-sim::Bytes without_soa(const sim::Bytes &question, bool authoritative) {
-  sim::Bytes answer = answer_to(question, Temper::good);
+Bytes without_soa(const Bytes &question, bool authoritative) {
+  Bytes answer = answer_to(question, Temper::good);
   answer.resize(question_end(answer));
   answer[kAuthorityAt] = 0;
-  answer[kFlagsAt] = static_cast<uint8_t>((answer[kFlagsAt] & ~4) | (authoritative ? 4 : 0));
+  if (!authoritative) answer[kFlagsAt] &= static_cast<uint8_t>(~kAa);
   return answer;
 }
 
@@ -51,7 +54,7 @@ class Outcome : public Engine {
   dns_status outcome(const std::string &name, const std::vector<std::string> &servers = {}, unsigned flags = 0) {
     world.packets_sent = 0;
     codes.clear();
-    const Asked &asked = questions.ask(name, servers, flags);
+    const Query &asked = queries.ask(name, servers, flags);
     EXPECT_TRUE(world.run());
     EXPECT_EQ(asked.calls, 1);
     packets = world.packets_sent;
@@ -66,8 +69,8 @@ class Outcome : public Engine {
 TEST_F(Outcome, EveryErrorOfAServerHasItsStatus) {
   uint8_t rcode = 0;
   world.add_server("192.0.2.1", Temper::good);
-  world.script = [&rcode](const sim::Bytes &question, const std::string &) {
-    sim::Bytes answer = answer_to(question, Temper::refuses);
+  world.script = [&rcode](const Bytes &question, const std::string &) {
+    Bytes answer = answer_to(question, Temper::refuses);
     answer[kRcodeAt] = rcode;
     return answer;
   };
@@ -87,8 +90,8 @@ TEST_F(Outcome, EveryErrorOfAServerHasItsStatus) {
 TEST_F(Outcome, ADenialByAnotherZoneEndsTheQuestionAndIsNotKept) {
   bool stray = true;
   world.add_server("192.0.2.1", Temper::good);
-  world.script = [&stray](const sim::Bytes &question, const std::string &) {
-    sim::Bytes answer = answer_to(question, Temper::good);
+  world.script = [&stray](const Bytes &question, const std::string &) {
+    Bytes answer = answer_to(question, Temper::good);
     static constexpr uint8_t kOther[] = {5, 'o', 't', 'h', 'e', 'r'};
     if (stray) answer.insert(answer.begin() + static_cast<long>(question_end(answer)), kOther, std::end(kOther));
     return answer;
@@ -112,7 +115,7 @@ TEST_F(Outcome, ADenialByAnotherZoneEndsTheQuestionAndIsNotKept) {
 TEST_F(Outcome, AServerThatIsAskedForItsCacheDeniesWithAuthorityOnly) {
   bool authoritative = true;
   world.add_server("192.0.2.1", Temper::good);
-  world.script = [&authoritative](const sim::Bytes &question, const std::string &server) {
+  world.script = [&authoritative](const Bytes &question, const std::string &server) {
     return server == "192.0.2.9" ? without_soa(question, authoritative) : answer_to(question, Temper::good);
   };
   const std::vector<std::string> direct = {"192.0.2.9"};
@@ -128,8 +131,8 @@ TEST_F(Outcome, AServerThatIsAskedForItsCacheDeniesWithAuthorityOnly) {
 TEST_F(Outcome, AnAnswerForNoTimeIsKeptOnlyByACacheThatKeepsAll) {
   world.add_server("192.0.2.1", Temper::good);
   bool lasts = true;
-  world.script = [&lasts](const sim::Bytes &question, const std::string &) {
-    sim::Bytes answer = answer_to(question, Temper::good);
+  world.script = [&lasts](const Bytes &question, const std::string &) {
+    Bytes answer = answer_to(question, Temper::good);
     if (std::exchange(lasts, false)) return answer;
     constexpr size_t kTtlAt = 6;  // in a record whose owner is a pointer
     std::fill_n(answer.begin() + static_cast<long>(question_end(answer) + kTtlAt), 4, uint8_t{0});
@@ -137,7 +140,7 @@ TEST_F(Outcome, AnAnswerForNoTimeIsKeptOnlyByACacheThatKeepsAll) {
   };
   // Of two that are asked at once the later answer forgets the one before.
   for (const char *name : {"listed-1.list.test", "LISTED-1.list.test"})
-    questions.ask(name);
+    queries.ask(name);
   ASSERT_TRUE(world.run());
   for (int i = 0; i < 2; ++i) {
     EXPECT_EQ(outcome("listed-1.list.test"), DNS_E_NOERROR);
@@ -154,8 +157,8 @@ TEST_F(Outcome, AnAnswerForNoTimeIsKeptOnlyByACacheThatKeepsAll) {
 TEST_F(Outcome, ExtendedErrorsCount) {
   uint8_t high = 1;
   world.add_server("192.0.2.1", Temper::good);
-  world.script = [&high](const sim::Bytes &question, const std::string &) {
-    sim::Bytes answer = answer_to(question, Temper::good);
+  world.script = [&high](const Bytes &question, const std::string &) {
+    Bytes answer = answer_to(question, Temper::good);
     if (question[11] == 0) return answer;
     const uint8_t opt[] = {0, 0, DNS_T_OPT, 4, 0, high, 0, 0, 0, 0, 0};
     answer.insert(answer.end(), std::begin(opt), std::end(opt));
@@ -202,12 +205,11 @@ TEST_F(Outcome, ARoundTripCountsForTheServerThatAnsweredByUdp) {
 TEST_F(Outcome, ADenialWithoutAZoneIsKeptForTheDefaultTimeAlone) {
   bool says_zone = false;
   world.add_server("192.0.2.1", Temper::good);
-  world.script = [&says_zone](const sim::Bytes &question, const std::string &) {
-    packets::Answer alias("x");
-    alias.packet = answer_to(question, Temper::refuses);
-    alias.packet[kRcodeAt] = DNS_R_NOERROR;
-    alias.add(packets::kQuestionPointer, DNS_T_CNAME, packets::dn("empty-3.list.test"));
-    if (question[DNS_HSIZE] == 5) return alias.packet;
+  world.script = [&says_zone](const Bytes &question, const std::string &) {
+    if (question[DNS_HSIZE] == 5)
+      return Packet::reply(question)
+          .add(testbed::kQuestionPointer, DNS_T_CNAME, testbed::dn("empty-3.list.test"))
+          .bytes;
     return says_zone ? answer_to(question, Temper::good) : without_soa(question, true);
   };
   const auto expect_asked = [this](const char *name, const std::vector<unsigned> &times) {
@@ -229,8 +231,8 @@ TEST_F(Outcome, ADenialWithoutAZoneIsKeptForTheDefaultTimeAlone) {
 TEST_F(Outcome, RecordsOfANameThatDoesNotExistAreNotBelieved) {
   for (const char *server : {"192.0.2.1", "192.0.2.2"})
     world.add_server(server, Temper::good);
-  world.script = [](const sim::Bytes &question, const std::string &server) {
-    sim::Bytes answer = answer_to(question, Temper::good);
+  world.script = [](const Bytes &question, const std::string &server) {
+    Bytes answer = answer_to(question, Temper::good);
     if (server == "192.0.2.1") answer[kRcodeAt] = DNS_R_NXDOMAIN;
     return answer;
   };
@@ -242,7 +244,7 @@ TEST_F(Outcome, RecordsOfANameThatDoesNotExistAreNotBelieved) {
 TEST_F(Outcome, ACookieThatIsRefusedOverTcpTooIsAnError) {
   world.add_server("192.0.2.1", Temper::bakes_cookies);
   set(&world, DNS_OPT_FLAGS, DNS_COOKIES);
-  world.script = [](sim::Bytes question, const std::string &) {
+  world.script = [](Bytes question, const std::string &) {
     question[question.size() - 16] = 0;  // where the server's part begins once it was told
     return answer_to(question, Temper::bakes_cookies);
   };
@@ -253,30 +255,29 @@ TEST_F(Outcome, ACookieThatIsRefusedOverTcpTooIsAnError) {
 
 TEST_F(Engine, WhatDoesNotRepeatTheOneQuestionIsDropped) {
   world.add_server("192.0.2.1", Temper::dead);
-  Asked &asked = questions.ask("listed-1.list.test");
+  Query &asked = queries.ask("listed-1.list.test");
   (void)dns_timeouts(world.ctx, dns_tv_infinite, world.now());
-  const sim::Bytes right = answer_to(world.last_question(), Temper::good);
+  const Bytes right = answer_to(world.last_query(), Temper::good);
   const auto changed = [&right](size_t size, const std::vector<std::pair<size_t, int>> &bytes) {
-    sim::Bytes packet = right;
+    Bytes packet = right;
     packet.resize(size);
     for (const auto &[at, byte] : bytes)
       packet[at] = static_cast<uint8_t>(byte);
     return packet;
   };
-  constexpr size_t kQuestionsAt = 5, kAnswersAt = 7;
   const size_t whole = right.size(), class_at = DNS_HSIZE + dns_dnlen(asked.dn.data()) + 3;
-  const sim::Bytes rows[] = {changed(whole, {{kQuestionsAt, 2}}),
-                             changed(whole, {{kQuestionsAt, 0}}),
-                             changed(DNS_HSIZE, {{kQuestionsAt, 0}, {kAnswersAt, 0}}),
-                             changed(DNS_HSIZE, {{kQuestionsAt, 0}, {kAnswersAt, 0}, {kRcodeAt, DNS_R_SERVFAIL}}),
-                             changed(DNS_HSIZE + 1, {{kQuestionsAt, 0}, {kAnswersAt, 0}, {kRcodeAt, DNS_R_FORMERR}}),
-                             changed(DNS_HSIZE, {{kAnswersAt, 0}, {kRcodeAt, DNS_R_FORMERR}}),
-                             changed(DNS_HSIZE, {{kQuestionsAt, 2}, {kAnswersAt, 0}, {kRcodeAt, DNS_R_FORMERR}}),
-                             changed(whole, {{kFlagsAt, right[kFlagsAt] | 8}}),  // the opcode
-                             changed(whole, {{class_at, 3}}),
-                             changed(5, {}),
-                             changed(dns::kAnswerRoom + 1, {})};
-  for (const sim::Bytes &row : rows) {
+  const Bytes rows[] = {changed(whole, {{kQuestionsAt, 2}}),
+                        changed(whole, {{kQuestionsAt, 0}}),
+                        changed(DNS_HSIZE, {{kQuestionsAt, 0}, {kAnswersAt, 0}}),
+                        changed(DNS_HSIZE, {{kQuestionsAt, 0}, {kAnswersAt, 0}, {kRcodeAt, DNS_R_SERVFAIL}}),
+                        changed(DNS_HSIZE + 1, {{kQuestionsAt, 0}, {kAnswersAt, 0}, {kRcodeAt, DNS_R_FORMERR}}),
+                        changed(DNS_HSIZE, {{kAnswersAt, 0}, {kRcodeAt, DNS_R_FORMERR}}),
+                        changed(DNS_HSIZE, {{kQuestionsAt, 2}, {kAnswersAt, 0}, {kRcodeAt, DNS_R_FORMERR}}),
+                        changed(whole, {{kFlagsAt, right[kFlagsAt] | 8}}),  // the opcode
+                        changed(whole, {{class_at, 3}}),
+                        changed(5, {}),
+                        changed(dns::kAnswerRoom + 1, {})};
+  for (const Bytes &row : rows) {
     SCOPED_TRACE(&row - rows);
     world.forge("192.0.2.1", row);
     world.read_sockets();
@@ -293,11 +294,11 @@ TEST_F(Engine, AStrangersAnswerCountsForTheServerThatItStandsInFor) {
     world.add_server(server, Temper::dead);
   const sockaddr_in stranger = World::address_of("192.0.2.7", 0);
   ASSERT_GT(dns_add_expserv_s(world.ctx, reinterpret_cast<const sockaddr *>(&stranger)), 0);
-  Asked &asked = questions.ask("listed-1.list.test");
+  Query &asked = queries.ask("listed-1.list.test");
   for (const Temper temper : {Temper::fails, Temper::truncates, Temper::good}) {
     EXPECT_EQ(asked.calls, 0);
     (void)dns_timeouts(world.ctx, dns_tv_infinite, world.now());
-    world.forge("192.0.2.7", answer_to(world.last_question(), temper), 5353);
+    world.forge("192.0.2.7", answer_to(world.last_query(), temper), 5353);
     world.read_sockets();
   }
   expect_truth(asked);

@@ -21,9 +21,9 @@
 
 #include <dns_io.h>
 #include <random_source.h>
-#include "pelk.h"
-#include "shash.h"
-#include "siphash.h"
+#include <pelk.h>
+#include <shash.h>
+#include <siphash.h>
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "support/stored_records.h"
+#include <stored_records.h>
 
 namespace {
 
@@ -34,12 +34,12 @@ class Log {
   std::string text_;
 };
 
-using support::name;
-using support::read;
-using support::Rr;
-using support::Stored;
-using support::text;
-using support::u32;
+using testbed::name;
+using testbed::read;
+using testbed::Rr;
+using testbed::Stored;
+using testbed::text;
+using testbed::u32;
 using namespace std::string_literals;
 
 bool contains(const std::string &text, const std::string &part) {
@@ -56,7 +56,7 @@ std::string describe(KAVO_TYPE type, const KAVO_RR &rr) {
                                                                reinterpret_cast<const char *>(rr.rr_ns->dnsns_ns)})
     EXPECT_TRUE(place >= start && place < start + head.dnsn_written) << "type " << type << " points outside its block";
   return std::to_string(head.dnsn_ttl) + " x" + std::to_string(head.dnsn_nrr) + " " + head.dnsn_cname + " " +
-         head.dnsn_qname + (head.dnsn_cname == head.dnsn_qname ? " shared " : " apart ") + support::shown(type, rr);
+         head.dnsn_qname + (head.dnsn_cname == head.dnsn_qname ? " shared " : " apart ") + testbed::shown(type, rr);
 }
 
 void scribble(const Rr &block) {
@@ -65,7 +65,7 @@ void scribble(const Rr &block) {
 }
 
 TEST(Records, EveryLayoutSurvivesItsSource) {
-  for (const Stored &stored : support::every_layout()) {
+  for (const Stored &stored : testbed::every_layout()) {
     for (const bool shared : {false, true}) {
       SCOPED_TRACE(stored.type);
       Rr source = read(stored.type, stored.bytes), copy, exact, tight;
@@ -91,7 +91,7 @@ TEST(Records, EveryLayoutSurvivesItsSource) {
 }
 
 Rr some_texts(KAVO_TYPE type) {
-  return read(type, support::stored(type, 48 + 12, 3, text("") + text("b\0c"s) + text("second"), "").bytes);
+  return read(type, testbed::stored(type, 48 + 12, 3, text("") + text("b\0c"s) + text("second"), "").bytes);
 }
 
 TEST(Records, OnlyTextsOfTxtAreTerminated) {
@@ -112,7 +112,7 @@ TEST(Records, SizesHaveLimits) {
   EXPECT_TRUE(contains(log.take(), "Attempt to allocate too many memory for RR (requested: 1025, limit: 1024)"));
   EXPECT_EQ(rr.rr_mem, nullptr);
   ASSERT_EQ(kavo_rr_realloc(&rr, 0), KAVOE_OK) << "a block without room is still a block";
-  Rr source = read(KAVOT_BL_IP, support::stored(KAVOT_BL_IP, 8, 1, "\x7f\0\0\4"s, "").bytes);
+  Rr source = read(KAVOT_BL_IP, testbed::stored(KAVOT_BL_IP, 8, 1, "\x7f\0\0\4"s, "").bytes);
   EXPECT_EQ(kavo_rr_dup(KAVOT_BL_IP, source, &rr), KAVOE_OK);
   EXPECT_EQ(kavo_rr_realloc(&rr, 1024), KAVOE_OK);
   EXPECT_EQ(kavo_rr_realloc(&rr, 10), KAVOE_OK);
@@ -268,7 +268,7 @@ TEST(Records, ChangedBytesNeverEscape) {
   std::mt19937 random(1);
   for (unsigned round = 0; round < 400; ++round) {
     SCOPED_TRACE("round " + std::to_string(round));
-    for (const Stored &stored : support::every_layout()) {
+    for (const Stored &stored : testbed::every_layout()) {
       Rr copy;
       {
         Rr source = read(stored.type, stored.bytes);

@@ -11,12 +11,12 @@
 #include <string>
 #include <vector>
 
-#include "support/host.h"
-#include "support/namedaemons.h"
+#include <host_test.h>
+#include <name_daemons.h>
 
 namespace {
 
-using namespace support;
+using namespace testbed;
 using Texts = std::vector<std::string>;
 
 constexpr int kCache = 1 << 22;

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "support/host.h"
-#include "support/stored_records.h"
+#include <host_test.h>
+#include <stored_records.h>
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 // A block that grows moves, and leaves nothing behind where it was, as in the sanitizers' runs.
@@ -28,7 +28,7 @@ extern "C" KAVO_EXPORT void *realloc(void *block, size_t size) {
 namespace {
 
 using namespace std::string_literals;
-using namespace support;
+using namespace testbed;
 
 class StoredTest : public HostTest {};
 
@@ -64,7 +64,7 @@ KAVO_ERR cut_short(size_t room, const std::function<KAVO_ERR(FILE *)> &write) {
     *bytes -= size;
     return static_cast<ssize_t>(size);
   };
-  const File file(fopencookie(&room, "w", {nullptr, take, nullptr, nullptr}), fclose);
+  const Stream file(fopencookie(&room, "w", {nullptr, take, nullptr, nullptr}), fclose);
   setvbuf(file.get(), nullptr, _IONBF, 0);
   return write(file.get());
 }
@@ -72,7 +72,7 @@ KAVO_ERR cut_short(size_t room, const std::function<KAVO_ERR(FILE *)> &write) {
 TEST_F(StoredTest, EveryLayoutIsReadAndWrittenByteForByte) {
   for (const Stored &record : every_layout()) {
     SCOPED_TRACE(record.type);
-    const File file = reading(record.bytes + record.bytes + "more");
+    const Stream file = reading(record.bytes + record.bytes + "more");
     Rr rr, again;
     // The second record goes into a block that is larger and in use.
     ASSERT_EQ(kavo_rr_read(record.type, rr, file.get()), KAVOE_OK);
@@ -155,7 +155,7 @@ TEST_F(StoredTest, DamagedRecordsAreRefusedOrRead) {
     SCOPED_TRACE(record.type);
     each_damage(record.bytes, [&record](const std::string &bytes, bool cut) {
       Rr rr;
-      const File file = reading(bytes);
+      const Stream file = reading(bytes);
       const KAVO_ERR error = kavo_rr_read(record.type, rr, file.get());
       if (cut || error != KAVOE_OK) {
         EXPECT_TRUE(error == KAVOE_FILE || (!cut && error == KAVOE_NOMEM)) << error;
@@ -191,7 +191,7 @@ TEST_F(StoredTest, ImpossibleRecordsAreRefused) {
   EXPECT_EQ(kavo_rr_read(KAVOT_DNS_A, rr, nullptr), KAVOE_BADPAR);
   EXPECT_EQ(kavo_rr_read(KAVOT_DNS_A, nullptr, stdin), KAVOE_BADPAR);
   Rr txt = read(KAVOT_DNS_TXT, u32(99) + u32(1) + u32(0) + text("text") + names);
-  const File sink(fopen("/dev/null", "w"), fclose);
+  const Stream sink(fopen("/dev/null", "w"), fclose);
   txt.rr.rr_txt->dnstxt_txt[0].txt = nullptr;
   EXPECT_EQ(kavo_rr_write(KAVOT_DNS_TXT, txt, sink.get()), KAVOE_BADPAR);
   EXPECT_EQ(kavo_rr_write(KAVOT_DNS_TXT, Rr(), sink.get()), KAVOE_BADPAR);
@@ -259,7 +259,7 @@ TEST_F(StoredTest, ZonesComeBackUnderTheirNumbers) {
   const std::string bytes = saved(host);
   EXPECT_EQ(bytes, expected);
 
-  const File file = reading(bytes + fresh + "host");
+  const Stream file = reading(bytes + fresh + "host");
   ASSERT_EQ(load(wide, file.get()), KAVOE_OK);
   EXPECT_EQ(saved(wide), bytes);
   EXPECT_STREQ(kavo_zonesmap_zone(wide, 0), "GLOBAL LOOKUP");
@@ -282,7 +282,7 @@ TEST_F(StoredTest, ZonesComeBackUnderTheirNumbers) {
   EXPECT_EQ(saved(wide).substr(4 + 14, 16), u32(1) + zone_list({1, 1}));
   // Names may be empty, or long, and a list may name the zone that means none.
   const std::string strange = u32(3) + name("") + name(std::string(2000, 'x')) + u32(1) + zone_list({0, 2}) + u32(0);
-  const File more = reading(strange + "host");
+  const Stream more = reading(strange + "host");
   ASSERT_EQ(load(wide, more.get()), KAVOE_OK);
   EXPECT_STREQ(kavo_zonesmap_zone(wide, 1), "");
   EXPECT_EQ(kavo_zonesmap_zone(wide, 2), std::string(2000, 'x'));
@@ -359,7 +359,7 @@ TEST_F(StoredTest, DamagedZonesAreRefusedOrLoaded) {
     EXPECT_EQ(load(victim, reading(bad).get()), KAVOE_FILE);
   const std::string bytes = saved(host);
   each_damage(bytes, [&victim](const std::string &damaged, bool cut) {
-    const File file = reading(damaged);
+    const Stream file = reading(damaged);
     const KAVO_ERR error = load(victim, file.get());
     EXPECT_TRUE(error == KAVOE_FILE || (!cut && error == KAVOE_OK)) << error;
     EXPECT_EQ(kavo_zonesmap_zone(victim, 0) == nullptr, error != KAVOE_OK);

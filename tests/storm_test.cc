@@ -13,14 +13,14 @@
 #include <thread>
 #include <vector>
 
-#include "support/host.h"
+#include <host_test.h>
 
 namespace {
 
-using support::Deadline;
-using support::Host;
-using support::kSanitized;
-using support::ListServer;
+using testbed::Deadline;
+using testbed::Host;
+using testbed::kSanitized;
+using testbed::ListServer;
 
 constexpr int kThreads = 8;
 constexpr int kTable = 64;
@@ -32,7 +32,7 @@ constexpr int kQuestionsCached = kQuestions / 5;
 constexpr uint32_t kTryMs = kSanitized ? 400 : 40;
 constexpr uint32_t kTries = 50;
 constexpr unsigned kRoomMs = 20;  // how long a thread waits for room in the table before it empties its own hands
-constexpr unsigned kIdleMax = support::kLongMs / kRoomMs;
+constexpr unsigned kIdleMax = testbed::kLongMs / kRoomMs;
 constexpr unsigned kHotSubjects = 16;
 constexpr size_t kHeapSlack = 256 << 10;  // what a round may leave behind in caches of the allocator
 
@@ -101,7 +101,7 @@ Question random_question(std::mt19937 *chance) {
 bool right(const KAVO_ANSWER &answer, const Question &question, size_t zone) {
   const std::string &code = question.codes[zone];
   if (code.empty()) return answer.err_code == KAVOE_NXDOM;
-  return support::render(answer) == code && question.names[zone] == answer.rr.rr_a->dnsa4_qname;
+  return testbed::render(answer) == code && question.names[zone] == answer.rr.rr_a->dnsa4_qname;
 }
 
 class Asker {
@@ -137,7 +137,7 @@ class Asker {
 
   void finish() {
     for (Question &question : held_) {
-      const KAVO_ERR result = kavo_wait_node(kavo_, question.node, KAVOWT_FULL, Deadline(support::kLongMs));
+      const KAVO_ERR result = kavo_wait_node(kavo_, question.node, KAVOWT_FULL, Deadline(testbed::kLongMs));
       if (result != KAVOE_OK)
         blame(question, "wait " + std::to_string(result));
       else
@@ -154,7 +154,7 @@ class Asker {
     size_t zone = 0;
     for (; const KAVO_ANSWER *answer = kavo_get_answer(kavo_, iterator_); ++zone) {
       if (zone >= question.codes.size() || !right(*answer, question, zone))
-        return blame(question, "answer " + support::render(*answer) + " of zone " + std::to_string(answer->zone));
+        return blame(question, "answer " + testbed::render(*answer) + " of zone " + std::to_string(answer->zone));
     }
     if (zone != question.codes.size()) blame(question, std::to_string(zone) + " answers");
   }
@@ -194,20 +194,20 @@ void storm(uint16_t port, unsigned round, int questions, int cache_size) {
   EXPECT_GE(asked, questions);
   EXPECT_EQ(kavo_nactive(host), 0u);
   // Nor has a place in the table been lost on the way.
-  std::vector<std::unique_ptr<support::Node>> places;
+  std::vector<std::unique_ptr<testbed::Node>> places;
   for (int i = 0; i < kTable; ++i)
-    places.push_back(std::make_unique<support::Node>(host));
+    places.push_back(std::make_unique<testbed::Node>(host));
 }
 
-class StormTest : public support::HostTest {
+class StormTest : public testbed::HostTest {
  protected:
   // Runs equal rounds and sees to it that the second leaves nothing more behind than the first.
   void rounds(int questions, int cache_size) {
-    ListServer server(zones_file(), {"drop=2,dup=1,reorder=2"});
+    ListServer server(zones_file(), {"--fault", "drop=2,dup=1,reorder=2"});
     size_t heap = 0, descriptors = 0;
     for (unsigned round = 0; round < kRounds; ++round) {
       storm(server.port(), round, questions, cache_size);
-      const size_t heap_now = mallinfo2().uordblks, descriptors_now = support::open_descriptors();
+      const size_t heap_now = mallinfo2().uordblks, descriptors_now = testbed::open_descriptors();
       if (round == 0) descriptors = descriptors_now;
       EXPECT_EQ(descriptors_now, descriptors);
       // Sanitizers bring an allocator of their own; the leak sanitizer looks at the end of its run.

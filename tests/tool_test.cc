@@ -14,14 +14,14 @@
 #include <thread>
 #include <vector>
 
-#include "support/process.h"
+#include <list_server.h>
 
 namespace {
 
 using nlohmann::json;
-using support::Process;
-using support::Result;
-using support::TempDir;
+using testbed::ListServer;
+using testbed::Result;
+using testbed::TempDir;
 
 constexpr const char *kLists = R"(
 zone one.test
@@ -84,11 +84,8 @@ class ToolTest : public ::testing::Test {
       lists += "record @ A 192.0.2." + std::to_string(i) + "\n";
     for (int i = 0; i < 16; ++i)
       lists += "record @ MX " + std::to_string(i) + " a-mail-exchanger-with-a-name-of-some-length.wide.test\n";
-    server_ = std::make_unique<Process>(
-        std::vector<std::string>{KAVO_TOOLS_DIR "/kavo-listserver", "--seed", "7", dir_.write("lists.txt", lists)});
-    const auto line = server_->wait_line("listening on ");
-    ASSERT_TRUE(line) << server_->output().err;
-    address_ = "127.0.0.1:" + std::to_string(support::port_in(*line));
+    server_ = std::make_unique<ListServer>(lists, std::vector<std::string>{"--seed", "7"});
+    address_ = "127.0.0.1:" + std::to_string(server_->port());
   }
 
   Result check(std::vector<std::string> words, const std::string &input = "") {
@@ -101,11 +98,11 @@ class ToolTest : public ::testing::Test {
 
   // Runs a command against the list server.
   Result ask(const std::vector<std::string> &command, std::vector<std::string> words, const std::string &input = "") {
-    std::vector<std::string> argv{KAVO_TOOLS_DIR "/kavo"};
+    std::vector<std::string> argv{KAVO_TOOL};
     argv.insert(argv.end(), command.begin(), command.end());
     argv.insert(argv.end(), {"--server", address_, "--timeout", "200"});
     argv.insert(argv.end(), words.begin(), words.end());
-    return support::run(std::move(argv), input);
+    return testbed::run(std::move(argv), input);
   }
 
   // The zone objects of one subject, by zone.
@@ -121,7 +118,7 @@ class ToolTest : public ::testing::Test {
   }
 
   TempDir dir_;
-  std::unique_ptr<Process> server_;
+  std::unique_ptr<ListServer> server_;
   std::string address_;
 };
 
@@ -163,21 +160,21 @@ TEST_F(ToolTest, AListThatCannotBeAskedHidesNothingThatOthersSay) {
 }
 
 TEST_F(ToolTest, EveryServerIsAskedWhenTheOthersAreDead) {
-  std::vector<std::string> argv{KAVO_TOOLS_DIR "/kavo", "check", "--timeout", "200", "--zone", "one.test"};
+  std::vector<std::string> argv{KAVO_TOOL, "check", "--timeout", "200", "--zone", "one.test"};
   for (const char *dead : {"127.0.0.2:9", "127.0.0.3:9", "127.0.0.4:9", "127.0.0.5:9"})
     argv.insert(argv.end(), {"--server", dead});
   argv.insert(argv.end(), {"--server", address_, "192.0.2.10"});
-  EXPECT_EQ(support::run(argv).status, 1);
+  EXPECT_EQ(testbed::run(argv).status, 1);
 }
 
 // Nothing of the library may take the place of a standard stream that the caller closed.
 TEST_F(ToolTest, ClosedStreamsAreFaultsAndNotSockets) {
-  const std::string command = KAVO_TOOLS_DIR "/kavo check --server " + address_ + " --zone one.test ";
-  const Result in = support::run({"/bin/sh", "-c", command + "- <&-"});
+  const std::string command = KAVO_TOOL " check --server " + address_ + " --zone one.test ";
+  const Result in = testbed::run({"/bin/sh", "-c", command + "- <&-"});
   EXPECT_EQ(in.status, 2);
   EXPECT_NE(in.err.find("Bad file descriptor"), std::string::npos) << in.err;
-  EXPECT_EQ(support::run({"/bin/sh", "-c", command + "192.0.2.10 >&-"}).status, 2);
-  EXPECT_EQ(support::run({"/bin/sh", "-c", command + "192.0.2.10 2>&-"}).status, 1);
+  EXPECT_EQ(testbed::run({"/bin/sh", "-c", command + "192.0.2.10 >&-"}).status, 2);
+  EXPECT_EQ(testbed::run({"/bin/sh", "-c", command + "192.0.2.10 2>&-"}).status, 1);
 }
 
 TEST_F(ToolTest, TableHasOneHeaderAlignedColumnsAndNoColourOutsideATerminal) {
@@ -354,7 +351,7 @@ TEST_F(ToolTest, ZonesCommandAgreesWithTheLibraryOnEveryFile) {
     const bool accepted = kavo_zonesmap_init_cfg(kavo, file.c_str()) == KAVOE_OK;
     kavo_free(kavo);
     refused += accepted ? 0 : 1;
-    const Result result = support::run({KAVO_TOOLS_DIR "/kavo", "zones", "--json", "--max-zones", "2", file});
+    const Result result = testbed::run({KAVO_TOOL, "zones", "--json", "--max-zones", "2", file});
     ASSERT_EQ(result.status, accepted ? 0 : 1) << text;
     const json object = json::parse(result.out);
     EXPECT_EQ(object["faults"].empty(), accepted) << text;
@@ -367,8 +364,8 @@ TEST_F(ToolTest, ZonesCommandAgreesWithTheLibraryOnEveryFile) {
 
 TEST_F(ToolTest, ZonesCommandNamesEveryFaultByItsLineOrCountsTheZones) {
   const auto zones = [](std::vector<std::string> words, const std::string &input = "") {
-    words.insert(words.begin(), {KAVO_TOOLS_DIR "/kavo", "zones"});
-    return support::run(std::move(words), input);
+    words.insert(words.begin(), {KAVO_TOOL, "zones"});
+    return testbed::run(std::move(words), input);
   };
   const std::string bad = dir_.write("bad", "lost.test\n#IP\na..b\n\n#Ip\nx\n#MX\n1\n2\n3\n#NS\r\n");
   const Result faults = zones({"--max-zones", "2", bad});
@@ -389,8 +386,8 @@ TEST_F(ToolTest, ZonesCommandNamesEveryFaultByItsLineOrCountsTheZones) {
 TEST_F(ToolTest, SavedCacheAnswersWithoutAServerAndGoesOnAgeing) {
   const std::string dump = dir_.file("dump");
   const auto cache = [&](const char *command, std::vector<std::string> words) {
-    words.insert(words.begin(), {KAVO_TOOLS_DIR "/kavo", "cache", command, "--json", dump});
-    const Result result = support::run(std::move(words));
+    words.insert(words.begin(), {KAVO_TOOL, "cache", command, "--json", dump});
+    const Result result = testbed::run(std::move(words));
     return std::make_pair(result.status, json_lines(result.out));
   };
   const Result saved =
@@ -424,7 +421,7 @@ TEST_F(ToolTest, SavedCacheAnswersWithoutAServerAndGoesOnAgeing) {
   EXPECT_EQ(shown["alias.plain.test."]["records"][0]["data"], "plain.test.");
   EXPECT_EQ(shown["no.plain.test."]["status"], "nxdomain");
   EXPECT_EQ(shown["brief.plain.test."]["state"], "expired");
-  const Result text = support::run({KAVO_TOOLS_DIR "/kavo", "cache", "show", dump});
+  const Result text = testbed::run({KAVO_TOOL, "cache", "show", dump});
   EXPECT_NE(text.out.find("; brief.plain.test. A: expired "), std::string::npos) << text.out;
   EXPECT_TRUE(text.out.ends_with("; 3 entries: 2 alive, 1 expired\n")) << text.out;
 
@@ -434,24 +431,24 @@ TEST_F(ToolTest, SavedCacheAnswersWithoutAServerAndGoesOnAgeing) {
 }
 
 TEST(ToolTestPlain, VersionHelpAndNoCommand) {
-  const Result version = support::run({KAVO_TOOLS_DIR "/kavo", "--version"});
+  const Result version = testbed::run({KAVO_TOOL, "--version"});
   EXPECT_EQ(version.status, 0);
   EXPECT_EQ(version.out, "kavo 4.3.1\n");
-  const Result help = support::run({KAVO_TOOLS_DIR "/kavo", "check", "--help"});
+  const Result help = testbed::run({KAVO_TOOL, "check", "--help"});
   EXPECT_EQ(help.status, 0);
   EXPECT_NE(help.out.find("Exit status"), std::string::npos);
-  EXPECT_EQ(support::run({KAVO_TOOLS_DIR "/kavo"}).status, 64);
+  EXPECT_EQ(testbed::run({KAVO_TOOL}).status, 64);
 }
 
 TEST(ToolTestPlain, ListServerRefusesOtherAddressesAndFaultyFiles) {
   const TempDir dir;
-  const std::string server = KAVO_TOOLS_DIR "/kavo-listserver";
+  const std::string server = testbed::listserver_path();
   const std::string good = dir.write("good", "zone a.test\n");
-  EXPECT_EQ(support::run({server, "--address", "0.0.0.0", good}).status, 1);
+  EXPECT_EQ(testbed::run({server, "--address", "0.0.0.0", good}).status, 1);
   for (const char *text : {"list 192.0.2.1\n", "zone a.test\nlist 192.0.2.1/24\n", "zone a.test\nlist x 1.2.3\n",
                            "zone a.test\nrecord x MX ten y\n", "zone a.test\nzone A.test\n", "fault drop=101\n",
                            "zone a.test\nlist x 127.0.0.2 \"open\n", "zone a..b\n"}) {
-    const Result result = support::run({server, dir.write("bad", text)});
+    const Result result = testbed::run({server, dir.write("bad", text)});
     EXPECT_EQ(result.status, 1) << text;
     EXPECT_NE(result.err.find(", line "), std::string::npos) << result.err;
   }

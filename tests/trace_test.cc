@@ -14,18 +14,18 @@
 #include <string>
 #include <vector>
 
-#include "support/host.h"
-#include "support/namedaemons.h"
-#include "support/process.h"
+#include <host_test.h>
+#include <name_daemons.h>
+#include <process.h>
 
 namespace {
 
-using support::Host;
-using support::ListServer;
+using testbed::Host;
+using testbed::ListServer;
 
 // printed returns what an act wrote to the process's two streams, whoever wrote it.
 template <typename Act>
-support::Output printed(Act act) {
+testbed::Output printed(Act act) {
   testing::internal::CaptureStdout();
   testing::internal::CaptureStderr();
   act();
@@ -59,8 +59,8 @@ const dns_query *some_query() {
 }
 
 TEST(TraceLines, SayWhatWasAskedAndWhatCame) {
-  sockaddr_in remote = support::loopback(5300), local = support::loopback(40000);
-  const support::Output request = printed([&] { trace(kQuestion, DNS_D_PKT_REQ, some_query(), address(&remote)); });
+  sockaddr_in remote = testbed::loopback(5300), local = testbed::loopback(40000);
+  const testbed::Output request = printed([&] { trace(kQuestion, DNS_D_PKT_REQ, some_query(), address(&remote)); });
   EXPECT_EQ(request.out, ";; trying example.test.\n");
   EXPECT_EQ(request.err,
             ";; sending 30 bytes request to 127.0.0.1 port 5300\n"
@@ -68,7 +68,7 @@ TEST(TraceLines, SayWhatWasAskedAndWhatCame) {
             ";; flags: qr rd ra; QUERY: 1, ANSWER: 0, AUTHORITY: 0, ADDITIONAL: 0\n"
             "\n;; QUESTION SECTION:\n;example.test.\t\t\tIN\tA\n\n\n\n");
 
-  const support::Output answer =
+  const testbed::Output answer =
       printed([&] { trace(kQuestion, DNS_D_PKT_RPAN, some_query(), address(&remote), address(&local)); });
   EXPECT_EQ(answer.out, ";; response: answer for example.test.\n");
   EXPECT_TRUE(
@@ -87,7 +87,7 @@ TEST(TraceLines, SayWhatWasAskedAndWhatCame) {
 
   sockaddr_in6 ip6{};
   ip6.sin6_family = AF_INET6;
-  const support::Output strange =
+  const testbed::Output strange =
       printed([&] { trace(kQuestion, DNS_D_PKT_NOREQ, nullptr, reinterpret_cast<sockaddr *>(&ip6), address(&local)); });
   EXPECT_TRUE(
       strange.err.starts_with(";; received 30 bytes response from <<unknown socket type 10>>\n"
@@ -95,22 +95,22 @@ TEST(TraceLines, SayWhatWasAskedAndWhatCame) {
 }
 
 TEST(TraceLines, StayHonestAboutPacketsThatAreNone) {
-  const support::Output brief = printed([] { trace(kQuestion.substr(0, 11), DNS_D_PKT_REQ); });
+  const testbed::Output brief = printed([] { trace(kQuestion.substr(0, 11), DNS_D_PKT_REQ); });
   EXPECT_EQ(brief.out, ";; trying .\n");
   EXPECT_EQ(brief.err, ";; short packet (11 bytes)\n");
   const std::string root = kQuestion.substr(0, DNS_HSIZE) + std::string("\0\0\2\0\1", 5);
   EXPECT_EQ(printed([&] { trace(root, DNS_D_PKT_REQ); }).out, ";; trying .\n");
-  const support::Output empty = printed([] { trace("", DNS_D_PKT_RPINV, some_query()); });
+  const testbed::Output empty = printed([] { trace("", DNS_D_PKT_RPINV, some_query()); });
   EXPECT_EQ(empty.out, ";; response: for .\n;; invalid response\n");
   EXPECT_EQ(empty.err, ";; short packet (0 bytes)\n");
 
   std::string update = kQuestion;
   update[2] = '\x2a';  // opcode 5 and TC
-  const support::Output odd = printed([&] { trace(update, DNS_D_PKT_RPINV); });
+  const testbed::Output odd = printed([&] { trace(update, DNS_D_PKT_RPINV); });
   EXPECT_TRUE(
       odd.err.starts_with(";; unexpected opcode 5\n;; warning: TC bit set, probably incomplete reply\n"
                           ";; ->>HEADER<<- opcode: UPDATE, status: NOERROR, id: 4660\n;; flags: tc ra;"));
-  const support::Output cache = printed([] {
+  const testbed::Output cache = printed([] {
     trace(kQuestion, DNS_D_CU_AN);
     trace(kQuestion, DNS_D_CU_NOAN);
   });
@@ -173,9 +173,9 @@ TEST(TraceRecords, ComeOutAsTheyStandInAZoneFile) {
   std::string zone = "$ORIGIN rr.test.\n@ 300 IN SOA ns.rr.test. admin.rr.test. 1 2 3 4 5\n@ 300 IN NS ns.rr.test.\n";
   for (const auto &record : kRecords)
     zone += in_zone_file(record.typ, record.text);
-  const auto server = support::start_nsd({{"rr.test", zone}});
+  const auto server = testbed::start_nsd({{"rr.test", zone}});
   const std::unique_ptr<dns_ctx, void (*)(dns_ctx *)> ctx(dns_new(nullptr), dns_destroy);
-  sockaddr_in at = support::loopback(server->port());
+  sockaddr_in at = testbed::loopback(server->port());
   ASSERT_EQ(dns_add_serv(ctx.get(), nullptr), 0);
   ASSERT_EQ(dns_add_serv_s(ctx.get(), address(&at)), 1);
   ASSERT_EQ(dns_open(ctx.get()), 0);
@@ -186,7 +186,7 @@ TEST(TraceRecords, ComeOutAsTheyStandInAZoneFile) {
   for (const auto &record : kRecords) {
     const std::string name = "t" + std::to_string(record.typ) + ".rr.test";
     const std::string line = name + ".\t\t300\tIN\t" + record.text;
-    const support::Output trace = shown(name, record.typ);
+    const testbed::Output trace = shown(name, record.typ);
     EXPECT_TRUE(has_line(trace.err, line)) << line << "\n" << trace.err;
   }
   EXPECT_TRUE(
@@ -216,7 +216,7 @@ std::string full_answer() {
 }
 
 TEST(TraceLines, AnEventReachesStandardErrorInOnePiece) {
-  sockaddr_in remote = support::loopback(5300), local = support::loopback(40000);
+  sockaddr_in remote = testbed::loopback(5300), local = testbed::loopback(40000);
   const auto tell = [&] { trace(full_answer(), DNS_D_PKT_RPAN, some_query(), address(&remote), address(&local)); };
   const std::string text = printed(tell).err;
   int ends[2];
@@ -236,7 +236,7 @@ TEST(TraceLines, AnEventReachesStandardErrorInOnePiece) {
 }
 
 TEST(TraceRecords, OfAFullAnswerLieInTheirSections) {
-  const support::Output full = printed([] { trace(full_answer(), DNS_D_PKT_RPAN); });
+  const testbed::Output full = printed([] { trace(full_answer(), DNS_D_PKT_RPAN); });
   EXPECT_TRUE(has_line(full.err, ";; ->>HEADER<<- opcode: QUERY, status: BADVERS, id: 4660"));
   for (const char *line :
        {";; ANSWER SECTION:", "example.test.\t\t300\tIN\tMX\t10 example.test.",
@@ -252,7 +252,7 @@ TEST(TraceRecords, OfAFullAnswerLieInTheirSections) {
 // The sanitizers watch: nothing may be read outside a packet, whatever is wrong with it.
 TEST(TraceRecords, NeverReadOutsideABrokenPacket) {
   const std::string whole = full_answer();
-  const support::Output all = printed([&] {
+  const testbed::Output all = printed([&] {
     for (size_t size = 0; size <= whole.size(); ++size)
       trace(whole.substr(0, size), DNS_D_PKT_RPAN, some_query());
     for (size_t at = 0; at < whole.size(); ++at) {
@@ -268,7 +268,7 @@ TEST(TraceRecords, NeverReadOutsideABrokenPacket) {
   EXPECT_TRUE(
       std::all_of(text.begin(), text.end(), [](char c) { return c == '\n' || c == '\t' || (c >= ' ' && c <= '~'); }));
   // What stands before the cut is shown.
-  const support::Output cut = printed([&] { trace(whole.substr(0, 50), DNS_D_PKT_RPAN); });
+  const testbed::Output cut = printed([&] { trace(whole.substr(0, 50), DNS_D_PKT_RPAN); });
   EXPECT_TRUE(has_line(cut.err, "example.test.\t\t300\tIN\tA\t192.0.2.1")) << cut.err;
 }
 
@@ -282,12 +282,12 @@ constexpr const char *kZones =
     "record text TXT \"only text\"\n"
     "zone dead.test\nfault dead\n";
 
-using HostTraceTest = support::HostTest;
+using HostTraceTest = testbed::HostTest;
 
 TEST_F(HostTraceTest, LookupHandsOutABlockOfItsOwnOrSaysWhyNot) {
   ListServer server(kZones);
   dns_ctx *ctx = dns_new(nullptr);
-  sockaddr_in at = support::loopback(server.port());
+  sockaddr_in at = testbed::loopback(server.port());
   ASSERT_EQ(dns_add_serv(ctx, nullptr), 0);
   ASSERT_EQ(dns_add_serv_s(ctx, address(&at)), 1);
   const auto status_of = [ctx](const char *name, dns_parse_fn *parse = dns_parse_a4) {
@@ -353,9 +353,9 @@ TEST_F(HostTraceTest, ServersAreSetByAddressByHostAndByZone) {
   const auto set = [&](const char *name, unsigned port, int direct, KAVO_ERR expected = KAVOE_OK) {
     Host host;
     host.server(server.port()).option(KAVOOPT_DNS_PORT, 5353);
-    const size_t descriptors = support::open_descriptors();
+    const size_t descriptors = testbed::open_descriptors();
     EXPECT_EQ(kavo_set_dns_server(host, name, port, direct), expected) << name;
-    EXPECT_EQ(support::open_descriptors(), descriptors) << "what was opened for lookups is closed";
+    EXPECT_EQ(testbed::open_descriptors(), descriptors) << "what was opened for lookups is closed";
     return servers_of(host);
   };
   EXPECT_EQ(set("192.0.2.53", 0, 0), Texts{"192.0.2.53:5353"});
@@ -395,7 +395,7 @@ TEST_F(HostTraceTest, ServersAreSetByAddressByHostAndByZone) {
   // The transport is closed again: the context opens, answers, and refuses while it runs.
   mute.open();
   EXPECT_EQ(kavo_set_dns_server(mute, "192.0.2.53", 0, 0), KAVOE_SRV);
-  support::Answers answers;
+  testbed::Answers answers;
   EXPECT_EQ(answers.query(mute, KAVOT_DNS_TXT, "text.example.test", KAVOQF_RECURSIVE), KAVOE_OK);
   EXPECT_EQ(answers.texts(), Texts{"only text"});
 }
@@ -470,7 +470,7 @@ TEST_F(HostTraceTest, SeesTheTrafficWhileAnswersArrive) {
   host.open();
   EXPECT_EQ(kavo_set_trace(host, nullptr, nullptr), KAVOE_SRV);
   const auto ask = [&host] {
-    support::Answers answers;
+    testbed::Answers answers;
     EXPECT_EQ(answers.query(host, KAVOT_DNS_TXT, "text.example.test", KAVOQF_RECURSIVE), KAVOE_OK);
     EXPECT_EQ(answers.texts(), Texts{"only text"});
     return answers.size() == 1 ? answers[0].cache_code : KAVOCC_ERROR;
@@ -492,9 +492,9 @@ TEST_F(HostTraceTest, SeesTheTrafficWhileAnswersArrive) {
 TEST_F(HostTraceTest, OfTheToolShowsEveryPacket) {
   ListServer server("zone list.test\nlist 192.0.2.10 127.0.0.4 \"bad\"\n");
   const std::string at = "127.0.0.1:" + std::to_string(server.port());
-  std::vector<std::string> argv{KAVO_TOOLS_DIR "/kavo", "check", "--trace", "--zone", "list.test", "--server", at};
+  std::vector<std::string> argv{KAVO_TOOL, "check", "--trace", "--zone", "list.test", "--server", at};
   argv.emplace_back("192.0.2.10");
-  const support::Result result = support::run(argv);
+  const testbed::Result result = testbed::run(argv);
   EXPECT_EQ(result.status, 1) << result.err;
   // Questions leave with their letters in random case.
   std::string asked = result.out;
@@ -505,7 +505,7 @@ TEST_F(HostTraceTest, OfTheToolShowsEveryPacket) {
   EXPECT_TRUE(has_line(result.err, "10.2.0.192.list.test.\t300\tIN\tA\t127.0.0.4")) << result.err;
   EXPECT_TRUE(has_line(result.err, "10.2.0.192.list.test.\t300\tIN\tTXT\t\"bad\""));
   argv.emplace_back("--json");
-  EXPECT_EQ(support::run(argv).status, 64);
+  EXPECT_EQ(testbed::run(argv).status, 64);
 }
 
 }  // namespace

@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "support/measure.h"
-#include "support/questions.h"
+#include <measure.h>
+#include <questions.h>
 
 namespace compare {
 

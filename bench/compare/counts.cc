@@ -27,7 +27,7 @@ double instructions(const Task &task) {
 }
 
 double calls(const Task &task) {
-  const support::TempDir directory;
+  const testbed::TempDir directory;
   const std::string path = directory.file("counts");
   (void)run(task, {"strace", "-f", "-c", "-U", "calls,name", "-o", path});
   std::ifstream file(path);

@@ -7,8 +7,8 @@
 #include <memory>
 #include <vector>
 
+#include <library.h>
 #include "client.h"
-#include "support/library.h"
 
 namespace compare {
 

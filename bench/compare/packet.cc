@@ -4,7 +4,7 @@
 #include <array>
 #include <cstring>
 
-#include "support/questions.h"
+#include <questions.h>
 
 namespace compare {
 namespace {

@@ -4,7 +4,7 @@
 #include <iostream>
 #include <stdexcept>
 
-#include "support/process.h"
+#include <process.h>
 
 namespace compare {
 namespace {
@@ -69,7 +69,7 @@ void Report::write(const std::string &directory) const {
   text += "## Targets\n\n" + targets();
   for (const Plot &plot : plots_) {
     text += "![" + plot.title + "](" + plot.file + ")\n\n";
-    const support::Result result = support::run({"gnuplot"}, script(plot, directory + "/" + plot.file));
+    const testbed::Result result = testbed::run({"gnuplot"}, script(plot, directory + "/" + plot.file));
     if (result.status != 0) throw std::runtime_error("gnuplot: " + result.err);
   }
   write_file(directory + "/compare.md", text + text_);

@@ -11,12 +11,12 @@
 #include <stdexcept>
 #include <vector>
 
+#include <measure.h>
+#include <questions.h>
 #include "client.h"
 #include "packet.h"
 #include "runs.h"
 #include "socket.h"
-#include "support/measure.h"
-#include "support/questions.h"
 
 namespace compare {
 namespace {
@@ -108,8 +108,8 @@ class Batch {
   Runs answers_;
 };
 
-uint16_t port_of(support::Process *process) {
-  const uint16_t port = support::port_in(process->wait_line("listening on").value_or(""));
+uint16_t port_of(testbed::Process *process) {
+  const uint16_t port = testbed::port_in(process->wait_line("listening on").value_or(""));
   if (port == 0) throw std::runtime_error("the responder did not start: " + process->output().err);
   return port;
 }
@@ -127,7 +127,7 @@ class Own : public Responder {
 
  private:
   std::unique_ptr<bench::Pinned> pinned_;  // while the process starts
-  support::Process process_;
+  testbed::Process process_;
   uint16_t port_;
 };
 
@@ -155,14 +155,14 @@ class Rbldnsd : public Responder {
  public:
   explicit Rbldnsd(unsigned core) {
     const bench::Pinned pinned(core);
-    daemon_ = support::start_rbldnsd({{bench::zone(0), "ip4set", bench::rbldnsd_zone()}});
+    daemon_ = testbed::start_rbldnsd({{bench::zone(0), "ip4set", bench::rbldnsd_zone()}});
     give_room(daemon_->pid());
   }
   [[nodiscard]] uint16_t port() const override { return daemon_->port(); }
   [[nodiscard]] pid_t process() const override { return daemon_->pid(); }
 
  private:
-  std::unique_ptr<support::NameDaemon> daemon_;
+  std::unique_ptr<testbed::NameDaemon> daemon_;
 };
 
 }  // namespace

@@ -7,8 +7,8 @@
 #include <memory>
 #include <string>
 
-#include "support/namedaemons.h"
-#include "support/process.h"
+#include <name_daemons.h>
+#include <process.h>
 
 namespace compare {
 

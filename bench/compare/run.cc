@@ -4,8 +4,8 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
+#include <process.h>
 #include "responder.h"
-#include "support/process.h"
 
 namespace compare {
 namespace {
@@ -13,7 +13,7 @@ namespace {
 constexpr double kMicro = 1e6;
 constexpr unsigned kWarmUp = 2000;           // questions at least; more where more are outstanding or cached
 constexpr unsigned kWarmUpFrom = 3'000'000;  // these are not asked again
-constexpr support::milliseconds kTimeMax{120'000};
+constexpr testbed::milliseconds kTimeMax{120'000};
 
 unsigned long lost_by_all = 0;
 
@@ -207,7 +207,7 @@ Figures run(const Task &task, std::vector<std::string> under, std::string *under
   std::vector<std::string> argv = std::move(under);
   const std::vector<std::string> own = argv_of(task);
   argv.insert(argv.end(), own.begin(), own.end());
-  const support::Result result = support::run(argv, "", kTimeMax);
+  const testbed::Result result = testbed::run(argv, "", kTimeMax);
   if (result.status != 0)
     throw std::runtime_error(task.client + " failed (" + std::to_string(result.status) + "): " + result.err);
   if (under_output != nullptr) *under_output = result.err;

@@ -10,8 +10,8 @@
 #include <string>
 #include <thread>
 
-#include "support/library.h"
-#include "support/questions.h"
+#include <library.h>
+#include <questions.h>
 
 namespace growth {
 using bench::must;

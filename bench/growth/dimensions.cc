@@ -4,12 +4,12 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include <list_server.h>
+#include <questions.h>
 #include "asker.h"
 #include "bare_reads.h"
 #include "filled_cache.h"
 #include "kept_zones.h"
-#include "support/process.h"
-#include "support/questions.h"
 
 namespace growth {
 namespace {
@@ -28,13 +28,9 @@ constexpr unsigned kTableMost = 100'000;
 class Servers {
  public:
   Servers() {
-    const std::string zones = directory_.write("zones", bench::listserver_zones(kZonesMost));
-    for (unsigned i = 0; i < kServersMost; ++i)
-      processes_.push_back(std::make_unique<support::Process>(
-          std::vector<std::string>{std::string(KAVO_TOOLS_DIR) + "/kavo-listserver", zones}));
-    for (const auto &process : processes_) {
-      ports_.push_back(support::port_in(process->wait_line("listening on").value_or("")));
-      if (ports_.back() == 0) throw std::runtime_error("a list server did not start: " + process->output().err);
+    for (unsigned i = 0; i < kServersMost; ++i) {
+      servers_.push_back(std::make_unique<testbed::ListServer>(bench::listserver_zones(kZonesMost)));
+      ports_.push_back(servers_.back()->port());
     }
   }
   // first returns the ports of the first `count` of them.
@@ -43,8 +39,7 @@ class Servers {
   }
 
  private:
-  support::TempDir directory_;
-  std::vector<std::unique_ptr<support::Process>> processes_;
+  std::vector<std::unique_ptr<testbed::ListServer>> servers_;
   std::vector<uint16_t> ports_;
 };
 

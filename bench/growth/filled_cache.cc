@@ -2,8 +2,8 @@
 
 #include <stdexcept>
 
-#include "support/library.h"
-#include "support/questions.h"
+#include <library.h>
+#include <questions.h>
 
 namespace growth {
 namespace {

@@ -8,7 +8,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "support/process.h"
+#include <process.h>
 
 namespace growth {
 namespace {
@@ -47,7 +47,7 @@ struct KeptZones {
     must(kavo_add_zone(context.get(), KAVOT_BL_IP, names.back().c_str()));
   }
 
-  support::TempDir directory;
+  testbed::TempDir directory;
   std::unique_ptr<FILE, int (*)(FILE *)> stream;
   std::unique_ptr<kavo_t, KAVO_ERR (*)(KAVO)> context{nullptr, kavo_free};
   std::vector<std::string> names;

@@ -12,9 +12,9 @@
 #include <fstream>
 #include <memory>
 
+#include <measure.h>
 #include "dimension.h"
 #include "report.h"
-#include "support/measure.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
+#include <measure.h>
 #include "dimension.h"
-#include "support/measure.h"
 
 namespace growth {
 

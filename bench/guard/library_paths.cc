@@ -9,10 +9,10 @@
 #include <stdexcept>
 #include <string>
 
+#include <library.h>
+#include <list_server.h>
+#include <questions.h>
 #include "paths.h"
-#include "support/library.h"
-#include "support/process.h"
-#include "support/questions.h"
 
 namespace guard {
 namespace {
@@ -30,13 +30,11 @@ class Questions final : public Work {
  public:
   // `names` of 0: no name comes twice, and there is no cache.
   Questions(unsigned lists, uint32_t names) : lists_(lists), names_(names) {
-    const uint16_t port = support::port_in(server_.wait_line("listening on").value_or(""));
-    if (port == 0) throw std::runtime_error("the list server did not start: " + server_.output().err);
     must(kavo_init_ext(&kavo_, kOutstanding, names == 0 ? 0 : kCacheBytes, kLists, 0), "kavo_init_ext");
     for (unsigned list = 0; list < lists; ++list)
       must(kavo_add_zone(kavo_, KAVOT_BL_IP, bench::zone(list).c_str()), "kavo_add_zone");
     must(kavo_add_dns_server(kavo_, nullptr, 0), "kavo_add_dns_server");
-    must(kavo_add_dns_server(kavo_, "127.0.0.1", port), "kavo_add_dns_server");
+    must(kavo_add_dns_server(kavo_, "127.0.0.1", server_.port()), "kavo_add_dns_server");
     must(kavo_set_opt(kavo_, KAVOOPT_TIMEOUT, kPatienceSeconds), "kavo_set_opt");
     must(kavo_open(kavo_), "kavo_open");
     iterator_ = kavo_alloc_answer_iterator();
@@ -76,9 +74,7 @@ class Questions final : public Work {
     must(kavo_unsubscribe_node(kavo_, nodes_[slot]), "kavo_unsubscribe_node");
   }
 
-  support::TempDir directory_;
-  support::Process server_{
-      {std::string(KAVO_TOOLS_DIR) + "/kavo-listserver", directory_.write("zones", bench::listserver_zones(kLists))}};
+  testbed::ListServer server_{bench::listserver_zones(kLists)};
   KAVO kavo_ = nullptr;
   KAVO_ANSWER_ITERATOR iterator_ = nullptr;
   unsigned lists_;

@@ -4,9 +4,9 @@
 #include <memory>
 #include <string>
 
+#include <library.h>
+#include <process.h>
 #include "paths.h"
-#include "support/library.h"
-#include "support/process.h"
 
 namespace guard {
 namespace {
@@ -91,7 +91,7 @@ class DumpSave final : public Work {
  private:
   Context context_;
   Entries entries_;
-  support::TempDir directory_;
+  testbed::TempDir directory_;
   std::string file_ = directory_.file("dump");
 };
 
@@ -110,7 +110,7 @@ class DumpLoad final : public Work {
   }
 
  private:
-  support::TempDir directory_;
+  testbed::TempDir directory_;
   std::string file_ = directory_.file("dump");
   std::vector<std::unique_ptr<Context>> loaded_;
 };
@@ -131,7 +131,7 @@ class ZonesFile final : public Work {
   }
 
   Context context_;
-  support::TempDir directory_;
+  testbed::TempDir directory_;
   std::string file_ = directory_.write("zones", text());
 };
 

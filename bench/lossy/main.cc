@@ -99,10 +99,10 @@ std::string Contestant::line(const char *row) {
 }
 
 // Networks are made before the clients: processes are started while the program has no thread but its readers.
-std::string compete(const Plan &plan, const Server &server, const Row &row, uint64_t seed) {
+std::string compete(const Plan &plan, const testbed::ListServer &server, const Row &row, uint64_t seed) {
   Contestant contestants[] = {{"kavo", nullptr, nullptr, {}, {}}, {"c-ares", nullptr, nullptr, {}, {}}};
   for (Contestant &each : contestants)
-    each.network = std::make_unique<Network>(server, row.paths, seed);
+    each.network = std::make_unique<Network>(server.port(), row.paths, seed);
   contestants[0].client = make_kavo(plan.settings, contestants[0].network->ports());
   contestants[1].client = make_cares(plan.settings, contestants[1].network->ports());
   for (unsigned round = 0; round < plan.rounds; ++round) {
@@ -142,7 +142,7 @@ std::string explanation(const Plan &plan) {
 }
 
 void compete_in_all(const Plan &plan, const std::string &path) {
-  const Server server(plan.count);
+  const testbed::ListServer server(zones_of(plan.count));
   std::string table = kHead;
   std::cout << kHead << std::flush;
   uint64_t seed = plan.seed;

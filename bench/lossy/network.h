@@ -4,9 +4,10 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
-#include "support/process.h"
+#include <list_server.h>
 
 namespace lossy {
 
@@ -19,28 +20,19 @@ inline constexpr unsigned kDelayMs = 100;
 inline constexpr unsigned kJitterMs = 50;
 inline constexpr unsigned kTwiceIn100 = 1;
 
-// Server is one list server that knows the answers of questions 0 to `questions - 1`.
-class Server {
- public:
-  explicit Server(unsigned questions);
-  [[nodiscard]] uint16_t port() const { return port_; }
-
- private:
-  support::TempDir directory_;
-  std::unique_ptr<support::Process> process_;
-  uint16_t port_ = 0;
-};
+// zones_of is the zones file of a list server that knows the answers of questions 0 to `questions - 1`.
+[[nodiscard]] std::string zones_of(unsigned questions);
 
 // Network is what one client sees of the server: a port for each path.
 class Network {
  public:
-  Network(const Server &server, const std::vector<Path> &paths, uint64_t seed);
+  Network(uint16_t server_port, const std::vector<Path> &paths, uint64_t seed);
   [[nodiscard]] const std::vector<uint16_t> &ports() const { return ports_; }
   // stop ends the relays and returns the number of packets that the client sent.
   [[nodiscard]] uint64_t stop();
 
  private:
-  std::vector<std::unique_ptr<support::Process>> relays_;
+  std::vector<std::unique_ptr<testbed::Relay>> relays_;
   std::vector<uint16_t> ports_;
 };
 

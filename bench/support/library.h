@@ -10,7 +10,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "support/questions.h"
+#include <questions.h>
 
 namespace bench {
 

@@ -1,67 +1,30 @@
-// stored_records.h - records as they stand in a stream, one of every layout, and the blocks that they read back as:
-// what the tests of streams and of the cache store.
-#ifndef KAVO_TESTS_SUPPORT_STORED_RECORDS_H
-#define KAVO_TESTS_SUPPORT_STORED_RECORDS_H
+#include "stored_records.h"
 
 #include <gtest/gtest.h>
-#include <kavo.h>
 
-#include <cstdio>
-#include <memory>
-#include <string>
-#include <utility>
-#include <vector>
+#include "answers.h"
 
-#include "support/host.h"
+namespace testbed {
 
-namespace support {
-
-using File = std::unique_ptr<FILE, decltype(&fclose)>;
 using namespace std::string_literals;
 
-inline File reading(const std::string &bytes) {
-  // A buffer of exactly these bytes, so that reading beyond is seen.
-  File file(fmemopen(nullptr, bytes.size() + 1, "w+"), fclose);
-  fwrite(bytes.data(), 1, bytes.size(), file.get());
-  rewind(file.get());
-  return file;
-}
-
-// Rr is a record block of the test's own.
-struct Rr {
-  KAVO_RR rr = {};
-  Rr() = default;
-  Rr(Rr &&other) noexcept : rr(std::exchange(other.rr, {})) {}
-  ~Rr() { kavo_rr_free(&rr); }
-  operator KAVO_RR *() { return &rr; }
-};
-
-inline std::string u32(uint32_t value) {
+std::string u32(uint32_t value) {
   return {reinterpret_cast<const char *>(&value), sizeof value};
 }
-inline std::string name(const std::string &text) {
+std::string name(const std::string &text) {
   return u32(static_cast<uint32_t>(text.size()) + 1) + text + '\0';
 }
-inline std::string text(const std::string &bytes) {
+std::string text(const std::string &bytes) {
   return u32(static_cast<uint32_t>(bytes.size())) + bytes;
 }
 
-inline constexpr uint32_t kTtl = 300;
-
-// Stored is a record in a stream: what it holds in memory is `size` bytes and reads as `shows`.
-struct Stored {
-  KAVO_TYPE type;
-  std::string bytes;
-  std::string shows;
-};
-inline Stored stored(KAVO_TYPE type, uint32_t size, uint32_t count, const std::string &entries,
-                     const std::string &shows) {
+Stored stored(KAVO_TYPE type, uint32_t size, uint32_t count, const std::string &entries, const std::string &shows) {
   constexpr uint32_t kHeadAndNames = 40 + 9 + 11;
   return {type, u32(kHeadAndNames + size) + u32(count) + u32(kTtl) + entries + name("c.example") + name("q.example"),
           shows};
 }
 
-inline std::vector<Stored> every_layout() {
+std::vector<Stored> every_layout() {
   const std::string two_names = name("a.example") + name("b.example");
   const std::string one = u32(10) + name("a.example"), two = u32(20) + name("b.example");
   std::vector<Stored> all = {
@@ -90,16 +53,14 @@ inline std::vector<Stored> every_layout() {
   return all;
 }
 
-inline std::string shown(KAVO_TYPE type, const KAVO_RR &rr) {
-  return support::render({type, KAVOE_OK, KAVOCC_UNKNOWN, kavo_rr_get_size(&rr), 0, rr, 0});
+std::string shown(KAVO_TYPE type, const KAVO_RR &rr) {
+  return render({type, KAVOE_OK, KAVOCC_UNKNOWN, kavo_rr_get_size(&rr), 0, rr, 0});
 }
 
-inline Rr read(KAVO_TYPE type, const std::string &bytes) {
+Rr read(KAVO_TYPE type, const std::string &bytes) {
   Rr rr;
-  EXPECT_EQ(kavo_rr_read(type, rr, reading(bytes).get()), KAVOE_OK);
+  EXPECT_EQ(kavo_rr_read(type, rr, reading(std::string_view(bytes)).get()), KAVOE_OK);
   return rr;
 }
 
-}  // namespace support
-
-#endif  // KAVO_TESTS_SUPPORT_STORED_RECORDS_H
+}  // namespace testbed

@@ -1,11 +1,11 @@
-// process.h - child processes, free ports and scratch directories for the tests.
+// process.h - child processes and free ports.
 //
 // A Process is a program that a test starts, reads from and stops by its process id: never by name, and never without a
 // bound on the wait. One reader thread of its own collects what the child writes, so a child that writes much is never
 // held up; everything else is called by the thread that owns the Process. A child is killed with the test program even
 // when the test program itself dies.
-#ifndef KAVO_TESTS_SUPPORT_PROCESS_H
-#define KAVO_TESTS_SUPPORT_PROCESS_H
+#ifndef KAVO_TESTBED_PROCESS_H
+#define KAVO_TESTBED_PROCESS_H
 
 #include <sys/types.h>
 
@@ -20,7 +20,7 @@
 #include <utility>
 #include <vector>
 
-namespace support {
+namespace testbed {
 
 using std::chrono::milliseconds;
 
@@ -93,23 +93,6 @@ struct Result {
 // free_udp_port returns a port of 127.0.0.1 that nothing is bound to, neither UDP nor TCP; 0 when none was found.
 [[nodiscard]] uint16_t free_udp_port();
 
-// TempDir is a directory of the test's own, removed with everything in it at the end.
-class TempDir {
- public:
-  TempDir();
-  ~TempDir();
-  TempDir(const TempDir &) = delete;
-  TempDir &operator=(const TempDir &) = delete;
+}  // namespace testbed
 
-  [[nodiscard]] const std::string &path() const { return path_; }
-  [[nodiscard]] std::string file(std::string_view name) const { return path_ + "/" + std::string(name); }
-  // write creates a file with `content` and returns its path.
-  std::string write(std::string_view name, std::string_view content) const;
-
- private:
-  std::string path_;
-};
-
-}  // namespace support
-
-#endif  // KAVO_TESTS_SUPPORT_PROCESS_H
+#endif  // KAVO_TESTBED_PROCESS_H

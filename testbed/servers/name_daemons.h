@@ -1,12 +1,15 @@
-// namedaemons.h - real name servers on loopback for the tests: a list server, an authoritative server and a resolver.
+// name_daemons.h - real name servers on loopback: a list server, an authoritative server and a resolver.
 //
 // Each start_* call writes a configuration of its own into a scratch directory, starts the distribution's program on a
 // free port of 127.0.0.1, and returns once the program answers a real question over UDP. A NameDaemon is stopped by its
 // process id when it goes out of scope. All of them run as root and as an ordinary user, and talk to nobody outside
 // 127.0.0.0/8. They throw std::runtime_error, with what the program wrote, when it does not come up: the test fails and
 // says why.
-#ifndef KAVO_TESTS_SUPPORT_NAMEDAEMONS_H
-#define KAVO_TESTS_SUPPORT_NAMEDAEMONS_H
+#ifndef KAVO_TESTBED_NAME_DAEMONS_H
+#define KAVO_TESTBED_NAME_DAEMONS_H
+
+#include <process.h>
+#include <temp_dir.h>
 
 #include <cstdint>
 #include <memory>
@@ -15,9 +18,7 @@
 #include <string_view>
 #include <vector>
 
-#include "support/process.h"
-
-namespace support {
+namespace testbed {
 
 class NameDaemon {
  public:
@@ -69,6 +70,6 @@ struct StubZone {
 [[nodiscard]] std::optional<int> ask_rcode(uint16_t port, std::string_view name, uint16_t type, milliseconds bound,
                                            const std::string &address = "127.0.0.1");
 
-}  // namespace support
+}  // namespace testbed
 
-#endif  // KAVO_TESTS_SUPPORT_NAMEDAEMONS_H
+#endif  // KAVO_TESTBED_NAME_DAEMONS_H

@@ -1,6 +1,7 @@
-#include "support/namedaemons.h"
+#include "name_daemons.h"
 
 #include <arpa/inet.h>
+#include <packet.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -12,35 +13,14 @@
 #include <stdexcept>
 #include <thread>
 
-namespace support {
+namespace testbed {
 namespace {
 
 constexpr uint16_t kTypeSoa = 6;
 constexpr int kReadyAttempts = 100;
 constexpr milliseconds kReadyWait{200};
 constexpr uint16_t kProbeId = 0x5e7d;
-constexpr size_t kHeaderSize = 12;
 constexpr mode_t kReadableByAll = 0755;  // a server that gives up root must still reach its files
-
-void append16(std::string *packet, unsigned value) {
-  packet->push_back(static_cast<char>(value >> 8));
-  packet->push_back(static_cast<char>(value & 0xff));
-}
-
-std::string probe_packet(std::string_view name, uint16_t type) {
-  std::string packet;
-  for (const unsigned word : {unsigned{kProbeId}, 0x0100u, 1u, 0u, 0u, 0u})
-    append16(&packet, word);
-  std::istringstream labels{std::string(name)};
-  for (std::string label; std::getline(labels, label, '.') && !label.empty();) {
-    packet.push_back(static_cast<char>(label.size()));
-    packet += label;
-  }
-  packet.push_back('\0');
-  append16(&packet, type);
-  append16(&packet, 1);
-  return packet;
-}
 
 std::unique_ptr<TempDir> shared_directory() {
   auto directory = std::make_unique<TempDir>();
@@ -94,16 +74,16 @@ std::optional<int> ask_rcode(uint16_t port, std::string_view name, uint16_t type
   to.sin_family = AF_INET;
   inet_pton(AF_INET, address.c_str(), &to.sin_addr);
   to.sin_port = htons(port);
-  const std::string packet = probe_packet(name, type);
+  const Bytes packet = Packet(name, type, kProbeId, kQueryFlags).bytes;
   std::array<unsigned char, 4096> answer;
   ssize_t got = -1;
   if (connect(fd, reinterpret_cast<const sockaddr *>(&to), sizeof to) == 0 &&
       send(fd, packet.data(), packet.size(), 0) == static_cast<ssize_t>(packet.size()))
     got = recv(fd, answer.data(), answer.size(), 0);
   close(fd);
-  if (got < static_cast<ssize_t>(kHeaderSize) || answer[0] != kProbeId >> 8 || answer[1] != (kProbeId & 0xff))
+  if (got < static_cast<ssize_t>(DNS_HSIZE) || answer[0] != kProbeId >> 8 || answer[1] != (kProbeId & 0xff))
     return std::nullopt;
-  return answer[3] & 0x0f;
+  return answer[kRcodeAt] & 0x0f;
 }
 
 std::string find_program(std::string_view name) {
@@ -180,4 +160,4 @@ std::unique_ptr<NameDaemon> start_unbound(const std::vector<StubZone> &zones) {
   return ready(std::make_unique<NameDaemon>(std::move(directory), std::move(argv), port), names);
 }
 
-}  // namespace support
+}  // namespace testbed

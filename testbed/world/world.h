@@ -1,12 +1,13 @@
-// simulation.h - the engine's world in one thread of a test: a network that loses, delays, reorders and doubles
+// world.h - the engine's world in one thread of a test: a network that loses, delays, reorders and doubles
 // packets, servers that answer, refuse, lie or stay silent, forgers, and a clock that jumps from event to event.
 // Everything follows from one seed.
-#ifndef KAVO_TESTS_SIMULATION_H
-#define KAVO_TESTS_SIMULATION_H
+#ifndef KAVO_TESTBED_WORLD_H
+#define KAVO_TESTBED_WORLD_H
 
 #include <dns_engine.h>
 #include <dns_io.h>
 #include <dns_wire.h>
+#include <temper.h>
 
 #include <array>
 #include <cstdint>
@@ -20,31 +21,6 @@
 
 namespace sim {
 
-using Bytes = std::vector<uint8_t>;
-
-// What a server makes of a question.
-enum class Temper {
-  good,
-  dead,
-  absent,  // nothing listens there, and its host says so
-  refuses,
-  fails,
-  truncates,
-  refuses_tcp,
-  knows_no_opt,
-  lowers_case,         // and has no TCP
-  lowers_case_by_tcp,  // there too
-  bakes_cookies,       // refuses a question without its cookie
-  garbles,
-  wrong_name,
-  wrong_id,
-  wrong_type,
-  request,
-  chains,
-  loops,
-  refers
-};
-
 struct Weather {
   int loss_percent = 0;
   int duplicate_percent = 0;
@@ -54,13 +30,18 @@ struct Weather {
   int breaks_percent = 0;  // of the times that a connection is written to or found empty, it breaks
 };
 
-// The truth about a name, as every honest server tells it: names are "listed-N", "gone-N" or "empty-N" under any zone.
-// In cost.test a server's last octet N costs 127.0.N.N.
-struct Truth {
-  dns_status status;
-  in_addr_t address;  // host byte order
+// Reply is what becomes of a query; an empty answer is silence.
+struct Reply {
+  Reply(Bytes answer) : bytes(std::move(answer)) {}  // NOLINT: a script returns bytes
+
+  Bytes bytes;
+  unsigned copies = 1;
+  std::string from;       // the address that it comes from, if not the server's
+  bool returned = false;  // the query comes back undeliverable
+  bool whole = false;     // over UDP too, however large
+  bool framed = true;     // over TCP, behind its length
+  bool closes = false;    // the connection
 };
-Truth truth_of(const uint8_t *dn);
 
 class World {
  public:
@@ -80,10 +61,9 @@ class World {
   unsigned answers_per_connection = UINT32_MAX;  // after which a server closes it, whatever else was asked there
   int tcp_error = 0;                             // of the next `tcp_errors` connections
   unsigned tcp_errors = 0;
-  bool by_tcp = false;  // how the question at hand of `script` came
-  // script, where there is one, answers in place of every server's temper, over TCP what is too
-  // large for a datagram; empty for silence.
-  std::function<Bytes(const Bytes &question, const std::string &server)> script;
+  bool by_tcp = false;  // how the query at hand of `script` came
+  // script, where there is one, answers in place of every server's temper, over TCP what is too large for a datagram.
+  std::function<Reply(const Bytes &query, const std::string &server)> script;
   bool send_buffers_full = false;  // every send finds its buffer full until this is cleared
 
   void add_server(const std::string &address, Temper temper);
@@ -92,15 +72,15 @@ class World {
 
   // forge puts a packet into the inbox of every socket, as if it came from a server's port.
   void forge(const std::string &server, const Bytes &packet, uint16_t port = 53);
-  // last_question is the last packet that was sent by UDP.
-  [[nodiscard]] const Bytes &last_question() const { return last_question_; }
+  // last_query is the last packet that was sent by UDP.
+  [[nodiscard]] const Bytes &last_query() const { return last_query_; }
 
-  // turn lets the engine do what is due, moves the clock to whatever comes next and delivers it. False once no question
+  // turn lets the engine do what is due, moves the clock to whatever comes next and delivers it. False once no query
   // is open.
   bool turn();
   // read_sockets hands the engine what its sockets hold.
   void read_sockets();
-  // run takes turns until no question is open; false when that takes more than `turns_max`.
+  // run takes turns until no query is open; false when that takes more than `turns_max`.
   bool run(unsigned turns_max = 100'000);
   [[nodiscard]] dns_timeval now() const;
   uint64_t random(uint64_t below) { return std::uniform_int_distribution<uint64_t>(0, below - 1)(random_); }
@@ -118,6 +98,7 @@ class World {
     Temper temper;
     std::deque<uint8_t> in, out;  // of the server
     unsigned answers = 0;
+    bool closed = false;  // by the server
   };
 
   static dns_time wall(void *self);
@@ -133,6 +114,8 @@ class World {
   static int tcp_receive(void *self, int socket, uint8_t *bytes, size_t size);
 
   void send(int socket, const dns::Datagram &datagram);
+  void forge_answers(int socket, const sockaddr_in &peer, const Bytes &query);
+  void answer_stream(Stream *stream, const Bytes &query);
   void mail(int socket, const sockaddr_in &from, Bytes bytes);
   void deliver_due();
 
@@ -144,17 +127,11 @@ class World {
   std::map<int, std::deque<Parcel>> returned_;
   std::map<int, sockaddr_in> connected_;  // sockets that hear nobody else
   std::map<int, Stream> streams_;
-  std::map<std::array<uint8_t, 2>, std::set<int>> homes_;  // sockets that questions left from, by their ids
-  Bytes last_question_;
+  std::map<std::array<uint8_t, 2>, std::set<int>> homes_;  // sockets that queries left from, by their ids
+  Bytes last_query_;
   int next_socket_ = 100;
 };
 
-// answer_to builds what a server of some temper sends back; empty for silence.
-Bytes answer_to(const Bytes &question, Temper temper, bool by_tcp = false);
-
-// name makes a DN of a text.
-std::array<uint8_t, DNS_MAXDN> name(const std::string &text);
-
 }  // namespace sim
 
-#endif  // KAVO_TESTS_SIMULATION_H
+#endif  // KAVO_TESTBED_WORLD_H

@@ -1,0 +1,52 @@
+// queries.h - many queries in the simulated world, and what a test checks of them.
+#ifndef KAVO_TESTBED_QUERIES_H
+#define KAVO_TESTBED_QUERIES_H
+
+#include <context.h>
+#include <gtest/gtest.h>
+#include <world_query.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace sim {
+
+// some_name is a name that the servers have something to say about, now and then a very long one.
+std::string some_name(World *world);
+
+// Queries keeps each query at one place. From a callback, and from the debug
+// function where told is that, it asks and cancels in `meddling` of a hundred cases.
+class Queries {
+ public:
+  explicit Queries(World *world) : world_(world) {}
+  int meddling = 0;
+
+  Query &ask(const std::string &text, const std::vector<std::string> &servers = {}, unsigned flags = 0);
+  void cancel(Query *asked);
+  void meddle();
+  // told may also cancel what the engine itself asks, and parses a packet that takes more memory than any answer.
+  static void told(dns_ctx *ctx, dns_query *q, int code, void *data, void *udata);
+
+  [[nodiscard]] const std::vector<std::unique_ptr<Query>> &all() const { return queries_; }
+
+ private:
+  World *world_;
+  std::vector<std::unique_ptr<Query>> queries_;
+};
+
+void expect_truth(const Query &asked);
+// expect_rest checks that nothing is left of any query.
+void expect_rest(World *world);
+void set(World *world, int option, uint32_t value);
+
+// Engine is a world for one test.
+class Engine : public ::testing::Test {
+ protected:
+  World world{42};
+  Queries queries{&world};
+};
+
+}  // namespace sim
+
+#endif  // KAVO_TESTBED_QUERIES_H

@@ -1,0 +1,37 @@
+// hand_server.h - a name server that answers when its owner has it do so.
+#ifndef KAVO_TESTBED_HAND_SERVER_H
+#define KAVO_TESTBED_HAND_SERVER_H
+
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <vector>
+
+namespace testbed {
+
+[[nodiscard]] sockaddr_in loopback(uint16_t port);
+
+class HandServer {
+ public:
+  struct Query {
+    std::vector<uint8_t> packet;  // empty if none has come within a minute
+    sockaddr_in from;
+  };
+
+  HandServer();
+  ~HandServer();
+  HandServer(const HandServer &) = delete;
+  HandServer &operator=(const HandServer &) = delete;
+  [[nodiscard]] uint16_t port() const { return port_; }
+  [[nodiscard]] Query receive() const;
+  void deny(const Query &query) const;  // NXDOMAIN
+  void send(const Query &query, const std::vector<uint8_t> &packet) const;
+
+ private:
+  int socket_;
+  uint16_t port_ = 0;
+};
+
+}  // namespace testbed
+
+#endif  // KAVO_TESTBED_HAND_SERVER_H
