@@ -1,8 +1,8 @@
 /*
  * kavo.h - the public interface of kavo, which asks DNS-based lists and ordinary DNS many questions at once.
  *
- * A host creates a context, configures it while it is not running, opens it, asks questions from any number of threads,
- * closes it and frees it:
+ * A host creates a context and configures it before opening it. Any number of threads then ask questions. At the end
+ * the host closes the context and frees it:
  *
  *     KAVO kavo;
  *     KAVO_QUERY_NODE node;
@@ -27,39 +27,39 @@
  * What is handed out through a parameter is defined after success only.
  *
  * Ownership. The context owns everything it creates. A node handle is valid from subscribing to unsubscribing; answers
- * read in place are valid as long. Copies of answers and their record blocks belong to the caller: blocks go back with
- * kavo_rr_free, arrays of answers with free. Texts that a function returns are constants, or the context's until it is
- * freed. Arguments are read during the call only.
+ * read in place are valid for the same time. Copies of answers and their record blocks belong to the caller, who
+ * releases blocks with kavo_rr_free and arrays of answers with free. A text that a function returns is a constant, or
+ * belongs to the context and is valid until the context is freed. Arguments are read during the call only.
  *
  * Threads. Each open context runs one server thread, which alone talks to DNS. Subscribing, waiting, reading and
  * unsubscribing may be done from any thread at any time; an iterator belongs to one thread at a time. Configuration
- * (options, zones, servers, caches, callbacks) is made by one thread while the context is at rest, and is refused with
- * KAVOE_SRV from the beginning of kavo_open until kavo_close has returned. kavo_open, kavo_close and kavo_free of one
- * context must not overlap, and nothing may use a context that is being freed. Two contexts have nothing in common.
+ * (options, zones, servers, caches, callbacks) is made by one thread while the context is at rest; from the beginning
+ * of kavo_open until kavo_close has returned it is refused with KAVOE_SRV. kavo_open, kavo_close and kavo_free of one
+ * context must not overlap, and no thread may use a context that is being freed. Two contexts have nothing in common.
  *
- * Cancellation. No call of the library is a cancellation point (pthread_cancel), nor is what the host's functions do
- * that it calls: a thread that is cancelled inside acts on it once the call is over. dns_printpkt and dns_printrr alone
- * may be, and kavo_cache_... on a cacher of the host's own. Asynchronous cancellability must be off.
+ * Cancellation. No call of the library is a cancellation point (pthread_cancel), even where it calls a function of the
+ * host's that has one: a thread that is cancelled during a call ends after it. The exceptions are dns_printpkt,
+ * dns_printrr, and kavo_cache_... on a cacher of the host's own. Asynchronous cancellability must be off.
  *
- * Processes. A context that is open when the process forks stays the parent's, which notices nothing. In the child
- * every call on it fails at once (KAVOE_SRV; null, 0 or KAVOT_INVALID where no code is returned), but kavo_close and
- * kavo_free: they close what it has open in the child, which the parent does not feel, and release what the parent's
- * threads cannot have been at work on; the rest stays as it is until the child ends, and can still be reached, so that
- * no memory checker takes it for lost. A cache that was in use in the parent must not be touched in the child. A
- * context on which no call was being made, and that was at rest, is the child's own: it can be configured, opened and
- * freed in both. Workers that were forked with one context draw random numbers of their own.
+ * Processes. A context that is open when the process forks stays the parent's and works on there. In the child every
+ * call on the context fails at once (KAVOE_SRV; null, 0 or KAVOT_INVALID where no code is returned), but for kavo_close
+ * and kavo_free. These two close the context's descriptors in the child, without effect on the parent, and release the
+ * memory that the parent's threads cannot have been changing. The rest stays until the child ends, and can be reached,
+ * so that no memory checker takes it for lost. A cache that was in use in the parent must not be touched in the child.
+ * A context that was at rest, without a call on it, is the child's own too: parent and child can each configure, open
+ * and free it. Workers that were forked with one context draw random numbers of their own.
  *
- * Descriptors. The library never takes those of the standard streams (0 to 2), where the host has closed them, and all
- * of its own are closed on exec.
+ * Descriptors. The library never takes a descriptor of the standard streams (0 to 2), even where the host has closed
+ * it. All descriptors of the library are closed on exec.
  *
  * Callbacks. The server-state function and the functions of a node-list iterator run with a lock held and must not call
- * the library. The log function may be called from any thread, several at a time, with locks held; it must not call
+ * the library. Any thread may call the log function, several at a time, with locks held; the log function must not call
  * the library either.
  *
  * Null. A null deadline means no deadline. A null array of servers means the context's servers.
  *
  * Time. A deadline is a moment of the system's wall clock (seconds and microseconds since 1970-01-01 UTC), made by
- * kavo_get_deadline from milliseconds. Time-outs and measured times are milliseconds, times to live seconds.
+ * kavo_get_deadline from milliseconds. Timeouts and measured times are milliseconds, times to live seconds.
  *
  * Names. A DN is a domain name in wire form: labels, each a length byte of 1 to 63 and that many bytes, closed by a
  * zero byte, at most 255 bytes with it. A DN handed in must be well formed.
@@ -89,7 +89,7 @@ extern "C" {
 
 /* ---- constants -------------------------------------------------------------------------------------------------- */
 
-/* KAVO_ERR: what an operation came to. kavo_strerror gives each code's text. */
+/* KAVO_ERR: the outcome of an operation. kavo_strerror gives each code's text. */
 typedef enum KAVO_ERR KAVO_ENUM_UNSIGNED {
   KAVOE_OK = 0,
   KAVOE_FAIL = 1,     /* failed for a reason that no other code names */
@@ -107,7 +107,7 @@ typedef enum KAVO_ERR KAVO_ENUM_UNSIGNED {
 } KAVO_ERR;
 
 /*
- * KAVO_TYPE: what is asked, and what a record block holds. DNS types keep their DNS numbers; any number from
+ * KAVO_TYPE: the type of a question, and of a record block. DNS types keep their DNS numbers; any number from
  * KAVOT_DNS_MIN to KAVOT_DNS_MAX may be asked. The list types are asked once in every zone that is configured for them.
  */
 typedef enum KAVO_TYPE KAVO_ENUM_UNSIGNED {
@@ -184,21 +184,21 @@ typedef enum KAVO_SRV_STATE KAVO_ENUM_UNSIGNED {
 
 /* KAVO_OPT: options of a context (kavo_set_opt), with their ranges. */
 typedef enum KAVO_OPT KAVO_ENUM_UNSIGNED {
-  KAVOOPT_NXDOM_TTL = 0,         /* seconds a denial without a TTL of its own is cached; 0 to 2147483647 */
+  KAVOOPT_NXDOM_TTL = 0,         /* seconds for which a negative answer without a TTL is cached; 0 to 2147483647 */
   KAVOOPT_MIN_CACHE_DELAY = 1,   /* kept for the host; 0 to 65535 */
   KAVOOPT_DNS_PORT = 2,          /* the port of the system's servers and of those named without one; 1 to 65535 */
   KAVOOPT_CLOSE_FAST = 3,        /* 1: kavo_close fails the questions in flight at once; 0: it waits for them */
   KAVOOPT_MAX_LOOP = 4,          /* referrals followed for one question; 1 to 65536 */
-  KAVOOPT_MAX_ALIAS = 5,         /* aliases followed for one question; 1 to 65536 */
+  KAVOOPT_MAX_ALIAS = 5,         /* CNAMEs followed for one question; 1 to 65536 */
   KAVOOPT_MAX_PACKET = 6,        /* bytes of the largest UDP answer that is asked for; 512 to 4096 */
-  KAVOOPT_TIMEOUT = 7,           /* seconds of the longest wait for one try; 1 to 300 */
-  KAVOOPT_NTRIES = 8,            /* tries of one question; 1 to 50 */
-  KAVOOPT_NDOTS = 9,             /* kept, as names are asked as they are given; 0 to 1000 */
+  KAVOOPT_TIMEOUT = 7,           /* seconds of the longest timeout of one attempt; 1 to 300 */
+  KAVOOPT_NTRIES = 8,            /* attempts of one query; 1 to 50 */
+  KAVOOPT_NDOTS = 9,             /* kept only: names are asked as given; 0 to 1000 */
   KAVOOPT_DNSREC_CACHESIZE = 10, /* bytes of a referral cache of its own; 0 changes nothing */
   KAVOOPT_BSC_SIZE = 11,         /* servers whose statistics are kept for the choice of the best; 0 (off) to 262144 */
   KAVOOPT_BSC_UPDTIME = 12,      /* seconds between refreshes of that choice; 0 to 86400 */
   KAVOOPT_BSC_NBEST = 13,        /* servers that the choice is made from; 1 to 128 */
-  KAVOOPT_SERV_RRB = 14,         /* 1: start each question at the next server in turn; 0: in list order */
+  KAVOOPT_SERV_RRB = 14,         /* 1: start each query at the next server in turn; 0: in list order */
   KAVOOPT_MIN_TTL = 15,          /* seconds below which no answer's TTL falls; 0 to 2147483647 */
   KAVOOPT_CH_REXPRD = 16,        /* 1: an expired cache entry is delivered as an early answer; 0: not */
   KAVOOPT_TIMEOUT_MSEC = 17      /* KAVOOPT_TIMEOUT in milliseconds; 1 to 300000 */
@@ -206,14 +206,14 @@ typedef enum KAVO_OPT KAVO_ENUM_UNSIGNED {
 
 /* KAVO_WAIT_LEVEL: how far a node must have come for a wait to end. A failed node ends every wait. */
 typedef enum KAVO_WAIT_LEVEL KAVO_ENUM_SIGNED {
-  KAVOWT_NONE = -2,  /* its questions are with the DNS engine */
+  KAVOWT_NONE = -2,  /* its queries are with the DNS engine */
   KAVOWT_CACHE = -1, /* the cache has been looked at and holds no answer */
   KAVOWT_DCACHE = 0, /* the check of the direct cache has failed */
   KAVOWT_FIRST = 1,  /* an answer has arrived */
   KAVOWT_FULL = 2    /* every answer has arrived */
 } KAVO_WAIT_LEVEL;
 
-/* KAVO_CACHE_CODE: what the cache had to do with an answer. */
+/* KAVO_CACHE_CODE: the cache's part in an answer. */
 typedef enum KAVO_CACHE_CODE KAVO_ENUM_UNSIGNED {
   KAVOCC_UNKNOWN = 0,
   KAVOCC_EXISTS = 1,  /* answered from a live cache entry */
@@ -273,8 +273,7 @@ typedef struct KAVO_ANSWER {
   uint32_t query_time; /* milliseconds from asking to the answer */
 } KAVO_ANSWER;
 
-/* KAVO_NODELIST_ITERATOR: how the host shows a list of its own to kavo_wait_nodelist. `ctx` is handed to each function.
- */
+/* KAVO_NODELIST_ITERATOR: how kavo_wait_nodelist walks over a list of the host's. Each function is given `ctx`. */
 typedef struct KAVO_NODELIST_ITERATOR {
   void *ctx;
   unsigned int (*count)(void *ctx);    /* the number of nodes */
@@ -291,7 +290,7 @@ typedef void kavo_srvstate_chg_fn(KAVO kavo, KAVO_SRV_STATE old_state, KAVO_SRV_
 enum {
   KAVO_LOG_CRIT = 1,    /* an assertion failed: a fault of this library or misuse of its handles */
   KAVO_LOG_ERR = 2,     /* an allocation, a lock, a file or the DNS engine failed */
-  KAVO_LOG_WARNING = 3, /* an operation was refused, or takes what is no use */
+  KAVO_LOG_WARNING = 3, /* an operation was refused, or was given a useless value */
   KAVO_LOG_INFO = 4,    /* a caller's error as met in normal use; statistics */
   KAVO_LOG_DEBUG = 5
 };
@@ -301,7 +300,7 @@ typedef void kavo_log_fn(int level, const char *line, void *uctx);
 
 /* kavo_set_log_cb sends every line of the whole process to `fn` from now on, with `uctx` as its last argument. Null
  * restores the default: KAVO_LOG_WARNING and graver go to standard error, the rest is dropped. Any thread may call it;
- * a line that is being written meanwhile may still go the old way. Each pair of a function and its argument that is new
+ * a line that another thread is writing meanwhile may still go the old way. Each new pair of function and argument
  * takes a few bytes for good. */
 KAVO_EXPORT void kavo_set_log_cb(kavo_log_fn *fn, void *uctx);
 
@@ -330,14 +329,14 @@ KAVO_EXPORT KAVO_ERR kavo_init(KAVO *kavo, int table_size, int cache_size, int d
  * descriptors of a forked child's own; KAVOE_SRV. */
 KAVO_EXPORT KAVO_ERR kavo_open(KAVO kavo);
 
-/* kavo_close stops the server thread and returns when it has ended: after every question in flight has its outcome, or
- * at once with KAVOOPT_CLOSE_FAST. Questions without an outcome fail; nodes stay the callers' until they unsubscribe.
- * A stopped context is fine. KAVOE_SRV for one whose thread failed (it is cleaned up); KAVOE_FAIL when the thread
- * cannot be told. */
+/* kavo_close stops the server thread and returns when the thread has ended: after every question in flight has its
+ * outcome, or at once with KAVOOPT_CLOSE_FAST. Questions without an outcome fail; nodes stay the callers' until they
+ * unsubscribe. A stopped context is fine. KAVOE_SRV for a context whose thread failed (it is cleaned up); KAVOE_FAIL
+ * when the thread cannot be told. */
 KAVO_EXPORT KAVO_ERR kavo_close(KAVO kavo);
 
-/* kavo_free releases a context and everything it owns: nodes, iterators' answers and texts are gone. KAVOE_SRV for a
- * running one, and while another thread opens or closes it, which is left whole. */
+/* kavo_free releases a context and everything it owns: nodes, iterators' answers and texts are gone. KAVOE_SRV, with
+ * the context left whole, while it runs and while another thread opens or closes it. */
 KAVO_EXPORT KAVO_ERR kavo_free(KAVO kavo);
 
 /* kavo_set_srvstate_chg_cb installs the server-state function (null: none) with its last argument. It runs on the
@@ -347,12 +346,11 @@ KAVO_EXPORT int kavo_set_srvstate_chg_cb(KAVO kavo, kavo_srvstate_chg_fn *fn, vo
 /* kavo_srv_is_running returns 1 while the state is KAVOSS_RUNNING, else 0; 0 for null. Any thread. */
 KAVO_EXPORT int kavo_srv_is_running(KAVO kavo);
 
-/* kavo_add_args makes room for the answers of `count` more zones' questions (at least 1) ahead of need. Without memory
- * nothing happens. Any thread. */
+/* kavo_add_args makes room for the answers of `count` more queries (at least 1) ahead of need. Without memory nothing
+ * happens. Any thread. */
 KAVO_EXPORT void kavo_add_args(KAVO kavo, int count);
 
-/* kavo_free_args releases that room again. Nothing happens on a context that is not at rest or while a node is
- * held. */
+/* kavo_free_args releases that room again. Nothing happens on a context that is not at rest or while a node is held. */
 KAVO_EXPORT void kavo_free_args(KAVO kavo);
 
 /* ---- options ---------------------------------------------------------------------------------------------------- */
@@ -388,12 +386,13 @@ KAVO_EXPORT uint32_t kavo_rev(void);
 KAVO_EXPORT uint32_t kavo_nactive(KAVO kavo);
 
 /* kavo_set_ext_cache installs a cache of the host's for the uses in `use`; null: none. A cache of the context's own
- * that has no use left is destroyed; one that is handed back stays the context's own. The host's stays the host's and
- * must outlive the context or be taken out of it first. KAVOE_SRV while running; KAVOE_DNS when the engine refuses. */
+ * that has no use left is destroyed; a cache of its own that the host hands back stays the context's. The host's cache
+ * stays the host's and must outlive the context or be taken out of it first. KAVOE_SRV while running; KAVOE_DNS when
+ * the engine refuses. */
 KAVO_EXPORT KAVO_ERR kavo_set_ext_cache(KAVO kavo, KAVO_CACHE_TYPE use, KAVO_CACHE cacher);
 
-/* kavo_get_ext_cache returns the cache installed for a use, the context's own included, or null. It stays its owner's.
- */
+/* kavo_get_ext_cache returns the cache installed for a use, the context's own included, or null. The cache stays its
+ * owner's. */
 KAVO_EXPORT KAVO_CACHE kavo_get_ext_cache(KAVO kavo, KAVO_CACHE_TYPE use);
 
 /* kavo_set_cost_zone names the zone that gives servers their costs where the best is chosen (KAVOOPT_BSC_SIZE above 0);
@@ -401,8 +400,8 @@ KAVO_EXPORT KAVO_CACHE kavo_get_ext_cache(KAVO kavo, KAVO_CACHE_TYPE use);
  * KAVOE_BADPAR; KAVOE_SRV while running; KAVOE_DNS for no name. */
 KAVO_EXPORT int kavo_set_cost_zone(KAVO kavo, const char *zone);
 
-/* kavo_add_expserv accepts answers from `addr` to questions that were sent elsewhere; null forgets all such addresses.
- * 0; KAVOE_BADPAR; KAVOE_SRV while running; KAVOE_DNS. */
+/* kavo_add_expserv accepts answers from `addr` to queries that were sent elsewhere; null forgets all such addresses. 0;
+ * KAVOE_BADPAR; KAVOE_SRV while running; KAVOE_DNS. */
 KAVO_EXPORT int kavo_add_expserv(KAVO kavo, const struct in_addr *addr);
 
 /* ---- subscribing ------------------------------------------------------------------------------------------------ */
@@ -454,27 +453,27 @@ KAVO_EXPORT KAVO_ERR kavo_subscribe_node(KAVO kavo, KAVO_TYPE query_type, const 
 KAVO_EXPORT KAVO_ERR kavo_subscribe_node_p(KAVO kavo, KAVO_TYPE query_type, const char *query, unsigned flags,
                                            const struct timeval *deadline, KAVO_QUERY_NODE *node);
 
-/* kavo_unsubscribe_node drops one hold; the caller uses the handle no more. The server thread has a hold of its own
- * until the question's outcome is known: a node that is let go before keeps its place in the table until then, and its
- * answers reach the cache. KAVOE_BADPAR for a node whose holders have all let it go. Any thread, also after closing; a
- * node that is held over a closing is asked no more, and one of a list question is not handed out again once zones are
+/* kavo_unsubscribe_node drops one hold; the caller no longer uses the handle. The server thread has a hold of its own
+ * until the question's outcome is known: a node without callers keeps its place in the table until then, and its
+ * answers reach the cache. KAVOE_BADPAR for a node without a caller's hold. Any thread, also after closing. A node that
+ * is held over a closing is not asked any more, and a list question's node is not handed out again once zones have
  * changed. */
 KAVO_EXPORT KAVO_ERR kavo_unsubscribe_node(KAVO kavo, KAVO_QUERY_NODE node);
 
-/* kavo_node_type returns the type of a held node's question; KAVOT_INVALID for null, for a node that nobody holds and
- * on a context that is not running. Any thread. */
+/* kavo_node_type returns the type of a held node's question; KAVOT_INVALID for null, for a node that is not held and on
+ * a context that is not running. Any thread. */
 KAVO_EXPORT KAVO_TYPE kavo_node_type(KAVO kavo, KAVO_QUERY_NODE node);
 
 /* kavo_node_qdn copies the name that a held node asks (without a zone) into `qdn`, a buffer of `size` bytes, and the
- * name's length into `written` (null allowed), also when it does not fit: KAVOE_NOMEM. KAVOE_BADPAR for a sync node, a
- * node that nobody holds and a context that is not running. Any thread. */
+ * name's length into `written` (null allowed), also when the name does not fit: KAVOE_NOMEM. KAVOE_BADPAR for a sync
+ * node, a node that is not held and a context that is not running. Any thread. */
 KAVO_EXPORT KAVO_ERR kavo_node_qdn(KAVO kavo, KAVO_QUERY_NODE node, unsigned char *qdn, unsigned size,
                                    unsigned *written);
 
 /* Statistics of the server at the IPv4 socket address `sa`, since the context first asked it: the average and the last
- * round-trip time (milliseconds), the moment of the last check (seconds since 1970-01-01 UTC), the packets sent to it,
- * the answers taken from it, the tries that timed out. KAVOE_BADPAR also for a server that was not asked yet. Any
- * thread. */
+ * round-trip time (milliseconds), the moment of the last check (seconds since 1970-01-01 UTC), the packets sent to the
+ * server, the answers taken from it, the attempts that timed out. KAVOE_BADPAR also for a server that was not asked
+ * yet. Any thread. */
 KAVO_EXPORT KAVO_ERR kavo_get_serv_avgrtt(KAVO kavo, const struct sockaddr *sa, int *value);
 KAVO_EXPORT KAVO_ERR kavo_get_serv_lastrtt(KAVO kavo, const struct sockaddr *sa, int *value);
 KAVO_EXPORT KAVO_ERR kavo_get_serv_last_check(KAVO kavo, const struct sockaddr *sa, int *value);
@@ -485,23 +484,23 @@ KAVO_EXPORT KAVO_ERR kavo_get_serv_ntimeout(KAVO kavo, const struct sockaddr *sa
 /* ---- waiting ---------------------------------------------------------------------------------------------------- */
 
 /*
- * kavo_wait_node waits until a node that the caller holds has come to `wait_level`. A node that failed has: its answers
- * say so. A sync node ends the wait once for each signal.
+ * kavo_wait_node waits until a node that the caller holds has come to `wait_level`. A node that failed ends the wait
+ * too, and reading its answers tells so. A sync node ends the wait once for each signal.
  *
  * The three waits return KAVOE_OK; KAVOE_TIMEOUT once `deadline` has passed (the nodes stay held); KAVOE_BADPAR, also
- * for a node that nobody holds; KAVOE_SRV when the context is not running; KAVOE_THR. Any thread; they block.
+ * for a node that is not held; KAVOE_SRV when the context is not running; KAVOE_THR. Any thread; they block.
  */
 KAVO_EXPORT KAVO_ERR kavo_wait_node(KAVO kavo, KAVO_QUERY_NODE node, KAVO_WAIT_LEVEL wait_level,
                                     const struct timeval *deadline);
 
-/* kavo_wait_multiple_nodes waits for all of an array of `len` nodes (`full` not 0), or for any of them, which is then
- * handed out in `resolved` (null allowed; set to null where no node is). It consumes every signal in the array. */
+/* kavo_wait_multiple_nodes waits for all of an array of `len` nodes (`full` not 0), or for any of them. It stores the
+ * node that ended a wait for any in `resolved` (null allowed), else null. It consumes every signal in the array. */
 KAVO_EXPORT KAVO_ERR kavo_wait_multiple_nodes(KAVO kavo, KAVO_QUERY_NODE *nodes, int len, KAVO_WAIT_LEVEL wait_level,
                                               int full, const struct timeval *deadline, KAVO_QUERY_NODE *resolved);
 
-/* kavo_wait_nodelist waits for all or any of the nodes that an iterator shows; for all, as many of them as it counts at
- * the beginning. The list may change during the wait: it is looked at again whenever some node's state has changed.
- * Waiting for any, it consumes the signal of the node that ended the wait only. */
+/* kavo_wait_nodelist waits for all or any of the nodes of a host's list. A wait for all is for as many nodes as the
+ * list counts at the beginning. The list may change during the wait, which looks at it again whenever a node's state
+ * has changed. A wait for any consumes the signal of the node that ended it, and no other. */
 KAVO_EXPORT KAVO_ERR kavo_wait_nodelist(KAVO kavo, KAVO_NODELIST_ITERATOR *iterator, KAVO_WAIT_LEVEL wait_level,
                                         int full, const struct timeval *deadline);
 
@@ -511,13 +510,13 @@ KAVO_EXPORT KAVO_ERR kavo_wait_nodelist(KAVO kavo, KAVO_NODELIST_ITERATOR *itera
 KAVO_EXPORT KAVO_ANSWER_ITERATOR kavo_alloc_answer_iterator(void);
 KAVO_EXPORT void kavo_free_answer_iterator(KAVO_ANSWER_ITERATOR iterator);
 
-/* kavo_set_answer_iterator puts an iterator before the first answer of a held node. Of a node whose answers are not
- * complete it will show those that have arrived now. KAVOE_NODATA before the first answer; KAVOE_SRV for a node that
+/* kavo_set_answer_iterator puts an iterator before the first answer of a held node. If the node still lacks answers,
+ * the iterator yields those that have arrived by now. KAVOE_NODATA before the first answer; KAVOE_SRV for a node that
  * failed; KAVOE_FAIL for a sync node; KAVOE_NOMEM; KAVOE_THR; KAVOE_BADPAR. */
 KAVO_EXPORT KAVO_ERR kavo_set_answer_iterator(KAVO kavo, KAVO_QUERY_NODE node, KAVO_ANSWER_ITERATOR iterator);
 
-/* kavo_get_answer returns the next answer, zones in their order and early answers behind them, or null after the last.
- * It stays the library's and is valid while the caller holds the node. */
+/* kavo_get_answer returns the next answer, zones in their order and early answers after them, or null after the last.
+ * The answer stays the library's and is valid while the caller holds the node. */
 KAVO_EXPORT const KAVO_ANSWER *kavo_get_answer(KAVO kavo, KAVO_ANSWER_ITERATOR iterator);
 
 /*
@@ -525,7 +524,7 @@ KAVO_EXPORT const KAVO_ANSWER *kavo_get_answer(KAVO kavo, KAVO_ANSWER_ITERATOR i
  *
  *   answer_written  out: the entries filled; where the array is too short, the entries needed
  *   alloc           not 0: the array (may be null) and the entries' blocks grow as needed and belong to the caller.
- *                   0: they must be large enough; a block that is not gives its entry the code KAVOE_NOMEM.
+ *                   0: they must be large enough; an entry whose block is too small gets the code KAVOE_NOMEM.
  *
  * KAVOE_OK, also when entries carry errors; KAVOE_NOMEM when the array is too short; else as kavo_set_answer_iterator.
  */
@@ -536,9 +535,9 @@ KAVO_EXPORT KAVO_ERR kavo_copy_answer(KAVO kavo, KAVO_QUERY_NODE node, KAVO_ANSW
  * kavo_query subscribes, waits, copies with `alloc` and unsubscribes in one call.
  *
  *   query, query_len  the subject, as for kavo_subscribe_node
- *   timeout           milliseconds for the whole; 4294967295: no limit
+ *   timeout           milliseconds for the whole call; 4294967295: no limit
  *
- * The caller owns the array and its blocks; both may be handed in again. Returns what the step that failed returned.
+ * The caller owns the array and its blocks; both may be handed in again. Returns the result of the step that failed.
  * Any thread; blocks.
  */
 KAVO_EXPORT KAVO_ERR kavo_query(KAVO kavo, KAVO_TYPE type, const void *query, int query_len, KAVO_ANSWER **answer,
@@ -564,8 +563,8 @@ KAVO_EXPORT unsigned int kavo_time_milli_delay(const struct timeval *start, cons
 
 /* kavo_subscribe_syncnode hands out a node that asks nothing: it ends a wait when another thread signals it. `deadline`
  * is as for subscriptions. KAVOE_BADPAR; KAVOE_SRV when the context is not running; KAVOE_TIMEOUT when no node became
- * free; KAVOE_NOMEM; KAVOE_FAIL; KAVOE_THR. Unsubscribed like any other; it still works when the context is opened
- * again. */
+ * free; KAVOE_NOMEM; KAVOE_FAIL; KAVOE_THR. The node is unsubscribed like any other; it still works when the context is
+ * opened again. */
 KAVO_EXPORT KAVO_ERR kavo_subscribe_syncnode(KAVO kavo, const struct timeval *deadline, KAVO_QUERY_NODE *node);
 
 /* kavo_signal_syncnode signals a held sync node: one wait for it ends, now or when it comes. KAVOE_BADPAR for any other
@@ -595,13 +594,13 @@ KAVO_EXPORT unsigned kavo_dns_dnequal(const unsigned char *dn1, const unsigned c
 /* kavo_dns_ptoa4 reads a dotted IPv4 address. Above 0 on success, 0 for text that is none. */
 KAVO_EXPORT int kavo_dns_ptoa4(const char *p, struct in_addr *addr);
 
-/* kavo_convert_type returns the DNS type that is asked for a type, DNS_T_INVALID (and a warning) for none;
- * kavo_convert_type_r the type of a DNS type. */
+/* kavo_convert_type returns the DNS type that questions of a type ask for, or DNS_T_INVALID, with a warning, for a type
+ * that asks for none; kavo_convert_type_r returns the type of a DNS type. */
 KAVO_EXPORT dns_type kavo_convert_type(KAVO_TYPE type);
 KAVO_EXPORT KAVO_TYPE kavo_convert_type_r(dns_type type);
 
-/* kavo_convert_status returns the code for an engine status; kavo_dns_status that of the last engine operation made for
- * the context (only while it is not running). */
+/* kavo_convert_status returns the code for an engine status; kavo_dns_status returns the code of the last engine
+ * operation made for the context (only while it is not running). */
 KAVO_EXPORT KAVO_ERR kavo_convert_status(dns_status err);
 KAVO_EXPORT KAVO_ERR kavo_dns_status(KAVO kavo);
 
@@ -625,17 +624,17 @@ KAVO_EXPORT KAVO_ERR kavo_zonesmap_save_cfg(KAVO kavo, const char *zones_file_pa
 
 /* kavo_add_zone appends a zone (at most 254 bytes of text, copied) to the list of a list type, if it is not there.
  * KAVOE_NOMEM also when the list is full; KAVOE_SRV while running. A text that is no domain name is taken, with a
- * warning: of each question's answers, the one for this zone is KAVOE_BADPAR; so it is for a zone that makes a
- * question's name longer than 255 bytes. Such an answer alone ends no wait, but KAVOWT_NONE. A question that no zone of
- * its type can be asked fails: KAVOE_SRV where its answers are read. */
+ * warning, and answers every question with KAVOE_BADPAR. So does a zone that makes a question's name longer than 255
+ * bytes. Such an answer alone ends no wait but one for KAVOWT_NONE. A question to which every zone of its type answers
+ * so fails: reading its answers gives KAVOE_SRV. */
 KAVO_EXPORT KAVO_ERR kavo_add_zone(KAVO kavo, KAVO_TYPE type, const char *zone);
 
 /* kavo_free_zones releases the zones; kavo_zonesmap_init brings the context back into use. Nothing happens on a running
  * context, but a warning. */
 KAVO_EXPORT void kavo_free_zones(KAVO kavo);
 
-/* kavo_zonesmap_zone returns the name of a zone number, as it stands in answers, or null. It stays the context's and is
- * valid until the zones are configured anew. kavo_zonesmap_zone_cpy copies it, terminated, into `buflen` bytes. */
+/* kavo_zonesmap_zone returns the name of a zone number, as answers carry it, or null. The name stays the context's and
+ * is valid until the zones are configured anew. kavo_zonesmap_zone_cpy copies it, terminated, into `buflen` bytes. */
 KAVO_EXPORT const char *kavo_zonesmap_zone(KAVO kavo, int zone);
 KAVO_EXPORT KAVO_ERR kavo_zonesmap_zone_cpy(KAVO kavo, int zone, char *buf, int buflen);
 
@@ -644,17 +643,16 @@ KAVO_EXPORT kavo_zonesmap *kavo_get_zonesmap(KAVO kavo);
 
 /*
  * kavo_zonesmap_save_bin writes a zones map to a stream of the host's, which stays open, as one binary record: names,
- * zone numbers and lists. The record is in the machine's byte order and may stand among other data. What was written
- * before a failure stays written. KAVOE_FILE; KAVOE_BADPAR also for a map that was released.
+ * zone numbers and lists. The record is in the machine's byte order; other data may come before and after it. What was
+ * written before a failure stays written. KAVOE_FILE; KAVOE_BADPAR also for a map that was released.
  */
 KAVO_EXPORT KAVO_ERR kavo_zonesmap_save_bin(KAVO kavo, kavo_zonesmap *zonesmap, FILE *zones_file_bin);
 
 /*
  * kavo_zonesmap_init_bin replaces a context's zones by those of such a record and leaves the stream, which stays open,
- * behind it. After a failure the map is released: no zones are configured, and kavo_zonesmap_init brings it back into
- * use. KAVOE_SRV while running: the zones stay; KAVOE_FILE for a record that is cut off or malformed, or
- * that has more zones for one type than the context allows; KAVOE_NOMEM; KAVOE_BADPAR also for a map that is not this
- * context's.
+ * after the record. After a failure the map is released: no zones are configured, and kavo_zonesmap_init brings it back
+ * into use. KAVOE_SRV while running: the zones stay; KAVOE_FILE for a record that is cut off or malformed, or that has
+ * more zones for one type than the context allows; KAVOE_NOMEM; KAVOE_BADPAR also for a map that is not this context's.
  */
 KAVO_EXPORT KAVO_ERR kavo_zonesmap_init_bin(KAVO kavo, kavo_zonesmap *zonesmap, FILE *zones_file_bin);
 
@@ -663,15 +661,15 @@ KAVO_EXPORT KAVO_ERR kavo_zonesmap_init_bin(KAVO kavo, kavo_zonesmap *zonesmap, 
 /* kavo_rr_alloc makes an empty block of `size` bytes, at most 1024, the caller's (kavo_rr_free). KAVOE_NOMEM. */
 KAVO_EXPORT KAVO_ERR kavo_rr_alloc(KAVO_RR *rr, unsigned int size);
 
-/* kavo_rr_realloc makes sure that a block has `size` bytes (at most 1024); its content must be written anew after it
- * has moved. A null block is allocated. KAVOE_NOMEM: the block is unchanged. */
+/* kavo_rr_realloc makes sure that a block has `size` bytes (at most 1024). If the block has moved, its content must be
+ * written anew. A null block is allocated. KAVOE_NOMEM: the block is unchanged. */
 KAVO_EXPORT KAVO_ERR kavo_rr_realloc(KAVO_RR *rr, unsigned int size);
 
 /* kavo_rr_cpy copies a block of a type into an existing block. KAVOE_FAIL for a type without blocks; KAVOE_NOMEM when
  * the destination is too small. */
 KAVO_EXPORT KAVO_ERR kavo_rr_cpy(KAVO_TYPE type, const KAVO_RR *src_rr, KAVO_RR *dst_rr);
 
-/* kavo_rr_dup does so after making or growing the destination, the caller's. KAVOE_NOMEM. */
+/* kavo_rr_dup does the same after allocating or growing the destination, which is the caller's. KAVOE_NOMEM. */
 KAVO_EXPORT KAVO_ERR kavo_rr_dup(KAVO_TYPE type, const KAVO_RR *src_rr, KAVO_RR *dst_rr);
 
 /* kavo_rr_get_size returns the bytes of a block in use, 0 for null. */
@@ -702,13 +700,13 @@ KAVO_EXPORT KAVO_ERR kavo_rr_read(KAVO_TYPE type, KAVO_RR *rr, FILE *f);
  * other and is not reversed. Types that ask for the same DNS type share entries. They log nothing of their own and may
  * be called from any thread at any time, while the context runs too.
  *
- * All of them: KAVOE_BADPAR, also for a type that no DNS type stands for; KAVOE_FAIL for a query that is no name, and
+ * All of them: KAVOE_BADPAR, also for a type without a DNS type to ask for; KAVOE_FAIL for a query that is no name, and
  * when the cache fails.
  */
 
 /* kavo_cache_put stores a block (its TTL the entry's lifetime in seconds) in the place of any older entry. A block
- * without entries is stored as a denial: the name has no such records. The block is only read. KAVOE_BADPAR too for
- * entries of a type that has no blocks; KAVOE_NOMEM. */
+ * without entries is stored as a negative answer: the name has no such records. The block is only read. KAVOE_BADPAR
+ * too for entries of a type that has no blocks; KAVOE_NOMEM. */
 KAVO_EXPORT KAVO_ERR kavo_cache_put(KAVO_CACHE cacher, KAVO_TYPE kavo_query_type, const char *query, int query_len,
                                     KAVO_RR *kavo_rr);
 
@@ -716,8 +714,9 @@ KAVO_EXPORT KAVO_ERR kavo_cache_put(KAVO_CACHE cacher, KAVO_TYPE kavo_query_type
  * kavo_cache_get fetches an entry as an answer.
  *
  *   answer             out; its `rr` is null or holds a block, which is reused or grown, and is the caller's
- *                      (kavo_rr_free). err_code is KAVOE_OK, or KAVOE_NODATA or KAVOE_NXDOM for a denial; cache_code is
- *                      KAVOCC_EXISTS, or KAVOCC_OLD for an expired entry, whose TTL in the block is negative.
+ *                      (kavo_rr_free). err_code is KAVOE_OK, or KAVOE_NODATA or KAVOE_NXDOM for a negative answer;
+ *                      cache_code is KAVOCC_EXISTS, or KAVOCC_OLD for an expired entry, whose TTL in the block is
+ *                      negative.
  *   need_expired_also  not 0: fetch an expired entry too
  *
  * KAVOE_NODATA when there is no entry (the answer is left alone); KAVOE_FAIL too for an entry that the type cannot
@@ -735,18 +734,18 @@ KAVO_EXPORT KAVO_ERR kavo_cache_has(KAVO_CACHE cacher, KAVO_TYPE kavo_query_type
 
 /*
  * kavo_cachesave writes the context's own caches to a file, which it creates (permissions 0644) or overwrites, and
- * kavo_cacheload fills the context's own caches from one; caches of the host's are left alone. A dump holds what is
- * alive, each entry as old as it is, so that times to live go on counting while it lies in the file; expired entries
- * too where the cache returns them. A cache of the dump goes where the context has one for its use: one that served
- * answers and referrals into both where these are two, two into the one that serves both. What the context's cache
- * knows as fresh or fresher stays. From any thread at any time, while the context runs too, but not while
- * kavo_set_ext_cache is called or KAVOOPT_DNSREC_CACHESIZE is set. A large file is loaded with the help of up to three
- * threads, which run no code of the host's and end before kavo_cacheload returns.
+ * kavo_cacheload fills the context's own caches from one; caches of the host's are left alone. A dump holds the live
+ * entries with their ages, so that times to live continue to count while the file is not loaded. It holds expired
+ * entries too where the cache returns them. A cache of the dump is loaded into the context's cache for its use: one
+ * cache that served answers and referrals into two caches, two caches into one that serves both. An entry of the
+ * context's cache that is as fresh, or fresher, stays. From any thread at any time, while the context runs too, but not
+ * while kavo_set_ext_cache is called or KAVOOPT_DNSREC_CACHESIZE is set. A large file is loaded with the help of up to
+ * three threads, which run no code of the host's and end before kavo_cacheload returns.
  *
- * The file is written in place: a process that is killed while saving leaves a file that kavo_cacheload refuses. So is
- * every file that is cut off, altered, or no dump; what a failed load has put into the caches until then stays, none of
- * it from the damaged cache. KAVOE_BADPAR; KAVOE_FILE when the file cannot be opened, written or read, and for one that
- * is refused; KAVOE_FAIL for what is no regular file to load from; KAVOE_NOMEM.
+ * The file is written in place: a process that is killed while saving leaves a file that kavo_cacheload refuses, as it
+ * refuses every file that is cut off, altered, or no dump. What a failed load has put into the caches before the
+ * failure stays; none of it is from the damaged cache. KAVOE_BADPAR; KAVOE_FILE when the file cannot be opened, written
+ * or read, and for one that is refused; KAVOE_FAIL for what is no regular file to load from; KAVOE_NOMEM.
  */
 KAVO_EXPORT KAVO_ERR kavo_cachesave(KAVO kavo, const char *filename);
 KAVO_EXPORT KAVO_ERR kavo_cacheload(KAVO kavo, const char *filename);
@@ -754,11 +753,11 @@ KAVO_EXPORT KAVO_ERR kavo_cacheload(KAVO kavo, const char *filename);
 /* ---- servers ---------------------------------------------------------------------------------------------------- */
 
 /* kavo_set_dns_server replaces the servers to ask: by one, where `server_domain` is an IPv4 address; with `direct` not
- * 0, by the addresses of the host `server_domain`; with 0, by those of the name servers of the zone `server_domain`, as
- * many as have any. All are asked on `port` (0: KAVOOPT_DNS_PORT's; at most 65534). Names are looked up through the
- * servers so far, and the call waits for as long as time-outs and tries allow. KAVOE_BADPAR; KAVOE_SRV while running;
- * KAVOE_NXDOM, KAVOE_NODATA, KAVOE_TIMEOUT, KAVOE_DNS or another code when a name cannot be looked up, the servers then
- * being as before; KAVOE_NOMEM; KAVOE_DNS too when a server cannot be added, those before it then being set. */
+ * 0, by the addresses of the host `server_domain`; with 0, by the addresses of the name servers of the zone
+ * `server_domain`. All are asked on `port` (0: KAVOOPT_DNS_PORT's; at most 65534). Names are looked up through the
+ * servers so far, and the call waits for as long as timeouts and attempts allow. KAVOE_BADPAR; KAVOE_SRV while running;
+ * KAVOE_NXDOM, KAVOE_NODATA, KAVOE_TIMEOUT, KAVOE_DNS or another code when a name cannot be looked up: the servers
+ * stay; KAVOE_NOMEM; KAVOE_DNS too when a server cannot be added: those before it are set. */
 KAVO_EXPORT KAVO_ERR kavo_set_dns_server(KAVO kavo, const char *server_domain, unsigned port, int direct);
 
 /* kavo_add_dns_server appends a server to ask by its dotted IPv4 address, on `port` (0: KAVOOPT_DNS_PORT's; at most
@@ -769,21 +768,21 @@ KAVO_EXPORT KAVO_ERR kavo_add_dns_server(KAVO kavo, const char *addr, unsigned p
  * number. KAVOE_NOMEM when there are more, with their number stored. */
 KAVO_EXPORT KAVO_ERR kavo_get_dns_servers(KAVO kavo, struct sockaddr *serv, unsigned *nserv);
 
-/* kavo_set_cookies has the context exchange DNS cookies with its servers (RFC 7873), or not, as at first: with servers
- * that give cookies it makes forged answers hopeless, but forwarders and filters are known that drop questions with a
- * cookie. KAVOE_BADPAR; KAVOE_SRV while running; KAVOE_DNS. */
+/* kavo_set_cookies turns the exchange of DNS cookies with the servers (RFC 7873) on, or off, as it is at first. Cookies
+ * make forged answers hopeless where servers give them, but some forwarders and filters drop queries with a cookie.
+ * KAVOE_BADPAR; KAVOE_SRV while running; KAVOE_DNS. */
 KAVO_EXPORT KAVO_ERR kavo_set_cookies(KAVO kavo, int on);
 
 /* ---- trace ------------------------------------------------------------------------------------------------------ */
 
-/* kavo_set_trace has `fn` told, with `udata`, of everything that the context's DNS engine does: packets sent and
- * received, and what the cache held (DNS_D_... codes, see dns_dbg_fn). It runs on the server thread, and on the calling
- * thread of kavo_set_dns_server; it must neither block nor call the library. Null ends the trace. KAVOE_BADPAR;
+/* kavo_set_trace has `fn` called, with `udata`, for everything that the context's DNS engine does: packets sent and
+ * received, and what the cache held (DNS_D_... codes, see dns_dbg_fn). `fn` runs on the server thread, and on the
+ * calling thread of kavo_set_dns_server; it must neither block nor call the library. Null ends the trace. KAVOE_BADPAR;
  * KAVOE_SRV while running. */
 KAVO_EXPORT KAVO_ERR kavo_set_trace(KAVO kavo, dns_dbg_fn *fn, void *udata);
 
-/* kavo_dbgcb is a ready-made function for kavo_set_trace and dns_set_dbgfn: it prints every packet for people to read,
- * a line on what was asked and on faults to standard output, addresses and the whole packet, laid out as by dig, to
+/* kavo_dbgcb is a ready-made function for kavo_set_trace and dns_set_dbgfn. It prints every packet for people to read:
+ * a line on the question and on faults to standard output; addresses and the whole packet, laid out as by dig, to
  * standard error. It ignores `unused_ctx` and `unused_udata`, and every event that is no packet's. */
 KAVO_EXPORT void kavo_dbgcb(struct dns_ctx *unused_ctx, struct dns_query *qh, int code, void *ddata,
                             void *unused_udata);
