@@ -23,7 +23,8 @@ namespace {
 
 constexpr unsigned kEntryRoom = 256;  // bytes of records for which an object has room at once
 
-// An object is kept only if its entry made no longer packet than this, so that a grown object is not.
+// An object is kept for the thread's next call unless its entry made a longer packet than this, for which it may have
+// grown.
 constexpr size_t kKeptPacket = 1024;
 
 constexpr size_t kStringMax = 255;  // bytes of one character-string of a TXT record

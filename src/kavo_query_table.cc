@@ -96,7 +96,7 @@ void kavo_table_keyfree(void *owner, uint8_t *pbuf, PSTAT_HASHITEM pitem) PELK_N
   kavo_spare_blocks_put(&ctx->spare_blocks, node, pitem->key_size);
 }
 
-// init_failed and destroy_failed log a failure with the line that calls them, and return its result.
+// init_failed and destroy_failed log a failure with the line of their caller, and return its result.
 [[nodiscard]] KAVO_ERR init_failed(const char *message, KAVO_ERR error, int line = __builtin_LINE()) {
   pelk_log_error(kSource, "kavo_table_init", line, 0, error, "%s", message);
   return error;

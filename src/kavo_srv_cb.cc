@@ -70,7 +70,7 @@ void move_unanswered(KAVO ctx, kavo_query_node_t *node, kavo_query_state state, 
   if (error != KAVOE_OK) PELK_ERROR(KAVO_SRV_SOURCE, function, 0, error, "Unable to change node state to wait");
 }
 
-// count_answer makes a filled answer visible and moves its node on, which may then be free.
+// count_answer makes a filled answer visible and moves its node on. The node may be free when it returns.
 void count_answer(KAVO ctx, kavo_cb_arg *arg) PELK_REQUIRES(ctx->mx_table) {
   kavo_query_node_t *node = arg->node;
   if (arg->qh != nullptr) {

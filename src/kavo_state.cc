@@ -1,6 +1,6 @@
-// kavo_state.cc - the state of a context: what is not inline of it.
+// kavo_state.cc - the state of a context, as far as the header does not define it.
 //
-// Any thread may ask. The state is set by the threads that open and close the context and by the server thread.
+// Any thread may ask for the state. The threads that open and close the context and the server thread set it.
 #include "kavo_state.h"
 
 #include <pelk_log.h>

@@ -79,7 +79,7 @@ using Memory = std::unique_ptr<char, Free>;
   return KAVOE_NOMEM;
 }
 
-// unreadable reports what cannot be read. The end of the stream is no failure of a call, so it has no errno.
+// unreadable reports what cannot be read. At the end of the stream no call has failed, so there is no errno.
 [[nodiscard]] KAVO_ERR unreadable(FILE *file, const char *what) {
   PELK_ERROR(kSource, kLoad, ferror(file) != 0 ? errno : 0, KAVOE_FILE, "Unable to read %s", what);
   return KAVOE_FILE;
