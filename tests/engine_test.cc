@@ -11,9 +11,9 @@
 #include <vector>
 
 #include <context.h>
-#include <resolver_file.h>
 #include <packet.h>
 #include <queries.h>
+#include <resolver_file.h>
 
 namespace {
 

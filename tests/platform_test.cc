@@ -20,8 +20,8 @@
 #include <vector>
 
 #include <dns_io.h>
-#include <random_source.h>
 #include <pelk.h>
+#include <random_source.h>
 #include <shash.h>
 #include <siphash.h>
 
