@@ -148,7 +148,7 @@ def record(pool, build):
     known, records, waiting = json.loads(content_of(kept) or '{}'), {}, {}
     library = content_of(os.path.join(build, 'src', 'libkavo.so'))
     tests = json.loads(output_of('ctest', '--test-dir', build, '--show-only=json-v1'))['tests']
-    for program in [test['command'][0] for test in tests if not test['command'][0].endswith('.sh')]:
+    for program in [test['command'][0] for test in tests if test['command'][0].startswith(build)]:
         print_of = hashlib.sha1(content_of(program) + library).hexdigest()
         records[program] = known.get(program, {})
         if records[program].get('print') != print_of:

@@ -60,6 +60,14 @@ class Build:
             directories = [os.path.relpath(directory, ROOT) for directory in re.findall(r' -I(\S+)', command)]
             self.compiled.append((source, target, folder, [d for d in directories if not d.startswith('..')]))
 
+    @staticmethod
+    def leads_to(directory):
+        """What is seen by way of an include directory; of one that the build made, what it links to."""
+        if not is_below(directory, os.path.relpath(BUILD, ROOT)):
+            return [directory]
+        directory = os.path.join(ROOT, directory)
+        return [os.path.relpath(os.path.realpath(os.path.join(directory, name)), ROOT) for name in os.listdir(directory)]
+
     def seen_from(self, path):
         """The include directories of a source; of a header those of the sources beside it."""
         beside = os.path.dirname(path).removesuffix('/include')
@@ -119,7 +127,7 @@ def check_table(house, build, files):
         if folder is None:
             continue
         targets[folder].add(target)
-        for directory in directories:
+        for directory in (path for seen in directories for path in build.leads_to(seen)):
             other = house.folder_of(directory)
             if other is None:
                 fault(f'{target_folder}/CMakeLists.txt', f'{target} sees {directory}/, no folder of the house')
@@ -190,9 +198,9 @@ def code_files():
 def resolve(path, form, name, build):
     directories = ([os.path.dirname(path)] if form == '"' else []) + build.seen_from(path)
     for directory in directories + ['include']:
-        target = os.path.normpath(os.path.join(directory, name))
-        if os.path.isfile(os.path.join(ROOT, target)):
-            return target
+        target = os.path.join(ROOT, directory, name)
+        if os.path.isfile(target):
+            return os.path.relpath(os.path.realpath(target), ROOT)
     if form == '"':
         fault(path, f'"{name}" is in no directory that the file sees')
     return None
