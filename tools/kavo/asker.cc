@@ -17,7 +17,7 @@ class Asker {
         type_(type),
         flags_(flags | KAVOQF_RECURSIVE) {}
 
-  // Starts a question. Never blocks: the table has a node for each question of a full window.
+  // Starts a query. Never blocks: the table has a node for each query of a full window.
   AskedName ask(const std::string &text) {
     AskedName asked{text, std::nullopt, "", nullptr};
     try {
@@ -32,7 +32,7 @@ class Asker {
     return asked;
   }
 
-  // Waits for a question's outcome and has it shown.
+  // Waits for a query's outcome and shows it.
   void collect(const AskedName &asked, const std::function<void(const NameResult &)> &show) {
     if (!asked.error.empty()) return show({asked, KAVOE_FAIL, asked.error, nullptr});
     timeval deadline;
@@ -46,7 +46,7 @@ class Asker {
     if (answer != nullptr) enlarged = *answer;
     if (large_ != nullptr && large_->take(asked.name->dn.data(), type_, flags_, &block, &enlarged)) answer = &enlarged;
     if (result == KAVOE_OK) result = answer == nullptr ? KAVOE_FAIL : answer->err_code;
-    const bool failed = result != KAVOE_OK && !denied(result);
+    const bool failed = result != KAVOE_OK && !is_negative(result);
     show({asked, result, failed ? fault_of(result) : "", answer});
     kavo_unsubscribe_node(kavo_, asked.node);
   }
@@ -57,7 +57,7 @@ class Asker {
   }
 
   KAVO kavo_;
-  LargeAnswers *large_;  // null: they are failures
+  LargeAnswers *large_;  // null: answers that large are failures
   unsigned wait_ms_;
   KAVO_TYPE type_;
   unsigned flags_;

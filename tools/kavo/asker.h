@@ -1,4 +1,4 @@
-// asker.h - ordinary DNS questions on their way: started at once, collected one after the other.
+// asker.h - ordinary DNS queries: started at once, collected one after the other.
 #ifndef KAVO_TOOLS_KAVO_ASKER_H
 #define KAVO_TOOLS_KAVO_ASKER_H
 
@@ -15,7 +15,7 @@
 
 namespace tool {
 
-// AskedName is a question on its way, or why it cannot be asked.
+// AskedName is an outstanding query, or the reason why there is none.
 struct AskedName {
   std::string text;
   std::optional<Name> name;  // nothing when the text is none
@@ -23,11 +23,11 @@ struct AskedName {
   KAVO_QUERY_NODE node = nullptr;
 };
 
-// NameResult is what became of a question. `answer` is null without one, and there during the call that is told.
+// NameResult is the outcome of a query. `answer` is null without one, and valid during the call that gets it.
 struct NameResult {
   const AskedName &asked;
-  KAVO_ERR outcome;   // KAVOE_OK, a denial, or why there is no answer; KAVOE_FAIL where `error` says it
-  std::string error;  // why the question failed; empty when it did not
+  KAVO_ERR outcome;   // KAVOE_OK, a negative answer, or why there is none; KAVOE_FAIL where `error` says it
+  std::string error;  // why the query failed; empty when it did not
   const KAVO_ANSWER *answer;
 };
 

@@ -43,7 +43,7 @@ class Saver {
   void note(const NameResult &result) {
     const AskedName &asked = result.asked;
     ++names_;
-    outcome_.without = outcome_.without || denied(result.outcome);
+    outcome_.without = outcome_.without || is_negative(result.outcome);
     // An answer that is too large to be handed out is kept like any other.
     if (asked.name && has(asked.name->name)) {
       ++kept_;
@@ -77,9 +77,9 @@ class Saver {
 struct Found {
   const char *state = "absent";  // or "alive", "expired"
   const char *status = nullptr;  // "ok", "nxdomain", "nodata"; null without an entry
-  std::string denial;            // what an entry without records says
+  std::string negative;          // what an entry without records says
   std::string error;             // why the name could not be looked up
-  std::optional<int32_t> ttl;    // not told of a live denial
+  std::optional<int32_t> ttl;    // not told of a live negative answer
   Records records;
 };
 
@@ -109,7 +109,7 @@ Found look_up(KAVO_CACHE cache, KAVO_TYPE type, const std::string &text) {
   const KAVO_ERR outcome = fetched.answer.err_code;
   found.state = fetched.answer.cache_code == KAVOCC_OLD ? "expired" : "alive";
   found.status = status_word(outcome);
-  if (outcome != KAVOE_OK) found.denial = explain_denial(outcome, type);
+  if (outcome != KAVOE_OK) found.negative = explain_negative(outcome, type);
   found.records = read_records(type, fetched.answer.rr);
   if (outcome == KAVOE_OK || found.records.ttl < 0) found.ttl = found.records.ttl;
   return found;
@@ -125,7 +125,7 @@ class Lookup {
     const Found found = look_up(cache_, type_, text);
     const std::string state = found.state;
     failed_ = failed_ || !found.error.empty();
-    lacking_ = lacking_ || state != "alive" || !found.denial.empty();
+    lacking_ = lacking_ || state != "alive" || !found.negative.empty();
     json_ ? print_json(object_of(text, found)) : print_rows(text, found);
   }
   [[nodiscard]] int status() const { return failed_ ? kExitFailed : lacking_ ? kExitListed : kExitClear; }
@@ -146,7 +146,7 @@ class Lookup {
     std::string name = for_terminal(text);
     std::string state = found.state;
     std::string ttl = found.ttl ? std::to_string(*found.ttl) : "-";
-    const std::string other = !found.error.empty() ? found.error : found.status == nullptr ? "-" : found.denial;
+    const std::string other = !found.error.empty() ? found.error : found.status == nullptr ? "-" : found.negative;
     if (!other.empty()) print_row(name, state, ttl, other);
     for (const std::string &line : found.records.lines) {
       print_row(name, state, ttl, line);

@@ -1,4 +1,4 @@
-// The command "kavo cache show": walks a dump without a cache, so that it shows all that lies in it, also what has
+// The command "kavo cache show": walks a dump without a cache, so that it shows all that is in it, also what has
 // expired.
 #include <array>
 #include <cstdio>
@@ -41,8 +41,8 @@ std::string data_text(const dns_rr &record) {
 struct Shown {
   std::string name;
   std::string type;
-  std::string status;  // "ok", "nxdomain", "nodata"
-  std::string denial;  // in words; empty for an entry with answers
+  std::string status;    // "ok", "nxdomain", "nodata"
+  std::string negative;  // in words; empty for an entry with answers
   int32_t ttl;
 };
 
@@ -53,7 +53,7 @@ Shown read_entry(const dns_cdata *entry) {
   const auto type = static_cast<KAVO_TYPE>(dns_cdata_typ(entry));
   const bool answers = dns_cdata_nrr(entry) > dns_cdata_nalias(entry);
   const KAVO_ERR outcome = answers ? KAVOE_OK : dns_cdata_rcode(entry) == DNS_R_NXDOMAIN ? KAVOE_NXDOM : KAVOE_NODATA;
-  return {text_of_dn(dn.data()), type_text(type), status_word(outcome), answers ? "" : explain_denial(outcome, type),
+  return {text_of_dn(dn.data()), type_text(type), status_word(outcome), answers ? "" : explain_negative(outcome, type),
           dns_cdata_ttl(entry)};
 }
 
@@ -67,7 +67,8 @@ class Shower {
     if (json_) return show_object(shown, entry);
     const std::string age = shown.ttl < 0 ? "expired " + std::to_string(-int64_t{shown.ttl}) + " s ago"
                                           : "alive for " + std::to_string(shown.ttl) + " s";
-    print_line("; " + shown.name + " " + shown.type + ": " + (shown.denial.empty() ? "" : shown.denial + ", ") + age);
+    print_line("; " + shown.name + " " + shown.type + ": " + (shown.negative.empty() ? "" : shown.negative + ", ") +
+               age);
     for_each_record(entry, [](const dns_rr &record) { (void)dns_printrr(stdout, 1, &record); });
   }
 

@@ -22,7 +22,7 @@ namespace tool {
 namespace {
 
 constexpr int kNodesPerSubject = 2;      // one for the return addresses, one for the reason
-constexpr int kCacheBytes = 4 << 20;     // so that a subject that stands in a long list twice is asked about once
+constexpr int kCacheBytes = 4 << 20;     // a subject that is in a long list twice is asked about once
 constexpr size_t kSubjectWidthMin = 7;   // "SUBJECT"
 constexpr size_t kSubjectWidthMax = 48;  // longer ones push their line to the right
 constexpr size_t kZoneWidthMin = 4;      // "ZONE"
@@ -39,7 +39,7 @@ const char *kind_name(Kind kind) {
   return "";
 }
 
-// Asked is a subject on its way: the nodes that hold its questions, or why it cannot be asked about.
+// Asked is a subject that is being asked about: the nodes of its questions, or why it cannot be asked about.
 struct Asked {
   std::string text;
   std::optional<Subject> subject;  // nothing when the text is none
@@ -111,7 +111,7 @@ Asked Checker::ask(const std::string &text) {
   return asked;
 }
 
-// Waits for a node and takes its answers; a zone whose answer has not come by the deadline keeps its time-out.
+// Waits for a node and takes its answers; a zone whose answer has not come by the deadline keeps its timeout.
 void Checker::read_node(const Questions &questions, KAVO_QUERY_NODE node, const timeval *deadline,
                         std::vector<Answer> *answers) {
   const KAVO_ERR waited = kavo_wait_node(kavo_, node, KAVOWT_FULL, deadline);
@@ -177,7 +177,7 @@ struct Outcome {
     failed = failed || !report.error.empty();
     for (const ZoneLine &line : report.zones) {
       listed = listed || line.verdict.status == Status::listed;
-      failed = failed || line.verdict.question_failed;
+      failed = failed || line.verdict.query_failed;
     }
   }
   [[nodiscard]] int status() const { return failed ? kExitFailed : listed ? kExitListed : kExitClear; }
@@ -201,7 +201,7 @@ Outcome run(const CheckArguments &arguments, const Plan &plan, const Session &se
   return outcome;
 }
 
-// Faults in what stands on the command line are told before anything is asked.
+// Reports faults in the command line before anything is asked.
 void examine(const CheckArguments &arguments, Plan *plan) {
   if (arguments.subjects.empty())
     throw Usage{"nothing to ask: give an address or a domain name, or - for standard input"};
@@ -218,7 +218,7 @@ void examine(const CheckArguments &arguments, Plan *plan) {
   if (plan->empty()) {
     throw Usage{arguments.zones_file.empty()
                     ? "no zones: name them with --zone or --zones"
-                    : "no zones: none stands in the sections #IP, #IP_TXT, #DOMAIN and #DOMAIN_TXT of " +
+                    : "no zones: none is in the sections #IP, #IP_TXT, #DOMAIN and #DOMAIN_TXT of " +
                           arguments.zones_file};
   }
 }

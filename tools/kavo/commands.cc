@@ -11,49 +11,47 @@ namespace tool {
 namespace {
 
 constexpr const char *kCheckFooter =
-    "Exit status: 0 nothing is listed; 1 something is listed; 2 a question failed or a list refused, whatever else "
-    "was\n"
-    "learned; 64 the command line or a file that it names is wrong.\n"
+    "Exit status: 0 nothing is listed; 1 something is listed; 2 a query failed or a list refused, whatever else was\n"
+    "learned; 64 the command line, or a file that it names, is wrong.\n"
     "\n"
-    "An address outside 127.0.0.0/8, 127.0.0.1, and the operators' codes 127.255.255.252 to 127.255.255.255 are no\n"
+    "Addresses outside 127.0.0.0/8, 127.0.0.1, and the operators' codes 127.255.255.252 to 127.255.255.255 are no\n"
     "listings: the list refuses or is broken, and is shown so.\n";
 
 constexpr const char *kQueryFooter =
-    "Prints one line a record; where several names are asked, or standard input is read, the name stands in front.\n"
-    "Exit status: 0 every name has an answer; 1 a name has none; 2 a question failed, whatever else was learned; 64 "
-    "the\n"
-    "command line is wrong.\n";
+    "Prints one record a line. If several names are asked, or standard input is read, the name stands in front.\n"
+    "\n"
+    "Exit status: 0 every name has an answer; 1 a name has none; 2 a query failed, whatever else was learned;\n"
+    "64 the command line is wrong.\n";
 
 constexpr const char *kZonesFooter =
-    "The library itself decides: a file that it refuses has faults, one that it takes has warnings at most.\n"
-    "Exit status: 0 the library takes the file; 1 it refuses it; 64 the file cannot be read, or the command line is "
-    "wrong.\n";
+    "The library itself decides: a file that it refuses has faults, one that it accepts has warnings at most.\n"
+    "\n"
+    "Exit status: 0 the library accepts the file; 1 it refuses the file; 64 the file cannot be read, or the\n"
+    "command line is wrong.\n";
 
 constexpr const char *kCacheSaveFooter =
-    "Exit status: 0 every name has an answer; 1 a name has none, which is saved too; 2 a question failed, its answer "
-    "may not\n"
-    "be kept, or the file cannot be written; 64 the command line is wrong, or the file cannot be created.\n";
+    "Exit status: 0 every name has an answer; 1 a name has a negative answer, which is saved too; 2 a query failed,\n"
+    "its answer may not be kept, or the file cannot be written; 64 the command line is wrong, or the file cannot be\n"
+    "created.\n";
 
 constexpr const char *kCacheLoadFooter =
     "No server is asked. The TTL of an expired answer is below 0: the seconds since it expired.\n"
-    "Exit status: 0 every name has a live answer; 1 a name has none, or an expired one; 2 the file is no dump, cut off "
-    "or\n"
-    "altered; 64 the file cannot be read, or the command line is wrong.\n";
+    "\n"
+    "Exit status: 0 every name has a live answer; 1 a name has none, or an expired one; 2 the file is no dump, cut\n"
+    "off or altered; 64 the file cannot be read, or the command line is wrong.\n";
 
 constexpr const char *kCacheShowFooter =
-    "Exit status: 0 all is shown; 2 the file is no dump, cut off or altered; 64 the file cannot be read, or the "
-    "command "
-    "line\n"
-    "is wrong.\n";
+    "Exit status: 0 all is shown; 2 the file is no dump, cut off or altered; 64 the file cannot be read, or the\n"
+    "command line is wrong.\n";
 
 void describe_network(CLI::App *command, Network *network) {
   command
       ->add_option("--server", network->servers,
-                   "a DNS server to ask, ADDRESS[:PORT]; may be given again. Otherwise the system's")
+                   "a DNS server to ask, ADDRESS[:PORT]; may be repeated; without it the system's servers are asked")
       ->allow_extra_args(false);
   command
       ->add_option("--timeout", network->timeout_ms,
-                   "milliseconds that one try of a question may take; three are made, or one for each server")
+                   "milliseconds that one attempt may take; a query has three attempts, or one for each server")
       ->check(CLI::Range(1U, kTimeoutMsMax))
       ->capture_default_str();
 }
@@ -68,7 +66,7 @@ void describe_type(CLI::App *command, std::string *type) {
 
 void describe_check(CLI::App *check, CheckArguments *arguments) {
   check->add_option("--zones", arguments->zones_file, "zones file: sections #IP, #IP_TXT, #DOMAIN and #DOMAIN_TXT");
-  check->add_option("--zone", arguments->zones, "a list to ask about addresses and domains; may be given again")
+  check->add_option("--zone", arguments->zones, "a list to ask about addresses and domains; may be repeated")
       ->allow_extra_args(false);
   describe_network(check, &arguments->network);
   describe_trace(check, &arguments->network,
@@ -84,7 +82,8 @@ constexpr const char *kNamesHelp =
 void describe_query(CLI::App *query, QueryArguments *arguments) {
   describe_type(query, &arguments->type);
   describe_network(query, &arguments->network);
-  query->add_flag("--raw", arguments->raw, "show the whole answer, laid out as by dig; any type can be asked so");
+  query->add_flag("--raw", arguments->raw,
+                  "show the whole answer packet, laid out as by dig; any type can be asked so");
   describe_trace(query, &arguments->network,
                  query->add_flag("--json", arguments->json, "one JSON object a line for each name"));
   query->add_option("NAME", arguments->names, kNamesHelp);
@@ -94,7 +93,7 @@ void describe_query(CLI::App *query, QueryArguments *arguments) {
 void describe_zones(CLI::App *zones, ZonesArguments *arguments) {
   zones
       ->add_option("--max-zones", arguments->zones_max,
-                   "zones that a section may have: as many as the program that reads the file makes room for")
+                   "zones that a section may have: as many as the program that reads the file has room for")
       ->check(CLI::Range(1, kZonesMaxMax))
       ->capture_default_str();
   zones->add_flag("--json", arguments->json, "one JSON object");
@@ -143,7 +142,7 @@ void add_command(CLI::App *parent, const std::string &name, const char *about, C
 void describe_commands(CLI::App *app, Chosen *chosen) {
   app->require_subcommand(1);
   add_command(app, "check", "ask lists about addresses and domain names", chosen, describe_check, check);
-  add_command(app, "query", "ask ordinary DNS questions", chosen, describe_query, query);
+  add_command(app, "query", "ask ordinary DNS about names", chosen, describe_query, query);
   add_command(app, "zones", "check a zones file", chosen, describe_zones, zones);
   CLI::App *caches = app->add_subcommand("cache", "save answers to a file, use them, show them");
   caches->require_subcommand(1);

@@ -4,7 +4,7 @@
 #include <array>
 #include <cctype>
 
-#include "session.h"
+#include "fault.h"
 
 namespace tool {
 namespace {
@@ -16,7 +16,7 @@ constexpr size_t kRcodeAt = 3;             // the fourth byte of a header; its l
 constexpr unsigned kRcodeMask = 0xf;
 constexpr size_t kAnswerCountAt = 6;
 
-// A name as a key. Questions are asked in letter case of the library's own.
+// A name as a key. The library sends names in random letter case.
 std::string key_of(const unsigned char *dn, size_t size) {
   std::string key(reinterpret_cast<const char *>(dn), size);
   std::transform(key.begin(), key.end(), key.begin(),
@@ -61,7 +61,7 @@ void LargeAnswers::note(dns_ctx *ctx, dns_query *query, int code, void *data, vo
 }
 
 void LargeAnswers::keep(const dns_dpkt &event) {
-  // What is an answer has the question that was asked; where its name ends need not be looked for in vain.
+  // The packet is an answer: its question section holds the name that was sent, uncompressed.
   std::array<unsigned char, DNS_MAXDN> dn{};
   if (event.dnsd_plen < DNS_HSIZE + kQuestionTail + 1) return;
   const unsigned char *name = event.dnsd_pkt + DNS_HSIZE;

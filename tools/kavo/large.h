@@ -19,14 +19,14 @@ using Block = std::vector<uint64_t>;
 
 class LargeAnswers {
  public:
-  // observe has a context, which is not open and does not outlive this, show its packets; with `trace`, to the user
-  // too.
+  // observe takes the packets of a context, which must not be open yet and must not outlive this object. With `trace`
+  // the user sees them too.
   void observe(KAVO kavo, bool trace);
 
-  // expect keeps the packet that will answer a question for this name, until take is called, once for each expect.
+  // expect keeps the packet that will answer a query for this name, until take is called, once for each expect.
   void expect(const unsigned char *dn);
-  // take lays that answer out in `block` for a type and flags, and makes `answer`, which the library had no room for,
-  // point there. False where there is no such packet, or it cannot be read.
+  // take parses that packet into `block` for a type and flags, and makes `answer`, which the library had no room for,
+  // point there. False if there is no such packet, or it cannot be read.
   bool take(const unsigned char *dn, KAVO_TYPE type, unsigned flags, Block *block, KAVO_ANSWER *answer);
 
  private:
@@ -39,7 +39,7 @@ class LargeAnswers {
 
   bool trace_ = false;
   std::mutex mutex_;
-  std::map<std::string, Kept> kept_;  // by the name, its letters small; guarded by mutex_
+  std::map<std::string, Kept> kept_;  // by the name, in lower case; guarded by mutex_
 };
 
 }  // namespace tool

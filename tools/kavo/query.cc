@@ -45,7 +45,7 @@ class Printer {
     const bool records = answer != nullptr && answer->actual_size != 0;
     if (records && raw_) return show_packet(packet_of(*answer));
     if (records && result.outcome == KAVOE_OK) return show_records(result.asked.text, *answer);
-    const std::string why = result.error.empty() ? explain_denial(result.outcome, type_) : result.error;
+    const std::string why = result.error.empty() ? explain_negative(result.outcome, type_) : result.error;
     // A text that is no name is quoted in the reason.
     const std::string what = result.asked.name ? for_terminal(result.asked.text) + ": " : "";
     std::fflush(stdout);
@@ -108,7 +108,7 @@ int query(const QueryArguments &arguments) {
   NameOutcome outcome;
   ask_names(session, arguments.names, type, arguments.raw ? KAVOQF_PKT : 0, [&](const NameResult &result) {
     outcome.failed = outcome.failed || !result.error.empty();
-    outcome.without = outcome.without || denied(result.outcome);
+    outcome.without = outcome.without || is_negative(result.outcome);
     printer.show(result);
   });
   finish_output();

@@ -1,4 +1,4 @@
-// query.h - the command "kavo query": ordinary DNS questions, many at once.
+// query.h - the command "kavo query": ordinary DNS, many names at once.
 #ifndef KAVO_TOOLS_KAVO_QUERY_H
 #define KAVO_TOOLS_KAVO_QUERY_H
 

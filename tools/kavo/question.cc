@@ -98,7 +98,7 @@ Name parse_name(const std::string &text, KAVO_TYPE type) {
   return name;
 }
 
-bool denied(KAVO_ERR error) {
+bool is_negative(KAVO_ERR error) {
   return error == KAVOE_NXDOM || error == KAVOE_NODATA;
 }
 
@@ -119,7 +119,7 @@ std::string explain(KAVO_ERR error) {
   }
 }
 
-std::string explain_denial(KAVO_ERR error, KAVO_TYPE type) {
+std::string explain_negative(KAVO_ERR error, KAVO_TYPE type) {
   return error == KAVOE_NXDOM ? "no such name" : "no " + type_text(type) + " records";
 }
 

@@ -29,15 +29,15 @@ Name parse_name(const std::string &text, KAVO_TYPE type);
 // text_of_dn writes a name as a zone file has it, with its closing dot.
 std::string text_of_dn(const unsigned char *dn);
 
-// denied tells whether an outcome is a certain one without records.
-bool denied(KAVO_ERR error);
+// is_negative tells whether an outcome is a negative answer.
+bool is_negative(KAVO_ERR error);
 
 // status_word names an outcome that is no failure for programs: "ok", "nxdomain" or "nodata".
 const char *status_word(KAVO_ERR error);
 
-// explain says in a few words what an outcome without records means; explain_denial in DNS terms, for a type.
+// explain says in a few words what an outcome without records means; explain_negative in DNS terms, for a type.
 std::string explain(KAVO_ERR error);
-std::string explain_denial(KAVO_ERR error, KAVO_TYPE type);
+std::string explain_negative(KAVO_ERR error, KAVO_TYPE type);
 
 }  // namespace tool
 

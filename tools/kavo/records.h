@@ -12,7 +12,7 @@ namespace tool {
 
 // Records is what one answer's block holds.
 struct Records {
-  std::string canonical;           // where the aliases end, with its closing dot
+  std::string canonical;           // where the CNAME chain ends, with its closing dot
   int32_t ttl = 0;                 // below 0: seconds since it expired
   std::vector<std::string> lines;  // one a record, as dig +short has them
   nlohmann::ordered_json objects = nlohmann::ordered_json::array();

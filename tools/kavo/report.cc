@@ -50,7 +50,7 @@ class Table : public Reporter {
       print_line(zone_row(subject, line));
       subject.clear();  // said once, on the first of its lines
       listed = listed || line.verdict.status == Status::listed;
-      failed = failed || line.verdict.question_failed;
+      failed = failed || line.verdict.query_failed;
     }
     listed_ += listed ? 1 : 0;
     failed_ += failed ? 1 : 0;

@@ -3,17 +3,16 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
-#include <stdexcept>
 
 #include "subject.h"
 
 namespace tool {
 namespace {
 
-constexpr unsigned kTries = 3;
-constexpr unsigned kTriesMax = 50;    // the library's own bound
-constexpr unsigned kSlackMs = 5000;   // beyond all tries, before an answer is given up
-constexpr unsigned kPortMax = 65534;  // the library's own bound
+constexpr unsigned kAttempts = 3;
+constexpr unsigned kAttemptsMax = 50;  // the library's own bound
+constexpr unsigned kSlackMs = 5000;    // beyond all attempts, before the tool gives up
+constexpr unsigned kPortMax = 65534;   // the library's own bound
 
 struct ServerAddress {
   std::string address;
@@ -38,9 +37,9 @@ ServerAddress parse_server(const std::string &text) {
   return server;
 }
 
-// Each server is asked once at least.
-unsigned tries_of(const Network &network) {
-  return std::clamp(static_cast<unsigned>(network.servers.size()), kTries, kTriesMax);
+// attempts_of returns how many attempts a query has: each server gets one at least.
+unsigned attempts_of(const Network &network) {
+  return std::clamp(static_cast<unsigned>(network.servers.size()), kAttempts, kAttemptsMax);
 }
 
 void set_servers(const Network &network, KAVO kavo) {
@@ -54,10 +53,6 @@ void set_servers(const Network &network, KAVO kavo) {
 
 }  // namespace
 
-void must(KAVO_ERR error, const std::string &what) {
-  if (error != KAVOE_OK) throw std::runtime_error(what + ": " + kavo_strerror(error));
-}
-
 Context::Context(const Room &room) {
   must(kavo_init_ext(&kavo_, room.nodes, room.cache_bytes, room.zones, 0), "cannot create the library's context");
 }
@@ -68,10 +63,10 @@ Context::~Context() {
 }
 
 Session::Session(const Network &network, const Room &room)
-    : context_(room), wait_ms_((tries_of(network) + 1) * network.timeout_ms + kSlackMs), trace_(network.trace) {
+    : context_(room), wait_ms_((attempts_of(network) + 1) * network.timeout_ms + kSlackMs), trace_(network.trace) {
   set_servers(network, kavo());
-  must(kavo_set_opt(kavo(), KAVOOPT_TIMEOUT_MSEC, network.timeout_ms), "cannot set the time-out");
-  must(kavo_set_opt(kavo(), KAVOOPT_NTRIES, tries_of(network)), "cannot set the number of tries");
+  must(kavo_set_opt(kavo(), KAVOOPT_TIMEOUT_MSEC, network.timeout_ms), "cannot set the timeout");
+  must(kavo_set_opt(kavo(), KAVOOPT_NTRIES, attempts_of(network)), "cannot set the number of attempts");
   must(kavo_set_opt(kavo(), KAVOOPT_CLOSE_FAST, 1), "cannot set the manner of closing");
   if (!network.trace) return;
   must(kavo_set_trace(kavo(), kavo_dbgcb, nullptr), "cannot set the trace");

@@ -1,5 +1,5 @@
-// session.h - what every command shares: exit statuses, faults of usage, and a context of the library with the servers,
-// time-outs and trace that the user asked for.
+// session.h - what every command shares: exit statuses, and a context of the library with the servers, timeouts and
+// trace that the user asked for.
 #ifndef KAVO_TOOLS_KAVO_SESSION_H
 #define KAVO_TOOLS_KAVO_SESSION_H
 
@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "fault.h"
 #include "large.h"
 
 namespace tool {
@@ -16,7 +17,7 @@ namespace tool {
 // Exit statuses of every command; the first two say what was learned.
 inline constexpr int kExitClear = 0;   // check: nothing is listed; others: all is well, every name has an answer
 inline constexpr int kExitListed = 1;  // check: something is listed; others: a name has no answer, a file has faults
-inline constexpr int kExitFailed = 2;  // a question failed, whatever else was learned
+inline constexpr int kExitFailed = 2;  // a query failed, whatever else was learned
 inline constexpr int kExitUsage = 64;  // EX_USAGE of sysexits.h
 
 inline constexpr unsigned kTimeoutMs = 2000;
@@ -24,18 +25,10 @@ inline constexpr unsigned kTimeoutMsMax = 300000;  // the library's own bound
 
 inline constexpr size_t kWindow = 1024;  // subjects asked about at once: bounds memory whatever the list's length
 
-// Usage is a fault in what the user gave: one line, exit status 64.
-struct Usage {
-  std::string fault;
-};
-
-// must throws std::runtime_error where the library failed to do `what`.
-void must(KAVO_ERR error, const std::string &what);
-
 // Network is how servers are asked.
 struct Network {
   std::vector<std::string> servers;  // ADDRESS[:PORT]; empty: the system's
-  unsigned timeout_ms = kTimeoutMs;  // of one try
+  unsigned timeout_ms = kTimeoutMs;  // of one attempt
   bool trace = false;
 };
 
@@ -69,7 +62,7 @@ class Session {
   [[nodiscard]] LargeAnswers *large() const { return large_.get(); }
   void open();
   [[nodiscard]] KAVO kavo() const { return context_.kavo(); }
-  // wait_ms returns how long an answer is waited for: all tries, and some.
+  // wait_ms returns how long to wait for an answer: for all attempts, and some.
   [[nodiscard]] unsigned wait_ms() const { return wait_ms_; }
 
  private:

@@ -1,4 +1,4 @@
-// source.h - where subjects come from: the command line, and standard input where a "-" stands there.
+// source.h - where subjects come from: the command line, and standard input in place of a "-".
 #ifndef KAVO_TOOLS_KAVO_SOURCE_H
 #define KAVO_TOOLS_KAVO_SOURCE_H
 

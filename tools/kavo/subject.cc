@@ -17,7 +17,7 @@ constexpr unsigned kNibbleBits = 4;
 constexpr unsigned kNibbleMask = 0xf;
 constexpr std::string_view kMarks = "!\"#$%&'()*+,/:;<=>?@[]^`{|}~";
 constexpr size_t kQuotedMax = 300;  // bytes of a text that a message repeats: every name, and no endless line
-constexpr size_t kMappedAt = 12;    // where the IPv4 address stands in a mapped one (RFC 4291, 2.5.5.2)
+constexpr size_t kMappedAt = 12;    // where the IPv4 address is in a mapped one (RFC 4291, 2.5.5.2)
 
 [[noreturn]] void refuse(const std::string &text, const std::string &fault) {
   throw std::runtime_error(quoted(text) + " " + fault);

@@ -48,7 +48,7 @@ const char *fault_of(const in_addr &address) {
 
 void fail(const std::string &why, Verdict *verdict) {
   verdict->error = why;
-  verdict->question_failed = true;
+  verdict->query_failed = true;
 }
 
 void judge_addresses(const Answer &answer, Verdict *verdict) {
@@ -84,7 +84,7 @@ Verdict judge(const Answer &address, const Answer &reason) {
   verdict.query_time_ms = std::max(address.query_time_ms, reason.query_time_ms);
   verdict.from_cache = (!address.asked || address.from_cache) && (!reason.asked || reason.from_cache);
   verdict.reasons = reason.reasons;
-  if (denied(first.error)) {
+  if (is_negative(first.error)) {
     verdict.status = Status::not_listed;
   } else if (first.error != KAVOE_OK) {
     fail(explain(first.error), &verdict);
@@ -93,7 +93,7 @@ Verdict judge(const Answer &address, const Answer &reason) {
   } else {
     verdict.status = verdict.reasons.empty() ? Status::not_listed : Status::listed;
   }
-  const bool reason_failed = reason.asked && reason.error != KAVOE_OK && !denied(reason.error);
+  const bool reason_failed = reason.asked && reason.error != KAVOE_OK && !is_negative(reason.error);
   if (reason_failed && verdict.error.empty()) fail("reason unknown: " + explain(reason.error), &verdict);
   return verdict;
 }

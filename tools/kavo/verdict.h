@@ -17,7 +17,7 @@ namespace tool {
 enum class Status { not_listed, listed, refused, failed };
 const char *status_name(Status status);  // "not-listed" ...
 
-// Answer is one zone's answer to one question: the addresses, or the reasons.
+// Answer is one zone's answer to one query: the addresses, or the reasons.
 struct Answer {
   bool asked = false;
   KAVO_ERR error = KAVOE_TIMEOUT;  // until an answer arrives
@@ -31,13 +31,13 @@ struct Verdict {
   Status status = Status::failed;
   std::vector<std::string> addresses;
   std::vector<std::string> reasons;
-  std::string error;             // why the list refused, or which question failed and why; empty when all went well
-  bool question_failed = false;  // also where only the question for the reason failed
+  std::string error;          // why the list refused, or which query failed and why; empty when all went well
+  bool query_failed = false;  // also if only the query for the reason failed
   uint32_t query_time_ms = 0;
   bool from_cache = false;
 };
 
-// judge returns what a list says, from its answers to the question for return addresses and to that for the reason.
+// judge returns what a list says, from its answers to the query for return addresses and to that for the reason.
 Verdict judge(const Answer &address, const Answer &reason);
 
 // read_answer takes what the library delivered for one zone.

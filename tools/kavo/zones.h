@@ -1,4 +1,4 @@
-// zones.h - the command "kavo zones": says what is wrong with a zones file, or what stands in it.
+// zones.h - the command "kavo zones": says what is wrong with a zones file, or what is in it.
 #ifndef KAVO_TOOLS_KAVO_ZONES_H
 #define KAVO_TOOLS_KAVO_ZONES_H
 

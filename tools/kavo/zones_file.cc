@@ -45,7 +45,7 @@ std::string header_fault(const std::string &line) {
 }
 
 // Scanner takes a file's pieces one by one, as the library's loader does: a header opens a section and empties its
-// list, an empty line closes it, lines outside a section are ignored. Unlike the loader it goes on behind a fault.
+// list, an empty line closes it, lines outside a section are ignored. Unlike the loader it continues after a fault.
 class Scanner {
  public:
   explicit Scanner(size_t zones_max) : zones_max_(zones_max) {}
@@ -74,7 +74,7 @@ class Scanner {
   void header(const std::string &text) {
     const auto found = std::find_if(kSections.begin(), kSections.end(), [&](auto &row) { return row.first == text; });
     open_ = nullptr;
-    lost_ = found == kSections.end();  // the zones below are of nobody knows which section
+    lost_ = found == kSections.end();  // the section of the zones below is unknown
     if (lost_) return note(Gravity::fault, header_fault(text));
     type_ = found->second;
     const auto [place, is_new] = file_.sections.try_emplace(type_);
