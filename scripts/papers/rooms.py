@@ -171,10 +171,14 @@ def check_pages(files):
     for name in sorted(named.keys() - there):
         fault(f'{GUIDE}:{named[name]}', f'there is no src/{name}.cc')
     for line, cells in pages.table(guide, 'Feature'):
-        for folder in pages.quoted(cells[1]):
-            for name in pages.quoted(cells[2]):
-                if not any(os.path.exists(os.path.join(ROOT, folder, name + end)) for end in ('', '.h', '.cc')):
-                    fault(f'{GUIDE}:{line}', f'there is no {folder}{name}')
+        folders = pages.quoted(cells[1])
+        for folder in folders:
+            if not os.path.isdir(os.path.join(ROOT, folder)):
+                fault(f'{GUIDE}:{line}', f'there is no {folder}')
+        for name in pages.quoted(cells[2]):
+            if not any(os.path.isfile(os.path.join(ROOT, folder, name + end))
+                       for folder in folders for end in ('', '.h', '.cc')):
+                fault(f'{GUIDE}:{line}', f'there is no {name} in {", ".join(folders)}')
     for folder in ('.', 'docs', 'docs/performance'):
         for name in sorted(os.listdir(os.path.join(ROOT, folder))):
             page = os.path.normpath(os.path.join(folder, name))
