@@ -18,7 +18,7 @@ constexpr const char *kCheckFooter =
     "listings: the list refuses or is broken, and is shown so.\n";
 
 constexpr const char *kQueryFooter =
-    "Prints one record a line. If several names are asked, or standard input is read, the name stands in front.\n"
+    "Prints one record a line. If several names are asked, or standard input is read, the name comes first.\n"
     "\n"
     "Exit status: 0 every name has an answer; 1 a name has none; 2 a query failed, whatever else was learned;\n"
     "64 the command line is wrong.\n";

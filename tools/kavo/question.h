@@ -19,7 +19,7 @@ std::string type_text(KAVO_TYPE type);
 
 struct Name {
   std::string text;  // as the user gave it
-  std::string name;  // as it is asked: of an address, the name that stands for it
+  std::string name;  // as it is queried: of an address, its name under in-addr.arpa or ip6.arpa
   std::array<unsigned char, DNS_MAXDN> dn;
 };
 

@@ -28,7 +28,7 @@ std::string text_of(const in_addr &address) {
 const char *fault_of(const in_addr &address) {
   const uint32_t value = ntohl(address.s_addr);
   if (value >> kNetShift != kListNet) {
-    return "lies outside 127.0.0.0/8: the list is gone or a resolver rewrites its answers";
+    return "is outside 127.0.0.0/8: the list is gone or a resolver rewrites its answers";
   }
   switch (value) {
     case kReserved:

@@ -89,7 +89,7 @@ class Scanner {
     const std::string fault = zone_fault(text);
     if (!fault.empty()) note(Gravity::unusable, fault);
     if (!names_.insert(text).second)
-      note(Gravity::odd, quoted(text) + " stands in " + section + " twice, and is asked twice");
+      note(Gravity::odd, quoted(text) + " is in " + section + " twice, and is asked twice");
     open_->push_back(text);
     if (open_->size() != zones_max_ + 1) return;  // said once a section
     note(Gravity::fault, quoted(text) + " is the " + ordinal(open_->size()) + " zone of " + section +
