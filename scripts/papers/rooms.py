@@ -15,7 +15,8 @@ CODE_FOLDERS = ['include', 'src', 'platform', 'lists', 'sharing', 'daemon', 'tes
                 'examples']
 HEADER_LINES_MAX = 149
 
-# The house from the ground up. A folder includes what is in a line before its own; a name stands for what is below it.
+# The house from the ground up. A folder includes what comes before its own list, and what is below the same name as
+# itself, without a cycle; a name stands for all folders below it.
 ORDER = [['include'], ['platform/base'], ['platform/shash', 'platform/pelk'], ['platform/dns/wire'],
          ['platform/dns/cache', 'platform/dns/io'], ['platform/dns/engine'], ['src'], ['lists'], ['sharing'], ['testbed'],
          ['daemon', 'tools', 'examples', 'tests', 'bench', 'fuzz']]
@@ -102,17 +103,28 @@ class House:
     def may_include(self, folder, path):
         return is_below(path, folder) or any(is_below(path, prefix) for prefix in self.allowed[folder])
 
-    def expands(self, folder):
+    def may_see(self, folder):
         """The folders of the house that a folder may include."""
         return {other for other in self.line for prefix in self.allowed[folder]
                 if other != folder and (is_below(other, prefix) or is_below(prefix, other))}
 
+    def names(self, folder):
+        """Those of them that its row names, and not only a folder that they are in."""
+        return {other for other in self.may_see(folder) if any(is_below(p, other) for p in self.allowed[folder])}
+
 
 def rank(folder):
+    """The height of a folder in the house and the name there; (None, None) of a folder without a place."""
     for height, level in enumerate(ORDER):
-        if any(is_below(folder, name) for name in level):
-            return height
-    return None
+        for name in level:
+            if is_below(folder, name):
+                return height, name
+    return None, None
+
+
+def is_above(folder, other):
+    (height, name), (other_height, other_name) = rank(folder), rank(other)
+    return None not in (height, other_height) and (height > other_height or name == other_name)
 
 
 def check_table(house, build, files):
@@ -144,33 +156,40 @@ def check_table(house, build, files):
         if named and named != targets[folder]:
             fault(where, f'the targets of {folder}/ are {", ".join(sorted(targets[folder])) or "none"}')
         if folder in targets:
-            for other in sorted(sees[folder] - house.expands(folder)):
+            for other in sorted(sees[folder] - house.may_see(folder)):
                 fault(where, f'{folder}/ sees {other}/ in the build, not in the table')
-            for other in sorted(house.expands(folder) - sees[folder]):
+            for other in sorted(house.names(folder) - sees[folder]):
                 fault(where, f'{folder}/ sees {other}/ in the table, not in the build')
-        for other in sorted(house.expands(folder)):
-            if rank(folder) is None:
-                fault(where, f'{folder}/ has no place in the order of scripts/papers/rooms.py')
-                break
-            if rank(other) is None or rank(other) >= rank(folder):
+        for other in sorted(house.may_see(folder)):
+            if not is_above(folder, other):
                 fault(where, f'{folder}/ is not above {other}/, and may not include it')
+        cycle = shortest_cycle(folder, {one: house.names(one) for one in house.line})
+        if cycle is not None:
+            fault(where, f'a cycle of folders: {" -> ".join(cycle + cycle[:1])}')
 
 
-def check_pages(files):
-    """The table of the sources of src/, the table "Where is ...", and the links of every page."""
-    guide = read(GUIDE)
-    named = {}
-    for line, cells in pages.table(guide, 'Source'):
+def check_rooms_of_src(house, files, includes):
+    """The table of the rooms of src/, which goes from the bottom up."""
+    line_of = {}
+    for line, cells in pages.table(read(GUIDE), 'Room'):
         for name in pages.quoted(cells[0]):
-            if name in named:
+            if name in line_of:
                 fault(f'{GUIDE}:{line}', f'src/{name} is in the table twice')
-            named[name] = line
-    there = {os.path.splitext(os.path.basename(path))[0] for path in files if re.fullmatch(r'src/[^/]*\.cc', path)}
-    for name in sorted(there - named.keys()):
-        fault(GUIDE, f'the table of sources lacks src/{name}.cc')
-    for name in sorted(named.keys() - there):
-        fault(f'{GUIDE}:{named[name]}', f'there is no src/{name}.cc')
-    for line, cells in pages.table(guide, 'Feature'):
+            line_of[name] = line
+    there = {room_of(path, 'src') for path in files if is_below(path, 'src')}
+    for name in sorted(there - line_of.keys()):
+        fault(GUIDE, f'the table of rooms lacks src/{name}')
+    for name in sorted(line_of.keys() - there):
+        fault(f'{GUIDE}:{line_of[name]}', f'there is no src/{name}')
+    for one, others in rooms_of('src', house, includes).items():
+        for other, include in others.items():
+            if one in line_of and other in line_of and line_of[other] > line_of[one]:
+                fault(f'{include.file}:{include.line}', f'{other} is above {one} in the table of rooms of {GUIDE}')
+
+
+def check_pages():
+    """The table "Where is ..." and the links of every page."""
+    for line, cells in pages.table(read(GUIDE), 'Feature'):
         folders = pages.quoted(cells[1])
         for folder in folders:
             if not os.path.isdir(os.path.join(ROOT, folder)):
@@ -305,10 +324,10 @@ def arrows_of(house, includes):
 
 def print_structure(house, files, includes):
     arrows = arrows_of(house, includes)
-    folders = sorted({house.folder_of(path) for path in files} - {None}, key=lambda name: (-(rank(name) or 0), name))
+    folders = sorted({house.folder_of(path) for path in files} - {None}, key=lambda name: (-(rank(name)[0] or 0), name))
     for folder in folders:
         files_here = sum(house.folder_of(path) == folder for path in files)
-        others = sorted(arrows[folder], key=lambda name: (-(rank(name) or 0), name))
+        others = sorted(arrows[folder], key=lambda name: (-(rank(name)[0] or 0), name))
         print(f'{folder:<22}{files_here:4} files -> ' +
               (', '.join(f'{other} ({arrows[folder][other]})' for other in others) or 'nothing of ours'))
 
@@ -336,7 +355,8 @@ def main():
         return 0
     print_structure(house, files, includes)
     check_table(house, build, files)
-    check_pages(files)
+    check_rooms_of_src(house, files, includes)
+    check_pages()
     check_includes(house, includes)
     check_headers(files)
     check_cycles(house, includes)
