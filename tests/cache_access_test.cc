@@ -377,7 +377,6 @@ TEST_F(CacheTest, BlocksAndEntriesThatContradictThemselvesAreRefused) {
 }
 
 // ---- threads
-// ------------------------------------------------------------------------------------------------------------
 
 constexpr unsigned kThreads = 8;
 constexpr unsigned kKeys = 128;

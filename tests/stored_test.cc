@@ -218,7 +218,6 @@ TEST_F(StoredTest, ImpossibleRecordsAreRefused) {
 }
 
 // ---- zones
-// --------------------------------------------------------------------------------------------------------------
 
 std::string saved(const Host &host) {
   return written([&host](FILE *to) { return kavo_zonesmap_save_bin(host, kavo_get_zonesmap(host), to); });

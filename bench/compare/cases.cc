@@ -127,8 +127,7 @@ void measure_cached(const Plan &plan, Report *report) {
   constexpr const char *kNames[] = {"libunbound, event interface", "kavo, nodes", "`kavo_cache_get`"};
   report->add(
       "## Cached answers\n\nEach asks for 10,000 names whose answers it holds, again and again; the first two with "
-      "1,000 "
-      "questions at once.\n\n| client | processor, µs an answer | × libunbound |\n| --- | ---: | ---: |\n");
+      "1,000 questions at once.\n\n| client | processor, µs an answer | × libunbound |\n| --- | ---: | ---: |\n");
   bench::Spread ratios[3];
   for (size_t i = 0; i < all.size(); ++i) {
     ratios[i] = all[i].ratio_to(all[0], &Figures::processor_us);

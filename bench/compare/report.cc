@@ -12,11 +12,9 @@ namespace {
 constexpr const char *kHead =
     "# Beside a bare loop and other libraries\n\n"
     "Written by `bench_compare --write DIRECTORY` (`scripts/bench` runs it): what asking costs with kavo, with c-ares\n"
-    "and with libunbound (both as Debian has them), and with a bare loop of `sendmmsg` and `recvmmsg` that does "
-    "nothing\n"
-    "but fill and check packets. All of it on loopback, all of them asking the same questions, every answer checked, "
-    "no\n"
-    "question lost.\n\n";
+    "and with libunbound (both as Debian has them), and with a bare loop of `sendmmsg` and `recvmmsg` that does\n"
+    "nothing but fill and check packets. All of it on loopback, all of them asking the same questions, every answer\n"
+    "checked, no question lost.\n\n";
 
 void write_file(const std::string &path, const std::string &text) {
   std::ofstream file(path);

@@ -95,12 +95,11 @@ void measure_responder(const Plan &plan, const Responder &responder, const char 
 void measure_table(const Plan &plan, Report *report) {
   report->add(
       "## Many questions at once\n\n"
-      "One zone. With 4 host threads the bare loops have 4 sockets, c-ares 4 channels, libunbound 4 contexts, one for "
-      "each\n"
-      "thread, and kavo one context that all of them use; they share the outstanding questions, of which each has one "
-      "at least.\nProcessor time is that of all threads of the client, user and system, from the first question to the "
-      "last answer.\nMemory is what the client's process had at its peak beyond what it had before there was a "
-      "client.\n\n");
+      "One zone. With 4 host threads the bare loops have 4 sockets, c-ares 4 channels, libunbound 4 contexts,\n"
+      "one for each thread, and kavo one context that all of them use; they share the outstanding questions, of which\n"
+      "each has one at least. Processor time is that of all threads of the client, user and system, from the first\n"
+      "question to the last answer. Memory is what the client's process had at its peak beyond what it had before\n"
+      "there was a client.\n\n");
   Curves curves = make_curves();
   measure_responder(plan, *start_own(plan.responder_core), "the responder of this program", &curves, report);
   measure_responder(plan, *start_rbldnsd(plan.responder_core), "rbldnsd", nullptr, report);

@@ -110,11 +110,9 @@ std::string markdown(const std::vector<Curve> &curves, unsigned rounds) {
       "answer is checked.\n\n",
       rounds);
   out +=
-      "Allowed is what the logarithm of the size grows by: (1 + log2 of the size) / (1 + log2 of the first size). "
-      "What\n"
-      "grows with the logarithm adds the same with each doubling; what grows with the size adds twice as much with "
-      "each.\n"
-      "Switches are those of the system from one thread to another.\n\n";
+      "Allowed is what the logarithm of the size grows by: (1 + log2 of the size) / (1 + log2 of the first size).\n"
+      "What grows with the logarithm adds the same with each doubling; what grows with the size adds twice as much\n"
+      "with each. Switches are those of the system from one thread to another.\n\n";
   out += summary(curves);
   for (const Curve &curve : curves)
     out += section(curve);

@@ -122,9 +122,8 @@ std::string explanation(const Plan &plan) {
   std::ostringstream text;
   text << "# On a lossy network\n\n"
           "Written by `bench_lossy --write FILE`: kavo beside c-ares, on a bad network on loopback.\n\n"
-          "Both clients ask the list server of this repository, each through a relay of its own (`kavo-relay`). A "
-          "relay\n"
-          "loses packets as the row says and lets "
+          "Both clients ask the list server of this repository, each through a relay of its own (`kavo-relay`). A\n"
+          "relay loses packets as the row says and lets "
        << kTwiceIn100 << " in 100 arrive twice, and each packet takes " << kDelayMs << " ± " << kJitterMs
        << " ms, each way, so that\npackets overtake each other. A dead server is a relay that loses everything. Luck "
           "hangs on the question and on the\nnumber of the packet about it, not on the moment: both clients meet the "

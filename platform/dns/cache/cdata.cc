@@ -190,7 +190,7 @@ bool in_class(const dns_cdata *entry, const dns::Record &record) {
 // follows them.
 [[nodiscard]] dns_status append_pass(dns_cdata *entry, const Section &section, uint8_t *dn, unsigned *left) {
   Reader reader(section.packet, section.at);
-  for (unsigned i = 0; i<section.count && * left> 0; ++i) {
+  for (unsigned i = 0; *left > 0 && i < section.count; ++i) {
     dns::Record record;
     if (!dns::read_record(&reader, &record)) return DNS_E_PROTOCOL;
     if (record.typ != DNS_T_CNAME || !in_class(entry, record) || dns_dnequal(record.owner, dn) == 0) continue;

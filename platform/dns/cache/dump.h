@@ -44,8 +44,8 @@ inline constexpr size_t kFrameHead = 16;
 inline constexpr size_t kFileHeadSize = 4 + 8;
 inline constexpr size_t kTotalsSize = 8 + 8;
 inline constexpr size_t kUserDataMax = 256;
-inline constexpr size_t kBlockMax =
-    256 * 1024;  // large enough that calls to the system cost nothing beside the copying
+// Large enough that calls to the system cost nothing beside the copying.
+inline constexpr size_t kBlockMax = 256 * 1024;
 static_assert(kBlockMax >= kImageMax, "every entry fits a block");
 
 struct Totals {
