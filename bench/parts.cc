@@ -1,9 +1,11 @@
 // bench_parts: the cost of the single operations that every question passes through (Google Benchmark).
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
+#include <block.h>
 #include <dns_engine.h>
 #include <dns_wire.h>
 #include <kavo.h>
+#include <message.h>
 #include <shash.h>
 #include <siphash.h>
 

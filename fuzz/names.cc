@@ -1,5 +1,7 @@
 // names.cc - names in every form: a text to a DN and back, bytes that may be a DN, a name in a packet; and addresses.
+#include <cursor.h>
 #include <dns_wire.h>
+#include <letter_case.h>
 
 #include <array>
 

@@ -1,6 +1,8 @@
 // records.cc - a packet of a host's own: every record parser, every printer, the walk over its records, and what comes
 // of a record that is put into another packet or into a cache entry.
+#include <block.h>
 #include <dns_wire.h>
+#include <message.h>
 
 #include <array>
 

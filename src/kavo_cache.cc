@@ -13,6 +13,7 @@
 #include <span>
 #include <utility>
 
+#include <cursor.h>
 #include <dns_engine.h>
 #include <dns_wire.h>
 

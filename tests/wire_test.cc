@@ -1,7 +1,12 @@
 // wire_test.cc - names, packets and record blocks, from well-formed answers to bytes that mean harm.
+#include <block.h>
 #include <block_text.h>
+#include <chain.h>
+#include <cursor.h>
 #include <dns_wire.h>
 #include <gtest/gtest.h>
+#include <message.h>
+#include <negative.h>
 #include <packet.h>
 #include <stream.h>
 #include <string.h>
@@ -35,10 +40,10 @@ Bytes dn(const std::string &text) {
 
 // Laid is a block in a buffer of exactly the size it needs, every pointer checked, or the status of why there is none.
 struct Laid {
-  Laid(Block kind, const Packet &packet, const std::string &name, unsigned aliases = dns::kAliasesMax)
+  Laid(Block kind, const Packet &packet, const std::string &name, unsigned aliases = dns::kCnamesMax)
       : Laid(kind, packet.bytes, packet.answers_at, name, aliases) {}
   Laid(Block kind, const Bytes &packet, size_t answers_at, const std::string &name,
-       unsigned aliases = dns::kAliasesMax) {
+       unsigned aliases = dns::kCnamesMax) {
     const testbed::Exact exact(packet);
     const Bytes question = dn(name);
     size_t needed = 0;
@@ -298,9 +303,9 @@ TEST(Chains, AnyOrderUpToTheBound) {
   ASSERT_EQ(dns::follow_chain(rich.bytes, rich.answers_at, dn("host.example.org"), DNS_T_ANY, DNS_C_IN, 4, &chain), 0);
   EXPECT_EQ(chain.records, 8U);
   ASSERT_EQ(dns::follow_chain(rich.bytes, rich.answers_at, dn("www.example.org"), DNS_T_ANY, DNS_C_IN, 4, &chain), 0);
-  EXPECT_EQ(chain.aliases, 0U);
+  EXPECT_EQ(chain.cnames, 0U);
   ASSERT_EQ(dns::follow_chain(rich.bytes, rich.answers_at, dn("www.example.org"), DNS_T_A, 3, 4, &chain), 0);
-  EXPECT_EQ(chain.aliases + chain.records, 0U);
+  EXPECT_EQ(chain.cnames + chain.records, 0U);
 }
 
 TEST(Chains, LargestPacketsTakeBoundedTime) {
@@ -327,8 +332,8 @@ TEST(Denials, TheSoaMustCoverTheName) {
     for (int shift = 24; shift >= 0; shift -= 8)
       data.push_back(static_cast<uint8_t>(minimum >> shift));
     answer.add(owner, DNS_T_SOA, data, ttl, DNS_S_NS);
-    dns::Denial denial;
-    EXPECT_EQ(dns::read_denial(answer.bytes, answer.answers_at, dn("www.example.org"), &denial), 0);
+    dns::NegativeAnswer denial;
+    EXPECT_EQ(dns::read_negative(answer.bytes, answer.answers_at, dn("www.example.org"), &denial), 0);
     EXPECT_TRUE(denial.ns);
     EXPECT_STREQ(dns_dntosp(denial.zone), denial.soa ? owner.c_str() : "ns.zone");
     return denial.soa ? denial.ttl : -1;
@@ -340,8 +345,8 @@ TEST(Denials, TheSoaMustCoverTheName) {
   EXPECT_EQ(read("a.www.example.org", 30, 60), -1);
   Packet cut("www.example.org");
   cut.add("example.org", DNS_T_SOA, Bytes(21, 0), 1, DNS_S_NS);
-  dns::Denial denial;
-  EXPECT_EQ(dns::read_denial(cut.bytes, cut.answers_at, dn("www.example.org"), &denial), DNS_E_PROTOCOL);
+  dns::NegativeAnswer denial;
+  EXPECT_EQ(dns::read_negative(cut.bytes, cut.answers_at, dn("www.example.org"), &denial), DNS_E_PROTOCOL);
 }
 
 TEST(Packets, QuestionsAndRebuiltAnswers) {

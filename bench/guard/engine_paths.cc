@@ -2,9 +2,13 @@
 // parts of it that every packet passes through. Nothing here depends on threads, sockets or the clock, so the figures
 // repeat almost to the instruction.
 #include <arpa/inet.h>
+#include <block.h>
 #include <dns_engine.h>
 #include <dns_io.h>
 #include <dns_wire.h>
+#include <letter_case.h>
+#include <message.h>
+#include <opt.h>
 
 #include <array>
 #include <bit>

@@ -1,5 +1,7 @@
 #include "responder.h"
 
+#include <record.h>
+
 #include <algorithm>
 #include <string>
 #include <string_view>
@@ -11,7 +13,7 @@ constexpr uint16_t kClassChaos = 3;
 constexpr uint16_t kRcodeBadVersion = 16;  // its upper bits stand in the OPT record (RFC 6891, 6.1.3)
 constexpr uint16_t kEdnsSize = 1232;       // what the server itself takes
 constexpr size_t kOptSize = 11;            // bytes of an OPT record without options
-constexpr unsigned kAliasesMax = 16;
+constexpr unsigned kCnamesMax = 16;
 constexpr uint16_t kPointer = 0xc000;  // a compressed name: two bits and a position
 constexpr size_t kPointerMax = 0x3fff;
 constexpr uint16_t kFlagQr = 0x8000, kFlagAa = 0x0400, kFlagTc = 0x0200, kFlagRd = 0x0100;
@@ -194,7 +196,7 @@ void Responder::write_zone(const Question &question, const Zone *zone, size_t zo
   std::string_view dn(question.lower.data(), question.dn_size);
   Owner owner{DNS_HSIZE, question.dn.data()};
   Owner apex{DNS_HSIZE + zone_at, bytes(zone->dn)};
-  for (unsigned aliases = 0; zone != nullptr && aliases <= kAliasesMax; ++aliases) {
+  for (unsigned aliases = 0; zone != nullptr && aliases <= kCnamesMax; ++aliases) {
     const Zone::Search search = zone->find(dn);
     const Written written = write_name(*zone, dn, search, question.type, owner, writer);
     sections->answers = static_cast<uint16_t>(sections->answers + written.records);

@@ -9,7 +9,8 @@
 #include <cstdint>
 #include <span>
 
-#include "dns_wire.h"
+#include <cursor.h>
+#include <message.h>
 #include "zone_file.h"
 
 namespace listserver {

@@ -5,7 +5,7 @@
 #include <optional>
 #include <stdexcept>
 
-#include "dns_wire.h"
+#include <dns_wire.h>
 
 namespace listserver {
 namespace {

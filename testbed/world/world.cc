@@ -2,7 +2,8 @@
 
 #include <arpa/inet.h>
 #include <check.h>
-#include <context.h>
+#include <invariants.h>
+#include <open.h>
 
 #include <algorithm>
 #include <stdexcept>

@@ -3,11 +3,11 @@
 #ifndef DNS_ENGINE_POOL_H
 #define DNS_ENGINE_POOL_H
 
-#include <sanitizer.h>
 #include <stddef.h>
 #include <stdlib.h>
 
 #include <prefetch.h>
+#include <sanitizer.h>
 
 namespace base {
 

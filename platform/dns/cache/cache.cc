@@ -17,6 +17,7 @@
 #include <cacher.h>
 #include <cdata.h>
 #include <siphash.h>
+
 #include "cache_shard.h"
 
 namespace {
@@ -57,7 +58,7 @@ constexpr int32_t kNotKept = -1;
 // lifetime is for how many seconds the cache keeps `entry`, or kNotKept.
 int32_t lifetime(const dns_cache *cache, const dns_cdata *entry) {
   int32_t ttl = entry->ttl;
-  if (dns::cdata_is_denial(entry)) {
+  if (dns::cdata_is_negative(entry)) {
     if (!cache->keeps_denials()) return kNotKept;
     if ((entry->flags & dns::kNoSoa) != 0) {
       ttl = static_cast<int32_t>(cache->default_ttl);

@@ -16,9 +16,8 @@
 
 #include <utility>
 
-#include <kavo/dns.h>
-
 #include <bucket_index.h>
+#include <kavo/dns.h>
 #include <pelk.h>
 
 namespace dns {

@@ -13,6 +13,7 @@
 #include <cache_image.h>
 #include <prefetch.h>
 #include <siphash.h>
+
 #include "cache.h"
 
 namespace dns {
@@ -120,7 +121,7 @@ using Waiting = std::array<Entry *, kShardsMax>;
   const bool denials_too = cache->keeps_denials();
   const int32_t ttl_max = cache->ttl_max();
   for (const Image &image : images) {
-    if (!denials_too && is_denial(image.typ, image.rcode, image.facts.records, image.facts.cnames)) continue;
+    if (!denials_too && is_negative(image.typ, image.rcode, image.facts.records, image.facts.cnames)) continue;
     if (gone(image.stored, std::min(image.ttl, ttl_max), now, grace)) continue;
     const uint64_t hash = siphash_folded(cache->secret, image.key.data(), image.key.size());
     Entry *entry = restored(image, hash, now, ttl_max);

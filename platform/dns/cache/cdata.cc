@@ -13,7 +13,11 @@
 #include <new>
 
 #include <byte_order.h>
+#include <chain.h>
+#include <cursor.h>
 #include <dns_wire.h>
+#include <message.h>
+#include <record.h>
 
 namespace {
 
@@ -208,7 +212,7 @@ bool in_class(const dns_cdata *entry, const dns::Record &record) {
                                         const dns::Chain &chain) {
   uint8_t dn[DNS_MAXDN];
   if (dns_dntodn(from, dn, sizeof dn) == 0) return DNS_E_BADQUERY;
-  for (unsigned left = chain.aliases; left > 0;) {
+  for (unsigned left = chain.cnames; left > 0;) {
     const unsigned before = left;
     const dns_status status = append_pass(entry, section, dn, &left);
     if (status != DNS_E_NOERROR) return status;
@@ -249,15 +253,15 @@ bool cdata_reserve(dns_cdata *entry, size_t size) {
   return true;
 }
 
-bool cdata_is_denial(const dns_cdata *entry) {
-  return is_denial(entry->typ, entry->rcode, entry->records, entry->cnames);
+bool cdata_is_negative(const dns_cdata *entry) {
+  return is_negative(entry->typ, entry->rcode, entry->records, entry->cnames);
 }
 
-bool is_denial(uint16_t typ, uint8_t rcode, unsigned records, unsigned cnames) {
+bool is_negative(uint16_t typ, uint8_t rcode, unsigned records, unsigned cnames) {
   return rcode == DNS_R_NXDOMAIN || records == aliases_of(typ, cnames);
 }
 
-dns_status cdata_from_answer(dns_cdata *entry, std::span<const uint8_t> packet, size_t answers_at, unsigned aliases_max,
+dns_status cdata_from_answer(dns_cdata *entry, std::span<const uint8_t> packet, size_t answers_at, unsigned cnames_max,
                              int rcode, int32_t ttl) {
   drop_records(entry);
   if (entry->dn_size == 0) return DNS_E_BADQUERY;
@@ -266,7 +270,7 @@ dns_status cdata_from_answer(dns_cdata *entry, std::span<const uint8_t> packet, 
   entry->ttl = ttl;
   Chain chain;
   dns_status status =
-      follow_chain(packet, answers_at, {entry->dn, entry->dn_size}, entry->typ, entry->cls, aliases_max, &chain);
+      follow_chain(packet, answers_at, {entry->dn, entry->dn_size}, entry->typ, entry->cls, cnames_max, &chain);
   if (status == DNS_E_NOERROR) status = cdata_append_chain(entry, packet, answers_at, entry->dn, chain, true);
   if (status != DNS_E_NOERROR) drop_records(entry);
   return status;

@@ -21,10 +21,9 @@
 #include <memory>
 #include <span>
 
-#include <kavo/dns.h>
-
 #include <cache_image.h>
 #include <checksum.h>
+#include <kavo/dns.h>
 
 namespace dns::dump {
 

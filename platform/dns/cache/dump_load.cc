@@ -15,6 +15,8 @@
 
 #include <cacher.h>
 #include <pelk.h>
+#include <record.h>
+
 #include "dump.h"
 
 namespace dns::dump {

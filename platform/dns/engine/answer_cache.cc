@@ -1,15 +1,14 @@
 // answer_cache.cc - see answer_cache.h.
 #include "answer_cache.h"
 
+#include <algorithm>
+
 #include <cacher.h>
 #include <cdata.h>
 
-#include <algorithm>
-
 #include "context.h"
 #include "delivery.h"
-#include "outcome.h"
-#include "resolution.h"
+#include "resolving.h"
 #include "result.h"
 #include "trace.h"
 
@@ -41,7 +40,7 @@ bool keeps_all(dns_cacher *cacher) {
     status = DNS_E_NXDOMAIN;
   } else if (dns_cdata_rcode(entry) != DNS_R_NOERROR) {
     return false;
-  } else if (cdata_is_denial(entry)) {
+  } else if (cdata_is_negative(entry)) {
     status = DNS_E_NODATA;
   }
   void *result = nullptr;

@@ -3,10 +3,11 @@
 #ifndef DNS_ENGINE_ANSWER_CACHE_H
 #define DNS_ENGINE_ANSWER_CACHE_H
 
-#include <dns_engine.h>
 #include <stdint.h>
 
 #include <span>
+
+#include <dns_engine.h>
 
 namespace dns {
 

@@ -4,12 +4,14 @@
 #include <algorithm>
 #include <utility>
 
+#include "candidates.h"
 #include "choice.h"
 #include "context.h"
 #include "delivery.h"
 #include "direct_cache.h"
+#include "move.h"
+#include "places.h"
 #include "resolution.h"
-#include "tcp.h"
 
 namespace dns {
 namespace {
@@ -30,11 +32,6 @@ bool is_direct(const dns_query *q) {
 }
 
 }  // namespace
-
-void enqueue(dns_query *q) {
-  q->attempt.sent_us = q->ctx->now_us;
-  move(q, State::sending, &q->ctx->sending);
-}
 
 void ask_again(dns_query *q) {
   const auto most = std::min<size_t>(q->ctx->options.ntries, is_direct(q) ? servers_of(q).size() : SIZE_MAX);
@@ -88,53 +85,6 @@ void end_pause(dns_query *q) {
   // What is asked over TCP stays with the server that has said so.
   if (!q->attempt.over_tcp) (void)choose_next(q);
   enqueue(q);
-}
-
-void give_up_place(dns_query *q) {
-  Server *server = std::exchange(q->attempt.under_way, nullptr);
-  if (server == nullptr) return;
-  if (server->parked.alone()) {
-    --server->under_way;
-    return;
-  }
-  auto *next = static_cast<dns_query *>(server->parked.next);
-  next->attempt.under_way = server;
-  move(next, State::sending, &q->ctx->sending);
-}
-
-void leave(dns_query *q) {
-  take_out(q);
-  give_up_place(q);
-  give_up_slot(q);
-}
-
-void give_up_slot(dns_query *q) {
-  if (!has_id(q)) return;
-  Attempt &attempt = q->attempt;
-  UdpPool &sockets = q->ctx->sockets;
-  q->ctx->index.remove(q);
-  if (attempt.slot >= kTcpSlot) {
-    tcp_forget(q);
-  } else if (attempt.slot != UdpPool::kNone) {
-    sockets.done(attempt.slot);
-  }
-  if (attempt.former_slot != UdpPool::kNone) sockets.done(attempt.former_slot);
-  attempt.slot = attempt.former_slot = UdpPool::kNone;
-}
-
-void change_socket(dns_query *q) {
-  Attempt &attempt = q->attempt;
-  if (attempt.former_slot == UdpPool::kNone)
-    attempt.former_slot = attempt.slot;
-  else
-    q->ctx->sockets.done(attempt.slot);
-  attempt.slot = UdpPool::kNone;
-}
-
-bool new_id(dns_query *q) {
-  Attempt &attempt = q->attempt;
-  attempt.asked = attempt.lowered = attempt.with_opt = 0;
-  return q->ctx->random.u16(&attempt.id) && q->ctx->random.u64(&attempt.case_bits);
 }
 
 }  // namespace dns

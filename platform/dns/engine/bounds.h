@@ -2,9 +2,10 @@
 #ifndef DNS_ENGINE_BOUNDS_H
 #define DNS_ENGINE_BOUNDS_H
 
-#include <dns_engine.h>
 #include <stddef.h>
 #include <stdint.h>
+
+#include <dns_engine.h>
 
 namespace dns {
 

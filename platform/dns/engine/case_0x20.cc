@@ -3,9 +3,12 @@
 
 #include <algorithm>
 
+#include <letter_case.h>
+
+#include "arrival.h"
 #include "attempt.h"
 #include "context.h"
-#include "receive.h"
+#include "places.h"
 
 namespace dns {
 
@@ -14,10 +17,6 @@ void set_case(dns_query *q, std::span<uint8_t> name) {
   const bool lower = present_server(q)->lower_until_us > q->ctx->now_us;
   apply_case(name, lower ? kLowerCase : q->attempt.case_bits);
   q->attempt.lowered = lower ? q->attempt.lowered | place : q->attempt.lowered & ~place;
-}
-
-bool was_lowered(const dns_query *q, unsigned place) {
-  return (q->attempt.lowered & bit(place)) != 0;
 }
 
 bool take_other_case(dns_query *q, unsigned place, const Arrival &arrival) {

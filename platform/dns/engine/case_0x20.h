@@ -3,10 +3,11 @@
 #ifndef DNS_ENGINE_CASE_0X20_H
 #define DNS_ENGINE_CASE_0X20_H
 
-#include <dns_engine.h>
 #include <stdint.h>
 
 #include <span>
+
+#include <dns_engine.h>
 
 #include "arrival.h"
 
@@ -14,9 +15,6 @@ namespace dns {
 
 // set_case gives the name in a query to its present server the case that it is sent in, and notes lower case.
 void set_case(dns_query *q, std::span<uint8_t> name);
-
-// was_lowered tells whether the server at `place` was asked in lower case, and is free to answer in a case of its own.
-[[nodiscard]] bool was_lowered(const dns_query *q, unsigned place);
 
 // take_other_case deals with an answer of the server at `place` that is right but for the case of its question's
 // letters. True when it counts. note_case counts the letters that have come back as they were sent.

@@ -7,11 +7,13 @@
 #include <algorithm>
 #include <bit>
 
-#include "arrival.h"
-#include "attempt.h"
+#include <siphash.h>
+
+#include "candidates.h"
+#include "context.h"
 #include "cost_zone.h"
-#include "delivery.h"
-#include "resolution.h"
+#include "places.h"
+#include "resolving.h"
 #include "rto.h"
 
 namespace dns {
@@ -145,15 +147,25 @@ void first_by_cost(dns_query *q) {
   q->attempt.server = static_cast<uint8_t>(cheapest(q, left, start));
 }
 
-}  // namespace
-
-Candidates candidates(const dns_query *q) {
-  Candidates found;
-  const auto servers = servers_of(q);
-  for (unsigned i = 0; i < servers.size(); ++i)
-    if (!has(q->progress.refused, i)) (servers[i]->marked_down() ? found.down : found.open) |= bit(i);
-  return found.open != 0 ? found : Candidates{found.down, 0};
+// key_of is a secret hash of a query and a server: strangers choose the names, and none may push out others. The name's
+// letters count without their case, and nothing else does: 'A' and 'a' are two types, ports and addresses.
+uint64_t key_of(const dns_query *q, const Server *server) {
+  struct {
+    uint64_t name;
+    uint16_t typ, cls, recursive, port;
+    uint32_t address;
+    uint32_t unused;
+  } const key = {siphash_folded(q->ctx->secret, q->question.ask, q->ask_size),
+                 q->question.typ,
+                 q->question.cls,
+                 static_cast<uint16_t>(recursive(q)),
+                 server->address.sin_port,
+                 server->address.sin_addr.s_addr,
+                 0};
+  return siphash(q->ctx->secret, &key, sizeof key);
 }
+
+}  // namespace
 
 void choose_first(dns_query *q) {
   prepare_for(q, 0);
@@ -183,11 +195,6 @@ bool choose_next(dns_query *q) {
   return true;
 }
 
-bool is_unreached(const dns_query *q) {
-  const uint32_t open = candidates(q).open;
-  return open != 0 && (open & ~q->progress.unreached) == 0;
-}
-
 void turn_away(dns_query *q) {
   if (q->attempt.probes || !has(candidates(q).down, q->attempt.server)) return;
   // Those that were waiting for room at the server would wait in vain.
@@ -206,18 +213,20 @@ void missed(dns_query *q) {
 }
 
 bool recall_any_failures(dns_query *q) {
-  dns_ctx *ctx = q->ctx;
+  const dns_ctx *ctx = q->ctx;
   const auto servers = servers_of(q);
   for (unsigned i = 0; i < servers.size(); ++i) {
-    const dns_status status = ctx->failures.recall(q, servers[i]);
+    const dns_status status = ctx->failures.recall(key_of(q, servers[i]), ctx->now_us);
     if (status == DNS_E_NOERROR) continue;
     q->progress.refused |= bit(i);
     q->progress.error = static_cast<int16_t>(status);
   }
-  if (!has(q->progress.refused, q->attempt.server) || choose_next(q)) return true;
-  // What servers of the zone that are not known yet may say is another matter.
-  if (!has_other_servers(q) || !begin_anew(q)) deliver(q, q->progress.error, nullptr, 0, 0);
-  return false;
+  return !has(q->progress.refused, q->attempt.server) || choose_next(q);
+}
+
+void remember_failure(const dns_query *q, unsigned place, dns_status status) {
+  dns_ctx *ctx = q->ctx;
+  ctx->failures.remember(key_of(q, servers_of(q)[place]), ctx->now_us, status);
 }
 
 }  // namespace dns

@@ -13,27 +13,18 @@ void choose_first(dns_query *q);
 [[nodiscard]] bool choose_next(dns_query *q);
 void turn_away(dns_query *q);
 
-// is_unreached tells whether none of the servers that are left could be reached.
-[[nodiscard]] bool is_unreached(const dns_query *q);
-
-// Candidates are the servers, by their places, that have not refused a query: those that it may go to, and those that
-// are marked down as long as there are others.
-struct Candidates {
-  uint32_t open = 0;
-  uint32_t down = 0;
-};
-[[nodiscard]] Candidates candidates(const dns_query *q);
-
 // missed notes that nothing has come back from the server of the present attempt.
 void missed(dns_query *q);
 
-// recall_failures passes over servers that failed at the query a moment ago, if any did. False when that ended it.
+// recall_failures passes over servers that failed at the query a moment ago, if any did; remember_failure notes that
+// the one at `place` did. False when every one has.
 [[nodiscard]] bool recall_any_failures(dns_query *q);
 [[nodiscard]] inline bool recall_failures(dns_query *q) {
   // A cache may have learned meanwhile what its server was asked for in vain.
   if (!q->ctx->failures.fresh(q->ctx->now_us) || (q->question.flags & DNS_DCACHE) != 0) return true;
   return recall_any_failures(q);
 }
+void remember_failure(const dns_query *q, unsigned place, dns_status status);
 
 }  // namespace dns
 

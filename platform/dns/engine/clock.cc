@@ -1,9 +1,10 @@
 // clock.cc - the engine's moments, and its memory.
-#include <dns_engine.h>
 #include <stdlib.h>
 #include <time.h>
 
 #include <atomic>
+
+#include <dns_engine.h>
 
 #include "bounds.h"
 

@@ -4,15 +4,17 @@
 // Lookups of the engine's own are not: one that waited for a query that waits for it would never end.
 #include "coalesce.h"
 
-#include <siphash.h>
 #include <string.h>
 
 #include <algorithm>
 
-#include "attempt.h"
+#include <siphash.h>
+
 #include "choice.h"
 #include "context.h"
-#include "resolution.h"
+#include "move.h"
+#include "places.h"
+#include "resolving.h"
 
 namespace dns {
 namespace {

@@ -3,6 +3,7 @@
 #define DNS_ENGINE_CONNECTION_H
 
 #include <stdint.h>
+
 #include <tcp_link.h>
 #include <udp_pool.h>
 

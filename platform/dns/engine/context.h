@@ -12,34 +12,14 @@
 #include <timer_wheel.h>
 
 #include "bounds.h"
+#include "buffers.h"
 #include "connection.h"
-#include "cost_zone.h"
 #include "failures.h"
 #include "options.h"
 #include "query.h"
-#include "resolution.h"
+#include "ratings.h"
+#include "resolution_record.h"
 #include "server_table.h"
-
-namespace dns {
-
-struct MediumName {
-  uint8_t dn[kMediumName];
-};
-struct LongName {
-  uint8_t dn[DNS_MAXDN];
-};
-
-// Buffers are packets on their way out and in.
-struct Buffers {
-  Datagram out[kBatch];
-  Datagram in[kBatch];
-  dns_query *leaving[kBatch];
-  uint8_t queries[kBatch][kQueryRoom];
-  uint8_t answers[kBatch][kAnswerRoom];
-  uint8_t rebuilt[DNS_MAXPACKET];  // an answer packet put together from a cache entry
-};
-
-}  // namespace dns
 
 struct dns_ctx {
   explicit dns_ctx(const dns::Io *the_io) : io(the_io), random(the_io), sockets(the_io, &random) {}
@@ -117,11 +97,14 @@ struct dns_ctx {
 
 namespace dns {
 
-// context_new makes a context over another world than the operating system's: without servers, with default options.
-[[nodiscard]] dns_ctx *context_new(const Io *io);
-
 // wall returns the wall clock's moment in this turn.
-[[nodiscard]] dns_time wall(dns_ctx *ctx);
+[[nodiscard]] inline dns_time wall(dns_ctx *ctx) {
+  if (!ctx->wall_read) {
+    ctx->wall = ctx->io->wall(ctx->io->self);
+    ctx->wall_read = true;
+  }
+  return ctx->wall;
+}
 
 // servers_of returns the servers that a query goes to.
 [[nodiscard]] inline std::span<Server *const> servers_of(const dns_query *q) {

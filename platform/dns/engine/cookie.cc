@@ -1,11 +1,14 @@
 // cookie.cc - see cookie.h.
 #include "cookie.h"
 
-#include <siphash.h>
 #include <string.h>
 
+#include <message.h>
+#include <opt.h>
+#include <siphash.h>
+
+#include "arrival.h"
 #include "context.h"
-#include "edns.h"
 
 namespace dns {
 namespace {

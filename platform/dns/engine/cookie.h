@@ -2,11 +2,12 @@
 #ifndef DNS_ENGINE_COOKIE_H
 #define DNS_ENGINE_COOKIE_H
 
-#include <dns_engine.h>
-#include <dns_wire.h>
 #include <stdint.h>
 
 #include <span>
+
+#include <dns_engine.h>
+#include <message.h>
 
 #include "arrival.h"
 #include "server.h"

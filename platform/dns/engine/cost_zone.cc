@@ -7,8 +7,10 @@
 #include <algorithm>
 #include <utility>
 
+#include <dns_wire.h>
+
 #include "context.h"
-#include "resolution.h"
+#include "resolving.h"
 
 namespace dns {
 namespace {

@@ -5,26 +5,10 @@
 #define DNS_ENGINE_COST_ZONE_H
 
 #include <dns_engine.h>
-#include <stdint.h>
-
-#include "bounds.h"
 
 namespace dns {
 
 struct Server;
-
-struct CostZone {
-  uint8_t zone[DNS_MAXDN] = {};  // the root: there is none
-  // Lookups that are open, free where there is no server.
-  struct Rating {
-    dns_query *lookup;
-    Server *server;
-  };
-  Rating ratings[kRatingsMax] = {};
-  unsigned open = 0;
-
-  [[nodiscard]] bool is_set() const { return zone[0] != 0; }
-};
 
 // lookup_cost asks the cost zone for a server's cost once the known one has expired. A query of the engine's own does
 // not cause further ones.

@@ -1,12 +1,18 @@
 // delegation.cc - see delegation.h.
 #include "delegation.h"
 
-#include <cacher.h>
-#include <cdata.h>
 #include <string.h>
 
 #include <algorithm>
 #include <memory>
+
+#include <cacher.h>
+#include <cdata.h>
+#include <cursor.h>
+#include <dns_wire.h>
+#include <message.h>
+#include <name.h>
+#include <record.h>
 
 #include "context.h"
 

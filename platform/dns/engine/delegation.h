@@ -4,7 +4,6 @@
 #ifndef DNS_ENGINE_DELEGATION_H
 #define DNS_ENGINE_DELEGATION_H
 
-#include <dns_wire.h>
 #include <netinet/in.h>
 #include <stdint.h>
 

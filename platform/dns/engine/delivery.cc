@@ -3,14 +3,21 @@
 
 #include <utility>
 
-#include "attempt.h"
 #include "coalesce.h"
 #include "context.h"
 #include "cost_zone.h"
-#include "resolution.h"
+#include "move.h"
+#include "places.h"
+#include "resolving.h"
 
 namespace dns {
 namespace {
+
+// abandon_lookup cancels the lookup that a query waits for.
+void abandon_lookup(dns_query *q) {
+  if (q->resolution == nullptr || q->resolution->lookup == nullptr) return;
+  drop(std::exchange(q->resolution->lookup, nullptr));
+}
 
 void release_name(dns_query *q) {
   dns_ctx *ctx = q->ctx;
@@ -35,6 +42,7 @@ void release_own_servers(dns_query *q) {
 
 void release(dns_query *q) {
   dns_ctx *ctx = q->ctx;
+  abandon_lookup(q);
   end_resolution(q);
   release_own_servers(q);
   release_name(q);

@@ -1,9 +1,9 @@
 // direct_cache.cc - see direct_cache.h.
 #include "direct_cache.h"
 
-#include "attempt.h"
 #include "context.h"
 #include "delivery.h"
+#include "places.h"
 #include "resolution.h"
 #include "trace.h"
 

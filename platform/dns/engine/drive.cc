@@ -7,6 +7,8 @@
 #include "coalesce.h"
 #include "context.h"
 #include "delivery.h"
+#include "invariants.h"
+#include "places.h"
 #include "receive.h"
 #include "resolution.h"
 #include "rto.h"
@@ -44,7 +46,10 @@ void take_queued(dns_ctx *ctx) {
     begin_at_delegation(q);
     if (q->state != State::queued) continue;
     choose_first(q);
-    if (!recall_failures(q)) continue;
+    if (!recall_failures(q)) {
+      no_server_left(q);
+      continue;
+    }
     if (servers_of(q).empty()) {
       deliver(q, DNS_E_TEMPFAIL, nullptr, 0, 0);
       continue;

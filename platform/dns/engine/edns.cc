@@ -1,10 +1,13 @@
 // edns.cc - see edns.h.
 #include "edns.h"
 
+#include <message.h>
+#include <opt.h>
+
 #include "attempt.h"
 #include "context.h"
 #include "cookie.h"
-#include "receive.h"
+#include "places.h"
 
 namespace dns {
 
@@ -20,10 +23,6 @@ size_t add_opt(dns_query *q, std::span<uint8_t> packet, size_t size) {
   uint8_t cookie[kClientCookieSize + kServerCookieMax];
   const size_t cookie_size = with_cookies(ctx) ? write_cookie(ctx, server, cookie) : 0;
   return write_opt(packet, size, static_cast<uint16_t>(ctx->options.udp_size), {cookie, cookie_size});
-}
-
-bool said_opt(const dns_query *q, unsigned place) {
-  return (q->attempt.with_opt & bit(place)) != 0;
 }
 
 bool wants_no_opt(const dns_query *q, unsigned place, std::span<const uint8_t> packet, const Header &header) {

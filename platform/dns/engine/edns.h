@@ -2,11 +2,12 @@
 #ifndef DNS_ENGINE_EDNS_H
 #define DNS_ENGINE_EDNS_H
 
-#include <dns_engine.h>
-#include <dns_wire.h>
 #include <stdint.h>
 
 #include <span>
+
+#include <dns_engine.h>
+#include <message.h>
 
 #include "arrival.h"
 
@@ -15,9 +16,6 @@ namespace dns {
 // add_opt appends the OPT record of a query to its present server, where it says EDNS0, and notes whether it does.
 // Returns the size of the packet, of which `size` bytes are written.
 [[nodiscard]] size_t add_opt(dns_query *q, std::span<uint8_t> packet, size_t size);
-
-// said_opt tells whether the server at `place` was sent an OPT record.
-[[nodiscard]] bool said_opt(const dns_query *q, unsigned place);
 
 // wants_no_opt tells whether a server stumbled over the OPT record that it was sent: it says that it does not
 // understand the query, in an answer without an OPT record, or that it knows no version of EDNS0 (RFC 6891, 6.1.3 and

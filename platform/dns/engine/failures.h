@@ -12,18 +12,14 @@
 
 #include "bounds.h"
 
-struct dns_query;
-
 namespace dns {
-
-struct Server;
 
 class Failures {
  public:
-  // remember notes that `server` failed at a query with `status`, a negative one.
-  void remember(const dns_query *q, const Server *server, dns_status status);
+  // remember notes that a server failed at a query with `status`, a negative one; `key` is a secret hash of both.
+  void remember(uint64_t key, int64_t now_us, dns_status status);
   // recall returns the status with which it failed, or 0.
-  [[nodiscard]] dns_status recall(const dns_query *q, const Server *server) const;
+  [[nodiscard]] dns_status recall(uint64_t key, int64_t now_us) const;
   // fresh tells whether any failure is remembered at all.
   [[nodiscard]] bool fresh(int64_t now_us) const { return now_us < until_us_; }
 

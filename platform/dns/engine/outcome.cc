@@ -5,14 +5,23 @@
 #include <algorithm>
 #include <utility>
 
+#include <chain.h>
+#include <message.h>
+#include <negative.h>
+#include <opt.h>
+
 #include "answer_cache.h"
+#include "arrival.h"
 #include "attempt.h"
+#include "choice.h"
 #include "coalesce.h"
 #include "context.h"
 #include "cookie.h"
 #include "delivery.h"
 #include "edns.h"
+#include "places.h"
 #include "resolution.h"
+#include "resolving.h"
 #include "result.h"
 #include "rto.h"
 #include "trace.h"
@@ -52,7 +61,7 @@ dns_status error_of(uint8_t rcode) {
 struct Reading {
   size_t answers_at = 0;
   Chain chain;
-  Denial denial;
+  NegativeAnswer denial;
 };
 
 // judge_negative reads an answer without records of the type.
@@ -61,20 +70,20 @@ Verdict judge_negative(const dns_query *q, Sections *sections, Reading *reading)
   const Header &header = sections->header();
   size_t authority = 0;
   const Chain &chain = reading->chain;
-  Denial &denial = reading->denial;
+  NegativeAnswer &denial = reading->denial;
   if (!sections->find(DNS_S_NS, &authority) ||
-      read_denial(packet, authority, {chain.end, chain.end_size}, &denial) != DNS_E_NOERROR)
+      read_negative(packet, authority, {chain.end, chain.end_size}, &denial) != DNS_E_NOERROR)
     return broken(DNS_D_PKT_RPINV);
   const int32_t ttl = std::min(denial.ttl, chain.ttl);
   // A negative answer by another zone than the name's ends the query and is not kept.
-  if (denial.stray_soa && !denial.soa && (header.rcode == DNS_R_NXDOMAIN || chain.aliases == 0))
+  if (denial.stray_soa && !denial.soa && (header.rcode == DNS_R_NXDOMAIN || chain.cnames == 0))
     return {header.rcode == DNS_R_NXDOMAIN ? DNS_E_NXDOMAIN : DNS_E_NODATA, DNS_D_PKT_INVSOA, 0, true};
   if (header.rcode == DNS_R_NXDOMAIN) return {DNS_E_NXDOMAIN, DNS_D_PKT_RPAN, ttl, denial.soa};
   if (denial.soa) return {DNS_E_NODATA, DNS_D_PKT_RPAN, ttl, true};
   // A server that is asked for its cache alone does not know what it does not deny with authority.
   if ((q->question.flags & DNS_DCACHE) != 0 && !header.aa) return broken(DNS_D_PKT_RPNS);
   // The chain's end was not answered for, so nothing is known about it.
-  if (chain.aliases > 0) return broken(DNS_D_PKT_RPCNAME);
+  if (chain.cnames > 0) return broken(DNS_D_PKT_RPCNAME);
   // A referral: the server does not know, whoever it points to.
   if (denial.ns && !header.aa) return broken(iterates(q) ? DNS_D_PKT_RPNS : DNS_D_PKT_LAME);
   return {DNS_E_NODATA, DNS_D_PKT_RPAN, 0, false};
@@ -192,10 +201,8 @@ void take_answer(dns_query *q, const Arrival &arrival, const Header &header, uns
   if (goes_on(q, arrival, header, place, verdict, reading)) return;
   const uint32_t failed = answering(q, *arrival.peer);
   q->progress.refused |= failed;
-  const auto servers = servers_of(q);
-  for (unsigned i = 0; i < servers.size(); ++i)
-    if ((failed & bit(i)) != 0 && (q->question.flags & DNS_DCACHE) == 0)
-      q->ctx->failures.remember(q, servers[i], verdict.status);
+  for (unsigned i = 0; i < servers_of(q).size(); ++i)
+    if ((failed & bit(i)) != 0 && (q->question.flags & DNS_DCACHE) == 0) remember_failure(q, i, verdict.status);
   // An error from a server that was asked before the present one changes nothing about the present attempt.
   if ((q->progress.refused & bit(q->attempt.server)) == 0) return;
   ask_again(q);

@@ -2,9 +2,10 @@
 #ifndef DNS_ENGINE_QUERY_H
 #define DNS_ENGINE_QUERY_H
 
+#include <stdint.h>
+
 #include <dns_engine.h>
 #include <list.h>
-#include <stdint.h>
 #include <timer_wheel.h>
 #include <udp_pool.h>
 
@@ -104,6 +105,15 @@ struct dns_query : base::Timer {
 };
 
 namespace dns {
+
+// said_opt tells whether the server at `place` was sent an OPT record, was_lowered whether it was asked in lower case,
+// and is free to answer in a case of its own.
+[[nodiscard]] inline bool said_opt(const dns_query *q, unsigned place) {
+  return (q->attempt.with_opt & bit(place)) != 0;
+}
+[[nodiscard]] inline bool was_lowered(const dns_query *q, unsigned place) {
+  return (q->attempt.lowered & bit(place)) != 0;
+}
 
 // The keys of the tables that queries are in.
 [[nodiscard]] inline uint16_t id_of(const dns_query &q) {

@@ -1,10 +1,15 @@
 // receive.cc - packets in: what each of them is, and which query it answers; see receive.h.
 #include "receive.h"
 
-#include <prefetch.h>
 #include <string.h>
 
 #include <algorithm>
+
+#include <cursor.h>
+#include <dns_wire.h>
+#include <letter_case.h>
+#include <message.h>
+#include <prefetch.h>
 
 #include "arrival.h"
 #include "attempt.h"
@@ -14,6 +19,7 @@
 #include "cookie.h"
 #include "edns.h"
 #include "outcome.h"
+#include "places.h"
 #include "trace.h"
 
 namespace dns {
@@ -118,10 +124,6 @@ void prefetch_queries(const dns_ctx *ctx, std::span<const Datagram> batch) {
 }
 
 }  // namespace
-
-bool is_present(const dns_query *q, unsigned place) {
-  return q->state == State::waiting && place == q->attempt.server;
-}
 
 bool take_packet(dns_ctx *ctx, std::span<uint8_t> packet, const sockaddr_in &peer, int slot) {
   const Arrival arrival = {packet, &peer, slot};

@@ -2,11 +2,12 @@
 #ifndef DNS_ENGINE_RECEIVE_H
 #define DNS_ENGINE_RECEIVE_H
 
-#include <dns_engine.h>
 #include <netinet/in.h>
 #include <stdint.h>
 
 #include <span>
+
+#include <dns_engine.h>
 
 namespace dns {
 
@@ -19,9 +20,6 @@ void receive(dns_ctx *ctx, int slot);
 // take_returned reads which queries the network has sent back as undeliverable on a UDP socket, and moves them on.
 // False when there was none.
 bool take_returned(dns_ctx *ctx, int slot);
-
-// is_present tells whether the server at `place` is that of the present attempt, while that is waited for.
-[[nodiscard]] bool is_present(const dns_query *q, unsigned place);
 
 }  // namespace dns
 

@@ -11,11 +11,17 @@
 #include <new>
 #include <utility>
 
-#include "attempt.h"
+#include <chain.h>
+#include <dns_wire.h>
+#include <name.h>
+
 #include "choice.h"
 #include "context.h"
 #include "delegation.h"
 #include "delivery.h"
+#include "move.h"
+#include "places.h"
+#include "resolving.h"
 
 namespace dns {
 namespace {
@@ -33,12 +39,6 @@ Resolution *resolution(dns_query *q) {
 // top is the resolution of the question for whose sake all look-ups above this one are made.
 Resolution *top(Resolution *resolution) {
   return resolution->top != nullptr ? resolution->top : resolution;
-}
-
-void release_servers(dns_query *q) {
-  for (unsigned i = 0; i < q->resolution->nserv; ++i)
-    q->ctx->server_table.release(q->resolution->servers[i]);
-  q->resolution->nserv = 0;
 }
 
 // take_servers makes the servers of a delegation those of a question that has left everything. False when none of them
@@ -129,23 +129,6 @@ void adopt(dns_query *q, const Delegation &delegation) {
 
 }  // namespace
 
-const uint8_t *zone_of(const dns_query *q) {
-  return q->resolution != nullptr && q->resolution->nserv > 0 ? q->resolution->zone : nullptr;
-}
-
-unsigned cnames_left(const dns_query *q) {
-  const unsigned passed = q->resolution != nullptr ? q->resolution->cnames : 0;
-  return q->ctx->options.maxalias - std::min(q->ctx->options.maxalias, passed);
-}
-
-bool passed_cnames(const dns_query *q) {
-  return q->resolution != nullptr && q->resolution->passed != nullptr;
-}
-
-bool is_lookup(const dns_query *q) {
-  return q->resolution != nullptr && q->resolution->top != nullptr;
-}
-
 void start_over(dns_query *q) {
   q->progress = Progress{};
   q->attempt.pauses = 0;
@@ -154,8 +137,12 @@ void start_over(dns_query *q) {
   enqueue(q);
   if (servers_of(q).empty())
     deliver(q, DNS_E_TEMPFAIL, nullptr, 0, 0);
-  else
-    (void)recall_failures(q);
+  else if (!recall_failures(q))
+    no_server_left(q);
+}
+
+void no_server_left(dns_query *q) {
+  if (!has_other_servers(q) || !begin_anew(q)) deliver(q, q->progress.error, nullptr, 0, 0);
 }
 
 void begin_at_delegation(dns_query *q) {
@@ -206,7 +193,7 @@ bool ask_on(dns_query *q, std::span<const uint8_t> packet, size_t answers_at, co
   if (cdata_append_chain(resolution->passed, packet, answers_at, q->question.ask, chain, false) != DNS_E_NOERROR)
     return false;
   resolution->passed_end = cdata_end(resolution->passed);
-  resolution->cnames += chain.aliases;
+  resolution->cnames += chain.cnames;
   resolution->ttl = std::min(resolution->ttl, chain.ttl);
   leave(q);
   memcpy(resolution->ask, chain.end, sizeof resolution->ask);
@@ -246,19 +233,6 @@ dns_status complete(dns_query *q, std::span<const uint8_t> packet, size_t answer
   if (size < 0) return size;
   *whole = {ctx->buffers->rebuilt, static_cast<size_t>(size)};
   return DNS_E_NOERROR;
-}
-
-void abandon_lookup(dns_query *q) {
-  if (q->resolution == nullptr || q->resolution->lookup == nullptr) return;
-  drop(std::exchange(q->resolution->lookup, nullptr));
-}
-
-void end_resolution(dns_query *q) {
-  if (q->resolution == nullptr) return;
-  abandon_lookup(q);
-  release_servers(q);
-  dns_cdata_free(q->resolution->passed);
-  q->ctx->resolutions.put(std::exchange(q->resolution, nullptr));
 }
 
 }  // namespace dns

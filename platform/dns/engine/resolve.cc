@@ -12,6 +12,8 @@
 #include <algorithm>
 #include <memory>
 
+#include <dns_wire.h>
+
 #include "context.h"
 
 namespace dns {

@@ -2,14 +2,17 @@
 #include "resolver_file.h"
 
 #include <arpa/inet.h>
-#include <dns_wire.h>
-#include <pelk.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include <algorithm>
 #include <memory>
+
+#include <dns_wire.h>
+#include <pelk.h>
+
+#include "bounds.h"
 
 namespace dns {
 namespace {

@@ -7,8 +7,9 @@
 
 #include <algorithm>
 
+#include <block.h>
+
 #include "context.h"
-#include "outcome.h"
 
 namespace dns {
 namespace {
@@ -32,8 +33,8 @@ int parse(Block kind, dns_ctx *ctx, const uint8_t *dn, const uint8_t *packet, co
   const size_t answers_at = static_cast<size_t>(at - packet);
   if (size > 0) {
     if (*result == nullptr) return DNS_E_INVAL;
-    const unsigned aliases_max = ctx != nullptr ? ctx->options.maxalias : kAliasesMax;
-    return lay_block(kind, bytes, answers_at, dn, {static_cast<uint8_t *>(*result), size}, nullptr, aliases_max);
+    const unsigned cnames_max = ctx != nullptr ? ctx->options.maxalias : kCnamesMax;
+    return lay_block(kind, bytes, answers_at, dn, {static_cast<uint8_t *>(*result), size}, nullptr, cnames_max);
   }
   if (ctx == nullptr) return DNS_E_INVAL;
   if (!result_reserve(ctx, kResultMin)) return DNS_E_NOMEM;

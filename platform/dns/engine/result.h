@@ -2,13 +2,22 @@
 #ifndef DNS_ENGINE_RESULT_H
 #define DNS_ENGINE_RESULT_H
 
-#include <dns_engine.h>
 #include <stddef.h>
 #include <stdint.h>
 
 #include <span>
 
+#include <dns_engine.h>
+
 namespace dns {
+
+// The statuses that are answers: records, or that there are none; and those of them that are negative.
+[[nodiscard]] constexpr bool is_negative(dns_status status) {
+  return status == DNS_E_NXDOMAIN || status == DNS_E_NODATA;
+}
+[[nodiscard]] constexpr bool is_answer(dns_status status) {
+  return status == DNS_E_NOERROR || is_negative(status);
+}
 
 // answers_after is where the answers begin in a packet with one question, whose name has `size` bytes.
 [[nodiscard]] constexpr size_t answers_after(size_t size) {

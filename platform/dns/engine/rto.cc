@@ -3,9 +3,10 @@
 
 #include <algorithm>
 
-#include "choice.h"
+#include "arrival.h"
+#include "candidates.h"
 #include "context.h"
-#include "state.h"
+#include "move.h"
 
 namespace dns {
 

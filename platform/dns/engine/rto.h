@@ -3,8 +3,9 @@
 #ifndef DNS_ENGINE_RTO_H
 #define DNS_ENGINE_RTO_H
 
-#include <dns_engine.h>
 #include <stdint.h>
+
+#include <dns_engine.h>
 
 #include "arrival.h"
 

@@ -9,10 +9,10 @@
 #include <numeric>
 
 #include "attempt.h"
-#include "case_0x20.h"
 #include "choice.h"
 #include "context.h"
-#include "edns.h"
+#include "places.h"
+#include "query_packet.h"
 #include "rto.h"
 #include "tcp.h"
 #include "trace.h"
@@ -203,14 +203,6 @@ void send_next(dns_ctx *ctx, base::Link *held) {
 }
 
 }  // namespace
-
-size_t build(dns_query *q, std::span<uint8_t> packet) {
-  const Question &question = q->question;
-  const std::span<const uint8_t> name(question.ask, q->ask_size);
-  const size_t size = write_query(packet, q->attempt.id, recursive(q), name, question.typ, question.cls);
-  set_case(q, packet.subspan(DNS_HSIZE, q->ask_size));
-  return add_opt(q, packet, size);
-}
 
 void flush(dns_ctx *ctx) {
   base::Link held;

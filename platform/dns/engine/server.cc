@@ -3,6 +3,8 @@
 
 #include <algorithm>
 
+#include "bounds.h"
+
 namespace dns {
 namespace {
 

@@ -4,13 +4,13 @@
 #ifndef DNS_ENGINE_SERVER_H
 #define DNS_ENGINE_SERVER_H
 
-#include <list.h>
 #include <netinet/in.h>
 #include <stdint.h>
 
 #include <atomic>
 
 #include <kavo/dns_types.h>
+#include <list.h>
 
 #include "bounds.h"
 

@@ -3,6 +3,8 @@
 
 #include <string.h>
 
+#include <dns_wire.h>
+
 #include "context.h"
 #include "cost_zone.h"
 

@@ -2,9 +2,10 @@
 #ifndef DNS_ENGINE_SERVER_LIST_H
 #define DNS_ENGINE_SERVER_LIST_H
 
-#include <dns_engine.h>
 #include <netinet/in.h>
 #include <stdint.h>
+
+#include <dns_engine.h>
 
 namespace dns {
 

@@ -3,8 +3,9 @@
 #ifndef DNS_ENGINE_SERVER_TABLE_H
 #define DNS_ENGINE_SERVER_TABLE_H
 
-#include <list.h>
 #include <netinet/in.h>
+
+#include <list.h>
 #include <pelk.h>
 
 #include "bounds.h"

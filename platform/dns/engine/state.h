@@ -1,4 +1,4 @@
-// state.h - the states of a query, and the one place that moves a query from one to another.
+// state.h - the states of a query, and the steps that it may take between them. move.h takes them.
 //
 //   dns_submit_dn_serv -> queued -> (cache) -> sending <-> waiting -> delivering
 //                           |                   |  ^          |            ^
@@ -12,11 +12,7 @@
 #ifndef DNS_ENGINE_STATE_H
 #define DNS_ENGINE_STATE_H
 
-#include <list.h>
 #include <stdint.h>
-
-struct dns_ctx;
-struct dns_query;
 
 namespace dns {
 
@@ -34,25 +30,13 @@ enum class State : uint8_t {
 // name_of returns a state's name, as a log says it.
 [[nodiscard]] const char *name_of(State state);
 
+// has_timer tells whether a query of a state is in the timers, and in no list.
+[[nodiscard]] constexpr bool has_timer(State state) {
+  return state == State::waiting || state == State::pausing;
+}
+
 // is_legal tells whether a query may go from one state to the other.
 [[nodiscard]] bool is_legal(State from, State to);
-
-// move takes a query out of the list or the timers that its state has it in, and appends it to the `list` of its new
-// state (null: none). move_until has it in the timers instead, until a deadline (microseconds). take_out leaves it in
-// neither, for a moment.
-void move(dns_query *q, State to, base::Link *list);
-void move_until(dns_query *q, State to, int64_t deadline_us);
-void take_out(dns_query *q);
-
-// check_turn is called after every turn of the loop. A debug build ends the process there, with a line that says why,
-// when the context's lists, timers and counts contradict each other; other builds do nothing. It looks at as many
-// records as keeps its cost a constant part of a turn's; check_all looks at all, in every build.
-void check_all(dns_ctx *ctx);
-#ifdef NDEBUG
-inline void check_turn(dns_ctx *) {}
-#else
-void check_turn(dns_ctx *ctx);
-#endif
 
 }  // namespace dns
 

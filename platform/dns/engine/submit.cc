@@ -3,10 +3,12 @@
 
 #include <new>
 
+#include <dns_wire.h>
+
 #include "answer_cache.h"
 #include "context.h"
 #include "delivery.h"
-#include "resolution.h"
+#include "resolving.h"
 #include "server_list.h"
 
 namespace dns {

@@ -15,9 +15,11 @@
 #include "attempt.h"
 #include "case_0x20.h"
 #include "context.h"
+#include "move.h"
+#include "places.h"
+#include "query_packet.h"
 #include "receive.h"
 #include "rto.h"
-#include "send.h"
 #include "trace.h"
 
 namespace dns {
@@ -213,13 +215,6 @@ void tcp_receive(dns_ctx *ctx) {
   if (ctx->connections_open == 0) return;
   for (Connection &connection : ctx->connections)
     if (connection.link.is_open() && connection.count > 0) read_connection(ctx, &connection);
-}
-
-void tcp_forget(dns_query *q) {
-  Connection &connection = q->ctx->connections[q->attempt.slot - kTcpSlot];
-  const Connection::Posted last = connection.under_way[--connection.count];
-  connection.under_way[q->attempt.place] = last;
-  last.query->attempt.place = q->attempt.place;
 }
 
 void tcp_timed_out(dns_query *q) {

@@ -17,8 +17,7 @@ void send_over_tcp(dns_query *q);
 void tcp_receive(dns_ctx *ctx);
 [[nodiscard]] bool tcp_event(dns_ctx *ctx, const dns_ios &socket);
 
-// tcp_forget takes a query off its connection, tcp_timed_out gives up its attempt there.
-void tcp_forget(dns_query *q);
+// tcp_timed_out gives up the attempt of a query that is under way on a connection.
 void tcp_timed_out(dns_query *q);
 
 // tcp_tidy closes connections that have been idle, tcp_close all.

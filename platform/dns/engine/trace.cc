@@ -6,6 +6,7 @@
 
 #include <utility>
 
+#include "arrival.h"
 #include "context.h"
 #include "delivery.h"
 

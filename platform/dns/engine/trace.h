@@ -2,9 +2,10 @@
 #ifndef DNS_ENGINE_TRACE_H
 #define DNS_ENGINE_TRACE_H
 
-#include <dns_engine.h>
 #include <stddef.h>
 #include <stdint.h>
+
+#include <dns_engine.h>
 
 #include "arrival.h"
 

@@ -1,12 +1,12 @@
 // tcp_link.cc - one TCP connection to a server; see dns_io.h.
+#include <tcp_link.h>
+
 #include <errno.h>
 #include <limits.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include <utility>
-
-#include <tcp_link.h>
 
 namespace dns {
 namespace {

@@ -1,7 +1,7 @@
 // udp_pool.cc - the sockets that questions leave from; see dns_io.h.
-#include <errno.h>
-
 #include <udp_pool.h>
+
+#include <errno.h>
 
 namespace dns {
 namespace {

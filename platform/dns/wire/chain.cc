@@ -1,27 +1,30 @@
-// chain.cc - what an answer says: where its aliases lead, and what its authority section denies. Stateless; any thread.
+// chain.cc - where the CNAME chain of an answer leads. Stateless; any thread.
+#include <chain.h>
+
 #include <string.h>
 
 #include <algorithm>
 
+#include <cursor.h>
 #include <dns_wire.h>
+#include <message.h>
+#include <name.h>
+#include <record.h>
 
-#include "chain.h"
-#include "wire.h"
+#include "answers.h"
 
 namespace dns {
 namespace {
 
-constexpr size_t kSoaNumbers = 4;  // SERIAL, REFRESH, RETRY and EXPIRE stand before MINIMUM
-
-// Finder looks for the end of a chain of aliases, pass by pass over the answer section.
+// Finder looks for the end of a CNAME chain, pass by pass over the answer section.
 class Finder {
  public:
   Finder(const Answers &answers, dns_type typ, const uint8_t *within, Chain *chain)
       : start_(answers), typ_(typ), within_(within), chain_(chain) {}
 
   // pass walks the section once; `moved` tells that an alias was followed, so that what the section holds in front of
-  // it must be looked at again. `aliases_max` bounds the aliases of all passes.
-  [[nodiscard]] dns_status pass(unsigned aliases_max, bool *moved) {
+  // it must be looked at again. `cnames_max` bounds the CNAMEs of all passes.
+  [[nodiscard]] dns_status pass(unsigned cnames_max, bool *moved) {
     Answers answers = start_;
     answers.set_name({chain_->end, chain_->end_size});
     *moved = false;
@@ -34,7 +37,7 @@ class Finder {
         ++chain_->records;
         ttl_ = std::min(ttl_, record.ttl);
       } else if (record.typ == DNS_T_CNAME) {
-        if (chain_->aliases == aliases_max) return DNS_E_CNLOOP;
+        if (chain_->cnames == cnames_max) return DNS_E_CNLOOP;
         if (!follow(answers, record)) return DNS_E_PROTOCOL;
         answers.set_name({chain_->end, chain_->end_size});
         *moved = true;
@@ -50,7 +53,7 @@ class Finder {
   bool follow(const Answers &answers, const Record &record) {
     Reader data = data_reader(answers.packet(), record.data_at, record.data.size());
     if (!data.name(chain_->end, &chain_->end_size) || data.left() != 0) return false;
-    ++chain_->aliases;
+    ++chain_->cnames;
     chain_->ttl = std::min(chain_->ttl, record.ttl);
     return true;
   }
@@ -62,66 +65,11 @@ class Finder {
   Chain *chain_;
 };
 
-// soa_ttl reads how long a SOA record lets a denial be kept. False for malformed data.
-bool soa_ttl(std::span<const uint8_t> packet, const Record &record, int32_t *ttl) {
-  Reader data = data_reader(packet, record.data_at, record.data.size());
-  uint32_t minimum = 0;
-  if (!data.check_name() || !data.check_name() || !data.skip(kSoaNumbers * sizeof minimum)) return false;
-  if (!data.u32(&minimum) || data.left() != 0) return false;
-  *ttl = minimum <= INT32_MAX ? std::min(record.ttl, static_cast<int32_t>(minimum)) : 0;
-  return true;
-}
-
 }  // namespace
 
-bool covers(std::span<const uint8_t> zone, std::span<const uint8_t> dn) {
-  while (dn.size() > zone.size() && dn.front() < dn.size())
-    dn = dn.subspan(1U + dn.front());
-  if (dn.empty() || dn.size() != zone.size()) return false;
-  return memcmp(zone.data(), dn.data(), dn.size()) == 0 || dns_dnequal(zone.data(), dn.data()) != 0;
-}
-
-Answers::Answers(std::span<const uint8_t> packet, size_t answers_at, unsigned count, dns_class cls)
-    : reader_(packet, answers_at), left_(count), cls_(cls) {}
-
-void Answers::set_name(std::span<const uint8_t> dn) {
-  name_ = dn.data();
-  at_question_ = is_question(dn);
-}
-
-// is_question tells whether the name behind the packet's header is `dn`. The same bytes are the same name.
-bool Answers::is_question(std::span<const uint8_t> dn) const {
-  uint8_t question[DNS_MAXDN];
-  Reader reader(packet(), DNS_HSIZE);
-  return reader.passes(dn) || (reader.name(question) && dns_dnequal(question, dn.data()) != 0);
-}
-
-int Answers::next(Record *record) {
-  while (left_ > 0) {
-    --left_;
-    bool ours = false;
-    if (!owner_is_ours(record, &ours) || !read_body(&reader_, record)) return DNS_E_PROTOCOL;
-    if (ours && (cls_ == DNS_C_ANY || record->cls == cls_)) return 1;
-  }
-  return 0;
-}
-
-bool Answers::owner_is_ours(Record *record, bool *ours) {
-  uint16_t start = 0;
-  Reader ahead = reader_;
-  if (at_question_ && ahead.u16(&start) && start == kToQuestion) {
-    reader_ = ahead;
-    *ours = true;
-    return true;
-  }
-  if (!reader_.name(record->owner)) return false;
-  *ours = dns_dnequal(record->owner, name_) != 0;
-  return true;
-}
-
 dns_status follow_chain(std::span<const uint8_t> packet, size_t answers_at, std::span<const uint8_t> dn, dns_type typ,
-                        dns_class cls, unsigned aliases_max, Chain *chain, const uint8_t *within) {
-  chain->aliases = chain->records = 0;
+                        dns_class cls, unsigned cnames_max, Chain *chain, const uint8_t *within) {
+  chain->cnames = chain->records = 0;
   chain->ttl = INT32_MAX;
   chain->left = false;
   if (dn.empty() || dn.size() > sizeof chain->end) return DNS_E_INVAL;
@@ -130,7 +78,7 @@ dns_status follow_chain(std::span<const uint8_t> packet, size_t answers_at, std:
   if (answers_at > packet.size() || packet.size() < DNS_HSIZE) return DNS_E_PROTOCOL;
   const unsigned count = records_in(packet, DNS_S_AN);
   // A chain that takes more steps than there are records has taken one of them twice.
-  const unsigned steps_max = std::min(aliases_max, count);
+  const unsigned steps_max = std::min(cnames_max, count);
   Finder finder(Answers(packet, answers_at, count, cls), typ, within, chain);
   dns_status status = DNS_E_NOERROR;
   for (bool moved = true; moved && !chain->left && status == DNS_E_NOERROR;)
@@ -138,29 +86,6 @@ dns_status follow_chain(std::span<const uint8_t> packet, size_t answers_at, std:
   if (chain->left) chain->records = 0;
   chain->ttl = std::min(chain->ttl, chain->left ? INT32_MAX : finder.records_ttl());
   return status;
-}
-
-dns_status read_denial(std::span<const uint8_t> packet, size_t authority_at, std::span<const uint8_t> dn,
-                       Denial *denial) {
-  denial->soa = denial->stray_soa = denial->ns = false;
-  denial->ttl = 0;
-  denial->zone[0] = 0;
-  if (dn.empty()) return DNS_E_INVAL;
-  if (authority_at > packet.size() || packet.size() < DNS_HSIZE) return DNS_E_PROTOCOL;
-  Reader reader(packet, authority_at);
-  Record record;
-  for (unsigned left = records_in(packet, DNS_S_NS); left > 0; --left) {
-    if (!read_record(&reader, &record)) return DNS_E_PROTOCOL;
-    const bool first_ns = record.typ == DNS_T_NS && !denial->ns;
-    const bool covering = record.typ == DNS_T_SOA && covers({record.owner, record.owner_size}, dn);
-    const bool first_soa = covering && !denial->soa;
-    denial->stray_soa = denial->stray_soa || (record.typ == DNS_T_SOA && !covering);
-    if (first_soa && !soa_ttl(packet, record, &denial->ttl)) return DNS_E_PROTOCOL;
-    if (first_soa || (first_ns && !denial->soa)) memcpy(denial->zone, record.owner, record.owner_size);
-    denial->ns = denial->ns || first_ns;
-    denial->soa = denial->soa || first_soa;
-  }
-  return DNS_E_NOERROR;
 }
 
 }  // namespace dns

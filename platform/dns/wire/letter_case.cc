@@ -1,11 +1,11 @@
 // letter_case.cc - names whose letters carry random bits in their case. Stateless; any thread.
 //
 // Eight bytes are treated at a time. The length bytes of labels are below every letter, and so come through unchanged.
+#include <letter_case.h>
+
 #include <string.h>
 
 #include <bit>
-
-#include <dns_wire.h>
 
 namespace dns {
 namespace {

@@ -2,14 +2,14 @@
 //
 // No state but one text buffer of each thread (dns_dntosp), so any thread may call anything here. A DN that comes from
 // outside has been through Reader::name; these functions nevertheless check every length byte before they trust it.
+#include <name.h>
+
 #include <string.h>
 
 #include <algorithm>
 #include <array>
 
 #include <dns_wire.h>
-
-#include "wire.h"
 
 namespace {
 
@@ -198,6 +198,13 @@ char *put_label(const unsigned char *label, char *out) {
 }
 
 }  // namespace
+
+bool dns::covers(std::span<const uint8_t> zone, std::span<const uint8_t> dn) {
+  while (dn.size() > zone.size() && dn.front() < dn.size())
+    dn = dn.subspan(1U + dn.front());
+  if (dn.empty() || dn.size() != zone.size()) return false;
+  return memcmp(zone.data(), dn.data(), dn.size()) == 0 || dns_dnequal(zone.data(), dn.data()) != 0;
+}
 
 char *dns::put_name(const uint8_t *dn, char *text) {
   char *out = text;

@@ -1,9 +1,10 @@
 // opt.cc - the OPT record of EDNS0 (RFC 6891): written behind a question, and read from an answer. Stateless; any
 // thread.
+#include <opt.h>
 
-#include <dns_wire.h>
-
-#include "wire.h"
+#include <cursor.h>
+#include <message.h>
+#include <record.h>
 
 namespace dns {
 namespace {

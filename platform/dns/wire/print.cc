@@ -2,11 +2,16 @@
 //
 // The packet is foreign and read through Reader only. Stateless; any thread, on a stream of its own or one that others
 // may write to as well.
+#include "print.h"
+
 #include <stdio.h>
 
 #include <algorithm>
 
-#include "print.h"
+#include <cursor.h>
+#include <dns_wire.h>
+#include <message.h>
+#include <record.h>
 
 namespace dns {
 namespace {

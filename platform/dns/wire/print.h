@@ -8,7 +8,7 @@
 #include <span>
 #include <string_view>
 
-#include <dns_wire.h>
+#include <record.h>
 
 namespace dns {
 

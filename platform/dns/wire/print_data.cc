@@ -9,8 +9,11 @@
 
 #include <algorithm>
 
+#include <cursor.h>
+#include <dns_wire.h>
+#include <record.h>
+
 #include "print.h"
-#include "wire.h"
 
 namespace dns {
 namespace {

@@ -1,9 +1,9 @@
 // record.cc - single records: their fixed part, and what the data of each type is made of. Stateless; any thread.
+#include <record.h>
+
 #include <algorithm>
 
-#include <dns_wire.h>
-
-#include "wire.h"
+#include <cursor.h>
 
 namespace dns {
 namespace {

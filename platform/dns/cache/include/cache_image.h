@@ -11,10 +11,9 @@
 
 #include <span>
 
-#include <kavo/dns.h>
-
 #include <byte_order.h>
 #include <cdata.h>
+#include <kavo/dns.h>
 
 namespace dns {
 

@@ -13,7 +13,7 @@
 
 #include <span>
 
-#include <dns_wire.h>
+#include <chain.h>
 #include <kavo/dns.h>
 
 struct dns_cdata {
@@ -54,17 +54,17 @@ inline constexpr size_t kRunMax = DNS_MAXPACKET - DNS_HSIZE - DNS_MAXDN - kQuest
 // cdata_reserve makes room for a run of `size` bytes, keeping the run. False without memory: nothing has changed.
 [[nodiscard]] bool cdata_reserve(dns_cdata *entry, size_t size);
 
-// cdata_is_denial tells whether the entry answers its question with nothing: the name does not exist, or its chain of
+// cdata_is_negative tells whether the entry answers its question with nothing: the name does not exist, or its chain of
 // aliases ends without a record of the type.
-[[nodiscard]] bool cdata_is_denial(const dns_cdata *entry);
-[[nodiscard]] bool is_denial(uint16_t typ, uint8_t rcode, unsigned records, unsigned cnames);
+[[nodiscard]] bool cdata_is_negative(const dns_cdata *entry);
+[[nodiscard]] bool is_negative(uint16_t typ, uint8_t rcode, unsigned records, unsigned cnames);
 
 // cdata_from_answer makes `entry`, whose key is set, hold the answer that stands in `packet`: the chain of aliases from
 // its name and the records of its type at the chain's end, nothing else. DNS_E_NOERROR; DNS_E_PROTOCOL for an answer
 // section that is malformed; DNS_E_CNLOOP; DNS_E_BADQUERY for an entry without a name; DNS_E_NOMEM, also for an answer
 // that is too large once its names are written whole. After a failure the entry holds no records.
 [[nodiscard]] dns_status cdata_from_answer(dns_cdata *entry, std::span<const uint8_t> packet, size_t answers_at,
-                                           unsigned aliases_max, int rcode, int32_t ttl);
+                                           unsigned cnames_max, int rcode, int32_t ttl);
 
 // cdata_end is a mark behind the entry's last record; cdata_cut takes away what was appended after one.
 struct CdataEnd {

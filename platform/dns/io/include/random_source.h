@@ -2,10 +2,11 @@
 #ifndef RANDOM_SOURCE_H
 #define RANDOM_SOURCE_H
 
-#include <dns_io.h>
-#include <pelk.h>
 #include <stdint.h>
 #include <string.h>
+
+#include <dns_io.h>
+#include <pelk.h>
 
 namespace dns {
 

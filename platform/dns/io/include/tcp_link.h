@@ -2,12 +2,13 @@
 #ifndef TCP_LINK_H
 #define TCP_LINK_H
 
-#include <dns_io.h>
 #include <netinet/in.h>
 #include <stddef.h>
 #include <stdint.h>
 
 #include <span>
+
+#include <dns_io.h>
 
 namespace dns {
 

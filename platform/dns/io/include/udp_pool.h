@@ -3,10 +3,11 @@
 #ifndef UDP_POOL_H
 #define UDP_POOL_H
 
-#include <dns_io.h>
 #include <netinet/in.h>
-#include <random_source.h>
 #include <stdint.h>
+
+#include <dns_io.h>
+#include <random_source.h>
 
 namespace dns {
 

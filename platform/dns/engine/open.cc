@@ -1,11 +1,12 @@
-// context.cc - making, opening, closing and releasing engine contexts; what is installed in them. See context.h.
-#include "context.h"
+// open.cc - see open.h; and what is installed in contexts.
+#include "open.h"
 
 #include <stdlib.h>
 
 #include <new>
 #include <utility>
 
+#include "context.h"
 #include "delivery.h"
 #include "resolver_file.h"
 #include "server_list.h"
@@ -29,14 +30,6 @@ dns_ctx *context_new(const Io *io) {
     return ctx;
   dns_destroy(ctx);
   return nullptr;
-}
-
-dns_time wall(dns_ctx *ctx) {
-  if (!ctx->wall_read) {
-    ctx->wall = ctx->io->wall(ctx->io->self);
-    ctx->wall_read = true;
-  }
-  return ctx->wall;
 }
 
 }  // namespace dns

@@ -1,15 +1,16 @@
-// wire.h - what the sources of this folder share among themselves.
-#ifndef DNS_WIRE_WIRE_H
-#define DNS_WIRE_WIRE_H
+// record.h - one record of a packet.
+#ifndef RECORD_H
+#define RECORD_H
+
+#include <stddef.h>
+#include <stdint.h>
 
 #include <span>
 
-#include <dns_wire.h>
+#include <cursor.h>
+#include <kavo/dns.h>
 
 namespace dns {
-
-inline constexpr uint16_t kFlagQr = 0x8000;
-inline constexpr uint16_t kFlagRa = 0x0080;
 
 // RecordHead is what follows a record's owner: type, class, TTL and the size of its data. read_head reads one.
 struct RecordHead {
@@ -27,13 +28,17 @@ inline constexpr size_t kRecordHeadSize = 10;
   return true;
 }
 
-// write_question writes a header and one question about a whole DN. Returns the bytes written; 0 when they do not fit,
-// or for a type or class that has no 16 bits, or for an empty name.
-[[nodiscard]] size_t write_question(std::span<uint8_t> buffer, uint16_t id, uint16_t flags, std::span<const uint8_t> dn,
-                                    dns_type typ, dns_class cls);
-
-// put_name writes a whole DN as text, which takes up to DNS_MAXNAME bytes with its terminator; returns where that is.
-char *put_name(const uint8_t *dn, char *text);
+// Record is one record of a packet, its data still compressed. `data_at` is the data's place in the packet.
+struct Record {
+  uint8_t owner[DNS_MAXDN];
+  unsigned owner_size;
+  uint16_t typ;
+  uint16_t cls;
+  int32_t ttl;  // 0 to 2^31 - 1: a larger one is read as 0 (RFC 2181, section 8)
+  std::span<const uint8_t> data;
+  size_t data_at;
+};
+[[nodiscard]] bool read_record(Reader *reader, Record *record);
 
 // kToQuestion is a name's two bytes when it is a pointer to the question's name, as servers write most owners.
 inline constexpr uint16_t kToQuestion = 0xC000 | DNS_HSIZE;
@@ -47,6 +52,11 @@ inline Reader data_reader(std::span<const uint8_t> packet, size_t data_at, size_
   return inside ? Reader(packet.first(data_at + data_size), data_at) : Reader({});
 }
 
+// plain_data writes a record's data to `writer` with every compressed name in it written whole, for the types that may
+// hold one (RFC 3597, section 4). False for data that its type does not allow, or when it does not fit.
+[[nodiscard]] bool plain_data(std::span<const uint8_t> packet, uint16_t typ, size_t data_at, size_t data_size,
+                              Writer *writer);
+
 }  // namespace dns
 
-#endif  // DNS_WIRE_WIRE_H
+#endif  // RECORD_H

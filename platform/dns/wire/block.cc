@@ -1,15 +1,21 @@
-// answer.cc - record blocks: an answer packet laid out in one piece of memory, in the order that kavo/dns_rr.h
+// block.cc - record blocks: an answer packet laid out in one piece of memory, in the order that kavo/dns_rr.h
 // describes.
 //
 // A block is laid in one walk over the answer. Layer keeps counting where the buffer ends before the block does, so
 // that the same walk tells how much a block needs. Stateless; any thread, on a buffer of its own.
+#include <block.h>
+
 #include <stddef.h>
 #include <string.h>
 
+#include <chain.h>
+#include <cursor.h>
 #include <dns_wire.h>
+#include <message.h>
+#include <name.h>
+#include <record.h>
 
-#include "chain.h"
-#include "wire.h"
+#include "answers.h"
 
 namespace dns {
 namespace {
@@ -194,10 +200,10 @@ dns_class class_of(std::span<const uint8_t> packet, std::span<const uint8_t> dn)
 
 // lay_records lays a whole block of records; its size is then what `layer` needed.
 dns_status lay_records(const Layout &layout, std::span<const uint8_t> packet, size_t answers_at,
-                       std::span<const uint8_t> dn, unsigned aliases_max, Layer *layer) {
+                       std::span<const uint8_t> dn, unsigned cnames_max, Layer *layer) {
   const dns_class cls = class_of(packet, dn);
   Chain chain;
-  const dns_status found = follow_chain(packet, answers_at, dn, layout.typ, cls, aliases_max, &chain);
+  const dns_status found = follow_chain(packet, answers_at, dn, layout.typ, cls, cnames_max, &chain);
   if (found != DNS_E_NOERROR) return found;
   Answers answers(packet, answers_at, records_in(packet, DNS_S_AN), cls);
   answers.set_name({chain.end, chain.end_size});
@@ -208,10 +214,10 @@ dns_status lay_records(const Layout &layout, std::span<const uint8_t> packet, si
   const dns_status laid = lay_entries(layout, answers, entries_at, layer);
   if (laid != DNS_E_NOERROR) return laid;
   head.common.dnsn_cname = layer->append_name(chain.end);
-  head.common.dnsn_qname = chain.aliases == 0 || same_text({chain.end, chain.end_size}, dn)
+  head.common.dnsn_qname = chain.cnames == 0 || same_text({chain.end, chain.end_size}, dn)
                                ? head.common.dnsn_cname
                                : layer->append_name(dn.data());
-  head.common.dnsn_ttl = chain.aliases + chain.records > 0 ? chain.ttl : 0;
+  head.common.dnsn_ttl = chain.cnames + chain.records > 0 ? chain.ttl : 0;
   head.common.dnsn_nrr = static_cast<int32_t>(chain.records);
   head.common.dnsn_size = head.common.dnsn_written = static_cast<uint32_t>(layer->needed());
   head.entries = layer->address(entries_at);
@@ -234,14 +240,14 @@ dns_status lay_packet(std::span<const uint8_t> packet, Layer *layer) {
 }  // namespace
 
 int lay_block(Block kind, std::span<const uint8_t> packet, size_t answers_at, const uint8_t *dn,
-              std::span<uint8_t> buffer, size_t *needed, unsigned aliases_max) {
+              std::span<uint8_t> buffer, size_t *needed, unsigned cnames_max) {
   const unsigned dn_size = dns_dnlen(dn);
   if (reinterpret_cast<uintptr_t>(buffer.data()) % kBlockAlign != 0 || dn_size == 0) return DNS_E_INVAL;
   if (packet.size() > DNS_MAXPACKET) return DNS_E_PROTOCOL;
   Layer layer(buffer);
   const Layout layout = layout_of(kind);
   const dns_status status = layout.lay != nullptr
-                                ? lay_records(layout, packet, answers_at, {dn, dn_size}, aliases_max, &layer)
+                                ? lay_records(layout, packet, answers_at, {dn, dn_size}, cnames_max, &layer)
                                 : lay_packet(packet, &layer);
   if (status != DNS_E_NOERROR) return status;
   if (needed != nullptr) *needed = layer.needed();

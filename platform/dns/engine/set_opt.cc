@@ -1,6 +1,4 @@
-// options.cc - dns_set_opt and dns_get_opt; see options.h.
-#include "options.h"
-
+// set_opt.cc - dns_set_opt and dns_get_opt.
 #include <string.h>
 
 #include <algorithm>

@@ -1,10 +1,11 @@
-// chain.h - the walk over the records of one name in an answer section.
-#ifndef DNS_WIRE_CHAIN_H
-#define DNS_WIRE_CHAIN_H
+// answers.h - the walk over the records of one name in an answer section.
+#ifndef DNS_WIRE_ANSWERS_H
+#define DNS_WIRE_ANSWERS_H
 
 #include <span>
 
-#include <dns_wire.h>
+#include <cursor.h>
+#include <record.h>
 
 namespace dns {
 
@@ -37,4 +38,4 @@ class Answers {
 
 }  // namespace dns
 
-#endif  // DNS_WIRE_CHAIN_H
+#endif  // DNS_WIRE_ANSWERS_H
