@@ -16,7 +16,7 @@ namespace {
 constexpr const char *kName = "c-ares";
 constexpr int kTimeoutMs = 5000;  // a packet that is lost shows
 constexpr int kTries = 1;
-constexpr int kLookMs = 100;  // between two looks at the time-outs
+constexpr int kLookMs = 100;  // between two looks at the timeouts
 constexpr int kClassIn = 1, kTypeA = 1;
 constexpr int kAddressesMax = 8;
 

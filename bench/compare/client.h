@@ -6,6 +6,8 @@
 #ifndef KAVO_BENCH_COMPARE_CLIENT_H
 #define KAVO_BENCH_COMPARE_CLIENT_H
 
+#include <measure.h>
+#include <questions.h>
 #include <unistd.h>
 
 #include <memory>
@@ -14,9 +16,6 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include <measure.h>
-#include <questions.h>
 
 namespace compare {
 

@@ -3,11 +3,11 @@
 #define KAVO_BENCH_COMPARE_KAVO_CONTEXT_H
 
 #include <kavo.h>
+#include <library.h>
 
 #include <memory>
 #include <vector>
 
-#include <library.h>
 #include "client.h"
 
 namespace compare {

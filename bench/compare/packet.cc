@@ -1,10 +1,10 @@
 #include "packet.h"
 
+#include <questions.h>
+
 #include <algorithm>
 #include <array>
 #include <cstring>
-
-#include <questions.h>
 
 namespace compare {
 namespace {

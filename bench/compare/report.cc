@@ -1,10 +1,10 @@
 #include "report.h"
 
+#include <process.h>
+
 #include <fstream>
 #include <iostream>
 #include <stdexcept>
-
-#include <process.h>
 
 namespace compare {
 namespace {

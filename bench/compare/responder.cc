@@ -1,5 +1,7 @@
 #include "responder.h"
 
+#include <measure.h>
+#include <questions.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -11,8 +13,6 @@
 #include <stdexcept>
 #include <vector>
 
-#include <measure.h>
-#include <questions.h>
 #include "client.h"
 #include "packet.h"
 #include "runs.h"

@@ -3,12 +3,12 @@
 #ifndef KAVO_BENCH_COMPARE_RESPONDER_H
 #define KAVO_BENCH_COMPARE_RESPONDER_H
 
+#include <name_daemons.h>
+#include <process.h>
+
 #include <cstdint>
 #include <memory>
 #include <string>
-
-#include <name_daemons.h>
-#include <process.h>
 
 namespace compare {
 

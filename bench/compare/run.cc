@@ -1,10 +1,11 @@
 #include "run.h"
 
+#include <process.h>
+
 #include <algorithm>
 #include <nlohmann/json.hpp>
 #include <thread>
 
-#include <process.h>
 #include "responder.h"
 
 namespace compare {

@@ -1,6 +1,8 @@
 #include "asker.h"
 
 #include <arpa/inet.h>
+#include <library.h>
+#include <questions.h>
 
 #include <algorithm>
 #include <exception>
@@ -9,9 +11,6 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
-
-#include <library.h>
-#include <questions.h>
 
 namespace growth {
 using bench::must;

@@ -1,13 +1,13 @@
 // dimensions.cc - the ways in which the library's work may grow, from the smallest size to the largest.
-#include "dimension.h"
+#include <list_server.h>
+#include <questions.h>
 
 #include <algorithm>
 #include <stdexcept>
 
-#include <list_server.h>
-#include <questions.h>
 #include "asker.h"
 #include "bare_reads.h"
+#include "dimension.h"
 #include "filled_cache.h"
 #include "kept_zones.h"
 

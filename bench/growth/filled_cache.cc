@@ -1,9 +1,9 @@
 #include "filled_cache.h"
 
-#include <stdexcept>
-
 #include <library.h>
 #include <questions.h>
+
+#include <stdexcept>
 
 namespace growth {
 namespace {

@@ -1,14 +1,13 @@
 #include "kept_zones.h"
 
 #include <kavo.h>
+#include <temp_dir.h>
 
 #include <cstdio>
 #include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
-
-#include <process.h>
 
 namespace growth {
 namespace {

@@ -3,6 +3,7 @@
 // The sizes of a dimension take turns in rounds, all of them set up at the same time, so that what else the machine
 // does falls on all of them alike. The exit status says whether every answer was right; whether something grows faster
 // than its logarithm is for the reader of the tables.
+#include <measure.h>
 #include <sys/resource.h>
 
 #include <CLI/CLI.hpp>
@@ -12,7 +13,6 @@
 #include <fstream>
 #include <memory>
 
-#include <measure.h>
 #include "dimension.h"
 #include "report.h"
 

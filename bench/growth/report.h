@@ -2,10 +2,11 @@
 #ifndef KAVO_BENCH_GROWTH_REPORT_H
 #define KAVO_BENCH_GROWTH_REPORT_H
 
+#include <measure.h>
+
 #include <string>
 #include <vector>
 
-#include <measure.h>
 #include "dimension.h"
 
 namespace growth {

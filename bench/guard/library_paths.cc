@@ -4,14 +4,14 @@
 // Questions go round: one is waited for, read and given up, and the next is asked in its place, with kOutstanding open.
 #include <arpa/inet.h>
 #include <kavo.h>
+#include <library.h>
+#include <list_server.h>
+#include <questions.h>
 
 #include <cstdint>
 #include <stdexcept>
 #include <string>
 
-#include <library.h>
-#include <list_server.h>
-#include <questions.h>
 #include "paths.h"
 
 namespace guard {

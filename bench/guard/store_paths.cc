@@ -1,11 +1,11 @@
 // store_paths.cc - the answer cache, called as a host calls it, its dump, and the zones file. One thread.
 #include <kavo.h>
+#include <library.h>
+#include <temp_dir.h>
 
 #include <memory>
 #include <string>
 
-#include <library.h>
-#include <process.h>
 #include "paths.h"
 
 namespace guard {

@@ -16,7 +16,7 @@ namespace {
 constexpr const char *kName = "c-ares";
 constexpr int kUdpSize = 1232;  // as kavo asks for
 constexpr int kAddressesMax = 8;
-constexpr time_t kPatienceS = 1;  // between two looks at the time-outs, where c-ares names none
+constexpr time_t kPatienceS = 1;  // between two looks at the timeouts, where c-ares names none
 constexpr long kUsPerMs = 1000;
 constexpr long kMsPerSecond = 1000;
 constexpr int kClassIn = 1;
@@ -105,7 +105,7 @@ class Cares : public Client {
     return true;
   }
 
-  // One turn of the loop: waits for a socket or a time-out, and lets c-ares work.
+  // One turn of the loop: waits for a socket or a timeout, and lets c-ares work.
   void turn() {
     std::array<ares_socket_t, ARES_GETSOCK_MAXNUM> sockets;
     const int wanted = ares_getsock(channel_, sockets.data(), ARES_GETSOCK_MAXNUM);

@@ -2,12 +2,12 @@
 #ifndef KAVO_BENCH_LOSSY_NETWORK_H
 #define KAVO_BENCH_LOSSY_NETWORK_H
 
+#include <list_server.h>
+
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <list_server.h>
 
 namespace lossy {
 

@@ -5,12 +5,11 @@
 
 #include <arpa/inet.h>
 #include <kavo.h>
+#include <questions.h>
 
 #include <cstring>
 #include <stdexcept>
 #include <string>
-
-#include <questions.h>
 
 namespace bench {
 
