@@ -3,8 +3,7 @@
 //
 // The first byte says how the rest is read. As a whole file, whose frames get their checksums; or as what the frames of
 // a file hold, which get everything else too, so that the fuzzer comes to the entries soon.
-#include <checksum.h>
-#include <dns_engine.h>
+#include <cache_entry.h>
 
 #include <set>
 
@@ -15,28 +14,13 @@ namespace {
 using fuzz::Bytes;
 using fuzz::check;
 
-using Cache = std::unique_ptr<dns_cache, decltype(&dns_cache_destroy)>;
+using testbed::Cache;
 
 constexpr dns_time kNow = 800'000'000;
-constexpr size_t kSum = 8, kSizeAt = 12, kHead = 16;                  // of a frame
+constexpr size_t kSum = 8, kHead = 16;                                // of a frame
 constexpr size_t kRunSizeAt = 12, kNameSizeAt = 15, kImageHead = 20;  // of an entry's image
 enum Kind : uint32_t { kFileHead = 1, kCacheHead = 2, kBlock = 3, kCacheEnd = 4, kFileEnd = 5 };
 const Bytes kMagic = {0x8d, 'D', 'N', 'C', 'D', '\r', '\n', 0x1a};
-
-// seal gives every frame the checksum that it should have.
-void seal(Bytes *bytes) {
-  uint64_t sum = 0;
-  for (size_t at = kMagic.size(); at + kHead <= bytes->size();) {
-    uint8_t *frame = bytes->data() + at;
-    const size_t size = size_t{frame[kSizeAt]} << 24 | size_t{frame[kSizeAt + 1]} << 16 |
-                        size_t{frame[kSizeAt + 2]} << 8 | frame[kSizeAt + 3];
-    const size_t whole = kHead + std::min(size, bytes->size() - at - kHead);
-    sum = checksum(sum, frame + kSum, whole - kSum);
-    for (size_t i = 0; i < kSum; ++i)
-      frame[i] = static_cast<uint8_t>(sum >> (56 - 8 * i));
-    at += whole;
-  }
-}
 
 // Composer writes the frames of a dump around what the fuzzer puts into them.
 class Composer {
@@ -93,7 +77,7 @@ class Composer {
 };
 
 Cache cache_of(uint8_t how) {
-  Cache cache(dns_cache_init((how & 2) != 0 ? 4000 : 1 << 20), dns_cache_destroy);
+  Cache cache = testbed::cache_of((how & 2) != 0 ? 4000 : 1 << 20);
   const uint32_t flags = ((how & 4) != 0 ? DNS_CR_EXPIRED : 0) | ((how & 8) != 0 ? 0 : DNS_CR_NCACHE);
   check(dns_cacher_setopt(dns_cache_cacher(cache.get()), DNS_CROPT_FLAGS, &flags, sizeof flags) == 0, "flags");
   return cache;
@@ -134,7 +118,7 @@ struct Loaded {
     const fuzz::MemoryFile file(bytes);
     dns_cdump *dump = dns_cdump_load_init(file.fd(), kNow);
     check(dump != nullptr, "a file can be looked at");
-    const std::unique_ptr<dns_cdata, decltype(&dns_cdata_free)> entry(dns_cdata_init(0), dns_cdata_free);
+    const testbed::Entry entry(dns_cdata_init(0), dns_cdata_free);
     for (status = dns_cdump_first_cache(dump); status > 0; status = dns_cdump_next_cache(dump)) {
       int more = 0;
       while ((more = dns_cdump_next_entry(dump, entry.get())) == 1) {
@@ -157,13 +141,8 @@ Bytes saved(dns_cache *cache) {
   return file.content();
 }
 
-void put(dns_cache *cache, const uint8_t *dn) {
-  const std::unique_ptr<dns_cdata, decltype(&dns_cdata_free)> entry(dns_cdata_init(0), dns_cdata_free);
-  uint8_t address[] = {127, 0, 0, 2};
-  dns_rr rr = {{}, DNS_C_IN, DNS_T_A, 300, sizeof address, address, address + sizeof address};
-  bool made = dns_cdata_setdn(entry.get(), dn) == 0 && dns_cdata_settyp(entry.get(), DNS_T_A) == 0;
-  made = made && dns_cdata_addrr(entry.get(), &rr, nullptr) == 0 && dns_cdata_setttl(entry.get(), 300) == 0;
-  check(made && dns_cacher_put(dns_cache_cacher(cache), entry.get(), kNow) == 0, "an entry");
+void put(dns_cache *cache, const char *name) {
+  check(testbed::put(cache, name, DNS_T_A, 300, {{127, 0, 0, 2}}, kNow) == 0, "an entry");
 }
 
 // expect_format checks what is known here of the format, for without it no forged dump gets far: out of the block of a
@@ -171,15 +150,15 @@ void put(dns_cache *cache, const uint8_t *dn) {
 void expect_format() {
   constexpr size_t kTotals = kHead + 16, kBefore = 8 + (kHead + 12) + (kHead + 4) + kHead, kBehind = 2 * kTotals;
   const Cache cache = cache_of(0);
-  put(cache.get(), reinterpret_cast<const uint8_t *>("\4name"));
-  put(cache.get(), reinterpret_cast<const uint8_t *>("\7another\4name"));
+  put(cache.get(), "name");
+  put(cache.get(), "another.name");
   const Bytes whole = saved(cache.get());
   check(whole.size() > kBefore + kBehind && whole.size() < kBefore + kBehind + 256, "the size of a dump");
   Bytes parts = {4, 'u', 's', 'e', 'r', 1, static_cast<uint8_t>(whole.size() - kBefore - kBehind), 0};
   parts.insert(parts.end(), whole.begin() + kBefore, whole.end() - kBehind);
   fuzz::Input input(parts.data(), parts.size());
   Bytes composed = Composer::compose(&input);
-  seal(&composed);
+  testbed::seal_dump(composed);
   check(composed == whole, "what is known of the format");
 }
 
@@ -197,7 +176,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const std::span<const uint8_t> rest = input.rest();
     bytes.assign(rest.begin(), rest.end());
   }
-  seal(&bytes);
+  testbed::seal_dump(bytes);
   const Cache first = cache_of(how), second = cache_of(how), third = cache_of(how);
   const Loaded foreign(bytes, first.get());
   const Loaded again(saved(first.get()), second.get()), last(saved(second.get()), third.get());

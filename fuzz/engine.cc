@@ -1,9 +1,10 @@
 // engine.cc - a question on its way through the engine, in a world where every answer is the fuzzer's: with the right
-// id and from the right server, so that it reaches parsers, alias chains, referrals, connections and the cache.
+// id and from the right server, so that it reaches parsers, CNAME chains, referrals, connections and the cache.
 // Whatever comes, the question ends in one callback, its block is sound, and the cache gives back what went in.
 //
-// The input: the type's place in kTypes, flags (see Flag), the name's text behind its length, then the answers. An
+// The input: the type's place in kTypes, flags (see Flag), the name's text after its length, then the answers. An
 // answer is a byte that says what becomes of it (see How), its length and its bytes.
+#include <cache_entry.h>
 #include <world_query.h>
 
 #include <cerrno>
@@ -130,8 +131,6 @@ struct Question : sim::Query {
   }
 };
 
-using Cache = std::unique_ptr<dns_cache, decltype(&dns_cache_destroy)>;
-
 class Story {
  public:
   Story(const uint8_t *data, size_t size) : input_(data, size) {
@@ -152,8 +151,7 @@ class Story {
     sim::World world(1);
     if (has(kNoTcp)) world.tcp_error = -ECONNREFUSED, world.tcp_errors = UINT32_MAX;
     world.script = [this](const Bytes &query, const std::string &) { return next_reply(&input_, query); };
-    const Cache answers(dns_cache_init(1 << 20), dns_cache_destroy);
-    const Cache referrals(dns_cache_init(1 << 20), dns_cache_destroy);
+    const testbed::Cache answers = testbed::cache_of(), referrals = testbed::cache_of();
     configure(&world, answers.get(), referrals.get());
     Question first(question(type_.block, world)), twin(question(type_.block, world));
     Question second(question(type_.block, world)), packet(question(KAVOT_PKT, world));

@@ -1,9 +1,10 @@
-// listserver.cc - the list server: a zones file up to the first zero byte, then questions, each behind its length. What
+// listserver.cc - the list server: a zones file up to the first zero byte, then questions, each after its length. What
 // is answered is a sound packet with the question's id that fits, unless the zones file asks for a wrong one.
+#include <responder.h>
+
 #include <sstream>
 #include <stdexcept>
 
-#include <responder.h>
 #include "fuzz.h"
 
 namespace {

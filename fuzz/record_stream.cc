@@ -34,6 +34,22 @@ bool is_whole(KAVO_TYPE type, const KAVO_RR &rr) {
   return true;
 }
 
+// expect_contained checks that a block with a byte changed copies to a sound one or not at all.
+void expect_contained(KAVO_TYPE type, const KAVO_RR &rr, size_t place) {
+  const size_t used = kavo_rr_get_size(&rr) - sizeof(dns_rr_mem);
+  if (used == 0) return;
+  uint8_t *byte = reinterpret_cast<uint8_t *>(rr.rr_mem) + sizeof(dns_rr_mem) + place % used;
+  for (const uint8_t change : {0x01, 0x08, 0xff}) {
+    KAVO_RR copy = {};
+    *byte ^= change;
+    const KAVO_ERR error = kavo_rr_dup(type, &rr, &copy);
+    *byte ^= change;
+    check(error == KAVOE_OK || error == KAVOE_FAIL || error == KAVOE_NOMEM, "a block that lies is refused");
+    if (error == KAVOE_OK) (void)fuzz::text_of(type, copy);
+    kavo_rr_free(&copy);
+  }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -49,6 +65,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     check(copied || !is_whole(type, rr), "a whole block can be copied");
     if (copied) check(fuzz::text_of(type, copy) == fuzz::text_of(type, rr), "a copy holds what its block holds");
     kavo_rr_free(&copy);
+    expect_contained(type, rr, size);
   }
   kavo_rr_free(&rr);
   return 0;

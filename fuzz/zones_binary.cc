@@ -1,6 +1,7 @@
 // zones_binary.cc - the zones map as a binary record: what was loaded, saved and loaded again is the same, its numbers
 // are those of zones, and the record ends where the reader says.
 #include <kavo_zonesmap.h>
+
 #include "fuzz.h"
 
 namespace {

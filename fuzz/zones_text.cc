@@ -1,5 +1,6 @@
 // zones_text.cc - the zones file: what was loaded, saved and loaded again is the same.
 #include <kavo_zonesmap.h>
+
 #include "fuzz.h"
 
 namespace {

@@ -1,9 +1,11 @@
 // answers_test - what comes back: list answers zone by zone, what a question costs in packets, every record type
 // through real servers, the cache, and servers that fail or lie. Where packets are counted, a context asks for the
-// first time and nothing is sent twice: the first try of a server that was never asked waits for the whole time-out.
+// first time and nothing is sent twice: the first try of a server that was never asked waits for the whole timeout.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <host_test.h>
 #include <kavo.h>
+#include <name_daemons.h>
 
 #include <algorithm>
 #include <array>
@@ -14,9 +16,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <host_test.h>
-#include <name_daemons.h>
 
 namespace {
 
@@ -72,7 +71,7 @@ TEST_F(AnswersTest, EightThreadsAtOnceStillCostThreePackets) {
   with_three_zones(host, server);
   std::barrier everybody(kThreads);
   std::array<KAVO_QUERY_NODE, kThreads> nodes{};
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (KAVO_QUERY_NODE &seen : nodes) {
     threads.emplace_back([&] {
       everybody.arrive_and_wait();
@@ -83,8 +82,7 @@ TEST_F(AnswersTest, EightThreadsAtOnceStillCostThreePackets) {
       everybody.arrive_and_wait();  // nobody lets go before everybody has asked
     });
   }
-  for (std::thread &thread : threads)
-    thread.join();
+  threads.clear();
   EXPECT_EQ(std::count(nodes.begin(), nodes.end(), nodes[0]), kThreads);
   EXPECT_EQ(server.received(), 3u);
   EXPECT_EQ(kavo_nactive(host), 0u);
@@ -408,7 +406,7 @@ TEST_F(AnswersTest, LiarsAreNeverBelievedAndFailingServersLeftAtOnce) {
     Host both;
     both.server(liar.port()).server(honest.port()).zone(KAVOT_BL_IP, "a.list");
     if (fails)
-      both.patient().open();  // no time-out can pass while the test waits
+      both.patient().open();  // no timeout can pass while the test waits
     else
       both.option(KAVOOPT_TIMEOUT_MSEC, kShortMs).option(KAVOOPT_NTRIES, 50).open();
     ASSERT_EQ(answers.query(both, KAVOT_BL_IP, kListed), KAVOE_OK);

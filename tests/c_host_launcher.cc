@@ -1,6 +1,5 @@
 // c_host_launcher - starts the list server and runs c_host_test, the host program in C, against it.
 #include <gtest/gtest.h>
-
 #include <host_test.h>
 
 namespace {

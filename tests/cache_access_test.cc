@@ -2,7 +2,9 @@
 // and from many beside a running context.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <host_test.h>
 #include <kavo.h>
+#include <stored_records.h>
 
 #include <array>
 #include <atomic>
@@ -12,9 +14,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <host_test.h>
-#include <stored_records.h>
 
 namespace {
 
@@ -447,7 +446,7 @@ TEST_F(CacheTest, ThreadsShareTheCacheOfARunningContext) {
   ASSERT_NE(cacher, nullptr);
   std::atomic<bool> over = false;
   std::atomic<unsigned> wrong = 0;
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (unsigned i = 0; i < kThreads; ++i)
     threads.emplace_back(use_cache, cacher, i, &over, &wrong);
   Answers answers;
@@ -455,8 +454,7 @@ TEST_F(CacheTest, ThreadsShareTheCacheOfARunningContext) {
   for (unsigned asked = 0; asked < kQuestions; asked += kKeys)
     cached += ask_all(host, &answers, &wrong);
   over = true;
-  for (std::thread &thread : threads)
-    thread.join();
+  threads.clear();
   EXPECT_EQ(wrong, 0U);
   EXPECT_GT(cached, 0U);
   EXPECT_GT(server.received(), 0U);

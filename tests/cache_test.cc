@@ -1,7 +1,12 @@
 // cache_test.cc - the answer cache through its C interface: what goes in comes out, for as long as it may and no
 // longer. Time is an argument everywhere, so nothing here waits.
+#include <cache_entry.h>
+#include <cdata.h>
+#include <dns_engine.h>
+#include <dns_wire.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
+#include <packet.h>
 #include <string.h>
 
 #include <algorithm>
@@ -11,58 +16,24 @@
 #include <string>
 #include <vector>
 
-#include <cdata.h>
-#include <dns_engine.h>
-#include <dns_wire.h>
-#include <packet.h>
-
 namespace {
 
+using testbed::add;
 using testbed::Bytes;
+using testbed::Cache;
+using testbed::cache_of;
 using testbed::dn;
+using Data = testbed::Entry;
+using testbed::entry_of;
 using testbed::operator+;
-using Cache = std::unique_ptr<dns_cache, decltype(&dns_cache_destroy)>;
-using Data = std::unique_ptr<dns_cdata, decltype(&dns_cdata_free)>;
 
 constexpr dns_time kNow = 800'000'000;
-constexpr uint64_t kMega = 1 << 20;
+constexpr uint64_t kMega = testbed::kMegabyte;
 constexpr int32_t kWeek = 7 * 24 * 3600;
-
-Cache cache_of(uint64_t size) {
-  return {dns_cache_init(size), dns_cache_destroy};
-}
-
-Data entry_of(const std::string &name, dns_type typ, int32_t ttl = 0, dns_class cls = DNS_C_IN) {
-  Data entry(dns_cdata_init(16), dns_cdata_free);
-  EXPECT_EQ(dns_cdata_setdn(entry.get(), dn(name).data()), 0);
-  EXPECT_EQ(dns_cdata_setcls(entry.get(), cls), 0);
-  EXPECT_EQ(dns_cdata_settyp(entry.get(), typ), 0);
-  EXPECT_EQ(dns_cdata_setttl(entry.get(), ttl), 0);
-  return entry;
-}
-
-int add(dns_cdata *entry, const std::string &owner, dns_type typ, int32_t ttl, Bytes data,
-        const dns_parse *packet = nullptr, unsigned char *at = nullptr) {
-  dns_rr rr = {};
-  const Bytes name = dn(owner);
-  memcpy(rr.dnsrr_dn, name.data(), name.size());
-  rr.dnsrr_cls = DNS_C_IN;
-  rr.dnsrr_typ = typ;
-  rr.dnsrr_ttl = ttl;
-  rr.dnsrr_dsz = static_cast<unsigned>(data.size());
-  rr.dnsrr_dptr = at == nullptr ? data.data() : at;
-  rr.dnsrr_dend = rr.dnsrr_dptr + data.size();
-  return dns_cdata_addrr(entry, &rr, packet);
-}
 
 int put(dns_cache *cache, const std::string &name, dns_type typ, int32_t ttl, const std::vector<Bytes> &records,
         dns_time now = kNow, unsigned flags = 0, int rcode = DNS_R_NOERROR) {
-  const Data entry = entry_of(name, typ, ttl);
-  for (const Bytes &data : records)
-    EXPECT_EQ(add(entry.get(), name, typ, ttl, data), 0);
-  dns_cdata_setflags(entry.get(), flags);
-  dns_cdata_setrcode(entry.get(), rcode);
-  return dns_cacher_put(dns_cache_cacher(cache), entry.get(), now);
+  return testbed::put(cache, name, typ, ttl, records, now, flags, rcode);
 }
 
 struct Found {
@@ -324,7 +295,7 @@ TEST(Cache, BytesAreBoundedAndTheLeastRecentlyUsedGiveWay) {
   EXPECT_EQ(get(cache.get(), numbered(0), DNS_T_TXT).records, half);
 }
 
-// A look-up would count as a use, so each number of further entries gets a cache of its own until one entry gives way.
+// A lookup would count as a use, so each number of further entries gets a cache of its own until one entry gives way.
 TEST(Cache, ExpiredEntriesGiveWayFirst) {
   bool live = true;
   bool dead = true;

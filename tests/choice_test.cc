@@ -1,14 +1,13 @@
 // choice_test.cc - which server a question goes to in a simulated network, and for how long it is waited for there.
 #include <gtest/gtest.h>
+#include <queries.h>
+#include <reply.h>
 
 #include <algorithm>
 #include <cctype>
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <packet.h>
-#include <queries.h>
 
 namespace {
 
@@ -168,7 +167,7 @@ TEST_F(Best, QuestionsGoWhereTheyCostLeast) {
   (void)ask_in_turn(&world, 400, dns::kUsPerSecond);
   expect_shares(0, 100, 0);
 
-  // A server that loses every other packet costs its time-outs.
+  // A server that loses every other packet costs its timeouts.
   world.delays_us = {{"192.0.2.1", 20'000}, {"192.0.2.2", 20'000}, {"192.0.2.3", 20'000}};
   (void)ask_in_turn(&world, 400, dns::kUsPerSecond);
   for (int i = 0; i < 100; ++i) {
@@ -287,7 +286,7 @@ TEST_F(Best, NobodyWaitsForTheCostZone) {
     world.set_temper(server, Temper::good);
   for (const int64_t took_us : ask_in_turn(&world, 100, 10'000, {"192.0.2.5", "192.0.2.6"}))
     EXPECT_LE(took_us, 1000);
-  EXPECT_GE(world.packets_sent, 102U) << "the look-ups are under way";
+  EXPECT_GE(world.packets_sent, 102U) << "the lookups are under way";
   EXPECT_EQ(dns_active(world.ctx), 0);
   const auto expect_held = [this](unsigned looked_up) {
     EXPECT_EQ(world.ctx->costs.open, looked_up);
@@ -357,10 +356,9 @@ TEST_F(Best, AllAreAskedBeforeOneIsAskedTwice) {
 
 // referral refers to the zone test, with as many servers at 192.0.2.4 and on.
 Bytes referral(const Bytes &question, uint8_t servers) {
-  auto answer = testbed::Packet::reply(question, DNS_R_NOERROR, false);
-  answer.add("test", DNS_T_NS, testbed::dn("ns.test"), 300, DNS_S_NS);
+  auto answer = testbed::Reply(question).ns("test", "ns.test");
   for (uint8_t i = 0; i < servers; ++i)
-    answer.add("ns.test", DNS_T_A, {192, 0, 2, static_cast<uint8_t>(4 + i)}, 300, DNS_S_AR);
+    answer.glue("ns.test", "192.0.2." + std::to_string(4 + i));
   return answer.bytes;
 }
 

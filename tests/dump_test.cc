@@ -1,12 +1,14 @@
 // dump_test.cc - caches in files: what a context saves another one loads, older by the time between, and nothing of a
 // file that is not whole.
 #include <arpa/inet.h>
-#include <checksum.h>
+#include <cache_entry.h>
+#include <cache_image.h>
 #include <dns_engine.h>
 #include <dns_wire.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <kavo.h>
+#include <kavo_t.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -23,50 +25,24 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <cache_image.h>
-#include <kavo_t.h>
 namespace {
 
 using namespace std::string_literals;
 
-using Data = std::unique_ptr<dns_cdata, decltype(&dns_cdata_free)>;
-using Cache = std::unique_ptr<dns_cache, decltype(&dns_cache_destroy)>;
+using testbed::Cache;
+using testbed::cache_of;
+using Data = testbed::Entry;
+using testbed::entry_of;
 
 constexpr dns_time kNow = 800'000'000;
 constexpr int kSmall = 1 << 20;
 constexpr int32_t kTtl = 3600;
 
-Cache cache_of(uint64_t size = kSmall) {
-  return {dns_cache_init(size), dns_cache_destroy};
-}
-
-Data entry_of(const std::string &name, dns_type typ = DNS_T_A) {
-  unsigned char dn[DNS_MAXDN];
-  Data entry(dns_cdata_init(64), dns_cdata_free);
-  EXPECT_GT(dns_ptodn(name.c_str(), 0, dn, DNS_MAXDN, nullptr), 0);
-  EXPECT_EQ(dns_cdata_setdn(entry.get(), dn), 0);
-  EXPECT_EQ(dns_cdata_settyp(entry.get(), typ), 0);
-  return entry;
-}
-
+// put puts an entry with so many records of the same data.
 void put(dns_cache *cache, const std::string &name, int32_t ttl, const std::string &data, dns_time now = kNow,
-         dns_type typ = DNS_T_A, int records = 1) {
-  const Data entry = entry_of(name, typ);
-  std::string bytes = data;
-  dns_rr rr = {};
-  unsigned size = DNS_MAXDN;
-  dns_cdata_dn(entry.get(), rr.dnsrr_dn, &size);
-  rr.dnsrr_cls = DNS_C_IN;
-  rr.dnsrr_typ = typ;
-  rr.dnsrr_ttl = ttl;
-  rr.dnsrr_dptr = reinterpret_cast<unsigned char *>(bytes.data());
-  rr.dnsrr_dsz = static_cast<unsigned>(bytes.size());
-  rr.dnsrr_dend = rr.dnsrr_dptr + bytes.size();
-  for (int i = 0; i < records; ++i)
-    EXPECT_EQ(dns_cdata_addrr(entry.get(), &rr, nullptr), 0);
-  EXPECT_EQ(dns_cdata_setttl(entry.get(), ttl), 0);
-  EXPECT_EQ(dns_cacher_put(dns_cache_cacher(cache), entry.get(), now), 0);
+         dns_type typ = DNS_T_A, size_t records = 1) {
+  const testbed::Bytes bytes(data.begin(), data.end());
+  EXPECT_EQ(testbed::put(cache, name, typ, ttl, std::vector(records, bytes), now), 0);
 }
 
 // text_of gives an entry as text: its TTL, its response code and its records with their TTLs.
@@ -248,49 +224,23 @@ TEST_F(DumpTest, EveryDamagedByteIsRefused) {
   EXPECT_EQ(load(good.get()), DNS_E_TFILE);
 }
 
-// sealed gives a changed dump the checksums of a sound one, as somebody who means harm would.
+// sealed gives a changed dump the checksums of a sound one, as a forger would.
 std::string sealed(std::string bytes) {
-  constexpr size_t kMagic = 8, kSum = 8, kSizeAt = 12, kHead = 16;
-  uint64_t sum = 0;
-  for (size_t at = kMagic; at + kHead <= bytes.size();) {
-    uint32_t size = 0;
-    memcpy(&size, &bytes[at + kSizeAt], sizeof size);
-    const size_t end = at + kHead + std::min<size_t>(ntohl(size), bytes.size() - at - kHead);
-    sum = checksum(sum, &bytes[at + kSum], end - at - kSum);
-    for (size_t i = 0; i < kSum; ++i)
-      bytes[at + i] = static_cast<char>(sum >> (56 - 8 * i));
-    at = end;
-  }
+  testbed::seal_dump({reinterpret_cast<uint8_t *>(bytes.data()), bytes.size()});
   return bytes;
 }
 
-TEST_F(DumpTest, AForgedFileHarmsNobody) {
+TEST_F(DumpTest, EntriesThatTheTotalsDoNotCountAreRefused) {
   const Cache from = cache_of();
-  put(from.get(), "alias.example", kTtl, "\4host\7example\0"s, kNow, DNS_T_CNAME);
   put(from.get(), "text.example", kTtl, "\4text\2of", kNow, DNS_T_TXT, 2);
   save({from.get()});
-  const std::string whole = file();
-  ASSERT_EQ(sealed(whole), whole);
-  int refused = 0;
-  for (size_t i = 0; i < whole.size(); ++i) {
-    for (const int value : {0x00, 0x01, 0x3f, 0x7f, 0xc0, 0xff}) {
-      const Cache to = cache_of();
-      std::string bytes = whole;
-      bytes[i] = static_cast<char>(value);
-      write(sealed(bytes));
-      refused += load(to.get()) == DNS_E_TFILE ? 1 : 0;
-      held(to.get(), "alias.example", kNow, DNS_T_CNAME);
-      held(to.get(), "text.example", kNow, DNS_T_TXT);
-      save({to.get()});
-    }
-  }
-  EXPECT_GT(refused, static_cast<int>(whole.size()));
-  // The last byte of the count of entries, which two frames with totals end behind.
+  std::string hides = file();
+  ASSERT_EQ(sealed(hides), hides);
+  // The last byte of the count of entries, in the first of the two totals that end the file.
   constexpr size_t kTotals = 16 + 16, kCountEnd = 16 + 8;
-  std::string hides = whole;
-  hides[whole.size() - 2 * kTotals + kCountEnd - 1] = 0;
+  hides[hides.size() - 2 * kTotals + kCountEnd - 1] = 0;
   write(sealed(hides));
-  EXPECT_EQ(load(cache_of().get()), DNS_E_TFILE) << "entries that the totals do not count";
+  EXPECT_EQ(load(cache_of().get()), DNS_E_TFILE);
 }
 
 TEST_F(DumpTest, ContextsOfAnyLayoutTakeWhatIsTheirs) {
@@ -426,7 +376,7 @@ TEST_F(DumpTest, ACacheInUseIsSavedWhole) {
   for (int i = 0; i < kStill; ++i)
     put(cache.get(), name(".still.example", i), kTtl, "stil");
   std::atomic<bool> stop = false;
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
       for (int i = 0; !stop; i = (i + 1) % kMoving) {
@@ -451,8 +401,7 @@ TEST_F(DumpTest, ACacheInUseIsSavedWhole) {
     }
   }
   stop = true;
-  for (std::thread &thread : threads)
-    thread.join();
+  threads.clear();
 }
 
 // Entries so large that hardly a bucket's fit one block: the walk goes on within a bucket that has changed meanwhile.

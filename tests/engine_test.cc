@@ -1,19 +1,18 @@
 // engine_test.cc - the engine in a simulated network: one thread, a clock of its own, everything from one seed.
 // Whatever the network does, a question ends in exactly one callback, with the right answer or the right status.
+#include <cache_entry.h>
+#include <context.h>
+#include <resolver_file.h>
 #include <gtest/gtest.h>
+#include <queries.h>
+#include <stream.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <set>
 #include <string>
 #include <vector>
-
-#include <context.h>
-#include <packet.h>
-#include <queries.h>
-#include <resolver_file.h>
 
 namespace {
 
@@ -36,12 +35,7 @@ void tease(World *world) {
 void storm(uint64_t seed) {
   SCOPED_TRACE("seed " + std::to_string(seed));
   World world(seed);
-  world.weather = {static_cast<int>(world.random(30)),
-                   static_cast<int>(world.random(20)),
-                   200,
-                   static_cast<int64_t>(world.random(80'000)),
-                   static_cast<int>(world.random(60)),
-                   static_cast<int>(world.random(20))};
+  world.worsen(60);
   static constexpr Temper kTempers[] = {
       Temper::good,        Temper::dead,         Temper::refuses,     Temper::fails,
       Temper::truncates,   Temper::garbles,      Temper::wrong_name,  Temper::wrong_id,
@@ -107,9 +101,7 @@ TEST_F(Engine, AnswersDeniesAndFollowsAliasesInAnyOrder) {
   EXPECT_TRUE(dns_timeouts(world.ctx, dns_tv_infinite, world.now()) == dns_tv_infinite);
 
   world.set_temper("192.0.2.1", Temper::chains);
-  Query &aliased = queries.ask("listed-2.list.test");
-  ASSERT_TRUE(world.run());
-  expect_truth(aliased);
+  Query &aliased = resolve("listed-2.list.test");
   EXPECT_EQ(aliased.canonical, "END.test");
 
   world.set_temper("192.0.2.1", Temper::loops);
@@ -124,17 +116,13 @@ TEST_F(Engine, AFailingServerCostsNoTimeAndADeadOneItsTimeOut) {
   world.add_server("192.0.2.3", Temper::garbles);
   world.add_server("192.0.2.4", Temper::good);
   const int64_t start = world.now_us;
-  Query &asked = queries.ask("listed-1.list.test");
-  ASSERT_TRUE(world.run());
-  expect_truth(asked);
+  resolve("listed-1.list.test");
   EXPECT_EQ(world.now_us - start, 4 * world.weather.delay_us);
   EXPECT_EQ(world.packets_sent, 4U);
 
   world.set_temper("192.0.2.1", Temper::dead);
   const int64_t late_start = world.now_us;
-  Query &late = queries.ask("listed-2.list.test");
-  ASSERT_TRUE(world.run());
-  expect_truth(late);
+  resolve("listed-2.list.test");
   EXPECT_GE(world.now_us - late_start, 50'000) << "the first server's own estimate, at its least";
   EXPECT_LT(world.now_us - late_start, 100'000);
 }
@@ -186,9 +174,7 @@ TEST_F(Engine, CancelledAndClosedQuestionsAreNeverCalledBack) {
             nullptr);
   EXPECT_EQ(dns_get_status(world.ctx), DNS_E_PERM);
   ASSERT_EQ(dns_open(world.ctx), DNS_E_NOERROR);
-  Query &again = queries.ask("listed-5.list.test");
-  ASSERT_TRUE(world.run());
-  expect_truth(again);
+  resolve("listed-5.list.test");
   for (const Query *asked : {&queued, &sent, &open, &waiting})
     EXPECT_EQ(asked->calls, 0);
 }
@@ -218,7 +204,7 @@ void ask_on(dns_ctx *ctx, dns_query *, void *, unsigned, void *data) {
 }
 
 TEST_F(Engine, CallbacksMayAskAndCancel) {
-  const std::unique_ptr<dns_cache, decltype(&dns_cache_destroy)> cache(dns_cache_init(1 << 16), dns_cache_destroy);
+  const testbed::Cache cache = testbed::cache_of(1 << 16);
   // Answers from the cache come in the very turn in which questions are taken up, those from a server later.
   for (dns_cacher *cacher : {static_cast<dns_cacher *>(nullptr), dns_cache_cacher(cache.get())}) {
     ASSERT_EQ(dns_set_cache(world.ctx, DNS_CU_ANS, cacher), DNS_E_NOERROR);
@@ -260,7 +246,7 @@ TEST_F(Engine, RefusesWhatIsNoQuestion) {
 }
 
 TEST_F(Engine, TheCacheAnswersUntilTheRecordExpires) {
-  const std::unique_ptr<dns_cache, decltype(&dns_cache_destroy)> cache(dns_cache_init(1 << 20), dns_cache_destroy);
+  const testbed::Cache cache = testbed::cache_of();
   ASSERT_EQ(dns_set_cache(world.ctx, DNS_CU_ANS, dns_cache_cacher(cache.get())), DNS_E_NOERROR);
   std::vector<int> events;
   dns_set_dbgfn(
@@ -271,9 +257,7 @@ TEST_F(Engine, TheCacheAnswersUntilTheRecordExpires) {
       &events);
   world.add_server("192.0.2.1", Temper::chains);
   for (const char *text : {"listed-7.list.test", "gone-7.list.test", "empty-7.list.test"}) {
-    Query &first = queries.ask(text);
-    ASSERT_TRUE(world.run());
-    expect_truth(first);
+    Query &first = resolve(text);
     EXPECT_EQ(first.sflags, 0U);
     const unsigned sent = world.packets_sent;
     Query &second = queries.ask(text);
@@ -286,7 +270,7 @@ TEST_F(Engine, TheCacheAnswersUntilTheRecordExpires) {
     EXPECT_EQ(own.sflags, 0U) << "a question with servers of its own stays out of the cache";
     EXPECT_EQ(world.packets_sent, sent + 1);
   }
-  const std::unique_ptr<dns_cache, decltype(&dns_cache_destroy)> other(dns_cache_init(1 << 20), dns_cache_destroy);
+  const testbed::Cache other = testbed::cache_of();
   ASSERT_EQ(dns_set_cache(world.ctx, DNS_CU_ANS, dns_cache_cacher(other.get())), DNS_E_NOERROR);
   Query &waiting = queries.ask("listed-7.list.test");
   ASSERT_EQ(dns_set_cache(world.ctx, DNS_CU_ANS, dns_cache_cacher(cache.get())), DNS_E_NOERROR);
@@ -304,9 +288,7 @@ TEST_F(Engine, TheCacheAnswersUntilTheRecordExpires) {
 
   world.now_us += 301 * int64_t{1'000'000};
   const unsigned sent = world.packets_sent;
-  Query &expired = queries.ask("listed-7.list.test");
-  ASSERT_TRUE(world.run());
-  expect_truth(expired);
+  resolve("listed-7.list.test");
   EXPECT_EQ(world.packets_sent, sent + 1);
 }
 
@@ -359,13 +341,9 @@ TEST_F(Engine, AFailureIsRememberedForAFewSeconds) {
   }
   EXPECT_EQ(world.packets_sent, 1U);
   world.set_temper("192.0.2.1", Temper::good);
-  Query &other = queries.ask("listed-2.list.test");
-  ASSERT_TRUE(world.run());
-  expect_truth(other);
+  resolve("listed-2.list.test");
   world.now_us += dns::kFailureUs;
-  Query &later = queries.ask("listed-1.list.test");
-  ASSERT_TRUE(world.run());
-  expect_truth(later);
+  resolve("listed-1.list.test");
 }
 
 TEST_F(Engine, MoreThanAServerMayHaveUnderWayWaitsForRoom) {
@@ -427,15 +405,12 @@ TEST_F(Engine, SocketsGrowWithTheLoadAndAreRenewed) {
 }
 
 TEST(ResolverFile, ServersAndFiguresWithinTheirBounds) {
-  const std::string path = testing::TempDir() + "kavo_resolver_file";
-  const std::unique_ptr<FILE, decltype(&fclose)> file(fopen(path.c_str(), "w"), fclose);
-  ASSERT_NE(file, nullptr);
-  fputs(("; a comment\nnameserver 192.0.2.1\nnameserver 2001:db8::1\nnameserver\nnameserver 192.0.2.256\n#" +
-         std::string(2000, 'x') + " nameserver 192.0.2.9\noptions rotate timeout:99 attempts:0 ndots: ndots:x\n" +
-         "nameserver\t0.0.0.0")
-            .c_str(),
-        file.get());
-  ASSERT_EQ(fflush(file.get()), 0);
+  const std::string text =
+      "; a comment\nnameserver 192.0.2.1\nnameserver 2001:db8::1\nnameserver\nnameserver 192.0.2.256\n#" +
+      std::string(2000, 'x') + " nameserver 192.0.2.9\noptions rotate timeout:99 attempts:0 ndots: ndots:x\n" +
+      "nameserver\t0.0.0.0";
+  const testbed::MemoryFile file({reinterpret_cast<const uint8_t *>(text.data()), text.size()});
+  const std::string path = file.path();
   dns::Options options;
   sockaddr_in servers[dns::kServersMax];
   ASSERT_EQ(dns::read_resolver_file(path.c_str(), &options, servers, dns::kServersMax), 2U);
@@ -447,11 +422,10 @@ TEST(ResolverFile, ServersAndFiguresWithinTheirBounds) {
   EXPECT_EQ(options.flags, unsigned{DNS_SERVRRB});
   EXPECT_EQ(dns::read_resolver_file(path.c_str(), &options, servers, 1), 1U);
   EXPECT_EQ(dns::read_resolver_file("/nowhere/resolv.conf", &options, servers, 1), 0U);
-  remove(path.c_str());
 }
 
 TEST_F(Engine, ADebugFunctionMayCancelAskAndParse) {
-  const std::unique_ptr<dns_cache, decltype(&dns_cache_destroy)> cache(dns_cache_init(1 << 20), dns_cache_destroy);
+  const testbed::Cache cache = testbed::cache_of();
   ASSERT_EQ(dns_set_cache(world.ctx, DNS_CU_ANS, dns_cache_cacher(cache.get())), DNS_E_NOERROR);
   world.weather = {10, 10, 200, 50'000, 20};
   world.add_server("192.0.2.1", Temper::good);

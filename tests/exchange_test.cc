@@ -1,14 +1,13 @@
 // exchange_test.cc - what passes between the engine and a server in a simulated network besides the question: EDNS0 and
 // TCP, letter case and cookies, and forgers among it.
 #include <gtest/gtest.h>
+#include <queries.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string>
 #include <vector>
-
-#include <queries.h>
 
 namespace {
 
@@ -36,9 +35,7 @@ TEST_F(Engine, WhatIsCutOffIsAskedForOnOneConnection) {
 TEST_F(Engine, AServerWithoutEdnsIsAskedPlainlyFromThenOn) {
   world.add_server("192.0.2.1", Temper::knows_no_opt);
   for (const unsigned packets : {2U, 3U, 4U}) {
-    Query &asked = queries.ask("listed-1.list.test");
-    ASSERT_TRUE(world.run());
-    expect_truth(asked);
+    resolve("listed-1.list.test");
     EXPECT_EQ(world.packets_sent, packets);
   }
   world.now_us += dns::kNoEdnsUs;
@@ -123,12 +120,9 @@ TEST_F(Engine, AServerThatDoesNotKeepTheCaseIsAskedInLowerCase) {
 
 TEST_F(Engine, CookiesAreExchangedWhereTheyAreAskedFor) {
   world.add_server("192.0.2.1", Temper::bakes_cookies);
-  const uint32_t flags = DNS_COOKIES;
-  ASSERT_EQ(dns_set_opt(world.ctx, DNS_OPT_FLAGS, &flags, sizeof flags), 0);
+  set(&world, DNS_OPT_FLAGS, DNS_COOKIES);
   for (const unsigned packets : {2U, 3U}) {
-    Query &asked = queries.ask("listed-" + std::to_string(packets) + ".list.test");
-    ASSERT_TRUE(world.run());
-    expect_truth(asked);
+    resolve("listed-" + std::to_string(packets) + ".list.test");
     EXPECT_EQ(world.packets_sent, packets);
   }
   // A forger in its place who knows all but the cookie, whichever server the present attempt is at.
@@ -195,9 +189,7 @@ TEST_F(Engine, AConnectionThatCannotBeHadCostsAttemptsAndNotTheQuery) {
   for (const int error : {-ECONNREFUSED, -EMFILE}) {
     world.tcp_error = error;
     world.tcp_errors = 2;
-    Query &asked = queries.ask("listed-1.list.test");
-    ASSERT_TRUE(world.run());
-    expect_truth(asked);
+    Query &asked = resolve("listed-1.list.test");
     EXPECT_LT(asked.took_us, dns::kUsPerSecond);
     dns_close(world.ctx);
     ASSERT_EQ(dns_open(world.ctx), DNS_E_NOERROR);
@@ -210,9 +202,7 @@ TEST_F(Engine, WhatAnEarlierServerCutsOffIsAskedForThere) {
   world.set_temper("192.0.2.1", Temper::truncates);
   world.delays_us["192.0.2.1"] = 200'000;
   world.add_server("192.0.2.2", Temper::dead);
-  Query &asked = queries.ask("listed-2.list.test");
-  ASSERT_TRUE(world.run());
-  expect_truth(asked);
+  Query &asked = resolve("listed-2.list.test");
   EXPECT_LT(asked.took_us, 300'000);
 }
 
@@ -222,9 +212,7 @@ TEST_F(Engine, ASlowServerIsHeardThoughItsQueryHasLeftTheSocket) {
   set(&world, DNS_OPT_NTRIES, 10);
   world.add_server("192.0.2.1", Temper::good);
   world.delays_us["192.0.2.1"] = 3'500'000;
-  Query &asked = queries.ask("listed-2.list.test");
-  ASSERT_TRUE(world.run());
-  expect_truth(asked);
+  Query &asked = resolve("listed-2.list.test");
   EXPECT_LE(asked.took_us, 3'501'000) << "the answer to the first attempt counts";
 }
 
@@ -237,9 +225,7 @@ TEST_F(Engine, EachSocketOfALoneServerIsHeardForTwoAttempts) {
   world.script = [this](const Bytes &question, const std::string &) {
     return world.packets_sent <= 2 ? Bytes{} : answer_to(question, Temper::good);
   };
-  Query &asked = queries.ask("listed-2.list.test");
-  ASSERT_TRUE(world.run());
-  expect_truth(asked);
+  Query &asked = resolve("listed-2.list.test");
   EXPECT_LE(asked.took_us, 3'201'000) << "the answer to the third attempt counts";
 }
 
@@ -297,9 +283,7 @@ TEST_F(Engine, NothingThatListensIsToldApartFromSilence) {
   for (const char *server : {"192.0.2.7", "192.0.2.8"})
     world.set_temper(server, Temper::absent);
   world.packets_sent = 0;
-  const Query &direct = queries.ask("listed-2.list.test", {"192.0.2.7", "192.0.2.8"}, DNS_DCACHE);
-  ASSERT_TRUE(world.run());
-  expect_truth(direct);
+  const Query &direct = resolve("listed-2.list.test", {"192.0.2.7", "192.0.2.8"}, DNS_DCACHE);
   EXPECT_EQ(world.packets_sent, 3U);
   EXPECT_LT(direct.took_us, 10'000) << "moves on at once";
 

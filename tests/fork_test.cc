@@ -3,6 +3,7 @@
 // be.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <host_test.h>
 #include <kavo.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,8 +14,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <host_test.h>
 
 namespace {
 

@@ -1,12 +1,11 @@
 // journey_test.cc - questions that go from zone to zone in a simulated network: an honest tree, servers in it that
 // refer to nowhere, to themselves or to others' zones, and what they say of others, which nobody may ever hear of.
+#include <cache_entry.h>
 #include <context.h>
 #include <gtest/gtest.h>
-#include <packet.h>
 #include <world_query.h>
+#include <reply.h>
 
-#include <cctype>
-#include <cstring>
 #include <functional>
 #include <map>
 #include <memory>
@@ -19,6 +18,7 @@ namespace {
 using sim::Query;
 using sim::World;
 using testbed::Bytes;
+using testbed::Reply;
 
 constexpr const char *kRoot = "192.0.2.1";
 constexpr const char *kTest = "192.0.2.2";
@@ -26,39 +26,6 @@ constexpr const char *kBank = "192.0.2.3";
 constexpr const char *kEvil = "192.0.2.66";
 const Bytes kLie = {6, 6, 6, 6};
 const std::vector<in_addr_t> kLied = {0x06060606};
-
-Bytes address(const std::string &text) {
-  return testbed::u32(ntohl(World::address_of(text).sin_addr.s_addr));
-}
-
-// Reply is an answer that repeats its query.
-struct Reply : testbed::Packet {
-  explicit Reply(const Bytes &query) : Packet(Packet::reply(query, 0, false)), name(Packet::name()) {}
-  Reply &a(const std::string &owner, const Bytes &data, uint32_t ttl = 300) {
-    bytes[testbed::kFlagsAt] |= testbed::kAa;
-    add(owner, DNS_T_A, data, ttl);
-    return *this;
-  }
-  Reply &alias(const std::string &owner, const std::string &target) {
-    bytes[testbed::kFlagsAt] |= testbed::kAa;
-    add(owner, DNS_T_CNAME, testbed::dn(target));
-    return *this;
-  }
-  Reply &ns(const std::string &zone, const std::string &server, uint32_t ttl = 300) {
-    add(zone, DNS_T_NS, testbed::dn(server), ttl, DNS_S_NS);
-    return *this;
-  }
-  Reply &glue(const std::string &server, const std::string &place, uint32_t ttl = 300) {
-    add(server, DNS_T_A, address(place), ttl, DNS_S_AR);
-    return *this;
-  }
-  Reply &code(int rcode) {
-    bytes[testbed::kRcodeAt] = static_cast<uint8_t>(rcode);
-    return *this;
-  }
-  [[nodiscard]] bool under(const std::string &zone) const { return name == zone || name.ends_with("." + zone); }
-  std::string name;
-};
 
 // Tree is a world with a root, the zone test below it, and below that bank.test, honest all, and evil.test, whose
 // server does as `evil` says and answers with a lie where that leaves the reply as it is.
@@ -86,8 +53,8 @@ class Tree {
     return one;
   }
 
-  std::unique_ptr<dns_cache, decltype(&dns_cache_destroy)> answers{dns_cache_init(1 << 20), dns_cache_destroy};
-  std::unique_ptr<dns_cache, decltype(&dns_cache_destroy)> referrals{dns_cache_init(1 << 20), dns_cache_destroy};
+  testbed::Cache answers = testbed::cache_of();
+  testbed::Cache referrals = testbed::cache_of();
   World world;
   std::function<void(Reply *, const std::string &server)> evil;
   std::vector<std::unique_ptr<Query>> asked;
@@ -118,13 +85,13 @@ bool is_truth(const Query &asked) {
   return asked.status == DNS_E_NOERROR && asked.address() == sim::truth_of(testbed::dn(asked.canonical).data()).address;
 }
 
-TEST(Journey, GoesFromZoneToZoneAndRemembersTheWay) {
+TEST(Resolution, GoesFromZoneToZoneAndRemembersTheWay) {
   Tree tree(1);
   EXPECT_TRUE(is_truth(tree.run("one.bank.test")));
   EXPECT_EQ(tree.packets, 3U);
   EXPECT_TRUE(is_truth(tree.run("two.bank.test")));
   EXPECT_EQ(tree.packets, 1U);
-  tree.evil = [](Reply *reply, const std::string &) { reply->alias(reply->name, "three.bank.test"); };
+  tree.evil = [](Reply *reply, const std::string &) { reply->cname(reply->name, "three.bank.test"); };
   EXPECT_TRUE(is_truth(tree.run("x.evil.test")));
   EXPECT_EQ(tree.packets, 3U) << "the alias is asked for where its zone is known to be";
   tree.world.now_us += 301 * int64_t{1'000'000};
@@ -132,7 +99,7 @@ TEST(Journey, GoesFromZoneToZoneAndRemembersTheWay) {
   EXPECT_EQ(tree.packets, 3U);
 }
 
-TEST(Journey, RememberedServersThatFailedAMomentAgoEndTheQuestion) {
+TEST(Resolution, RememberedServersThatFailedAMomentAgoEndTheQuestion) {
   Tree tree(2);
   tree.evil = [](Reply *reply, const std::string &) { reply->code(DNS_R_SERVFAIL); };
   EXPECT_EQ(tree.run("x.evil.test").status, DNS_E_SERVFAIL);
@@ -142,7 +109,7 @@ TEST(Journey, RememberedServersThatFailedAMomentAgoEndTheQuestion) {
   EXPECT_EQ(tree.packets, 0U);
 }
 
-TEST(Journey, WhoFollowsIntoAZoneEndsInAContextWithoutServers) {
+TEST(Resolution, WhoFollowsIntoAZoneEndsInAContextWithoutServers) {
   Tree tree(1);
   (void)tree.run("listed-1.bank.test");
   ASSERT_EQ(dns_add_serv(tree.world.ctx, nullptr), 0);
@@ -154,7 +121,7 @@ TEST(Journey, WhoFollowsIntoAZoneEndsInAContextWithoutServers) {
   EXPECT_TRUE(follower.calls == 1 && follower.status == DNS_E_TEMPFAIL);
 }
 
-TEST(Journey, ADelegationLivesNoLongerThanItsAddresses) {
+TEST(Resolution, ADelegationLivesNoLongerThanItsAddresses) {
   Tree tree(3);
   tree.evil = [](Reply *reply, const std::string &server) {
     if (server != kEvil) return;
@@ -173,7 +140,7 @@ TEST(Journey, ADelegationLivesNoLongerThanItsAddresses) {
   }
 }
 
-TEST(Journey, ServersWithoutAddressesAreLookedUpWhenTheOthersAreOfNoUse) {
+TEST(Resolution, ServersWithoutAddressesAreLookedUpWhenTheOthersAreOfNoUse) {
   Tree tree(4);
   tree.evil = [](Reply *reply, const std::string &server) {
     if (server == "192.0.2.67") reply->code(0x0F);
@@ -181,10 +148,10 @@ TEST(Journey, ServersWithoutAddressesAreLookedUpWhenTheOthersAreOfNoUse) {
       reply->ns("sub.evil.test", "ns.evil.test").ns("sub.evil.test", "ns.bank.test").glue("ns.evil.test", "192.0.2.67");
   };
   EXPECT_EQ(tree.run("x.sub.evil.test").addresses, kLied);
-  EXPECT_EQ(tree.packets, 3U + 4U + 2U + 1U) << "down to the zone, four tries, the look-up, the server found by it";
+  EXPECT_EQ(tree.packets, 3U + 4U + 2U + 1U) << "down to the zone, four tries, the lookup, the server found by it";
 }
 
-TEST(Journey, WhatWasAnsweredAMomentAgoIsAnsweredAgain) {
+TEST(Resolution, WhatWasAnsweredAMomentAgoIsAnsweredAgain) {
   Tree tree(4);
   for (const unsigned use : {DNS_CU_ANS, DNS_CU_REF})
     ASSERT_EQ(dns_set_cache(tree.world.ctx, use, nullptr), DNS_E_NOERROR);
@@ -197,7 +164,7 @@ TEST(Journey, WhatWasAnsweredAMomentAgoIsAnsweredAgain) {
     EXPECT_EQ(tree.run("x.sub.evil.test").addresses, kLied);
 }
 
-TEST(Journey, NoZoneLeadsIntoThisHost) {
+TEST(Resolution, NoZoneLeadsIntoThisHost) {
   struct Row {
     const char *place, *own;
   };
@@ -215,7 +182,7 @@ TEST(Journey, NoZoneLeadsIntoThisHost) {
   }
 }
 
-TEST(Journey, OfAZonesServersTheOneThatAnswersIsAsked) {
+TEST(Resolution, OfAZonesServersTheOneThatAnswersIsAsked) {
   for (uint64_t seed = 1; seed <= 8; ++seed) {
     Tree tree(seed);
     tree.evil = [](Reply *reply, const std::string &server) {
@@ -235,11 +202,11 @@ TEST(Journey, OfAZonesServersTheOneThatAnswersIsAsked) {
 }
 
 // A broken answer behind an alias, and then a good one of the next server: nothing of the first is left.
-TEST(Journey, ABrokenEndOfAChainLeavesNothingBehind) {
+TEST(Resolution, ABrokenEndOfAChainLeavesNothingBehind) {
   for (const uint64_t seed : {5U, 6U, 7U, 8U}) {  // the servers are asked in random order
     Tree tree(seed);
     tree.evil = [](Reply *reply, const std::string &server) {
-      if (server == kEvil && reply->name == "x.evil.test") reply->alias(reply->name, "y.far.evil.test");
+      if (server == kEvil && reply->name == "x.evil.test") reply->cname(reply->name, "y.far.evil.test");
       if (server == kEvil && reply->under("far.evil.test"))
         reply->ns("far.evil.test", "ns.evil.test")
             .ns("far.evil.test", "ns2.evil.test")
@@ -253,7 +220,7 @@ TEST(Journey, ABrokenEndOfAChainLeavesNothingBehind) {
   }
 }
 
-TEST(Journey, RefersToNowhereWithinBounds) {
+TEST(Resolution, RefersToNowhereWithinBounds) {
   const unsigned packets_max = dns::Options{}.maxloop + 1;
   std::string deep = "evil.test";
   for (int i = 0; i < 110; ++i)
@@ -287,14 +254,14 @@ TEST(Journey, RefersToNowhereWithinBounds) {
          else
            r->ns("b.evil.test", "ns.a.evil.test").ns(r->name, "ns.a.evil.test");
        }},
-      {"aliases", [](Reply *r, const std::string &) { r->alias(r->name, "x" + r->name); }},
+      {"aliases", [](Reply *r, const std::string &) { r->cname(r->name, "x" + r->name); }},
       {"an alias loop",
        [](Reply *r, const std::string &s) {
          const bool here = s == kEvil && r->name.starts_with("a");
          if (s == kEvil && r->under("sub.evil.test"))
            r->ns("sub.evil.test", "ns.evil.test").glue("ns.evil.test", "192.0.2.67");
          else
-           r->alias(r->name, here ? "b.sub.evil.test" : "a.evil.test");
+           r->cname(r->name, here ? "b.sub.evil.test" : "a.evil.test");
        }},
   };
   for (const auto &[trick, evil] : tricks) {
@@ -315,7 +282,7 @@ void slander(World *world, Reply *reply) {
   const std::string below = "sub" + std::to_string(world->random(3)) + ".evil.test";
   switch (world->random(10)) {
     case 0:
-      reply->alias(reply->name, victim).a(victim, kLie);
+      reply->cname(reply->name, victim).a(victim, kLie);
       break;
     case 1:
       reply->a(victim, kLie).a(reply->name, kLie);
@@ -333,7 +300,7 @@ void slander(World *world, Reply *reply) {
       reply->a(reply->name, kLie).ns("bank.test", "ns.evil.test").glue("ns.bank.test", kEvil);
       break;
     case 6:
-      reply->alias(reply->name, "listed-1." + below).alias("listed-1." + below, victim);
+      reply->cname(reply->name, "listed-1." + below).cname("listed-1." + below, victim);
       break;
     case 7:
       reply->code(world->chance(50) ? DNS_R_SERVFAIL : DNS_R_NXDOMAIN);
@@ -353,12 +320,7 @@ void storm(uint64_t seed) {
   SCOPED_TRACE("seed " + std::to_string(seed));
   Tree tree(seed);
   World &world = tree.world;
-  world.weather = {static_cast<int>(world.random(30)),
-                   static_cast<int>(world.random(20)),
-                   200,
-                   static_cast<int64_t>(world.random(80'000)),
-                   0,
-                   static_cast<int>(world.random(20))};
+  world.worsen(0);
   tree.evil = [&world](Reply *reply, const std::string &) { slander(&world, reply); };
   std::set<const Query *> cancelled;
   bool closed = false;
@@ -390,7 +352,7 @@ void storm(uint64_t seed) {
   }
 }
 
-TEST(Journey, NobodyIsBelievedAboutOthers) {
+TEST(Resolution, NobodyIsBelievedAboutOthers) {
   for (uint64_t seed = 1; seed <= 2000 && !testing::Test::HasFailure(); ++seed)
     storm(seed);
 }

@@ -1,11 +1,9 @@
 // memory_test.cc - what contexts and outstanding questions cost, as the allocator counts it, and what becomes of a
-// context that gets no more. The server is a socket that nobody reads, so that every question stays outstanding.
-#include <arpa/inet.h>
+// context that gets no more. The server is a socket that no process reads, so that every question stays outstanding.
 #include <gtest/gtest.h>
+#include <hand_server.h>
 #include <kavo.h>
 #include <malloc.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <thread>
@@ -36,26 +34,6 @@ size_t allocated() {
   const struct mallinfo2 info = mallinfo2();
   return info.uordblks + info.hblkhd;
 }
-
-class Silence {
- public:
-  Silence() : socket_(::socket(AF_INET, SOCK_DGRAM, 0)) {
-    address_.sin_family = AF_INET;
-    address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address_;
-    if (bind(socket_, reinterpret_cast<sockaddr *>(&address_), size) != 0 ||
-        getsockname(socket_, reinterpret_cast<sockaddr *>(&address_), &size) != 0)
-      ADD_FAILURE() << "no socket";
-  }
-  ~Silence() { close(socket_); }
-  Silence(const Silence &) = delete;
-  Silence &operator=(const Silence &) = delete;
-  [[nodiscard]] uint16_t port() const { return ntohs(address_.sin_port); }
-
- private:
-  int socket_;
-  sockaddr_in address_{};
-};
 
 KAVO make(int table_size, uint16_t port) {
   KAVO kavo = nullptr;
@@ -88,7 +66,7 @@ void leave(KAVO kavo, const std::vector<KAVO_QUERY_NODE> &nodes) {
 
 TEST(Memory, ALargeTableCostsNothingBeforeItIsUsed) {
   if (!kCounts) GTEST_SKIP() << "the sanitizer's allocator does not count";
-  const Silence silence;
+  const testbed::HandServer silence;
   const auto cost = [&](int table_size) {
     const size_t before = allocated();
     KAVO kavo = make(table_size, silence.port());
@@ -104,7 +82,7 @@ TEST(Memory, ALargeTableCostsNothingBeforeItIsUsed) {
 TEST(Memory, AnOutstandingQuestionCostsLessThanOneKibibyte) {
   constexpr int kQuestions = 10'000;
   constexpr size_t kBound = 1024;
-  const Silence silence;
+  const testbed::HandServer silence;
   KAVO kavo = make(kQuestions, silence.port());
   const size_t before = allocated();
   std::vector<KAVO_QUERY_NODE> nodes = ask(kavo, kQuestions);
@@ -134,7 +112,7 @@ TEST(Memory, AnOutstandingQuestionCostsLessThanOneKibibyte) {
 TEST(Memory, AContextThatFailedForWantOfItIsConfiguredAndOpenedAgain) {
   if (!kCounts) GTEST_SKIP() << "the sanitizer's allocator does not fail";
   constexpr int kQuestions = 1000;
-  const Silence silence;
+  const testbed::HandServer silence;
   KAVO kavo = make(kQuestions, silence.port());
   nothing_grows = true;  // the list of sockets, for one
   std::vector<KAVO_QUERY_NODE> lost = ask(kavo, kQuestions);

@@ -3,92 +3,28 @@
 // believed comes first, and what is right after it by the same road.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <host_test.h>
 #include <kavo.h>
+#include <packet.h>
 #include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <array>
-#include <stdexcept>
 #include <string>
 #include <vector>
-
-#include <host_test.h>
 
 namespace {
 
 using namespace testbed;
 
-// Query is a query as it came, and where from.
-struct Query {
-  std::string packet;
-  sockaddr_in from{};
-
-  [[nodiscard]] size_t question_end() const { return packet.find('\0', DNS_HSIZE) + 5; }
-  // cookie_size is that of the COOKIE option (RFC 7873), which is the only option that queries have; 0 without one.
-  [[nodiscard]] size_t cookie_size() const {
-    constexpr size_t kOptHead = 11, kOptionHead = 4;
-    constexpr char kCookie = 10;
-    const std::string options = packet.substr(question_end() + kOptHead);
-    return options.size() > kOptionHead && options[1] == kCookie ? options.size() - kOptionHead : 0;
-  }
-};
-
-// StandIn is one UDP socket of the test, on an address of 127.0.0.0/8 and a port that the system chose.
-class StandIn {
- public:
-  explicit StandIn(const char *address = "127.0.0.1") : fd_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in own{};
-    own.sin_family = AF_INET;
-    inet_pton(AF_INET, address, &own.sin_addr);
-    socklen_t size = sizeof own;
-    if (bind(fd_, reinterpret_cast<sockaddr *>(&own), size) != 0 ||
-        getsockname(fd_, reinterpret_cast<sockaddr *>(&own), &size) != 0)
-      throw std::runtime_error(address);
-    port_ = ntohs(own.sin_port);
-  }
-  ~StandIn() { close(fd_); }
-  StandIn(const StandIn &) = delete;
-  StandIn &operator=(const StandIn &) = delete;
-
-  [[nodiscard]] uint16_t port() const { return port_; }
-  [[nodiscard]] pollfd watched() const { return {fd_, POLLIN, 0}; }
-
-  [[nodiscard]] Query receive() const {
-    Query query{std::string(4096, '\0'), {}};
-    pollfd wait = watched();
-    socklen_t size = sizeof query.from;
-    const ssize_t got = poll(&wait, 1, kLongMs) == 1 ? recvfrom(fd_, query.packet.data(), query.packet.size(), 0,
-                                                                reinterpret_cast<sockaddr *>(&query.from), &size)
-                                                     : -1;
-    if (got < DNS_HSIZE) throw std::runtime_error("no query came");
-    query.packet.resize(static_cast<size_t>(got));
-    return query;
-  }
-
-  // answer sends the address 127.0.0.`octet` as the answer to a query that some server has received; deny sends that
-  // there is no such name, and not for how long.
-  void answer(const Query &query, char octet) const {
-    using namespace std::string_literals;
-    reply(query, 0, "\xc0\x0c\0\1\0\1\0\0\1\0\0\4\x7f\0\0"s + octet);
-  }
-  void deny(const Query &query) const { reply(query, 3, ""); }
-
- private:
-  void reply(const Query &query, char rcode, const std::string &record) const {
-    std::string packet = query.packet.substr(0, query.question_end()) + record;
-    packet[2] = static_cast<char>(0x84);
-    packet[3] = rcode;
-    packet[7] = record.empty() ? 0 : 1;
-    packet[11] = 0;
-    EXPECT_EQ(sendto(fd_, packet.data(), packet.size(), 0, reinterpret_cast<const sockaddr *>(&query.from),
-                     sizeof query.from),
-              static_cast<ssize_t>(packet.size()));
-  }
-
-  int fd_;
-  uint16_t port_ = 0;
-};
+// cookie_size is that of a query's COOKIE option (RFC 7873), which is the only option that queries have; 0 without one.
+size_t cookie_size(const HandServer::Query &query) {
+  constexpr size_t kOptHead = 11, kOptionHead = 4;
+  constexpr uint8_t kCookie = 10;
+  const size_t at = question_end(query.packet) + kOptHead;
+  return query.packet.size() > at + kOptionHead && query.packet[at + 1] == kCookie
+             ? query.packet.size() - at - kOptionHead
+             : 0;
+}
 
 using OptionsTest = HostTest;
 
@@ -100,14 +36,14 @@ std::string the_answer(KAVO kavo, const Node &node) {
 }
 
 TEST_F(OptionsTest, OnlyExpectedStrangersAreBelieved) {
-  const StandIn server, expected("127.0.0.9"), stranger("127.0.0.8");
+  const HandServer server, expected("127.0.0.9"), stranger("127.0.0.8");
   Host host;
   host.server(server.port()).patient();
   // Whom of the two the host believes: the stranger, who is faster, or its server.
-  const auto believed = [&](const StandIn &other) {
+  const auto believed = [&](const HandServer &other) {
     host.open();
     const Node node(host, KAVOT_DNS_A, "who.example");
-    const Query query = server.receive();
+    const HandServer::Query query = server.receive();
     other.answer(query, 66);
     server.answer(query, 2);
     const std::string answer = the_answer(host, node);
@@ -125,7 +61,7 @@ TEST_F(OptionsTest, OnlyExpectedStrangersAreBelieved) {
 
 // Cookies and the rotation of servers are bits of one word of the engine's.
 TEST_F(OptionsTest, CookiesAndRotationAreSwitchedEachAlone) {
-  const std::array<StandIn, 2> servers;
+  const std::array<HandServer, 2> servers;
   Host host;
   host.server(servers[0].port()).server(servers[1].port()).patient();
   struct Seen {
@@ -138,11 +74,11 @@ TEST_F(OptionsTest, CookiesAndRotationAreSwitchedEachAlone) {
     std::vector<size_t> asked, cookies;
     for (const char *name : {"a.example", "b.example"}) {
       const Node node(host, KAVOT_DNS_A, name);
-      std::array<pollfd, 2> wait{servers[0].watched(), servers[1].watched()};
+      std::array<pollfd, 2> wait{{{servers[0].descriptor(), POLLIN, 0}, {servers[1].descriptor(), POLLIN, 0}}};
       EXPECT_GT(poll(wait.data(), wait.size(), kLongMs), 0);
       asked.push_back(wait[0].revents != 0 ? 0 : 1);
-      const Query query = servers[asked.back()].receive();
-      cookies.push_back(query.cookie_size());
+      const HandServer::Query query = servers[asked.back()].receive();
+      cookies.push_back(cookie_size(query));
       servers[asked.back()].answer(query, 2);
       EXPECT_EQ(the_answer(host, node), "127.0.0.2");
     }
@@ -163,10 +99,10 @@ TEST_F(OptionsTest, CookiesAndRotationAreSwitchedEachAlone) {
 }
 
 TEST_F(OptionsTest, DenialsThatSayNotForHowLongAreKeptForTheNegativeTtl) {
-  const StandIn server;
+  const HandServer server;
   Host host(8, 1 << 16);
   host.server(server.port()).patient();
-  // Whether a denial is found in the cache when the name is asked for again.
+  // Whether a negative answer is found in the cache when the name is asked for again.
   const auto kept = [&](const char *name) {
     bool found = false;
     host.open();

@@ -1,7 +1,10 @@
-// outcome_test.cc - what the engine makes of answers in a simulated network that are neither records nor plain denials:
-// errors, denials by the wrong zone or without authority, what goes into the cache of them and what does not; what is
-// no answer at all, and what a stranger's counts for.
+// outcome_test.cc - what the engine makes of answers in a simulated network that are neither records nor plain negative
+// answers: errors, negative answers by the wrong zone or without authority, what goes into the cache of them and what
+// does not; what is no answer at all, and what a stranger's counts for.
+#include <cache_entry.h>
 #include <gtest/gtest.h>
+#include <packet.h>
+#include <queries.h>
 
 #include <algorithm>
 #include <memory>
@@ -9,9 +12,6 @@
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <packet.h>
-#include <queries.h>
 
 namespace {
 
@@ -63,7 +63,7 @@ class Outcome : public Engine {
   unsigned packets = 0;
   std::vector<int> codes;
   int told_rtt_ms = 0;
-  std::unique_ptr<dns_cache, decltype(&dns_cache_destroy)> cache_{dns_cache_init(1 << 20), dns_cache_destroy};
+  testbed::Cache cache_ = testbed::cache_of();
 };
 
 TEST_F(Outcome, EveryErrorOfAServerHasItsStatus) {

@@ -1,8 +1,14 @@
 // platform_test.cc - the lowest layers: threads, deadlines and logging; the hash table against a model; datagrams.
 #include <arpa/inet.h>
+#include <dns_io.h>
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <hand_server.h>
+#include <pelk.h>
+#include <random_source.h>
+#include <shash.h>
 #include <signal.h>
+#include <siphash.h>
 #include <strings.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -18,12 +24,6 @@
 #include <thread>
 #include <unordered_map>
 #include <vector>
-
-#include <dns_io.h>
-#include <pelk.h>
-#include <random_source.h>
-#include <shash.h>
-#include <siphash.h>
 
 namespace {
 
@@ -474,13 +474,8 @@ TEST(SystemIo, DatagramsArriveAsTheyWereHoweverTheKernelTakesThem) {
   const dns::Io *io = dns::system_io();
   for (const int refuses : {0, 1}) {
     SCOPED_TRACE(refuses);
-    const int receiver = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0);
-    sockaddr_in peer = {};
-    peer.sin_family = AF_INET;
-    peer.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof peer;
-    ASSERT_EQ(bind(receiver, reinterpret_cast<sockaddr *>(&peer), length), 0);
-    ASSERT_EQ(getsockname(receiver, reinterpret_cast<sockaddr *>(&peer), &length), 0);
+    const testbed::HandServer receiver;
+    const sockaddr_in peer = testbed::loopback(receiver.port());
     const int sender = io->udp_open(io->self, 0, &peer);
     ASSERT_GE(sender, 0);
     ASSERT_EQ(setsockopt(sender, SOL_SOCKET, SO_NO_CHECK, &refuses, sizeof refuses), 0);
@@ -496,12 +491,10 @@ TEST(SystemIo, DatagramsArriveAsTheyWereHoweverTheKernelTakesThem) {
       datagrams.push_back({reinterpret_cast<uint8_t *>(packet.data()), 0, size_of(packet), peer});
     EXPECT_EQ(io->udp_send(io->self, sender, datagrams.data(), dns::kBatch, true), int{dns::kBatch});
     for (const std::string &packet : sent) {
-      char buffer[1024];
-      const ssize_t size = recv(receiver, buffer, sizeof buffer, 0);
-      ASSERT_EQ(std::string(buffer, static_cast<size_t>(std::max<ssize_t>(size, 0))), packet);
+      const std::vector<uint8_t> got = receiver.receive().packet;
+      ASSERT_EQ(std::string(got.begin(), got.end()), packet);
     }
     io->udp_close(io->self, sender);
-    close(receiver);
   }
 }
 

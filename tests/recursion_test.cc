@@ -1,7 +1,9 @@
 // recursion_test - questions that the library follows through a delegation tree by itself, large answers over TCP, and
 // what a resolver holds in its cache: all from real name servers, on addresses of their own that share a port.
 #include <gtest/gtest.h>
+#include <host_test.h>
 #include <kavo.h>
+#include <name_daemons.h>
 #include <netinet/in.h>
 
 #include <atomic>
@@ -10,9 +12,6 @@
 #include <set>
 #include <string>
 #include <vector>
-
-#include <host_test.h>
-#include <name_daemons.h>
 
 namespace {
 

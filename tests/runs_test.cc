@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <host_test.h>
 #include <kavo.h>
 #include <pthread.h>
 #include <unistd.h>
@@ -13,8 +14,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <host_test.h>
 
 namespace {
 
@@ -65,15 +64,12 @@ TEST_F(RunsTest, NodesOfOtherListsAreNotJoined) {
   EXPECT_EQ(kavo_nactive(host), 4u);
 }
 
-TEST_F(RunsTest, ConfigurationIsRefusedWhileAnotherThreadCloses) {
+TEST_F(RunsTest, ConfigurationIsRefusedWhileAContextRunsAndWhileItCloses) {
   const HandServer slow;
   Host host;
   host.server(slow.port()).zone(KAVOT_BL_IP, "slow.list").option(KAVOOPT_TIMEOUT_MSEC, kNeverMs).open();
   Node node(host, KAVOT_BL_IP, "192.0.2.1");
   const HandServer::Query query = slow.receive();
-  std::thread closer([&host] { EXPECT_EQ(kavo_close(host), KAVOE_OK); });
-  while (kavo_srv_is_running(host) != 0)
-    std::this_thread::yield();
   const in_addr address{htonl(INADDR_LOOPBACK)};
   const TempDir directory;
   const std::string zones = directory.write("zones", "#IP\nother.list\n\n");
@@ -88,9 +84,17 @@ TEST_F(RunsTest, ConfigurationIsRefusedWhileAnotherThreadCloses) {
                           kavo_add_zone(host, KAVOT_BL_IP, "another.list")});
   };
   configure(KAVOE_SRV);
+  std::thread closer([&host] { EXPECT_EQ(kavo_close(host), KAVOE_OK); });
+  while (kavo_srv_is_running(host) != 0)
+    std::this_thread::yield();
+  configure(KAVOE_SRV);
   expect_all(KAVOE_SRV, {kavo_open(host), kavo_free(host)});
   kavo_free_zones(host);
   EXPECT_STREQ(kavo_zonesmap_zone(host, 1), "slow.list");
+  sockaddr servers[4];
+  unsigned count = 4;
+  EXPECT_EQ(kavo_get_dns_servers(host, servers, &count), KAVOE_OK);
+  EXPECT_EQ(count, 1U);
   slow.deny(query);
   closer.join();
   EXPECT_EQ(in_place(host, node), std::vector<std::string>{"NXDOM"});

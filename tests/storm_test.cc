@@ -3,6 +3,7 @@
 // from its question, so that an answer that went to the wrong question shows.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <host_test.h>
 #include <kavo.h>
 #include <malloc.h>
 
@@ -12,8 +13,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <host_test.h>
 
 namespace {
 
@@ -179,13 +178,12 @@ void storm(uint16_t port, unsigned round, int questions, int cache_size) {
   host.zone(KAVOT_BL_IP, "first.storm").zone(KAVOT_BL_IP, "second.storm").zone(KAVOT_BL_DOM, "names.storm").open();
   std::atomic<int> left{questions};
   std::vector<std::unique_ptr<Asker>> askers;
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (unsigned i = 0; i < kThreads; ++i)
     askers.push_back(std::make_unique<Asker>(host, round * kThreads + i + 1, &left));
   for (const auto &asker : askers)
     threads.emplace_back(&Asker::run, asker.get());
-  for (std::thread &thread : threads)
-    thread.join();
+  threads.clear();
   int asked = 0;
   for (const auto &asker : askers) {
     EXPECT_EQ(asker->wrong(), 0) << asker->first_wrong();

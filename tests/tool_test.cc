@@ -2,6 +2,7 @@
 // sees.
 #include <gtest/gtest.h>
 #include <kavo.h>
+#include <list_server.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,8 +14,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <list_server.h>
 
 namespace {
 
@@ -325,20 +324,10 @@ TEST_F(ToolTest, RawQueryShowsThePacketOfAnyType) {
 
 // The library is the judge, whatever the tool makes of a file.
 TEST_F(ToolTest, ZonesCommandAgreesWithTheLibraryOnEveryFile) {
-  const std::vector<std::string> words{"#IP\n",
-                                       "#IP_TXT\n",
-                                       "#NS\n",
-                                       "#ip\n",
-                                       "# IP\n",
-                                       "#MX\r\n",
-                                       "a.test\n",
-                                       "b.test\n",
-                                       "\n",
-                                       "a..b\r\n",
-                                       "#IP",
-                                       std::string(1, '\0'),
-                                       std::string(254, 'x') + "\n",
-                                       std::string(255, '#') + "\n"};
+  std::vector<std::string> words{"#IP\n",    "#IP_TXT\n", "#NS\n", "#ip\n",    "# IP\n", "#MX\r\n",
+                                 "a.test\n", "b.test\n",  "\n",    "a..b\r\n", "#IP"};
+  for (const auto &[count, letter] : {std::pair(1, '\0'), {254, 'x'}, {255, '#'}})
+    words.push_back(std::string(static_cast<size_t>(count), letter) + (count == 1 ? "" : "\n"));
   std::minstd_rand random(11);
   int refused = 0;
   for (int i = 0; i < 60; ++i) {

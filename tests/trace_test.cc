@@ -2,7 +2,10 @@
 // the trace of a context, the engine's synchronous lookups, and the servers that are set through them.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <host_test.h>
 #include <kavo.h>
+#include <name_daemons.h>
+#include <process.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -13,10 +16,6 @@
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <host_test.h>
-#include <name_daemons.h>
-#include <process.h>
 
 namespace {
 
@@ -247,29 +246,8 @@ TEST(TraceRecords, OfAFullAnswerLieInTheirSections) {
         ";; OPT PSEUDOSECTION:", "; EDNS: version: 0, flags: do; udp: 1232", "; OPT=10: AABB"})
     EXPECT_TRUE(has_line(full.err, line)) << line << "\n" << full.err;
   EXPECT_FALSE(has_line(full.err, ";; ADDITIONAL SECTION:"));
-}
-
-// The sanitizers watch: nothing may be read outside a packet, whatever is wrong with it.
-TEST(TraceRecords, NeverReadOutsideABrokenPacket) {
-  const std::string whole = full_answer();
-  const testbed::Output all = printed([&] {
-    for (size_t size = 0; size <= whole.size(); ++size)
-      trace(whole.substr(0, size), DNS_D_PKT_RPAN, some_query());
-    for (size_t at = 0; at < whole.size(); ++at) {
-      for (const int change : {1, 0x40, 0x80, 0xC0, 0xFF}) {
-        std::string broken = whole;
-        broken[at] = static_cast<char>(broken[at] ^ change);
-        trace(broken, DNS_D_PKT_RPINV);
-      }
-    }
-  });
-  // Control characters of foreign names and texts never reach the terminal.
-  const std::string text = all.out + all.err;
-  EXPECT_TRUE(
-      std::all_of(text.begin(), text.end(), [](char c) { return c == '\n' || c == '\t' || (c >= ' ' && c <= '~'); }));
-  // What stands before the cut is shown.
-  const testbed::Output cut = printed([&] { trace(whole.substr(0, 50), DNS_D_PKT_RPAN); });
-  EXPECT_TRUE(has_line(cut.err, "example.test.\t\t300\tIN\tA\t192.0.2.1")) << cut.err;
+  const testbed::Output cut = printed([] { trace(full_answer().substr(0, 50), DNS_D_PKT_RPAN); });
+  EXPECT_TRUE(has_line(cut.err, "example.test.\t\t300\tIN\tA\t192.0.2.1")) << "what is before the cut is shown";
 }
 
 constexpr const char *kZones =

@@ -267,7 +267,7 @@ TEST(Blocks, HoldTheRecordsOfTheClassThatWasAsked) {
   EXPECT_EQ(Laid(Block::txt, answer, "version.bind").as<dns_rr_txt>()->dnstxt_nrr, 1);
 }
 
-// chain_answer makes aliases n0 -> n1 -> ... -> n<links>, with an address at the end.
+// chain_answer makes CNAME records n0 -> n1 -> ... -> n<links>, with an address at the end.
 Packet chain_answer(int links, bool reverse, bool loop = false) {
   Packet answer("n0");
   const auto node = [](int i) { return "n" + std::to_string(i); };

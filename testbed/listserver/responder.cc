@@ -190,7 +190,8 @@ bool Responder::write_wrong(const Question &question, const Zone &zone, Wrong wr
   return true;
 }
 
-// The answer from the zones: the records of the name, along its aliases, or a denial with the zone's SOA.
+// The answer from the zones: the records of the name, along its CNAME records, or a negative answer with the zone's
+// SOA.
 void Responder::write_zone(const Question &question, const Zone *zone, size_t zone_at, dns::Writer *writer,
                            Sections *sections) {
   std::string_view dn(question.lower.data(), question.dn_size);

@@ -46,7 +46,7 @@ struct AddressHash {
 };
 Address prefix_of(Address address, unsigned bits);
 
-// Prefixes finds the longest prefix that holds an address: one hash look-up for each length that occurs.
+// Prefixes finds the longest prefix that holds an address: one hash lookup for each length that occurs.
 class Prefixes {
  public:
   void add(Address address, unsigned bits, const Node *node);
@@ -82,7 +82,7 @@ class Zone {
   std::string dn;
   std::string soa;  // the SOA record's data
   uint32_t soa_ttl = 0;
-  uint32_t denial_ttl = 0;  // how long a denial may be kept: the lesser of the SOA's TTL and its minimum
+  uint32_t denial_ttl = 0;  // how long a negative answer may be kept: the lesser of the SOA's TTL and its minimum
   Faults faults;
 
  private:

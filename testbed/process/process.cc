@@ -59,7 +59,7 @@ void take(int *fd, std::string *text) {
   if (got == 0 || (got < 0 && errno != EINTR && errno != EAGAIN)) close_fd(fd);
 }
 
-// Gives the child what its standard input takes; closes it when all is given or nobody reads.
+// Gives the child what its standard input takes; closes it when all is given or no process reads.
 void give(int *fd, std::string *text) {
   const ssize_t written = write(*fd, text->data(), text->size());
   if (written > 0) text->erase(0, static_cast<size_t>(written));

@@ -45,6 +45,14 @@ class Engine : public ::testing::Test {
  protected:
   World world{42};
   Queries queries{&world};
+
+  // resolve asks, runs the world and checks that the truth came of it.
+  Query &resolve(const std::string &text, const std::vector<std::string> &servers = {}, unsigned flags = 0) {
+    Query &query = queries.ask(text, servers, flags);
+    EXPECT_TRUE(world.run());
+    expect_truth(query);
+    return query;
+  }
 };
 
 }  // namespace sim

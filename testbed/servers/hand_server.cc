@@ -1,5 +1,6 @@
 #include "hand_server.h"
 
+#include <arpa/inet.h>
 #include <packet.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -21,8 +22,9 @@ sockaddr_in loopback(uint16_t port) {
   return address;
 }
 
-HandServer::HandServer() : socket_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+HandServer::HandServer(const char *address_text) : socket_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
   sockaddr_in address = loopback(0);
+  inet_pton(AF_INET, address_text, &address.sin_addr);
   socklen_t size = sizeof address;
   if (bind(socket_, reinterpret_cast<sockaddr *>(&address), size) != 0 ||
       getsockname(socket_, reinterpret_cast<sockaddr *>(&address), &size) != 0)
@@ -44,9 +46,12 @@ HandServer::Query HandServer::receive() const {
   return query;
 }
 
+void HandServer::answer(const Query &query, uint8_t octet) const {
+  send(query, Packet::reply(query.packet).add(kQuestionPointer, DNS_T_A, {127, 0, 0, octet}).bytes);
+}
+
 void HandServer::deny(const Query &query) const {
-  const Packet packet = Packet::reply(query.packet, DNS_R_NXDOMAIN);
-  send(query, packet.bytes);
+  send(query, Packet::reply(query.packet, DNS_R_NXDOMAIN).bytes);
 }
 
 void HandServer::send(const Query &query, const std::vector<uint8_t> &packet) const {

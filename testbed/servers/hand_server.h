@@ -18,13 +18,16 @@ class HandServer {
     sockaddr_in from;
   };
 
-  HandServer();
+  explicit HandServer(const char *address = "127.0.0.1");
   ~HandServer();
   HandServer(const HandServer &) = delete;
   HandServer &operator=(const HandServer &) = delete;
   [[nodiscard]] uint16_t port() const { return port_; }
+  [[nodiscard]] int descriptor() const { return socket_; }
   [[nodiscard]] Query receive() const;
-  void deny(const Query &query) const;  // NXDOMAIN
+  // answer answers with the address 127.0.0.`octet`, deny with NXDOMAIN and no SOA record.
+  void answer(const Query &query, uint8_t octet) const;
+  void deny(const Query &query) const;
   void send(const Query &query, const std::vector<uint8_t> &packet) const;
 
  private:

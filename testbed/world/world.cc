@@ -41,6 +41,16 @@ void World::add_server(const std::string &address, Temper temper) {
   if (dns_add_serv(ctx, address.c_str()) <= 0) throw std::runtime_error("server refused");
 }
 
+void World::worsen(int forged_percent_max) {
+  const auto draw = [this](int below) { return static_cast<int>(random(static_cast<uint64_t>(below))); };
+  weather.loss_percent = draw(30);
+  weather.duplicate_percent = draw(20);
+  weather.delay_us = 200;
+  weather.jitter_us = draw(80'000);
+  weather.forged_percent = forged_percent_max > 0 ? draw(forged_percent_max) : 0;
+  weather.breaks_percent = draw(20);
+}
+
 dns_timeval World::now() const {
   return {static_cast<int32_t>(now_us / kUsPerSecond), static_cast<int32_t>(now_us % kUsPerSecond)};
 }

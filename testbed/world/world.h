@@ -39,7 +39,7 @@ struct Reply {
   std::string from;       // the address that it comes from, if not the server's
   bool returned = false;  // the query comes back undeliverable
   bool whole = false;     // over UDP too, however large
-  bool framed = true;     // over TCP, behind its length
+  bool framed = true;     // over TCP, after its length
   bool closes = false;    // the connection
 };
 
@@ -70,6 +70,8 @@ class World {
   void set_temper(const std::string &address, Temper temper) { tempers_[address] = temper; }
   static sockaddr_in address_of(const std::string &address, uint16_t port = 53);
 
+  // worsen draws the weather of a storm, with forgers up to so many percent.
+  void worsen(int forged_percent_max);
   // forge puts a packet into the inbox of every socket, as if it came from a server's port.
   void forge(const std::string &server, const Bytes &packet, uint16_t port = 53);
   // last_query is the last packet that was sent by UDP.
