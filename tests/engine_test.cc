@@ -2,9 +2,9 @@
 // Whatever the network does, a question ends in exactly one callback, with the right answer or the right status.
 #include <cache_entry.h>
 #include <context.h>
-#include <resolver_file.h>
 #include <gtest/gtest.h>
 #include <queries.h>
+#include <resolver_file.h>
 #include <stream.h>
 
 #include <algorithm>

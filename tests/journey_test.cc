@@ -3,8 +3,8 @@
 #include <cache_entry.h>
 #include <context.h>
 #include <gtest/gtest.h>
-#include <world_query.h>
 #include <reply.h>
+#include <world_query.h>
 
 #include <functional>
 #include <map>
