@@ -49,6 +49,13 @@ class ChainedTable {
   void prefetch_bucket(Key key) const {
     if (size_ != 0) prefetch(&buckets_[key & (size_ - 1)]);
   }
+  // each hands every record to `use`, which leaves the table as it is.
+  template <typename Use>
+  void each(Use use) const {
+    for (unsigned i = 0; i < size_; ++i)
+      for (T *item = buckets_[i]; item != nullptr; item = item->*kNext)
+        use(item);
+  }
   // drain hands every record to `end`, which takes it out and adds none.
   template <typename End>
   void drain(End end) {

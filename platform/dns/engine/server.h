@@ -28,6 +28,7 @@ struct Server : base::Link {
   sockaddr_in address = {};
   unsigned holders = 0;
   Server *bucket_next = nullptr;
+  uint32_t hash = 0;  // of its address
 
   // The smoothed round-trip time and its variation (RFC 6298), in microseconds; 0 while there is no estimate.
   int64_t srtt_us = 0;

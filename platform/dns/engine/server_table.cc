@@ -8,11 +8,11 @@
 namespace dns {
 namespace {
 
-unsigned bucket_of(const sockaddr_in &address, unsigned buckets) {
+uint32_t hash_of(const sockaddr_in &address) {
   // Addresses come from the host's own configuration, so a plain multiplicative hash will do.
   constexpr uint64_t kGolden = 0x9E3779B97F4A7C15;
   const uint64_t key = uint64_t{address.sin_addr.s_addr} << 16 | address.sin_port;
-  return static_cast<unsigned>((key * kGolden) >> 32) % buckets;
+  return static_cast<uint32_t>((key * kGolden) >> 32);
 }
 
 }  // namespace
@@ -24,20 +24,13 @@ ServerTable::ServerTable() {
 ServerTable::~ServerTable() {
   {
     pelk_lock lock(&mutex_);
-    for (Server *&bucket : buckets_)
-      while (bucket != nullptr) {
-        Server *server = bucket;
-        bucket = server->bucket_next;
-        server->unlink();
-        server->~Server();
-        free(server);
-      }
+    servers_.drain([this](Server *server) PELK_REQUIRES(mutex_) { forget(server); });
   }
   (void)pelk_mutex_destroy(&mutex_);
 }
 
 Server *ServerTable::find(const sockaddr_in &address) {
-  Server *server = buckets_[bucket_of(address, kBuckets)];
+  Server *server = servers_.first(hash_of(address));
   while (server != nullptr && !same_address(server->address, address))
     server = server->bucket_next;
   return server;
@@ -47,13 +40,12 @@ Server *ServerTable::hold(const sockaddr_in &address) {
   pelk_lock lock(&mutex_);
   Server *server = find(address);
   if (server == nullptr) {
-    void *block = calloc(1, sizeof(Server));
+    void *block = servers_.ready() ? malloc(sizeof(Server)) : nullptr;
     if (block == nullptr) return nullptr;
-    server = new (block) Server();
+    server = new (block) Server;
     server->address = address;
-    Server *&bucket = buckets_[bucket_of(address, kBuckets)];
-    server->bucket_next = bucket;
-    bucket = server;
+    server->hash = hash_of(address);
+    servers_.add(server);
   } else if (server->holders == 0) {
     server->unlink();
     --idle_count_;
@@ -71,10 +63,7 @@ void ServerTable::release(Server *server) {
 }
 
 void ServerTable::forget(Server *server) {
-  Server **at = &buckets_[bucket_of(server->address, kBuckets)];
-  while (*at != server)
-    at = &(*at)->bucket_next;
-  *at = server->bucket_next;
+  servers_.remove(server);
   server->unlink();
   server->~Server();
   free(server);

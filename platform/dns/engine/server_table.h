@@ -5,6 +5,7 @@
 
 #include <netinet/in.h>
 
+#include <chained_table.h>
 #include <list.h>
 #include <pelk.h>
 
@@ -32,9 +33,7 @@ class ServerTable {
   template <typename Use>
   void each(Use use) {
     pelk_lock lock(&mutex_);
-    for (Server *server : buckets_)
-      for (; server != nullptr; server = server->bucket_next)
-        use(server);
+    servers_.each(use);
   }
 
   // read calls `use` with the address's record while the table's lock is held; false when there is none. Any thread.
@@ -48,12 +47,11 @@ class ServerTable {
   }
 
  private:
-  static constexpr unsigned kBuckets = 4096;
   [[nodiscard]] Server *find(const sockaddr_in &address) PELK_REQUIRES(mutex_);
   void forget(Server *server) PELK_REQUIRES(mutex_);
 
   pelk_mutex_t mutex_;
-  Server *buckets_[kBuckets] PELK_GUARDED_BY(mutex_) = {};
+  base::ChainedTable<Server, &Server::bucket_next, &Server::hash> servers_ PELK_GUARDED_BY(mutex_);
   base::Link idle_;
   unsigned idle_count_ = 0;
   unsigned idle_max_ = kIdleServersMax;
