@@ -8,6 +8,7 @@
 #include <utility>
 
 #include <pelk_annotations.h>
+#include <sanitizer.h>
 
 // kavo_spare_block: what a block holds while no node is in it.
 struct kavo_spare_block {
@@ -17,7 +18,7 @@ struct kavo_spare_block {
 namespace {
 
 // Blocks of each size that are kept.
-constexpr unsigned kSpareMax = PELK_ADDRESS_SANITIZER ? 0 : 64;
+constexpr unsigned kSpareMax = base::kAddressSanitizer ? 0 : 64;
 
 unsigned class_of(uint16_t key_size) {
   return (key_size - 1U) / KAVO_SPARE_STEP;

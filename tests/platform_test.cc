@@ -4,7 +4,10 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <hand_server.h>
-#include <pelk.h>
+#include <pelk_log.h>
+#include <pelk_process.h>
+#include <pelk_sync.h>
+#include <pelk_thread.h>
 #include <random_source.h>
 #include <shash.h>
 #include <signal.h>

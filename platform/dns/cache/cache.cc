@@ -16,6 +16,7 @@
 #include <cache_image.h>
 #include <cacher.h>
 #include <cdata.h>
+#include <pelk_thread.h>
 #include <siphash.h>
 
 #include "cache_shard.h"

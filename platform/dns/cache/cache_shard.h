@@ -18,7 +18,8 @@
 
 #include <bucket_index.h>
 #include <kavo/dns.h>
-#include <pelk.h>
+#include <pelk_annotations.h>
+#include <pelk_sync.h>
 
 namespace dns {
 
@@ -71,7 +72,7 @@ class Graveyard {
 };
 
 // Index finds entries by hash. Its shard's mutex guards it.
-using Index = BucketIndex<Entry, &Entry::bucket_next, &Entry::hash>;
+using Index = base::BucketIndex<Entry, &Entry::bucket_next, &Entry::hash>;
 
 // Key is what an entry is found by.
 struct Key {

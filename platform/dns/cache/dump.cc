@@ -11,7 +11,8 @@
 #include <utility>
 
 #include <cacher.h>
-#include <pelk.h>
+#include <pelk_file.h>
+#include <pelk_thread.h>
 
 namespace dns::dump {
 

@@ -14,7 +14,9 @@
 #include <array>
 
 #include <cacher.h>
-#include <pelk.h>
+#include <pelk_annotations.h>
+#include <pelk_sync.h>
+#include <pelk_thread.h>
 #include <record.h>
 
 #include "dump.h"

@@ -6,6 +6,8 @@
 #include <new>
 #include <utility>
 
+#include <pelk_thread.h>
+
 #include "context.h"
 #include "delivery.h"
 #include "resolver_file.h"

@@ -13,6 +13,7 @@
 #include <memory>
 
 #include <dns_wire.h>
+#include <pelk_thread.h>
 
 #include "context.h"
 

@@ -10,7 +10,7 @@
 #include <memory>
 
 #include <dns_wire.h>
-#include <pelk.h>
+#include <pelk_file.h>
 
 #include "bounds.h"
 

@@ -7,7 +7,8 @@
 
 #include <chained_table.h>
 #include <list.h>
-#include <pelk.h>
+#include <pelk_annotations.h>
+#include <pelk_sync.h>
 
 #include "bounds.h"
 #include "server.h"

@@ -13,7 +13,7 @@
 #include <atomic>
 
 #include <dns_io.h>
-#include <pelk.h>
+#include <pelk_file.h>
 
 namespace dns {
 namespace {

@@ -19,14 +19,4 @@
 #define PELK_RELEASE(...) PELK_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
 #define PELK_NO_ANALYSIS PELK_THREAD_ATTRIBUTE(no_thread_safety_analysis)
 
-// Under AddressSanitizer, of either compiler, released blocks are not kept for reuse: it then sees each use after a
-// release.
-#if defined(__SANITIZE_ADDRESS__)
-inline constexpr bool PELK_ADDRESS_SANITIZER = true;
-#elif defined(__has_feature)
-inline constexpr bool PELK_ADDRESS_SANITIZER = __has_feature(address_sanitizer);
-#else
-inline constexpr bool PELK_ADDRESS_SANITIZER = false;
-#endif
-
 #endif  // PELK_ANNOTATIONS_H

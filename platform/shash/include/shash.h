@@ -59,7 +59,7 @@ struct shash_table {
   size_t capacity;
   size_t data_size;  // bytes of the caller's data behind each item
   size_t count;      // items in all ranges
-  BucketIndex<shash_item, &shash_item::bucket_next, &shash_item::hash> index;
+  base::BucketIndex<shash_item, &shash_item::bucket_next, &shash_item::hash> index;
   rindex_t ranges_count;
   shash_range ranges[SHASH_MAX_RANGES];
   shash_item *spare;  // items without a key, to be used again

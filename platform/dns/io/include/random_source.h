@@ -6,7 +6,7 @@
 #include <string.h>
 
 #include <dns_io.h>
-#include <pelk.h>
+#include <pelk_process.h>
 
 namespace dns {
 
