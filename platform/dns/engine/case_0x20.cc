@@ -39,12 +39,7 @@ bool take_other_case(dns_query *q, unsigned place, const Arrival &arrival) {
   return false;
 }
 
-void note_case(const dns_query *q, unsigned place, const Arrival &arrival) {
-  Server *server = servers_of(q)[place];
-  // Over TCP letters may come back as they were sent where they do not by UDP.
-  if (!arrival.by_udp() || was_lowered(q, place)) return;
-  server->other_case_us = 0;
-  if (server->keeps_case()) return;
+void count_letters(const dns_query *q, Server *server) {
   const auto is_letter = [](uint8_t byte) {
     const unsigned lower = byte | 0x20U;
     return lower >= 'a' && lower <= 'z';

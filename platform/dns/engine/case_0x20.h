@@ -10,6 +10,7 @@
 #include <dns_engine.h>
 
 #include "arrival.h"
+#include "context.h"
 
 namespace dns {
 
@@ -19,7 +20,14 @@ void set_case(dns_query *q, std::span<uint8_t> name);
 // take_other_case deals with an answer of the server at `place` that is right but for the case of its question's
 // letters. True when it counts. note_case counts the letters that have come back as they were sent.
 [[nodiscard]] bool take_other_case(dns_query *q, unsigned place, const Arrival &arrival);
-void note_case(const dns_query *q, unsigned place, const Arrival &arrival);
+void count_letters(const dns_query *q, Server *server);
+inline void note_case(const dns_query *q, unsigned place, const Arrival &arrival) {
+  // Over TCP letters may come back as they were sent where they do not by UDP.
+  if (!arrival.by_udp() || was_lowered(q, place)) return;
+  Server *server = servers_of(q)[place];
+  server->other_case_us = 0;
+  if (!server->keeps_case()) count_letters(q, server);
+}
 
 // doubts_case tells whether TCP was to tell whether the present server keeps the case, and note_no_tcp that the server
 // has none: one that was never seen to keep the case is then taken for one that does not, and asked in lower case.

@@ -38,10 +38,6 @@ bool keep_cookie(const dns_ctx *ctx, Server *server, std::span<const uint8_t> co
 
 }  // namespace
 
-bool with_cookies(const dns_ctx *ctx) {
-  return (ctx->options.flags & DNS_COOKIES) != 0;
-}
-
 size_t write_cookie(const dns_ctx *ctx, const Server *server,
                     std::span<uint8_t, kClientCookieSize + kServerCookieMax> cookie) {
   client_cookie(ctx, server, cookie.data());
@@ -49,9 +45,8 @@ size_t write_cookie(const dns_ctx *ctx, const Server *server,
   return kClientCookieSize + server->cookie_size;
 }
 
-bool check_cookie(const dns_query *q, unsigned place, const Arrival &arrival, const Header &header) {
+bool check_option(const dns_query *q, unsigned place, const Arrival &arrival, const Header &header) {
   const dns_ctx *ctx = q->ctx;
-  if (!with_cookies(ctx)) return true;
   Server *server = servers_of(q)[place];
   const bool expected = server->gives_cookies(ctx->now_us);
   if (!expected && !said_opt(q, place)) return true;

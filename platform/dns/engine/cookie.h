@@ -10,7 +10,7 @@
 #include <message.h>
 
 #include "arrival.h"
-#include "server.h"
+#include "context.h"
 
 namespace dns {
 
@@ -18,14 +18,20 @@ inline constexpr size_t kClientCookieSize = 8;  // RFC 7873, section 4
 
 // with_cookies tells whether the context exchanges cookies. write_cookie writes those for a server, this side's and the
 // server's where it has given one; their size.
-[[nodiscard]] bool with_cookies(const dns_ctx *ctx);
+[[nodiscard]] inline bool with_cookies(const dns_ctx *ctx) {
+  return (ctx->options.flags & DNS_COOKIES) != 0;
+}
 [[nodiscard]] size_t write_cookie(const dns_ctx *ctx, const Server *server,
                                   std::span<uint8_t, kClientCookieSize + kServerCookieMax> cookie);
 
 // check_cookie checks the cookie of an answer of the server at `place` and keeps the server's part of it (RFC 7873,
 // section 5.3). A server that has given one does so always; when it no longer does, it says so over TCP. False for an
 // answer that is in doubt.
-[[nodiscard]] bool check_cookie(const dns_query *q, unsigned place, const Arrival &arrival, const Header &header);
+[[nodiscard]] bool check_option(const dns_query *q, unsigned place, const Arrival &arrival, const Header &header);
+[[nodiscard]] inline bool check_cookie(const dns_query *q, unsigned place, const Arrival &arrival,
+                                       const Header &header) {
+  return !with_cookies(q->ctx) || check_option(q, place, arrival, header);
+}
 
 // wants_cookie tells whether a server refuses the cookie that it was sent (BADCOOKIE, RFC 7873, 5.3): it has given a
 // new one, and after that there is TCP.

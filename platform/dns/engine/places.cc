@@ -19,11 +19,6 @@ void leave_connection(dns_query *q) {
 
 }  // namespace
 
-void enqueue(dns_query *q) {
-  q->attempt.sent_us = q->ctx->now_us;
-  move(q, State::sending, &q->ctx->sending);
-}
-
 void give_up_place(dns_query *q) {
   Server *server = std::exchange(q->attempt.under_way, nullptr);
   if (server == nullptr) return;

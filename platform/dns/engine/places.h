@@ -4,11 +4,15 @@
 #define DNS_ENGINE_PLACES_H
 
 #include "context.h"
+#include "move.h"
 
 namespace dns {
 
 // enqueue puts a query at the end of those that are to be sent.
-void enqueue(dns_query *q);
+inline void enqueue(dns_query *q) {
+  q->attempt.sent_us = q->ctx->now_us;
+  move(q, State::sending, &q->ctx->sending);
+}
 
 // prepare_for has the next attempt go to the server at `place`: by UDP, with EDNS0, and with nothing known of how that
 // server answers.

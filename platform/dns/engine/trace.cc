@@ -43,9 +43,8 @@ void tell_packet(dns_ctx *ctx, dns_query *q, int code, const Arrival &arrival, i
   ctx->dbg(ctx, q, code, &event, ctx->dbg_data);
 }
 
-bool tell_answer(dns_query *q, int code, const Arrival &arrival) {
+bool tell_any_answer(dns_query *q, int code, const Arrival &arrival) {
   dns_ctx *ctx = q->ctx;
-  if (!ctx->tells(DNS_DE_PKT)) return true;
   const Hold hold(ctx);
   tell_packet(ctx, q, code, arrival, static_cast<int>((ctx->now_us - q->attempt.sent_us) / kUsPerMs));
   return q->state != State::cancelled;

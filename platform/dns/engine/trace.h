@@ -8,6 +8,7 @@
 #include <dns_engine.h>
 
 #include "arrival.h"
+#include "context.h"
 
 namespace dns {
 
@@ -29,7 +30,10 @@ class Hold {
 // tell_packet tells of a packet that left or arrived; the caller holds, where a query could be cancelled. tell_answer
 // tells of an answer to a query, tell_cache of what the answer cache holds of it; false when that cancelled the query.
 void tell_packet(dns_ctx *ctx, dns_query *q, int code, const Arrival &arrival, int rtt_ms);
-[[nodiscard]] bool tell_answer(dns_query *q, int code, const Arrival &arrival);
+[[nodiscard]] bool tell_any_answer(dns_query *q, int code, const Arrival &arrival);
+[[nodiscard]] inline bool tell_answer(dns_query *q, int code, const Arrival &arrival) {
+  return !q->ctx->tells(DNS_DE_PKT) || tell_any_answer(q, code, arrival);
+}
 [[nodiscard]] bool tell_cache(dns_query *q, int code, dns_dcache *data);
 
 }  // namespace dns
