@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <string>
 #include <utility>
 #include <vector>
@@ -51,6 +52,18 @@ std::vector<int64_t> ask_in_turn(World *world, int count, int64_t pause_us, cons
     world->now_us += pause_us;
   }
   return took;
+}
+
+TEST_F(Engine, AProbeThatTurnsToLowerCaseStaysAProbe) {
+  world.add_server("192.0.2.1", Temper::dead);
+  world.add_server("192.0.2.2", Temper::good);
+  ask_in_turn(&world, 3, 2'000'000);
+  world.set_temper("192.0.2.1", Temper::lowers_case);
+  world.tcp_error = -ECONNREFUSED;
+  world.tcp_errors = UINT32_MAX;
+  ask_in_turn(&world, 1, 0);
+  EXPECT_EQ(world.asked["192.0.2.1"], 2U);
+  EXPECT_EQ(world.asked["192.0.2.2"], 0U) << "the probe has found it recovered";
 }
 
 int64_t median(std::vector<int64_t> of) {

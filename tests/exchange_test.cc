@@ -295,6 +295,20 @@ TEST_F(Engine, NothingThatListensIsToldApartFromSilence) {
   EXPECT_EQ(closed.calls, 0) << "it was pausing";
 }
 
+TEST_F(Engine, APauseDoesNotForgetHowAServerIsToBeAsked) {
+  world.add_server("192.0.2.1", Temper::good);
+  unsigned plain = 0;
+  world.script = [&plain](const Bytes &query, const std::string &) {
+    Reply reply = answer_to(query, Temper::knows_no_opt);
+    if (query[testbed::kAdditionalAt] != 0 || ++plain > 1) return reply;
+    reply.bytes.clear();
+    reply.returned = true;
+    return reply;
+  };
+  resolve("listed-1.list.test");
+  EXPECT_EQ(world.packets_sent, 3U) << "with EDNS0 once";
+}
+
 // has_capitals tells whether the name of a question packet left with some.
 bool has_capitals(const Bytes &question) {
   return std::any_of(question.begin() + DNS_HSIZE, question.end() - 15, [](uint8_t c) { return isupper(c) != 0; });

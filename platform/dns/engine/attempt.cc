@@ -35,14 +35,12 @@ bool is_direct(const dns_query *q) {
 
 void ask_again(dns_query *q) {
   const auto most = std::min<size_t>(q->ctx->options.ntries, is_direct(q) ? servers_of(q).size() : SIZE_MAX);
-  const bool over_tcp = q->attempt.over_tcp;
   if (q->progress.attempts >= most || !choose_next(q)) {
     give_up(q);
     return;
   }
-  q->attempt.over_tcp = over_tcp;
   leave_server(q);
-  q->attempt.over_tcp = false;
+  prepare_for(q, q->attempt.server);
   enqueue(q);
 }
 
@@ -81,9 +79,10 @@ void not_reached(dns_query *q) {
 }
 
 void end_pause(dns_query *q) {
+  const unsigned place = q->attempt.server;
   q->progress.unreached = 0;
-  // What is asked over TCP stays with the server that has said so.
-  if (!q->attempt.over_tcp) (void)choose_next(q);
+  // What is asked over TCP stays with the server that has said so. Another one is asked as if it were new.
+  if (!q->attempt.over_tcp && choose_next(q) && q->attempt.server != place) prepare_for(q, q->attempt.server);
   enqueue(q);
 }
 

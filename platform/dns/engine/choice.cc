@@ -169,6 +169,7 @@ uint64_t key_of(const dns_query *q, const Server *server) {
 
 void choose_first(dns_query *q) {
   prepare_for(q, 0);
+  q->attempt.probes = false;
   q->attempt.round = 0;
   q->progress.tried = 0;
   if (servers_of(q).size() < 2) return;
@@ -191,7 +192,8 @@ bool choose_next(dns_query *q) {
   const uint32_t set = open & ~q->progress.tried;
   const unsigned place = by_cost(q) ? cheapest(q, set, start_of(q))
                                     : following(set, q->attempt.server, static_cast<unsigned>(servers_of(q).size()));
-  prepare_for(q, place);
+  q->attempt.server = static_cast<uint8_t>(place);
+  q->attempt.probes = false;
   return true;
 }
 
@@ -201,6 +203,7 @@ void turn_away(dns_query *q) {
   q->ctx->sending.take_all(&present_server(q)->parked);
   give_up_place(q);
   (void)choose_next(q);
+  prepare_for(q, q->attempt.server);
 }
 
 void missed(dns_query *q) {

@@ -63,6 +63,7 @@ struct dns_ctx {
   // Queries that are not over, and those of them that the host knows of: lookups of costs do not count.
   unsigned active = 0;
   [[nodiscard]] unsigned open_queries() const { return active - costs.open; }
+  unsigned turns_open = 0;  // turns of the loop that are under way, one in a callback of the other
   unsigned turns_unchecked = 0;
 
   unsigned holds = 0;  // Hold objects in force; meanwhile a query that is dropped stays in `cancelled`

@@ -29,10 +29,24 @@ dns_timeval to_timeval(int64_t us) {
   return {static_cast<int32_t>(us / kUsPerSecond), static_cast<int32_t>(us % kUsPerSecond)};
 }
 
-void begin_turn(dns_ctx *ctx, dns_timeval now) {
-  ctx->now_us = to_us(now);
-  ctx->wall_read = false;
-}
+// Turn is one turn of the loop. A callback may drive the context too, by a synchronous lookup; only when the outermost
+// turn is over is every query where it belongs.
+class Turn {
+ public:
+  Turn(dns_ctx *ctx, dns_timeval now) : ctx_(ctx) {
+    ctx->now_us = to_us(now);
+    ctx->wall_read = false;
+    ++ctx->turns_open;
+  }
+  ~Turn() {
+    if (--ctx_->turns_open == 0) check_turn(ctx_);
+  }
+  Turn(const Turn &) = delete;
+  Turn &operator=(const Turn &) = delete;
+
+ private:
+  dns_ctx *ctx_;
+};
 
 // take_queued gives every query submitted since the last turn to the cache, and then to the servers. What callbacks
 // submit meanwhile waits for the next turn.
@@ -97,13 +111,12 @@ using namespace dns;
 extern "C" {
 
 dns_timeval dns_timeouts(dns_ctx *ctx, dns_timeval longest, dns_timeval now) {
-  begin_turn(ctx, now);
+  const Turn turn(ctx, now);
   if (ctx->open_queries() == 0) return dns_tv_infinite;
   give_up_late(ctx);
   take_queued(ctx);
   flush(ctx);
   tcp_tidy(ctx);
-  check_turn(ctx);
   if (ctx->open_queries() == 0) return dns_tv_infinite;
   if (!ctx->queued.alone()) return dns_tv_zero;
   const int64_t next = ctx->timers.next_us();
@@ -133,14 +146,12 @@ int dns_sockio(dns_ctx *ctx, dns_ios *sockets, unsigned capacity) {
 }
 
 void dns_ioevent(dns_ctx *ctx, const dns_ios *socket, dns_timeval now) {
-  begin_turn(ctx, now);
-  if (!tcp_event(ctx, *socket)) {
-    const int slot = ctx->sockets.slot_of(socket->dnsio_sock);
-    if (slot == UdpPool::kNone) return;
-    if ((socket->dnsio_events & DNS_IO_OUT) != 0) ctx->sockets.set_blocked(slot, false);
-    if ((socket->dnsio_events & DNS_IO_IN) != 0) receive(ctx, slot);
-  }
-  check_turn(ctx);
+  const Turn turn(ctx, now);
+  if (tcp_event(ctx, *socket)) return;
+  const int slot = ctx->sockets.slot_of(socket->dnsio_sock);
+  if (slot == UdpPool::kNone) return;
+  if ((socket->dnsio_events & DNS_IO_OUT) != 0) ctx->sockets.set_blocked(slot, false);
+  if ((socket->dnsio_events & DNS_IO_IN) != 0) receive(ctx, slot);
 }
 
 }  // extern "C"

@@ -119,6 +119,7 @@ bool is_final(dns_status status) {
 void go_back_to(dns_query *q, unsigned place) {
   if (place == q->attempt.server) return;
   prepare_for(q, place);
+  q->attempt.probes = false;
 }
 
 // asked_otherwise asks the server at `place` again without EDNS0 or over TCP, where its answer calls for that. False

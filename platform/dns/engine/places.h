@@ -14,12 +14,12 @@ inline void enqueue(dns_query *q) {
   move(q, State::sending, &q->ctx->sending);
 }
 
-// prepare_for has the next attempt go to the server at `place`: by UDP, with EDNS0, and with nothing known of how that
-// server answers.
+// prepare_for has a query, as a server is new to it, ask the server at `place`: by UDP, with EDNS0, and with nothing
+// known of how that server answers.
 inline void prepare_for(dns_query *q, unsigned place) {
   Attempt &attempt = q->attempt;
   attempt.server = static_cast<uint8_t>(place);
-  attempt.probes = attempt.over_tcp = attempt.plain = attempt.fresh_cookie = false;
+  attempt.over_tcp = attempt.plain = attempt.fresh_cookie = false;
   attempt.tcp_breaks = 0;
   attempt.doubt = Doubt::none;
 }
