@@ -1,9 +1,9 @@
 // checksum.cc - eight independent sums side by side, each of every eighth word, folded into one at the end.
 //
 // A pure function; any thread may call it. Each step maps a sum and a word one to one: a word that has changed changes
-// its sum for good, unless a later word of the same sum makes up for it. The rotation carries what the multiplication
-// has moved up back to the low bits, so that no two changes of top bits meet. The sums are independent because a
-// processor can multiply every cycle but needs several for one product.
+// its sum for good, unless a later word of the same sum compensates for it. The multiplication moves changes up; the
+// rotation brings them back to the low bits, so that no two changes of top bits cancel out. The sums are independent
+// because a processor can multiply every cycle but needs several for one product.
 #include <checksum.h>
 
 #include <string.h>
@@ -11,7 +11,7 @@
 #include <array>
 #include <bit>
 
-static_assert(std::endian::native == std::endian::little, "words are read as they lie in memory");
+static_assert(std::endian::native == std::endian::little, "words are read in memory order");
 
 namespace {
 

@@ -1,7 +1,7 @@
 // siphash.cc - SipHash-1-3: one round per word of eight bytes, three at the end.
 //
 // Pure functions without state; any thread may call them. The short variant is enough here: the hash stays inside the
-// process, where nobody can read its values back, so an outsider only has to be kept from choosing collisions.
+// process, and no outsider can read it, so it only has to keep outsiders from choosing collisions.
 #include <siphash.h>
 
 #include <errno.h>
@@ -12,7 +12,7 @@
 
 #include <bit>
 
-static_assert(std::endian::native == std::endian::little, "words are read as they lie in memory");
+static_assert(std::endian::native == std::endian::little, "words are read in memory order");
 
 namespace {
 
@@ -113,7 +113,7 @@ uint64_t siphash_folded(const uint8_t secret[16], const void *data, size_t size)
 int siphash_secret(uint8_t secret[16]) {
   long got = -1;
   do {
-    // The call itself: getrandom is a cancellation point.
+    // The system call itself, since the function getrandom is a cancellation point.
     got = syscall(SYS_getrandom, secret, kSecretSize, 0);
   } while (got < 0 && errno == EINTR);
   return got == static_cast<long>(kSecretSize) ? 0 : -1;

@@ -29,7 +29,7 @@ void TimerWheel::remove(Timer *timer) {
 void TimerWheel::expire(int64_t now_us, Link *due) {
   const int64_t tick = now_us / kTickUs;
   if (tick <= hand_) return;
-  // More than a lap behind: every slot is looked at once.
+  // More than a lap has passed: every slot is looked at once.
   int64_t at = tick - hand_ >= kSlots ? tick - kSlots : hand_;
   hand_ = tick;
   while (at < tick) {

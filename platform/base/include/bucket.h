@@ -1,8 +1,8 @@
 // bucket.h - one bucket of a BucketIndex (bucket_index.h).
 //
-// A bucket is one cache line of pointers to records. What it knows of their hashes is apart, eight bytes a bucket: that
-// tells of nearly all keys that they are not there, and which record to compare, before any record is touched. Records
-// that find no free slot are in a chain.
+// A bucket is one cache line of pointers to records. A separate array holds eight bytes of tags for each bucket, made
+// from the records' hashes. The tags rule out nearly every key that is absent, and they tell which record to compare,
+// before any record is touched. Records that find no free slot are in a chain. Nothing here locks.
 #ifndef BUCKET_H
 #define BUCKET_H
 
@@ -79,8 +79,8 @@ struct Bucket {
     line->chain = item;
   }
 
-  // remove takes a record out. A slot that falls free goes to the first record of the chain, so that chains stay rare
-  // and searches short.
+  // remove takes a record out. The first record of the chain takes over the slot, so that chains stay rare and searches
+  // short.
   void remove(T *item) const {
     for (uint64_t left = tagged(tag_of(hash_of(item))); left != 0; left &= left - 1) {
       const int slot = slot_of(left);
@@ -116,7 +116,7 @@ struct Bucket {
  private:
   static constexpr uint64_t kEachSlot = 0x01010101010101;
 
-  // tag_of and chain_bit_of are what a bucket knows of a hash, from the end that does not choose the bucket.
+  // tag_of and chain_bit_of are what a bucket keeps of a hash: bits from the end that does not choose the bucket.
   static uint8_t tag_of(uint32_t hash) { return static_cast<uint8_t>(hash >> 24 | 1); }
   static uint8_t chain_bit_of(uint32_t hash) { return static_cast<uint8_t>(1U << (hash >> 29)); }
 
@@ -131,8 +131,8 @@ struct Bucket {
   [[nodiscard]] uint64_t free_slots() const { return ~std::bit_cast<uint64_t>(*tags) & kEachSlot; }
   static int slot_of(uint64_t slots) { return std::countr_zero(slots) / CHAR_BIT; }
 
-  // drop takes the record at `link` out of the chain and returns it. The bits are those of the others then, though it
-  // costs a look at them: bits that stay behind would have every search in the bucket look at them in the end.
+  // drop takes the record at `link` out of the chain and returns it. The chain's bits are then made anew from the
+  // records that are left: if old bits stayed, every search in the bucket would walk the chain in the end.
   T *drop(T **link) const {
     T *item = *link;
     *link = item->*kNext;

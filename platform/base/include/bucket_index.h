@@ -2,8 +2,8 @@
 //
 // The index is an array of buckets (bucket.h) that grows by one bucket at a time (linear hashing): the records of one
 // older bucket are shared out between it and the new one, so that no call ever pays for a large step. The array is in
-// segments that never move, four for each doubling. Filing a record and taking it out touch no other one, but for the
-// few that wait in chains. Nothing here locks.
+// segments that never move, four for each doubling. Inserting or removing a record touches no other record, except the
+// few in chains. Nothing here locks.
 #ifndef BUCKET_INDEX_H
 #define BUCKET_INDEX_H
 
@@ -45,7 +45,7 @@ class BucketIndex {
   }
 
   // insert files a record and, where one is due, adds a bucket. False without memory for the first bucket; without
-  // memory for another one the chains only get longer, and a later insertion tries again.
+  // memory for another one the chains only get longer, and a later insertion attempts it again.
   [[nodiscard]] bool insert(T *item) {
     if (due() && !grow() && buckets_ == 0) return false;
     place_of(Place::hash_of(item), buckets_).put(item);
@@ -81,8 +81,8 @@ class BucketIndex {
   }
 
   // prefetch_place asks the processor for a hash's bucket. Any thread may call it at any time, without the lock that
-  // keeps the others apart: what it reads is there before buckets_ says so, and never changes. prefetch_found asks for
-  // the records that find would look at.
+  // guards the index: the segments it reads are stored before buckets_ counts their buckets, and never change.
+  // prefetch_found asks for the records that find would look at.
   void prefetch_place(uint32_t hash) const {
     const size_t buckets = __atomic_load_n(&buckets_, __ATOMIC_ACQUIRE);
     if (buckets == 0) return;
@@ -108,7 +108,7 @@ class BucketIndex {
   static constexpr unsigned kBitsMax = 24;  // of a hash that choose the bucket
   static_assert(kItemsPerBucket < Place::kSlots);
 
-  // bytes_of reckons with a segment that was just begun: it is a fourth of all before it at most.
+  // bytes_of counts the last segment whole: it is at most a fourth of all before it.
   static size_t bytes_of(size_t buckets) {
     return buckets == 0 ? 0 : std::max(segments::kFirst, buckets + buckets / segments::kEach + 1) * Place::kBytes;
   }
@@ -118,8 +118,8 @@ class BucketIndex {
     const size_t size = size_t{1} << segments::shift_of(number);
     return Place::at(segments_[segments::segment_of(number)], size, number & (size - 1));
   }
-  // place_of returns the bucket of a hash: its low bits, with the top one dropped while the bucket that they name is
-  // still to come.
+  // place_of returns the bucket of a hash: its low bits, without the top one if the index has not grown to that bucket
+  // yet.
   [[nodiscard]] Place place_of(uint32_t hash, size_t buckets) const {
     const size_t mask = std::bit_ceil(buckets) - 1;
     const size_t number = hash & mask;

@@ -1,5 +1,5 @@
-// byte_order.h - integers in network order, for places whose bounds are known to hold; Reader and Writer see to all
-// others.
+// byte_order.h - integers in network order, for places whose bounds are known to hold. Packets are read and written
+// with Reader and Writer (cursor.h), which check bounds.
 #ifndef BYTE_ORDER_H
 #define BYTE_ORDER_H
 

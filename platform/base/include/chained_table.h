@@ -1,5 +1,7 @@
 // chained_table.h - a hash table of records that carry their own links: a power of two of buckets, doubled as it fills.
-// Keys are spread already: random numbers, or secret hashes.
+//
+// Keys are already evenly spread: random numbers, or hashes under a secret. The table never allocates or releases a
+// record, and nothing here locks.
 #ifndef DNS_ENGINE_CHAINED_TABLE_H
 #define DNS_ENGINE_CHAINED_TABLE_H
 
@@ -40,7 +42,7 @@ class ChainedTable {
     *at = item->*kNext;
     --count_;
   }
-  // first begins the chain in which a record with that key would lie; null where there is none.
+  // first returns the first record of the bucket of that key, or null.
   template <typename Key>
   [[nodiscard]] T *first(Key key) const {
     return size_ == 0 ? nullptr : buckets_[key & (size_ - 1)];
@@ -71,7 +73,7 @@ class ChainedTable {
   void grow() {
     const unsigned size = size_ == 0 ? kSizeMin : 2 * size_;
     auto **buckets = static_cast<T **>(calloc(size, sizeof(T *)));
-    if (buckets == nullptr) return;  // those in place go on, with longer chains
+    if (buckets == nullptr) return;  // the present buckets stay, with longer chains
     for (unsigned i = 0; i < size_; ++i)
       while (T *item = buckets_[i]) {
         buckets_[i] = item->*kNext;

@@ -6,7 +6,7 @@
 #include <stdint.h>
 
 // checksum sums up `size` bytes and the checksum `before` of what precedes them. Bytes that differ in one word of eight
-// never have the same checksum, others once in 2^64. It finds damage; it keeps nobody from making bytes that fit.
+// never have the same checksum, others once in 2^64. It finds damage. It is no protection against forgery.
 [[nodiscard]] uint64_t checksum(uint64_t before, const void *data, size_t size);
 
 #endif  // CHECKSUM_H

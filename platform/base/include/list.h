@@ -43,7 +43,7 @@ struct Link {
 };
 
 // prefetch_after is for walks down a list that may be too long for the processor's caches: while the record at `link`
-// is used it asks for the one after the next.
+// is used, it prefetches the one after the next.
 template <typename T>
 inline void prefetch_after(const Link *link) {
   prefetch_all<T>(link->next->next);

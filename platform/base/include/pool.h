@@ -1,5 +1,6 @@
-// pool.h - blocks of one size, allocated in chunks and handed out again and again: once a context is warm, a question
-// allocates nothing. Chunks are released with the pool.
+// pool.h - blocks of one size, allocated in chunks and reused: once a context is warm, a query allocates nothing.
+//
+// A pool never returns a chunk to the system before its own destruction. Nothing here locks.
 #ifndef DNS_ENGINE_POOL_H
 #define DNS_ENGINE_POOL_H
 
@@ -11,7 +12,7 @@
 
 namespace base {
 
-// Under AddressSanitizer every block is an allocation of its own, so that it sees the use of one that was put back.
+// Under AddressSanitizer every block is an allocation of its own, so that it reports the use of a block after put.
 inline constexpr bool kPooled = !kAddressSanitizer;
 
 template <typename T, size_t kPerChunk>

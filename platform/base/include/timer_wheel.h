@@ -1,5 +1,7 @@
-// timer_wheel.h - the deadlines of questions in flight. Adding, removing and expiring one takes constant time, however
-// many there are. Time is an argument: the wheel reads no clock.
+// timer_wheel.h - a timer wheel: the deadlines of queries in flight.
+//
+// Adding, removing and expiring a timer takes constant time, however many there are. Time is an argument: the wheel
+// reads no clock. A timer is part of its owner's record, so the wheel allocates nothing. Nothing here locks.
 #ifndef DNS_ENGINE_TIMER_WHEEL_H
 #define DNS_ENGINE_TIMER_WHEEL_H
 
@@ -22,7 +24,7 @@ class TimerWheel {
   static constexpr unsigned kSlots = 4096;  // one lap is 4 s; a later deadline stays in its slot for further laps
   static constexpr int64_t kNever = INT64_MAX;
 
-  // add files a timer under its deadline (microseconds); one that lies in the past is due at the next tick.
+  // add files a timer under its deadline (microseconds); a deadline in the past is due at the next tick.
   void add(Timer *timer, int64_t deadline_us);
   void remove(Timer *timer);
 
@@ -43,8 +45,8 @@ class TimerWheel {
       }
   }
 
-  // next_us returns a moment at which the wheel wants to be asked again: never later than the earliest deadline. kNever
-  // when it is empty.
+  // next_us returns when expire should be called next: never later than the earliest deadline. kNever when the wheel is
+  // empty.
   [[nodiscard]] int64_t next_us() const;
 
  private:
