@@ -1,7 +1,7 @@
 // shash.cc - the static hash table: an index of the items, and one list per range.
 //
-// The items of a large table lie in memory that no processor cache has room for: what comes next is asked for ahead.
-// Nothing here locks.
+// The items of a large table do not fit the processor's caches, so those that are used next are prefetched. Nothing
+// here locks.
 #include "shash.h"
 
 #include <stdlib.h>
@@ -34,14 +34,14 @@ void range_take_out(shash_table *table, shash_item *item) {
   range.count -= 1;
 }
 
-// prefetch_key asks for an item's key and the line before it: owners keep what they know of a key next to it.
+// prefetch_key prefetches an item's key and the line before it, where owners keep their data about the key.
 void prefetch_key(const shash_item *item) {
   prefetch(item->pKey);
   prefetch(item->pKey - CACHE_LINE);
 }
 
-// prefetch_next_to_go asks for what evicting the item after the next one takes, which nobody has looked at for as long
-// as the table holds items, and for the item that follows. (Of those before them it was asked for earlier.)
+// prefetch_next_to_go prefetches what the eviction of the item after the next one reads, and the item that follows.
+// Both have been untouched since they entered the range. (Earlier calls prefetched the items before them.)
 void prefetch_next_to_go(const shash_table *table) {
   const shash_item *item = table->ranges[0].first;
   if (item == nullptr || item->range_next == nullptr) return;
@@ -104,8 +104,8 @@ shash_item *shash_search(shash_table *table, const uint8_t *key, uint16_t key_si
   return shash_search(table, key, key_size, shash_hash(table, key, key_size));
 }
 
-// The item's key is the comparison's first, the key that is looked for its second. Keys with unequal hashes are never
-// compared.
+// The item's key is the comparison's first argument, the key that is looked for its second. Keys with unequal hashes
+// are never compared.
 shash_item *shash_search(shash_table *table, const uint8_t *key, uint16_t key_size, uint32_t hash) {
   if (table == nullptr || key == nullptr) return nullptr;
   return table->index.find(hash, [&](const shash_item *item) {
@@ -154,7 +154,7 @@ void shash_unindex(shash_table *table, shash_item *item) {
   item->indexed = false;
 }
 
-// The key is released while the item still stands in its range and its chain; after that only its hash is read.
+// The key is released while the item is still in its range and its bucket; after that only its hash is read.
 void shash_remove(shash_table *table, shash_item *item) {
   if (table == nullptr || item == nullptr) return;
   table->keyfree(table->owner, item->pKey, item);
@@ -182,7 +182,7 @@ STAT_RANGEITEM *range_find(shash_table *table, rindex_t range, STAT_RANGEITEM *c
 shash_item *range_item_first(const STAT_RANGEITEM *cursor) {
   if (cursor == nullptr) return nullptr;
   shash_item *first = cursor->table->ranges[cursor->range].first;
-  // Who takes one after the other finds the next ones at hand.
+  // For callers that take the items one after the other.
   if (first != nullptr && first->range_next != nullptr) {
     prefetch_key(first->range_next);
     prefetch(first->range_next->range_next);

@@ -1,10 +1,10 @@
-// shash.h - the static hash table: a table of fixed capacity whose items also lie in numbered ranges.
+// shash.h - the static hash table: a table of fixed capacity whose items are also in numbered ranges.
 //
 // An item is a key (the caller's memory, never copied) with its place in the index and in one range, a list in the
 // order of arrival. Insert, search, update and eviction take constant time: the index grows one bucket at a time, and
-// an item costs one allocation that is kept and used again. Keys are hashed with a secret of the table's own (SipHash),
-// since they come from strangers; the hash folds ASCII letters, so keys that differ in letter case alone meet in one
-// bucket and the comparison decides. No operation locks: the caller does.
+// an item costs one allocation that is kept and reused. Keys come from untrusted peers and are hashed with a secret of
+// the table's own (SipHash). The hash folds ASCII letters, so keys that differ in letter case alone share a bucket and
+// the comparison decides. No operation locks: the caller does.
 #ifndef SHASH_H
 #define SHASH_H
 
@@ -57,7 +57,7 @@ struct shash_table {
   shash_keycmp_fn *keycmp;
   shash_keyfree_fn *keyfree;
   size_t capacity;
-  size_t data_size;  // bytes of the caller's data behind each item
+  size_t data_size;  // bytes of the caller's data after each item
   size_t count;      // items in all ranges
   base::BucketIndex<shash_item, &shash_item::bucket_next, &shash_item::hash> index;
   rindex_t ranges_count;
@@ -71,26 +71,26 @@ struct shash_table {
 [[nodiscard]] int shash_init(shash_table *table, size_t capacity, size_t data_size, shash_keycmp_fn *keycmp,
                              shash_keyfree_fn *keyfree, rindex_t ranges);
 
-// shash_hash returns the hash of a key, for a search and an insertion that would otherwise work it out twice.
+// shash_hash returns the hash of a key, so that a search followed by an insertion computes it once.
 [[nodiscard]] uint32_t shash_hash(const shash_table *table, const uint8_t *key, uint16_t key_size);
 
 // shash_search returns the item whose key compares equal (keycmp gives 0), in any range, or null.
 [[nodiscard]] shash_item *shash_search(shash_table *table, const uint8_t *key, uint16_t key_size);
 [[nodiscard]] shash_item *shash_search(shash_table *table, const uint8_t *key, uint16_t key_size, uint32_t hash);
 
-// shash_insert files a new item for `key` at the end of `range`. In a full table the first item of range 0, the one
-// that came there longest ago, gives way: keyfree is called for it first. Null when range 0 is empty then, or without
-// memory.
+// shash_insert files a new item for `key` at the end of `range`. In a full table it first evicts the first item of
+// range 0, the one that came there longest ago, and calls keyfree for it. Null when the table is full and range 0 is
+// empty, or without memory.
 [[nodiscard]] shash_item *shash_insert(shash_table *table, uint8_t *key, uint16_t key_size, rindex_t range);
 [[nodiscard]] shash_item *shash_insert(shash_table *table, uint8_t *key, uint16_t key_size, uint32_t hash,
                                        rindex_t range);
 
-// shash_update moves an item to the end of `range` (nothing moves when it lies there already). 0, or -1 for no such
+// shash_update moves an item to the end of `range` (nothing moves when it is there already). 0, or -1 for no such
 // range.
 [[nodiscard]] int shash_update(shash_table *table, shash_item *item, rindex_t range);
 
-// shash_unindex takes an item out of the index: no search finds it any more, while it keeps its range and its place in
-// the count. shash_remove releases any item: keyfree is called for it.
+// shash_unindex takes an item out of the index: no search finds it any more, but it stays in its range and still
+// counts. shash_remove releases any item: keyfree is called for it.
 void shash_unindex(shash_table *table, shash_item *item);
 void shash_remove(shash_table *table, shash_item *item);
 
