@@ -1,4 +1,5 @@
-// address.cc - addresses as labels of list questions (RFC 5782) and as texts. Stateless; any thread.
+// address.cc - addresses as labels of the names that lists are queried for (RFC 5782), and as texts. Stateless; any
+// thread.
 #include <arpa/inet.h>
 #include <string.h>
 
@@ -28,7 +29,7 @@ constexpr std::array<OctetLabel, UINT8_MAX + 1> kOctetLabels = [] {
   return labels;
 }();
 
-// put_octet writes an octet's label. Returns the position behind it, or null when it does not fit before `end`.
+// put_octet writes an octet's label. Returns the position after it, or null when it does not fit before `end`.
 unsigned char *put_octet(uint8_t octet, unsigned char *at, const unsigned char *end) {
   const OctetLabel &label = kOctetLabels[octet];
   const size_t size = size_t{1} + label[0];

@@ -1,4 +1,5 @@
-// answers.h - the walk over the records of one name in an answer section.
+// answers.h - the walk over the records of one name in an answer section. An Answers belongs to one thread; the packet
+// is untrusted.
 #ifndef DNS_WIRE_ANSWERS_H
 #define DNS_WIRE_ANSWERS_H
 
@@ -10,18 +11,17 @@
 
 namespace dns {
 
-// Answers walks an answer section and stops at the records of one name and class. It ends with the header's count or
-// with the packet, whichever is first. An owner that is a pointer to the question's name is compared without being
-// read, and the question's name is only read where its bytes are not those of the name that is looked for.
+// Answers walks an answer section and stops at the records of one name and class. It reads `count` records at most. An
+// owner that is a pointer to the question's name is compared without being read.
 class Answers {
  public:
   Answers(std::span<const uint8_t> packet, size_t answers_at, unsigned count, dns_class cls);
 
-  // set_name says whose records next stops at, from here on; `dn`, a whole DN, stays the caller's and must not change
-  // meanwhile.
+  // set_name sets the owner whose records next returns from here on. `dn` is a whole DN; the caller keeps it,
+  // unchanged.
   void set_name(std::span<const uint8_t> dn);
 
-  // next reads the next record of the name; its `owner` is not filled in. 1, 0 behind the last one, DNS_E_PROTOCOL.
+  // next reads the next record of the name; its `owner` is not filled in. 1, 0 after the last one, DNS_E_PROTOCOL.
   [[nodiscard]] int next(Record *record);
 
   [[nodiscard]] std::span<const uint8_t> packet() const { return reader_.packet(); }
@@ -34,7 +34,7 @@ class Answers {
   unsigned left_;
   dns_class cls_;
   const uint8_t *name_ = nullptr;
-  bool at_question_ = false;  // the name looked for is the question's
+  bool at_question_ = false;  // the name of set_name is the question's
 };
 
 inline Answers::Answers(std::span<const uint8_t> packet, size_t answers_at, unsigned count, dns_class cls)
@@ -45,7 +45,8 @@ inline void Answers::set_name(std::span<const uint8_t> dn) {
   at_question_ = is_question(dn);
 }
 
-// is_question tells whether the name behind the packet's header is `dn`. The same bytes are the same name.
+// is_question tells whether `dn` is the name in the question section. Equal bytes are compared first, as they need no
+// parsing.
 inline bool Answers::is_question(std::span<const uint8_t> dn) const {
   uint8_t question[DNS_MAXDN];
   Reader reader(packet(), DNS_HSIZE);

@@ -1,8 +1,8 @@
 // block.cc - record blocks: an answer packet laid out in one piece of memory, in the order that kavo/dns_rr.h
 // describes.
 //
-// A block is laid in one walk over the answer. Layer keeps counting where the buffer ends before the block does, so
-// that the same walk tells how much a block needs. Stateless; any thread, on a buffer of its own.
+// A block is laid out in one walk over the answer. Layer keeps counting past the end of the buffer, so that the same
+// walk tells how much a block needs.
 #include <block.h>
 
 #include <stddef.h>
@@ -31,12 +31,12 @@ static_assert(sizeof(Head) == sizeof(dns_rr_a4) && offsetof(Head, entries) == of
 static_assert(sizeof(Head) == sizeof(dns_rr_srv) && offsetof(Head, entries) == offsetof(dns_rr_srv, dnssrv_srv));
 static_assert(sizeof(Head) % kBlockAlign == 0, "entries follow the record structure and hold pointers");
 
-// Layer fills a buffer from front to back. What does not fit is counted and not written, its address is null.
+// Layer fills a buffer from front to back. What does not fit is counted but not written, and its address is null.
 class Layer {
  public:
   explicit Layer(std::span<uint8_t> buffer) : buffer_(buffer) {}
 
-  // reserve sets `count` bytes aside and returns where they begin.
+  // reserve takes `count` bytes and returns where they begin.
   size_t reserve(size_t count) {
     const size_t at = needed_;
     needed_ += count;
@@ -73,8 +73,8 @@ class Layer {
   size_t needed_ = 0;
 };
 
-// An entry is laid by the function of its type: `data` stands at the record's data, `at` is the entry's place. False
-// for data that is malformed; that nothing may be left of the data is checked by the caller.
+// Each type's function lays out one entry: `data` reads the record's data, `at` is the entry's place. False for
+// malformed data. The caller checks that no data is left over.
 using LayEntry = bool(Reader *data, Layer *layer, size_t at);
 
 template <typename Address>
@@ -172,7 +172,8 @@ Layout layout_of(Block kind) {
   return {};
 }
 
-// lay_entries lays the records at the chain's end out from `entries_at` on, their texts behind what is laid already.
+// lay_entries lays out the records at the chain's end from `entries_at` on, their texts after what the block has
+// already.
 dns_status lay_entries(const Layout &layout, Answers answers, size_t entries_at, Layer *layer) {
   for (Record record;;) {
     const int step = answers.next(&record);
@@ -188,7 +189,8 @@ bool same_text(std::span<const uint8_t> dn1, std::span<const uint8_t> dn2) {
   return dn1.size() == dn2.size() && memcmp(dn1.data(), dn2.data(), dn1.size()) == 0;
 }
 
-// class_of returns the class that a packet's question, most likely about `dn`, asks about; IN for a packet without one.
+// class_of returns the class of a packet's question, which is most likely about `dn`; IN for a packet without a
+// question.
 dns_class class_of(std::span<const uint8_t> packet, std::span<const uint8_t> dn) {
   Reader reader(packet, DNS_HSIZE);
   uint16_t typ = 0;

@@ -1,4 +1,4 @@
-// chain.cc - where the CNAME chain of an answer leads. Stateless; any thread.
+// chain.cc - see chain.h.
 #include <chain.h>
 
 #include <string.h>
@@ -16,14 +16,14 @@
 namespace dns {
 namespace {
 
-// Finder looks for the end of a CNAME chain, pass by pass over the answer section.
+// Finder finds the end of a CNAME chain in one or more passes over the answer section.
 class Finder {
  public:
   Finder(const Answers &answers, dns_type typ, const uint8_t *within, Chain *chain)
       : start_(answers), typ_(typ), within_(within), chain_(chain) {}
 
-  // pass walks the section once; `moved` tells that an alias was followed, so that what the section holds in front of
-  // it must be looked at again. `cnames_max` bounds the CNAMEs of all passes.
+  // pass walks the section once; `moved` tells that a CNAME was followed, so that the records before it need another
+  // pass. `cnames_max` bounds the CNAMEs of all passes.
   [[nodiscard]] dns_status pass(unsigned cnames_max, bool *moved) {
     Answers answers = start_;
     answers.set_name({chain_->end, chain_->end_size});

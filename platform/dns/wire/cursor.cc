@@ -1,4 +1,4 @@
-// cursor.cc - see cursor.h. Reader is the only place that does arithmetic on foreign bytes. Stateless; any thread.
+// cursor.cc - see cursor.h. Pointers in untrusted bytes are resolved here and nowhere else. Stateless; any thread.
 #include <cursor.h>
 
 #include <algorithm>
@@ -12,20 +12,19 @@ constexpr unsigned kByteBits = 8;
 constexpr uint8_t kPointer = 0xC0;  // the two top bits of a length byte that starts a pointer
 constexpr uint8_t kPointerHigh = 0x3F;
 constexpr size_t kPointerBytes = 2;
-// A name has at most 127 labels, and a pointer is worth following only to a label: past that many jumps the packet is
-// made to waste time.
+// A name has at most 127 labels, and an honest pointer leads to a label. A name with more jumps was made to waste time.
 constexpr unsigned kJumpsMax = 127;
 
 }  // namespace
 
-// walk_name walks over a name and its pointers, and hands each label with its length byte to `keep`, which refuses one
-// that makes the name too long.
+// walk_name walks a name and its pointers, and hands each label with its length byte to `keep`, which returns false for
+// a label that makes the name too long.
 template <typename Keep>
 bool Reader::walk_name(Keep keep) {
   const uint8_t *bytes = packet_.data();
   const size_t end = packet_.size();
-  size_t piece = at_;  // where the labels being read begin: a pointer must lead in front of it
-  size_t after = 0;    // where reading goes on: behind the name's first pointer
+  size_t piece = at_;  // where the labels being read begin: a pointer must lead to before it
+  size_t after = 0;    // where reading continues: after the name's first pointer
   unsigned size = 0;
   unsigned jumps = 0;
   for (size_t at = at_; at < end;) {

@@ -1,7 +1,7 @@
 // dns_pkt.cc - packets in their C form: records appended to a packet one by one (dns_pkt), and read from one
 // (dns_parse).
 //
-// The caller owns both records and the bytes they point to; nothing here keeps anything. Any thread.
+// The caller owns the dns_pkt or dns_parse and the bytes that it points to; nothing is kept between calls. Any thread.
 #include <algorithm>
 
 #include <cursor.h>
@@ -17,7 +17,7 @@ std::span<const uint8_t> bytes_of(const struct dns_parse &parse) {
   return {parse.dnsp_pkt, static_cast<size_t>(parse.dnsp_end - parse.dnsp_pkt)};
 }
 
-// place_in tells where the `size` bytes at `data` stand in a packet; false when they are not all in it.
+// place_in tells where in a packet the `size` bytes at `data` are; false when they are not all in it.
 bool place_in(const struct dns_parse &parse, const unsigned char *data, size_t size, size_t *at) {
   const auto first = reinterpret_cast<uintptr_t>(parse.dnsp_pkt);
   const auto place = reinterpret_cast<uintptr_t>(data);
@@ -27,7 +27,7 @@ bool place_in(const struct dns_parse &parse, const unsigned char *data, size_t s
   return true;
 }
 
-// write_data writes a record's data with its length in front.
+// write_data writes a record's data after its length.
 int write_data(const struct dns_parse *source, const struct dns_rr &rr, std::span<const uint8_t> buffer,
                dns::Writer *writer) {
   const std::span<const uint8_t> data(rr.dnsrr_dptr, rr.dnsrr_dsz);

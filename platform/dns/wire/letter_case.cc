@@ -1,6 +1,6 @@
-// letter_case.cc - names whose letters carry random bits in their case. Stateless; any thread.
+// letter_case.cc - see letter_case.h.
 //
-// Eight bytes are treated at a time. The length bytes of labels are below every letter, and so come through unchanged.
+// Eight bytes are treated at a time. The length bytes of labels are below every letter, so they stay unchanged.
 #include <letter_case.h>
 
 #include <string.h>

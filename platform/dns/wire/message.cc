@@ -1,4 +1,4 @@
-// message.cc - the packet header, the sections, and the questions that this side writes. Stateless; any thread.
+// message.cc - see message.h.
 #include <message.h>
 
 #include <string.h>

@@ -1,7 +1,7 @@
 // name.cc - domain names: their wire form (DN), their text form, and the ways between.
 //
-// No state but one text buffer of each thread (dns_dntosp), so any thread may call anything here. A DN that comes from
-// outside has been through Reader::name; these functions nevertheless check every length byte before they trust it.
+// The only state is one text buffer of each thread (dns_dntosp), so any thread may call anything here. A DN from a
+// packet has been through Reader::name; these functions nevertheless check every length byte.
 #include <name.h>
 
 #include <string.h>
@@ -16,8 +16,8 @@ namespace {
 constexpr unsigned kDecimalDigits = 3;  // of an escape "\DDD"
 constexpr int kMalformed = -1;
 
-// kFold maps a byte to itself, upper-case ASCII letters to lower case (RFC 4343, section 3). Length bytes stand below
-// the letters and are never changed by it.
+// kFold maps a byte to itself, upper-case ASCII letters to lower case (RFC 4343, section 3). Length bytes are below the
+// letters, so the fold leaves them alone.
 constexpr std::array<uint8_t, UINT8_MAX + 1> make_fold() {
   std::array<uint8_t, UINT8_MAX + 1> table{};
   for (unsigned byte = 0; byte < table.size(); ++byte) {
@@ -88,7 +88,7 @@ class TextName {
   [[nodiscard]] bool done() const { return at_ == end_; }
 
   // byte reads one byte of a name; `dot` tells that it was a separator. False for text that is no name: an escape that
-  // is cut off or stands for no byte, or a zero byte (a zero inside a label can only be written "\000").
+  // is cut off or above 255, or a zero byte (a zero inside a label can only be written "\000").
   [[nodiscard]] bool byte(unsigned char *value, bool *dot) {
     const char c = *at_++;
     *dot = c == '.';
@@ -131,8 +131,8 @@ Built build_labels(TextName *text, DnBuilder *builder) {
   return Built::ok;
 }
 
-// plain_dn writes the DN of a text that has no escape, where `dn` has room for two bytes more than the text. Returns
-// its length, 0 for any text that needs a closer look. `absolute` tells that it ended with a dot.
+// plain_dn writes the DN of a text without escapes, where `dn` has room for two bytes more than the text. Returns its
+// length; 0 for any text that TextName has to read. `absolute` tells that it ended with a dot.
 int plain_dn(const char *text, size_t bytes, unsigned char *dn, bool *absolute) {
   unsigned char *label = dn;
   unsigned char *out = dn + 1;
@@ -164,7 +164,7 @@ constexpr unsigned text_bytes(unsigned char byte) {
   return byte > ' ' && byte <= '~' ? kPlain : 1 + kDecimalDigits;
 }
 
-// kPlainText tells of each byte whether it stands for itself in a text.
+// kPlainText tells of each byte whether a text has it unescaped.
 constexpr std::array<bool, UINT8_MAX + 1> kPlainText = [] {
   std::array<bool, UINT8_MAX + 1> table{};
   for (unsigned byte = 0; byte < table.size(); ++byte)
@@ -221,7 +221,7 @@ unsigned dns_dnlen(const unsigned char *dn) {
   if (dn == nullptr) return 0;
   for (unsigned at = 0; at < DNS_MAXDN;) {
     const unsigned size = dn[at];
-    if (size - 1 >= DNS_MAXLABEL) return size == 0 ? at + 1 : 0;  // 0 has become the largest number
+    if (size - 1 >= DNS_MAXLABEL) return size == 0 ? at + 1 : 0;  // 0 - 1 wraps to the largest number
     at += 1 + size;
   }
   return 0;
@@ -282,7 +282,7 @@ unsigned dns_dntop_size(const unsigned char *dn) {
   for (unsigned at = 0; dn[at] != 0; at += 1U + dn[at]) {
     for (unsigned i = 1; i <= dn[at]; ++i)
       bytes += text_bytes(dn[at + i]);
-    ++bytes;  // the dot behind the label, or the terminator
+    ++bytes;  // the dot after the label, or the terminator
   }
   return bytes;
 }

@@ -1,4 +1,4 @@
-// negative.cc - see negative.h. Stateless; any thread.
+// negative.cc - see negative.h.
 #include <negative.h>
 
 #include <string.h>
@@ -13,9 +13,9 @@
 namespace dns {
 namespace {
 
-constexpr size_t kSoaNumbers = 4;  // SERIAL, REFRESH, RETRY and EXPIRE stand before MINIMUM
+constexpr size_t kSoaNumbers = 4;  // SERIAL, REFRESH, RETRY and EXPIRE, which precede MINIMUM
 
-// soa_ttl reads how long a SOA record lets a denial be kept. False for malformed data.
+// soa_ttl reads how long a SOA record allows a negative answer to be kept. False for malformed data.
 bool soa_ttl(std::span<const uint8_t> packet, const Record &record, int32_t *ttl) {
   Reader data = data_reader(packet, record.data_at, record.data.size());
   uint32_t minimum = 0;
@@ -28,24 +28,24 @@ bool soa_ttl(std::span<const uint8_t> packet, const Record &record, int32_t *ttl
 }  // namespace
 
 dns_status read_negative(std::span<const uint8_t> packet, size_t authority_at, std::span<const uint8_t> dn,
-                         NegativeAnswer *denial) {
-  denial->soa = denial->stray_soa = denial->ns = false;
-  denial->ttl = 0;
-  denial->zone[0] = 0;
+                         NegativeAnswer *negative) {
+  negative->soa = negative->stray_soa = negative->ns = false;
+  negative->ttl = 0;
+  negative->zone[0] = 0;
   if (dn.empty()) return DNS_E_INVAL;
   if (authority_at > packet.size() || packet.size() < DNS_HSIZE) return DNS_E_PROTOCOL;
   Reader reader(packet, authority_at);
   Record record;
   for (unsigned left = records_in(packet, DNS_S_NS); left > 0; --left) {
     if (!read_record(&reader, &record)) return DNS_E_PROTOCOL;
-    const bool first_ns = record.typ == DNS_T_NS && !denial->ns;
+    const bool first_ns = record.typ == DNS_T_NS && !negative->ns;
     const bool covering = record.typ == DNS_T_SOA && covers({record.owner, record.owner_size}, dn);
-    const bool first_soa = covering && !denial->soa;
-    denial->stray_soa = denial->stray_soa || (record.typ == DNS_T_SOA && !covering);
-    if (first_soa && !soa_ttl(packet, record, &denial->ttl)) return DNS_E_PROTOCOL;
-    if (first_soa || (first_ns && !denial->soa)) memcpy(denial->zone, record.owner, record.owner_size);
-    denial->ns = denial->ns || first_ns;
-    denial->soa = denial->soa || first_soa;
+    const bool first_soa = covering && !negative->soa;
+    negative->stray_soa = negative->stray_soa || (record.typ == DNS_T_SOA && !covering);
+    if (first_soa && !soa_ttl(packet, record, &negative->ttl)) return DNS_E_PROTOCOL;
+    if (first_soa || (first_ns && !negative->soa)) memcpy(negative->zone, record.owner, record.owner_size);
+    negative->ns = negative->ns || first_ns;
+    negative->soa = negative->soa || first_soa;
   }
   return DNS_E_NOERROR;
 }

@@ -1,5 +1,4 @@
-// opt.cc - the OPT record of EDNS0 (RFC 6891): written behind a question, and read from an answer. Stateless; any
-// thread.
+// opt.cc - see opt.h.
 #include <opt.h>
 
 #include <cursor.h>
@@ -11,7 +10,8 @@ namespace {
 
 constexpr size_t kAdditionalCountAt = 10;  // where the header counts the additional records
 constexpr uint16_t kOptionCookie = 10;     // RFC 7873
-constexpr unsigned kRcodeShift = 24;       // the upper bits of the response code, in what is the TTL elsewhere
+constexpr unsigned kRcodeShift =
+    24;  // of the upper bits of the response code, in the field that is the TTL of other records
 constexpr unsigned kVersionShift = 16;
 
 // read_options looks for a cookie among the options of an OPT record. False when they are malformed.
@@ -30,7 +30,7 @@ constexpr unsigned kVersionShift = 16;
 
 size_t write_opt(std::span<uint8_t> packet, size_t size, uint16_t udp_size, std::span<const uint8_t> cookie) {
   Writer writer(packet, size);
-  writer.u8(0);  // the root owns it
+  writer.u8(0);  // the owner is the root
   writer.u16(DNS_T_OPT);
   writer.u16(udp_size);
   writer.u32(0);  // version 0, no flags
@@ -57,7 +57,7 @@ bool read_opt(Sections *sections, Opt *opt) {
     std::span<const uint8_t> data;
     if (!reader.skip_name() || !read_head(&reader, &head) || !reader.bytes(head.data_size, &data)) return false;
     if (head.typ != DNS_T_OPT) continue;
-    if (opt->present) return false;  // only one may stand there (RFC 6891, 6.1.1)
+    if (opt->present) return false;  // a message has one at most (RFC 6891, 6.1.1)
     opt->present = true;
     opt->udp_size = head.cls;
     opt->rcode_high = static_cast<uint8_t>(head.ttl >> kRcodeShift);

@@ -1,7 +1,7 @@
 // print.cc - packets as text for people: the layout of dig, records in master-file form.
 //
-// The packet is foreign and read through Reader only. Stateless; any thread, on a stream of its own or one that others
-// may write to as well.
+// The packet is untrusted and read through Reader only. Stateless; any thread, also on a stream that other threads
+// write to.
 #include "print.h"
 
 #include <stdio.h>
@@ -30,7 +30,7 @@ constexpr const char *kRcodes[] = {"NOERROR", "FORMERR", "SERVFAIL", "NXDOMAIN",
 constexpr const char *kSections[] = {"QUESTION", "ANSWER", "AUTHORITY", "ADDITIONAL"};
 // clang-format on
 
-// put_named writes the name that a list has for a number, or the number behind `otherwise`.
+// put_named writes the name that a list has for a number, or `otherwise` and the number.
 void put_named(std::span<const char *const> names, unsigned number, const char *otherwise, Text *out) {
   if (number < names.size()) {
     out->put(names[number]);
@@ -40,7 +40,7 @@ void put_named(std::span<const char *const> names, unsigned number, const char *
   out->number(number);
 }
 
-// ttl_of returns a record's TTL as it stands in the packet: of an OPT record it is no time at all.
+// ttl_of returns a record's TTL field as the packet has it. An OPT record keeps other things in that field.
 uint32_t ttl_of(std::span<const uint8_t> packet, const Record &record) {
   constexpr size_t kTtlBeforeData = sizeof(uint32_t) + sizeof(uint16_t);
   uint32_t ttl = 0;
@@ -66,7 +66,7 @@ void put_record(std::span<const uint8_t> packet, const Record &record, uint32_t 
   out->put('\n');
 }
 
-// put_opt writes an OPT record, whose fields are not what a record's are.
+// put_opt writes an OPT record, whose fields have meanings of their own.
 void put_opt(std::span<const uint8_t> packet, const Record &record, int level, Text *out) {
   const uint32_t ttl = ttl_of(packet, record);
   if (level > 0) out->put("\n;; OPT PSEUDOSECTION:\n");
@@ -199,7 +199,7 @@ int dns_printsection(FILE *stream, int level, const struct dns_parse *parse, int
   const unsigned count = header.count[section];
   Text out(stream);
   if (section == DNS_S_QD) return put_questions(Reader(packet, at), count, level, &out);
-  // dig shows the OPT record in front, where it does not tear the records apart. What is broken ends both walks alike.
+  // As dig does, the OPT record is shown before the other records. A fault ends both walks at the same place.
   if (section == DNS_S_AR) (void)put_records(Reader(packet, at), count, section, true, level, &out);
   return put_records(Reader(packet, at), count, section, false, level, &out);
 }

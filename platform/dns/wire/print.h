@@ -1,4 +1,5 @@
-// print.h - what the sources that print packets share: a stream with columns, and the pieces of a record's text.
+// print.h - what print.cc and print_data.cc share: a stream with columns, and the pieces of a record's text. Any
+// thread.
 #ifndef DNS_WIRE_PRINT_H
 #define DNS_WIRE_PRINT_H
 
@@ -32,7 +33,7 @@ class Text {
     snprintf(digits, sizeof digits, "%u", value);
     put(digits);
   }
-  // byte writes a byte of a name or of a string: as it is, behind a backslash where it is one of `special`, or "\DDD".
+  // byte writes a byte of a name or of a string: as it is, after a backslash if it is one of `special`, or as "\DDD".
   void byte(uint8_t value, std::string_view special, uint8_t least) {
     const char c = static_cast<char>(value);
     if (value >= least && value <= '~') {
@@ -44,7 +45,7 @@ class Text {
     snprintf(escape, sizeof escape, "\\%03u", static_cast<unsigned>(value));
     put(escape);
   }
-  // column fills up to a column with tabs; a line that has passed it goes on behind one space.
+  // column fills up to a column with tabs; a line that is past the column gets one space.
   void column(unsigned column) {
     if (column_ >= column) put(' ');
     while (column_ < column)

@@ -1,9 +1,8 @@
 // print_data.cc - the data of records as text, in master-file form (RFC 1035, section 5).
 //
-// Data of a type that has no form of its own here, and data that its type does not allow, is written as "\# LENGTH HEX"
-// (RFC 3597, section 5), so that every record can be shown and read back. A record's data is therefore walked twice:
-// first without a stream, to learn whether it is sound. The packet is foreign and read through Reader only. Stateless;
-// any thread.
+// Data of a type without a form here, and data that its type does not allow, is written as "\# LENGTH HEX" (RFC 3597,
+// section 5), so that every record can be shown and read back. A record's data is therefore walked twice: first without
+// a stream, to check it. The packet is untrusted and read through Reader only. Stateless; any thread.
 #include <arpa/inet.h>
 #include <time.h>
 
@@ -203,8 +202,8 @@ bool put_domain(Reader *data, Text *out) {
   return true;
 }
 
-// put_whole_domain does so for a type whose names are never compressed (RFC 3597, section 4): such data means the same
-// in every packet that it is copied to.
+// put_whole_domain writes a name that must not be compressed (RFC 3597, section 4): its bytes then mean the same in any
+// packet.
 bool put_whole_domain(Reader *data, Text *out) {
   const size_t at = data->position();
   uint8_t dn[DNS_MAXDN];
@@ -222,7 +221,7 @@ bool put_number(bool (Reader::*read)(Number *), Reader *data, Put put) {
   return true;
 }
 
-// put_sized writes what stands behind a length byte, by `put`.
+// put_sized writes the bytes that a length byte counts, by `put`.
 template <typename Put>
 bool put_sized(Reader *data, Put put) {
   std::span<const uint8_t> bytes;
@@ -269,7 +268,7 @@ bool put_piece(char piece, Reader *data, Text *out) {
         for (const uint8_t byte : bytes)
           out->byte(byte, "\\\"();", '!');
       });
-    case 'h':  // hexadecimal digits behind a length byte
+    case 'h':  // bytes after a length byte, as hexadecimal digits
       return put_sized(data, [out](auto bytes) { bytes.empty() ? out->put('-') : put_hex(bytes, out); });
     case 'o':
       return put_sized(data, [out](auto bytes) { put_base32(bytes, out); });
@@ -294,7 +293,7 @@ bool put_piece(char piece, Reader *data, Text *out) {
 // put_form writes data by its type's form; false for data that the form does not fit to the last byte.
 bool put_form(const char *form, Reader data, Text *out) {
   for (const char *piece = form; *piece != '\0'; ++piece) {
-    // A map of no types is nothing, and needs no space in front.
+    // A bit map without types prints nothing, so no space comes before it.
     if (piece != form && (*piece != 'm' || data.left() > 0)) out->put(' ');
     if (!put_piece(*piece, &data, out)) return false;
   }

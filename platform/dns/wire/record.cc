@@ -1,4 +1,4 @@
-// record.cc - single records: their fixed part, and what the data of each type is made of. Stateless; any thread.
+// record.cc - see record.h; and what the data of each type is made of.
 #include <record.h>
 
 #include <algorithm>
@@ -11,7 +11,7 @@ namespace {
 constexpr uint8_t kAddress4Bytes = 4;
 constexpr uint8_t kAddress6Bytes = 16;
 constexpr uint8_t kSoaNumbersBytes = 20;  // SERIAL, REFRESH, RETRY, EXPIRE, MINIMUM
-constexpr uint8_t kSigHeadBytes = 18;     // everything in front of the signer's name
+constexpr uint8_t kSigHeadBytes = 18;     // everything before the signer's name
 
 // Shape is what a type's data consists of, in this order. A type without one is opaque bytes (RFC 3597).
 struct Shape {

@@ -1,4 +1,8 @@
-// cursor.h - how foreign bytes are read, and packets written: by cursors that cannot pass the end.
+// cursor.h - Reader and Writer: cursors over the bytes of packets that cannot pass the end.
+//
+// Untrusted bytes are parsed with Reader, and packets are built with Writer. Each is a small local object of one
+// thread, so nothing guards it. A cursor neither owns nor copies the bytes: the caller keeps them in place, and
+// unchanged for a Reader. Nothing here allocates.
 #ifndef CURSOR_H
 #define CURSOR_H
 
@@ -31,7 +35,7 @@ inline void store_u32(uint8_t *at, uint32_t value) {
   memcpy(at, &wire, sizeof wire);
 }
 
-// Reader walks foreign bytes. Every read either succeeds whole or leaves the cursor where it was and returns false.
+// Reader walks untrusted bytes. Every read either succeeds whole or leaves the cursor where it was and returns false.
 // Names may point back into the whole packet (RFC 1035, 4.1.4): only strictly backwards, so that reading one always
 // ends.
 class Reader {
@@ -72,16 +76,16 @@ class Reader {
     return true;
   }
   // name reads a DN into `dn` (DNS_MAXDN bytes), following pointers; its length goes to `size` (null allowed).
-  // check_name checks all that name does, and keeps nothing.
+  // check_name does the same checks and stores nothing.
   [[nodiscard]] bool name(uint8_t *dn, unsigned *size = nullptr);
   [[nodiscard]] bool check_name();
-  // passes passes over `value` where it stands next; false for other bytes.
+  // passes moves past `value` if these are the next bytes; otherwise it returns false.
   [[nodiscard]] bool passes(std::span<const uint8_t> value) {
     if (value.size() > left() || memcmp(packet_.data() + at_, value.data(), value.size()) != 0) return false;
     at_ += value.size();
     return true;
   }
-  // skip_name passes over a name without looking where a pointer leads.
+  // skip_name moves past a name without following its pointer.
   [[nodiscard]] bool skip_name();
 
  private:

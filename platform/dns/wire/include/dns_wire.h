@@ -1,5 +1,5 @@
-// dns_wire.h - names, addresses and packets in the C form that the library above calls. Bytes only: no socket, clock,
-// lock or allocation is in sight.
+// dns_wire.h - names, addresses and packets in C form, for the library above the engine. The functions work on bytes
+// alone: they use no socket, clock or lock, and allocate nothing.
 #ifndef DNS_WIRE_H
 #define DNS_WIRE_H
 
@@ -18,14 +18,14 @@ extern "C" {
 // bytes, or no closing zero within DNS_MAXDN bytes). It reads at most DNS_MAXDN bytes.
 unsigned dns_dnlen(const unsigned char *dn);
 
-// dns_dnequal returns nonzero when both names are the same domain, ASCII letters without regard to case (RFC 4343):
-// then it is their length. 0 otherwise, also for bytes that are no DN.
+// dns_dnequal returns the length of two names that are the same domain, ASCII letters without regard to case (RFC
+// 4343). 0 otherwise, also for bytes that are no DN.
 unsigned dns_dnequal(const unsigned char *dn1, const unsigned char *dn2);
 
 // dns_dntodn copies a DN; returns its length, 0 when it does not fit `size` or is no DN.
 unsigned dns_dntodn(const unsigned char *sdn, unsigned char *ddn, unsigned size);
 
-// dns_ptodn turns `length` bytes of text (0: up to its terminator) into a DN. "\X" and "\DDD" escapes are understood; a
+// dns_ptodn turns `length` bytes of text (0: up to its terminator) into a DN. "\X" and "\DDD" escapes are allowed; a
 // closing dot is optional and reported through `absolute` (null allowed). Returns the DN's length; 0 when it does not
 // fit `size` or is longer than DNS_MAXDN, below 0 when the text is no name (an empty label, a label above 63 bytes, an
 // escape cut off or above 255). "." is the root.
@@ -65,12 +65,12 @@ struct dns_pkt {
   int dnspk_section;           // the section that is open
 };
 
-// dns_parse: a packet being read, record by record. The packet is foreign and is never read outside its bounds.
+// dns_parse: a packet being read, record by record. The packet is untrusted and is never read outside its bounds.
 struct dns_parse {
   const unsigned char *dnsp_pkt;
   const unsigned char *dnsp_end;
   const unsigned char *dnsp_cur;  // where the next record begins
-  int dnsp_section;               // the section that is being walked
+  int dnsp_section;               // the section being walked
   unsigned dnsp_left;             // records left in it
 };
 
@@ -82,18 +82,18 @@ int dns_initpacket(struct dns_pkt *packet, unsigned char *buffer, unsigned size,
                    dns_class cls);
 
 // dns_addrr appends a record to the open section and counts it in the header; its name is compressed to a pointer to
-// the question where it is the question's. Names in its data may be compressed against `source`, and are written whole;
-// with a null source they must not be. A negative TTL, an expired entry's, is written as 0. 0, DNS_E_NOBUFS,
-// DNS_E_PROTOCOL.
+// the question where it is the question's. Names in its data may be compressed against `source`, and are written
+// uncompressed; with a null source they must not be. A negative TTL, an expired entry's, is written as 0. 0,
+// DNS_E_NOBUFS, DNS_E_PROTOCOL.
 int dns_addrr(struct dns_pkt *packet, const struct dns_parse *source, const struct dns_rr *rr);
 int dns_end_section(struct dns_pkt *packet, int section);
 
-// dns_initparse prepares to read [packet, end) and stands at its question section; `question` (null allowed) receives
-// the question's DN (DNS_MAXDN bytes). 0, or DNS_E_PROTOCOL for a packet without a whole header or with broken
+// dns_initparse prepares to read [packet, end) from its question section on; `question` (null allowed) receives the
+// question's DN (DNS_MAXDN bytes). 0, or DNS_E_PROTOCOL for a packet without a whole header or with malformed
 // questions.
 int dns_initparse(struct dns_parse *parse, const unsigned char *packet, const unsigned char *end,
                   unsigned char *question);
-// dns_rewind_sec stands before the first record of a section (DNS_S_AN, DNS_S_NS, DNS_S_AR). 0 or DNS_E_PROTOCOL.
+// dns_rewind_sec moves to the first record of a section (DNS_S_AN, DNS_S_NS, DNS_S_AR). 0 or DNS_E_PROTOCOL.
 int dns_rewind_sec(struct dns_parse *parse, int section);
 // dns_nextrr reads the next record of the section; its data points into the packet. 1, 0 after the last one, or
 // DNS_E_PROTOCOL.
@@ -101,8 +101,8 @@ int dns_nextrr(struct dns_parse *parse, struct dns_rr *rr);
 
 // dns_printheader prints a packet's header, dns_printsection one of its sections (DNS_S_QD to DNS_S_AR), as dig does:
 // records in master-file form, an OPT record as the pseudo-section that it is. At `level` 0 there are records only, no
-// header and no titles. A section prints as far as it is sound. Only the bounds of `parse` matter, so that a packet
-// which dns_initparse refused can be shown. 0, DNS_E_PROTOCOL for a packet that is cut off or broken, DNS_E_INVAL.
+// header and no titles. A malformed section prints up to the fault. Only the bounds of `parse` matter, so that a packet
+// which dns_initparse refused can be shown. 0, DNS_E_PROTOCOL for a packet that is truncated or malformed, DNS_E_INVAL.
 int dns_printheader(FILE *stream, int level, const struct dns_parse *parse);
 int dns_printsection(FILE *stream, int level, const struct dns_parse *parse, int section);
 

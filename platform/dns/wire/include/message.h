@@ -1,4 +1,7 @@
-// message.h - a packet as a whole: its header, its sections, the query that asks for one.
+// message.h - a packet as a whole: its header, its sections, and the query that asks for one.
+//
+// Stateless functions, for any thread; a Sections belongs to one thread. Nothing here allocates or keeps a packet: the
+// caller owns the bytes. Single records are in record.h.
 #ifndef MESSAGE_H
 #define MESSAGE_H
 
@@ -30,25 +33,25 @@ struct Header {
   return load_u16(packet.data() + kCountsAt + static_cast<size_t>(section) * sizeof(uint16_t));
 }
 
-// Sections finds where the sections of a packet begin, and walks over each at most once.
+// Sections finds where the sections of a packet begin, and walks each at most once.
 class Sections {
  public:
   Sections(std::span<const uint8_t> packet, const Header &header) : reader_(packet, DNS_HSIZE), header_(header) {}
-  // One for a packet whose questions have been read, up to `answers_at`.
+  // For a packet whose question section has been read, up to `answers_at`.
   Sections(std::span<const uint8_t> packet, const Header &header, size_t answers_at)
       : reader_(packet, answers_at), header_(header), passed_(DNS_S_AN), starts_{reader_.position()} {}
 
   [[nodiscard]] std::span<const uint8_t> packet() const { return reader_.packet(); }
   [[nodiscard]] const Header &header() const { return header_; }
-  // find gives the position of the first record of a section, DNS_S_QD to DNS_S_ALL, which stands for the byte behind
-  // the last one. False for a malformed packet.
+  // find gives the position of the first record of a section, DNS_S_QD to DNS_S_AR; for DNS_S_ALL, the position after
+  // the last section. False for a malformed packet.
   [[nodiscard]] bool find(int section, size_t *position);
 
  private:
-  Reader reader_;  // behind the last section that was passed
+  Reader reader_;  // after the sections that were passed
   const Header &header_;
-  int passed_ = DNS_S_QD;          // the section that the reader stands before
-  size_t starts_[DNS_S_ALL] = {};  // of the sections behind DNS_S_QD, as far as they were found
+  int passed_ = DNS_S_QD;          // the section at which the reader is
+  size_t starts_[DNS_S_ALL] = {};  // of the sections after DNS_S_QD, as far as they were found
 };
 
 // section_at finds where a section begins. False for a malformed packet.
@@ -57,13 +60,13 @@ class Sections {
 inline constexpr uint16_t kFlagQr = 0x8000;
 inline constexpr uint16_t kFlagRa = 0x0080;
 
-// write_question writes a header and one question about a whole DN. Returns the bytes written; 0 when they do not fit,
-// or for a type or class that has no 16 bits, or for an empty name.
+// write_question writes a header and a question section of one question. Returns the bytes written; 0 when they do not
+// fit, when a type or class is above 16 bits, or for an empty name.
 [[nodiscard]] size_t write_question(std::span<uint8_t> buffer, uint16_t id, uint16_t flags, std::span<const uint8_t> dn,
                                     dns_type typ, dns_class cls);
 
-// write_query builds a packet that asks about a whole DN, with the RD bit as told; returns its length, 0 when `buffer`
-// is too small.
+// write_query builds a query for a whole DN, with the RD bit as `recursive` says; returns its length, 0 as
+// write_question.
 [[nodiscard]] size_t write_query(std::span<uint8_t> buffer, uint16_t id, bool recursive, std::span<const uint8_t> dn,
                                  dns_type typ, dns_class cls);
 

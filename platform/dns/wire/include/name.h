@@ -1,4 +1,7 @@
-// name.h - names in wire form, beside their C form in dns_wire.h.
+// name.h - domain names as C++ takes them; their C form is in dns_wire.h.
+//
+// Stateless; any thread. The functions take whole DNs, which Reader::name or dns_dnlen has checked, and allocate
+// nothing.
 #ifndef NAME_H
 #define NAME_H
 

@@ -1,4 +1,7 @@
-// opt.h - the OPT record of EDNS0 (RFC 6891), with the cookie in it (RFC 7873).
+// opt.h - the OPT record of EDNS0 (RFC 6891), and the cookie option in it (RFC 7873).
+//
+// Stateless; any thread. These functions write and read bytes only: the caller decides which queries carry an OPT
+// record, and checks cookies. Nothing here allocates.
 #ifndef OPT_H
 #define OPT_H
 
@@ -11,9 +14,9 @@
 
 namespace dns {
 
-// write_opt appends an OPT record (RFC 6891) to the question packet of `size` bytes in `packet`: it tells the server
-// that UDP answers may be `udp_size` bytes, and carries a cookie option (RFC 7873) where `cookie` is not empty. The
-// packet's length, 0 when it does not fit.
+// write_opt appends an OPT record to the query of `size` bytes in `packet`. The record allows UDP answers of `udp_size`
+// bytes, and carries a cookie option where `cookie` is not empty. Returns the packet's new length; 0 when it does not
+// fit.
 [[nodiscard]] size_t write_opt(std::span<uint8_t> packet, size_t size, uint16_t udp_size,
                                std::span<const uint8_t> cookie);
 
