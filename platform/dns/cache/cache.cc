@@ -1,7 +1,7 @@
-// cache.cc - the built-in answer cache (cache.h) as a cacher, and the calls by which the engine reaches any cacher.
+// cache.cc - the built-in cache (cache.h) as a cacher, and the functions that call any cacher (cacher.h).
 //
-// Any thread may call any of this at any time. An entry is copied in and out under its shard's mutex; it is built
-// before that is taken, and released after.
+// Any thread may call any of this at any time. An entry is built before its shard's mutex is taken, copied under it,
+// and released after.
 #include "cache.h"
 
 #include <stdlib.h>
@@ -41,7 +41,7 @@ Shard *shard_of(dns_cache *cache, const Key &key) {
   return &cache->shards[cache->shard_number(key.hash)];
 }
 
-// hash_of hashes a key in the form that it has in an image.
+// hash_of hashes a key in its form in an image.
 uint64_t hash_of(const dns_cache *cache, uint16_t typ, uint16_t cls, std::span<const uint8_t> dn) {
   std::array<uint8_t, dns::kImageKeyHead + DNS_MAXDN> bytes;
   const size_t size = dns::write_key(typ, cls, dn, bytes.data());
@@ -56,11 +56,11 @@ Key key_of(const dns_cache *cache, const dns_cdata *entry) {
 
 constexpr int32_t kNotKept = -1;
 
-// lifetime is for how many seconds the cache keeps `entry`, or kNotKept.
+// lifetime returns for how many seconds the cache keeps `entry`, or kNotKept.
 int32_t lifetime(const dns_cache *cache, const dns_cdata *entry) {
   int32_t ttl = entry->ttl;
   if (dns::cdata_is_negative(entry)) {
-    if (!cache->keeps_denials()) return kNotKept;
+    if (!cache->keeps_negative()) return kNotKept;
     if ((entry->flags & dns::kNoSoa) != 0) {
       ttl = static_cast<int32_t>(cache->default_ttl);
       if (ttl == 0) return kNotKept;
@@ -122,8 +122,8 @@ void copy_out(Entry *entry, int32_t age, dns_cdata *to) {
   return 1;
 }
 
-// A buffer that is too small is enlarged without the lock; the entry may have changed meanwhile, hence another look.
-// Each round enlarges the buffer, which never needs to exceed kRunMax.
+// A buffer that is too small is enlarged without the lock. The entry may have changed meanwhile, so the lookup is
+// repeated. Each round enlarges the buffer, and kRunMax bounds it.
 int cache_get(dns_cacher *cacher, dns_cdata *entry, dns_time now) {
   dns_cache *cache = of(cacher);
   const Key key = key_of(cache, entry);
@@ -160,7 +160,7 @@ int cache_delete(dns_cacher *cacher, const dns_cdata *entry, dns_time) {
   return status;
 }
 
-// An answer that is not kept still ends an older one of its key, which it has proved wrong.
+// An answer that is not kept still removes an older one of its key, which is now outdated.
 int cache_put(dns_cacher *cacher, const dns_cdata *entry, dns_time now) {
   dns_cache *cache = of(cacher);
   const int32_t ttl = lifetime(cache, entry);
@@ -245,7 +245,7 @@ extern "C" {
 
 // dns_cache_init also returns null when the system has no secure random source for the cache's secret.
 dns_cache *dns_cache_init(uint64_t size) {
-  const pelk_no_cancel whole;  // the secret is asked of the system
+  const pelk_no_cancel whole;  // reads the secret from the system
   auto *cache = new (std::nothrow) dns_cache(&kOps);
   if (cache == nullptr || begin(cache, size)) return cache;
   delete cache;
@@ -260,7 +260,8 @@ void dns_cache_destroy(dns_cache *cache) {
   delete cache;
 }
 
-// The calls of any cacher: 0 or above, or a status; DNS_E_INVAL without a cacher, a named entry or a value.
+// The operations of any cacher: 0 or above, or a status; DNS_E_INVAL without a cacher, an entry with a name, or a
+// value.
 
 int dns_cacher_get(dns_cacher *cacher, dns_cdata *entry, dns_time now) {
   return usable(cacher) && has_key(entry) ? cacher->dnscr_ops->get(cacher, entry, now) : DNS_E_INVAL;

@@ -48,7 +48,7 @@ void write_image(Entry *entry, uint8_t *to) {
   to[kDnSizeAt] = entry->dn_size;
   base::put_be(to + kKeyAt, entry->typ);
   base::put_be(to + kKeyAt + kClsInKey, entry->cls);
-  memcpy(to + kImageHead, entry->dn(), size_t{entry->dn_size} + entry->run_size);  // they lie side by side there too
+  memcpy(to + kImageHead, entry->dn(), size_t{entry->dn_size} + entry->run_size);  // they are side by side there too
 }
 
 bool read_image(std::span<const uint8_t> *bytes, Image *image) {

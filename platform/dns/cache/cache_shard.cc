@@ -12,15 +12,15 @@ namespace dns {
 
 namespace {
 
-// How many entries from the old end of the list are looked at for an expired one that can give way first.
+// How many entries from the old end of the list are looked at for an expired one to evict first.
 constexpr unsigned kVictimsSeen = 4;
 
-// Second chances given for one entry that gives way: few enough for one call, and more than are needed on the whole
-// while fewer than as many look-ups come to each new entry.
+// Second chances given before one eviction. The number bounds the work of a call, and it suffices on average as long as
+// there are fewer lookups than this for each new entry.
 constexpr unsigned kSecondChances = 64;
 
-// Buckets made at once ahead of the entries, and the part of a shard that they may take: less than what they take of a
-// shard full of small entries.
+// Buckets added in one call ahead of the entries, and the part of a shard that they may take: less than in a shard full
+// of small entries.
 constexpr unsigned kGrowthStep = 256;
 constexpr size_t kIndexShare = 16;
 
@@ -77,8 +77,8 @@ void Shard::remove(Entry *entry) {
   bytes_ -= entry->charge();
 }
 
-// victim chooses the entry that gives way: the oldest that was not used since its last turn, or a neighbour of its that
-// has expired and that no look-up returns any more.
+// victim chooses the entry to evict: the oldest that was not used since its last turn, or one shortly after it that has
+// expired and that no lookup returns any more.
 Entry *Shard::victim(dns_time now, bool keep_expired) {
   for (unsigned i = 0; i < kSecondChances && oldest_->used != 0; ++i) {
     Entry *used = oldest_;
@@ -119,7 +119,7 @@ dns_status Shard::insert(Entry *entry, Entry *old, dns_time now, bool keep_expir
     dead->add(old);
   }
   make_room(needed, now, keep_expired, dead);
-  (void)index_.insert(entry);  // there is a bucket, so that it cannot fail
+  (void)index_.insert(entry);  // cannot fail, as there is a bucket
   link(entry);
   bytes_ += entry->charge();
   return DNS_E_NOERROR;

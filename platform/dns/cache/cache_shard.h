@@ -1,12 +1,12 @@
-// cache_shard.h - one shard of the built-in cache: its entries, the index that finds them, the order in which they give
-// way.
+// cache_shard.h - one shard of the built-in cache: its entries, the index that finds them, and the order of eviction.
 //
-// A shard is used by any thread that holds its mutex. It is held for one look-up and one copy; entries are built before
-// it is taken and released after. An entry is one block: head, name, records. A shard keeps its entries in an index and
-// in a list in the order of their coming, whose old end gives way when the shard's share of the bytes is spent. An
-// entry that was looked up meanwhile gets a second chance there and comes to the new end again: that keeps what is in
-// use as moving it at each look-up would, and a look-up does not fetch, and write to, the two entries beside it from
-// memory.
+// Any thread may use a shard while it holds the shard's mutex. A thread holds the mutex for one lookup and one copy; it
+// builds entries before, and releases them after. An entry is one block: head, name, records.
+//
+// The shard's list has the entries in the order of insertion; eviction takes them from the old end when the shard's
+// share of the bytes is used up. An entry that was looked up since gets a second chance and moves to the new end
+// instead. This keeps what is in use about as well as a move at each lookup would, but a lookup does not have to load
+// and write the entry's two neighbours.
 #ifndef CACHE_SHARD_H
 #define CACHE_SHARD_H
 
@@ -40,7 +40,7 @@ struct Entry {
   uint16_t records;
   uint16_t cnames;
   uint8_t rcode : 4;  // as many bits as in a packet's header
-  uint8_t used : 1;   // it was looked up since it last came to the new end of the list
+  uint8_t used : 1;   // it was looked up since it was last at the new end of the list
   uint8_t dn_size;
 
   uint8_t *dn() { return reinterpret_cast<uint8_t *>(this + 1); }
@@ -48,11 +48,11 @@ struct Entry {
   [[nodiscard]] size_t charge() const { return sizeof(Entry) + dn_size + run_size + kBlockOverhead; }
 };
 
-// age_since is how old at `now` is what was stored at `stored`, in seconds; 0 for what is stored later.
+// age_since returns the seconds from `stored` to `now`; 0 when `stored` is later.
 [[nodiscard]] int32_t age_since(dns_time stored, dns_time now);
 
-// age_of is the time that an entry has spent in the cache. A wall clock that was set back makes its life begin again,
-// so that no entry outlives its TTL by more than the clock's step took from it.
+// age_of returns the seconds that an entry has been in the cache. If the wall clock was set back to before it was
+// stored, its age restarts at 0.
 [[nodiscard]] int32_t age_of(Entry *entry, dns_time now);
 
 // Graveyard holds entries that left their shard until its mutex is released. Declare it before the lock.
@@ -94,19 +94,19 @@ class alignas(CACHE_LINE) Shard {
   [[nodiscard]] Entry *find(const Key &key) PELK_REQUIRES(mutex);
   // prefetch_place has the processor fetch where an entry of this hash is filed; it needs no mutex.
   void prefetch_place(uint64_t hash) const PELK_NO_ANALYSIS { index_.prefetch_place(static_cast<uint32_t>(hash)); }
-  // used keeps an entry from giving way the next time that it is its turn.
+  // used gives an entry a second chance at its next turn to be evicted.
   void used(Entry *entry) PELK_REQUIRES(mutex) { entry->used = 1; }
   // remove takes an entry out; the caller releases it.
   void remove(Entry *entry) PELK_REQUIRES(mutex);
-  // insert files `entry` in the place of `old`, which find gave for its key; entries give way to it as needed.
-  // DNS_E_NOBUFS for one that is larger than the shard, DNS_E_NOMEM: nothing has changed.
+  // insert files `entry` in the place of `old`, which find gave for its key, and evicts entries as needed. DNS_E_NOBUFS
+  // for one that is larger than the shard, DNS_E_NOMEM: nothing has changed.
   [[nodiscard]] dns_status insert(Entry *entry, Entry *old, dns_time now, bool keep_expired, Graveyard *dead)
       PELK_REQUIRES(mutex);
-  // expect gives the index buckets for `entries`, a bounded number at a call. False when it has them, or more would
-  // take too much of the shard.
+  // expect adds buckets for `entries` to the index, a bounded number each call. False when there are enough, or when
+  // more would take too much of the shard.
   [[nodiscard]] bool expect(size_t entries) PELK_REQUIRES(mutex);
   [[nodiscard]] const Index &index() const PELK_REQUIRES(mutex) { return index_; }
-  // begin and end frame the shard's life, when no other thread knows it.
+  // begin comes first and end last, while no other thread knows the shard.
   [[nodiscard]] bool begin(size_t bytes_max) PELK_NO_ANALYSIS;
   void end() PELK_NO_ANALYSIS;
 

@@ -1,8 +1,8 @@
-// cache_walk.cc - the ways of many entries out of a cache, as images, and back (cache_image.h).
+// cache_walk.cc - many entries out of a cache, as images, and back (cache_image.h).
 //
 // Any thread may walk a cache or put images back while others use it: a shard's mutex is held for a few dozen entries
-// at a time. Both ways spend their time waiting for memory, so what is about to be touched is asked for
-// ahead, many pieces side by side.
+// at a time. Both directions spend their time waiting for memory, so what is read next is prefetched, many pieces at
+// once.
 #include <stdlib.h>
 #include <string.h>
 
@@ -23,7 +23,7 @@ namespace {
 // Buckets that are walked at a time: a few dozen entries, copied in a few microseconds.
 constexpr size_t kWalkStep = 16;
 
-// Threads that put images back at the same time begin so many shards apart, where they do not meet.
+// Threads that restore at the same time start this many shards apart, so that they seldom need the same one.
 constexpr unsigned kShardStride = 7;
 
 // gone tells whether an entry would no longer be returned.
@@ -42,8 +42,9 @@ bool gone(dns_time stored, int32_t ttl, dns_time now, int32_t grace) {
   return true;
 }
 
-// copy_rest appends what is left of a bucket that is larger than a whole room. The bucket changes from one room to the
-// next, but a hash says for good whether its entry is through. (All of its bits are compared: no two are equal.)
+// copy_rest appends what is left of a bucket that is larger than a whole room. Entries may come and go from one room to
+// the next, so the walk remembers the hash that it has reached. (It compares all 64 bits, so that no two entries are
+// equal.)
 [[nodiscard]] bool copy_rest(const Index &index, CacheWalk *walk, dns_time now, int32_t grace, Images *images) {
   for (;;) {
     Entry *next = nullptr;
@@ -99,7 +100,7 @@ using Waiting = std::array<Entry *, kShardsMax>;
   auto *entry = static_cast<Entry *>(malloc(sizeof(Entry) + body_size));
   if (entry == nullptr) return nullptr;
   entry->hash = hash;
-  entry->stored = std::min(image.stored, now);  // as age_of has it
+  entry->stored = std::min(image.stored, now);  // as in age_of
   entry->ttl = std::min(image.ttl, ttl_max);
   entry->typ = image.typ;
   entry->cls = image.cls;
@@ -114,14 +115,14 @@ using Waiting = std::array<Entry *, kShardsMax>;
   return entry;
 }
 
-// sort_out makes entries of those images that the cache would keep and files them by shard. False without memory: then
-// some are there.
+// sort_out makes entries of the images that the cache would keep and files them by shard. False without memory, with
+// some of them filed.
 [[nodiscard]] bool sort_out(dns_cache *cache, std::span<const Image> images, dns_time now, Waiting *waiting) {
   const int32_t grace = cache->grace();
-  const bool denials_too = cache->keeps_denials();
+  const bool negative_too = cache->keeps_negative();
   const int32_t ttl_max = cache->ttl_max();
   for (const Image &image : images) {
-    if (!denials_too && is_negative(image.typ, image.rcode, image.facts.records, image.facts.cnames)) continue;
+    if (!negative_too && is_negative(image.typ, image.rcode, image.facts.records, image.facts.cnames)) continue;
     if (gone(image.stored, std::min(image.ttl, ttl_max), now, grace)) continue;
     const uint64_t hash = siphash_folded(cache->secret, image.key.data(), image.key.size());
     Entry *entry = restored(image, hash, now, ttl_max);
@@ -131,7 +132,7 @@ using Waiting = std::array<Entry *, kShardsMax>;
   return true;
 }
 
-// put_back inserts an entry unless there is one as new. DNS_E_NOBUFS for an entry that is left out.
+// put_back inserts an entry unless the cache has one that is as new. DNS_E_NOBUFS for an entry that is left out.
 [[nodiscard]] dns_status put_back(Shard *shard, Entry *entry, dns_time now, bool expired_too, Graveyard *dead)
     PELK_REQUIRES(shard->mutex) {
   const Key key = {entry->dn(), entry->dn_size, entry->typ, entry->cls, entry->hash};
@@ -140,8 +141,8 @@ using Waiting = std::array<Entry *, kShardsMax>;
   return shard->insert(entry, there, now, expired_too, dead);
 }
 
-// prefetch_meetings has the processor fetch what the entries from `first` on will meet: their buckets, then the entries
-// there that may be the same, each kind side by side instead of one after another.
+// prefetch_meetings prefetches what inserting the entries from `first` on will read: first their buckets, then the
+// entries there that may have the same key. Each kind is fetched in parallel.
 void prefetch_meetings(const Index &index, const Entry *first) {
   for (const Entry *entry = first; entry != nullptr; entry = entry->bucket_next)
     index.prefetch_place(static_cast<uint32_t>(entry->hash));

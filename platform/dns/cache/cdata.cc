@@ -1,7 +1,7 @@
-// cdata.cc - cache entries outside a cache: dns_cdata_* and the ways between an entry and an answer packet.
+// cdata.cc - see cdata.h; and the operations dns_cdata_*.
 //
-// An entry belongs to one thread at a time, so nothing here locks. Every record that comes in, from a host or from a
-// packet, is checked and written whole by `append`; what goes out is walked by `next_record`, which trusts the run.
+// Every record that comes in, from a host or from a packet, goes through `append`, which checks it and writes it
+// without compression. `next_record` reads the run and trusts it.
 #include <cdata.h>
 
 #include <limits.h>
@@ -34,8 +34,7 @@ constexpr int kRcodeMax = 15;  // the response code is four bits of the header's
 constexpr size_t kRcodeAt = 3;
 constexpr size_t kAnswerCountAt = 6;
 
-// What a record's data may grow by when its names are written whole: no type holds more than two that may be
-// compressed.
+// What a record's data may grow by without compression: no type has more than two names that may be compressed.
 constexpr size_t kExpansionMax = 2 * DNS_MAXDN;
 
 // RunRecord is one record of a run. Its owner is the entry's own name where `owner` is null.
@@ -48,7 +47,7 @@ struct RunRecord {
   std::span<const uint8_t> data;
 };
 
-// next_record reads the record at `*at` and moves behind it. False at the end of the run.
+// next_record reads the record at `*at` and moves `*at` past it. False at the end of the run.
 bool next_record(std::span<const uint8_t> run, size_t *at, RunRecord *record) {
   if (*at >= run.size()) return false;
   const uint8_t *owner = run.data() + *at;
@@ -69,7 +68,7 @@ bool next_record(std::span<const uint8_t> run, size_t *at, RunRecord *record) {
   return true;
 }
 
-// Source is where the data of a record to append lies: in a packet that names may be compressed against, or alone.
+// Source is where the data of a record to append is: in a packet that names may be compressed against, or alone.
 struct Source {
   std::span<const uint8_t> packet;
   size_t at;
@@ -77,8 +76,8 @@ struct Source {
   bool alone;
 };
 
-// write_data writes the data whole. False for data that the type does not allow, and for compressed names in data that
-// stands alone: they point to nowhere, even where a name of the same data happens to stand.
+// write_data writes the data uncompressed. False for data that the type does not allow, and for any compressed name in
+// data without a packet, even if its pointer happens to hit a name in the same data.
 [[nodiscard]] bool write_data(const Source &source, uint16_t typ, std::span<uint8_t> buffer, dns::Writer *writer) {
   const size_t at = writer->position();
   if (!dns::plain_data(source.packet, typ, source.at, source.size, writer) || !writer->ok()) return false;
@@ -87,8 +86,8 @@ struct Source {
   return written == source.size && (written == 0 || memcmp(buffer.data() + at, source.packet.data(), written) == 0);
 }
 
-// owner_size gives the bytes of the owner at the head of `run`, in the form that append gives it: the pointer to the
-// entry's own name, or a whole name. 0 for any other.
+// owner_size returns the size of the owner at the beginning of `run`, in the form that append writes: kOwnName, or a
+// whole name. 0 for any other form.
 [[nodiscard]] size_t owner_size(std::span<const uint8_t> run) {
   if (run.size() >= kPointerSize && base::get_be<uint16_t>(run.data()) == dns::kOwnName) return kPointerSize;
   Reader reader(run);
@@ -97,8 +96,8 @@ struct Source {
   return reader.name(dn, &size) && reader.position() == size ? size : 0;  // one with a pointer is shorter than its name
 }
 
-// whole_data tells whether a type allows `data`, without compressed names. Addresses, of which a cache is full, are
-// told by their size.
+// whole_data tells whether `data` is uncompressed data that the type allows. Most records are addresses, for which the
+// size decides.
 [[nodiscard]] bool whole_data(uint16_t typ, std::span<const uint8_t> data) {
   if (typ == DNS_T_A) return data.size() == sizeof(in_addr);
   if (typ == DNS_T_AAAA) return data.size() == sizeof(in6_addr);
@@ -107,7 +106,7 @@ struct Source {
   return write_data({data, 0, data.size(), true}, typ, copy, &writer);
 }
 
-// append writes a record behind the run. DNS_E_NOERROR; DNS_E_INVAL for an owner that is no name, DNS_E_PROTOCOL for
+// append writes a record after the run. DNS_E_NOERROR; DNS_E_INVAL for an owner that is no name, DNS_E_PROTOCOL for
 // data that the type does not allow, DNS_E_NOMEM.
 [[nodiscard]] dns_status append(dns_cdata *entry, const uint8_t *owner, uint16_t typ, uint16_t cls, int32_t ttl,
                                 const Source &source) {
@@ -146,7 +145,7 @@ void drop_records(dns_cdata *entry) {
   entry->age = 0;
 }
 
-unsigned aliases_of(uint16_t typ, unsigned cnames) {
+unsigned chain_cnames(uint16_t typ, unsigned cnames) {
   return typ == DNS_T_CNAME || typ == DNS_T_ANY ? 0 : cnames;
 }
 
@@ -154,13 +153,13 @@ bool fits_u16(int value) {
   return value >= 0 && value <= UINT16_MAX;
 }
 
-// counted_down is what remains of a record's TTL in `entry`; of an expired entry, what remains of the entry's: below 0.
+// counted_down returns what remains of a record's TTL; in an expired entry that is the entry's own TTL, below 0.
 int32_t counted_down(const dns_cdata *entry, uint32_t ttl) {
   if (entry->ttl < 0) return entry->ttl;
   return static_cast<int32_t>(std::max<int64_t>(int64_t{ttl} - entry->age, 0));
 }
 
-// source_of finds the data of `rr` inside `packet`, or takes it alone where that is null. False when it lies elsewhere.
+// source_of finds the data of `rr` inside `packet`, or takes it alone where that is null. False when it is elsewhere.
 bool source_of(const dns_rr *rr, const dns_parse *packet, Source *source) {
   if (rr->dnsrr_dsz > UINT16_MAX || (rr->dnsrr_dptr == nullptr && rr->dnsrr_dsz > 0)) return false;
   if (rr->dnsrr_dptr != nullptr && rr->dnsrr_dptr + rr->dnsrr_dsz != rr->dnsrr_dend) return false;
@@ -190,8 +189,8 @@ bool in_class(const dns_cdata *entry, const dns::Record &record) {
   return entry->cls == DNS_C_ANY || record.cls == entry->cls;
 }
 
-// append_pass goes once through the section and appends the aliases, at most `*left`, that lead on from `dn`, which
-// follows them.
+// append_pass walks the section once and appends the CNAMEs, at most `*left`, of the chain from `dn` on; `dn` becomes
+// the last target.
 [[nodiscard]] dns_status append_pass(dns_cdata *entry, const Section &section, uint8_t *dn, unsigned *left) {
   Reader reader(section.packet, section.at);
   for (unsigned i = 0; *left > 0 && i < section.count; ++i) {
@@ -207,9 +206,9 @@ bool in_class(const dns_cdata *entry, const dns::Record &record) {
   return DNS_E_NOERROR;
 }
 
-// append_aliases appends the records of the chain, which mostly stand in its order and then take one pass.
-[[nodiscard]] dns_status append_aliases(dns_cdata *entry, const Section &section, const uint8_t *from,
-                                        const dns::Chain &chain) {
+// append_cnames appends the CNAMEs of the chain. They mostly are in its order, and then take one pass.
+[[nodiscard]] dns_status append_cnames(dns_cdata *entry, const Section &section, const uint8_t *from,
+                                       const dns::Chain &chain) {
   uint8_t dn[DNS_MAXDN];
   if (dns_dntodn(from, dn, sizeof dn) == 0) return DNS_E_BADQUERY;
   for (unsigned left = chain.cnames; left > 0;) {
@@ -258,7 +257,7 @@ bool cdata_is_negative(const dns_cdata *entry) {
 }
 
 bool is_negative(uint16_t typ, uint8_t rcode, unsigned records, unsigned cnames) {
-  return rcode == DNS_R_NXDOMAIN || records == aliases_of(typ, cnames);
+  return rcode == DNS_R_NXDOMAIN || records == chain_cnames(typ, cnames);
 }
 
 dns_status cdata_from_answer(dns_cdata *entry, std::span<const uint8_t> packet, size_t answers_at, unsigned cnames_max,
@@ -281,7 +280,7 @@ dns_status cdata_append_chain(dns_cdata *entry, std::span<const uint8_t> packet,
   Header header;
   if (!read_header(packet, &header)) return DNS_E_PROTOCOL;
   const Section section = {packet, answers_at, header.count[DNS_S_AN]};
-  const dns_status status = append_aliases(entry, section, from, chain);
+  const dns_status status = append_cnames(entry, section, from, chain);
   return status == DNS_E_NOERROR && answers ? append_answers(entry, section, chain.end) : status;
 }
 
@@ -331,7 +330,7 @@ void run_settle(std::span<uint8_t> run, int32_t age, int32_t least, int32_t most
 
 extern "C" {
 
-// An entry's buffer is made at once, so that a look-up of a small entry allocates nothing more.
+// The entry's buffer is made at once, so that the lookup of a small entry allocates nothing more.
 dns_cdata *dns_cdata_init(unsigned size) {
   dns_cdata *entry = new (std::nothrow) dns_cdata;
   if (entry == nullptr) return nullptr;
@@ -344,7 +343,7 @@ void dns_cdata_free(dns_cdata *entry) {
   delete entry;
 }
 
-// dns_cdata_setdn names the entry. Another name makes it another entry: the records of the old one go.
+// dns_cdata_setdn names the entry. Another name makes it another entry, so its records go.
 int dns_cdata_setdn(dns_cdata *entry, const unsigned char *dn) {
   const unsigned size = dn == nullptr ? 0 : dns_dnlen(dn);
   if (entry == nullptr || size == 0) return DNS_E_INVAL;
@@ -411,7 +410,7 @@ unsigned dns_cdata_nrr(const dns_cdata *entry) {
   return entry->records;
 }
 unsigned dns_cdata_nalias(const dns_cdata *entry) {
-  return aliases_of(entry->typ, entry->cnames);
+  return chain_cnames(entry->typ, entry->cnames);
 }
 
 unsigned dns_cdata_numan(const dns_cdata *entry) {

@@ -1,6 +1,6 @@
-// dump.cc - cache dumps: the context, and the entries of caches written to a file (dump.h tells the format).
+// dump.cc - cache dumps: the context, and the writer (dump.h has the format).
 //
-// A save runs on its caller's thread. Memory is one block, whatever the cache's size.
+// A save runs on its caller's thread. It uses the memory of one block, whatever the cache's size.
 #include "dump.h"
 
 #include <errno.h>

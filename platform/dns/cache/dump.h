@@ -1,13 +1,13 @@
 // dump.h - what the writer and the reader of cache dumps share: the format and the context (dns_cdump_*).
 //
-// A dump is a magic number and then frames: a file head (format version, when it was saved), for each cache a head with
-// the user data, blocks of entry images (cache_image.h) and an end with totals, and last a file end with totals.
-// Integers are in network order, times absolute. Each frame carries a checksum of itself and of all frames before it:
-// it goes on from the checksum of the frame before, misses damage once in 2^64 and keeps up with the memory. It guards
-// against accidents, not against forgers, so what is read is checked entry by entry all the same. The file end comes
-// last, hence a file whose writer was killed has none and is refused as a whole.
+// A dump is a magic number, then frames: a file head (format version, time of the save); for each cache a head with the
+// user data, blocks of entry images (cache_image.h) and an end with totals; last a file end with totals. Integers are
+// in network order, times absolute. Each frame has a checksum of itself and of all frames before it, computed on from
+// the previous frame's checksum. It misses damage once in 2^64 and is as fast as memory. It is no protection against
+// forgery, so each entry is checked as well. The file end comes last, so a file whose writer was killed has none and is
+// refused as a whole.
 //
-// A dump context belongs to one thread at a time; the caches may be used by any thread meanwhile.
+// One thread at a time uses a dump context; any thread may use the caches meanwhile.
 #ifndef DUMP_H
 #define DUMP_H
 
@@ -43,7 +43,7 @@ inline constexpr size_t kFrameHead = 16;
 inline constexpr size_t kFileHeadSize = 4 + 8;
 inline constexpr size_t kTotalsSize = 8 + 8;
 inline constexpr size_t kUserDataMax = 256;
-// Large enough that calls to the system cost nothing beside the copying.
+// Large enough that the copying costs far more than the system calls.
 inline constexpr size_t kBlockMax = 256 * 1024;
 static_assert(kBlockMax >= kImageMax, "every entry fits a block");
 
@@ -53,14 +53,14 @@ struct Totals {
   bool operator==(const Totals &) const = default;
 };
 
-// Place is where a frame begins, counted from the dump's first byte, and the checksum of the frame before.
+// Place is where a frame begins, as an offset in the dump, and the checksum of the frame before.
 struct Place {
   uint64_t offset = kMagic.size();
   uint64_t sum = 0;
 };
 
-// Shown is how far a cache's entries have been handed out: the next block, what is left of the one in the frame, and
-// how many entries there were.
+// Shown is how far dns_cdump_next_entry has come in a cache: the next block, what is left of the present one, and how
+// many entries it has returned.
 struct Shown {
   Place next;
   std::span<const uint8_t> left;
@@ -93,8 +93,8 @@ struct dns_cdump {
   dns_time now = 0;
   dns::dump::State state = dns::dump::State::kBefore;
   dns_status status = DNS_E_NOERROR;  // of a save that has failed
-  dns::dump::Place place;             // saving: the next frame's; on a cache: behind its end
-  uint64_t caches = 0;                // saved, or passed
+  dns::dump::Place place;             // saving: the next frame's; on a cache: after its end
+  uint64_t caches = 0;                // saved, or read
   off_t base = 0;                     // loading: the dump's first byte in the file, and its size
   uint64_t size = 0;
   uint64_t checked = 0;     // blocks before this offset have been read and found whole

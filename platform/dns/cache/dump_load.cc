@@ -1,9 +1,9 @@
-// dump_load.cc - the entries of a dump back into caches, and one by one (dump.h tells the format).
+// dump_load.cc - cache dumps: the reader, into caches and entry by entry (dump.h has the format).
 //
-// A cache's blocks are read twice: all of them to check them, then again to load them, so that nothing of a damaged
-// cache is loaded and memory is one block a thread, whatever the file's size. Both ways through are shared by a few
-// threads where there are many blocks: checksums go on from the one before as the file states it, hence blocks can be
-// read in any order. The calling thread is one of them; the others live no longer than the call.
+// A cache's blocks are read in two passes: the first checks all of them, the second loads them. So nothing of a damaged
+// cache is loaded, and memory is one block for each thread, whatever the file's size. Where there are many blocks, a
+// few threads share a pass: a block's checksum continues the one that the frame before it states, so the blocks can be
+// read in any order. The calling thread is one of them; the others end before the call returns.
 #include <errno.h>
 #include <fcntl.h>
 #include <sched.h>
@@ -56,23 +56,23 @@ struct Frame {
   return size <= kBlockMax ? DNS_E_NOERROR : DNS_E_TFILE;
 }
 
-// read_body reads the body of the frame at `at` behind its head, and checks both.
+// read_body reads the body of the frame at `at`, after its head, and checks both.
 [[nodiscard]] dns_status read_body(const dns_cdump *dump, const Place &at, const Frame &frame) {
   const dns_status status = read_at(dump, at.offset + kFrameHead, frame.body);
   if (status != DNS_E_NOERROR) return status;
   return sum_of(at.sum, frame.body.data() - kFrameHead, frame.body.size()) == frame.sum ? DNS_E_NOERROR : DNS_E_TFILE;
 }
 
-// behind is the place of the next frame.
-Place behind(const Place &at, const Frame &frame) {
+// place_after returns the place of the next frame.
+Place place_after(const Place &at, const Frame &frame) {
   return {at.offset + kFrameHead + frame.body.size(), frame.sum};
 }
 
-// next_frame reads the frame at `*at` into the context's buffer and moves behind it.
+// next_frame reads the frame at `*at` into the context's buffer and moves `*at` past it.
 [[nodiscard]] dns_status next_frame(dns_cdump *dump, Place *at, Frame *frame) {
   dns_status status = read_head(dump, at->offset, dump->frame.get(), frame);
   if (status == DNS_E_NOERROR) status = read_body(dump, *at, *frame);
-  if (status == DNS_E_NOERROR) *at = behind(*at, *frame);
+  if (status == DNS_E_NOERROR) *at = place_after(*at, *frame);
   return status;
 }
 
@@ -83,7 +83,7 @@ Place behind(const Place &at, const Frame &frame) {
   return true;
 }
 
-// check_ends looks at both ends of the file: whether it is a dump of a format known here, and whole.
+// check_ends checks both ends of the file: that it is a dump of a known format, and complete.
 [[nodiscard]] dns_status check_ends(dns_cdump *dump, Place *first) {
   constexpr size_t kEndSize = kFrameHead + kTotalsSize;
   std::array<uint8_t, kMagic.size()> magic;
@@ -105,7 +105,7 @@ Place behind(const Place &at, const Frame &frame) {
   return known && base::get_be<uint32_t>(head.body.data()) == kVersion ? DNS_E_NOERROR : DNS_E_TFILE;
 }
 
-// ---- the way through a cache's blocks -----------------------------------------------------------------------------
+// ---- a pass over a cache's blocks ----------------------------------------------------------------------------------
 
 constexpr size_t kImagesAtOnce = 512;  // entries put into a cache together
 
@@ -125,69 +125,69 @@ constexpr size_t kImagesAtOnce = 512;  // entries put into a cache together
   return DNS_E_NOERROR;
 }
 
-// Helpers at most beside the calling thread, and the blocks that make one worth its while.
+// The most threads besides the calling one, and the blocks that justify each.
 constexpr size_t kHelpersMax = 3;
 constexpr uint64_t kBlocksEach = 2;
 
-// Way is one way through a cache's blocks, which are loaded into `cache`, or only checked where that is null.
-struct Way {
+// Pass is one pass over a cache's blocks, which loads them into `cache`, or only checks them when that is null.
+struct Pass {
   const dns_cdump *dump;
   dns_cache *cache;
   pelk_mutex_t mutex;
   Place at PELK_GUARDED_BY(mutex);  // the next frame to be taken by a thread
   bool ended PELK_GUARDED_BY(mutex) = false;
-  dns_status status PELK_GUARDED_BY(mutex) = DNS_E_NOERROR;  // the first failure, which ends the way for all
+  dns_status status PELK_GUARDED_BY(mutex) = DNS_E_NOERROR;  // the first failure, which ends the pass for all threads
   uint64_t bytes PELK_GUARDED_BY(mutex) = 0;
   uint64_t seen PELK_GUARDED_BY(mutex) = 0;
   uint64_t kept PELK_GUARDED_BY(mutex) = 0;
 };
 
 // take_block takes the next block for the calling thread: its place and, in the thread's buffer, its head. False at the
-// end of the way.
-[[nodiscard]] bool take_block(Way *way, uint8_t *buffer, Place *at, Frame *frame) {
-  const pelk_lock lock(&way->mutex);
-  if (lock.error != 0 || way->ended || way->status != DNS_E_NOERROR) return false;
-  *at = way->at;
-  way->status = read_head(way->dump, at->offset, buffer, frame);
-  way->ended = frame->kind != kBlock;
-  if (way->status != DNS_E_NOERROR || way->ended) return false;
-  way->at = behind(*at, *frame);
-  way->bytes += frame->body.size();
+// end of the pass.
+[[nodiscard]] bool take_block(Pass *pass, uint8_t *buffer, Place *at, Frame *frame) {
+  const pelk_lock lock(&pass->mutex);
+  if (lock.error != 0 || pass->ended || pass->status != DNS_E_NOERROR) return false;
+  *at = pass->at;
+  pass->status = read_head(pass->dump, at->offset, buffer, frame);
+  pass->ended = frame->kind != kBlock;
+  if (pass->status != DNS_E_NOERROR || pass->ended) return false;
+  pass->at = place_after(*at, *frame);
+  pass->bytes += frame->body.size();
   return true;
 }
 
-// A block that was checked on an earlier way is not read to be checked again.
-[[nodiscard]] dns_status handle_block(const Way *way, const Place &at, const Frame &frame, uint64_t *seen,
+// A block that an earlier pass has checked is not checked again.
+[[nodiscard]] dns_status handle_block(const Pass *pass, const Place &at, const Frame &frame, uint64_t *seen,
                                       uint64_t *kept) {
-  if (way->cache == nullptr && at.offset < way->dump->checked) return DNS_E_NOERROR;
-  const dns_status status = read_body(way->dump, at, frame);
-  if (status != DNS_E_NOERROR || way->cache == nullptr) return status;
-  return load_block(way->dump, frame.body, way->cache, seen, kept);
+  if (pass->cache == nullptr && at.offset < pass->dump->checked) return DNS_E_NOERROR;
+  const dns_status status = read_body(pass->dump, at, frame);
+  if (status != DNS_E_NOERROR || pass->cache == nullptr) return status;
+  return load_block(pass->dump, frame.body, pass->cache, seen, kept);
 }
 
-// go handles blocks until none is left: what each thread on the way does, with a buffer of its own.
-void go(Way *way, uint8_t *buffer) {
+// run_pass handles blocks until none is left. Each thread of a pass runs it with a buffer of its own.
+void run_pass(Pass *pass, uint8_t *buffer) {
   Place at;
   Frame frame;
-  while (take_block(way, buffer, &at, &frame)) {
+  while (take_block(pass, buffer, &at, &frame)) {
     uint64_t seen = 0;
     uint64_t kept = 0;
-    const dns_status status = handle_block(way, at, frame, &seen, &kept);
-    const pelk_lock lock(&way->mutex);
-    if (way->status == DNS_E_NOERROR) way->status = lock.error == 0 ? status : DNS_E_FAIL;
-    way->seen += seen;
-    way->kept += kept;
+    const dns_status status = handle_block(pass, at, frame, &seen, &kept);
+    const pelk_lock lock(&pass->mutex);
+    if (pass->status == DNS_E_NOERROR) pass->status = lock.error == 0 ? status : DNS_E_FAIL;
+    pass->seen += seen;
+    pass->kept += kept;
   }
 }
 
-// help_along is a helper's routine. One without memory leaves the work to the others.
-void *help_along(void *argument) {
+// run_helper is a helper's routine. Without memory it leaves the work to the other threads.
+void *run_helper(void *argument) {
   const Buffer buffer = make_buffer();
-  if (buffer != nullptr) go(static_cast<Way *>(argument), buffer.get());
+  if (buffer != nullptr) run_pass(static_cast<Pass *>(argument), buffer.get());
   return nullptr;
 }
 
-// helpers_for is how many helpers are of use from `offset` on: no more than there are processors beside this thread's.
+// helpers_for returns how many helpers are of use from `offset` on: no more than there are other processors.
 size_t helpers_for(const dns_cdump *dump, uint64_t offset) {
   cpu_set_t processors;
   if (sched_getaffinity(0, sizeof processors, &processors) != 0) return 0;
@@ -195,50 +195,50 @@ size_t helpers_for(const dns_cdump *dump, uint64_t offset) {
   return std::min<uint64_t>({kHelpersMax, static_cast<size_t>(CPU_COUNT(&processors)) - 1, blocks / kBlocksEach});
 }
 
-// go_all_the_way is done when no block is left or a thread has failed.
-void go_all_the_way(Way *way, dns_cdump *dump, uint64_t offset) {
+// run_with_helpers returns when no block is left or a thread has failed.
+void run_with_helpers(Pass *pass, dns_cdump *dump, uint64_t offset) {
   std::array<pelk_thread_t, kHelpersMax> helpers;
   const size_t wanted = helpers_for(dump, offset);
   size_t count = 0;
-  while (count < wanted && pelk_thread_create(&helpers[count], help_along, way) == 0)
+  while (count < wanted && pelk_thread_create(&helpers[count], run_helper, pass) == 0)
     ++count;
-  go(way, dump->frame.get());
+  run_pass(pass, dump->frame.get());
   while (count > 0)
     (void)pelk_thread_join(helpers[--count]);
 }
 
-// Found is what a way through has met.
+// Found is what a pass has counted.
 struct Found {
   uint64_t bytes = 0;
   uint64_t seen = 0;
   uint64_t kept = 0;
 };
 
-// through_blocks goes through the blocks from `*at` on, which it leaves at the frame behind them.
-[[nodiscard]] dns_status through_blocks(dns_cdump *dump, dns_cache *cache, Place *at, Found *found) {
-  Way way = {.dump = dump, .cache = cache, .mutex = {}, .at = *at};
-  if (pelk_mutex_init(&way.mutex) != 0) return DNS_E_FAIL;
-  go_all_the_way(&way, dump, at->offset);
+// pass_over_blocks runs a pass from `*at` on and leaves `*at` at the frame after the blocks.
+[[nodiscard]] dns_status pass_over_blocks(dns_cdump *dump, dns_cache *cache, Place *at, Found *found) {
+  Pass pass = {.dump = dump, .cache = cache, .mutex = {}, .at = *at};
+  if (pelk_mutex_init(&pass.mutex) != 0) return DNS_E_FAIL;
+  run_with_helpers(&pass, dump, at->offset);
   dns_status status = DNS_E_FAIL;
   {
-    const pelk_lock lock(&way.mutex);
-    status = way.status;
-    *at = way.at;
-    *found = {way.bytes, way.seen, way.kept};
+    const pelk_lock lock(&pass.mutex);
+    status = pass.status;
+    *at = pass.at;
+    *found = {pass.bytes, pass.seen, pass.kept};
   }
-  (void)pelk_mutex_destroy(&way.mutex);
+  (void)pelk_mutex_destroy(&pass.mutex);
   return status;
 }
 
-// check_blocks goes over a cache's blocks to its end, which it leaves `*at` behind.
+// check_blocks checks a cache's blocks and its end, and moves `*at` past the end.
 [[nodiscard]] dns_status check_blocks(dns_cdump *dump, Place *at) {
   Found found;
   Frame end;
-  dns_status status = through_blocks(dump, nullptr, at, &found);
+  dns_status status = pass_over_blocks(dump, nullptr, at, &found);
   if (status == DNS_E_NOERROR) status = next_frame(dump, at, &end);
   if (status != DNS_E_NOERROR) return status;
   const bool ended = end.kind == kCacheEnd && read_totals(end, &dump->totals);
-  // As many entries as there are bytes for, and bytes for no more.
+  // The number of entries must be possible for that many bytes.
   const uint64_t most = found.bytes / kImageMin, least = (found.bytes + kImageMax - 1) / kImageMax;
   const bool sound =
       ended && dump->totals.bytes == found.bytes && dump->totals.first >= least && dump->totals.first <= most;
@@ -247,7 +247,7 @@ struct Found {
 
 // ---- the caches of a dump -----------------------------------------------------------------------------------------
 
-// next_cache stands on the cache whose head is at `at`: 1; or 0 when the file's end is there.
+// next_cache checks the cache whose head is at `at` and makes it the current one: 1; or 0 when the file's end is there.
 [[nodiscard]] int next_cache(dns_cdump *dump, Place at) {
   Frame frame;
   dump->state = State::kBefore;
@@ -277,16 +277,16 @@ struct Found {
 [[nodiscard]] dns_status load_cache(dns_cdump *dump, dns_cache *cache) {
   Place at = dump->blocks;
   Found found;
-  dump->shown = {at, {}, 0};  // its frame makes room
+  dump->shown = {at, {}, 0};  // a pass reuses its frame
   cache_expect(cache, dump->totals.first);
-  const dns_status status = through_blocks(dump, cache, &at, &found);
+  const dns_status status = pass_over_blocks(dump, cache, &at, &found);
   if (status != DNS_E_NOERROR) return status;
   if (found.seen != dump->totals.first) return DNS_E_TFILE;
   return found.kept > 0 ? DNS_E_NOERROR : DNS_E_NODATA;
 }
 
-// show_block reads blocks until there is one with entries left to show: 1; 0 at their end. A failure moves nothing, so
-// that it is found again.
+// show_block reads blocks until there is one with entries left to show: 1; 0 at their end. After a failure the walk
+// stays where it is.
 [[nodiscard]] int show_block(dns_cdump *dump) {
   Shown *shown = &dump->shown;
   while (shown->left.empty()) {

@@ -1,4 +1,4 @@
-// cacher.h - how the engine reaches a cache, its own or one that a host brings. Any thread may call any of this.
+// cacher.h - how the engine calls a cache, the built-in one or a host's own. Any thread may call any of this.
 #ifndef CACHER_H
 #define CACHER_H
 
@@ -21,8 +21,8 @@ int dns_cacher_setopt(struct dns_cacher *cacher, int opt, const void *value, uns
 
 namespace dns {
 
-// cache_look_ahead has the processor fetch where the built-in cache `cacher` files a key. Returns what spares the
-// look-up that follows working it out again (dns_cdata::hash), or 0.
+// cache_look_ahead has the processor fetch where the built-in cache `cacher` files a key. Returns the key's hash, for
+// the lookup that follows (dns_cdata::hash), or 0.
 [[nodiscard]] uint64_t cache_look_ahead(const dns_cacher *cacher, uint16_t typ, uint16_t cls,
                                         std::span<const uint8_t> dn);
 
