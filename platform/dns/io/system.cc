@@ -1,4 +1,4 @@
-// system.cc - the table of functions with the operating system behind it, and the random source that reads from it.
+// system.cc - the table of functions over the operating system (dns_io.h).
 #include <errno.h>
 #include <netinet/tcp.h>
 #include <netinet/udp.h>
@@ -49,7 +49,7 @@ int system_udp_open(void *, uint16_t port, const sockaddr_in *peer) {
     close(descriptor);
     return -error;
   }
-  // As much as an unprivileged process may have; the pool's size does not rely on it.
+  // As much as an unprivileged process may have. The pool does not rely on getting it.
   constexpr int kReceiveBytes = 1 << 20;
   (void)setsockopt(descriptor, SOL_SOCKET, SO_RCVBUF, &kReceiveBytes, sizeof kReceiveBytes);
   constexpr int kOn = 1;
@@ -61,8 +61,8 @@ void system_close(void *, int descriptor) {
   close(descriptor);
 }
 
-// asked_whether_kernel_cuts tells whether the kernel can cut up packets that it is given as one (UDP_SEGMENT, Linux
-// 4.18). One that does not know how would send them as one, so it is asked first.
+// asked_whether_kernel_cuts tells whether the kernel can split one send into packets (UDP_SEGMENT, Linux 4.18). An
+// older kernel ignores the request and would send them as one packet, so it is asked first.
 bool asked_whether_kernel_cuts() {
   const int descriptor = pelk_lift(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP));
   int size = 0;
@@ -72,7 +72,7 @@ bool asked_whether_kernel_cuts() {
   return known;
 }
 
-// kernel_cuts has no guarded initialiser: a child that is forked meanwhile would wait for its end for ever.
+// kernel_cuts has no guarded initialiser: a child forked during the initialisation would wait for its end forever.
 bool kernel_cuts() {
   enum Known : int { unknown, no, yes };
   static constinit std::atomic<int> known = unknown;
@@ -84,8 +84,8 @@ bool kernel_cuts() {
   return cuts == yes;
 }
 
-// Outgoing is the records that sendmmsg wants for kBatch datagrams: a message for each, or in runs a message for each
-// run of datagrams of one size, which the kernel cuts up where they arrive.
+// Outgoing is the records that sendmmsg wants for kBatch datagrams: a message for each, or with `in_runs` a message for
+// each run of datagrams of one size, which the kernel splits.
 class Outgoing {
  public:
   Outgoing(const Datagram *datagrams, unsigned total, bool connected, bool in_runs) {
@@ -121,7 +121,7 @@ class Outgoing {
 
   void cut(msghdr *message, uint16_t size) {
     Control *control = &controls_[count_];
-    *control = {};  // the padding too goes to the kernel
+    *control = {};  // the kernel reads the padding too
     message->msg_control = control->bytes;
     message->msg_controllen = sizeof control->bytes;
     cmsghdr *part = CMSG_FIRSTHDR(message);
@@ -137,22 +137,22 @@ class Outgoing {
   Control controls_[kBatch];
 };
 
-// system_udp_send sends in runs what stays on this machine: the packets then go down to the network and up again once
-// for all of a run. Beyond it a network card might have to cut them up, and one that does it wrong would lose the same
-// questions at each try. Nor do the packets of an unconnected socket leave in runs: when nobody listens at a server the
-// network returns the beginning of a run only, and the others of it would not learn that they are to go elsewhere.
+// system_udp_send sends runs to loopback only: the network stack is then passed once for a whole run. On other routes a
+// network card may split the run, and a faulty one would lose the same queries at each attempt. Unconnected sockets
+// send no runs: when nothing listens at a server, ICMP returns only the beginning of a run, so the other queries in it
+// would not learn that they have to go elsewhere.
 int system_udp_send(void *, int descriptor, const Datagram *datagrams, unsigned count, bool connected) {
   const bool stays = ntohl(datagrams->peer.sin_addr.s_addr) >> IN_CLASSA_NSHIFT == IN_LOOPBACKNET;
   if (connected && count > 1 && stays && kernel_cuts()) {
     const int left = Outgoing(datagrams, count, connected, true).send(descriptor);
-    // Whatever else stands against it is for the packets themselves to tell.
+    // After any other error the packets are sent one by one, which report their own errors.
     if (left > 0 || left == -EAGAIN || left == -EWOULDBLOCK || left == -ENOBUFS || left == -EINTR) return left;
   }
   return Outgoing(datagrams, count, connected, false).send(descriptor);
 }
 
-// Incoming ties kBatch datagrams to the records that recvmmsg wants. It is built on the stack: cheaper to fill than to
-// keep in step with the datagrams.
+// Incoming ties kBatch datagrams to the records that recvmmsg wants. It is built on the stack for each call: that is
+// cheaper than keeping it up to date.
 struct Incoming {
   mmsghdr messages[kBatch];
   iovec vectors[kBatch];
@@ -180,7 +180,7 @@ int system_udp_receive(void *, int descriptor, Datagram *datagrams, unsigned cou
   return received;
 }
 
-// came_back_by_icmp tells whether a message of the error queue is there because a router or the peer sent it back.
+// came_back_by_icmp tells whether a message of the error queue comes from an ICMP error by a router or by the peer.
 bool came_back_by_icmp(msghdr *message) {
   for (cmsghdr *part = CMSG_FIRSTHDR(message); part != nullptr; part = CMSG_NXTHDR(message, part)) {
     if (part->cmsg_level != IPPROTO_IP || part->cmsg_type != IP_RECVERR) continue;

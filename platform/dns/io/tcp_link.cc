@@ -1,4 +1,4 @@
-// tcp_link.cc - one TCP connection to a server; see dns_io.h.
+// tcp_link.cc - see tcp_link.h.
 #include <tcp_link.h>
 
 #include <errno.h>
@@ -69,7 +69,7 @@ int TcpLink::fill() {
   filled_ -= taken_;
   memmove(in_, in_ + taken_, filled_);
   taken_ = 0;
-  // Room is left: a message that is not whole is shorter than the longest one.
+  // There is room, since an incomplete message is shorter than the longest one.
   const int got = io_->tcp_receive(io_->self, descriptor_, in_ + filled_, kIncomingMax - filled_);
   if (got > 0) filled_ += static_cast<size_t>(got);
   return got;

@@ -1,4 +1,4 @@
-// udp_pool.cc - the sockets that questions leave from; see dns_io.h.
+// udp_pool.cc - see udp_pool.h.
 #include <udp_pool.h>
 
 #include <errno.h>
@@ -6,7 +6,7 @@
 namespace dns {
 namespace {
 
-constexpr int kBindTries = 64;  // random ports tried before the pool reports that it can have none
+constexpr int kBindAttempts = 64;  // random ports, before the pool gives up
 
 }  // namespace
 
@@ -20,7 +20,7 @@ void UdpPool::close() {
   extent_ = 0;
 }
 
-// retire wears out sockets that have been in use for their time.
+// retire wears out sockets that are older than kAgeMaxUs.
 void UdpPool::retire(int64_t now_us) {
   retired_us_ = now_us;
   for (unsigned i = 0; i < extent_; ++i) {
@@ -39,8 +39,7 @@ int UdpPool::pick(int64_t now_us, const sockaddr_in *peer, unsigned *room) {
   unsigned serving = 0;
   for (unsigned i = 0; i < extent_; ++i)
     serving += serves(static_cast<int>(i), peer) ? 1 : 0;
-  // Until the pool has its least number of ports a forger has fewer to guess, so it grows to that before any is used
-  // twice.
+  // The pool grows to its least size before it uses any socket again, as fewer ports are easier to guess.
   if (serving < kSocketsMin) (void)open_slot(now_us, peer);
   uint16_t random = 0;
   if (!random_->u16(&random) || extent_ == 0) return kNone;
@@ -55,7 +54,7 @@ int UdpPool::pick(int64_t now_us, const sockaddr_in *peer, unsigned *room) {
     *room = kInFlightPerSocket;
     return fresh;
   }
-  // Every socket is at its measure: share them evenly, and let the kernel drop what its buffers cannot hold.
+  // Every socket is full: share the queries evenly, and let the kernel drop what its buffers cannot hold.
   int least = kNone;
   for (unsigned i = 0; i < extent_; ++i) {
     const int slot = static_cast<int>((random + i) % extent_);
@@ -65,7 +64,7 @@ int UdpPool::pick(int64_t now_us, const sockaddr_in *peer, unsigned *room) {
   return least;
 }
 
-// serves tells whether a slot is open and connected to `peer`, or for a null one to nobody.
+// serves tells whether a slot is open and connected to `peer`, or unconnected when that is null.
 bool UdpPool::serves(int slot, const sockaddr_in *peer) const {
   if (!is_open(slot)) return false;
   return peer == nullptr ? !connected(slot) : connected(slot) && reaches(slot, *peer);
@@ -82,7 +81,7 @@ bool UdpPool::usable(int slot) const {
   return s.descriptor >= 0 && !s.blocked && s.in_flight < kInFlightPerSocket && s.uses < kUsesPerSocket;
 }
 
-// busier says whether slot `a` is a worse choice than slot `b`: blocked, or with more in flight.
+// busier tells whether slot `a` is a worse choice than slot `b`: blocked, or with more in flight.
 bool UdpPool::busier(int a, int b) const {
   if (slots_[a].blocked != slots_[b].blocked) return slots_[a].blocked;
   return slots_[a].in_flight > slots_[b].in_flight;
@@ -105,8 +104,7 @@ int UdpPool::slot_of(int descriptor) const {
   return kNone;
 }
 
-// free_slot returns the place of a socket to come, which is to be connected to `peer`: an empty one, or when there is
-// none that of an idle socket for another peer.
+// free_slot returns a slot for a new socket to `peer`: an empty one, or else that of an idle socket for another peer.
 int UdpPool::free_slot(const sockaddr_in *peer) {
   for (unsigned slot = 0; slot < extent_; ++slot)
     if (slots_[slot].descriptor < 0) return static_cast<int>(slot);
@@ -123,10 +121,10 @@ int UdpPool::free_slot(const sockaddr_in *peer) {
 int UdpPool::open_slot(int64_t now_us, const sockaddr_in *peer) {
   const int slot = free_slot(peer);
   if (slot == kNone) return kNone;
-  for (int i = 0; i < kBindTries; ++i) {
+  for (int i = 0; i < kBindAttempts; ++i) {
     uint16_t port = 0;
     if (!random_->u16(&port)) return kNone;
-    // Ports below the least are drawn again rather than folded up, so that every port stays equally likely.
+    // Ports below kPortMin are drawn again rather than mapped upwards, so that every port stays equally likely.
     if (port < kPortMin) continue;
     const int descriptor = io_->udp_open(io_->self, port, peer);
     if (descriptor == -EADDRINUSE || descriptor == -EACCES) continue;
@@ -142,8 +140,8 @@ int UdpPool::open_slot(int64_t now_us, const sockaddr_in *peer) {
   return kNone;
 }
 
-// close_slot takes the descriptor out of the pool first: a child that is forked meanwhile must not close the number,
-// which may be another file's by then.
+// close_slot takes the descriptor out of the pool first: a child forked meanwhile must not close the descriptor's
+// number, which may be another file's by then.
 void UdpPool::close_slot(int slot) {
   const int descriptor = slots_[slot].descriptor;
   slots_[slot] = {};

@@ -1,4 +1,7 @@
-// tcp_link.h - a TCP connection of one engine context, on the thread that drives it.
+// tcp_link.h - one TCP connection to a server: it sends and receives whole DNS messages.
+//
+// The thread that drives the engine context uses it alone, so nothing guards it. It never blocks, closes itself or
+// reconnects, and it knows nothing of the queries in its messages: connection.h does.
 #ifndef TCP_LINK_H
 #define TCP_LINK_H
 
@@ -12,11 +15,11 @@
 
 namespace dns {
 
-// TcpLink is one connection to a server: messages with their length in front (RFC 1035, 4.2.2), any number of them
-// under way in either direction (RFC 7766, 6.2.1.1).
+// TcpLink is one connection. Each message has its length in front (RFC 1035, 4.2.2), and messages are pipelined in both
+// directions (RFC 7766, 6.2.1.1).
 class TcpLink {
  public:
-  static constexpr size_t kUnsentMax = 64 * 1024;  // bytes of questions that wait for the socket
+  static constexpr size_t kUnsentMax = 64 * 1024;  // bytes of queries that wait for the socket
 
   TcpLink() = default;
   ~TcpLink() { close(); }
@@ -26,13 +29,14 @@ class TcpLink {
   // open begins to connect. 0 or a negated errno, -ENOMEM among them.
   [[nodiscard]] int open(const Io *io, const sockaddr_in &peer);
   void close();
-  // abandon closes the descriptor alone, in a forked child: the parent's thread may have been in any of the others.
+  // abandon closes only the descriptor, in a forked child: the parent's thread may have been inside any of the other
+  // functions.
   void abandon();
   [[nodiscard]] bool is_open() const { return descriptor_ >= 0; }
   [[nodiscard]] int descriptor() const { return descriptor_; }
 
-  // push queues a message; false when kUnsentMax would be passed. flush sends what is queued as far as the socket takes
-  // it: 0, or a negated errno once the connection is broken.
+  // push queues a message; false when that would exceed kUnsentMax. flush sends what is queued as far as the socket
+  // takes it: 0, or a negated errno once the connection is broken.
   [[nodiscard]] bool push(std::span<const uint8_t> message);
   [[nodiscard]] int flush();
   [[nodiscard]] bool wants_to_write() const { return unsent_ > 0; }

@@ -1,5 +1,7 @@
-// udp_pool.h - the UDP sockets of one engine context, on the thread that drives it. No decision about a query is taken
-// here.
+// udp_pool.h - the UDP sockets of one engine context.
+//
+// The thread that drives the context uses the pool alone, so nothing guards it. The pool opens, chooses and replaces
+// sockets. It never sends or receives, never blocks, and decides nothing about a query.
 #ifndef UDP_POOL_H
 #define UDP_POOL_H
 
@@ -11,20 +13,20 @@
 
 namespace dns {
 
-// UdpPool keeps the sockets that queries leave from. Each is bound to a random port; some are connected to one
-// server, which spares the kernel a good part of its work for each packet, and are for questions that only that server
-// can answer; the others are for all. A batch of questions takes one of them at random, and an answer counts only on
-// the socket its question left from. The pool grows with the questions in flight, because a socket's receive buffer
-// holds a few hundred answers, and a socket that has served its share is replaced by one on a fresh port (RFC 5452,
-// section 9.2) as soon as nothing is in flight on it.
+// UdpPool keeps the sockets that queries leave from. Each is bound to a random port. A socket that is connected to one
+// server carries the queries that only this server can answer, which saves the kernel much of its work for each packet;
+// the unconnected ones carry the rest. A batch of queries takes one of them at random, and an answer counts only on the
+// socket that its query left from. The pool grows with the queries in flight, because a socket's receive buffer holds a
+// few hundred answers. A worn socket, which has had its share of queries or of time, is replaced by one on a fresh port
+// (RFC 5452, section 9.2) as soon as nothing is in flight on it.
 class UdpPool {
  public:
   static constexpr unsigned kSocketsMin = 4;
   static constexpr unsigned kSocketsMax = 64;
   static constexpr unsigned kInFlightPerSocket = 192;  // answers that the usual receive buffer (208 KiB) surely holds
-  static constexpr unsigned kUsesPerSocket = 1024;     // questions after which a socket is replaced
-  static constexpr int64_t kAgeMaxUs = 60'000'000;     // time after which it is
-  static constexpr uint16_t kPortMin = 10240;          // below lie ports that services expect to find free
+  static constexpr unsigned kUsesPerSocket = 1024;     // queries after which a socket is replaced
+  static constexpr int64_t kAgeMaxUs = 60'000'000;     // and the time after which it is
+  static constexpr uint16_t kPortMin = 10240;          // lower ports are left to services
   static constexpr int kNone = -1;
 
   explicit UdpPool(const Io *io, RandomSource *random) : io_(io), random_(random) {}
@@ -36,16 +38,17 @@ class UdpPool {
   [[nodiscard]] int open();
   void close();
 
-  // pick chooses the slot that the next batch leaves from, opening a socket where the pool needs one, and says how many
-  // questions it has room for; a blocked slot when all are, kNone when no socket can be had. The slot is connected to
-  // `peer`, or for a null one to nobody.
+  // pick chooses the slot that the next batch leaves from, and opens a socket where the pool needs one; `room` receives
+  // how many queries the slot has room for. It returns a blocked slot when all are blocked, kNone when no socket can be
+  // opened. The slot is connected to `peer`, or unconnected when that is null.
   [[nodiscard]] int pick(int64_t now_us, const sockaddr_in *peer, unsigned *room);
-  // used counts a question that left from a slot, done one whose fate is settled; a worn slot is then closed.
+  // used counts a query that left from a slot, done one that no longer waits there; done closes a worn slot once it is
+  // idle.
   void used(int slot);
   void done(int slot);
-  // heard notes that something has arrived on a slot. A connected slot holds on to the local address of the moment when
-  // it was opened, which may be gone: silent tells whether nothing has arrived on such a one since a moment, and
-  // missed, for a question that left then and was not answered in time, wears it out if so.
+  // heard notes that something has arrived on a slot. A connected slot keeps the local address that it was opened with,
+  // which the host may have lost since. silent tells whether a connected slot has received nothing since `since_us`;
+  // missed, after the timeout of a query sent at `sent_us`, wears out a slot that has been silent since.
   void heard(int slot, int64_t now_us) { slots_[slot].heard_us = now_us; }
   [[nodiscard]] bool silent(int slot, int64_t since_us) const {
     return connected(slot) && slots_[slot].heard_us < since_us;
@@ -53,20 +56,20 @@ class UdpPool {
   void missed(int slot, int64_t sent_us) {
     if (silent(slot, sent_us)) slots_[slot].uses = kUsesPerSocket;
   }
-  // reaches tells whether a packet can leave from a slot for a server, and its answer come in.
+  // reaches tells whether a slot can send to a server and receive its answer.
   [[nodiscard]] bool reaches(int slot, const sockaddr_in &server) const;
   [[nodiscard]] bool connected(int slot) const { return slots_[slot].peer.sin_family != AF_UNSPEC; }
 
   [[nodiscard]] int descriptor(int slot) const { return slots_[slot].descriptor; }
-  // port is the local port that a slot's questions leave from.
+  // port returns a slot's local port.
   [[nodiscard]] uint16_t port(int slot) const { return slots_[slot].port; }
   [[nodiscard]] int slot_of(int descriptor) const;
-  // blocked marks a slot whose send buffer is full; the loop then waits for it to drain.
+  // A blocked slot has a full send buffer; the loop then waits for it to drain.
   void set_blocked(int slot, bool blocked) { slots_[slot].blocked = blocked; }
   [[nodiscard]] bool blocked(int slot) const { return slots_[slot].blocked; }
   [[nodiscard]] unsigned extent() const { return extent_; }
   [[nodiscard]] bool is_open(int slot) const { return slots_[slot].descriptor >= 0; }
-  // in_flight counts the queries that have left from any slot and whose fate is open.
+  // in_flight counts the queries that wait for an answer on any slot.
   [[nodiscard]] unsigned in_flight() const {
     unsigned count = 0;
     for (const Slot &slot : slots_)
@@ -82,7 +85,7 @@ class UdpPool {
     unsigned uses = 0;
     bool blocked = false;
     uint16_t port = 0;
-    int64_t born_us = 0;    // 0 until it is looked at
+    int64_t born_us = 0;    // 0 until retire first sees it
     int64_t heard_us = 0;   // when something last arrived
     sockaddr_in peer = {};  // of a connected one
   };
@@ -98,7 +101,7 @@ class UdpPool {
   const Io *io_;
   RandomSource *random_;
   Slot slots_[kSocketsMax];
-  int64_t retired_us_ = 0;  // when sockets were last looked at for their age
+  int64_t retired_us_ = 0;  // when retire last checked the ages
   unsigned extent_ = 0;     // slots below this one may be open
   unsigned open_ = 0;
 };
