@@ -24,8 +24,8 @@ void set_key(dns_query *q, unsigned flags) {
   (void)dns_cdata_setflags(entry, flags);
 }
 
-// keeps_all tells whether a cache keeps every answer for a time, also one whose TTL of 0 makes it good for the query at
-// hand alone (RFC 1035, 3.2.1).
+// keeps_all tells whether a cache keeps every answer for some time, even one with a TTL of 0, which is otherwise for
+// the present query alone (RFC 1035, 3.2.1).
 bool keeps_all(dns_cacher *cacher) {
   uint32_t least = 0;
   return dns_cacher_getopt(cacher, DNS_CROPT_MINTTL, &least, sizeof least) == 0 && least > 0;
@@ -70,7 +70,7 @@ bool answer_from_cache(dns_query *q) {
   dns_ctx *ctx = q->ctx;
   if (ctx->answer_cache == nullptr || q->uncached) return false;
   set_key(q, 0);
-  // Another cache hashes under another secret.
+  // The hash is of use in the same cache only: another one has another secret.
   const bool looked_ahead = q->looks_ahead && q->cache_number == ctx->cache_number;
   q->looks_ahead = false;
   ctx->entry->hash = looked_ahead ? q->hash : 0;

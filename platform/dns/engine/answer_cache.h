@@ -1,5 +1,4 @@
-// answer_cache.h - a query's turn at the answer cache: what it is answered with from there, and what of its outcome is
-// kept.
+// answer_cache.h - a query and the answer cache: the lookup before it is sent, and the storing of its answer.
 #ifndef DNS_ENGINE_ANSWER_CACHE_H
 #define DNS_ENGINE_ANSWER_CACHE_H
 
@@ -11,13 +10,13 @@
 
 namespace dns {
 
-// look_ahead has the processor fetch what the look into the answer cache will need, when a query is submitted.
+// look_ahead prefetches, when a query is submitted, what its lookup in the answer cache will read.
 void look_ahead(dns_query *q);
 
-// answer_from_cache consults the answer cache; true when the query is over.
+// answer_from_cache looks a query up in the answer cache; true when that ends the query.
 [[nodiscard]] bool answer_from_cache(dns_query *q);
 
-// KeptAnswer is what of an answer packet the cache may keep.
+// KeptAnswer is an answer that the cache may keep.
 struct KeptAnswer {
   std::span<const uint8_t> packet;
   size_t answers_at;

@@ -1,4 +1,4 @@
-// arrival.h - a packet that came in, from where and by which road.
+// arrival.h - a packet that came in: its bytes, its sender, its socket or connection.
 #ifndef DNS_ENGINE_ARRIVAL_H
 #define DNS_ENGINE_ARRIVAL_H
 

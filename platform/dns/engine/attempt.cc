@@ -16,8 +16,8 @@
 namespace dns {
 namespace {
 
-// leave_server takes a query off what its present attempt was made by. After one by UDP the query keeps its socket and
-// its id: the answer to an earlier attempt still counts.
+// leave_server ends the present attempt. After an attempt by UDP the query keeps its socket and its id, as the answer
+// to an earlier attempt still counts.
 void leave_server(dns_query *q) {
   if (q->attempt.over_tcp) {
     leave(q);
@@ -63,7 +63,8 @@ void not_reached(dns_query *q) {
   dns_ctx *ctx = q->ctx;
   q->progress.unreached |= bit(q->attempt.server);
   const bool others = !is_unreached(q);
-  // An attempt that came back at once took no time: it costs none of DNS_OPT_NTRIES where another server is left.
+  // An attempt that came back at once took no time, so it does not count towards DNS_OPT_NTRIES while another server is
+  // left.
   if (others && !is_direct(q) && !q->attempt.probes) --q->progress.attempts;
   if (others || is_direct(q) || q->progress.attempts >= ctx->options.ntries) {
     ask_again(q);
@@ -81,7 +82,7 @@ void not_reached(dns_query *q) {
 void end_pause(dns_query *q) {
   const unsigned place = q->attempt.server;
   q->progress.unreached = 0;
-  // What is asked over TCP stays with the server that has said so. Another one is asked as if it were new.
+  // A query over TCP stays with the server that asked for TCP. Another server is asked as if it were new.
   if (!q->attempt.over_tcp && choose_next(q) && q->attempt.server != place) prepare_for(q, q->attempt.server);
   enqueue(q);
 }

@@ -1,4 +1,4 @@
-// attempt.h - from one attempt of a query to the next: which comes after one that failed.
+// attempt.h - from one attempt of a query to the next.
 #ifndef DNS_ENGINE_ATTEMPT_H
 #define DNS_ENGINE_ATTEMPT_H
 
@@ -6,21 +6,22 @@
 
 namespace dns {
 
-// ask_again moves a query on to its next server and queues it for sending; one without a further attempt or server is
-// given up: it begins anew where it can, and ends with the last error that a server answered with where it cannot.
+// ask_again moves a query to its next server and queues it for sending, or gives it up when no attempt or server is
+// left. give_up begins the query anew where it can; otherwise it ends the query with the last error from a server.
 void ask_again(dns_query *q);
 void give_up(dns_query *q);
 
-// ask_otherwise asks the present server again at once, as the attempt's fields now say; ask_over_tcp over TCP.
+// ask_otherwise sends the query to the present server again at once, in the way that the attempt's fields now say;
+// ask_over_tcp does so over TCP.
 void ask_otherwise(dns_query *q);
 inline void ask_over_tcp(dns_query *q) {
   q->attempt.over_tcp = true;
   ask_otherwise(q);
 }
 
-// not_reached moves a query on whose present attempt could not leave, for want of a route or a socket, turned_back one
-// whose attempt came back at once, because nothing listens there. Another server is asked at once. Where there is none
-// the query pauses, since servers may be starting, a few times within a second in all. end_pause has it asked again.
+// not_reached is for a query whose present attempt could not leave, without a route or a socket; turned_back for one
+// whose attempt came back at once, because nothing listens there. The query goes to another server at once. If there is
+// none it pauses, up to kPausesMax times, as the servers may be starting. end_pause sends it again.
 void not_reached(dns_query *q);
 inline void turned_back(dns_query *q) {
   q->attempt.turned_back = true;

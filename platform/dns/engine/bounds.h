@@ -1,4 +1,5 @@
-// bounds.h - every bound of the engine in one place. docs/engine.md tells users of them, and a test compares the two.
+// bounds.h - every bound of the engine in one place. docs/engine.md documents them, and scripts/bounds compares the
+// two.
 #ifndef DNS_ENGINE_BOUNDS_H
 #define DNS_ENGINE_BOUNDS_H
 
@@ -33,24 +34,25 @@ inline constexpr unsigned kConnectionsMax = 16;
 inline constexpr unsigned kPerConnection = 100;           // queries under way on one
 inline constexpr int64_t kTcpIdleUs = 10 * kUsPerSecond;  // after which a connection is closed
 inline constexpr unsigned kTcpBreaksMax = 2;  // connections that break under a query before that costs an attempt
-inline constexpr int64_t kTcpLimitUs = 60 * kUsPerSecond;  // for which a server's limit of queries a connection is kept
+inline constexpr int64_t kTcpLimitUs =
+    60 * kUsPerSecond;  // for which the limit of queries on one connection to a server is kept
 
 // Attempts.
 inline constexpr int64_t kRtoMinUs = 50 * kUsPerMs;
 inline constexpr int64_t kRearmUs = 250 * kUsPerMs;  // a server without an estimate may have one by then
-inline constexpr unsigned kPausesMax = 3;            // of a query whose every server is unreached
+inline constexpr unsigned kPausesMax = 3;            // of a query none of whose servers was reached
 inline constexpr int64_t kPauseUs = 100 * kUsPerMs;  // the first pause; each is twice as long as the last
 
 // Servers that are marked down, and the choice by cost.
 inline constexpr unsigned kSilentMax = 2;                  // attempts without an answer that mark a server down
 inline constexpr int64_t kProbeMinUs = 1 * kUsPerSecond;   // between probes of a server that is marked down: at first
 inline constexpr int64_t kProbeMaxUs = 60 * kUsPerSecond;  // and at last
-inline constexpr int64_t kStaleMinUs = 10 * kUsPerSecond;  // before a server that others are preferred to is measured
-inline constexpr unsigned kStaleEvery = 16;                // of so many queries at most one goes to measure it
+inline constexpr int64_t kStaleMinUs = 10 * kUsPerSecond;  // before a server that is not preferred is measured
+inline constexpr unsigned kStaleEvery = 16;                // of so many queries one at most goes to measure it
 inline constexpr int64_t kLossHalfLifeUs = 10 * kUsPerSecond;
 inline constexpr unsigned kRatingsMax = 32;              // lookups of servers' costs at a time
 inline constexpr int64_t kCostMinUs = 1 * kUsPerSecond;  // for which a cost is kept whatever its TTL
-inline constexpr unsigned kIdleServersMax = 256;         // records of servers in no use that are kept
+inline constexpr unsigned kIdleServersMax = 256;         // records of unused servers that are kept
 
 // What is remembered of a server.
 inline constexpr int64_t kNoEdnsUs = 900 * kUsPerSecond;     // that it is asked without EDNS0

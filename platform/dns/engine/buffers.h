@@ -1,4 +1,7 @@
-// buffers.h - the memory that packets, names and servers of queries are in.
+// buffers.h - the memory that packets and long names of queries are in.
+//
+// A context allocates its Buffers when its transport is first opened; names come from its pools. The thread that drives
+// the context uses them alone, so nothing guards them. They hold no state from one turn of the loop to the next.
 #ifndef DNS_ENGINE_BUFFERS_H
 #define DNS_ENGINE_BUFFERS_H
 

@@ -1,4 +1,7 @@
 // candidates.h - the servers that a query may go to.
+//
+// These functions run on the thread that drives the context, and nothing is locked. They only read: choice.h chooses
+// among the candidates.
 #ifndef DNS_ENGINE_CANDIDATES_H
 #define DNS_ENGINE_CANDIDATES_H
 
@@ -6,15 +9,15 @@
 
 namespace dns {
 
-// Candidates are the servers, by their places, that have not refused a query: those that it may go to, and those that
-// are marked down as long as there are others.
+// Candidates are the servers that have not refused a query, as masks of their places: `open` are those that it may go
+// to, `down` those that are marked down. If all are marked down, all are open.
 struct Candidates {
   uint32_t open = 0;
   uint32_t down = 0;
 };
 [[nodiscard]] Candidates candidates(const dns_query *q);
 
-// is_unreached tells whether none of the servers that are left could be reached.
+// is_unreached tells whether none of the open candidates could be reached.
 [[nodiscard]] bool is_unreached(const dns_query *q);
 
 }  // namespace dns

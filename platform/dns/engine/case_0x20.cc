@@ -22,18 +22,18 @@ void set_case(dns_query *q, std::span<uint8_t> name) {
 bool take_other_case(dns_query *q, unsigned place, const Arrival &arrival) {
   Server *server = servers_of(q)[place];
   const int64_t now_us = q->ctx->now_us;
-  // Over TCP that is the server's own word.
+  // Over TCP no forger answers: the server itself changes the case.
   if (!arrival.by_udp()) {
     server->letters_kept = 0;
     server->lower_until_us = now_us + kLowerUs;
     return true;
   }
-  // By UDP it may be a forger's good guess. From a server that is known to keep the case it is one, and the true answer
-  // is waited for; else TCP, which no forger reaches, is to tell.
+  // By UDP the answer may be forged. From a server that is known to keep the case it is forged, and the query waits for
+  // the true one. Otherwise the query goes over TCP to find out.
   if (!is_present(q, place)) return false;
   q->attempt.doubt = Doubt::letter_case;
   if (server->other_case_us == 0) server->other_case_us = now_us;
-  // After minutes of nothing else another machine may have taken its place.
+  // After minutes of such answers alone, another machine may have replaced the server.
   if (now_us - server->other_case_us >= kOtherCaseUs) server->letters_kept = 0;
   if (!server->keeps_case()) ask_over_tcp(q);
   return false;
@@ -56,7 +56,7 @@ bool doubts_case(const dns_query *q) {
 void note_no_tcp(const dns_query *q) {
   Server *server = present_server(q);
   server->lower_until_us = q->ctx->now_us + kLowerUs;
-  server->letters_kept = 0;  // what came back right did so by chance
+  server->letters_kept = 0;  // the letters that were kept were kept by chance
 }
 
 }  // namespace dns

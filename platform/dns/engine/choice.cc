@@ -1,7 +1,7 @@
-// choice.cc - see choice.h. Servers come by the order of the list, in turn or by cost.
+// choice.cc - see choice.h. Servers are taken in the order of the list, in rotation, or by cost.
 //
-// Nothing here has a timer. Figures are brought up to date in passing, for the servers of the query at hand; so the
-// work is bounded by the servers of one query, and an idle context does none.
+// Nothing here has a timer. Each query updates the figures of its own servers; so the work is bounded by the servers of
+// one query, and an idle context does none.
 #include "choice.h"
 
 #include <algorithm>
@@ -42,7 +42,7 @@ unsigned following(uint32_t set, unsigned place, unsigned count) {
   return place;
 }
 
-// rate brings a server's cost up to date: the time that a query takes there, counting what its timeouts cost.
+// rate updates a server's cost: the time that a query takes there, with what its timeouts cost.
 void rate(const dns_query *q, Server *server) {
   const dns_ctx *ctx = q->ctx;
   const bool known = server->srtt_us != 0;
@@ -60,7 +60,8 @@ int64_t cost_of(const dns_query *q, const Server *server) {
   return server->srtt_us != 0 ? server->srtt_us : kUnknownUs;
 }
 
-// start_of is where a search through the servers starts, so that equals among those of a delegation share the work.
+// start_of returns where the search through the servers starts, so that equal servers of a delegation share the
+// queries.
 unsigned start_of(const dns_query *q) {
   uint16_t number = 0;
   if (zone_of(q) == nullptr || !q->ctx->random.u16(&number)) return 0;
@@ -79,7 +80,7 @@ unsigned cheapest(const dns_query *q, uint32_t set, unsigned start) {
   return best;
 }
 
-// probe sends a query to a server that is marked down, when it is time.
+// probe makes a query the probe of a server that is marked down, when a probe is due.
 bool probe(dns_query *q, unsigned place) {
   const dns_ctx *ctx = q->ctx;
   Server *server = servers_of(q)[place];
@@ -87,12 +88,13 @@ bool probe(dns_query *q, unsigned place) {
   q->attempt.server = static_cast<uint8_t>(place);
   q->attempt.probes = true;
   server->probe_wait_us = std::min(2 * server->probe_wait_us, kProbeMaxUs);
-  // Not before this one has been waited for: one query at a time.
+  // Not before the timeout of this one: one probe at a time.
   server->probe_at_us = ctx->now_us + std::max(server->probe_wait_us, attempt_timeout_us(q));
   return true;
 }
 
-// probe_stale sends a query, when it is time, to the server of a set that was measured longest ago, or never.
+// probe_stale directs a query, when a measurement is due, to the server of a set that was measured longest ago, or
+// never.
 bool probe_stale(dns_query *q, uint32_t set) {
   const dns_ctx *ctx = q->ctx;
   const auto servers = servers_of(q);
@@ -147,8 +149,9 @@ void first_by_cost(dns_query *q) {
   q->attempt.server = static_cast<uint8_t>(cheapest(q, left, start));
 }
 
-// key_of is a secret hash of a query and a server: strangers choose the names, and none may push out others. The name's
-// letters count without their case, and nothing else does: 'A' and 'a' are two types, ports and addresses.
+// key_of returns a hash of a query and a server under the context's secret: untrusted peers choose the names, and none
+// may displace others. Letter case is folded in the name only, as 'A' and 'a' are different bytes in types, ports and
+// addresses.
 uint64_t key_of(const dns_query *q, const Server *server) {
   struct {
     uint64_t name;
@@ -199,7 +202,7 @@ bool choose_next(dns_query *q) {
 
 void turn_away(dns_query *q) {
   if (q->attempt.probes || !has(candidates(q).down, q->attempt.server)) return;
-  // Those that were waiting for room at the server would wait in vain.
+  // The queries parked at the server would wait in vain.
   q->ctx->sending.take_all(&present_server(q)->parked);
   give_up_place(q);
   (void)choose_next(q);
@@ -209,7 +212,7 @@ void turn_away(dns_query *q) {
 void missed(dns_query *q) {
   dns_ctx *ctx = q->ctx;
   Server *server = present_server(q);
-  // A lookup whose answer nothing has read says nothing of the server.
+  // A cost lookup whose sockets were not read says nothing about the server.
   if (q->rating != 0 || !server->missed(q->attempt.sent_us, ctx->now_us)) return;
   server->probe_wait_us = kProbeMinUs;
   server->probe_at_us = ctx->now_us + kProbeMinUs;

@@ -39,7 +39,7 @@ void dns_free(void *block) {
 }
 
 void dns_gettimeofday(dns_timeval *now) {
-  // No guarded initialiser: a child that is forked meanwhile would wait for its end for ever.
+  // No guarded initialiser: a child forked during the initialisation would wait for its end forever.
   static constinit std::atomic<int64_t> noted = 0;
   int64_t start = noted.load(std::memory_order_relaxed);
   if (start == 0) {

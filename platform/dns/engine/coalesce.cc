@@ -1,7 +1,7 @@
-// coalesce.cc - see coalesce.h. Queries are coalesced so that no host multiplies a forger's chances by asking again and
-// again (RFC 5452, section 5).
+// coalesce.cc - see coalesce.h. Identical queries in flight at once would multiply a forger's chances (RFC 5452,
+// section 5).
 //
-// Lookups of the engine's own are not: one that waited for a query that waits for it would never end.
+// The engine's own lookups are not coalesced: two queries could otherwise wait for each other.
 #include "coalesce.h"
 
 #include <string.h>
@@ -29,7 +29,7 @@ bool same_servers(const dns_query *a, const dns_query *b) {
   return own->count == others->count && std::equal(own->servers, own->servers + own->count, others->servers);
 }
 
-// same compares names letter case included: an answer is given for the name as it was asked.
+// same compares names with their letter case, as an answer repeats the name in the case of its query.
 bool same(const dns_query *a, const dns_query *b) {
   return a->hash == b->hash && a->question.typ == b->question.typ && a->question.cls == b->question.cls &&
          recursive(a) == recursive(b) && a->dn_size == b->dn_size &&
@@ -40,7 +40,7 @@ bool may_lead(const dns_query *q) {
   return (q->question.flags & DNS_DCACHE) == 0 && q->rating == 0 && !is_lookup(q);
 }
 
-// lead makes a query one that others may be coalesced with. Without memory it is asked alone.
+// lead makes a query one that others may be coalesced with. Without memory it is sent alone.
 void lead(dns_query *q) {
   q->leads = q->ctx->leaders.ready();
   if (q->leads) q->ctx->leaders.add(q);

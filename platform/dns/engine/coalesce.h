@@ -1,5 +1,5 @@
-// coalesce.h - identical queries that are open at the same time are asked once: the first is the leader, the others are
-// coalesced with it and share its outcome.
+// coalesce.h - coalesced queries: of identical queries that are open at the same time only the first, the leader, is
+// sent. The others wait and share its outcome.
 #ifndef DNS_ENGINE_COALESCE_H
 #define DNS_ENGINE_COALESCE_H
 
@@ -8,7 +8,7 @@
 
 namespace dns {
 
-// coalesce has a query wait for an identical one that is open: true. Else it may be a leader from now on.
+// coalesce has a query wait for an identical open one and returns true; otherwise the query may lead from now on.
 [[nodiscard]] bool coalesce(dns_query *q);
 
 // stop_leading takes a query out of the table of leaders and moves those coalesced with it to `coalesced`; promote

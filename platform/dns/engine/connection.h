@@ -29,7 +29,7 @@ struct Connection {
   int64_t used_us = 0;    // when a query or an answer last went over it
   uint32_t answered = 0;  // queries that it has answered
   uint32_t posted = 0;    // queries that were ever posted on it
-  unsigned count = 0;     // of them those under way
+  unsigned count = 0;     // of those, the ones under way
   Posted under_way[kPerConnection];
 };
 

@@ -1,5 +1,5 @@
-// context.h - the record of an engine context. One thread drives it, and alone touches what is here, but for the
-// statistics of servers.
+// context.h - the record of an engine context. One thread drives it, and only that thread touches the record, except
+// for the statistics of servers.
 #ifndef DNS_ENGINE_CONTEXT_H
 #define DNS_ENGINE_CONTEXT_H
 
@@ -36,7 +36,7 @@ struct dns_ctx {
   dns::Server *servers[dns::kServersMax] = {};
   unsigned nserv = 0;
   uint32_t portless = 0;    // the servers, by their places, that were named without a port and follow DNS_OPT_PORT
-  unsigned next_first = 0;  // where DNS_SERVRRB started the last query; a count of queries where servers are rated
+  unsigned next_first = 0;  // where DNS_SERVRRB started the last query; with costs, a count of queries
   sockaddr_in expected[dns::kExpectedServersMax] = {};
   unsigned nexpected = 0;
   dns::CostZone costs;
@@ -44,7 +44,7 @@ struct dns_ctx {
   dns_cacher *answer_cache = nullptr;
   uint8_t cache_number = 0;  // of the answer cache among those that were installed, modulo 256
   dns_cacher *referral_cache = nullptr;
-  dns_cdata *entry = nullptr;  // the entry on its way in or out of the cache
+  dns_cdata *entry = nullptr;  // the entry that is being copied into or out of the cache
 
   dns_dbg_fn *dbg = nullptr;
   void *dbg_data = nullptr;
@@ -55,18 +55,18 @@ struct dns_ctx {
   dns_status status = DNS_E_NOERROR;
   unsigned sflags = 0;
 
-  // The moment that the loop was last given, and the wall clock read at most once in each of its turns.
+  // The time that the loop was last given, and the wall clock, which is read once a turn at most.
   int64_t now_us = 0;
   dns_time wall = 0;
   bool wall_read = false;
 
-  // Queries that are not over, and those of them that the host knows of: lookups of costs do not count.
+  // Queries that are not over, and those of them that are the host's: lookups of costs do not count.
   unsigned active = 0;
   [[nodiscard]] unsigned open_queries() const { return active - costs.open; }
   unsigned turns_open = 0;  // turns of the loop that are under way, one in a callback of the other
   unsigned turns_unchecked = 0;
 
-  unsigned holds = 0;  // Hold objects in force; meanwhile a query that is dropped stays in `cancelled`
+  unsigned holds = 0;  // Hold objects that exist; meanwhile a dropped query stays in `cancelled`
   base::Link cancelled;
   base::Link queued;
   base::Link sending;
@@ -98,7 +98,7 @@ struct dns_ctx {
 
 namespace dns {
 
-// wall returns the wall clock's moment in this turn.
+// wall returns the wall clock's time in this turn.
 [[nodiscard]] inline dns_time wall(dns_ctx *ctx) {
   if (!ctx->wall_read) {
     ctx->wall = ctx->io->wall(ctx->io->self);
@@ -121,8 +121,8 @@ namespace dns {
   return servers_of(q)[q->attempt.server];
 }
 
-// recursive tells whether the query's present servers are asked for recursion, iterates whether the engine goes from
-// zone to zone itself.
+// recursive tells whether the query's present servers are asked for recursion (RD), iterates whether the engine follows
+// referrals itself.
 [[nodiscard]] inline bool recursive(const dns_query *q) {
   return (q->question.flags & (DNS_RCRS | DNS_DCACHE)) == DNS_RCRS;
 }

@@ -15,14 +15,14 @@ namespace {
 
 constexpr size_t kServerCookieMin = 8;  // RFC 7873, section 4
 
-// client_cookie is this side's cookie for a server (RFC 7873, section 4.1).
+// client_cookie returns the client cookie for a server (RFC 7873, section 4.1).
 void client_cookie(const dns_ctx *ctx, const Server *server, uint8_t *cookie) {
   const uint64_t hash = siphash(ctx->cookie_secret, &server->address, sizeof server->address);
   static_assert(sizeof hash == kClientCookieSize);
   memcpy(cookie, &hash, sizeof hash);
 }
 
-// keep_cookie keeps the server's part of a cookie option; false for one that is malformed, or not for us.
+// keep_cookie keeps the server's part of a cookie option; false when it is malformed, or has another client cookie.
 bool keep_cookie(const dns_ctx *ctx, Server *server, std::span<const uint8_t> cookie) {
   uint8_t own[kClientCookieSize];
   client_cookie(ctx, server, own);

@@ -15,7 +15,7 @@
 namespace dns {
 namespace {
 
-// costed is the callback of a cost's lookup. No answer is no cost.
+// costed is the callback of a cost's lookup. Without an answer the cost is 0.
 void costed(dns_ctx *ctx, dns_query *lookup, void *result, unsigned, void *) {
   constexpr in_addr_t kNet = 127U << 8;  // 127.0
   Server *server = ctx->costs.ratings[lookup->rating - 1].server;
@@ -32,7 +32,7 @@ void costed(dns_ctx *ctx, dns_query *lookup, void *result, unsigned, void *) {
   server->rated_us = 0;
 }
 
-// cost_name writes the name under which the cost zone tells a server's cost; false when it would be too long.
+// cost_name writes the name of a server's cost in the cost zone; false when it would be too long.
 bool cost_name(const dns_ctx *ctx, const Server *server, uint8_t *dn) {
   const uint8_t *end = dn + DNS_MAXDN;
   uint8_t *at = dns_a4todn_(&server->address.sin_addr, dn, end);

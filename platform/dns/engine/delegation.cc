@@ -20,7 +20,7 @@ namespace dns {
 namespace {
 
 // Delegations are in the referral cache under a class of their own (RFC 6895, 3.2: private use), so that none is ever
-// taken for an answer about NS records, which the zone itself must give (RFC 2181, 5.4.1).
+// taken for an answer to an NS query, which only the zone itself may give (RFC 2181, 5.4.1).
 constexpr dns_class kDelegationClass = 0xFF01;
 
 // Where an address leads: to the network, back to this host, to its own link, or nowhere.
@@ -34,8 +34,8 @@ Reach reach_of(in_addr address) {
   return bits >> 24 == 0 || bits >> 28 >= 14 ? Reach::nowhere : Reach::network;  // 0.0.0.0/8; multicast and reserved
 }
 
-// may_lead_to tells whether a delegation to an address is followed. One to this host or its link would have the engine
-// ask services there whatever strangers choose; it is followed only where the context's own servers are.
+// may_lead_to tells whether a delegation to an address is followed. One to this host or its link would let untrusted
+// peers direct queries at services there; it is followed only if the context's own servers are in the same place.
 bool may_lead_to(const dns_ctx *ctx, in_addr address) {
   const Reach reach = reach_of(address);
   if (reach == Reach::network) return true;

@@ -1,6 +1,6 @@
-// delegation.h - which servers a zone has: from the referral that a server gave, and as the referral cache keeps it.
+// delegation.h - the servers of a zone: read from a referral, and kept in the referral cache.
 //
-// Only glue for names in-bailiwick is taken from a referral (RFC 5452, section 6).
+// Of the glue in a referral only in-bailiwick addresses are used (RFC 5452, section 6).
 #ifndef DNS_ENGINE_DELEGATION_H
 #define DNS_ENGINE_DELEGATION_H
 
@@ -13,7 +13,7 @@
 
 namespace dns {
 
-// Delegation is what a referral says: the zone, its servers' names, and the addresses that came with them.
+// Delegation is what a referral says: the zone, its servers' names, and their glue.
 struct Delegation {
   uint8_t zone[DNS_MAXDN];
   int32_t ttl = INT32_MAX;
@@ -23,10 +23,10 @@ struct Delegation {
   in_addr addresses[kDelegatedMax];
   uint8_t owners[kDelegatedMax];  // the target that each address belongs to
 
-  // target returns the place of a server's name, below 0 for another one.
+  // target returns the place of a server's name, below 0 for a name that is none.
   [[nodiscard]] int target(const uint8_t *dn) const;
   void add_target(const uint8_t *dn);
-  // add_address takes an address of `owner` (its bytes as a record has them); false for one that is not taken.
+  // add_address takes an address of `owner` (4 bytes, as in an A record); false for one that is not taken.
   bool add_address(const dns_ctx *ctx, const uint8_t *owner, const uint8_t *bytes);
   [[nodiscard]] bool has_address(unsigned place) const;
 };
@@ -35,8 +35,8 @@ struct Delegation {
 [[nodiscard]] bool read_delegation(const dns_ctx *ctx, std::span<const uint8_t> packet, const uint8_t *zone,
                                    const uint8_t *from, Delegation *delegation);
 
-// keep_delegation puts a delegation into the referral cache; without memory it is not kept. known_delegation finds the
-// one of exactly this zone, if it is alive. forget_delegation deletes it.
+// keep_delegation puts a delegation into the referral cache, unless memory is short. known_delegation finds the one of
+// exactly this zone, if it has not expired. forget_delegation deletes it.
 void keep_delegation(dns_ctx *ctx, const Delegation &delegation);
 [[nodiscard]] bool known_delegation(dns_ctx *ctx, const uint8_t *zone, Delegation *delegation);
 void forget_delegation(dns_ctx *ctx, const uint8_t *zone);

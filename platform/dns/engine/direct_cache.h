@@ -1,4 +1,4 @@
-// direct_cache.h - queries that first ask servers for what these hold in their caches (DNS_DCACHE).
+// direct_cache.h - queries that first ask servers for what is in their caches (DNS_DCACHE).
 #ifndef DNS_ENGINE_DIRECT_CACHE_H
 #define DNS_ENGINE_DIRECT_CACHE_H
 
@@ -6,7 +6,7 @@
 
 namespace dns {
 
-// end_direct ends the asking of servers for what they hold, and has the context's servers asked for recursion.
+// end_direct ends this first phase and sends the query to the context's servers, for recursion.
 void end_direct(dns_query *q);
 
 }  // namespace dns

@@ -1,4 +1,4 @@
-// drive.cc - the engine's loop: what is due, the cache's turn, and what to wait for.
+// drive.cc - the engine's loop: what is due, the cache, and what to wait for.
 #include <algorithm>
 
 #include "answer_cache.h"
@@ -72,8 +72,8 @@ void take_queued(dns_ctx *ctx) {
   }
 }
 
-// give_up_late ends the attempts whose time is over. The loop may have been kept from running since it last looked at
-// the sockets: what has arrived there is read first, so that no query is given up that was answered in time.
+// give_up_late ends the attempts that timed out. The loop may have been late, so it first reads the sockets: no query
+// that was answered in time is given up.
 void give_up_late(dns_ctx *ctx) {
   const bool any = ctx->timers.next_us() <= ctx->now_us;
   for (unsigned i = 0; any && i < ctx->sockets.extent(); ++i)

@@ -16,7 +16,7 @@ size_t add_opt(dns_query *q, std::span<uint8_t> packet, size_t size) {
   const Server *server = present_server(q);
   const uint32_t place = bit(q->attempt.server);
   const bool plain = q->attempt.plain || server->plain_until_us > ctx->now_us;
-  // From a server that gives cookies no answer counts without one, so that it is always told who asks.
+  // A server that gives cookies is always sent one, as its answers do not count without.
   const bool with_opt = !plain || (with_cookies(ctx) && server->gives_cookies(ctx->now_us));
   q->attempt.with_opt = with_opt ? q->attempt.with_opt | place : q->attempt.with_opt & ~place;
   if (!with_opt) return size;

@@ -1,8 +1,8 @@
-// failures.h - which server failed at which query a moment ago (RFC 9520): it is not sent the same again for a few
-// seconds, so that queries that cannot be answered do not become a storm.
+// failures.h - which server failed at which query a moment ago (RFC 9520). The same query is not sent to it again for
+// kFailureUs, so that failing queries do not become a storm.
 //
-// It belongs to one context and its driving thread. It holds a fixed number of failures; a later one takes the place of
-// another, which then merely costs a packet.
+// It belongs to one context, on the thread that drives it. It holds a fixed number of failures; a new one may replace
+// another, whose query then merely costs a packet.
 #ifndef DNS_ENGINE_FAILURES_H
 #define DNS_ENGINE_FAILURES_H
 

@@ -1,4 +1,7 @@
-// invariants.h - that all records of a context agree.
+// invariants.h - the check that a context's lists, timers, tables and counts agree.
+//
+// It runs on the thread that drives the context, after each turn of the loop, in debug builds. It only reads: it
+// repairs nothing, and it ends the process at the first contradiction.
 #ifndef DNS_ENGINE_INVARIANTS_H
 #define DNS_ENGINE_INVARIANTS_H
 
@@ -6,9 +9,9 @@
 
 namespace dns {
 
-// check_turn is called after every turn of the loop. A debug build ends the process there, with a line that says why,
-// when the context's lists, timers and counts contradict each other; other builds do nothing. It looks at as many
-// records as keeps its cost a constant part of a turn's; check_all looks at all, in every build.
+// check_turn is called after every turn of the loop, and checks only as often as keeps its cost a constant part of a
+// turn's; release builds skip it. check_all checks at once, in every build. Both write a line that says why before they
+// end the process.
 void check_all(dns_ctx *ctx);
 #ifdef NDEBUG
 inline void check_turn(dns_ctx *) {}

@@ -1,4 +1,7 @@
-// move.h - the one place that moves a query from state to state.
+// move.h - the one place that changes a query's state, and with it the list or the timer that the query has.
+//
+// It runs on the thread that drives the context, and nothing is locked. A step touches neither servers, sockets nor ids
+// (places.h does), and it never calls back.
 #ifndef DNS_ENGINE_MOVE_H
 #define DNS_ENGINE_MOVE_H
 

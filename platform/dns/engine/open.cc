@@ -1,4 +1,4 @@
-// open.cc - see open.h; and what is installed in contexts.
+// open.cc - see open.h; and the caches and functions that a host installs.
 #include "open.h"
 
 #include <stdlib.h>
@@ -81,7 +81,7 @@ dns_status dns_open(dns_ctx *ctx) {
   if (ctx->opened) return DNS_E_NOERROR;
   const pelk_no_cancel whole;
   ctx->random.discard();
-  // So large a block comes cleared from the system, as a rule untouched: what is never used takes no memory.
+  // The system hands out so large a block cleared and unmapped, so what is never used takes no memory.
   if (ctx->buffers == nullptr) ctx->buffers = static_cast<Buffers *>(calloc(1, sizeof(Buffers)));
   if (ctx->buffers == nullptr || !ctx->index.ready()) return DNS_E_NOMEM;
   if (ctx->sockets.open() != 0) return DNS_E_FAIL;
@@ -92,8 +92,8 @@ dns_status dns_open(dns_ctx *ctx) {
 void dns_close(dns_ctx *ctx) {
   if (ctx == nullptr || !ctx->opened) return;
   const pelk_no_cancel whole;
-  // What has been sent is in the index, what pauses among the timers. Dropping one query may have another sent that
-  // followed it.
+  // What has been sent is in the index, what pauses among the timers. Dropping a leader may move a query that was
+  // coalesced with it to `sending`.
   while (ctx->active > 0) {
     ctx->server_table.each([ctx](Server *server) { ctx->sending.take_all(&server->parked); });
     for (base::Link *list : {&ctx->resolving, &ctx->queued, &ctx->sending, &ctx->tcp_waiting})

@@ -7,7 +7,7 @@
 
 namespace dns {
 
-// context_new makes a context over another world than the operating system's: without servers, with default options.
+// context_new makes a context over any Io, without servers and with default options.
 [[nodiscard]] dns_ctx *context_new(const Io *io);
 
 }  // namespace dns

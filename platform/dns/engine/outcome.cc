@@ -29,10 +29,10 @@
 namespace dns {
 namespace {
 
-// Verdict is what becomes of a query by an answer packet.
+// Verdict is what an answer packet means for its query.
 struct Verdict {
   dns_status
-      status;    // NOERROR, NXDOMAIN, NODATA, CNLOOP and NOMEM end the query; with any other the next server is asked
+      status;    // NOERROR, NXDOMAIN, NODATA, CNLOOP and NOMEM end the query; any other sends it to the next server
   int code;      // the event it is reported as
   int32_t ttl;   // seconds that the cache may keep it
   bool has_ttl;  // false for a negative answer without a SOA record
@@ -57,11 +57,11 @@ dns_status error_of(uint8_t rcode) {
   }
 }
 
-// Reading is what a packet says, as far as it was read.
+// Reading is what has been read from a packet so far.
 struct Reading {
   size_t answers_at = 0;
   Chain chain;
-  NegativeAnswer denial;
+  NegativeAnswer negative;
 };
 
 // judge_negative reads an answer without records of the type.
@@ -70,29 +70,29 @@ Verdict judge_negative(const dns_query *q, Sections *sections, Reading *reading)
   const Header &header = sections->header();
   size_t authority = 0;
   const Chain &chain = reading->chain;
-  NegativeAnswer &denial = reading->denial;
+  NegativeAnswer &negative = reading->negative;
   if (!sections->find(DNS_S_NS, &authority) ||
-      read_negative(packet, authority, {chain.end, chain.end_size}, &denial) != DNS_E_NOERROR)
+      read_negative(packet, authority, {chain.end, chain.end_size}, &negative) != DNS_E_NOERROR)
     return broken(DNS_D_PKT_RPINV);
-  const int32_t ttl = std::min(denial.ttl, chain.ttl);
-  // A negative answer by another zone than the name's ends the query and is not kept.
-  if (denial.stray_soa && !denial.soa && (header.rcode == DNS_R_NXDOMAIN || chain.cnames == 0))
+  const int32_t ttl = std::min(negative.ttl, chain.ttl);
+  // A negative answer with the SOA of another zone ends the query, but is not kept.
+  if (negative.stray_soa && !negative.soa && (header.rcode == DNS_R_NXDOMAIN || chain.cnames == 0))
     return {header.rcode == DNS_R_NXDOMAIN ? DNS_E_NXDOMAIN : DNS_E_NODATA, DNS_D_PKT_INVSOA, 0, true};
-  if (header.rcode == DNS_R_NXDOMAIN) return {DNS_E_NXDOMAIN, DNS_D_PKT_RPAN, ttl, denial.soa};
-  if (denial.soa) return {DNS_E_NODATA, DNS_D_PKT_RPAN, ttl, true};
-  // A server that is asked for its cache alone does not know what it does not deny with authority.
+  if (header.rcode == DNS_R_NXDOMAIN) return {DNS_E_NXDOMAIN, DNS_D_PKT_RPAN, ttl, negative.soa};
+  if (negative.soa) return {DNS_E_NODATA, DNS_D_PKT_RPAN, ttl, true};
+  // A server that is asked for its cache alone just has nothing cached, unless it has authority.
   if ((q->question.flags & DNS_DCACHE) != 0 && !header.aa) return broken(DNS_D_PKT_RPNS);
-  // The chain's end was not answered for, so nothing is known about it.
+  // The answer says nothing about the chain's end.
   if (chain.cnames > 0) return broken(DNS_D_PKT_RPCNAME);
-  // A referral: the server does not know, whoever it points to.
-  if (denial.ns && !header.aa) return broken(iterates(q) ? DNS_D_PKT_RPNS : DNS_D_PKT_LAME);
+  // A referral: the server does not know the answer.
+  if (negative.ns && !header.aa) return broken(iterates(q) ? DNS_D_PKT_RPNS : DNS_D_PKT_LAME);
   return {DNS_E_NODATA, DNS_D_PKT_RPAN, 0, false};
 }
 
 Verdict judge(const dns_query *q, std::span<const uint8_t> packet, const Header &header, Reading *reading) {
   if (header.rcode != DNS_R_NOERROR && header.rcode != DNS_R_NXDOMAIN)
     return {error_of(header.rcode), DNS_D_PKT_SERVERR, 0, false};
-  // What is cut off over TCP as well cannot be had at all.
+  // An answer that is truncated over TCP too cannot be had at all.
   if (header.tc) return broken(q->attempt.over_tcp ? DNS_D_PKT_RPINV : DNS_D_PKT_TC);
   Chain &chain = reading->chain;
   reading->answers_at = answers_after(q->ask_size);
@@ -122,8 +122,8 @@ void go_back_to(dns_query *q, unsigned place) {
   q->attempt.probes = false;
 }
 
-// asked_otherwise asks the server at `place` again without EDNS0 or over TCP, where its answer calls for that. False
-// when it does not, or when a stranger has answered for it.
+// asked_otherwise sends the query to the server at `place` again without EDNS0 or over TCP, where its answer calls for
+// that. False otherwise, or when another address has answered for the server.
 bool asked_otherwise(dns_query *q, unsigned place, int code, const Arrival &arrival, const Header &header) {
   if (!same_address(servers_of(q)[place]->address, *arrival.peer)) return false;
   const bool error = code == DNS_D_PKT_SERVERR;
@@ -159,13 +159,14 @@ void deliver_all(dns_query *q, dns_status status, std::span<const uint8_t> packe
   }
 }
 
-// goes_on sends a query on that its server's answer neither ends nor fails. False when it does.
-bool goes_on(dns_query *q, const Arrival &arrival, const Header &header, unsigned place, const Verdict &verdict,
-             const Reading &reading) {
+// carry_on continues a query after an answer that neither ends it nor fails: the same server in another way, a CNAME or
+// a referral. False for any other answer.
+bool carry_on(dns_query *q, const Arrival &arrival, const Header &header, unsigned place, const Verdict &verdict,
+              const Reading &reading) {
   if (asked_otherwise(q, place, verdict.code, arrival, header)) return true;
   if ((q->question.flags & DNS_DCACHE) != 0) return false;
   if (verdict.code == DNS_D_PKT_RPCNAME) return ask_on(q, arrival.packet, reading.answers_at, reading.chain);
-  return verdict.code == DNS_D_PKT_RPNS && follow_referral(q, arrival.packet, reading.denial.zone);
+  return verdict.code == DNS_D_PKT_RPNS && follow_referral(q, arrival.packet, reading.negative.zone);
 }
 
 }  // namespace
@@ -199,12 +200,12 @@ void take_answer(dns_query *q, const Arrival &arrival, const Header &header, uns
     return;
   }
   q->progress.error = static_cast<int16_t>(verdict.status);
-  if (goes_on(q, arrival, header, place, verdict, reading)) return;
+  if (carry_on(q, arrival, header, place, verdict, reading)) return;
   const uint32_t failed = answering(q, *arrival.peer);
   q->progress.refused |= failed;
   for (unsigned i = 0; i < servers_of(q).size(); ++i)
     if ((failed & bit(i)) != 0 && (q->question.flags & DNS_DCACHE) == 0) remember_failure(q, i, verdict.status);
-  // An error from a server that was asked before the present one changes nothing about the present attempt.
+  // An error from an earlier attempt's server changes nothing about the present attempt.
   if ((q->progress.refused & bit(q->attempt.server)) == 0) return;
   ask_again(q);
 }

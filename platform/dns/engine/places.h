@@ -1,5 +1,8 @@
-// places.h - what a query holds while it is on its way: its place in a list, among the queries of its server, in the
-// index, on a socket or a connection.
+// places.h - what a query holds while it is under way: a list or a timer, a place among the queries of its server, an
+// entry in the index of ids, a socket or a connection.
+//
+// These functions run on the thread that drives the context, and nothing is locked. They neither send nor call back;
+// `leave` gives all of it back before a query ends.
 #ifndef DNS_ENGINE_PLACES_H
 #define DNS_ENGINE_PLACES_H
 
@@ -14,8 +17,8 @@ inline void enqueue(dns_query *q) {
   move(q, State::sending, &q->ctx->sending);
 }
 
-// prepare_for has a query, as a server is new to it, ask the server at `place`: by UDP, with EDNS0, and with nothing
-// known of how that server answers.
+// prepare_for makes the next attempt one to the server at `place`, as to a new server: by UDP, with EDNS0, without doubts
+// about its answers. Whether the attempt is a probe is the choice's business.
 inline void prepare_for(dns_query *q, unsigned place) {
   Attempt &attempt = q->attempt;
   attempt.server = static_cast<uint8_t>(place);
@@ -24,22 +27,21 @@ inline void prepare_for(dns_query *q, unsigned place) {
   attempt.doubt = Doubt::none;
 }
 
-// is_present tells whether the server at `place` is that of the present attempt, while that is waited for.
+// is_present tells whether the query waits for an answer to its present attempt, from the server at `place`.
 [[nodiscard]] inline bool is_present(const dns_query *q, unsigned place) {
   return q->state == State::waiting && place == q->attempt.server;
 }
 
-// give_up_place ends a query's being under way to a server, and hands its place to the next that is parked there,
-// which so keeps it until it has left for another server.
+// give_up_place gives up a query's place among those under way to a server, and hands it to the first query that is
+// parked there.
 void give_up_place(dns_query *q);
 
 // leave takes a query out of its list, the timers, the index and its connection, and gives its socket back.
 void leave(dns_query *q);
 
-// has_id tells whether a query has an id under which its answers are expected, and so is in the index. give_up_slot
-// takes it out, and from its sockets or connection. change_socket has its next attempt leave from another socket, under
-// the same id; what comes to the first one still counts. new_id gives it an id and a letter case, under which no server
-// has been asked yet; false without random bytes.
+// has_id tells whether a query has an id, and so is in the index. give_up_slot takes it out of the index and off its
+// sockets or connection. change_socket makes its next attempt leave from another socket, under the same id; answers at
+// the first socket still count. new_id gives it a fresh id and letter case; false without random bytes.
 [[nodiscard]] inline bool has_id(const dns_query *q) {
   return q->attempt.slot != UdpPool::kNone || q->attempt.former_slot != UdpPool::kNone;
 }

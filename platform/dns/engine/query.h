@@ -19,8 +19,8 @@ struct Server;
 inline constexpr unsigned kInlineName = 40;   // names up to here are in the query's own record: an address in a list
 inline constexpr unsigned kMediumName = 104;  // names up to here take a smaller block than the longest
 
-// Doubt is what was wrong with an answer that was right in all else: the server is asked over TCP, where no off-path
-// forger reaches, whether that is its way.
+// Doubt is the one fault of an otherwise right answer. The query then goes over TCP, where no off-path forger can
+// answer, to learn whether the server really answers so.
 enum class Doubt : uint8_t { none, letter_case, cookie };
 
 // bit is the set that holds one server, by its place.
@@ -34,23 +34,23 @@ struct OwnServers {
   unsigned count = 0;
 };
 
-// Question is what was asked, and by whom.
+// Question is what the host asked.
 struct Question {
   dns_query_fn *callback = nullptr;
   void *data = nullptr;
   dns_parse_fn *parse = nullptr;
   const uint8_t *dn = nullptr;
-  const uint8_t *ask = nullptr;  // the name that servers are asked for: `dn`, or what its CNAME chain led to
+  const uint8_t *ask = nullptr;  // the name in queries: `dn`, or what its CNAME chain led to
   OwnServers *own = nullptr;     // null: the context's servers
   uint32_t flags = 0;
   uint16_t typ = 0;
   uint16_t cls = 0;
 };
 
-// Attempt is how the query is asked now. Sets of servers are masks of their places.
+// Attempt is how the query is sent now. Sets of servers are masks of their places.
 struct Attempt {
-  Server *under_way = nullptr;  // the server among whose queries under way by UDP it has a place
-  uint64_t case_bits = 0;       // the case in which the letters of its name were sent
+  Server *under_way = nullptr;  // the server that counts it among its queries under way by UDP
+  uint64_t case_bits = 0;       // the letter case of its name as it was sent
   int64_t first_sent_us = 0;
   int64_t sent_us = 0;    // when the present attempt left, or when it was due
   uint32_t asked = 0;     // servers that were sent it under its present id, and may answer it
@@ -59,12 +59,12 @@ struct Attempt {
   uint16_t id = 0;
   int16_t slot = UdpPool::kNone;         // the socket or connection that it left from, kNone before
   int16_t former_slot = UdpPool::kNone;  // the socket that its first attempts left from, if they met with silence there
-  uint16_t round = 0;                    // how often it has been to all the servers that it goes to
+  uint16_t round = 0;                    // how often it has been to all its servers
   uint8_t place = 0;                     // its place among the queries of its connection
   uint8_t server = 0;                    // the place of the server that it goes to
-  uint8_t pauses : 4 = 0;                // made because every server was unreached
-  bool turned_back : 1 = false;          // the network, or a server's host, has said that nothing listens there
-  bool probes : 1 = false;               // finds out whether a server that was marked down has recovered
+  uint8_t pauses : 4 = 0;                // made because no server was reached
+  bool turned_back : 1 = false;          // ICMP, or a TCP reset, has said that nothing listens there
+  bool probes : 1 = false;               // it probes a server that is marked down
   bool over_tcp : 1 = false;
   bool plain : 1 = false;         // without EDNS0
   bool fresh_cookie : 1 = false;  // the server has given a new cookie for it
@@ -72,13 +72,13 @@ struct Attempt {
   Doubt doubt : 2 = Doubt::none;  // of an answer of the present server
 };
 
-// Progress is what the servers have said so far, and how often they were asked.
+// Progress is what the servers have answered so far, and how often the query was sent.
 struct Progress {
-  uint32_t refused = 0;    // servers that answered with an error, and are not asked again
-  uint32_t unreached = 0;  // at which nothing listened when it last came there
-  uint32_t tried = 0;      // which it has left in the present round
+  uint32_t refused = 0;    // servers that answered with an error, and are not sent it again
+  uint32_t unreached = 0;  // where nothing listened at the last attempt
+  uint32_t tried = 0;      // which it has been to in the present round
   int16_t error = 0;       // the status of the last error that a server answered with
-  uint16_t attempts = 0;   // how often it was sent, but for a probe
+  uint16_t attempts = 0;   // how often it was sent, without probes
 };
 
 }  // namespace dns
@@ -106,8 +106,8 @@ struct dns_query : base::Timer {
 
 namespace dns {
 
-// said_opt tells whether the server at `place` was sent an OPT record, was_lowered whether it was asked in lower case,
-// and is free to answer in a case of its own.
+// said_opt tells whether the server at `place` was sent an OPT record, was_lowered whether it was sent lower case, so
+// that it may answer in any case.
 [[nodiscard]] inline bool said_opt(const dns_query *q, unsigned place) {
   return (q->attempt.with_opt & bit(place)) != 0;
 }
@@ -125,6 +125,6 @@ namespace dns {
 
 }  // namespace dns
 
-static_assert(sizeof(dns_query) <= 256, "what an outstanding question takes is promised to hosts");
+static_assert(sizeof(dns_query) <= 256, "hosts are promised the size of an open query");
 
 #endif  // DNS_ENGINE_QUERY_H

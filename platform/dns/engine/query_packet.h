@@ -1,4 +1,4 @@
-// query_packet.h - the packet that asks a query of its present server.
+// query_packet.h - the packet of a query to its present server.
 #ifndef DNS_ENGINE_QUERY_PACKET_H
 #define DNS_ENGINE_QUERY_PACKET_H
 
@@ -11,7 +11,7 @@
 
 namespace dns {
 
-// build writes the packet that asks `q` of its present server; its length.
+// build writes the packet of `q` to its present server; returns its length.
 [[nodiscard]] size_t build(dns_query *q, std::span<uint8_t> packet);
 
 }  // namespace dns

@@ -1,4 +1,6 @@
-// ratings.h - the cost zone that is set, and its lookups that are open.
+// ratings.h - the cost zone of a context, and the open lookups of servers' costs.
+//
+// It is data alone, of the thread that drives the context, and nothing guards it; cost_zone.h makes the lookups.
 #ifndef DNS_ENGINE_RATINGS_H
 #define DNS_ENGINE_RATINGS_H
 
@@ -14,7 +16,7 @@ struct Server;
 
 struct CostZone {
   uint8_t zone[DNS_MAXDN] = {};  // the root: there is none
-  // Lookups that are open, free where there is no server.
+  // The open lookups; a free place has no server.
   struct Rating {
     dns_query *lookup;
     Server *server;

@@ -30,8 +30,8 @@ constexpr unsigned kReturnedMax = 1024;  // packets taken at a time that came ba
 
 constexpr int kNotAsked = -1;
 
-// asked_server is the place of the server that sent a packet among those that were asked: for an expected stranger that
-// of the present attempt. kNotAsked for any other sender.
+// asked_server is the place of the server that sent a packet among those that were asked: for an address of
+// dns_add_expserv_s, the place of the present attempt's server. kNotAsked for any other sender.
 int asked_server(const dns_query *q, const sockaddr_in &peer) {
   const auto servers = servers_of(q);
   for (unsigned i = 0; i < servers.size(); ++i)
@@ -45,8 +45,8 @@ int asked_server(const dns_query *q, const sockaddr_in &peer) {
 
 enum class Match { none, no_question, but_for_case, whole };
 
-// match compares a packet's question with the one that `server` was sent, letter case included. A server that was asked
-// in lower case, because it does not keep the case, is free to answer in one of its own.
+// match compares a packet's question with the one that `server` was sent, letter case included. A server that was sent
+// lower case, because it does not keep the case, may answer in any.
 Match match(const dns_query *q, unsigned server, std::span<const uint8_t> packet, const Header &header) {
   Reader reader(packet, DNS_HSIZE);
   std::span<const uint8_t> name;
@@ -91,8 +91,8 @@ Found find(dns_ctx *ctx, const Arrival &arrival, Header *header) {
   return found;
 }
 
-// returned_to finds the query of a packet that came back: its attempt at the server that the packet was going to is the
-// present one.
+// returned_to finds the query of a packet that came back, if its present attempt is at the server that the packet was
+// sent to.
 dns_query *returned_to(dns_ctx *ctx, int slot, std::span<const uint8_t> packet, const sockaddr_in &server) {
   Header header;
   if (!read_header(packet, &header)) return nullptr;
@@ -104,10 +104,10 @@ dns_query *returned_to(dns_ctx *ctx, int slot, std::span<const uint8_t> packet, 
   return nullptr;
 }
 
-// prefetch_queries asks the processor for the queries that a batch of packets may answer, and for where they are
-// filed: of all of them side by side, instead of one after the other.
+// prefetch_queries prefetches the queries that a batch of packets may answer, and their buckets in the index, all in
+// parallel.
 void prefetch_queries(const dns_ctx *ctx, std::span<const Datagram> batch) {
-  // Whatever a packet that is too short for an identifier left in its buffer will do.
+  // A packet too short for an id leaves old bytes in its buffer, which do no harm here.
   const auto id_of = [&](size_t i) { return load_u16(batch[i].data); };
   const dns_query *first[kBatch];
   for (size_t i = 0; i < batch.size(); ++i)
@@ -144,7 +144,7 @@ bool take_packet(dns_ctx *ctx, std::span<uint8_t> packet, const sockaddr_in &pee
     if (lacks || !take_other_case(q, found.server, arrival)) return false;
   }
   note_case(q, found.server, arrival);
-  // What the case of the letters was good for is done: the host sees the name as it gave it.
+  // The letter case has been checked, so the host now gets the name as it gave it.
   memcpy(packet.data() + DNS_HSIZE, q->question.ask, q->ask_size);
   take_answer(q, arrival, header, found.server);
   return true;
@@ -167,13 +167,13 @@ void receive(dns_ctx *ctx, int slot) {
       if (in.size <= in.capacity) {
         take_packet(ctx, {in.data, in.size}, in.peer, slot);
       } else {
-        // Larger than was asked for, and cut by the kernel: it counts for no more than garbage.
+        // Larger than the EDNS0 size, and cut by the kernel: it is treated as garbage.
         tell_packet(ctx, nullptr, DNS_D_PKT_RPINV, {{in.data, in.capacity}, &in.peer, slot}, 0);
       }
       // An answer may have been the last that a worn socket waited for.
       if (ctx->sockets.descriptor(slot) != descriptor) return;
     }
-    // What came back may have been the last that a worn socket waited for, too.
+    // A packet that came back may have been the last that a worn socket waited for.
     if (count <= 0 && take_returned(ctx, slot) && ctx->sockets.descriptor(slot) == descriptor) continue;
     if (count < static_cast<int>(kBatch)) return;  // a short batch emptied the socket
   }

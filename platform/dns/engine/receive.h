@@ -1,4 +1,4 @@
-// receive.h - packets in, and which query each of them answers.
+// receive.h - reads packets, and finds the query that each answers.
 #ifndef DNS_ENGINE_RECEIVE_H
 #define DNS_ENGINE_RECEIVE_H
 

@@ -1,8 +1,8 @@
 // resolution.cc - see resolution.h.
 //
-// Nothing that servers say of names outside their own zone is used: a CNAME is followed out of it without believing
-// what the packet has about its target, a referral must lead down towards the name, and only in-bailiwick glue is taken
-// with it (RFC 2181, 5.4.1; RFC 5452, 6).
+// Servers are not believed about names outside their own zone. The target of a CNAME that leaves the zone is queried
+// anew, a referral must lead down towards the name, and only its in-bailiwick glue is used (RFC 2181, 5.4.1; RFC 5452,
+// 6).
 #include "resolution.h"
 
 #include <string.h>
@@ -28,7 +28,7 @@ namespace {
 
 constexpr uint8_t kRoot[] = {0};
 
-// resolution returns the question's resolution, which begins where it has none; null without memory.
+// resolution returns the query's resolution, a new one where it has none; null without memory.
 Resolution *resolution(dns_query *q) {
   if (q->resolution != nullptr) return q->resolution;
   void *block = q->ctx->resolutions.get();
@@ -36,13 +36,12 @@ Resolution *resolution(dns_query *q) {
   return q->resolution;
 }
 
-// top is the resolution of the question for whose sake all look-ups above this one are made.
+// top returns the resolution of the host's query that this lookup serves, directly or through other lookups.
 Resolution *top(Resolution *resolution) {
   return resolution->top != nullptr ? resolution->top : resolution;
 }
 
-// take_servers makes the servers of a delegation those of a question that has left everything. False when none of them
-// can be had.
+// take_servers gives the servers of a delegation to a query that has left everything. False when it gets none of them.
 [[nodiscard]] bool take_servers(dns_query *q, const Delegation &delegation) {
   Resolution *resolution = q->resolution;
   dns_ctx *ctx = q->ctx;
@@ -62,7 +61,7 @@ Resolution *top(Resolution *resolution) {
   return true;
 }
 
-// install asks the question of the servers of a delegation, which may end it. False when none of them can be had.
+// install sends the query to the servers of a delegation, which may end it. False when it gets none of them.
 [[nodiscard]] bool install(dns_query *q, const Delegation &delegation) {
   leave(q);
   if (!take_servers(q, delegation)) return false;
@@ -72,7 +71,7 @@ Resolution *top(Resolution *resolution) {
 
 void lookup_next(dns_query *q);
 
-// looked_up is the callback of a look-up: `data` is the question that waits for it.
+// looked_up is the callback of a lookup: `data` is the query that waits for it.
 void looked_up(dns_ctx *ctx, dns_query *lookup, void *result, unsigned, void *data) {
   auto *q = static_cast<dns_query *>(data);
   q->resolution->lookup = nullptr;
@@ -89,7 +88,7 @@ void looked_up(dns_ctx *ctx, dns_query *lookup, void *result, unsigned, void *da
   if (delegation.naddresses == 0 || !install(q, delegation)) lookup_next(q);
 }
 
-// lookup_next looks up the address of the next server of the delegation that is coming, or ends the question.
+// lookup_next looks up the address of the next server of the delegation, or ends the query.
 void lookup_next(dns_query *q) {
   dns_ctx *ctx = q->ctx;
   Resolution *resolution = q->resolution;
@@ -113,14 +112,14 @@ void lookup_next(dns_query *q) {
   deliver(q, q->progress.error != 0 ? dns_status{q->progress.error} : dns_status{DNS_E_TEMPFAIL}, nullptr, 0, 0);
 }
 
-// adopt goes on with a delegation: asks its servers, or looks up where they are. Servers without an address are looked
-// up when those with one were of no use.
+// adopt continues the query at a delegation's servers. Those without glue are looked up only when the others were of no
+// use.
 void adopt(dns_query *q, const Delegation &delegation) {
   Resolution *resolution = q->resolution;
   memcpy(resolution->coming, delegation.zone, sizeof resolution->coming);
   resolution->coming_ttl = delegation.ttl;
   resolution->ntargets = 0;
-  // A server inside the zone itself cannot be found by asking that zone.
+  // An in-bailiwick server without glue cannot be found, as only the zone itself could tell its address.
   for (unsigned i = 0; i < delegation.ntargets && resolution->ntargets < kTargetsMax; ++i)
     if (!delegation.has_address(i) && !covers(delegation.zone, delegation.targets[i]))
       memcpy(resolution->targets[resolution->ntargets++], delegation.targets[i], DNS_MAXDN);
@@ -224,7 +223,7 @@ dns_status complete(dns_query *q, std::span<const uint8_t> packet, size_t answer
                     int32_t ttl, std::span<const uint8_t> *whole) {
   dns_ctx *ctx = q->ctx;
   dns_cdata *entry = q->resolution->passed;
-  cdata_cut(entry, q->resolution->passed_end);  // an answer that turned out to be of no use may stand there
+  cdata_cut(entry, q->resolution->passed_end);  // drops what an unusable answer has left there
   const dns_status status = cdata_append_chain(entry, packet, answers_at, q->question.ask, chain, true);
   if (status != DNS_E_NOERROR) return status;
   (void)dns_cdata_setrcode(entry, rcode);

@@ -1,5 +1,6 @@
-// resolution.h - queries that one answer does not end: a CNAME chain that leaves the answer is asked on, a referral is
-// followed to the servers of the zone below, and their addresses are looked up where they came without glue.
+// resolution.h - resolutions: queries that need more than one answer. A CNAME chain that leaves its answer is queried
+// further, a referral is followed to the servers of the zone below, and the addresses of servers without glue are
+// looked up.
 #ifndef DNS_ENGINE_RESOLUTION_H
 #define DNS_ENGINE_RESOLUTION_H
 
@@ -14,28 +15,29 @@
 
 namespace dns {
 
-// begin_at_delegation makes the servers of the nearest zone above its name that is remembered those of a query that is
-// in no list but `queued`.
+// begin_at_delegation gives a query the servers of the closest cached delegation above its name. The query has left
+// everything, or is still in `queued`.
 void begin_at_delegation(dns_query *q);
 
-// begin_anew goes on when a query's servers were of no use: forgets remembered ones and asks the context's servers, or
-// looks up those of the zone's servers that came without an address. False when there is nothing of either.
-// has_other_servers tells whether the zone of the query's servers has further ones, whose addresses are not known.
-// start_over has a query, which has left everything, ask its present servers as if it were new.
+// begin_anew continues after a query's servers were of no use. It forgets a cached delegation and starts over at the
+// context's servers, or it looks up the zone's servers that came without glue. False when there are neither.
+// has_other_servers tells whether the zone has further servers, without a known address. start_over sends a query,
+// which has left everything, to its present servers as if it were new.
 [[nodiscard]] bool begin_anew(dns_query *q);
 [[nodiscard]] bool has_other_servers(const dns_query *q);
 void start_over(dns_query *q);
 
-// no_server_left ends a query that every server has failed a moment ago, unless its zone has servers that are not known
-// yet.
+// no_server_left ends a query at which every server failed a moment ago, unless its zone has further servers to look
+// up.
 void no_server_left(dns_query *q);
 
-// ask_on asks for the name that a CNAME chain led to. follow_referral asks the servers of `zone`, which the packet
-// refers to. False when the query cannot go on so: then nothing has changed.
+// ask_on continues a query with the name that a CNAME chain led to. follow_referral continues it at the servers of
+// `zone`, to which the packet refers. False when that is impossible; the query then continues as before.
 [[nodiscard]] bool ask_on(dns_query *q, std::span<const uint8_t> packet, size_t answers_at, const Chain &chain);
 [[nodiscard]] bool follow_referral(dns_query *q, std::span<const uint8_t> packet, const uint8_t *zone);
 
-// complete adds the last answer to the CNAMEs that were passed, in the resolution's entry, and makes one packet of all.
+// complete joins the last answer to the CNAMEs that were followed, in the resolution's entry, and makes one packet of
+// both.
 [[nodiscard]] dns_status complete(dns_query *q, std::span<const uint8_t> packet, size_t answers_at, const Chain &chain,
                                   int rcode, int32_t ttl, std::span<const uint8_t> *whole);
 

@@ -1,4 +1,8 @@
-// resolution_record.h - what a query remembers once an answer has sent it on.
+// resolution_record.h - the record of a resolution, which a query has from its first CNAME target, referral or cached
+// delegation on. A lookup of a server has one at once.
+//
+// It is data of the thread that drives the context, from the context's pool, and nothing guards it. end_resolution
+// (resolving.h) releases what it holds.
 #ifndef DNS_ENGINE_RESOLUTION_RECORD_H
 #define DNS_ENGINE_RESOLUTION_RECORD_H
 
@@ -12,27 +16,26 @@ namespace dns {
 
 struct Server;
 
-// Resolution is what a query remembers once an answer has sent it on.
 struct Resolution {
   uint8_t ask[DNS_MAXDN];
-  uint8_t zone[DNS_MAXDN];    // which `servers` answer for
-  uint8_t coming[DNS_MAXDN];  // the zone that was last referred to
+  uint8_t zone[DNS_MAXDN];    // the zone that `servers` answer for
+  uint8_t coming[DNS_MAXDN];  // the zone of the last delegation
   int32_t coming_ttl = 0;
-  uint8_t targets[kTargetsMax][DNS_MAXDN];  // its servers whose addresses may still be looked up
+  uint8_t targets[kTargetsMax][DNS_MAXDN];  // that zone's servers without glue, not looked up yet
   unsigned ntargets = 0;
   unsigned nserv = 0;  // 0: the context's servers, or the query's own
   Server *servers[kDelegatedMax];
   bool remembered = false;      // the servers are those of a cached delegation
-  bool names_others = false;    // which names servers without an address too
-  dns_cdata *passed = nullptr;  // the CNAMEs that were passed, under the query's own key
-  CdataEnd passed_end;          // where they end in it
-  int32_t ttl = INT32_MAX;      // the least of theirs
+  bool names_others = false;    // that delegation has servers without glue too
+  dns_cdata *passed = nullptr;  // the CNAMEs that were followed, under the query's own key
+  CdataEnd passed_end;          // the end of those CNAMEs in `passed`
+  int32_t ttl = INT32_MAX;      // the least TTL of those CNAMEs
   unsigned cnames = 0;
   unsigned steps = 0;           // referrals followed, by lookups too
-  unsigned lookups = 0;         // made for its sake
-  unsigned depth = 0;           // of a lookup: how many queries wait for it, one for the other
-  Resolution *top = nullptr;    // of a lookup: the resolution of the first of them
-  dns_query *lookup = nullptr;  // that it waits for
+  unsigned lookups = 0;         // lookups made for this query
+  unsigned depth = 0;           // of a lookup: how many queries wait for it, directly or through other lookups
+  Resolution *top = nullptr;    // of a lookup: the resolution of the host's query
+  dns_query *lookup = nullptr;  // the lookup that it waits for
 };
 
 }  // namespace dns

@@ -1,9 +1,9 @@
-// resolve.cc - synchronous lookups: one question asked on an open context, which the calling thread drives until the
-// question is over.
+// resolve.cc - synchronous lookups: one query on an open context, which the calling thread drives until the query is
+// over.
 //
-// Questions that others left open on the context move on meanwhile, and their callbacks run here. A lookup ends when
-// its question does, and the engine ends every question after its tries: nothing here needs a time-out of its own. It
-// sleeps in poll and looks at the system's clock, so it is for contexts over the operating system's Io.
+// Other queries that are open on the context continue meanwhile, and their callbacks run here. A lookup needs no
+// timeout of its own, because the engine ends every query after its last attempt. It sleeps in poll and reads the
+// system's clock, so it is for contexts over the operating system's Io.
 #include <limits.h>
 #include <poll.h>
 #include <stdlib.h>
@@ -24,16 +24,16 @@ struct Freed {
   void operator()(void *block) const { free(block); }
 };
 
-// Lookup is the data of a synchronous question. Its block is the caller's to be.
+// Lookup is the data of a synchronous query. Its block goes to the caller.
 struct Lookup {
   dns_parse_fn *parse;
   std::unique_ptr<void, Freed> block;
-  dns_status status = DNS_E_CANCEL;  // what remains when the question vanishes without an outcome
+  dns_status status = DNS_E_CANCEL;  // for a query that ends without an outcome
   bool over = false;
 };
 
-// parse_own stands in for the parser of a lookup. The parser runs twice: in the context's memory, which tells the size,
-// and in a block of that size, because a block cannot be moved once it is laid out.
+// parse_own is called in place of a lookup's parser. The parser runs twice: in the context's memory, which tells the
+// size, and in a block of that size, because a block cannot be moved once it is laid out.
 int parse_own(dns_ctx *ctx, dns_query *q, const unsigned char *qdn, const unsigned char *pkt, const unsigned char *cur,
               const unsigned char *end, void **result, unsigned) {
   auto *lookup = static_cast<Lookup *>(dns_qudata(q));
@@ -118,8 +118,7 @@ class SocketSet {
   unsigned count_ = 0;
 };
 
-// drive runs the context until the lookup is over, or until no question is left open: a debug function may have
-// cancelled it.
+// drive runs the context until the lookup is over, or until no query is open: a debug function may have cancelled it.
 void drive(dns_ctx *ctx, dns_query *q, Lookup *lookup) {
   SocketSet sockets;
   while (!lookup->over) {

@@ -17,12 +17,12 @@
 namespace dns {
 namespace {
 
-constexpr uint32_t kTimeoutMaxS = 30;  // bounds that resolvers put on the file's figures
+constexpr uint32_t kTimeoutMaxS = 30;  // usual bounds on the file's numbers
 constexpr uint32_t kAttemptsMax = 5;
 constexpr uint32_t kNdotsMax = 15;
 constexpr const char *kBlanks = " \t\r\n";
 
-// figure reads the number behind `prefix` ("timeout:") when the word begins so, cut to 1..most (0..most for `least` 0).
+// figure reads the number after `prefix` ("timeout:") when the word begins so, clamped to least..most.
 bool figure(const char *word, const char *prefix, uint32_t least, uint32_t most, uint32_t *value) {
   const size_t length = strlen(prefix);
   if (strncmp(word, prefix, length) != 0 || word[length] < '0' || word[length] > '9') return false;

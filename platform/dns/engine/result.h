@@ -1,4 +1,4 @@
-// result.h - what a query's callback is given: the block that its parser lays out in the context's memory.
+// result.h - what a query's callback receives: the block that its parser lays out in the context's memory.
 #ifndef DNS_ENGINE_RESULT_H
 #define DNS_ENGINE_RESULT_H
 
@@ -11,7 +11,7 @@
 
 namespace dns {
 
-// The statuses that are answers: records, or that there are none; and those of them that are negative.
+// The statuses that are answers: records, or a negative answer.
 [[nodiscard]] constexpr bool is_negative(dns_status status) {
   return status == DNS_E_NXDOMAIN || status == DNS_E_NODATA;
 }
@@ -26,8 +26,7 @@ namespace dns {
 }
 
 // result_of runs the query's parser over a packet, whose answers begin at `answers_at`. The block's size, 0 without a
-// parser, or a negative status. The records of a negative answer say nothing, so only a raw packet is handed out for
-// it.
+// parser, or a negative status. A negative answer has no result, unless the parser is that of raw packets.
 [[nodiscard]] int result_of(dns_query *q, dns_status status, std::span<const uint8_t> packet, size_t answers_at,
                             void **result);
 

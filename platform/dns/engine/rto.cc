@@ -15,11 +15,10 @@ int64_t attempt_timeout_us(const dns_query *q) {
   const auto servers = servers_of(q);
   const Server *server = present_server(q);
   const int64_t longest = ctx->options.timeout_us;
-  // Nothing is sent after the last attempt, so it may as well wait its whole time: an answer to any attempt still
-  // counts.
+  // Nothing is sent after the last attempt, so it has the longest timeout: an answer to any attempt still counts.
   if (q->progress.attempts >= ctx->options.ntries && recursive(q)) return longest;
   if (server->srtt_us != 0 && !q->attempt.probes) return server->rto_us(q->attempt.round, longest);
-  // A second server can still answer within the time that a first one without an estimate would be given.
+  // A server without an estimate gets part of the timeout, so that the next server can answer in the rest.
   const uint32_t others = candidates(q).open & ~q->progress.tried & ~bit(q->attempt.server);
   int64_t timeout = others == 0 ? longest : longest / 2;
   for (unsigned i = 0; q->attempt.probes && i < servers.size(); ++i)
@@ -32,7 +31,7 @@ void wait_for_answer(dns_query *q) {
   Server *server = present_server(q);
   int64_t timeout = ctx->options.timeout_us;
   if (!q->attempt.over_tcp) {
-    // A server's first answer says how long the others are worth waiting for.
+    // By then another query's answer may have given the server an estimate.
     timeout = attempt_timeout_us(q);
     if (server->srtt_us == 0) timeout = std::min(timeout, kRearmUs);
   }
@@ -68,15 +67,15 @@ void measure(dns_query *q, const Arrival &arrival) {
   Server *server = same_address(present->address, peer) || found == servers.end() ? present : *found;
   server->used.fetch_add(1, std::memory_order_relaxed);
   server->heard(ctx->now_us);
-  // Over TCP the time holds a connection's making, or its waiting for others.
+  // Over TCP the time includes opening the connection, or waiting for other queries.
   if (!arrival.by_udp() || !same_address(server->address, peer)) return;
-  // Nor is it clear which packet is answered by a server that is in the list twice and was asked at both places.
+  // A server that is in the list twice may answer the packet sent to either place.
   const bool once = (answering(q, peer) & q->attempt.asked & ~bit(q->attempt.server)) == 0;
   const bool sure = server == present && q->attempt.round == 0 && once;
-  // Once a query was sent again the answer may belong to an earlier packet (Karn's rule), and only the time since the
-  // first is sure to hold its round trip. It counts where it is above the estimate and nothing surer has come in since:
-  // a server that has become slower than its RTO would otherwise never be measured again, and be asked twice for ever;
-  // while one that merely loses packets goes on answering others at its own pace.
+  // After a retransmission the answer may belong to an earlier packet (Karn's rule), and only the time since the first
+  // packet is sure to include its round trip. That time counts if it is above the estimate and no clear measurement has
+  // come in since. Otherwise a server that has become slower than its RTO would never be measured again and always be
+  // sent two packets; a server that merely loses packets is still measured by other queries.
   const int64_t rtt = ctx->now_us - (sure ? q->attempt.sent_us : q->attempt.first_sent_us);
   const bool slower = server->srtt_us != 0 && rtt > server->srtt_us && server->measured_us < q->attempt.first_sent_us;
   if (sure) server->measured_us = ctx->now_us;

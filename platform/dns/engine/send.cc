@@ -20,8 +20,8 @@
 namespace dns {
 namespace {
 
-// only_server returns the one server that can answer a query, null where there are several or strangers are expected
-// to answer for them.
+// only_server returns the one server that can answer a query; null where there are several, or where other addresses
+// may answer (dns_add_expserv_s).
 const Server *only_server(const dns_query *q) {
   const auto servers = servers_of(q);
   return servers.size() == 1 && q->ctx->nexpected == 0 ? servers[0] : nullptr;
@@ -56,14 +56,14 @@ unsigned collect(dns_ctx *ctx, int slot, unsigned room, const Server *only) {
   return count;
 }
 
-// order_by_size brings the packets of a batch that are of one size side by side.
+// order_by_size sorts a batch so that packets of one size are next to each other.
 void order_by_size(dns_ctx *ctx, unsigned count) {
   Buffers *buffers = ctx->buffers;
   Datagram out[kBatch];
   dns_query *leaving[kBatch];
   std::copy_n(buffers->out, count, out);
   std::copy_n(buffers->leaving, count, leaving);
-  // Sizes that share a place would merely mix.
+  // Sizes that share a bucket merely mix.
   uint8_t place[kBatch] = {};
   const auto place_of = [&](const Datagram &datagram) -> uint8_t & { return place[datagram.size % kBatch]; };
   for (unsigned i = 0; i < count; ++i)
@@ -118,8 +118,8 @@ void tell_sent(dns_ctx *ctx, int slot, int count) {
   }
 }
 
-// try_send sends a batch. A socket reports what became of an earlier packet in the place of the next send, which is
-// then made again. A packet that the system's own queue drops has left like one that the network loses.
+// try_send sends a batch. A socket may report the error of an earlier packet at the next send, which is then repeated.
+// A packet that the system's own queue drops counts as sent, like one that the network loses.
 int try_send(dns_ctx *ctx, int slot, unsigned count) {
   const auto attempt = [&] {
     const int left = ctx->io->udp_send(ctx->io->self, ctx->sockets.descriptor(slot), ctx->buffers->out, count,
@@ -146,14 +146,14 @@ bool send_batch(dns_ctx *ctx, int slot, unsigned count) {
   return true;
 }
 
-// room_at tells how many queries more a server may have under way.
+// room_at returns how many more queries a server may have under way.
 unsigned room_at(const Server *server) {
   return kUnderWayMax - std::min(kUnderWayMax, server->under_way);
 }
 
-// choose_socket takes a query off a socket on which it hears nothing: one that is connected to another server than the
-// next, or on which two attempts have met with silence. The server may only be slow, so the query still takes
-// answers on the first such socket.
+// choose_socket moves a query off a socket that cannot help it: one that is connected to another server than its next,
+// or on which two attempts got no answer. The server may only be slow, so the query still takes answers on the first
+// such socket.
 void choose_socket(dns_query *q) {
   constexpr unsigned kSilentAttempts = 2;
   const UdpPool &sockets = q->ctx->sockets;
@@ -164,7 +164,7 @@ void choose_socket(dns_query *q) {
     change_socket(q);
 }
 
-// send_next sends the query at the head of the list, and with it what can leave in the same call.
+// send_next sends the query at the head of the list, together with those that can leave in the same batch.
 void send_next(dns_ctx *ctx, base::Link *held) {
   auto *q = static_cast<dns_query *>(ctx->sending.next);
   // A coalesced query whose leader used a cached delegation; the context has no servers.
@@ -185,7 +185,7 @@ void send_next(dns_ctx *ctx, base::Link *held) {
                        ? q->attempt.slot
                        : ctx->sockets.pick(ctx->now_us, only != nullptr ? &only->address : nullptr, &room);
   if (slot != UdpPool::kNone && ctx->sockets.blocked(slot)) {
-    // An attempt that cannot leave is over when its longest timeout would be, so that every query ends.
+    // An attempt that cannot leave ends after the longest timeout, so that every query ends.
     if (ctx->now_us - q->attempt.sent_us >= ctx->options.timeout_us) {
       ++q->progress.attempts;
       ask_again(q);
@@ -206,7 +206,7 @@ void send_next(dns_ctx *ctx, base::Link *held) {
 
 void flush(dns_ctx *ctx) {
   base::Link held;
-  // Those that waited come before those that are new, or the new ones would take every room there is.
+  // Queries that waited go before new ones, which would otherwise take all the room.
   ctx->tcp_waiting.take_all(&ctx->sending);
   ctx->sending.take_all(&ctx->tcp_waiting);
   do {

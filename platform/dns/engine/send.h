@@ -1,4 +1,4 @@
-// send.h - packets out.
+// send.h - sends what is due.
 #ifndef DNS_ENGINE_SEND_H
 #define DNS_ENGINE_SEND_H
 

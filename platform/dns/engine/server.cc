@@ -9,7 +9,7 @@ namespace dns {
 namespace {
 
 constexpr int64_t kCrowdMax = 64;
-constexpr unsigned kLossWeight = 8;  // one attempt is an eighth of what is remembered
+constexpr unsigned kLossWeight = 8;  // one attempt has a weight of one eighth
 
 }  // namespace
 
@@ -19,7 +19,7 @@ void Server::sample(int64_t rtt_us, dns_time now) {
     srtt_us = rtt;
     rttvar_us = rtt / 2;
   } else {
-    // Many samples within one round trip, the fastest first, must not wear the variation down (RFC 7323, appendix G).
+    // Many samples within one round trip must not shrink the variation (RFC 7323, appendix G).
     const int64_t crowd = std::clamp<int64_t>((int64_t{under_way} + 1) / 2, 1, kCrowdMax);
     const int64_t error = rtt > srtt_us ? rtt - srtt_us : srtt_us - rtt;
     rttvar_us += (error - rttvar_us) / (4 * crowd);
@@ -46,7 +46,7 @@ void Server::heard(int64_t now_us) {
 bool Server::missed(int64_t sent_us, int64_t now_us) {
   if (loss == 0) loss_us = now_us;
   loss += static_cast<uint32_t>(kLossWhole - loss) / kLossWeight;
-  // One that answers others meanwhile is there, whatever became of this attempt.
+  // A server that has answered another query meanwhile is up, whatever became of this attempt.
   return heard_us <= sent_us && ++silent == kSilentMax;
 }
 

@@ -1,5 +1,5 @@
-// server.h - what the engine knows of one server: its round-trip time, how it is to be asked, whether it is there, what
-// it costs, and its statistics. The driving thread alone touches a record, but for the statistics: those are relaxed
+// server.h - what the engine knows of one server: its round-trip time, how it is to be queried, whether it is up, what
+// it costs, and its statistics. Only the driving thread touches a record, except for the statistics: those are relaxed
 // atomics, which any thread may read.
 #ifndef DNS_ENGINE_SERVER_H
 #define DNS_ENGINE_SERVER_H
@@ -19,11 +19,11 @@ namespace dns {
 inline constexpr unsigned kServerCookieMax = 32;  // RFC 7873, section 4
 inline constexpr int64_t kLossWhole = 1024;
 
-// Letters that must have come back in the case that they were sent in, before a server counts as one that keeps it: one
-// that has a case of its own matches so many by chance once in four thousand million times.
+// A server counts as one that keeps the case after so many letters came back as they were sent. A server with a case of
+// its own matches that many by chance once in 2^32.
 inline constexpr unsigned kLettersKnown = 32;
 
-// Server is one address that queries go to. Its place as a Link is in the list of records that are in no use.
+// Server is one address that queries go to. As a Link it is in the list of unused records.
 struct Server : base::Link {
   sockaddr_in address = {};
   unsigned holders = 0;
@@ -35,30 +35,30 @@ struct Server : base::Link {
   int64_t rttvar_us = 0;
   int64_t measured_us = 0;  // when it last answered a query that was sent to it once
 
-  // How it is to be asked.
-  int64_t plain_until_us = 0;   // until when without EDNS0
-  int64_t lower_until_us = 0;   // until when in lower case, because it does not keep the case of letters
-  int64_t other_case_us = 0;    // since when nothing but answers in another case has come, though it kept it; else 0
-  int64_t cookie_until_us = 0;  // until when an answer without a cookie is none of its
+  // How it is to be queried.
+  int64_t plain_until_us = 0;  // until when it is sent no EDNS0
+  int64_t lower_until_us = 0;  // until when it is sent lower case, because it does not keep the case
+  int64_t other_case_us = 0;  // since when it has answered only in another case, though it kept the case before; else 0
+  int64_t cookie_until_us = 0;  // until when its answers must have a cookie
   int64_t tcp_until_us = 0;     // until when no more than `tcp_limit` queries are posted on one connection
   uint32_t tcp_limit = 0;
   uint8_t letters_kept = 0;  // in its answers, up to kLettersKnown
   uint8_t cookie_size = 0;
   uint8_t cookie[kServerCookieMax] = {};  // the server's own (RFC 7873)
 
-  // Queries that wait for its answer by UDP, and those that wait until it has fewer of them.
+  // Queries that wait for its answer by UDP, and those that are parked until there are fewer.
   unsigned under_way = 0;
   base::Link parked;
 
-  // Whether it is there, and what it costs to ask it.
+  // Whether it is up, and what a query to it costs.
   int64_t heard_us = 0;       // when it last answered
-  unsigned silent = 0;        // attempts in a row during which nothing was heard of it
+  unsigned silent = 0;        // attempts in a row without an answer
   uint32_t loss = 0;          // how many of kLossWhole recent attempts timed out
-  int64_t loss_us = 0;        // when that was last made less for the time gone by
-  int64_t probe_at_us = 0;    // when a query may next go to it though others are better
-  int64_t probe_wait_us = 0;  // and how long after the last such query that is
-  int64_t rated_us = 0;       // when its cost was last worked out; 0 to have that done
-  int64_t cost_us = 0;        // as it was then
+  int64_t loss_us = 0;        // when `loss` was last reduced
+  int64_t probe_at_us = 0;    // when a query may next go to it although others are better
+  int64_t probe_wait_us = 0;  // how long after the last such query
+  int64_t rated_us = 0;       // when `cost_us` was computed; 0: to be computed
+  int64_t cost_us = 0;        // its cost then
   int64_t zone_cost_us = 0;   // what the cost zone says, until `zone_until_us`
   int64_t zone_until_us = 0;
 
@@ -69,7 +69,7 @@ struct Server : base::Link {
   std::atomic<uint64_t> used = 0;
   std::atomic<uint64_t> timed_out = 0;
 
-  // keeps_case tells whether it is known to bring the case of letters back: another case is then a forgery.
+  // keeps_case tells whether it is known to keep the case of letters: an answer in another case is then forged.
   [[nodiscard]] bool keeps_case() const { return letters_kept >= kLettersKnown; }
   // gives_cookies tells whether it has lately answered with a cookie.
   [[nodiscard]] bool gives_cookies(int64_t now_us) const { return now_us < cookie_until_us; }
@@ -82,7 +82,8 @@ struct Server : base::Link {
   // heard notes an answer, missed that an attempt has had none: true when that marks the server down.
   void heard(int64_t now_us);
   [[nodiscard]] bool missed(int64_t sent_us, int64_t now_us);
-  // forget_losses halves the losses for every kLossHalfLifeUs gone by, forget_cost what the cost zone has said.
+  // forget_losses halves the losses for each kLossHalfLifeUs that has passed. forget_cost drops what the cost zone has
+  // said.
   void forget_losses(int64_t now_us);
   void forget_cost() { zone_cost_us = zone_until_us = rated_us = 0; }
 };

@@ -1,4 +1,4 @@
-// server_list.h - the servers of a context, and the servers that may answer for them.
+// server_list.h - the servers of a context.
 #ifndef DNS_ENGINE_SERVER_LIST_H
 #define DNS_ENGINE_SERVER_LIST_H
 

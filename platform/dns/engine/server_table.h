@@ -1,5 +1,5 @@
-// server_table.h - the records of servers, by address. They are made, found and released by the thread that drives the
-// context; the table's lock guards its structure, so that any thread may read a server's statistics meanwhile.
+// server_table.h - the records of servers, by address. The thread that drives the context makes, finds and releases
+// them. The table's lock guards its structure, so that any thread may read a server's statistics meanwhile.
 #ifndef DNS_ENGINE_SERVER_TABLE_H
 #define DNS_ENGINE_SERVER_TABLE_H
 
@@ -27,8 +27,8 @@ class ServerTable {
   void hold_again(Server *server) { ++server->holders; }
   void release(Server *server);
 
-  // keep_idle sets how many records without a holder are kept for their estimates; 0 for kIdleServersMax. Past them the
-  // one let go longest ago is forgotten.
+  // keep_idle sets how many records without a holder are kept for their estimates; 0 for kIdleServersMax. Beyond that
+  // the one released longest ago is deleted.
   void keep_idle(unsigned most) { idle_max_ = most > 0 ? most : kIdleServersMax; }
 
   template <typename Use>

@@ -14,7 +14,7 @@ constexpr uint16_t set_of(State first, More... more) {
   return set_of(first) | set_of(more...);
 }
 
-// What a state is called, and where it may lead.
+// A state's name, and the states that may follow.
 struct Row {
   const char *name;
   uint16_t next;

@@ -1,4 +1,4 @@
-// state.h - the states of a query, and the steps that it may take between them. move.h takes them.
+// state.h - the states of a query, and the steps that it may take between them. move.h makes them.
 //
 //   dns_submit_dn_serv -> queued -> (cache) -> sending <-> waiting -> delivering
 //                           |                   |  ^          |            ^
@@ -17,20 +17,20 @@
 namespace dns {
 
 enum class State : uint8_t {
-  queued,      // submitted; the cache comes next
+  queued,      // submitted; the cache lookup is next
   coalesced,   // shares the outcome of its leader
   sending,     // to leave by UDP or TCP: now, or when its server, socket or connection has room
-  waiting,     // for an answer to its present attempt
-  pausing,     // until its servers, none of which was reached, are tried again
+  waiting,     // until its present attempt is answered or times out
+  pausing,     // until the next attempt, as none of its servers was reached
   resolving,   // until the lookup of a server's address is over
   delivering,  // over; its callback runs
   cancelled,   // over; its record is kept while a debug function runs
 };
 
-// name_of returns a state's name, as a log says it.
+// name_of returns a state's name, for logs.
 [[nodiscard]] const char *name_of(State state);
 
-// has_timer tells whether a query of a state is in the timers, and in no list.
+// has_timer tells whether a query in this state has a timer, and is in no list.
 [[nodiscard]] constexpr bool has_timer(State state) {
   return state == State::waiting || state == State::pausing;
 }

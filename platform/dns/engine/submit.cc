@@ -1,4 +1,4 @@
-// submit.cc - queries as they come: submitted, cancelled, and what a host reads of them.
+// submit.cc - queries at the interface: submitted, cancelled, and read by the host.
 #include <string.h>
 
 #include <new>
@@ -90,8 +90,8 @@ dns_query *dns_submit_dn_serv(dns_ctx *ctx, const unsigned char *dn, dns_class c
 }
 
 void dns_cancel(dns_ctx *ctx, dns_query *q) {
-  // A query that is being delivered is over already. A lookup, which the debug function gets to see, ends with the
-  // query that waits for it.
+  // A query that is being delivered is already over. A lookup, which the debug function sees too, ends with the query
+  // that waits for it.
   if (ctx == nullptr || q == nullptr || q->state == State::delivering || q->state == State::cancelled) return;
   if (!is_lookup(q)) drop(q);
 }

@@ -1,10 +1,10 @@
 // tcp.cc - see tcp.h.
 //
 // A server has one connection at most. Queries are pipelined on it, up to kPerConnection, and answered in any order;
-// further ones wait in `tcp_waiting`. A connection that breaks takes its queries to the next one. That costs a query an
-// attempt only when nothing was answered on the connection since it was posted there: servers close connections after
-// so many answers, or whenever they like. Such a server is posted no more queries on one connection than it has
-// answered.
+// further ones wait in `tcp_waiting`. When a connection breaks, its queries move to the next one. That costs a query an
+// attempt only if the connection has answered nothing since the query was posted on it: servers may close connections
+// at any time, some after a number of answers. Such a server gets no more queries on one connection than it has
+// answered on one.
 #include "tcp.h"
 
 #include <errno.h>
@@ -44,10 +44,10 @@ bool is_used_up(const dns_ctx *ctx, const Connection *connection) {
   return ctx->now_us < server->tcp_until_us && connection->posted >= server->tcp_limit;
 }
 
-// How an attempt over TCP failed: by the server's doing, by its silence, or by nothing that it had a part in.
+// How an attempt over TCP failed: the server refused, it was silent, or the fault is not the server's.
 enum class End { refused, silence, local };
 
-// end_of tells it of the error of a connection. A packet filter in front of a server has the host unreachable.
+// end_of returns it for the error of a connection. A packet filter may report a server as unreachable.
 End end_of(int error) {
   const bool by_server = error == -ECONNREFUSED || error == -ECONNRESET || error == -EPIPE || error == -ETIMEDOUT ||
                          error == -EHOSTUNREACH;
@@ -65,7 +65,7 @@ void failed(dns_query *q, End end) {
   ++q->progress.attempts;
   switch (end) {
     case End::refused:
-      // After a doubtful answer the true one may yet come by UDP.
+      // After a doubtful answer the true one may still come by UDP.
       return q->attempt.doubt == Doubt::none ? turned_back(q) : ask_again(q);
     case End::local:
       return not_reached(q);
@@ -100,7 +100,7 @@ void broken(dns_ctx *ctx, Connection *connection, int error) {
   }
 }
 
-// a free record, or that of the connection that was idle for longest; null when every one is in use.
+// spare returns a free record, or that of the connection idle for longest; null when all are in use.
 Connection *spare(dns_ctx *ctx) {
   Connection *best = nullptr;
   for (Connection &connection : ctx->connections) {
@@ -147,14 +147,14 @@ Connection *connect(dns_ctx *ctx, Server *server, int *error) {
   wait_for_answer(q);
   if (ctx->tells(DNS_DE_PKT)) {
     const Hold hold(ctx);
-    memcpy(packet + DNS_HSIZE, q->question.ask, q->ask_size);  // as the host has given it
+    memcpy(packet + DNS_HSIZE, q->question.ask, q->ask_size);  // in the host's letter case
     tell_packet(ctx, q, DNS_D_PKT_REQ, {message, &connection->server->address, q->attempt.slot}, 0);
   }
   return true;
 }
 
-// take_messages reads a connection as far as there is something. A negated errno once it is broken, or where no query
-// is under way on it: a server that talks unasked must not keep a resting context awake.
+// take_messages reads a connection until it is empty. Returns a negated errno once it is broken, or when no query is
+// under way on it: a server that sends unasked must not keep an idle context awake.
 [[nodiscard]] int take_messages(dns_ctx *ctx, Connection *connection) {
   const sockaddr_in peer = connection->server->address;
   if (connection->count == 0) return -ECONNRESET;
@@ -174,7 +174,7 @@ void read_connection(dns_ctx *ctx, Connection *connection) {
   if (error != 0) broken(ctx, connection, error);
 }
 
-// unwritable ends a connection that cannot be written to, after what its server had sent before it closed.
+// unwritable ends a connection that cannot be written to, after reading what its server sent before it closed.
 void unwritable(dns_ctx *ctx, Connection *connection, int error) {
   (void)take_messages(ctx, connection);
   broken(ctx, connection, error);
@@ -193,7 +193,7 @@ void send_over_tcp(dns_query *q) {
   }
   if (connection == nullptr) connection = connect(ctx, server, &error);
   if (connection != nullptr && post(q, connection)) return;
-  // Where nothing moves for as long as an attempt may take, the query does not wait for it.
+  // A connection on which nothing moved for the timeout of an attempt is not waited for.
   const int64_t moved_us = std::max(q->attempt.sent_us, connection != nullptr ? connection->heard_us : 0);
   if (error == -EBUSY && ctx->now_us - moved_us < ctx->options.timeout_us) {
     ctx->tcp_waiting.append(q);
@@ -222,7 +222,7 @@ void tcp_timed_out(dns_query *q) {
   Connection *connection = &ctx->connections[q->attempt.slot - kTcpSlot];
   const bool silent = connection->heard_us <= q->attempt.sent_us;
   failed(q, End::silence);
-  // Nothing at all came back: the others would wait in vain too.
+  // Nothing at all came back, so the other queries would wait in vain too.
   if (silent && connection->link.is_open()) broken(ctx, connection, -ETIMEDOUT);
 }
 

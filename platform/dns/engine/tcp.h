@@ -6,10 +6,10 @@
 
 namespace dns {
 
-// send_over_tcp sends a query on the connection to its server, or has it wait for one.
+// send_over_tcp sends a query on the connection to its server, or queues it for one.
 void send_over_tcp(dns_query *q);
 
-// tcp_flush writes what is to be written on every connection. True when one broke, and left queries to be sent.
+// tcp_flush writes the output of every connection. True when one broke, and its queries are to be sent again.
 [[nodiscard]] bool tcp_flush(dns_ctx *ctx);
 
 // tcp_receive reads what has arrived on every connection. tcp_event reads and writes the connection of a descriptor;
@@ -17,7 +17,7 @@ void send_over_tcp(dns_query *q);
 void tcp_receive(dns_ctx *ctx);
 [[nodiscard]] bool tcp_event(dns_ctx *ctx, const dns_ios &socket);
 
-// tcp_timed_out gives up the attempt of a query that is under way on a connection.
+// tcp_timed_out ends the attempt of a query that is under way on a connection.
 void tcp_timed_out(dns_query *q);
 
 // tcp_tidy closes connections that have been idle, tcp_close all.

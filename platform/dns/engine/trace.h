@@ -1,4 +1,4 @@
-// trace.h - what the debug function is told of: packets, and what the cache holds.
+// trace.h - the calls of the debug function: for packets, and for what the cache holds.
 #ifndef DNS_ENGINE_TRACE_H
 #define DNS_ENGINE_TRACE_H
 
@@ -12,8 +12,8 @@
 
 namespace dns {
 
-// Hold keeps the records of queries and the memory of the last result while a debug function runs: it may cancel any
-// query, the one it is told of too, and may parse packets of its own.
+// Hold keeps the records of queries and the memory of the last result while a debug function runs: that function may
+// cancel any query, also the one it is told of, and may parse packets of its own.
 class Hold {
  public:
   explicit Hold(dns_ctx *ctx);
@@ -27,7 +27,7 @@ class Hold {
   size_t result_size_;
 };
 
-// tell_packet tells of a packet that left or arrived; the caller holds, where a query could be cancelled. tell_answer
+// tell_packet tells of a packet that left or arrived; the caller has a Hold, if a query could be cancelled. tell_answer
 // tells of an answer to a query, tell_cache of what the answer cache holds of it; false when that cancelled the query.
 void tell_packet(dns_ctx *ctx, dns_query *q, int code, const Arrival &arrival, int rtt_ms);
 [[nodiscard]] bool tell_any_answer(dns_query *q, int code, const Arrival &arrival);

@@ -1,12 +1,12 @@
-// dns_engine.h - the engine's operations for the library above it: questions, the loop that drives them, options,
+// dns_engine.h - the engine's operations for the library above it: queries, the loop that drives them, options,
 // servers.
 //
 // One thread drives a context through dns_timeouts, dns_sockio and dns_ioevent; every other operation on a context is
 // made by that thread or while none drives it. Exceptions: the dns_get_serv_* statistics and everything on caches, from
 // any thread at any time.
 //
-// A question lives from dns_submit_dn_serv to its one callback, or to dns_cancel. No callback runs inside either of the
-// two: a submission only queues, and the cache is consulted and packets are sent from the next dns_timeouts.
+// A query lives from dns_submit_dn_serv to its one callback, or to dns_cancel. No callback runs inside either of the
+// two: a submission only queues, and the next dns_timeouts looks into the cache and sends packets.
 #ifndef DNS_ENGINE_H
 #define DNS_ENGINE_H
 
@@ -24,11 +24,11 @@ void *dns_realloc(void *block, size_t size);
 
 // ---- time ----------------------------------------------------------------------------------------------------------
 
-extern const dns_timeval dns_tv_infinite;  // a span without end
+extern const dns_timeval dns_tv_infinite;  // an infinite span
 extern const dns_timeval dns_tv_zero;
 
 // dns_gettimeofday stores the current moment. It starts at the wall clock and then keeps the pace of a clock that is
-// never set, so that a stepped wall clock neither ends every try at once nor holds one up.
+// never set, so that a step of the wall clock neither ends every attempt at once nor delays one.
 void dns_gettimeofday(dns_timeval *now);
 
 // dns_gettime returns the wall clock's moment, and stores it where `now` is not null.
@@ -37,14 +37,14 @@ dns_time dns_gettime(dns_time *now);
 // ---- forked children -----------------------------------------------------------------------------------------------
 
 // dns_abandon closes the descriptors, and releases the packet buffers, of a context that a thread of the parent process
-// drove when this one was forked: it may have been anywhere, so that nothing else of the context can be used or
-// released. Twice is fine.
+// drove when this process was forked. That thread may have been inside any function, so nothing else of the context can
+// be used or released. A second call is fine.
 void dns_abandon(struct dns_ctx *ctx);
 
 // ---- options, caches, functions ------------------------------------------------------------------------------------
 
 // 0; DNS_E_INVAL for an unknown option, a wrong size or a value out of range; DNS_E_BUSY for a new port of the
-// context's servers while questions are open; DNS_E_NOMEM.
+// context's servers while queries are open; DNS_E_NOMEM.
 dns_status dns_set_opt(struct dns_ctx *ctx, int opt, const void *value, unsigned size);
 dns_status dns_get_opt(const struct dns_ctx *ctx, int opt, void *value, unsigned size);
 
@@ -53,8 +53,8 @@ dns_status dns_get_opt(const struct dns_ctx *ctx, int opt, void *value, unsigned
 dns_status dns_set_cache(struct dns_ctx *ctx, unsigned use, struct dns_cacher *cacher);
 struct dns_cacher *dns_get_cache(const struct dns_ctx *ctx, unsigned use);
 
-// dns_set_dbgev says which events the debug function is called for, any of DNS_DE_CACHE (what the cache holds of a
-// question) and DNS_DE_PKT (packets); both at first. To tell of every packet costs something even where nobody listens.
+// dns_set_dbgev says which events the debug function is called for, any of DNS_DE_CACHE (what the cache holds for a
+// query) and DNS_DE_PKT (packets); both at first. Each packet's event costs time even if the function ignores it.
 enum { DNS_DE_CACHE = 1, DNS_DE_PKT = 2 };
 void dns_set_dbgev(struct dns_ctx *ctx, unsigned events);
 
@@ -67,8 +67,8 @@ void dns_set_dcfn(struct dns_ctx *ctx, dns_dc_fn *fn);
 // used, or needed, out. The number of servers, or DNS_E_NOBUFS.
 int dns_get_serv(const struct dns_ctx *ctx, struct sockaddr *addresses, unsigned *size);
 
-// dns_add_expserv_s takes answers from `address` (port 0: any) for questions sent to others too; null empties the list.
-// The new number of such addresses, or a negative status.
+// dns_add_expserv_s also takes answers from `address` (port 0: any) for queries sent to other servers; null empties the
+// list. The new number of such addresses, or a negative status.
 int dns_add_expserv_s(struct dns_ctx *ctx, const struct sockaddr *address);
 
 // dns_set_cost_zone names the zone whose A records give servers their costs (null: none) where the best is chosen, with
@@ -76,9 +76,9 @@ int dns_add_expserv_s(struct dns_ctx *ctx, const struct sockaddr *address);
 // DNS_E_BADQUERY for a text that is no name.
 dns_status dns_set_cost_zone(struct dns_ctx *ctx, const char *zone);
 
-// Statistics of one server, kept since the context first asked it: round-trip times in milliseconds, the moment of the
-// last answer (seconds since 2000-01-01 UTC), packets sent, questions answered, tries that timed out. DNS_E_INVAL for a
-// server that the context has not asked.
+// Statistics of one server, kept since the context's first query to it: round-trip times in milliseconds, the moment of
+// the last answer (seconds since 2000-01-01 UTC), packets sent, queries answered, attempts that timed out. DNS_E_INVAL
+// for a server that the context has not queried.
 dns_status dns_get_serv_avgrtt(struct dns_ctx *ctx, const struct sockaddr *server, int *value);
 dns_status dns_get_serv_lastrtt(struct dns_ctx *ctx, const struct sockaddr *server, int *value);
 dns_status dns_get_serv_last_check(struct dns_ctx *ctx, const struct sockaddr *server, int *value);
@@ -86,23 +86,23 @@ dns_status dns_get_serv_nqsent(struct dns_ctx *ctx, const struct sockaddr *serve
 dns_status dns_get_serv_nused(struct dns_ctx *ctx, const struct sockaddr *server, uint64_t *value);
 dns_status dns_get_serv_ntimeout(struct dns_ctx *ctx, const struct sockaddr *server, uint64_t *value);
 
-// ---- questions -----------------------------------------------------------------------------------------------------
+// ---- queries -------------------------------------------------------------------------------------------------------
 
-// dns_query_fn receives a question's outcome: dns_get_status is its status; `result` the parsed block of `size` bytes,
-// or null, which stays the engine's and is valid until the function returns. The question is over: its handle is valid
-// during the call only. The function may submit and cancel questions; it must not close or destroy the context.
+// dns_query_fn receives a query's outcome: dns_get_status is its status; `result` the parsed block of `size` bytes, or
+// null, which stays the engine's and is valid until the function returns. The query is over: its handle is valid during
+// the call only. The function may submit and cancel queries; it must not close or destroy the context.
 using dns_query_fn = void(struct dns_ctx *ctx, struct dns_query *q, void *result, unsigned size, void *data);
 
-enum { DNS_MAXSERV = 16 };  // servers of one question
+enum { DNS_MAXSERV = 16 };  // servers of one query
 
-// dns_submit_dn_serv queues a question. `servers` are IPv4 socket addresses (null: the context's servers), at most
+// dns_submit_dn_serv queues a query. `servers` are IPv4 socket addresses (null: the context's servers), at most
 // DNS_MAXSERV. With a null parser the callback gets no result. Returns the handle, or null: the context's status is
 // then DNS_E_INVAL, DNS_E_BADQUERY, DNS_E_NOMEM, or DNS_E_PERM on a context that is not open.
 struct dns_query *dns_submit_dn_serv(struct dns_ctx *ctx, const unsigned char *dn, dns_class cls, dns_type typ,
                                      unsigned flags, const struct sockaddr *servers, unsigned nserv,
                                      dns_parse_fn *parse, dns_query_fn *callback, void *data);
 
-// dns_cancel drops a question; its callback never runs.
+// dns_cancel drops a query; its callback never runs.
 void dns_cancel(struct dns_ctx *ctx, struct dns_query *q);
 
 void dns_set_status(struct dns_ctx *ctx, dns_status status);
@@ -118,8 +118,8 @@ dns_parse_fn *dns_qparse(const struct dns_query *q);
 
 // ---- the loop ------------------------------------------------------------------------------------------------------
 
-// dns_timeouts does what is due at `now`: submits, sends again, gives up, calls back. Returns the span until it is due
-// again, at most `longest`; exactly dns_tv_infinite once no question is open.
+// dns_timeouts does what is due at `now`: sends, retransmits, gives up, calls back. Returns the span until it is due
+// again, at most `longest`; exactly dns_tv_infinite once no query is open.
 dns_timeval dns_timeouts(struct dns_ctx *ctx, dns_timeval longest, dns_timeval now);
 
 struct dns_ios {
@@ -134,7 +134,7 @@ int dns_sockio(struct dns_ctx *ctx, struct dns_ios *sockets, unsigned capacity);
 // dns_ioevent reads or writes one socket that is ready, and calls back.
 void dns_ioevent(struct dns_ctx *ctx, const struct dns_ios *socket, dns_timeval now);
 
-// dns_active returns the number of open questions.
+// dns_active returns the number of open queries.
 int dns_active(const struct dns_ctx *ctx);
 
 }  // extern "C"
