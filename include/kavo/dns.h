@@ -83,12 +83,12 @@ KAVO_EXPORT int dns_add_serv_s(struct dns_ctx *ctx, const struct sockaddr *addre
 
 /*
  * dns_resolve_p asks the context's servers (and its cache, where it has one) for the records of `name`, a text, and
- * waits for the answer as long as the context's time-out and tries allow. The calling thread drives the context
- * meanwhile: it must be open, driven by nobody else, and not be calling back. DNS_RCRS is set whatever `flags` say.
- * Returns the block that `parse` (one of dns_parse_*) makes of the answer, the caller's own, released with dns_free; or
- * null, and dns_get_status says why: DNS_E_NXDOMAIN, DNS_E_NODATA, DNS_E_TEMPFAIL when nobody answered, an error of a
- * server or of the answer, DNS_E_BADQUERY for a text that is no name, DNS_E_INVAL, DNS_E_PERM on a context that is not
- * open, DNS_E_NOMEM, DNS_E_CANCEL.
+ * waits for the answer as long as the context's timeout and number of attempts allow. The calling thread drives the
+ * context meanwhile: the context must be open, no other thread may drive it, and it must not be calling back. DNS_RCRS
+ * is set whatever `flags` say. Returns the block that `parse` (one of dns_parse_*) makes of the answer, the caller's
+ * own, released with dns_free; or null, and dns_get_status says why: DNS_E_NXDOMAIN, DNS_E_NODATA, DNS_E_TEMPFAIL when
+ * no server answered, an error of a server or of the answer, DNS_E_BADQUERY for a text that is no name, DNS_E_INVAL,
+ * DNS_E_PERM on a context that is not open, DNS_E_NOMEM, DNS_E_CANCEL.
  */
 KAVO_EXPORT void *dns_resolve_p(struct dns_ctx *ctx, const char *name, dns_class cls, dns_type typ, unsigned flags,
                                 dns_parse_fn *parse);
@@ -105,12 +105,15 @@ KAVO_EXPORT dns_status dns_get_status(const struct dns_ctx *ctx);
  * A cacher is how the engine reaches a cache: four operations on entries. The built-in cache is one; a host that brings
  * its own puts a dns_cacher at the head of its record. Every operation may be called from any thread.
  *
- *   get     looks up the key of `entry` (name without regard to letter case, class, type). Above 0: found, and `entry`
- * now holds its records and its remaining TTL (negative once expired). 0: not there, or expired and neither
- *           DNS_CR_EXPIRED nor the entry's flag DNS_CD_FORCE_EXPIRED asks for such. Below 0: a status.
- *   put     stores a copy of `entry` in the place of any older one; it lives for the entry's TTL from `now`. 0 or a
- * status. del     removes the key's entry. 0 or above, or a status. getopt, setopt   an option (DNS_CROPT_...) of
- * `size` bytes (4). 0 or a status.
+ * get looks up the key of `entry` (name without regard to letter case, class, type). Above 0: found, and `entry` now
+ * holds its records and its remaining TTL (negative once expired). 0: not there, or expired and neither DNS_CR_EXPIRED
+ * nor the entry's flag DNS_CD_FORCE_EXPIRED asks for such. Below 0: a status.
+ *
+ * put stores a copy of `entry` in the place of any older one; it lives for the entry's TTL from `now`. 0 or a status.
+ *
+ * del removes the key's entry. 0 or above, or a status.
+ *
+ * getopt and setopt read and set an option (DNS_CROPT_...) of `size` bytes (4). 0 or a status.
  */
 struct dns_cacher;
 typedef struct dns_cacher_ops {
@@ -124,8 +127,9 @@ struct dns_cacher {
   const dns_cacher_ops *dnscr_ops;
 };
 
-/* dns_cache_init makes a cache of at most `size` bytes, allocated as they are used; past them the entry that was not
- * used for longest gives way. Returns it, owned by the caller (dns_cache_destroy), or null without memory. */
+/* dns_cache_init makes a cache of at most `size` bytes, allocated as they are used. When they are used up, entries that
+ * were not looked up for long are evicted. Returns it, owned by the caller (dns_cache_destroy), or null without memory.
+ */
 KAVO_EXPORT struct dns_cache *dns_cache_init(uint64_t size);
 KAVO_EXPORT struct dns_cacher *dns_cache_cacher(struct dns_cache *cache);
 KAVO_EXPORT void dns_cache_destroy(struct dns_cache *cache);
@@ -162,9 +166,9 @@ KAVO_EXPORT dns_type dns_cdata_typ(const struct dns_cdata *entry);
 KAVO_EXPORT int32_t dns_cdata_ttl(const struct dns_cdata *entry); /* remaining seconds; negative once expired */
 KAVO_EXPORT unsigned dns_cdata_flags(const struct dns_cdata *entry);
 KAVO_EXPORT int dns_cdata_rcode(const struct dns_cdata *entry);
-KAVO_EXPORT unsigned dns_cdata_nrr(const struct dns_cdata *entry); /* records, aliases included */
+KAVO_EXPORT unsigned dns_cdata_nrr(const struct dns_cdata *entry); /* records, CNAMEs included */
 KAVO_EXPORT unsigned dns_cdata_numan(
-    const struct dns_cdata *entry); /* answers: the records, or 1 for a stored denial */
+    const struct dns_cdata *entry); /* answers: the records, or 1 for a negative answer */
 KAVO_EXPORT unsigned dns_cdata_nalias(const struct dns_cdata *entry); /* CNAME records of a question for another type */
 
 /* dns_cdata_addrr appends a record. Names in its data may be compressed against `packet`, in which the data must lie;
@@ -181,8 +185,8 @@ KAVO_EXPORT void dns_cdata_rewind(struct dns_cdata *entry);
 /* ---- printing --------------------------------------------------------------------------------------------------- */
 
 /* dns_printpkt prints a packet of `size` bytes for people to read: its header, questions and records, laid out as by
- * dig, strangers' bytes escaped. 0; DNS_E_PROTOCOL for a packet that is cut off or broken, which is printed as far as
- * it is sound; DNS_E_INVAL. */
+ * dig, with bytes escaped that are not printable. 0; DNS_E_PROTOCOL for a packet that is truncated or malformed, which
+ * is printed up to the fault; DNS_E_INVAL. */
 KAVO_EXPORT int dns_printpkt(FILE *stream, const unsigned char *packet, unsigned size);
 
 /* dns_printrr prints a record in master-file form: above `level` 0 as a line, a TTL below 0 as 0; at 0 its data alone,
@@ -193,9 +197,9 @@ KAVO_EXPORT int dns_printrr(FILE *stream, int level, const dns_rr *rr);
 
 /*
  * A dump keeps the entries of caches in a file, in a format of the engine's own: a magic number and a version, each
- * cache with user data of its caller's, network byte order, absolute times, checksums throughout, and an end mark that
+ * cache with the caller's user data, network byte order, absolute times, checksums throughout, and an end mark that
  * is written last. A dump context (struct dns_cdump) is used by one thread at a time; the caches may be used by any
- * thread meanwhile. The context has a descriptor of its own for the file: the caller may close his once init has
+ * thread meanwhile. The context has a descriptor of its own for the file: the caller may close its own once init has
  * returned. `now` is what dns_gettime gave; what had expired by then is neither saved nor loaded, unless the cache
  * returns expired entries (DNS_CR_EXPIRED).
  *
@@ -219,9 +223,9 @@ KAVO_EXPORT int dns_cdump_save_cache(struct dns_cdump *dump, struct dns_cache *c
  * status of what failed: the file then is no dump. The file is not synchronized with its disk. */
 KAVO_EXPORT int dns_cdump_save_finish(struct dns_cdump *dump);
 
-/* dns_cdump_load_init begins to load the dump that stands from the position of `fd` to the end of its file, which must
- * be a regular one open for reading. Returns the context, released by dns_cdump_load_finish, or null for another
- * descriptor and without memory. */
+/* dns_cdump_load_init begins to load the dump from the position of `fd` to the end of its file, which must be a regular
+ * one open for reading. Returns the context, released by dns_cdump_load_finish, or null for another descriptor and
+ * without memory. */
 KAVO_EXPORT struct dns_cdump *dns_cdump_load_init(int fd, dns_time now);
 
 /* dns_cdump_first_cache and dns_cdump_next_cache move to the first cache of the dump or the next one, and read it
@@ -235,14 +239,14 @@ KAVO_EXPORT int dns_cdump_next_cache(struct dns_cdump *dump);
 KAVO_EXPORT int dns_cdump_get_udata(const struct dns_cdump *dump, void *buffer, unsigned size, unsigned *stored);
 
 /* dns_cdump_load_cache puts the current cache's entries into `cache`, each as old as it is. What the cache has that is
- * as new stays; denials are left out where it keeps none, and entries too large for it. 0; DNS_E_NODATA when it kept
- * none; DNS_E_NOMEM; DNS_E_RFILE; DNS_E_TFILE when the file was changed since dns_cdump_next_cache, or its entries are
- * none that a cache could hold; DNS_E_FAIL; DNS_E_INVAL. */
+ * as new stays. Negative answers are left out where it keeps none, and so are entries too large for it. 0; DNS_E_NODATA
+ * when it kept none; DNS_E_NOMEM; DNS_E_RFILE; DNS_E_TFILE when the file was changed since dns_cdump_next_cache, or its
+ * entries are none that a cache could hold; DNS_E_FAIL; DNS_E_INVAL. */
 KAVO_EXPORT int dns_cdump_load_cache(struct dns_cdump *dump, struct dns_cache *cache);
 
 /* dns_cdump_next_entry makes `entry` hold the next entry of the current cache: its key, response code and records, and
- * what was left of its TTLs at the context's `now`, below 0 for one that had expired by then: it gives all that the
- * file holds, in no order. The walk begins with dns_cdump_first_cache or dns_cdump_next_cache, and again with
+ * what was left of its TTLs at the context's `now`, below 0 for one that had expired by then. It returns all entries of
+ * the file, in no order. The walk begins with dns_cdump_first_cache or dns_cdump_next_cache, and again with
  * dns_cdump_load_cache. 1; 0 after the last entry; DNS_E_NOMEM; DNS_E_RFILE; DNS_E_TFILE as dns_cdump_load_cache;
  * DNS_E_INVAL without a current cache. After a failure the walk stays where it is. */
 KAVO_EXPORT int dns_cdump_next_entry(struct dns_cdump *dump, struct dns_cdata *entry);

@@ -27,7 +27,7 @@ typedef struct dns_rr_mem {
 #define DNS_RR_HEAD(prefix)                                                                               \
   uint32_t prefix##_size;    /* as dnsm_size */                                                           \
   uint32_t prefix##_written; /* as dnsm_written */                                                        \
-  char *prefix##_cname;      /* the answer's canonical name: where the chain of aliases ends */           \
+  char *prefix##_cname;      /* the answer's canonical name: where the CNAME chain ends */                \
   char *prefix##_qname;      /* the name that was asked; may be the same pointer as the canonical name */ \
   int32_t prefix##_ttl;      /* seconds; the least of the records' and the chain's */                     \
   int32_t prefix##_nrr       /* number of entries */
@@ -117,11 +117,11 @@ typedef struct dns_rr_pkt {
  *   qdn      the name that was asked
  *   pkt, end the packet's first byte and the one after its last
  *   cur      the position after the question section
- *   result   out: the block. With `size` 0 the block lies in memory of `ctx`, valid until the next parse or until the
+ *   result   out: the block. With `size` 0 the block is in memory of `ctx`, valid until the next parse or until the
  *            callback that was given it returns. With `size` above 0, *result points at a buffer of that many bytes,
  *            and the block is laid out there.
  *
- * Records outside the question's chain of aliases are ignored. An answer without records of the type gives a block with
+ * Records outside the CNAME chain of `qdn` are ignored. An answer without records of the type gives a block with
  * both names and no entries. Returns the block's size in bytes, or a negative status: DNS_E_PROTOCOL for a packet that
  * is malformed, DNS_E_CNLOOP for a chain that loops, DNS_E_NOBUFS where the block does not fit `size`, DNS_E_NOMEM,
  * DNS_E_INVAL. Never reads outside [pkt, end). May be called from any thread; with a `ctx`, from its thread only.

@@ -66,8 +66,8 @@ enum {
 enum {
   DNS_E_NOERROR = 0,
   DNS_E_FAIL = -1,     /* failed for a reason that no other status names */
-  DNS_E_TEMPFAIL = -2, /* no server answered in any try */
-  DNS_E_PROTOCOL = -3, /* the answer cannot be used: broken, cut off, or a referral nobody asked for */
+  DNS_E_TEMPFAIL = -2, /* no server answered any attempt */
+  DNS_E_PROTOCOL = -3, /* the answer cannot be used: malformed, truncated, or an unexpected referral */
   DNS_E_NXDOMAIN = -4, /* the name does not exist */
   DNS_E_NODATA = -5,   /* the name exists and has no records of the type */
   DNS_E_NOMEM = -6,
@@ -85,13 +85,13 @@ enum {
   DNS_E_REFUSED = -19,  /* the server refuses to answer, or nothing listens there */
   DNS_E_NOBUFS = -20,   /* the caller's buffer is too small */
   DNS_E_CANCEL = -22,   /* the question was cancelled */
-  DNS_E_CNLOOP = -23    /* the chain of aliases loops or is longer than DNS_OPT_MAXALIAS */
+  DNS_E_CNLOOP = -23    /* the CNAME chain loops or is longer than DNS_OPT_MAXALIAS */
 };
 
 /* dns_flags: of a question (DNS_RCRS, DNS_DCACHE) and of a context (DNS_OPT_FLAGS). */
 enum {
   DNS_COOKIES = 16777216,  /* exchange DNS cookies with servers (RFC 7873; a context's flag) */
-  DNS_DCACHE = 67108864,   /* ask the server for what its cache holds first */
+  DNS_DCACHE = 67108864,   /* first ask the server for what its cache holds */
   DNS_SERVRRB = 134217728, /* start each question at the next server in turn (a context's flag) */
   DNS_RCRS = 268435456     /* ask the server for recursion: the RD bit */
 };
@@ -100,13 +100,13 @@ enum {
  * dns_timeval. */
 enum {
   DNS_OPT_FLAGS = 0,
-  DNS_OPT_TIMEOUT = 1,  /* the longest wait for one try */
-  DNS_OPT_NTRIES = 4,   /* how often a question is sent at most */
-  DNS_OPT_NDOTS = 5,    /* kept, as the engine asks names as they are given */
+  DNS_OPT_TIMEOUT = 1,  /* the longest timeout of an attempt */
+  DNS_OPT_NTRIES = 4,   /* the most attempts of a query */
+  DNS_OPT_NDOTS = 5,    /* stored without effect: the engine queries names as they are given */
   DNS_OPT_UDPSIZE = 6,  /* bytes of the largest UDP answer that is asked for */
   DNS_OPT_PORT = 7,     /* the port of servers that are named without one, those of the resolver file too */
   DNS_OPT_MAXLOOP = 8,  /* referrals followed for one question */
-  DNS_OPT_MAXALIAS = 9, /* aliases followed for one question */
+  DNS_OPT_MAXALIAS = 9, /* CNAMEs followed for one question */
   DNS_OPT_BSC_SIZE = 11,
   DNS_OPT_BSC_UPDTIME = 12,
   DNS_OPT_BSC_NBEST = 14,
@@ -116,18 +116,18 @@ enum {
 /* dns_cacher_opt and the bits of DNS_CROPT_FLAGS. */
 enum {
   DNS_CROPT_FLAGS = 0,
-  DNS_CROPT_DEFTTL = 1, /* seconds that a denial without a SOA record is kept; 0: it is not kept */
+  DNS_CROPT_DEFTTL = 1, /* seconds that a negative answer without a SOA record is kept; 0: it is not kept */
   DNS_CROPT_MINTTL = 2  /* seconds that an answer is kept at least */
 };
 enum {
-  DNS_CR_EXPIRED = 1, /* look-ups return expired entries too, for three days (RFC 8767) */
-  DNS_CR_NCACHE = 2   /* denials are kept */
+  DNS_CR_EXPIRED = 1, /* lookups return expired entries too, for three days (RFC 8767) */
+  DNS_CR_NCACHE = 2   /* negative answers are kept (RFC 2308) */
 };
 
 /* What a cache is installed for (dns_set_cache); bits. */
 enum { DNS_CU_ANS = 1, DNS_CU_REF = 2 };
 
-/* Flags of one cache look-up (dns_cdata_setflags). */
+/* Flags of one cache lookup (dns_cdata_setflags). */
 enum { DNS_CD_FORCE_EXPIRED = 4096 };
 
 /* Status flags of a delivery (dns_set_sflags). */
@@ -136,22 +136,22 @@ enum { DNS_SF_CACHED = 1 };
 /* dns_section: the sections of a packet. */
 enum { DNS_S_QD = 0, DNS_S_AN = 1, DNS_S_NS = 2, DNS_S_AR = 3, DNS_S_ALL = 4 };
 
-/* dns_dcode: events that a context's debug function is told. The subsystem stands in bits 16 to 23. */
+/* dns_dcode: events that a context's debug function is told. The subsystem is in bits 16 to 23. */
 enum {
   DNS_D_SYS = 16711680,      /* the bits of the subsystem: 0 packets, 1 cache use */
   DNS_D_PKT_REQ = 0,         /* a request was sent; the data of every DNS_D_PKT_ event is a dns_dpkt */
   DNS_D_PKT_RPAN = 1,        /* an answer */
-  DNS_D_PKT_RPCNAME = 4,     /* an alias whose target the answer does not hold */
+  DNS_D_PKT_RPCNAME = 4,     /* a CNAME whose target the answer does not hold */
   DNS_D_PKT_RPNS = 5,        /* a referral */
-  DNS_D_PKT_RPINV = 32768,   /* malformed, or not an answer to the question it claims to answer */
-  DNS_D_PKT_NOREQ = 32769,   /* no question of ours is open that it could answer */
+  DNS_D_PKT_RPINV = 32768,   /* malformed, or not an answer to the query whose id it has */
+  DNS_D_PKT_NOREQ = 32769,   /* no open query that it could answer */
   DNS_D_PKT_RFINV = 32770,   /* recursion flags that cannot be accepted */
   DNS_D_PKT_LAME = 32771,    /* a lame referral */
-  DNS_D_PKT_TC = 32772,      /* cut off: the TC bit is set */
+  DNS_D_PKT_TC = 32772,      /* truncated: the TC bit is set */
   DNS_D_PKT_NEDNS0 = 32773,  /* the server does not understand EDNS0 */
   DNS_D_PKT_SERVERR = 32774, /* the server answered with an error */
   DNS_D_PKT_NOQR = 32775,    /* a request where an answer was due */
-  DNS_D_PKT_INVSOA = 32776,  /* a denial with a SOA record that does not cover the question */
+  DNS_D_PKT_INVSOA = 32776,  /* a negative answer with a SOA record that does not cover the name */
   DNS_D_CU_AN = 65536,       /* the cache holds an entry for the question; the data is a dns_dcache */
   DNS_D_CU_NOAN = 65537      /* the cache holds none; no data */
 };
