@@ -34,8 +34,7 @@ inline constexpr unsigned kConnectionsMax = 16;
 inline constexpr unsigned kPerConnection = 100;           // queries under way on one
 inline constexpr int64_t kTcpIdleUs = 10 * kUsPerSecond;  // after which a connection is closed
 inline constexpr unsigned kTcpBreaksMax = 2;  // connections that break under a query before that costs an attempt
-inline constexpr int64_t kTcpLimitUs =
-    60 * kUsPerSecond;  // for which the limit of queries on one connection to a server is kept
+inline constexpr int64_t kTcpLimitUs = 60 * kUsPerSecond;  // for which a server's limit of queries is kept
 
 // Attempts.
 inline constexpr int64_t kRtoMinUs = 50 * kUsPerMs;

@@ -10,8 +10,7 @@ namespace {
 
 constexpr size_t kAdditionalCountAt = 10;  // where the header counts the additional records
 constexpr uint16_t kOptionCookie = 10;     // RFC 7873
-constexpr unsigned kRcodeShift =
-    24;  // of the upper bits of the response code, in the field that is the TTL of other records
+constexpr unsigned kRcodeShift = 24;       // of the upper bits of the response code, in the TTL field
 constexpr unsigned kVersionShift = 16;
 
 // read_options looks for a cookie among the options of an OPT record. False when they are malformed.

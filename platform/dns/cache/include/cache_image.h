@@ -54,8 +54,7 @@ void write_image(Entry *entry, uint8_t *to);
 struct CacheWalk {
   unsigned shard = 0;
   size_t bucket = 0;
-  uint64_t through =
-      0;  // the bucket's entries up to this hash are done; above 0 only in a bucket larger than a whole room
+  uint64_t through = 0;  // entries up to this hash are done; above 0 only in a bucket larger than a whole room
 };
 
 // Images are filled by a walk.
