@@ -17,8 +17,8 @@ inline void enqueue(dns_query *q) {
   move(q, State::sending, &q->ctx->sending);
 }
 
-// prepare_for makes the next attempt one to the server at `place`, as to a new server: by UDP, with EDNS0, without doubts
-// about its answers. Whether the attempt is a probe is the choice's business.
+// prepare_for makes the next attempt one to the server at `place`, as to a new server: by UDP, with EDNS0, without
+// doubts about its answers. Whether the attempt is a probe is the choice's business.
 inline void prepare_for(dns_query *q, unsigned place) {
   Attempt &attempt = q->attempt;
   attempt.server = static_cast<uint8_t>(place);
