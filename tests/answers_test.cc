@@ -1,6 +1,6 @@
-// answers_test - what comes back: list answers zone by zone, what a question costs in packets, every record type
-// through real servers, the cache, and servers that fail or lie. Where packets are counted, a context asks for the
-// first time and nothing is sent twice: the first try of a server that was never asked waits for the whole timeout.
+// answers_test - the answers of list and DNS questions: zone by zone, their cost in packets, every record type through
+// real servers, the cache, and servers that fail or lie. Tests that count packets use a fresh context, so that nothing
+// is retransmitted: the first attempt at a server never asked before waits for the whole timeout.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <host_test.h>
@@ -35,7 +35,7 @@ using AnswersTest = HostTest;
 const std::string kListed = address_bytes("192.0.2.1");
 
 Host &with_three_zones(Host &host, const ListServer &server) {
-  host.server(server.port()).patient();
+  host.server(server.port()).long_timeout();
   for (const char *zone : {"a.list", "b.list", "c.list"})
     host.zone(KAVOT_BL_IP, zone).zone(KAVOT_BL_IP_TXT, zone);
   return host.open();
@@ -69,17 +69,17 @@ TEST_F(AnswersTest, EightThreadsAtOnceStillCostThreePackets) {
   ListServer server(kThreeZones);
   Host host;
   with_three_zones(host, server);
-  std::barrier everybody(kThreads);
+  std::barrier all_threads(kThreads);
   std::array<KAVO_QUERY_NODE, kThreads> nodes{};
   std::vector<std::jthread> threads;
   for (KAVO_QUERY_NODE &seen : nodes) {
     threads.emplace_back([&] {
-      everybody.arrive_and_wait();
+      all_threads.arrive_and_wait();
       Node node(host, KAVOT_BL_IP, "192.0.2.1");
       EXPECT_EQ(node.wait(KAVOWT_FULL), KAVOE_OK);
       EXPECT_EQ(in_place(host, node), (Texts{"127.0.0.2", "NXDOM", "127.0.0.4,127.0.0.5"}));
       seen = node;
-      everybody.arrive_and_wait();  // nobody lets go before everybody has asked
+      all_threads.arrive_and_wait();  // no thread drops its node before all have asked
     });
   }
   threads.clear();
@@ -91,7 +91,7 @@ TEST_F(AnswersTest, EightThreadsAtOnceStillCostThreePackets) {
 TEST_F(AnswersTest, PartlyResolvedNodeShowsWhatHasArrived) {
   ListServer server(kThreeZones);
   Host host;
-  host.server(server.port()).patient();
+  host.server(server.port()).long_timeout();
   for (const char *zone : {"a.list", "dead.list", "b.list"})
     host.zone(KAVOT_BL_IP, zone);
   host.zone(KAVOT_BL_DOM, "dead.list").open();
@@ -138,7 +138,7 @@ TEST_F(AnswersTest, PartlyResolvedNodeOfManyZonesShowsTheOnesThatAnswered) {
     host.zone(KAVOT_BL_IP, zone.c_str());
   }
   ListServer server(zones);
-  host.server(server.port()).patient().open();
+  host.server(server.port()).long_timeout().open();
   Node node(host, KAVOT_BL_IP, "192.0.2.1");
   ASSERT_EQ(node.wait(KAVOWT_FIRST), KAVOE_OK);
   std::vector<KAVO_ANSWER> all;
@@ -215,7 +215,7 @@ TEST_F(AnswersTest, RealListServer) {
   EXPECT_EQ(ask(KAVOT_BL_DOM_TXT, "bad.example"), Texts{"bad domain"});
 }
 
-// ask_at asks one server, in place of those of the context.
+// ask_at asks one server instead of those of the context.
 std::string ask_at(KAVO kavo, uint16_t port, KAVO_TYPE type, const char *name, unsigned flags, Answers *answers) {
   const sockaddr_in server = loopback(port);
   unsigned char dn[DNS_MAXDN];
@@ -235,7 +235,7 @@ constexpr const char *kMaster =
     "@ SOA ns1 admin 1 3600 600 86400 300\n@ NS ns1\n@ NS ns2\nns1 A 127.0.0.1\nns2 A 127.0.0.1\n"
     "@ MX 10 mx1\n@ MX 20 mx2.corp.example.\n@ TXT \"v=spf1 \" \"-all\"\n@ TXT \"second\"\n"
     "mx1 A 192.0.2.10\nmx1 A 192.0.2.11\nmx1 AAAA 2001:db8::10\nmx2 A 192.0.2.12\n"
-    "alias CNAME middle\nmiddle CNAME mx1\n_smtp._tcp SRV 1 2 25 mx1\n";
+    "www CNAME middle\nmiddle CNAME mx1\n_smtp._tcp SRV 1 2 25 mx1\n";
 constexpr const char *kReverse =
     "$ORIGIN 2.0.192.in-addr.arpa.\n$TTL 300\n@ SOA ns1.corp.example. admin.corp.example. 1 3600 600 86400 300\n"
     "@ NS ns1.corp.example.\n10 PTR mx1.corp.example.\n";
@@ -255,19 +255,19 @@ TEST_F(RecordsTest, EveryTypeDirectlyAndThroughAResolver) {
     std::string answer;
   };
   const std::vector<Question> questions{{KAVOT_DNS_A, "mx1.corp.example", "192.0.2.10,192.0.2.11"},
-                                        {KAVOT_DNS_A, "Alias.Corp.Example", "192.0.2.10,192.0.2.11"},
+                                        {KAVOT_DNS_A, "WWW.Corp.Example", "192.0.2.10,192.0.2.11"},
                                         {KAVOT_DNS_AAAA, "mx1.corp.example", "2001:db8::10"},
                                         {KAVOT_DNS_NS, "corp.example", "ns1.corp.example,ns2.corp.example"},
                                         {KAVOT_DNS_MX, "corp.example", "10 mx1.corp.example,20 mx2.corp.example"},
                                         {KAVOT_DNS_TXT, "corp.example", "second,v=spf1 -all"},
                                         {KAVOT_DNS_ETXT, "corp.example", "second,v=spf1 -all"},
                                         {KAVOT_DNS_SRV, "_smtp._tcp.corp.example", "1 2 25 mx1.corp.example"},
-                                        {KAVOT_DNS_CNAME, "alias.corp.example", "middle.corp.example"},
+                                        {KAVOT_DNS_CNAME, "www.corp.example", "middle.corp.example"},
                                         {KAVOT_DNS_PTR, address_bytes("192.0.2.10"), "mx1.corp.example"},
                                         {KAVOT_DNS_PTR, address_bytes("192.0.2.99"), "NXDOM"},
-                                        {KAVOT_DNS_A, "nobody.corp.example", "NXDOM"},
+                                        {KAVOT_DNS_A, "missing.corp.example", "NXDOM"},
                                         {KAVOT_DNS_AAAA, "mx2.corp.example", "NODATA"},
-                                        {KAVOT_DNS_MX, "alias.corp.example", "NODATA"}};
+                                        {KAVOT_DNS_MX, "www.corp.example", "NODATA"}};
   for (const bool direct : {true, false}) {
     Host host(64, direct ? 0 : kCache);
     host.server(direct ? master_->port() : resolver_->port()).option(KAVOOPT_NTRIES, 10).open();
@@ -279,16 +279,16 @@ TEST_F(RecordsTest, EveryTypeDirectlyAndThroughAResolver) {
   }
 }
 
-TEST_F(RecordsTest, AliasesPacketsAndServersOfAQuestionsOwn) {
+TEST_F(RecordsTest, CnamesPacketsAndServersOfAQuestionsOwn) {
   Host host;
   host.server(free_udp_port()).option(KAVOOPT_NTRIES, 2).option(KAVOOPT_TIMEOUT_MSEC, kShortMs).open();
   Answers answers;
-  ASSERT_EQ(answers.query(host, KAVOT_DNS_A, "alias.corp.example"), KAVOE_OK);
+  ASSERT_EQ(answers.query(host, KAVOT_DNS_A, "www.corp.example"), KAVOE_OK);
   EXPECT_EQ(answers[0].err_code, KAVOE_DNS) << "nothing listens there";
 
-  EXPECT_EQ(ask_at(host, master_->port(), KAVOT_DNS_A, "alias.corp.example", 0, &answers), "192.0.2.10,192.0.2.11");
+  EXPECT_EQ(ask_at(host, master_->port(), KAVOT_DNS_A, "www.corp.example", 0, &answers), "192.0.2.10,192.0.2.11");
   EXPECT_STREQ(answers[0].rr.rr_a->dnsa4_cname, "mx1.corp.example");
-  EXPECT_STREQ(answers[0].rr.rr_a->dnsa4_qname, "alias.corp.example");
+  EXPECT_STREQ(answers[0].rr.rr_a->dnsa4_qname, "www.corp.example");
   EXPECT_EQ(answers[0].rr.rr_a->dnsa4_ttl, 300);
   for (const KAVO_TYPE type : {KAVOT_DNS_SOA, KAVOT_DNS_MX}) {
     (void)ask_at(host, master_->port(), type, "corp.example", KAVOQF_PKT, &answers);
@@ -313,13 +313,13 @@ TEST_F(AnswersTest, CacheAnswersTheSecondTime) {
   EXPECT_EQ(answers.texts(), (Texts{"127.0.0.2", "NXDOM", "127.0.0.4,127.0.0.5"}));
   for (int i = 0; i < 3; ++i)
     EXPECT_EQ(answers[i].cache_code, KAVOCC_EXISTS) << i;
-  // The same names asked as ordinary questions, in other letters.
+  // The same names in an ordinary DNS question, in capitals.
   ASSERT_EQ(answers.query(host, KAVOT_DNS_A, "1.2.0.192.C.LIST"), KAVOE_OK);
   EXPECT_EQ(answers.texts(), Texts{"127.0.0.4,127.0.0.5"});
   EXPECT_EQ(answers[0].cache_code, KAVOCC_EXISTS);
   EXPECT_EQ(server.received(), 3u) << "no packet more";
 
-  // A file takes what was learned to a context that has nobody to ask.
+  // A dump carries the cached answers to a context without servers.
   const TempDir directory;
   ASSERT_EQ(kavo_cachesave(host, directory.file("cache").c_str()), KAVOE_OK);
   Host later(64, kCache);
@@ -329,7 +329,7 @@ TEST_F(AnswersTest, CacheAnswersTheSecondTime) {
   ASSERT_EQ(answers.query(later.open(), KAVOT_BL_IP, kListed), KAVOE_OK);
   EXPECT_EQ(answers.texts(), Texts{"127.0.0.4,127.0.0.5"});
 
-  // A question with servers of its own goes past the cache.
+  // A question with servers of its own bypasses the cache.
   (void)ask_at(host, server.port(), KAVOT_DNS_A, "1.2.0.192.c.list", 0, &answers);
   EXPECT_GT(server.received(), 3u);
 }
@@ -337,7 +337,7 @@ TEST_F(AnswersTest, CacheAnswersTheSecondTime) {
 TEST_F(AnswersTest, CachedZoneShowsWhileAnotherIsAsked) {
   ListServer server(kThreeZones);
   Host host(64, kCache);
-  host.server(server.port()).patient();
+  host.server(server.port()).long_timeout();
   host.zone(KAVOT_BL_IP, "a.list").zone(KAVOT_BL_IP, "dead.list").open();
   Answers answers;
   ASSERT_EQ(answers.query(host, KAVOT_DNS_A, "1.2.0.192.a.list"), KAVOE_OK);
@@ -386,7 +386,7 @@ TEST_F(AnswersTest, ExpiredAnswerComesEarlyAndServesWhenTheServerIsGone) {
   EXPECT_TRUE(bytes.ends_with(std::string("\0\0\0\0\0\4\x7f\0\0\x08", 10))) << "a TTL of 0 and the address";
 }
 
-TEST_F(AnswersTest, LiarsAreNeverBelievedAndFailingServersLeftAtOnce) {
+TEST_F(AnswersTest, WrongAnswersAreNeverBelievedAndFailingServersLeftAtOnce) {
   ListServer honest(kThreeZones);
   for (const char *kind : {"wrong=id", "wrong=question", "wrong=garbage", "wrong=cut", "wrong=servfail",
                            "wrong=refused", "wrong=notimpl"}) {
@@ -406,7 +406,7 @@ TEST_F(AnswersTest, LiarsAreNeverBelievedAndFailingServersLeftAtOnce) {
     Host both;
     both.server(liar.port()).server(honest.port()).zone(KAVOT_BL_IP, "a.list");
     if (fails)
-      both.patient().open();  // no timeout can pass while the test waits
+      both.long_timeout().open();  // no timeout can pass while the test waits
     else
       both.option(KAVOOPT_TIMEOUT_MSEC, kShortMs).option(KAVOOPT_NTRIES, 50).open();
     ASSERT_EQ(answers.query(both, KAVOT_BL_IP, kListed), KAVOE_OK);
@@ -414,7 +414,7 @@ TEST_F(AnswersTest, LiarsAreNeverBelievedAndFailingServersLeftAtOnce) {
   }
 }
 
-TEST_F(AnswersTest, ServersAreCountedFor) {
+TEST_F(AnswersTest, ServersHaveStatistics) {
   ListServer server(kThreeZones);
   Host host;
   host.server(free_udp_port()).server(server.port());

@@ -1,5 +1,4 @@
-/* c_host.h - what the two halves of the host program in C share: the check that counts, and the stories of the stored.
- */
+/* c_host.h - what the two halves of the host program in C share: the check that counts, and the stored half's tests. */
 #ifndef KAVO_TESTS_C_HOST_H
 #define KAVO_TESTS_C_HOST_H
 
@@ -18,7 +17,7 @@ void release(KAVO_ANSWER *answers, int length);
 
 enum { LONG_MS = 60000, SHORT_MS = 20 };
 
-/* What a host does without asking anybody. `directory` is a scratch directory. */
+/* What a host does without a server. `directory` is a scratch directory. */
 void speak_of_types(void);
 void count_time(void);
 void copy_records(const KAVO_ANSWER *answer);

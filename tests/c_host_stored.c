@@ -1,6 +1,6 @@
 /*
- * c_host_stored.c - the half of the host program in C that asks nobody: names, types and times; record blocks and zones
- * in memory, streams and files; answers in a cache of the host's own and in a file.
+ * c_host_stored.c - the half of the host program in C that needs no server: names, types and times; record blocks and
+ * zones in memory, streams and files; answers in a cache of the host's own and in a file.
  */
 #include <arpa/inet.h>
 #include <stdio.h>
@@ -91,7 +91,7 @@ void copy_records(const KAVO_ANSWER *answer) {
   rewind(stream);
   EXPECT(kavo_rr_read(answer->type, &back, stream) == KAVOE_OK);
   expect_listed(&back, &copy);
-  EXPECT(kavo_rr_read(answer->type, &back, stream) == KAVOE_FILE); /* there was one */
+  EXPECT(kavo_rr_read(answer->type, &back, stream) == KAVOE_FILE); /* the stream held one */
   fclose(stream);
   kavo_rr_free(&copy);
   kavo_rr_free(&twin);

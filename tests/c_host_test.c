@@ -1,8 +1,7 @@
 /*
  * c_host_test.c - a host program in plain C that calls every operation: creates a context, asks list and DNS questions
- * of the server at the port that its first argument names, by each road that the interface offers, and closes; keeps
- * what it learned in the directory that the second argument names (c_host_stored.c). Ends with 0 when every answer was
- * the right one.
+ * of the server at the port in its first argument, in each way that the interface offers, and closes. It stores what it
+ * learned in the directory in its second argument (c_host_stored.c). The exit status is 0 when every answer was right.
  */
 #include <arpa/inet.h>
 #include <stdio.h>
@@ -59,7 +58,7 @@ static void count_packets(struct dns_ctx *ctx, struct dns_query *query, int code
   kavo_dbgcb(ctx, query, code, data, NULL);
 }
 
-/* The server is found by its name, through itself, and the packets of the search are shown. */
+/* The server is found by its name, through itself, and the trace shows the packets of that lookup. */
 static void choose_server(KAVO kavo, unsigned port) {
   struct sockaddr servers[2];
   const struct sockaddr_in expected = loopback(port);
@@ -129,7 +128,7 @@ static void ask_lists(KAVO kavo) {
   EXPECT(kavo_nactive(kavo) == 0);
 }
 
-/* One call each; the array and its blocks serve from question to question. */
+/* One call each; the array and its blocks are used again for each question. */
 static void ask_in_one_call(KAVO kavo) {
   KAVO_ANSWER *answers = NULL;
   int length = 0, written = 0;
@@ -194,7 +193,7 @@ static void ask_by_every_road(KAVO kavo, unsigned port) {
   finish(kavo, node, KAVOE_OK, address);
 }
 
-/* A server that knows nothing of a name fails the check of its cache, and the question goes on. */
+/* A server without data about a name fails the check of its cache, and the question continues. */
 static void ask_a_cache_in_vain(KAVO kavo) {
   unsigned char dn[DNS_MAXDN];
   struct timeval deadline;
@@ -228,7 +227,7 @@ static KAVO_QUERY_NODE pair_value(void *ctx) {
   return pair->at < 2 ? pair->nodes[pair->at] : NULL;
 }
 
-/* A question that nobody answers, and a sync node to be called away from it. */
+/* A question that no server answers, and a sync node that ends the wait for it. */
 static void be_called_away(KAVO kavo) {
   struct pair pair;
   KAVO_NODELIST_ITERATOR list = {&pair, pair_count, pair_rewind, pair_advance, pair_value};

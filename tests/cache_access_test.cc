@@ -1,5 +1,5 @@
-// cache_access_test.cc - a host's own way into an answer cache, from outside: put, get, delete, has, from one thread
-// and from many beside a running context.
+// cache_access_test.cc - a host's access to an answer cache, from outside: put, get, delete, has, from one thread and
+// from many, while a context runs.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <host_test.h>
@@ -51,7 +51,7 @@ class CacheTest : public HostTest {
     EXPECT_EQ(dns_cdata_settyp(data.get(), typ), 0);
     return data;
   }
-  // data returns the first record's data as it lies in the cache.
+  // data returns the first record's data as the cache holds it.
   std::string data(const std::string &query, dns_type typ) {
     const Data raw = entry(query, typ);
     std::array<unsigned char, 1024> buffer;
@@ -95,7 +95,7 @@ TEST_F(CacheTest, EveryTypeIsPutFetchedAndDeleted) {
   }
 }
 
-// A dump takes what is in the context's own caches to another context's; the host's caches are the host's to save.
+// A dump carries the context's own caches to another context; the host saves its caches itself.
 TEST_F(CacheTest, OwnCachesAreSavedAndReplacedOnesGone) {
   using Names = std::vector<std::string>;
   constexpr int kBytes = 1 << 16;
@@ -147,7 +147,7 @@ TEST_F(CacheTest, OwnCachesAreSavedAndReplacedOnesGone) {
   EXPECT_EQ(saved(shared), Names{});
 }
 
-TEST_F(CacheTest, RecordsLieInTheCacheAsInAPacket) {
+TEST_F(CacheTest, TheCacheHoldsRecordsAsAPacketDoes) {
   for (const size_t length : {0, 1, 255, 300}) {
     const std::string value(length, 'x');
     Rr rr = read(KAVOT_DNS_TXT, u32(500) + u32(1) + u32(kTtl) + text(value) + name("c") + name("q"));
@@ -189,7 +189,7 @@ TEST_F(CacheTest, RecordsLieInTheCacheAsInAPacket) {
   EXPECT_EQ(has(KAVOT_DNS_AAAA, "many.example"), KAVOE_OK);
 }
 
-TEST_F(CacheTest, ExpiredEntriesAndDenialsSaySo) {
+TEST_F(CacheTest, ExpiredAndNegativeEntriesSaySo) {
   constexpr int32_t kAge = 1000;
   Rr rr = read(KAVOT_DNS_A, every_layout()[0].bytes);
   ASSERT_EQ(put(KAVOT_DNS_A, "old.example", rr), KAVOE_OK);
@@ -205,14 +205,14 @@ TEST_F(CacheTest, ExpiredEntriesAndDenialsSaySo) {
   EXPECT_NEAR(found.rr.rr_null->dnsn_ttl, static_cast<int32_t>(kTtl) - kAge, 5);
   EXPECT_EQ(render(found), "127.0.0.2,192.0.2.1");
 
-  const Data denial = entry("nx.example", DNS_T_A);
-  dns_cdata_setttl(denial.get(), 60);
-  dns_cdata_setrcode(denial.get(), 3);
-  ASSERT_EQ(cacher->dnscr_ops->put(cacher, denial.get(), now()), 0);
+  const Data negative = entry("nx.example", DNS_T_A);
+  dns_cdata_setttl(negative.get(), 60);
+  dns_cdata_setrcode(negative.get(), 3);
+  ASSERT_EQ(cacher->dnscr_ops->put(cacher, negative.get(), now()), 0);
   ASSERT_EQ(get(KAVOT_BL_DOM, "nx.example"), KAVOE_OK);
   EXPECT_EQ(render(found), "NXDOM");
-  dns_cdata_setrcode(denial.get(), 2);
-  ASSERT_EQ(cacher->dnscr_ops->put(cacher, denial.get(), now()), 0);
+  dns_cdata_setrcode(negative.get(), 2);
+  ASSERT_EQ(cacher->dnscr_ops->put(cacher, negative.get(), now()), 0);
   EXPECT_EQ(get(KAVOT_BL_DOM, "nx.example"), KAVOE_FAIL) << "no answer at all";
 }
 
@@ -241,7 +241,7 @@ TEST_F(CacheTest, EarlyAnswersFollowTheZonesOwnInTheirOrder) {
   for (const char *net : {"127.0.0.", "127.9.0."})
     for (int z = 0; z < kZones; ++z)
       expected.push_back(net + std::to_string(z));
-  // Nodes that are taken again, and arguments that went from one to the other.
+  // The nodes are reused, and their arguments pass from one to the other.
   for (int round = 0; round < kRounds; ++round) {
     for (const char *subject : {"1", "2"})
       for (int z = 0; z < kZones; ++z)
@@ -268,7 +268,7 @@ TEST_F(CacheTest, KeysHaveLimits) {
     EXPECT_EQ(has(KAVOT_DNS_A, bad), KAVOE_FAIL);
     EXPECT_EQ(del(KAVOT_DNS_A, bad), KAVOE_FAIL);
   }
-  // An escape of four bytes is one of the name's: text may be longer than what it names.
+  // An escape of four bytes is one byte of the name: the text may be longer than the name.
   std::string escaped;
   for (int i = 0; i < 63; ++i)
     escaped += "\\097";
@@ -307,7 +307,7 @@ TEST_F(CacheTest, BlocksAndEntriesThatContradictThemselvesAreRefused) {
   ASSERT_EQ(get(KAVOT_DNS_MX, "mx.example"), KAVOE_OK);
   EXPECT_EQ(render(found), "0 .");
 
-  // A host may lay blocks out itself, larger ones too than the library would.
+  // A host may lay out blocks itself, also larger ones than the library's.
   std::string text(70'000, 'x');
   dns_txt text_entry = {.len = 70'000, .txt = text.data()};
   dns_rr_txt block = {};
@@ -326,8 +326,8 @@ TEST_F(CacheTest, BlocksAndEntriesThatContradictThemselvesAreRefused) {
   block.dnstxt_txt = nullptr;
   EXPECT_EQ(put(KAVOT_DNS_TXT, "txt.example", &rr), KAVOE_BADPAR);
 
-  // An alias without its target denies; a name that is not there has no records.
-  dns_rr alias = {.dnsrr_dn = {},
+  // A CNAME without its target's records is NODATA; a name that does not exist has no records.
+  dns_rr cname = {.dnsrr_dn = {},
                   .dnsrr_cls = DNS_C_IN,
                   .dnsrr_typ = DNS_T_CNAME,
                   .dnsrr_ttl = 60,
@@ -335,24 +335,24 @@ TEST_F(CacheTest, BlocksAndEntriesThatContradictThemselvesAreRefused) {
                   .dnsrr_dptr = nullptr,
                   .dnsrr_dend = nullptr};
   static unsigned char target[] = "\1t";
-  alias.dnsrr_dptr = target;
-  alias.dnsrr_dend = target + sizeof target;
-  ASSERT_GT(kavo_dns_ptodn("alias.example", 0, alias.dnsrr_dn, DNS_MAXDN), 0);
+  cname.dnsrr_dptr = target;
+  cname.dnsrr_dend = target + sizeof target;
+  ASSERT_GT(kavo_dns_ptodn("cname.example", 0, cname.dnsrr_dn, DNS_MAXDN), 0);
   for (const int rcode : {DNS_R_NOERROR, DNS_R_NXDOMAIN}) {
-    const Data data = entry("alias.example", DNS_T_A);
+    const Data data = entry("cname.example", DNS_T_A);
     dns_cdata_setttl(data.get(), 60);
     dns_cdata_setrcode(data.get(), rcode);
-    ASSERT_EQ(dns_cdata_addrr(data.get(), &alias, nullptr), 0);
+    ASSERT_EQ(dns_cdata_addrr(data.get(), &cname, nullptr), 0);
     ASSERT_EQ(cacher->dnscr_ops->put(cacher, data.get(), now()), 0);
     found.zone = 7;
     found.query_time = 7;
-    ASSERT_EQ(get(KAVOT_DNS_A, "alias.example"), KAVOE_OK);
+    ASSERT_EQ(get(KAVOT_DNS_A, "cname.example"), KAVOE_OK);
     EXPECT_EQ(render(found), rcode == DNS_R_NOERROR ? "NODATA" : "NXDOM");
     EXPECT_TRUE(found.zone == 0 && found.query_time == 0) << "it belongs to no list and was not asked for";
   }
 
-  // Caches of the host's: one that says of every name that it is not there, and has records, and one that has failed.
-  static dns_rr record = alias;
+  // Two caches of the host: one says NXDOMAIN of every name and adds a record, the other one fails.
+  static dns_rr record = cname;
   record.dnsrr_typ = DNS_T_TXT;
   const auto get_nonsense = [](dns_cacher *, dns_cdata *into, dns_time) {
     EXPECT_EQ(dns_cdata_addrr(into, &record, nullptr) + dns_cdata_setrcode(into, DNS_R_NXDOMAIN), 0);
@@ -362,8 +362,8 @@ TEST_F(CacheTest, BlocksAndEntriesThatContradictThemselvesAreRefused) {
   const dns_cacher_ops nonsense_ops = {get_nonsense, nullptr, nullptr, nullptr, nullptr};
   dns_cacher nonsense = {&nonsense_ops};
   cacher = &nonsense;
-  EXPECT_EQ(has(KAVOT_DNS_TXT, "alias.example"), KAVOE_OK);
-  EXPECT_EQ(get(KAVOT_DNS_TXT, "alias.example"), KAVOE_FAIL);
+  EXPECT_EQ(has(KAVOT_DNS_TXT, "cname.example"), KAVOE_OK);
+  EXPECT_EQ(get(KAVOT_DNS_TXT, "cname.example"), KAVOE_FAIL);
   const auto get_fails = [](dns_cacher *, dns_cdata *, dns_time) { return int{DNS_E_FAIL}; };
   const auto fails = [](dns_cacher *, const dns_cdata *, dns_time) { return int{DNS_E_FAIL}; };
   const dns_cacher_ops ops = {get_fails, fails, fails, nullptr, nullptr};
@@ -381,7 +381,7 @@ constexpr unsigned kThreads = 8;
 constexpr unsigned kKeys = 128;
 constexpr unsigned kQuestions = 50'000;
 
-// Key k is the question for 10.k.0.1, which the server answers with 127.0.0.k; threads put 127.9.0.k.
+// Key k is the name for 10.k.0.1, which the server answers with 127.0.0.k; threads put 127.9.0.k.
 std::string key(unsigned k) {
   return "1.0." + std::to_string(k) + ".10.list.example";
 }

@@ -118,7 +118,7 @@ TEST(Cache, CompressedNamesAreWrittenWholeAndBadDataIsRefused) {
   dns_parse source = {buffer.data(), at + mx.size(), at, DNS_S_AN, 0};
 
   const Data entry = entry_of("example.org", DNS_T_MX, 60);
-  // The last holds a pointer from its second name to its first: meaningful in a packet, not in data that stands alone.
+  // The last holds a pointer from its second name to its first: meaningful in a packet, not in data alone.
   const std::vector<std::pair<dns_type, Bytes>> bad = {{DNS_T_MX, mx},
                                                        {DNS_T_A, {127, 0, 0}},
                                                        {DNS_T_MX, {0, 10}},
@@ -127,7 +127,7 @@ TEST(Cache, CompressedNamesAreWrittenWholeAndBadDataIsRefused) {
                                                        {DNS_T_SOA, dn("a.b") + Bytes{0xC0, 0} + Bytes(20, 0)}};
   for (const auto &[typ, data] : bad)
     EXPECT_EQ(add(entry.get(), "example.org", typ, 60, data), DNS_E_PROTOCOL) << typ;
-  EXPECT_EQ(add(entry.get(), "example.org", DNS_T_MX, 60, mx, &source), DNS_E_INVAL);  // the data lies elsewhere
+  EXPECT_EQ(add(entry.get(), "example.org", DNS_T_MX, 60, mx, &source), DNS_E_INVAL);  // the data is not in the packet
   EXPECT_EQ(dns_cdata_nrr(entry.get()), 0U);
   EXPECT_EQ(add(entry.get(), "example.org", DNS_T_MX, 60, mx, &source, at), 0);
 
@@ -150,7 +150,7 @@ TEST(Cache, CompressedNamesAreWrittenWholeAndBadDataIsRefused) {
   EXPECT_LT(added, 256);
 }
 
-TEST(Cache, TtlCountsDownAndExpiredEntriesAreForThoseWhoAsk) {
+TEST(Cache, TtlCountsDownAndExpiredEntriesComeOnRequest) {
   const Cache cache = cache_of(kMega);
   const Data entry = entry_of("a.example", DNS_T_A, 100);
   ASSERT_EQ(add(entry.get(), "a.example", DNS_T_A, 300, {127, 0, 0, 2}), 0);
@@ -197,7 +197,7 @@ TEST(Cache, TtlsStayBetweenTheMinimumAndAWeek) {
   EXPECT_EQ(dns_cacher_getopt(cacher, DNS_CROPT_MINTTL, nullptr, sizeof value), DNS_E_INVAL);
 }
 
-TEST(Cache, DenialsAreKeptByTheirOwnRules) {
+TEST(Cache, NegativeAnswersAreKeptByTheirOwnRules) {
   const Cache cache = cache_of(kMega);
   const auto after = [&](unsigned flags, int rcode) {
     EXPECT_EQ(put(cache.get(), "gone.example", DNS_T_A, 60, {{127, 0, 0, 2}}), 0);
@@ -211,7 +211,7 @@ TEST(Cache, DenialsAreKeptByTheirOwnRules) {
   };
   EXPECT_EQ(after(0, DNS_R_NXDOMAIN), 30);
   EXPECT_EQ(after(0, DNS_R_NOERROR), 30);
-  EXPECT_EQ(after(dns::kNoSoa, DNS_R_NXDOMAIN), -1);  // not kept, and the answer that it contradicts is gone
+  EXPECT_EQ(after(dns::kNoSoa, DNS_R_NXDOMAIN), -1);  // not kept, and it removes the answer that it contradicts
   option(cache.get(), DNS_CROPT_DEFTTL, 7);
   EXPECT_EQ(after(dns::kNoSoa, DNS_R_NXDOMAIN), 7);
   EXPECT_EQ(after(0, DNS_R_NXDOMAIN), 30);
@@ -220,7 +220,7 @@ TEST(Cache, DenialsAreKeptByTheirOwnRules) {
   EXPECT_EQ(after(dns::kNoSoa, DNS_R_NOERROR), -1);
 }
 
-TEST(Cache, AnAnswerPacketKeepsItsChainAndNothingElse) {
+TEST(Cache, AnAnswerPacketKeepsItsCnameChainAndNothingElse) {
   std::array<unsigned char, 1024> buffer;
   const Data source = entry_of("www.example", DNS_T_A);  // only carries the records into the packet, out of order
   ASSERT_EQ(add(source.get(), "host.example", DNS_T_A, 200, {127, 0, 0, 2}), 0);

@@ -1,4 +1,4 @@
-// choice_test.cc - which server a question goes to in a simulated network, and for how long it is waited for there.
+// choice_test.cc - which server a query goes to in a simulated network, and the timeout of each attempt.
 #include <gtest/gtest.h>
 #include <queries.h>
 #include <reply.h>
@@ -28,7 +28,7 @@ TEST_F(Engine, StatisticsFollowTheServers) {
     queries.ask("listed-1.list.test");
     ASSERT_TRUE(world.run());
   }
-  // Twice is enough for a server to be set aside.
+  // Two timeouts are enough for a server to be marked down.
   for (const int error :
        {dns_get_serv_nqsent(world.ctx, dead, &sent), dns_get_serv_ntimeout(world.ctx, dead, &timed_out),
         dns_get_serv_nused(world.ctx, good, &used), dns_get_serv_avgrtt(world.ctx, good, &average),
@@ -39,7 +39,7 @@ TEST_F(Engine, StatisticsFollowTheServers) {
   EXPECT_EQ(check, world.now_us / 1'000'000);
 }
 
-// ask_in_turn asks one question after the other, `pause_us` after each answer, and returns how long they took.
+// ask_in_turn sends one query after the other, `pause_us` after each answer, and returns how long each took.
 std::vector<int64_t> ask_in_turn(World *world, int count, int64_t pause_us, const std::vector<std::string> &own = {}) {
   Queries queries(world);
   std::vector<int64_t> took;
@@ -71,8 +71,8 @@ int64_t median(std::vector<int64_t> of) {
   return of[of.size() / 2];
 }
 
-TEST(Choice, ADeadServerCostsTheMedianNothingAndComesBack) {
-  constexpr int kQuestions = 1000;
+TEST(Choice, ADeadServerCostsTheMedianNothingAndRecovers) {
+  constexpr int kQueries = 1000;
   const std::vector<std::string> both = {"192.0.2.1", "192.0.2.2"};
   struct Row {
     uint32_t flags;
@@ -95,26 +95,26 @@ TEST(Choice, ADeadServerCostsTheMedianNothingAndComesBack) {
       for (const std::string &server : both)
         world.add_server(server, Temper::good);
       if (dead == 1) world.set_temper(both[0], Temper::dead);
-      took[dead] = ask_in_turn(&world, kQuestions, 10'000, own);
+      took[dead] = ask_in_turn(&world, kQueries, 10'000, own);
     }
     World &world = worlds[1];
     EXPECT_LE(median(took[1]), median(took[0]));
     EXPECT_LE(took[1][0], dns::Options{}.timeout_us);
     std::ranges::sort(took[1]);
-    EXPECT_LE(took[1][kQuestions - 3], 60'000) << "but for two, a question is held up by a probe at most";
+    EXPECT_LE(took[1][kQueries - 3], 60'000) << "but for two, a query is held up by a probe at most";
     EXPECT_LE(world.asked[both[0]], 8U) << "probes come ever more rarely";
 
     (void)ask_in_turn(&world, 60, 5 * dns::kUsPerSecond, own);
-    EXPECT_LE(world.asked[both[0]], 8U) << "but go on";
+    EXPECT_LE(world.asked[both[0]], 8U) << "but continue";
     EXPECT_GE(world.asked[both[0]], 4U);
     world.set_temper(both[0], Temper::good);
     world.delays_us[both[1]] = 2000;
     (void)ask_in_turn(&world, 70, dns::kUsPerSecond, own);
     (void)ask_in_turn(&world, 100, 10'000, own);
     const unsigned share = row.flags == DNS_SERVRRB ? 50 : 95;
-    EXPECT_GE(world.asked[both[0]], share) << "it is back";
+    EXPECT_GE(world.asked[both[0]], share) << "it has recovered";
 
-    // With none left, all are asked.
+    // When every server is marked down, all are asked.
     world.set_temper(both[0], Temper::dead);
     world.set_temper(both[1], Temper::dead);
     world.asked.clear();
@@ -127,7 +127,7 @@ TEST(Choice, ADeadServerCostsTheMedianNothingAndComesBack) {
   }
 }
 
-TEST_F(Engine, ThoseThatWaitForRoomAtADyingServerGoToTheNext) {
+TEST_F(Engine, QueriesQueuedAtADyingServerGoToTheNext) {
   world.add_server("192.0.2.1", Temper::dead);
   world.add_server("192.0.2.2", Temper::good);
   const unsigned count = 2 * dns::kUnderWayMax;
@@ -142,7 +142,7 @@ TEST_F(Engine, ThoseThatWaitForRoomAtADyingServerGoToTheNext) {
   ASSERT_TRUE(world.run());
   for (const auto &asked : queries.all())
     expect_truth(*asked);
-  EXPECT_LT(world.asked["192.0.2.1"], dns::kUnderWayMax + 100) << "nobody waits there for the next round";
+  EXPECT_LT(world.asked["192.0.2.1"], dns::kUnderWayMax + 100) << "no query waits there for the next round";
   expect_rest(&world);
 }
 
@@ -156,8 +156,8 @@ class Best : public Engine {
       world.delays_us[server] = delay_us;
     }
   }
-  // expect_shares asks a hundred questions and compares how many of them each server gets, give or take the few by
-  // which the others are measured.
+  // expect_shares sends a hundred queries and compares how many of them each server gets, give or take the few that
+  // measure the others.
   void expect_shares(unsigned first, unsigned second, unsigned third, int64_t pause_us = 10'000) {
     (void)ask_in_turn(&world, 100, pause_us);
     EXPECT_NEAR(world.asked["192.0.2.1"], first, 4);
@@ -166,7 +166,7 @@ class Best : public Engine {
   }
 };
 
-TEST_F(Best, QuestionsGoWhereTheyCostLeast) {
+TEST_F(Best, QueriesGoWhereTheyCostLeast) {
   expect_shares(0, 100, 0);
   world.delays_us["192.0.2.2"] = 40'000;
   expect_shares(0, 100, 0);
@@ -195,9 +195,9 @@ TEST_F(Best, QuestionsGoWhereTheyCostLeast) {
 TEST_F(Best, ALossyServerIsPassedOverThoughItIsTheFastest) {
   set(&world, DNS_OPT_BSC_UPDTIME, 0);
   unsigned seen = 0;
-  world.script = [&seen](const Bytes &question, const std::string &server) {
+  world.script = [&seen](const Bytes &query, const std::string &server) {
     const bool lost = server == "192.0.2.2" && seen++ % 2 == 0;
-    return sim::answer_to(question, lost ? Temper::dead : Temper::good);
+    return sim::answer_to(query, lost ? Temper::dead : Temper::good);
   };
   (void)ask_in_turn(&world, 40, 10'000);
   (void)ask_in_turn(&world, 60, 10'000);
@@ -206,7 +206,7 @@ TEST_F(Best, ALossyServerIsPassedOverThoughItIsTheFastest) {
 }
 
 TEST_F(Best, OthersAreMeasuredNowAndThen) {
-  // Of questions that come together each unknown server gets one, and one server the others.
+  // Of queries submitted together, each unmeasured server gets one, and one server the others.
   for (int i = 0; i < 9; ++i)
     queries.ask("listed-" + std::to_string(i) + ".list.test");
   dns_timeouts(world.ctx, dns_tv_infinite, world.now());
@@ -215,7 +215,7 @@ TEST_F(Best, OthersAreMeasuredNowAndThen) {
   ASSERT_TRUE(world.run());
   (void)ask_in_turn(&world, 64, 10'000);
   EXPECT_EQ(world.asked["192.0.2.2"], 64U) << "those that were measured a moment ago are left in peace";
-  // After a minute they get one question each, of sixteen at most one.
+  // After a minute the others get one query each, and at most one in sixteen queries measures.
   world.now_us += 61 * dns::kUsPerSecond;
   for (int i = 0; i < 2; ++i) {
     (void)ask_in_turn(&world, 16, 10'000);
@@ -225,7 +225,7 @@ TEST_F(Best, OthersAreMeasuredNowAndThen) {
   EXPECT_EQ(world.asked["192.0.2.2"], 32U);
 }
 
-TEST_F(Best, TheFastestIsAskedAgainOnceItIsBack) {
+TEST_F(Best, TheFastestIsAskedAgainOnceItRecovers) {
   expect_shares(0, 100, 0);
   world.set_temper("192.0.2.2", Temper::dead);
   (void)ask_in_turn(&world, 2, 10'000);
@@ -251,7 +251,7 @@ TEST_F(Engine, ServersTakeTheirTurnsInTheOrderOfTheList) {
   EXPECT_EQ(order(), "111111");
   world.set_temper("192.0.2.1", Temper::dead);
   (void)ask_in_turn(&world, 2, 10'000);
-  EXPECT_EQ(order(), "222222") << "the next one stands in for it";
+  EXPECT_EQ(order(), "222222") << "the next one takes its place";
   world.set_temper("192.0.2.1", Temper::good);
   (void)ask_in_turn(&world, 5, dns::kUsPerSecond);
   EXPECT_EQ(order(), "111111");
@@ -270,12 +270,12 @@ TEST_F(Best, TheCostZoneMovesTheTraffic) {
   expect_shares(100, 0, 0);
   EXPECT_EQ(world.packets_sent, 100U) << "the costs are good for another four minutes";
   // Records that are gone cost nothing, and a server that is cheap in this way is asked again.
-  world.script = [](const Bytes &question, const std::string &) {
-    Bytes answer = sim::answer_to(question, Temper::good);
-    std::string name(question.begin(), question.end());
+  world.script = [](const Bytes &query, const std::string &) {
+    Bytes answer = sim::answer_to(query, Temper::good);
+    std::string name(query.begin(), query.end());
     std::ranges::transform(name, name.begin(), [](char c) { return static_cast<char>(tolower(c)); });
     if (name.find("\4cost\4test") == std::string::npos) return answer;
-    answer.resize(question.size());
+    answer.resize(query.size());
     answer[3] = DNS_R_NXDOMAIN;
     answer[7] = 0;
     return answer;
@@ -291,7 +291,7 @@ TEST_F(Best, TheCostZoneMovesTheTraffic) {
   expect_shares(0, 100, 0);
 }
 
-TEST_F(Best, NobodyWaitsForTheCostZone) {
+TEST_F(Best, NoQueryWaitsForTheCostZone) {
   ASSERT_EQ(dns_set_cost_zone(world.ctx, "cost.test"), DNS_E_NOERROR);
   for (const char *server : {"192.0.2.1", "192.0.2.2", "192.0.2.3"})
     world.set_temper(server, Temper::dead);
@@ -308,7 +308,7 @@ TEST_F(Best, NobodyWaitsForTheCostZone) {
     EXPECT_EQ(holders, world.ctx->nserv + looked_up);
   };
   expect_held(2);
-  EXPECT_EQ(dns_add_serv(world.ctx, "192.0.2.4"), 4) << "and in nobody's way";
+  EXPECT_EQ(dns_add_serv(world.ctx, "192.0.2.4"), 4) << "the lookups do not prevent it";
   expect_held(0);
   queries.ask("listed-1.list.test", {"192.0.2.5", "192.0.2.6"});
   world.turn();
@@ -326,22 +326,22 @@ TEST_F(Engine, ARoundTripIsMeasuredWhereThePacketIsSure) {
   EXPECT_EQ(last_ms, 0) << "the answer may be either packet's";
 }
 
-TEST_F(Engine, AServerThatSlowsDownIsSoonWaitedFor) {
+TEST_F(Engine, TheTimeoutFollowsAServerThatSlowsDown) {
   world.weather.delay_us = 1000;
   world.add_server("192.0.2.1", Temper::good);
   for (const int64_t delay_us : {1000, 200'000}) {
     world.weather.delay_us = delay_us;
     world.packets_sent = 0;
-    constexpr unsigned kQuestions = 20;
-    for (unsigned i = 0; i < kQuestions; ++i) {
+    constexpr unsigned kQueries = 20;
+    for (unsigned i = 0; i < kQueries; ++i) {
       queries.ask("listed-1.list.test");
       ASSERT_TRUE(world.run());
     }
-    EXPECT_LE(world.packets_sent, kQuestions + 5);
+    EXPECT_LE(world.packets_sent, kQueries + 5);
   }
 }
 
-TEST_F(Engine, TheLastAttemptWaitsForTheWholeTimeWhereNothingElseIsLeft) {
+TEST_F(Engine, TheLastAttemptWaitsForTheWholeTimeoutWhereNoServerIsLeft) {
   world.weather.delay_us = 1000;
   world.add_server("192.0.2.1", Temper::good);
   ASSERT_TRUE((queries.ask("listed-1.list.test"), world.run()));
@@ -350,7 +350,7 @@ TEST_F(Engine, TheLastAttemptWaitsForTheWholeTimeWhereNothingElseIsLeft) {
     Query &asked = queries.ask("listed-2.list.test", {}, flags);
     ASSERT_TRUE(world.run());
     EXPECT_EQ(asked.status, DNS_E_TEMPFAIL);
-    EXPECT_TRUE(asked.took_us <= longest_us && asked.took_us >= longest_us - 1000) << "each round doubles the wait";
+    EXPECT_TRUE(asked.took_us <= longest_us && asked.took_us >= longest_us - 1000) << "each round doubles the timeout";
   }
 }
 
@@ -367,15 +367,15 @@ TEST_F(Best, AllAreAskedBeforeOneIsAskedTwice) {
   EXPECT_EQ(places, "231231") << "in the order of their costs";
 }
 
-// referral refers to the zone test, with as many servers at 192.0.2.4 and on.
-Bytes referral(const Bytes &question, uint8_t servers) {
-  auto answer = testbed::Reply(question).ns("test", "ns.test");
+// referral refers to the zone test, with so many servers, from 192.0.2.4 on.
+Bytes referral(const Bytes &query, uint8_t servers) {
+  auto answer = testbed::Reply(query).ns("test", "ns.test");
   for (uint8_t i = 0; i < servers; ++i)
     answer.glue("ns.test", "192.0.2." + std::to_string(4 + i));
   return answer.bytes;
 }
 
-TEST_F(Engine, TheServersOfAZoneAreAskedAsIfTheQuestionWereNew) {
+TEST_F(Engine, TheServersOfAZoneAreAskedAsIfTheQueryWereNew) {
   for (const char *server : {"192.0.2.1", "192.0.2.2", "192.0.2.3"})
     world.add_server(server, Temper::good);
   set(&world, DNS_OPT_NTRIES, 8);
@@ -383,11 +383,11 @@ TEST_F(Engine, TheServersOfAZoneAreAskedAsIfTheQuestionWereNew) {
   bool lossy = false;
   std::string places;
   int64_t asked_us = 0, waited_us = 0;
-  world.script = [&](const Bytes &question, const std::string &server) {
+  world.script = [&](const Bytes &query, const std::string &server) {
     places += server.back();
     waited_us = world.now_us - std::exchange(asked_us, world.now_us);
-    if (server.back() < '4') return lossy && places.size() < 6 ? Bytes{} : referral(question, 2);
-    return lossy && server.back() == '4' ? Bytes{} : answer_to(question, Temper::good);
+    if (server.back() < '4') return lossy && places.size() < 6 ? Bytes{} : referral(query, 2);
+    return lossy && server.back() == '4' ? Bytes{} : answer_to(query, Temper::good);
   };
   for (int i = 0; i < 80; ++i)
     queries.ask("listed-" + std::to_string(i) + ".list.test");
@@ -401,16 +401,16 @@ TEST_F(Engine, TheServersOfAZoneAreAskedAsIfTheQuestionWereNew) {
   EXPECT_LT(waited_us, 60'000);
 }
 
-TEST(Choice, WhatComesAfterAProbeCounts) {
+TEST(Choice, AttemptsAfterAProbeCount) {
   for (const bool refers : {true, false}) {
     World world(7);
     Queries queries(&world);
     bool later = false;
     for (const char *server : {"192.0.2.1", "192.0.2.2"})
       world.add_server(server, Temper::good);
-    world.script = [&](const Bytes &question, const std::string &server) {
-      if (server == "192.0.2.2" && !later) return answer_to(question, Temper::good);
-      return server == "192.0.2.1" && later && refers ? referral(question, 1) : Bytes{};
+    world.script = [&](const Bytes &query, const std::string &server) {
+      if (server == "192.0.2.2" && !later) return answer_to(query, Temper::good);
+      return server == "192.0.2.1" && later && refers ? referral(query, 1) : Bytes{};
     };
     (void)ask_in_turn(&world, 2, 2 * dns::kUsPerSecond);
     later = true;

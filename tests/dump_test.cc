@@ -1,5 +1,5 @@
-// dump_test.cc - caches in files: what a context saves another one loads, older by the time between, and nothing of a
-// file that is not whole.
+// dump_test.cc - caches in files: a context loads what another one saved, older by the time between, and loads nothing
+// of a damaged file.
 #include <arpa/inet.h>
 #include <cache_entry.h>
 #include <cache_image.h>
@@ -147,7 +147,7 @@ TEST_F(DumpTest, EntriesComeBackOlderByTheTimeBetween) {
   put(from.get(), "short.example", 100, "\x7f\0\0\2"s, kNow);
   put(from.get(), "several.example", kTtl, "mmmm", kNow, DNS_T_A, 3);
   put(from.get(), "large.example", kTtl, text, kNow, DNS_T_TXT, 2);
-  put(from.get(), "denied.example", kTtl, "", kNow, DNS_T_A, 0);
+  put(from.get(), "absent.example", kTtl, "", kNow, DNS_T_A, 0);
   put(from.get(), ".", kTtl, "root", kNow);
   put(from.get(), "gone.example", 10, "gone", kNow - 11);
   put(from.get(), "both.example", kTtl, "old ", kNow);
@@ -157,11 +157,11 @@ TEST_F(DumpTest, EntriesComeBackOlderByTheTimeBetween) {
   const std::set<std::string> entries = shown(kNow + 101);
   EXPECT_EQ(entries.size(), 6U);
   for (const std::string &entry :
-       {"/1/3499/0 3499:root"s, "\5short\7example/1/-1/0 -1:\x7f\0\0\2"s, "\6denied\7example/1/3499/0"s})
+       {"/1/3499/0 3499:root"s, "\5short\7example/1/-1/0 -1:\x7f\0\0\2"s, "\6absent\7example/1/3499/0"s})
     EXPECT_EQ(entries.count(entry), 1U) << entry;
   ASSERT_EQ(load(to.get(), kNow + 60), 1);
   EXPECT_EQ(user_data_, "user");
-  for (const char *name : {"short.example", "several.example", "denied.example", "."})
+  for (const char *name : {"short.example", "several.example", "absent.example", "."})
     EXPECT_EQ(held(to.get(), name, kNow + 70), held(from.get(), name, kNow + 70)) << name;
   EXPECT_EQ(held(to.get(), "several.example", kNow + 70), "3530/0 3530:mmmm 3530:mmmm 3530:mmmm");
   EXPECT_EQ(held(to.get(), "large.example", kNow + 70, DNS_T_TXT),
@@ -169,7 +169,7 @@ TEST_F(DumpTest, EntriesComeBackOlderByTheTimeBetween) {
   EXPECT_EQ(held(to.get(), "both.example", kNow + 1), "3600/0 3600:new ") << "what is newer stays";
   EXPECT_EQ(held(to.get(), "gone.example"), "");
 
-  const Cache late = cache_of(), keeps = cache_of(), no_denials = cache_of(), tiny = cache_of(1000);
+  const Cache late = cache_of(), keeps = cache_of(), no_negatives = cache_of(), tiny = cache_of(1000);
   EXPECT_EQ(load(late.get(), kNow + 101), 1);
   EXPECT_EQ(held(late.get(), "short.example", kNow), "") << "expired in the file";
   uint32_t flags = DNS_CR_EXPIRED | DNS_CR_NCACHE;
@@ -180,9 +180,9 @@ TEST_F(DumpTest, EntriesComeBackOlderByTheTimeBetween) {
   save({keeps.get()});
   EXPECT_NE(file().find("gone"), std::string::npos) << "a cache that returns expired entries saves them";
   flags = 0;
-  EXPECT_EQ(dns_cacher_setopt(dns_cache_cacher(no_denials.get()), DNS_CROPT_FLAGS, &flags, sizeof flags), 0);
-  EXPECT_EQ(load(no_denials.get()), 1);
-  EXPECT_EQ(held(no_denials.get(), "denied.example"), "");
+  EXPECT_EQ(dns_cacher_setopt(dns_cache_cacher(no_negatives.get()), DNS_CROPT_FLAGS, &flags, sizeof flags), 0);
+  EXPECT_EQ(load(no_negatives.get()), 1);
+  EXPECT_EQ(held(no_negatives.get(), "absent.example"), "");
   EXPECT_EQ(load(tiny.get()), 1) << "what does not fit is left out";
   EXPECT_EQ(load(late.get(), kNow + 2 * kTtl), 1);
 }
@@ -243,7 +243,7 @@ TEST_F(DumpTest, EntriesThatTheTotalsDoNotCountAreRefused) {
   EXPECT_EQ(load(cache_of().get()), DNS_E_TFILE);
 }
 
-TEST_F(DumpTest, ContextsOfAnyLayoutTakeWhatIsTheirs) {
+TEST_F(DumpTest, ContextsOfAnyLayoutTakeTheirCaches) {
   const auto context = [](int cache_size, bool two) {
     KAVO kavo = nullptr;
     EXPECT_EQ(kavo_init(&kavo, 16, cache_size, 0), KAVOE_OK);
@@ -281,7 +281,7 @@ TEST_F(DumpTest, ContextsOfAnyLayoutTakeWhatIsTheirs) {
   EXPECT_EQ(kavo_cacheload(third_two.get(), path_.c_str()), KAVOE_OK);
 }
 
-TEST_F(DumpTest, FilesThatCannotServeAreClearErrors) {
+TEST_F(DumpTest, UnusableFilesAreClearErrors) {
   KAVO kavo = nullptr;
   ASSERT_EQ(kavo_init(&kavo, 16, kSmall, 0), KAVOE_OK);
   put(kavo->cache, "a.example", kTtl, "aaaa", dns_gettime(nullptr));
@@ -304,7 +304,7 @@ TEST_F(DumpTest, FilesThatCannotServeAreClearErrors) {
   close(fd);
   EXPECT_EQ(kavo_cacheload(kavo, path_.c_str()), KAVOE_FILE);
 
-  // One that says more than its uses, one that holds nothing, and one that holds what is no entry.
+  // A dump with more than its uses, an empty one, and one with an invalid entry.
   const auto load_with = [&](const std::string &word, dns_cache *cache) {
     const int to = open(path_.c_str(), O_WRONLY | O_TRUNC);
     dns_cdump *made = dns_cdump_save_init(to, dns_gettime(nullptr));
@@ -324,8 +324,8 @@ TEST_F(DumpTest, FilesThatCannotServeAreClearErrors) {
   kavo_free(kavo);
 }
 
-// A saver is killed at random moments, and single bytes of what it wrote are changed: a file of several blocks, which
-// several threads load, gives all that it holds or nothing.
+// A saver is killed at random moments, and single bytes of its file are changed. A file of several blocks, which
+// several threads load, gives all its entries or none.
 TEST_F(DumpTest, LargeFilesAreLoadedWholeOrNotAtAll) {
   constexpr int kEntries = 20'000, kRounds = 30, kStep = 97;
   constexpr unsigned kPause = 2000;  // microseconds
@@ -345,7 +345,7 @@ TEST_F(DumpTest, LargeFilesAreLoadedWholeOrNotAtAll) {
   };
   for (int round = 0; round < kRounds; ++round) {
     const pid_t saver = fork();
-    if (saver == 0) alarm(30);  // its end, should nobody kill it
+    if (saver == 0) alarm(30);  // ends the saver if the test does not kill it
     while (saver == 0) {
       save({from.get()});
       usleep(kPause);
@@ -367,8 +367,8 @@ TEST_F(DumpTest, LargeFilesAreLoadedWholeOrNotAtAll) {
   }
 }
 
-// Eight threads use the cache while it is saved and loaded: what was there all the while is in every dump, and nothing
-// is that was never put.
+// Eight threads use the cache while it is saved and loaded: every dump holds the entries that were there all the while,
+// and none that was never put.
 TEST_F(DumpTest, ACacheInUseIsSavedWhole) {
   constexpr int kThreads = 8, kStill = 5000, kMoving = 500;
   const Cache cache = cache_of(64 << 20);
@@ -404,7 +404,7 @@ TEST_F(DumpTest, ACacheInUseIsSavedWhole) {
   threads.clear();
 }
 
-// Entries so large that hardly a bucket's fit one block: the walk goes on within a bucket that has changed meanwhile.
+// Entries so large that hardly one bucket fits a block: the walk continues in a bucket that has changed meanwhile.
 TEST_F(DumpTest, AChangingCacheOfLargeEntriesIsSavedWhole) {
   constexpr int kEntries = 400, kRecords = 40;
   constexpr dns_type kType = 65280;  // data of any form
@@ -424,7 +424,7 @@ TEST_F(DumpTest, AChangingCacheOfLargeEntriesIsSavedWhole) {
       EXPECT_EQ(dns_cacher_delete(dns_cache_cacher(cache.get()), entry_of(name, kType).get(), kNow), 1);
     }
   }
-  EXPECT_EQ(found.size(), size_t{kEntries}) << "what goes once it is through hides no other entry";
+  EXPECT_EQ(found.size(), size_t{kEntries}) << "an entry removed after the walk passed it hides no other";
 }
 
 }  // namespace

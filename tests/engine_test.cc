@@ -1,5 +1,5 @@
 // engine_test.cc - the engine in a simulated network: one thread, a clock of its own, everything from one seed.
-// Whatever the network does, a question ends in exactly one callback, with the right answer or the right status.
+// Whatever the network does, a query ends in exactly one callback, with the right answer or the right status.
 #include <cache_entry.h>
 #include <context.h>
 #include <gtest/gtest.h>
@@ -18,20 +18,20 @@ namespace {
 
 using namespace sim;
 
-// tease has every server do something else each time that it is asked: refer to a server outside the zone, for one.
+// tease has every server behave differently at each query; one behaviour refers to a server outside the zone.
 void tease(World *world) {
-  world->script = [world](const Bytes &question, const std::string &) {
+  world->script = [world](const Bytes &query, const std::string &) {
     static constexpr Temper kTempers[] = {Temper::good,   Temper::good,         Temper::dead,        Temper::fails,
                                           Temper::refers, Temper::knows_no_opt, Temper::lowers_case, Temper::truncates};
     const Temper temper = kTempers[world->random(std::size(kTempers))];
-    Bytes answer = sim::answer_to(question, temper);
+    Bytes answer = sim::answer_to(query, temper);
     if (temper == Temper::refers) answer[answer.size() - 2] = 'a';
     return answer;
   };
 }
 
 // One storm: servers of every temper with at least one good one, bad weather, forgers, hosts that ask and cancel in
-// callbacks, and questions with servers of their own. Answers may be lost, never wrong.
+// callbacks, and queries with servers of their own. Answers may be lost, never wrong.
 void storm(uint64_t seed) {
   SCOPED_TRACE("seed " + std::to_string(seed));
   World world(seed);
@@ -84,12 +84,12 @@ void storm(uint64_t seed) {
   }
 }
 
-TEST(Storm, EveryQuestionEndsOnceAndRightly) {
+TEST(Storm, EveryQueryEndsOnceAndRightly) {
   for (uint64_t seed = 1; seed <= 3000 && !testing::Test::HasFailure(); ++seed)
     storm(seed);
 }
 
-TEST_F(Engine, AnswersDeniesAndFollowsAliasesInAnyOrder) {
+TEST_F(Engine, AnswersAreNegativeOrCnameChainsInAnyOrder) {
   world.add_server("192.0.2.1", Temper::good);
   Query &listed = queries.ask("listed-1.list.test");
   Query &gone = queries.ask("gone-1.list.test");
@@ -101,8 +101,8 @@ TEST_F(Engine, AnswersDeniesAndFollowsAliasesInAnyOrder) {
   EXPECT_TRUE(dns_timeouts(world.ctx, dns_tv_infinite, world.now()) == dns_tv_infinite);
 
   world.set_temper("192.0.2.1", Temper::chains);
-  Query &aliased = resolve("listed-2.list.test");
-  EXPECT_EQ(aliased.canonical, "END.test");
+  Query &chained = resolve("listed-2.list.test");
+  EXPECT_EQ(chained.canonical, "END.test");
 
   world.set_temper("192.0.2.1", Temper::loops);
   Query &looping = queries.ask("listed-3.list.test");
@@ -110,7 +110,7 @@ TEST_F(Engine, AnswersDeniesAndFollowsAliasesInAnyOrder) {
   EXPECT_EQ(looping.status, DNS_E_CNLOOP);
 }
 
-TEST_F(Engine, AFailingServerCostsNoTimeAndADeadOneItsTimeOut) {
+TEST_F(Engine, AFailingServerCostsNoTimeAndADeadOneItsTimeout) {
   world.add_server("192.0.2.1", Temper::refuses);
   world.add_server("192.0.2.2", Temper::fails);
   world.add_server("192.0.2.3", Temper::garbles);
@@ -123,7 +123,7 @@ TEST_F(Engine, AFailingServerCostsNoTimeAndADeadOneItsTimeOut) {
   world.set_temper("192.0.2.1", Temper::dead);
   const int64_t late_start = world.now_us;
   resolve("listed-2.list.test");
-  EXPECT_GE(world.now_us - late_start, 50'000) << "the first server's own estimate, at its least";
+  EXPECT_GE(world.now_us - late_start, 50'000) << "the first server's RTO, at its least";
   EXPECT_LT(world.now_us - late_start, 100'000);
 }
 
@@ -134,7 +134,7 @@ TEST_F(Engine, StatusesSayWhatWentWrong) {
     unsigned packets;
   };
   world.add_server("192.0.2.1", Temper::dead);
-  // A server that answered with an error is not asked again; one that says nothing that counts is asked every time.
+  // A server that answered with an error is not asked again; a server without a valid answer gets every attempt.
   for (const Row &row : {Row{Temper::dead, DNS_E_TEMPFAIL, 4}, Row{Temper::refuses, DNS_E_REFUSED, 1},
                          Row{Temper::fails, DNS_E_SERVFAIL, 1}, Row{Temper::refuses_tcp, DNS_E_PROTOCOL, 1},
                          Row{Temper::garbles, DNS_E_PROTOCOL, 1}, Row{Temper::refers, DNS_E_PROTOCOL, 1},
@@ -150,12 +150,12 @@ TEST_F(Engine, StatusesSayWhatWentWrong) {
     EXPECT_EQ(world.packets_sent, row.packets);
   }
   ASSERT_EQ(dns_add_serv(world.ctx, nullptr), 0);
-  Query &nobody = queries.ask("listed-1.list.test");
+  Query &serverless = queries.ask("listed-1.list.test");
   ASSERT_TRUE(world.run());
-  EXPECT_EQ(nobody.status, DNS_E_TEMPFAIL);
+  EXPECT_EQ(serverless.status, DNS_E_TEMPFAIL);
 }
 
-TEST_F(Engine, CancelledAndClosedQuestionsAreNeverCalledBack) {
+TEST_F(Engine, CancelledAndClosedQueriesAreNeverCalledBack) {
   world.add_server("192.0.2.1", Temper::good);
   Query &queued = queries.ask("listed-1.list.test");
   dns_cancel(world.ctx, queued.handle);
@@ -187,7 +187,7 @@ struct HostChain {
 
 const auto kChainName = testbed::dn("listed-1.list.test");
 
-// ask_on is a host that, told one answer, cancels a question of the same turn and asks two more.
+// ask_on is the callback of a host that cancels a query of the same turn and submits two more.
 void ask_on(dns_ctx *ctx, dns_query *, void *, unsigned, void *data) {
   auto *chain = static_cast<HostChain *>(data);
   dns_cancel(ctx, chain->victim);
@@ -205,7 +205,7 @@ void ask_on(dns_ctx *ctx, dns_query *, void *, unsigned, void *data) {
 
 TEST_F(Engine, CallbacksMayAskAndCancel) {
   const testbed::Cache cache = testbed::cache_of(1 << 16);
-  // Answers from the cache come in the very turn in which questions are taken up, those from a server later.
+  // Answers from the cache come in the turn that takes the queries up, answers from a server later.
   for (dns_cacher *cacher : {static_cast<dns_cacher *>(nullptr), dns_cache_cacher(cache.get())}) {
     ASSERT_EQ(dns_set_cache(world.ctx, DNS_CU_ANS, cacher), DNS_E_NOERROR);
     ASSERT_EQ(dns_add_serv(world.ctx, nullptr), 0);
@@ -218,7 +218,7 @@ TEST_F(Engine, CallbacksMayAskAndCancel) {
   }
 }
 
-TEST_F(Engine, RefusesWhatIsNoQuestion) {
+TEST_F(Engine, RefusesInvalidQueries) {
   Query asked;
   const auto dn = testbed::dn("a.test");
   const uint8_t long_label[DNS_MAXDN] = {64};
@@ -267,7 +267,7 @@ TEST_F(Engine, TheCacheAnswersUntilTheRecordExpires) {
     expect_truth(own);
     EXPECT_EQ(second.sflags, unsigned{DNS_SF_CACHED});
     EXPECT_EQ(second.canonical, first.canonical);
-    EXPECT_EQ(own.sflags, 0U) << "a question with servers of its own stays out of the cache";
+    EXPECT_EQ(own.sflags, 0U) << "a query with servers of its own does not use the cache";
     EXPECT_EQ(world.packets_sent, sent + 1);
   }
   const testbed::Cache other = testbed::cache_of();
@@ -275,13 +275,13 @@ TEST_F(Engine, TheCacheAnswersUntilTheRecordExpires) {
   Query &waiting = queries.ask("listed-7.list.test");
   ASSERT_EQ(dns_set_cache(world.ctx, DNS_CU_ANS, dns_cache_cacher(cache.get())), DNS_E_NOERROR);
   ASSERT_TRUE(world.run());
-  EXPECT_EQ(waiting.sflags, unsigned{DNS_SF_CACHED}) << "the cache that is there when a question is looked up counts";
+  EXPECT_EQ(waiting.sflags, unsigned{DNS_SF_CACHED}) << "the cache installed at the lookup counts";
   events.resize(6);
   queries.ask("listed-8.list.test", {"192.0.2.1"});
   ASSERT_TRUE(world.run());
   Query &fresh = queries.ask("listed-8.list.test");
   ASSERT_TRUE(world.run());
-  EXPECT_EQ(fresh.sflags, 0U) << "nor does such a question fill it";
+  EXPECT_EQ(fresh.sflags, 0U) << "nor does such a query fill it";
   events.resize(6);
   EXPECT_EQ(events,
             (std::vector<int>{DNS_D_CU_NOAN, DNS_D_CU_AN, DNS_D_CU_NOAN, DNS_D_CU_AN, DNS_D_CU_NOAN, DNS_D_CU_AN}));
@@ -292,7 +292,7 @@ TEST_F(Engine, TheCacheAnswersUntilTheRecordExpires) {
   EXPECT_EQ(world.packets_sent, sent + 1);
 }
 
-TEST_F(Engine, AFullSendBufferDelaysQuestionsAndLosesNone) {
+TEST_F(Engine, AFullSendBufferDelaysQueriesAndLosesNone) {
   world.add_server("192.0.2.1", Temper::good);
   world.send_buffers_full = true;
   for (int i = 0; i < 300; ++i)
@@ -309,10 +309,10 @@ TEST_F(Engine, AFullSendBufferDelaysQuestionsAndLosesNone) {
   world.send_buffers_full = true;
   const Query &stuck = queries.ask("listed-1.list.test");
   ASSERT_TRUE(world.run(1000));
-  EXPECT_EQ(stuck.status, DNS_E_TEMPFAIL) << "a question ends though its socket never drains";
+  EXPECT_EQ(stuck.status, DNS_E_TEMPFAIL) << "a query ends though its socket never drains";
 }
 
-TEST_F(Engine, TheSameQuestionIsAskedOnce) {
+TEST_F(Engine, IdenticalQueriesAreCoalesced) {
   world.add_server("192.0.2.1", Temper::good);
   std::vector<Query *> same;
   for (int i = 0; i < 5; ++i)
@@ -323,7 +323,7 @@ TEST_F(Engine, TheSameQuestionIsAskedOnce) {
   dns_timeouts(world.ctx, dns_tv_infinite, world.now());
   EXPECT_EQ(world.packets_sent, 4U);
   Query &late = queries.ask("listed-1.list.test");
-  dns_cancel(world.ctx, same[0]->handle);  // the one that was sent: another takes its place
+  dns_cancel(world.ctx, same[0]->handle);  // the one that was sent: a coalesced query takes its place
   dns_cancel(world.ctx, same[3]->handle);
   ASSERT_TRUE(world.run());
   EXPECT_EQ(world.packets_sent, 5U);
@@ -359,7 +359,7 @@ TEST_F(Engine, MoreThanAServerMayHaveUnderWayWaitsForRoom) {
   for (size_t i = 100; i < 2 * dns::kUnderWayMax; ++i)
     expect_truth(*queries.all()[i]);
   EXPECT_EQ(dns_active(world.ctx), 0);
-  // Those whose turn has come are cancelled before they leave: the ones behind them must not wait for their answers.
+  // The next in the queue are cancelled before they are sent: the queries after them must not wait for their answers.
   Queries others(&world);
   for (unsigned i = 0; i < 3 * dns::kUnderWayMax; ++i)
     others.ask("listed-" + std::to_string(i) + ".list.test");

@@ -1,5 +1,5 @@
-// exchange_test.cc - what passes between the engine and a server in a simulated network besides the question: EDNS0 and
-// TCP, letter case and cookies, and forgers among it.
+// exchange_test.cc - how the engine and a server exchange messages in a simulated network: EDNS0, TCP, 0x20, cookies,
+// and forgers.
 #include <gtest/gtest.h>
 #include <queries.h>
 
@@ -13,7 +13,7 @@ namespace {
 
 using namespace sim;
 
-TEST_F(Engine, WhatIsCutOffIsAskedForOnOneConnection) {
+TEST_F(Engine, TruncatedAnswersAreFetchedOverOneConnection) {
   world.add_server("192.0.2.1", Temper::truncates);
   std::vector<Query *> all;
   for (int i = 0; i < 500; ++i)
@@ -44,12 +44,12 @@ TEST_F(Engine, AServerWithoutEdnsIsAskedPlainlyFromThenOn) {
   EXPECT_EQ(world.packets_sent, 6U);
 }
 
-// A forger who knows the question, the server and even every socket, and must guess the id and the case of the letters.
+// A forger who knows the query, the server and even every socket, and must guess the id and the 0x20 case.
 TEST_F(Engine, AMillionForgedPacketsAreNotBelieved) {
   world.add_server("192.0.2.1", Temper::dead);
   constexpr int64_t kLongUs = 600'000'000;
-  const dns_timeval patient = {kLongUs / dns::kUsPerSecond, 0};
-  ASSERT_EQ(dns_set_opt(world.ctx, DNS_OPT_TIMEOUT, &patient, sizeof patient), 0);
+  const dns_timeval timeout = {kLongUs / dns::kUsPerSecond, 0};
+  ASSERT_EQ(dns_set_opt(world.ctx, DNS_OPT_TIMEOUT, &timeout, sizeof timeout), 0);
   Query &asked = queries.ask("listed-1.list.test");
   dns_timeouts(world.ctx, dns_tv_infinite, world.now());
   Bytes forged = sim::answer_to(world.last_query(), Temper::good);
@@ -70,7 +70,7 @@ TEST_F(Engine, AMillionForgedPacketsAreNotBelieved) {
 }
 
 TEST_F(Engine, AStrangersAnswerCountsWhereItIsExpected) {
-  // Two servers: a socket that is connected to the only one hears nobody else.
+  // Two servers: a socket connected to a lone server receives from no other address.
   world.add_server("192.0.2.1", Temper::dead);
   world.add_server("192.0.2.2", Temper::dead);
   const auto believed = [this](const std::string &stranger, uint16_t port) {
@@ -86,8 +86,8 @@ TEST_F(Engine, AStrangersAnswerCountsWhereItIsExpected) {
     const sockaddr_in address = World::address_of(stranger, port);
     EXPECT_GT(dns_add_expserv_s(world.ctx, reinterpret_cast<const sockaddr *>(&address)), 0);
   };
-  EXPECT_FALSE(believed("192.0.2.7", 53)) << "a fresh context expects nobody";
-  EXPECT_FALSE(believed("192.0.2.1", 54)) << "nor its own server elsewhere";
+  EXPECT_FALSE(believed("192.0.2.7", 53)) << "a fresh context expects no other address";
+  EXPECT_FALSE(believed("192.0.2.1", 54)) << "nor its own server at another port";
   expect_answers_of("192.0.2.7", 0);
   expect_answers_of("192.0.2.8", 5353);
   for (const uint16_t port : {53, 54, 5353})
@@ -125,7 +125,7 @@ TEST_F(Engine, CookiesAreExchangedWhereTheyAreAskedFor) {
     resolve("listed-" + std::to_string(packets) + ".list.test");
     EXPECT_EQ(world.packets_sent, packets);
   }
-  // A forger in its place who knows all but the cookie, whichever server the present attempt is at.
+  // A forger at its address knows all but the cookie; the current attempt may be at the other server.
   world.tcp_error = -EMFILE;
   world.tcp_errors = 100;
   world.add_server("192.0.2.2", Temper::dead);
@@ -136,7 +136,7 @@ TEST_F(Engine, CookiesAreExchangedWhereTheyAreAskedFor) {
     ASSERT_TRUE(world.run());
     EXPECT_EQ(asked.status, DNS_E_TEMPFAIL);
   }
-  // One that no longer gives cookies says so over TCP; without TCP that is forgotten after minutes.
+  // A server that no longer sends cookies proves it over TCP; without TCP the engine forgets the cookie after minutes.
   world.tcp_errors = 0;
   world.delays_us.clear();
   expect_truth((queries.ask("listed-2.list.test"), world.run(), *queries.all().back()));
@@ -162,7 +162,7 @@ TEST_F(Engine, ServersThatCloseConnectionsLoseNothing) {
   for (const unsigned answers : {1U, 7U}) {
     world.answers_per_connection = answers;
     world.connections_made = 0;
-    world.now_us += dns::kTcpLimitUs;  // what was learned of the server before is forgotten
+    world.now_us += dns::kTcpLimitUs;  // the engine forgets what it learned of the server
     std::vector<Query *> all;
     for (int i = 0; i < 60; ++i)
       all.push_back(&queries.ask("listed-" + std::to_string(i) + ".list.test"));
@@ -196,7 +196,7 @@ TEST_F(Engine, AConnectionThatCannotBeHadCostsAttemptsAndNotTheQuery) {
   }
 }
 
-TEST_F(Engine, WhatAnEarlierServerCutsOffIsAskedForThere) {
+TEST_F(Engine, WhatAnEarlierServerTruncatesIsFetchedThere) {
   world.add_server("192.0.2.1", Temper::good);
   ASSERT_TRUE((queries.ask("listed-1.list.test"), world.run()));
   world.set_temper("192.0.2.1", Temper::truncates);
@@ -222,8 +222,8 @@ TEST_F(Engine, EachSocketOfALoneServerIsHeardForTwoAttempts) {
   set(&world, DNS_OPT_NTRIES, 10);
   world.add_server("192.0.2.1", Temper::good);
   world.delays_us["192.0.2.1"] = 1'200'000;
-  world.script = [this](const Bytes &question, const std::string &) {
-    return world.packets_sent <= 2 ? Bytes{} : answer_to(question, Temper::good);
+  world.script = [this](const Bytes &query, const std::string &) {
+    return world.packets_sent <= 2 ? Bytes{} : answer_to(query, Temper::good);
   };
   Query &asked = resolve("listed-2.list.test");
   EXPECT_LE(asked.took_us, 3'201'000) << "the answer to the third attempt counts";
@@ -245,9 +245,9 @@ TEST_F(Engine, AServerIsNotBelievedUnderAnIdThatItWasNotAskedUnder) {
 
 TEST_F(Engine, AnErrorWithoutAQuestionEndsEdns) {
   world.add_server("192.0.2.1", Temper::good);
-  world.script = [](const Bytes &question, const std::string &) {
-    if (question[11] == 0) return answer_to(question, Temper::good);
-    return Bytes{question[0], question[1], 0x80, DNS_R_FORMERR, 0, 0, 0, 0, 0, 0, 0, 0};
+  world.script = [](const Bytes &query, const std::string &) {
+    if (query[11] == 0) return answer_to(query, Temper::good);
+    return Bytes{query[0], query[1], 0x80, DNS_R_FORMERR, 0, 0, 0, 0, 0, 0, 0, 0};
   };
   for (const unsigned packets : {2U, 3U, 4U}) {
     expect_truth((queries.ask("listed-1.list.test"), world.run(), *queries.all().back()));
@@ -257,7 +257,7 @@ TEST_F(Engine, AnErrorWithoutAQuestionEndsEdns) {
 
 TEST_F(Engine, NothingThatListensIsToldApartFromSilence) {
   world.add_server("192.0.2.1", Temper::absent);
-  world.weather.duplicate_percent = 100;  // what comes back during a pause changes nothing
+  world.weather.duplicate_percent = 100;  // an ICMP error during a pause changes nothing
   const Query &refused = queries.ask("listed-1.list.test");
   ASSERT_TRUE(world.run());
   EXPECT_EQ(refused.status, DNS_E_REFUSED);
@@ -309,9 +309,9 @@ TEST_F(Engine, APauseDoesNotForgetHowAServerIsToBeAsked) {
   EXPECT_EQ(world.packets_sent, 3U) << "with EDNS0 once";
 }
 
-// has_capitals tells whether the name of a question packet left with some.
-bool has_capitals(const Bytes &question) {
-  return std::any_of(question.begin() + DNS_HSIZE, question.end() - 15, [](uint8_t c) { return isupper(c) != 0; });
+// has_capitals tells whether the name in a query has capital letters.
+bool has_capitals(const Bytes &query) {
+  return std::any_of(query.begin() + DNS_HSIZE, query.end() - 15, [](uint8_t c) { return isupper(c) != 0; });
 }
 
 TEST_F(Engine, AServerThatKeepsTheCaseIsNotTalkedOutOfIt) {
@@ -321,10 +321,10 @@ TEST_F(Engine, AServerThatKeepsTheCaseIsNotTalkedOutOfIt) {
   };
   world.add_server("192.0.2.1", Temper::good);
   ask(10);
-  // A forger's packet that is right but for the case, while there is no TCP to ask over.
+  // A forged packet is right but for its 0x20 case, while TCP fails.
   world.tcp_error = -EMFILE;
   world.tcp_errors = 100;
-  for (const char *server : {"192.0.2.1", "192.0.2.2"}) {  // of the second nothing is known yet
+  for (const char *server : {"192.0.2.1", "192.0.2.2"}) {  // the second is unknown yet
     ASSERT_EQ(dns_add_serv(world.ctx, nullptr), 0);
     world.add_server(server, Temper::dead);
     Query &asked = queries.ask("listed-2.list.test");
@@ -339,7 +339,7 @@ TEST_F(Engine, AServerThatKeepsTheCaseIsNotTalkedOutOfIt) {
     ask(3);
     EXPECT_TRUE(has_capitals(world.last_query()));
   }
-  // Its own word over TCP is another matter.
+  // What the server itself answers over TCP counts.
   world.tcp_errors = 0;
   world.now_us += dns::kTcpIdleUs;
   world.set_temper("192.0.2.2", Temper::lowers_case_by_tcp);
@@ -354,7 +354,7 @@ TEST_F(Engine, AServerWithoutTcpThatDoesNotKeepTheCaseIsNeverTakenForOneThatDoes
     world.tcp_errors = UINT32_MAX;
     for (int i = 0; i < 100; ++i) {
       world.now_us += dns::kLowerUs;
-      // One letter comes back right by chance every other time.
+      // A single letter comes back right by chance every other time.
       expect_truth((queries.ask("1.x"), world.run(), *queries.all().back()));
     }
   }
@@ -372,8 +372,8 @@ TEST_F(Engine, AnotherMachineInAKnownServersPlaceIsFoundOut) {
 
 TEST_F(Engine, AServerMayHaveACaseOfItsOwn) {
   world.add_server("192.0.2.1", Temper::good);
-  world.script = [](const Bytes &question, const std::string &) {
-    Bytes answer = answer_to(question, Temper::good);
+  world.script = [](const Bytes &query, const std::string &) {
+    Bytes answer = answer_to(query, Temper::good);
     for (size_t at = DNS_HSIZE; answer[at] != 0; ++at)
       answer[at] = static_cast<uint8_t>(toupper(answer[at]));
     return answer;
@@ -410,7 +410,7 @@ TEST_F(Engine, AFailureOfOneServerIsNotAnothers) {
   EXPECT_EQ(world.packets_sent, packets) << "names are the same in any case";
 }
 
-TEST_F(Engine, APacketThatComesBackLateMovesNothingOn) {
+TEST_F(Engine, ALateIcmpErrorStartsNoAttempt) {
   world.add_server("192.0.2.1", Temper::absent);
   for (const char *server : {"192.0.2.2", "192.0.2.3"})
     world.add_server(server, Temper::dead);
@@ -427,14 +427,14 @@ TEST_F(Engine, APacketThatComesBackLateMovesNothingOn) {
   expect_truth(asked);
 }
 
-TEST_F(Engine, LettersCountThatComeBackByUdpAndWereSentInBothCases) {
+TEST_F(Engine, Only0x20OverUdpProvesThatAServerKeepsTheCase) {
   for (const bool by_udp_alone : {true, false}) {
     World other(7);
     Queries asks(&other);
     other.add_server("192.0.2.1", Temper::good);
-    other.script = [&](const Bytes &question, const std::string &) {
+    other.script = [&](const Bytes &query, const std::string &) {
       const bool lowers = !other.by_tcp || !by_udp_alone;
-      return answer_to(question, lowers ? Temper::lowers_case : Temper::good);
+      return answer_to(query, lowers ? Temper::lowers_case : Temper::good);
     };
     for (int i = 0; i < 20; ++i) {
       if (i % 10 == 0) other.now_us += dns::kLowerUs;

@@ -1,6 +1,5 @@
-// fork_test - processes: what becomes of a context in a child that is forked while it runs or rests, and what becomes
-// of the standard streams' descriptors where the host has closed them. A child says in words what was not as it should
-// be.
+// fork_test - processes: a context in a child that is forked while the context runs or is closed, and the standard
+// streams' descriptors where the host has closed them. A child reports in words what was wrong.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <host_test.h>
@@ -19,7 +18,7 @@ namespace {
 
 using namespace testbed;
 
-// In a child: ends it with what was not true.
+// In a child: ends it with the failed condition.
 #define CHECKED(expression) \
   if (!(expression)) return "line " + std::to_string(__LINE__) + ": " #expression
 
@@ -47,7 +46,7 @@ std::string in_child(const std::function<std::string()> &body) {
 
 using ForkTest = LiveAndDeadTest;
 
-// refused checks that a child's every call on a context of its parent's that runs there ends at once.
+// refused checks that every call of a child on a context that runs in its parent ends at once.
 std::string refused(KAVO kavo, KAVO_QUERY_NODE node, KAVO_QUERY_NODE bell, KAVO_ANSWER_ITERATOR iterator) {
   const TempDir directory;
   const std::string path = directory.file("any");
@@ -94,7 +93,7 @@ std::string refused(KAVO kavo, KAVO_QUERY_NODE node, KAVO_QUERY_NODE bell, KAVO_
   return "";
 }
 
-// works checks that a context is opened, asks and is closed.
+// works checks that a context opens, asks and closes.
 std::string works(KAVO kavo) {
   CHECKED(kavo_open(kavo) == KAVOE_OK);
   Answers answers;
@@ -110,7 +109,7 @@ TEST_F(ForkTest, ARunningContextStaysItsParentsAndAChildMakesItsOwn) {
   Host host(2, 1 << 16), resting;
   resting.server(server_.port()).zone(KAVOT_BL_IP, "live.list");
   const size_t with_resting = open_descriptors() - 2;  // without the running one's pipe
-  host.server(slow.port()).zone(KAVOT_BL_IP, "slow.list").patient().open();
+  host.server(slow.port()).zone(KAVOT_BL_IP, "slow.list").long_timeout().open();
   Node node(host, KAVOT_BL_IP, "192.0.2.1"), bell(host);
   KAVO_ANSWER_ITERATOR iterator = kavo_alloc_answer_iterator();
   const HandServer::Query query = slow.receive();
@@ -122,7 +121,7 @@ TEST_F(ForkTest, ARunningContextStaysItsParentsAndAChildMakesItsOwn) {
     std::string words = refused(host, node, bell, iterator);
     if (!words.empty()) return words;
     CHECKED(kavo_close(host) == KAVOE_OK);
-    CHECKED(open_descriptors() == with_resting + 1);  // and the one that these words take
+    CHECKED(open_descriptors() == with_resting + 1);  // and the one for the report
     CHECKED(kavo_nactive(host) == KAVOE_SRV);
     CHECKED(kavo_free(host) == KAVOE_OK);
     words = works(resting);

@@ -1,6 +1,6 @@
-// lifecycle_test - a context's life as a host sees it: the order of calls, who may do what when, how nodes are held and
-// shared, how waits end, and what is left behind. Names that nobody answers go to a list server that is dead on
-// request.
+// lifecycle_test - a context's life as a host sees it: the order of calls, which calls each state allows, how nodes are
+// held and shared, how waits end, and that nothing leaks. Names that must stay unanswered go to a list zone that is
+// dead on request.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <host_test.h>
@@ -98,14 +98,14 @@ TEST_F(LifecycleTest, StoppedContextRefusesQuestions) {
 TEST_F(LifecycleTest, FastCloseFailsWhatIsInFlightAndWakesItsWaiters) {
   Host host(4);
   host.server(server_.port()).zone(KAVOT_BL_IP, "dead.list");
-  host.patient().open();
+  host.long_timeout().open();
   Node node(host, KAVOT_BL_IP, "192.0.2.1");
   std::array<KAVO_ERR, 3> results{};
   std::vector<std::jthread> waiters;
   for (KAVO_ERR &result : results)
     waiters.emplace_back([&node, &result] { result = node.wait(KAVOWT_FULL); });
   ASSERT_EQ(node.wait(KAVOWT_NONE), KAVOE_OK);
-  // Time for the waiters to sleep; one that comes too late is refused, which is as good.
+  // Time for the waiters to sleep; a waiter that comes too late is refused, which is as good.
   std::this_thread::sleep_for(std::chrono::milliseconds(kShortMs));
   ASSERT_EQ(kavo_close(host), KAVOE_OK);
   waiters.clear();
@@ -176,7 +176,7 @@ TEST_F(LifecycleTest, SubscriptionsCheckTheirArguments) {
               kavo_subscribe_node_serv(nullptr, KAVOT_DNS_A, root, nullptr, 0, nullptr, &node),
               kavo_subscribe_node_dcache(nullptr, KAVOT_DNS_A, root, nullptr, nullptr, &node),
               kavo_subscribe_syncnode(nullptr, nullptr, &node), kavo_subscribe_syncnode(host, nullptr, nullptr)});
-  EXPECT_EQ(kavo_nactive(host), 0u) << "no failure leaves a hold behind";
+  EXPECT_EQ(kavo_nactive(host), 0u) << "no failure leaves a node held";
 
   // The shortest and the longest texts, the latter with a letter in its longest writing.
   std::string longest;
@@ -280,7 +280,7 @@ TEST_F(LifecycleTest, DeadlinesSaturateAndDelaysNeverRunBackwards) {
   EXPECT_EQ(value.tv_usec, -500000);
   EXPECT_EQ(kavo_time_milli_timeval(1, nullptr), KAVOE_BADPAR);
 
-  // A deadline lies its span from the moment of the call, and is written as the span is: both parts of one sign.
+  // A deadline is its span after the call, and is written as the span is: both parts have the same sign.
   constexpr int64_t kMicro = 1000000;
   timeval now{}, after{}, deadline{};
   const auto micro = [](const timeval &moment) { return moment.tv_sec * kMicro + moment.tv_usec; };
@@ -299,7 +299,7 @@ TEST_F(LifecycleTest, DeadlinesSaturateAndDelaysNeverRunBackwards) {
     for (const int sign : {1, -1})
       expect_from_now({sign * sec, sign * usec}, {sign * sec, sign * usec});
   expect_from_now({INT_MIN, -999999}, {INT_MIN, -999999});
-  // What is no span counts as none.
+  // An invalid span counts as none.
   for (const auto &[sec, usec] : Spans{{0, 1000000}, {5, -1}, {1, -1}, {5, 1000000}})
     for (const int sign : {1, -1})
       expect_from_now({sign * sec, sign * usec}, {0, 0});
@@ -372,12 +372,12 @@ TEST_F(LifecycleTest, NamesOptionsAndCodesKeepTheirBounds) {
   EXPECT_EQ(kavo_get_ext_cache(host, KAVOCT_ANS), nullptr);
 }
 
-TEST_F(LifecycleTest, ManyLivesLeaveNoDescriptorBehind) {
+TEST_F(LifecycleTest, ManyLivesLeakNoDescriptor) {
   constexpr int kLives = 200;
   const auto live = [this](bool abandon) {
     Host host(4);
     host.server(server_.port()).zone(KAVOT_BL_IP, abandon ? "dead.list" : "live.list");
-    host.patient().open();
+    host.long_timeout().open();
     Answers answers;
     const std::string subject = address_bytes("192.0.2.1");
     EXPECT_EQ(answers.query(host, KAVOT_BL_IP, subject, 0, abandon ? 1 : kLongMs), abandon ? KAVOE_TIMEOUT : KAVOE_OK);

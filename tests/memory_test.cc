@@ -1,5 +1,5 @@
-// memory_test.cc - what contexts and outstanding questions cost, as the allocator counts it, and what becomes of a
-// context that gets no more. The server is a socket that no process reads, so that every question stays outstanding.
+// memory_test.cc - the memory of contexts and outstanding questions, as the allocator counts it, and a context whose
+// allocations fail. The server is a socket that no process reads, so that every question stays outstanding.
 #include <gtest/gtest.h>
 #include <hand_server.h>
 #include <kavo.h>
@@ -12,7 +12,7 @@
 namespace {
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kCounts = false;  // the sanitizers' allocators keep books of their own
+constexpr bool kCounts = false;  // the sanitizers' allocators count differently
 #else
 constexpr bool kCounts = true;
 #endif
@@ -47,7 +47,7 @@ KAVO make(int table_size, uint16_t port) {
   return kavo;
 }
 
-// ask asks up to so many questions, as long as the context takes them.
+// ask asks up to `questions` questions, as long as the context takes them.
 std::vector<KAVO_QUERY_NODE> ask(KAVO kavo, size_t questions) {
   std::vector<KAVO_QUERY_NODE> nodes;
   KAVO_QUERY_NODE node = nullptr;
@@ -109,14 +109,14 @@ TEST(Memory, AnOutstandingQuestionCostsLessThanOneKibibyte) {
   EXPECT_EQ(kavo_free(kavo), KAVOE_OK);
 }
 
-TEST(Memory, AContextThatFailedForWantOfItIsConfiguredAndOpenedAgain) {
+TEST(Memory, AContextThatRanOutOfItIsConfiguredAndOpenedAgain) {
   if (!kCounts) GTEST_SKIP() << "the sanitizer's allocator does not fail";
   constexpr int kQuestions = 1000;
   const testbed::HandServer silence;
   KAVO kavo = make(kQuestions, silence.port());
   nothing_grows = true;  // the list of sockets, for one
   std::vector<KAVO_QUERY_NODE> lost = ask(kavo, kQuestions);
-  // Neither who waits for an answer nor who waits for room is left behind by the thread that fails.
+  // The thread that fails ends the waits for an answer and the waits for room.
   std::thread asker(
       [&] { (void)kavo_wait_multiple_nodes(kavo, lost.data(), kQuestions, KAVOWT_FULL, 1, nullptr, nullptr); });
   std::thread guest([&] {

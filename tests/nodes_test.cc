@@ -25,7 +25,7 @@ using NodesTest = LiveAndDeadTest;
 // A context whose list questions about addresses stay open until it is closed.
 class PendingTest : public NodesTest {
  protected:
-  PendingTest() { host_.server(server_.port()).zone(KAVOT_BL_IP, "dead.list").patient(); }
+  PendingTest() { host_.server(server_.port()).zone(KAVOT_BL_IP, "dead.list").long_timeout(); }
   Host host_{4};
 };
 
@@ -46,7 +46,7 @@ TEST_F(PendingTest, WaitsRunOutAndLeaveTheNodeAsItWas) {
 
 TEST_F(NodesTest, ALookIntoTheCacheEndsTheWaitForItAndNoMore) {
   Host host(4, 1 << 16);
-  host.server(server_.port()).zone(KAVOT_BL_IP, "dead.list").patient().open();
+  host.server(server_.port()).zone(KAVOT_BL_IP, "dead.list").long_timeout().open();
   const Node node(host, KAVOT_BL_IP, "192.0.2.1");
   for (const KAVO_WAIT_LEVEL level : {KAVOWT_CACHE, KAVOWT_NONE})
     EXPECT_EQ(node.wait(level), KAVOE_OK) << level;
@@ -108,12 +108,12 @@ TEST_F(PendingTest, OneSignalReleasesOneOfTwoWaiters) {
     waiter.join();
 }
 
-// A list of the host's own, shown to the library node by node.
+// A list of the host's own, which the library reads node by node.
 struct HostList {
   std::vector<KAVO_QUERY_NODE> nodes;
   unsigned claimed = 2;  // what count() says
   size_t at = 0;
-  std::atomic<size_t> shown = SIZE_MAX;  // nodes at most that it lets be seen
+  std::atomic<size_t> shown = SIZE_MAX;  // at most so many nodes are visible
 
   static HostList &of(void *list) { return *static_cast<HostList *>(list); }
   KAVO_NODELIST_ITERATOR iterator() {
@@ -171,7 +171,7 @@ TEST_F(PendingTest, ArrayWaitTakesEverySignalAListWaitOne) {
 TEST_F(PendingTest, AListWaitEndsWhateverNodeOfTheListEndsIt) {
   host_.open();
   Node bell(host_), whistle(host_), horn(host_);
-  // More than it counts, of which the last one never comes; and one that grows while it is waited for.
+  // One list has more nodes than it counts, and the last is never signalled; the other grows during the wait.
   HostList surplus, growing;
   surplus.nodes = growing.nodes = {bell, whistle, horn};
   growing.shown = 1;
@@ -179,7 +179,7 @@ TEST_F(PendingTest, AListWaitEndsWhateverNodeOfTheListEndsIt) {
   const auto wait = [this](KAVO_NODELIST_ITERATOR *list, int full) {
     EXPECT_EQ(kavo_wait_nodelist(host_, list, KAVOWT_FULL, full, Deadline(kLongMs)), KAVOE_OK);
   };
-  // Time for the waiters to sleep; one that comes later finds what it waits for.
+  // Time for the waiters to sleep; a waiter that comes later finds its node signalled.
   const auto later = [] { std::this_thread::sleep_for(std::chrono::milliseconds(kShortMs)); };
   std::thread all_waiter(wait, &two_of_three, 1);
   later();
@@ -202,7 +202,7 @@ TEST_F(PendingTest, OnlyAHoldOfTheCallersOwnIsDropped) {
   EXPECT_EQ(kavo_unsubscribe_node(host_, node), KAVOE_BADPAR) << "the one that is left is the server thread's";
   EXPECT_EQ(kavo_nactive(host_), 1u);
   Node again(host_, KAVOT_BL_IP, "192.0.2.1");
-  EXPECT_EQ(static_cast<KAVO_QUERY_NODE>(again), node) << "which it still is";
+  EXPECT_EQ(static_cast<KAVO_QUERY_NODE>(again), node) << "it is still the same node";
 }
 
 TEST_F(NodesTest, FullTableMakesOthersWaitUntilTheirDeadline) {
@@ -218,7 +218,7 @@ TEST_F(NodesTest, FullTableMakesOthersWaitUntilTheirDeadline) {
   EXPECT_EQ(static_cast<KAVO_QUERY_NODE>(same), static_cast<KAVO_QUERY_NODE>(first)) << "joining needs no room";
 
   std::atomic<bool> in{false};
-  std::thread patient([&host, &in] {
+  std::thread waiter([&host, &in] {
     KAVO_QUERY_NODE node = nullptr;
     EXPECT_EQ(kavo_subscribe_node_p(host, KAVOT_BL_IP, "192.0.2.2", 0, nullptr, &node), KAVOE_OK);
     in = true;
@@ -228,9 +228,10 @@ TEST_F(NodesTest, FullTableMakesOthersWaitUntilTheirDeadline) {
   std::this_thread::sleep_for(std::chrono::milliseconds(kShortMs));
   EXPECT_FALSE(in) << "one hold is left";
   same.drop();
-  patient.join();
+  waiter.join();
 
-  // A freed block is found again, or gives way to another question: many more than the table holds pass through it.
+  // A freed node is found again or replaced by another question: many more questions than the table holds pass through
+  // it.
   for (int i = 0; i < 100; ++i) {
     const std::string subject = i % 3 == 0 ? "192.0.2.1" : "192.0.2." + std::to_string(i);
     Node node(host, KAVOT_BL_IP, subject);
@@ -240,7 +241,7 @@ TEST_F(NodesTest, FullTableMakesOthersWaitUntilTheirDeadline) {
   EXPECT_EQ(kavo_nactive(host), 0u);
 }
 
-// The line of statistics counts who joined a node, who found none free and who gave up waiting for one.
+// The line of statistics counts the subscriptions that joined a node, found none free, or gave up waiting for one.
 TEST_F(PendingTest, WhatBecameOfSubscriptionsIsCounted) {
   std::string lines;
   kavo_set_log_cb(
@@ -262,7 +263,7 @@ TEST_F(PendingTest, WhatBecameOfSubscriptionsIsCounted) {
   kavo_set_log_cb(nullptr, nullptr);
 }
 
-TEST_F(NodesTest, TwoWhoWaitForRoomWithOneQuestionTakeOnePlace) {
+TEST_F(NodesTest, TwoThreadsThatWaitForRoomWithOneQuestionTakeOnePlace) {
   Host host(2);
   host.server(server_.port()).zone(KAVOT_BL_IP, "live.list").open();
   Node first(host), second(host);
@@ -273,7 +274,7 @@ TEST_F(NodesTest, TwoWhoWaitForRoomWithOneQuestionTakeOnePlace) {
       EXPECT_EQ(kavo_subscribe_node_p(host, KAVOT_BL_IP, "192.0.2.1", 0, nullptr, &node), KAVOE_OK);
     });
   }
-  // Time for both to wait for room; one that comes later joins at once.
+  // Time for both to wait for room; a thread that comes later joins at once.
   std::this_thread::sleep_for(std::chrono::milliseconds(kShortMs));
   first.drop();
   second.drop();
@@ -287,7 +288,7 @@ TEST_F(NodesTest, TwoWhoWaitForRoomWithOneQuestionTakeOnePlace) {
 
 TEST_F(NodesTest, SameQuestionSharesItsNode) {
   Host host;
-  host.server(server_.port()).zone(KAVOT_BL_DOM, "dead.list").patient().open();
+  host.server(server_.port()).zone(KAVOT_BL_DOM, "dead.list").long_timeout().open();
   Node plain(host, KAVOT_BL_DOM, "Mail.Example.ORG"), lower(host, KAVOT_BL_DOM, "mail.example.org");
   Node packet(host, KAVOT_BL_DOM, "mail.example.org", KAVOQF_PKT);
   Node recursive(host, KAVOT_BL_DOM, "mail.example.org", KAVOQF_RECURSIVE);
@@ -333,8 +334,8 @@ TEST_F(NodesTest, SameQuestionSharesItsNode) {
   EXPECT_EQ(kavo_nactive(host), 3u);
 }
 
-// An answer cache of the host's that holds an expired entry for every question; what it says is chosen by the first
-// digit of the question's name.
+// An answer cache of the host's that holds an expired entry for every question; the first digit of the name chooses its
+// answer.
 struct StaleCache : dns_cacher {
   StaleCache() : dns_cacher{&kOps} {}
 
@@ -364,7 +365,7 @@ struct StaleCache : dns_cacher {
                                           [](dns_cacher *, int, const void *, unsigned) { return -1; }};
 };
 
-TEST_F(PendingTest, ExpiredEntriesSpeakAsTheyDidWhenTheyLived) {
+TEST_F(PendingTest, ExpiredEntriesAnswerAsTheyDidWhenFresh) {
   static StaleCache stale;
   ASSERT_EQ(kavo_set_ext_cache(host_, KAVOCT_ANS, &stale), KAVOE_OK);
   host_.open();
@@ -379,13 +380,13 @@ TEST_F(PendingTest, ExpiredEntriesSpeakAsTheyDidWhenTheyLived) {
     ASSERT_EQ(all.size(), 1u);
     EXPECT_EQ(all[0].cache_code, KAVOCC_OLD);
     EXPECT_EQ(all[0].zone, 1);
-    EXPECT_EQ(node.wait(KAVOWT_FULL, kShortMs), KAVOE_TIMEOUT) << "the question itself goes on";
+    EXPECT_EQ(node.wait(KAVOWT_FULL, kShortMs), KAVOE_TIMEOUT) << "the question itself continues";
   }
   ASSERT_EQ(kavo_close(host_), KAVOE_OK);
   ASSERT_EQ(kavo_open(host_), KAVOE_OK);
   Node failed(host_, KAVOT_BL_IP, "192.0.2.2");
   EXPECT_EQ(failed.wait(KAVOWT_NONE), KAVOE_OK);
-  EXPECT_EQ(failed.wait(KAVOWT_DCACHE, kShortMs), KAVOE_TIMEOUT) << "a server's failure is not news";
+  EXPECT_EQ(failed.wait(KAVOWT_DCACHE, kShortMs), KAVOE_TIMEOUT) << "an expired failure is no answer";
   ASSERT_EQ(kavo_close(host_), KAVOE_OK);
   EXPECT_EQ(kavo_set_ext_cache(host_, KAVOCT_ANS, nullptr), KAVOE_OK);
 }
@@ -423,7 +424,7 @@ TEST_F(NodesTest, NameThatGrowsTooLongWithItsZoneFailsItsNodeOnly) {
     EXPECT_EQ(kavo_dns_dnlen(dn.data()), size);
   }
   EXPECT_EQ(kavo_nactive(host), 0u);
-  EXPECT_EQ(answers.query(host, KAVOT_BL_DOM, "example"), KAVOE_OK) << "the server thread goes on";
+  EXPECT_EQ(answers.query(host, KAVOT_BL_DOM, "example"), KAVOE_OK) << "the server thread continues";
 
   // Of several zones the one that makes it too long fails alone.
   Host two;
@@ -436,7 +437,7 @@ TEST_F(NodesTest, NameThatGrowsTooLongWithItsZoneFailsItsNodeOnly) {
 TEST_F(NodesTest, AZoneThatIsNoNameFailsAlone) {
   const std::string bad = std::string(70, 'x') + ".list";
   Host host;
-  host.server(server_.port()).patient();
+  host.server(server_.port()).long_timeout();
   for (const char *zone : {"live.list", bad.c_str(), "dead.list"})
     host.zone(KAVOT_BL_IP, zone);
   host.zone(KAVOT_BL_IP_TXT, bad.c_str()).zone(KAVOT_BL_IP_TXT, "live.list");

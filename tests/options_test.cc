@@ -1,6 +1,6 @@
-// options_test.cc - what the settings of a context change, as seen by servers that the test itself plays: what their
-// queries carry, whom they go to, whose answers are believed. Nothing here waits for a timeout: what must not be
-// believed comes first, and what is right after it by the same road.
+// options_test.cc - the settings of a context, as seen by servers that the test itself plays: what queries carry, which
+// server they go to, whose answers are believed. Nothing here waits for a timeout: the answer that must not be believed
+// comes first, and the right one after it on the same socket.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <host_test.h>
@@ -16,7 +16,8 @@ namespace {
 
 using namespace testbed;
 
-// cookie_size is that of a query's COOKIE option (RFC 7873), which is the only option that queries have; 0 without one.
+// cookie_size returns the size of a query's COOKIE option (RFC 7873), which is the only option that queries have; 0
+// without one.
 size_t cookie_size(const HandServer::Query &query) {
   constexpr size_t kOptHead = 11, kOptionHead = 4;
   constexpr uint8_t kCookie = 10;
@@ -38,8 +39,8 @@ std::string the_answer(KAVO kavo, const Node &node) {
 TEST_F(OptionsTest, OnlyExpectedStrangersAreBelieved) {
   const HandServer server, expected("127.0.0.9"), stranger("127.0.0.8");
   Host host;
-  host.server(server.port()).patient();
-  // Whom of the two the host believes: the stranger, who is faster, or its server.
+  host.server(server.port()).long_timeout();
+  // The answer that the host believes: the stranger's, which is faster, or its server's.
   const auto believed = [&](const HandServer &other) {
     host.open();
     const Node node(host, KAVOT_DNS_A, "who.example");
@@ -50,7 +51,7 @@ TEST_F(OptionsTest, OnlyExpectedStrangersAreBelieved) {
     EXPECT_EQ(kavo_close(host), KAVOE_OK);
     return answer;
   };
-  EXPECT_EQ(believed(expected), "127.0.0.2") << "a fresh context expects nobody";
+  EXPECT_EQ(believed(expected), "127.0.0.2") << "a fresh context expects no stranger";
   const in_addr address{htonl(INADDR_LOOPBACK + 8)};
   ASSERT_EQ(kavo_add_expserv(host, &address), 0);
   EXPECT_EQ(believed(expected), "127.0.0.66");
@@ -59,11 +60,11 @@ TEST_F(OptionsTest, OnlyExpectedStrangersAreBelieved) {
   EXPECT_EQ(believed(expected), "127.0.0.2");
 }
 
-// Cookies and the rotation of servers are bits of one word of the engine's.
+// Cookies and the rotation of servers are bits of one option of the engine's.
 TEST_F(OptionsTest, CookiesAndRotationAreSwitchedEachAlone) {
   const std::array<HandServer, 2> servers;
   Host host;
-  host.server(servers[0].port()).server(servers[1].port()).patient();
+  host.server(servers[0].port()).server(servers[1].port()).long_timeout();
   struct Seen {
     bool cookies, rotation;
     bool operator==(const Seen &) const = default;
@@ -98,11 +99,11 @@ TEST_F(OptionsTest, CookiesAndRotationAreSwitchedEachAlone) {
   EXPECT_EQ(seen(), (Seen{true, false}));
 }
 
-TEST_F(OptionsTest, DenialsThatSayNotForHowLongAreKeptForTheNegativeTtl) {
+TEST_F(OptionsTest, NegativeAnswersWithoutSoaAreKeptForTheNegativeTtl) {
   const HandServer server;
   Host host(8, 1 << 16);
-  host.server(server.port()).patient();
-  // Whether a negative answer is found in the cache when the name is asked for again.
+  host.server(server.port()).long_timeout();
+  // Whether the second question for a name finds its negative answer in the cache.
   const auto kept = [&](const char *name) {
     bool found = false;
     host.open();

@@ -1,6 +1,6 @@
-// outcome_test.cc - what the engine makes of answers in a simulated network that are neither records nor plain negative
-// answers: errors, negative answers by the wrong zone or without authority, what goes into the cache of them and what
-// does not; what is no answer at all, and what a stranger's counts for.
+// outcome_test.cc - how the engine takes answers that are neither records nor plain negative answers, in a simulated
+// network: errors, negative answers of the wrong zone or without authority and their caching, packets that are no
+// answer, and the answers of strangers.
 #include <cache_entry.h>
 #include <gtest/gtest.h>
 #include <packet.h>
@@ -26,9 +26,9 @@ using testbed::kRcodeAt;
 using testbed::Packet;
 using testbed::question_end;
 
-// without_soa denies as an honest server does, but says not by which zone.
-Bytes without_soa(const Bytes &question, bool authoritative) {
-  Bytes answer = answer_to(question, Temper::good);
+// without_soa is an honest negative answer without its SOA record.
+Bytes without_soa(const Bytes &query, bool authoritative) {
+  Bytes answer = answer_to(query, Temper::good);
   answer.resize(question_end(answer));
   answer[kAuthorityAt] = 0;
   if (!authoritative) answer[kFlagsAt] &= static_cast<uint8_t>(~kAa);
@@ -49,8 +49,8 @@ class Outcome : public Engine {
         },
         this);
   }
-  // outcome asks and returns the status; `packets` is how many queries that took, `codes` what was told, the last time
-  // with the round trip of `told_rtt_ms`.
+  // outcome resolves a name and returns the status. `packets` counts the queries sent, `codes` holds the debug events,
+  // and `told_rtt_ms` the round trip of the last one.
   dns_status outcome(const std::string &name, const std::vector<std::string> &servers = {}, unsigned flags = 0) {
     world.packets_sent = 0;
     codes.clear();
@@ -69,8 +69,8 @@ class Outcome : public Engine {
 TEST_F(Outcome, EveryErrorOfAServerHasItsStatus) {
   uint8_t rcode = 0;
   world.add_server("192.0.2.1", Temper::good);
-  world.script = [&rcode](const Bytes &question, const std::string &) {
-    Bytes answer = answer_to(question, Temper::refuses);
+  world.script = [&rcode](const Bytes &query, const std::string &) {
+    Bytes answer = answer_to(query, Temper::refuses);
     answer[kRcodeAt] = rcode;
     return answer;
   };
@@ -87,11 +87,11 @@ TEST_F(Outcome, EveryErrorOfAServerHasItsStatus) {
   }
 }
 
-TEST_F(Outcome, ADenialByAnotherZoneEndsTheQuestionAndIsNotKept) {
+TEST_F(Outcome, ANegativeAnswerOfAnotherZoneEndsTheQueryAndIsNotKept) {
   bool stray = true;
   world.add_server("192.0.2.1", Temper::good);
-  world.script = [&stray](const Bytes &question, const std::string &) {
-    Bytes answer = answer_to(question, Temper::good);
+  world.script = [&stray](const Bytes &query, const std::string &) {
+    Bytes answer = answer_to(query, Temper::good);
     static constexpr uint8_t kOther[] = {5, 'o', 't', 'h', 'e', 'r'};
     if (stray) answer.insert(answer.begin() + static_cast<long>(question_end(answer)), kOther, std::end(kOther));
     return answer;
@@ -112,33 +112,33 @@ TEST_F(Outcome, ADenialByAnotherZoneEndsTheQuestionAndIsNotKept) {
   }
 }
 
-TEST_F(Outcome, AServerThatIsAskedForItsCacheDeniesWithAuthorityOnly) {
+TEST_F(Outcome, ADirectServersNegativeAnswerNeedsAuthority) {
   bool authoritative = true;
   world.add_server("192.0.2.1", Temper::good);
-  world.script = [&authoritative](const Bytes &question, const std::string &server) {
-    return server == "192.0.2.9" ? without_soa(question, authoritative) : answer_to(question, Temper::good);
+  world.script = [&authoritative](const Bytes &query, const std::string &server) {
+    return server == "192.0.2.9" ? without_soa(query, authoritative) : answer_to(query, Temper::good);
   };
   const std::vector<std::string> direct = {"192.0.2.9"};
   EXPECT_EQ(outcome("empty-1.list.test", direct, DNS_DCACHE), DNS_E_NODATA);
   EXPECT_EQ(packets, 1U);
   authoritative = false;
   EXPECT_EQ(outcome("empty-2.list.test", direct, DNS_DCACHE), DNS_E_NODATA);
-  EXPECT_EQ(packets, 2U) << "what it does not know the context's server is asked for";
+  EXPECT_EQ(packets, 2U) << "the context's server is asked for what the other does not know";
   EXPECT_EQ(outcome("empty-3.list.test", direct), DNS_E_NODATA);
-  EXPECT_EQ(packets, 1U) << "an ordinary question believes a resolver";
+  EXPECT_EQ(packets, 1U) << "an ordinary query believes a resolver";
 }
 
 TEST_F(Outcome, AnAnswerForNoTimeIsKeptOnlyByACacheThatKeepsAll) {
   world.add_server("192.0.2.1", Temper::good);
   bool lasts = true;
-  world.script = [&lasts](const Bytes &question, const std::string &) {
-    Bytes answer = answer_to(question, Temper::good);
+  world.script = [&lasts](const Bytes &query, const std::string &) {
+    Bytes answer = answer_to(query, Temper::good);
     if (std::exchange(lasts, false)) return answer;
     constexpr size_t kTtlAt = 6;  // in a record whose owner is a pointer
     std::fill_n(answer.begin() + static_cast<long>(question_end(answer) + kTtlAt), 4, uint8_t{0});
     return answer;
   };
-  // Of two that are asked at once the later answer forgets the one before.
+  // Of two queries sent at once, the later answer removes the earlier one from the cache.
   for (const char *name : {"listed-1.list.test", "LISTED-1.list.test"})
     queries.ask(name);
   ASSERT_TRUE(world.run());
@@ -157,9 +157,9 @@ TEST_F(Outcome, AnAnswerForNoTimeIsKeptOnlyByACacheThatKeepsAll) {
 TEST_F(Outcome, ExtendedErrorsCount) {
   uint8_t high = 1;
   world.add_server("192.0.2.1", Temper::good);
-  world.script = [&high](const Bytes &question, const std::string &) {
-    Bytes answer = answer_to(question, Temper::good);
-    if (question[11] == 0) return answer;
+  world.script = [&high](const Bytes &query, const std::string &) {
+    Bytes answer = answer_to(query, Temper::good);
+    if (query[11] == 0) return answer;
     const uint8_t opt[] = {0, 0, DNS_T_OPT, 4, 0, high, 0, 0, 0, 0, 0};
     answer.insert(answer.end(), std::begin(opt), std::end(opt));
     answer[11] = 1;
@@ -186,13 +186,13 @@ TEST_F(Outcome, ARoundTripCountsForTheServerThatAnsweredByUdp) {
   EXPECT_EQ(figures(0), Figures(1, 20));
   EXPECT_EQ(told_rtt_ms, 20);
   world.now_us += 1000;
-  world.delays_us["192.0.2.1"] = 90'000;  // when the second server is waited for
+  world.delays_us["192.0.2.1"] = 90'000;  // while the attempt at the second server waits
   EXPECT_EQ(outcome("listed-2.list.test"), DNS_E_NOERROR);
   EXPECT_EQ(packets, 2U);
   EXPECT_EQ(figures(0), Figures(2, 90));
   EXPECT_EQ(figures(1), Figures(0, 0));
   EXPECT_LT(told_rtt_ms, 40) << "since the last attempt";
-  world.delays_us["192.0.2.1"] = 300'000;  // when it has been asked twice
+  world.delays_us["192.0.2.1"] = 300'000;  // after the second attempt
   EXPECT_EQ(outcome("listed-3.list.test", {"192.0.2.1"}), DNS_E_NOERROR);
   EXPECT_EQ(packets, 2U);
   EXPECT_EQ(figures(0), Figures(3, 300));
@@ -202,15 +202,13 @@ TEST_F(Outcome, ARoundTripCountsForTheServerThatAnsweredByUdp) {
   EXPECT_EQ(figures(0), Figures(5, 70));
 }
 
-TEST_F(Outcome, ADenialWithoutAZoneIsKeptForTheDefaultTimeAlone) {
-  bool says_zone = false;
+TEST_F(Outcome, ANegativeAnswerWithoutSoaIsKeptForTheDefaultTimeAlone) {
+  bool has_soa = false;
   world.add_server("192.0.2.1", Temper::good);
-  world.script = [&says_zone](const Bytes &question, const std::string &) {
-    if (question[DNS_HSIZE] == 5)
-      return Packet::reply(question)
-          .add(testbed::kQuestionPointer, DNS_T_CNAME, testbed::dn("empty-3.list.test"))
-          .bytes;
-    return says_zone ? answer_to(question, Temper::good) : without_soa(question, true);
+  world.script = [&has_soa](const Bytes &query, const std::string &) {
+    if (query[DNS_HSIZE] == 5)
+      return Packet::reply(query).add(testbed::kQuestionPointer, DNS_T_CNAME, testbed::dn("empty-3.list.test")).bytes;
+    return has_soa ? answer_to(query, Temper::good) : without_soa(query, true);
   };
   const auto expect_asked = [this](const char *name, const std::vector<unsigned> &times) {
     for (const unsigned asked : times) {
@@ -222,17 +220,17 @@ TEST_F(Outcome, ADenialWithoutAZoneIsKeptForTheDefaultTimeAlone) {
     ASSERT_EQ(dns_cacher_setopt(dns_cache_cacher(cache_.get()), DNS_CROPT_DEFTTL, &kept_s, sizeof kept_s), 0);
     for (const char *name : {"empty-1.list.test", "gone-1.list.test"})
       expect_asked(name, {1, kept_s == 0 ? 1U : 0U});
-    expect_asked("alias.list.test", {2, kept_s == 0 ? 2U : 0U});
+    expect_asked("cname.list.test", {2, kept_s == 0 ? 2U : 0U});
   }
-  says_zone = true;
+  has_soa = true;
   expect_asked("empty-2.list.test", {1, 1});
 }
 
 TEST_F(Outcome, RecordsOfANameThatDoesNotExistAreNotBelieved) {
   for (const char *server : {"192.0.2.1", "192.0.2.2"})
     world.add_server(server, Temper::good);
-  world.script = [](const Bytes &question, const std::string &server) {
-    Bytes answer = answer_to(question, Temper::good);
+  world.script = [](const Bytes &query, const std::string &server) {
+    Bytes answer = answer_to(query, Temper::good);
     if (server == "192.0.2.1") answer[kRcodeAt] = DNS_R_NXDOMAIN;
     return answer;
   };
@@ -244,9 +242,9 @@ TEST_F(Outcome, RecordsOfANameThatDoesNotExistAreNotBelieved) {
 TEST_F(Outcome, ACookieThatIsRefusedOverTcpTooIsAnError) {
   world.add_server("192.0.2.1", Temper::bakes_cookies);
   set(&world, DNS_OPT_FLAGS, DNS_COOKIES);
-  world.script = [](Bytes question, const std::string &) {
-    question[question.size() - 16] = 0;  // where the server's part begins once it was told
-    return answer_to(question, Temper::bakes_cookies);
+  world.script = [](Bytes query, const std::string &) {
+    query[query.size() - 16] = 0;  // where the server's cookie begins once the engine has one
+    return answer_to(query, Temper::bakes_cookies);
   };
   EXPECT_EQ(outcome("listed-1.list.test"), DNS_E_FAIL);
   EXPECT_EQ(packets, 2U);
@@ -289,7 +287,7 @@ TEST_F(Engine, WhatDoesNotRepeatTheOneQuestionIsDropped) {
   expect_truth(asked);
 }
 
-TEST_F(Engine, AStrangersAnswerCountsForTheServerThatItStandsInFor) {
+TEST_F(Engine, AStrangersAnswerCountsForTheServerThatWasAsked) {
   for (const char *server : {"192.0.2.1", "192.0.2.2", "192.0.2.3"})
     world.add_server(server, Temper::dead);
   const sockaddr_in stranger = World::address_of("192.0.2.7", 0);

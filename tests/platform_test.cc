@@ -94,7 +94,7 @@ TEST_F(PelkSync, DeadlinesAheadAreKeptHoweverTheyAreWritten) {
     const timeval plain = moment(ahead);
     EXPECT_EQ(wait_until({plain.tv_sec - shift, plain.tv_usec + shift * kUsecPerSec}), PELK_TIMEDOUT);
     EXPECT_GE(now_us(), ahead);
-    EXPECT_LT(now_us(), ahead + kUsecPerSec);  // a second is what a carry gone wrong adds
+    EXPECT_LT(now_us(), ahead + kUsecPerSec);  // a wrong carry adds a second
   }
 }
 

@@ -1,5 +1,5 @@
-// records_zones_test.cc - record blocks and the zones file, from outside: what a host builds, copies, loads and gets
-// wrong.
+// records_zones_test.cc - record blocks and the zones file, from outside: what a host builds, copies and loads, and its
+// mistakes.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <kavo.h>
@@ -44,7 +44,7 @@ bool contains(const std::string &text, const std::string &part) {
   return text.find(part) != std::string::npos;
 }
 
-// describe reads a whole block through its public layout; its names and its array must lie in its used bytes.
+// describe reads a whole block through its public layout; its names and its array must be in its used bytes.
 std::string describe(KAVO_TYPE type, const KAVO_RR &rr) {
   if (type == KAVOT_PKT)
     return std::string(reinterpret_cast<const char *>(rr.rr_pkt->dnspkt_pkt), rr.rr_pkt->dnspkt_psize);
@@ -160,7 +160,7 @@ void set_text(KAVO_RR *rr, int i, int size, char *text) {
   rr->rr_txt->dnstxt_txt[i] = {size, text};
 }
 
-// expect_refused tells a lie about a block; the destination must end empty with nothing around it touched.
+// expect_refused falsifies a block; its copy must be empty, with nothing around it touched.
 void expect_refused(const char *what, KAVO_TYPE type, Rr source, void (*tell)(KAVO_RR *)) {
   SCOPED_TRACE(what);
   constexpr uint64_t kCanary = 0x5ca1ab1e5ca1ab1e;
@@ -178,7 +178,7 @@ void expect_refused(const char *what, KAVO_TYPE type, Rr source, void (*tell)(KA
 }
 
 // A host may lay out a block otherwise than the library does: the names apart and before the array, which ends with it.
-TEST(Records, PartsOfASourceMayStandInAnyOrder) {
+TEST(Records, PartsOfASourceMayBeInAnyOrder) {
   constexpr uint32_t kAddresses = 2 * sizeof(in_addr);
   constexpr size_t kQname = kArrayAt + kAddresses, kCname = kQname + 2, kEntries = kCname + 2 + 2;
   Rr source, copy;
@@ -195,7 +195,7 @@ TEST(Records, PartsOfASourceMayStandInAnyOrder) {
   ASSERT_EQ(kavo_rr_dup(KAVOT_DNS_A, source, copy), KAVOE_OK);
   EXPECT_EQ(describe(KAVOT_DNS_A, copy.rr), "300 x2 c q apart 127.0.0.2,127.0.0.3");
 
-  // The question's name may come to lie beyond what the source has used.
+  // The query name may be beyond the bytes that the source has used.
   constexpr uint32_t kShort = kCname + 2;
   source.rr.rr_mem->dnsm_written = kShort;
   source.rr.rr_null->dnsn_nrr = 0;
@@ -207,8 +207,8 @@ TEST(Records, PartsOfASourceMayStandInAnyOrder) {
   EXPECT_EQ(kavo_rr_dup(KAVOT_PKT, packet, copy), KAVOE_OK) << "a packet without bytes";
 }
 
-// A source that lies is refused, with a word in the log.
-TEST(Records, LyingSourcesAreRefused) {
+// A false source is refused, with a line in the log.
+TEST(Records, FalseSourcesAreRefused) {
   static char elsewhere[] = "elsewhere";
   using Lie = std::pair<const char *, void (*)(KAVO_RR *)>;
   const Lie of_lists[] = {
@@ -223,13 +223,13 @@ TEST(Records, LyingSourcesAreRefused) {
       {"null name", [](KAVO_RR *rr) { rr->rr_null->dnsn_cname = nullptr; }},
       {"name inside the record", [](KAVO_RR *rr) { rr->rr_null->dnsn_cname = at(rr, sizeof(dns_rr_mem)); }},
       {"name before the entries", [](KAVO_RR *rr) { rr->rr_null->dnsn_cname = at(rr, kArrayAt); }},
-      {"question's name elsewhere", [](KAVO_RR *rr) { rr->rr_null->dnsn_qname = elsewhere; }},
-      {"array that ends behind the block",
+      {"query name elsewhere", [](KAVO_RR *rr) { rr->rr_null->dnsn_qname = elsewhere; }},
+      {"array that ends after the block",
        [](KAVO_RR *rr) {
          rr->rr_null->dnsn_nrr = 1;
          rr->rr_ns->dnsns_ns = reinterpret_cast<char **>(at(rr, kavo_rr_get_size(rr) - 7));
        }},
-      {"name that ends behind the block", [](KAVO_RR *rr) { rr->rr_mem->dnsm_written -= 1; }},
+      {"name that ends after the block", [](KAVO_RR *rr) { rr->rr_mem->dnsm_written -= 1; }},
       {"name without an end", [](KAVO_RR *rr) { *at(rr, kavo_rr_get_size(rr) - 1) = 'x'; }}};
   const Lie of_texts[] = {
       {"negative text", [](KAVO_RR *rr) { rr->rr_txt->dnstxt_txt[0].len = -5; }},
@@ -422,7 +422,7 @@ TEST_F(Zones, ARunningContextKeepsItsZones) {
   ASSERT_EQ(load("#nonsense\n"), KAVOE_FILE);
   ASSERT_EQ(kavo_open(kavo_), KAVOE_OK);
   EXPECT_EQ(kavo_subscribe_node_p(kavo_, KAVOT_DNS_A, "example", 0, nullptr, &node), KAVOE_NOZONES)
-      << "a released map has no zone, not even the one that stands for none";
+      << "a released map has no zone, not even the one that means none";
   EXPECT_EQ(kavo_close(kavo_), KAVOE_OK);
 }
 

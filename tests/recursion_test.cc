@@ -1,5 +1,5 @@
-// recursion_test - questions that the library follows through a delegation tree by itself, large answers over TCP, and
-// what a resolver holds in its cache: all from real name servers, on addresses of their own that share a port.
+// recursion_test - questions that the library resolves iteratively through a delegation tree, large answers over TCP,
+// and what a resolver holds in its cache: all from real name servers, on addresses of their own that share a port.
 #include <gtest/gtest.h>
 #include <host_test.h>
 #include <kavo.h>
@@ -21,9 +21,8 @@ using Texts = std::vector<std::string>;
 constexpr int kCache = 1 << 22;
 constexpr const char *kSoa = "$TTL 300\n@ SOA ns1.a.test. admin.a.test. 1 3600 600 86400 300\n";
 
-// Traced is a host that counts the packets it sends, each once however often it is repeated, and the records of the
-// answers that come over TCP. Blocks that large are more than a host is given (KAVO_RR_SIZE_MAX): only its trace sees
-// them.
+// Traced is a host that counts the packets it sends, retransmissions left out, and the records of the answers that come
+// over TCP. Blocks that large exceed what a host is given (KAVO_RR_SIZE_MAX): only its trace sees them.
 struct Traced : Host {
   explicit Traced(int cache = kCache) : Host(256, cache) {
     EXPECT_EQ(kavo_set_trace(*this, count, this), KAVOE_OK);
@@ -44,7 +43,7 @@ struct Traced : Host {
       key.push_back(static_cast<char>(std::tolower(packet.dnsd_pkt[i])));
     return seen.insert(key).second;
   }
-  // ask returns the answer's text and, behind it, how many packets went out by UDP.
+  // ask returns the answer's text, followed by the number of packets sent by UDP.
   std::string ask(KAVO_TYPE type, const char *name, unsigned flags = 0) {
     const int before = by_udp;
     seen.clear();
@@ -93,7 +92,7 @@ TEST_F(TreeTest, IsWalkedOnceAndRemembered) {
     EXPECT_EQ(host.ask(KAVOT_DNS_A, "www.a.test"), "192.0.2.1 0");
     EXPECT_EQ(host.ask(KAVOT_DNS_A, "no.a.test"), "NXDOM 1");
     EXPECT_EQ(host.ask(KAVOT_DNS_TXT, "www.a.test"), "NODATA 1");
-    // Its server's name stands in the other zone: it is looked up there.
+    // Its server's name is in the other zone: it is looked up there.
     EXPECT_EQ(host.ask(KAVOT_DNS_A, "www.b.test"), "192.0.2.3 3");
     EXPECT_EQ(host.ask(KAVOT_DNS_TXT, "www.b.test"), "NODATA 1");
     EXPECT_EQ(host.ask(KAVOT_DNS_A, "To-B.a.test"), "192.0.2.3 2");
@@ -133,7 +132,7 @@ TEST_F(TreeTest, AResolverIsAskedForWhatItHolds) {
   EXPECT_EQ(host.ask(KAVOT_DNS_A, "to-b.a.test", KAVOQF_RECURSIVE), "192.0.2.3 1");
   EXPECT_EQ(host.ask(KAVOT_DNS_A, "to-none.a.test", KAVOQF_RECURSIVE), "NXDOM 1");
   EXPECT_EQ(host.ask(KAVOT_DNS_TXT, "www.a.test", KAVOQF_RECURSIVE), "NODATA 1");
-  // This one holds nothing of the kind, and points to others.
+  // This server holds no such data, and refers to others.
   sockaddr_in place = loopback(port_);
   place.sin_addr.s_addr = htonl(INADDR_LOOPBACK + 1);
   const auto *top = reinterpret_cast<const sockaddr *>(&place);

@@ -1,5 +1,5 @@
-// runs_test - where one run of a context ends and the next begins, while other threads are at work on it: who waits for
-// room, who holds a node, who configures; and threads that are cancelled on their way.
+// runs_test - the end of one run of a context and the beginning of the next, while other threads wait for room, hold
+// nodes or configure it; and threads that are cancelled in a call.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -21,7 +21,7 @@ using namespace testbed;
 
 using RunsTest = LiveAndDeadTest;
 
-TEST_F(RunsTest, WhoWaitsForRoomLeavesWithTheRun) {
+TEST_F(RunsTest, AWaitForRoomEndsWithTheRun) {
   Host host(1);
   host.server(server_.port()).zone(KAVOT_BL_IP, "live.list").open();
   Node held(host, KAVOT_BL_IP, "192.0.2.1");
@@ -29,7 +29,7 @@ TEST_F(RunsTest, WhoWaitsForRoomLeavesWithTheRun) {
   KAVO_QUERY_NODE none = nullptr, no_bell = nullptr;
   std::thread asker([&] { results[0] = kavo_subscribe_node_p(host, KAVOT_BL_IP, "192.0.2.2", 0, nullptr, &none); });
   std::thread ringer([&] { results[1] = kavo_subscribe_syncnode(host, nullptr, &no_bell); });
-  // Time for both to wait for room; one that comes too late is refused at once.
+  // Time for both to wait for room; a thread that comes too late is refused at once.
   std::this_thread::sleep_for(std::chrono::milliseconds(kShortMs));
   ASSERT_EQ(kavo_close(host), KAVOE_OK);
   held.drop();
@@ -44,7 +44,7 @@ TEST_F(RunsTest, WhoWaitsForRoomLeavesWithTheRun) {
 
 TEST_F(RunsTest, NodesOfOtherListsAreNotJoined) {
   Host host;
-  host.server(server_.port()).zone(KAVOT_BL_IP, "live.list").patient().open();
+  host.server(server_.port()).zone(KAVOT_BL_IP, "live.list").long_timeout().open();
   Node old(host, KAVOT_BL_IP, "192.0.2.1"), old_bell(host);
   ASSERT_EQ(old.wait(KAVOWT_FULL), KAVOE_OK);
   ASSERT_EQ(kavo_close(host), KAVOE_OK);
@@ -126,7 +126,7 @@ TEST_F(RunsTest, AContextsOwnCacheMayBeHandedBack) {
   EXPECT_EQ(kavo_cache_has(own, KAVOT_DNS_A, "kept", 4), KAVOE_OK);
 }
 
-// What a thread of the library's or one that is cancelled meets on its way: a pipe that the first who passes waits for.
+// Gate stops the first thread that passes it, until it is opened: a thread of the library, or one that is cancelled.
 struct Gate {
   Gate() { EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0); }
   ~Gate() { close(ends[0]), close(ends[1]); }
@@ -147,7 +147,8 @@ struct Gate {
   std::atomic<bool> met = false;
 };
 
-// SlowHost is a host whose cache is slow, and its log at the second question that cannot be asked.
+// SlowHost is a host whose cache stops the server thread, and so does its log at the second query that cannot be
+// submitted.
 struct SlowHost : dns_cacher {
   SlowHost() : dns_cacher{&kOps} {}
   static int look_up(dns_cacher *slow, dns_cdata *, dns_time) {
@@ -164,8 +165,9 @@ struct SlowHost : dns_cacher {
   int refused = 0;
 };
 
-// Who has a place but not yet the lock when the run ends gives the place back. The server thread has the lock: it says
-// of one question after the other that it cannot be asked, and the first one's place is free when it comes to the last.
+// A thread that has a place but not yet the lock when the run ends gives the place back. The server thread has the
+// lock: it logs one query after the other that cannot be submitted, and the first one's place is free when it logs the
+// last.
 TEST_F(RunsTest, APlaceThatCameWithTheEndOfTheRunIsGivenBack) {
   SlowHost slow;
   constexpr int kPlaces = 3;
@@ -181,7 +183,7 @@ TEST_F(RunsTest, APlaceThatCameWithTheEndOfTheRunIsGivenBack) {
     Node(host, KAVOT_BL_DOM, subject).drop();
   KAVO_QUERY_NODE none = nullptr;
   std::thread asker([&] { EXPECT_EQ(kavo_subscribe_syncnode(host, nullptr, &none), KAVOE_SRV); });
-  soon();  // time to wait for room, and then to be given it; one that comes later is refused at once
+  soon();  // time to wait for room, and then to be given it; a thread that comes later is refused at once
   slow.looked_up.open();
   slow.logged.meet();
   soon();

@@ -1,5 +1,4 @@
-// stored_test.cc - what a host keeps in streams of its own, from outside: record blocks and zones, possible ones and
-// others.
+// stored_test.cc - record blocks and zones in streams of a host, from outside: valid ones and impossible ones.
 #include <gtest/gtest.h>
 #include <host_test.h>
 #include <kavo.h>
@@ -13,7 +12,7 @@
 #include <vector>
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-// A block that grows moves, and leaves nothing behind where it was, as in the sanitizers' runs.
+// A block that grows moves, and its old place is cleared, as in the sanitizers' runs.
 extern "C" KAVO_EXPORT void *realloc(void *block, size_t size) {
   void *grown = malloc(size);
   if (grown == nullptr || block == nullptr) return grown;
@@ -238,7 +237,7 @@ TEST_F(StoredTest, ZonesComeBackUnderTheirNumbers) {
   EXPECT_EQ(kavo_zonesmap_init(narrow), KAVOE_OK);
   EXPECT_EQ(saved(narrow), fresh);
 
-  // Lists may come in any order, twice, or not at all; a name is what stands before its last byte.
+  // Lists may come in any order, twice, or not at all; a name is what precedes its last byte.
   const std::string odd = u32(2) + u32(10) + "a.exampleX" + u32(9) + zone_list({1}) + u32(1) + zone_list({1, 1}) +
                           u32(9) + zone_list({}) + u32(0);
   ASSERT_EQ(load(wide, reading(odd).get()), KAVOE_OK);

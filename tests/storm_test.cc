@@ -1,6 +1,6 @@
 // storm_test - many threads, a small table and a bad network at once: eight host threads ask random questions of a
-// server that loses 2 answers in 100, doubles some and brings the rest out of order. What an answer must be follows
-// from its question, so that an answer that went to the wrong question shows.
+// server that loses 2 answers in 100, doubles some and reorders the rest. The right answer follows from the question,
+// so that an answer to the wrong question shows.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <host_test.h>
@@ -27,13 +27,13 @@ constexpr int kBatch = 12;  // questions of one thread at once; all threads toge
 constexpr int kRounds = 2;
 constexpr int kQuestions = kSanitized ? 20'000 : 100'000;  // of one round
 constexpr int kQuestionsCached = kQuestions / 5;
-// A try is lost when its answer comes later than this; where everything is slow, it is not to blame.
+// An attempt is lost when its answer comes later than this; a slow build must not lose any.
 constexpr uint32_t kTryMs = kSanitized ? 400 : 40;
 constexpr uint32_t kTries = 50;
-constexpr unsigned kRoomMs = 20;  // how long a thread waits for room in the table before it empties its own hands
+constexpr unsigned kRoomMs = 20;  // how long a thread waits for room in the table before it drops its own nodes
 constexpr unsigned kIdleMax = testbed::kLongMs / kRoomMs;
 constexpr unsigned kHotSubjects = 16;
-constexpr size_t kHeapSlack = 256 << 10;  // what a round may leave behind in caches of the allocator
+constexpr size_t kHeapSlack = 256 << 10;  // what a round may leave in caches of the allocator
 
 constexpr unsigned kListedNet = 10;  // addresses of 10.x are listed by x, those of 11.x are not
 constexpr unsigned kOctets = 256;
@@ -92,7 +92,7 @@ Question domain_question(unsigned number) {
 
 Question random_question(std::mt19937 *chance) {
   const auto number = static_cast<unsigned>((*chance)());
-  // One question in eight is of a few that everybody asks, so that threads meet on nodes.
+  // One question in eight is one of a few that all threads ask, so that they share nodes.
   const unsigned subject = number % 8 == 0 ? (number >> 3) % kHotSubjects : static_cast<unsigned>((*chance)());
   return number >> 31 == 0 ? address_question(subject) : domain_question(subject);
 }
@@ -191,7 +191,7 @@ void storm(uint16_t port, unsigned round, int questions, int cache_size) {
   }
   EXPECT_GE(asked, questions);
   EXPECT_EQ(kavo_nactive(host), 0u);
-  // Nor has a place in the table been lost on the way.
+  // No place in the table has been lost either.
   std::vector<std::unique_ptr<testbed::Node>> places;
   for (int i = 0; i < kTable; ++i)
     places.push_back(std::make_unique<testbed::Node>(host));
@@ -199,7 +199,7 @@ void storm(uint16_t port, unsigned round, int questions, int cache_size) {
 
 class StormTest : public testbed::HostTest {
  protected:
-  // Runs equal rounds and sees to it that the second leaves nothing more behind than the first.
+  // Runs equal rounds and checks that the second leaves no more memory allocated than the first.
   void rounds(int questions, int cache_size) {
     ListServer server(zones_file(), {"--fault", "drop=2,dup=1,reorder=2"});
     size_t heap = 0, descriptors = 0;

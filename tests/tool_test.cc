@@ -1,5 +1,4 @@
-// The command `kavo` asked from a shell, against the list server: what it prints, and the exit status that a script
-// sees.
+// tool_test.cc - the command `kavo` in a shell, against the list server: what it prints, and its exit status.
 #include <gtest/gtest.h>
 #include <kavo.h>
 #include <list_server.h>
@@ -55,7 +54,7 @@ record @ MX 20 mx2.plain.test
 record @ MX 10 mail.plain.test
 record @ TXT "say \"\\\" \me" "ü"
 record _sip._tcp SRV 1 2 5060 sip.plain.test
-record alias CNAME plain.test.
+record www CNAME plain.test.
 ttl 1
 record brief A 192.0.2.9
 zone 2.0.192.in-addr.arpa
@@ -273,10 +272,10 @@ TEST_F(ToolTest, FaultsOfTheCommandLineAreOneLineWithStatus64) {
 TEST_F(ToolTest, QueryPrintsTheRecordsOfEachTypeInAnswerOrder) {
   const std::vector<std::pair<std::vector<std::string>, std::string>> cases{
       {{"plain.test"}, "192.0.2.2\n192.0.2.1\n"},
-      {{"--type", "dns_mx", "alias.plain.test"}, "20 mx2.plain.test.\n10 mail.plain.test.\n"},
+      {{"--type", "dns_mx", "www.plain.test"}, "20 mx2.plain.test.\n10 mail.plain.test.\n"},
       {{"--type", "SRV", "_sip._tcp.plain.test."}, "1 2 5060 sip.plain.test.\n"},
       {{"--type", "TXT", "plain.test"}, "\"say \\\"\\\\\\\" me\\195\\188\"\n"},
-      {{"--type", "TYPE5", "alias.plain.test"}, "plain.test.\n"},
+      {{"--type", "TYPE5", "www.plain.test"}, "plain.test.\n"},
       {{"--type", "PTR", "192.0.2.10", "2001:db8::1"}, "192.0.2.10\tten.plain.test.\n2001:db8::1\tsix.plain.test.\n"},
   };
   for (const auto &[words, out] : cases) {
@@ -285,7 +284,7 @@ TEST_F(ToolTest, QueryPrintsTheRecordsOfEachTypeInAnswerOrder) {
     EXPECT_EQ(result.status, 0) << out;
   }
 
-  const Result mixed = query({"--json", "-", "dead.test"}, "alias.plain.test\nnone.plain.test\n\nno name\n");
+  const Result mixed = query({"--json", "-", "dead.test"}, "www.plain.test\nnone.plain.test\n\nno name\n");
   EXPECT_EQ(mixed.status, 2);
   const std::vector<json> lines = json_lines(mixed.out);
   ASSERT_EQ(lines.size(), 4U) << mixed.out;
@@ -312,7 +311,7 @@ TEST_F(ToolTest, RawQueryShowsThePacketOfAnyType) {
                            "status: NXDOMAIN", ";; AUTHORITY SECTION:"}) {
     EXPECT_NE(raw.out.find(part), std::string::npos) << part << " not in:\n" << raw.out;
   }
-  // The library hands out no block above 1024 bytes; the tool shows all the same what was answered.
+  // The library hands out no block above 1024 bytes; the tool still shows the answer.
   EXPECT_NE(query({"--raw", "wide.test"}).out.find("ANSWER: 70,"), std::string::npos);
   const Result wide = query({"--type", "MX", "wide.test", "WIDE.test"});
   EXPECT_EQ(wide.status, 0) << wide.err;
@@ -372,7 +371,7 @@ TEST_F(ToolTest, ZonesCommandNamesEveryFaultByItsLineOrCountsTheZones) {
   EXPECT_EQ(zones({dir_.path()}).status, 64);
 }
 
-TEST_F(ToolTest, SavedCacheAnswersWithoutAServerAndGoesOnAgeing) {
+TEST_F(ToolTest, SavedCacheAnswersWithoutAServerAndContinuesAgeing) {
   const std::string dump = dir_.file("dump");
   const auto cache = [&](const char *command, std::vector<std::string> words) {
     words.insert(words.begin(), {KAVO_TOOL, "cache", command, "--json", dump});
@@ -380,16 +379,16 @@ TEST_F(ToolTest, SavedCacheAnswersWithoutAServerAndGoesOnAgeing) {
     return std::make_pair(result.status, json_lines(result.out));
   };
   const Result saved =
-      ask({"cache", "save"}, {dump, "-", "brief.plain.test", "dead.test"}, "alias.plain.test\nno.plain.test\n");
+      ask({"cache", "save"}, {dump, "-", "brief.plain.test", "dead.test"}, "www.plain.test\nno.plain.test\n");
   EXPECT_EQ(saved.status, 2);
   EXPECT_EQ(saved.err, "kavo cache save: dead.test: no answer in time\n");
   EXPECT_EQ(saved.out, dump + ": 4 names asked, 3 answers saved\n");
   server_->stop();
 
-  auto loaded = cache("load", {"alias.plain.test", "NO.plain.test", "brief.plain.test", "dead.test"});
+  auto loaded = cache("load", {"www.plain.test", "NO.plain.test", "brief.plain.test", "dead.test"});
   for (int i = 0; i < 100 && loaded.second.at(2)["state"] != "expired"; ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    loaded = cache("load", {"alias.plain.test", "NO.plain.test", "brief.plain.test", "dead.test"});
+    loaded = cache("load", {"www.plain.test", "NO.plain.test", "brief.plain.test", "dead.test"});
   }
   const std::vector<json> &found = loaded.second;
   EXPECT_EQ(loaded.first, 1);
@@ -401,13 +400,13 @@ TEST_F(ToolTest, SavedCacheAnswersWithoutAServerAndGoesOnAgeing) {
   EXPECT_EQ(found[2]["answers"], json({{{"address", "192.0.2.9"}}}));
   EXPECT_LT(found[2]["ttl"], 0);
   EXPECT_EQ(found[3]["state"], "absent");
-  EXPECT_EQ(cache("load", {"alias.plain.test"}).first, 0);
+  EXPECT_EQ(cache("load", {"www.plain.test"}).first, 0);
 
   std::map<std::string, json> shown;
   for (const json &entry : cache("show", {}).second)
     shown[entry["name"]] = entry;
   ASSERT_EQ(shown.size(), 3U);
-  EXPECT_EQ(shown["alias.plain.test."]["records"][0]["data"], "plain.test.");
+  EXPECT_EQ(shown["www.plain.test."]["records"][0]["data"], "plain.test.");
   EXPECT_EQ(shown["no.plain.test."]["status"], "nxdomain");
   EXPECT_EQ(shown["brief.plain.test."]["state"], "expired");
   const Result text = testbed::run({KAVO_TOOL, "cache", "show", dump});
@@ -415,7 +414,7 @@ TEST_F(ToolTest, SavedCacheAnswersWithoutAServerAndGoesOnAgeing) {
   EXPECT_TRUE(text.out.ends_with("; 3 entries: 2 alive, 1 expired\n")) << text.out;
 
   EXPECT_EQ(truncate(dump.c_str(), 150), 0);
-  EXPECT_EQ(cache("load", {"alias.plain.test"}), std::make_pair(2, std::vector<json>()));
+  EXPECT_EQ(cache("load", {"www.plain.test"}), std::make_pair(2, std::vector<json>()));
   EXPECT_EQ(cache("show", {}), std::make_pair(2, std::vector<json>()));
 }
 

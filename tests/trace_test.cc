@@ -1,5 +1,5 @@
-// What a host sees of the DNS traffic, and the lookups that it waits for: the ready-made trace and its record texts,
-// the trace of a context, the engine's synchronous lookups, and the servers that are set through them.
+// trace_test.cc - what a host sees of the DNS traffic, and its synchronous lookups: the ready-made trace and its record
+// texts, the trace of a context, the engine's synchronous lookups, and the servers that are set through them.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <host_test.h>
@@ -22,7 +22,7 @@ namespace {
 using testbed::Host;
 using testbed::ListServer;
 
-// printed returns what an act wrote to the process's two streams, whoever wrote it.
+// printed returns what an act wrote to the process's two streams, from any thread.
 template <typename Act>
 testbed::Output printed(Act act) {
   testing::internal::CaptureStdout();
@@ -35,7 +35,7 @@ struct sockaddr *address(sockaddr_in *ip4) {
   return reinterpret_cast<struct sockaddr *>(ip4);
 }
 
-// trace prints a packet, which lies in memory of exactly its size.
+// trace prints a packet, held in memory of exactly its size.
 void trace(const std::string &packet, int code, const dns_query *q = nullptr, sockaddr *remote = nullptr,
            sockaddr *local = nullptr) {
   const auto exact = std::make_unique<unsigned char[]>(packet.size());
@@ -44,22 +44,23 @@ void trace(const std::string &packet, int code, const dns_query *q = nullptr, so
   kavo_dbgcb(nullptr, const_cast<dns_query *>(q), code, &event, nullptr);
 }
 
-// kQuestion asks for the A records of example.test, with the bits of an ordinary answer; no records follow.
-const std::string kQuestion("\x12\x34\x81\x80\0\1\0\0\0\0\0\0\7example\4test\0\0\1\0\1", 30);
+// kAnswerHead is the header and question section of an ordinary answer about the A records of example.test, without
+// records.
+const std::string kAnswerHead("\x12\x34\x81\x80\0\1\0\0\0\0\0\0\7example\4test\0\0\1\0\1", 30);
 
 bool has_line(const std::string &text, const std::string &line) {
   return ("\n" + text + "\n").find("\n" + line + "\n") != std::string::npos;
 }
 
-// A question that only has to be there: kavo_dbgcb never looks into it.
+// A query handle that kavo_dbgcb never reads.
 const dns_query *some_query() {
   static const char place = 0;
   return reinterpret_cast<const dns_query *>(&place);
 }
 
-TEST(TraceLines, SayWhatWasAskedAndWhatCame) {
+TEST(TraceLines, ShowTheQueryAndItsAnswer) {
   sockaddr_in remote = testbed::loopback(5300), local = testbed::loopback(40000);
-  const testbed::Output request = printed([&] { trace(kQuestion, DNS_D_PKT_REQ, some_query(), address(&remote)); });
+  const testbed::Output request = printed([&] { trace(kAnswerHead, DNS_D_PKT_REQ, some_query(), address(&remote)); });
   EXPECT_EQ(request.out, ";; trying example.test.\n");
   EXPECT_EQ(request.err,
             ";; sending 30 bytes request to 127.0.0.1 port 5300\n"
@@ -68,7 +69,7 @@ TEST(TraceLines, SayWhatWasAskedAndWhatCame) {
             "\n;; QUESTION SECTION:\n;example.test.\t\t\tIN\tA\n\n\n\n");
 
   const testbed::Output answer =
-      printed([&] { trace(kQuestion, DNS_D_PKT_RPAN, some_query(), address(&remote), address(&local)); });
+      printed([&] { trace(kAnswerHead, DNS_D_PKT_RPAN, some_query(), address(&remote), address(&local)); });
   EXPECT_EQ(answer.out, ";; response: answer for example.test.\n");
   EXPECT_TRUE(
       answer.err.starts_with(";; received 30 bytes response from 127.0.0.1 port 5300\n"
@@ -82,36 +83,36 @@ TEST(TraceLines, SayWhatWasAskedAndWhatCame) {
               {DNS_D_PKT_NOREQ, nullptr, ";; unexpected response\n"},
               {DNS_D_PKT_TC, some_query(), ";; response: for example.test.\n"}};
   for (const auto &row : rows)
-    EXPECT_EQ(printed([&] { trace(kQuestion, row.code, row.q); }).out, row.out);
+    EXPECT_EQ(printed([&] { trace(kAnswerHead, row.code, row.q); }).out, row.out);
 
   sockaddr_in6 ip6{};
   ip6.sin6_family = AF_INET6;
-  const testbed::Output strange =
-      printed([&] { trace(kQuestion, DNS_D_PKT_NOREQ, nullptr, reinterpret_cast<sockaddr *>(&ip6), address(&local)); });
+  const testbed::Output strange = printed(
+      [&] { trace(kAnswerHead, DNS_D_PKT_NOREQ, nullptr, reinterpret_cast<sockaddr *>(&ip6), address(&local)); });
   EXPECT_TRUE(
       strange.err.starts_with(";; received 30 bytes response from <<unknown socket type 10>>\n"
                               ";; via 127.0.0.1 port 40000\n"));
 }
 
 TEST(TraceLines, StayHonestAboutPacketsThatAreNone) {
-  const testbed::Output brief = printed([] { trace(kQuestion.substr(0, 11), DNS_D_PKT_REQ); });
+  const testbed::Output brief = printed([] { trace(kAnswerHead.substr(0, 11), DNS_D_PKT_REQ); });
   EXPECT_EQ(brief.out, ";; trying .\n");
   EXPECT_EQ(brief.err, ";; short packet (11 bytes)\n");
-  const std::string root = kQuestion.substr(0, DNS_HSIZE) + std::string("\0\0\2\0\1", 5);
+  const std::string root = kAnswerHead.substr(0, DNS_HSIZE) + std::string("\0\0\2\0\1", 5);
   EXPECT_EQ(printed([&] { trace(root, DNS_D_PKT_REQ); }).out, ";; trying .\n");
   const testbed::Output empty = printed([] { trace("", DNS_D_PKT_RPINV, some_query()); });
   EXPECT_EQ(empty.out, ";; response: for .\n;; invalid response\n");
   EXPECT_EQ(empty.err, ";; short packet (0 bytes)\n");
 
-  std::string update = kQuestion;
+  std::string update = kAnswerHead;
   update[2] = '\x2a';  // opcode 5 and TC
   const testbed::Output odd = printed([&] { trace(update, DNS_D_PKT_RPINV); });
   EXPECT_TRUE(
       odd.err.starts_with(";; unexpected opcode 5\n;; warning: TC bit set, probably incomplete reply\n"
                           ";; ->>HEADER<<- opcode: UPDATE, status: NOERROR, id: 4660\n;; flags: tc ra;"));
   const testbed::Output cache = printed([] {
-    trace(kQuestion, DNS_D_CU_AN);
-    trace(kQuestion, DNS_D_CU_NOAN);
+    trace(kAnswerHead, DNS_D_CU_AN);
+    trace(kAnswerHead, DNS_D_CU_NOAN);
   });
   EXPECT_EQ(cache.out + cache.err, "");
 }
@@ -168,7 +169,7 @@ std::string in_zone_file(int typ, const std::string &text) {
   return name + "TYPE" + std::to_string(typ) + text.substr(data) + "\n";
 }
 
-TEST(TraceRecords, ComeOutAsTheyStandInAZoneFile) {
+TEST(TraceRecords, ComeOutAsInAZoneFile) {
   std::string zone = "$ORIGIN rr.test.\n@ 300 IN SOA ns.rr.test. admin.rr.test. 1 2 3 4 5\n@ 300 IN NS ns.rr.test.\n";
   for (const auto &record : kRecords)
     zone += in_zone_file(record.typ, record.text);
@@ -199,7 +200,7 @@ std::string full_answer() {
   const auto record = [&](unsigned char typ, const std::string &data) {
     return owner + std::string(1, '\0') + static_cast<char>(typ) + fixed + '\0' + static_cast<char>(data.size()) + data;
   };
-  std::string packet = kQuestion;
+  std::string packet = kAnswerHead;
   packet[7] = '\x09';
   packet[11] = '\x01';
   packet += record(1, std::string("\xC0\0\2\1", 4));
@@ -234,7 +235,7 @@ TEST(TraceLines, AnEventReachesStandardErrorInOnePiece) {
   EXPECT_EQ(pieces, (std::vector{text, text}));
 }
 
-TEST(TraceRecords, OfAFullAnswerLieInTheirSections) {
+TEST(TraceRecords, OfAFullAnswerAreInTheirSections) {
   const testbed::Output full = printed([] { trace(full_answer(), DNS_D_PKT_RPAN); });
   EXPECT_TRUE(has_line(full.err, ";; ->>HEADER<<- opcode: QUERY, status: BADVERS, id: 4660"));
   for (const char *line :
@@ -255,7 +256,7 @@ constexpr const char *kZones =
     "record @ NS ns1.example.test\nrecord @ NS ns2.example.test\nrecord @ NS ns3.example.test\n"
     "record ns1 A 127.0.0.11\nrecord ns1 A 127.0.0.12\nrecord ns3 A 127.0.0.13\n"
     "record www A 127.0.0.23\nrecord www A 127.0.0.21\nrecord www A 127.0.0.22\n"
-    "record alias CNAME www.example.test\n"
+    "record mail CNAME www.example.test\n"
     "record blind NS ns2.example.test\nrecord blind NS nowhere.example.test\n"
     "record text TXT \"only text\"\n"
     "zone dead.test\nfault dead\n";
@@ -275,7 +276,7 @@ TEST_F(HostTraceTest, LookupHandsOutABlockOfItsOwnOrSaysWhyNot) {
   EXPECT_EQ(status_of("www.example.test"), DNS_E_PERM);
   ASSERT_EQ(dns_open(ctx), 0);
   dns_rr_a4 *www = dns_resolve_a4(ctx, "www.example.test.", 0);
-  dns_rr_a4 *alias = dns_resolve_a4(ctx, "alias.example.test", 0);
+  dns_rr_a4 *mail = dns_resolve_a4(ctx, "mail.example.test", 0);
   auto *text =
       static_cast<dns_rr_txt *>(dns_resolve_p(ctx, "text.example.test", DNS_C_IN, DNS_T_TXT, 0, dns_parse_txt));
   auto *raw = static_cast<dns_rr_pkt *>(dns_resolve_p(ctx, "text.example.test", DNS_C_IN, DNS_T_TXT, 0, dns_parse_pkt));
@@ -289,17 +290,17 @@ TEST_F(HostTraceTest, LookupHandsOutABlockOfItsOwnOrSaysWhyNot) {
   dns_destroy(ctx);
 
   // The blocks outlive one another and the context.
-  ASSERT_TRUE(www != nullptr && alias != nullptr && text != nullptr && raw != nullptr);
+  ASSERT_TRUE(www != nullptr && mail != nullptr && text != nullptr && raw != nullptr);
   EXPECT_EQ(www->dnsa4_nrr, 3);
   EXPECT_EQ(www->dnsa4_addr[0].s_addr, inet_addr("127.0.0.23"));
-  EXPECT_STREQ(alias->dnsa4_qname, "alias.example.test");
-  EXPECT_STREQ(alias->dnsa4_cname, "www.example.test");
-  EXPECT_EQ(alias->dnsa4_addr[2].s_addr, inet_addr("127.0.0.22"));
+  EXPECT_STREQ(mail->dnsa4_qname, "mail.example.test");
+  EXPECT_STREQ(mail->dnsa4_cname, "www.example.test");
+  EXPECT_EQ(mail->dnsa4_addr[2].s_addr, inet_addr("127.0.0.22"));
   EXPECT_STREQ(text->dnstxt_txt[0].txt, "only text");
   EXPECT_GT(raw->dnspkt_psize, 12U);
   EXPECT_EQ(raw->dnspkt_pkt[7], 1);
   for (void *block :
-       {static_cast<void *>(www), static_cast<void *>(alias), static_cast<void *>(text), static_cast<void *>(raw)})
+       {static_cast<void *>(www), static_cast<void *>(mail), static_cast<void *>(text), static_cast<void *>(raw)})
     dns_free(block);
   EXPECT_EQ(dns_resolve_a4(nullptr, "www.example.test", 0), nullptr);
 }
@@ -341,10 +342,10 @@ TEST_F(HostTraceTest, ServersAreSetByAddressByHostAndByZone) {
   EXPECT_EQ(set("192.0.2.53", 65534, 1), Texts{"192.0.2.53:65534"});
   EXPECT_EQ(server.received(), 0U);
   EXPECT_EQ(set("www.example.test", 54, 1), (Texts{"127.0.0.23:54", "127.0.0.21:54", "127.0.0.22:54"}));
-  EXPECT_EQ(set("alias.example.test", 0, 1), (Texts{"127.0.0.23:5353", "127.0.0.21:5353", "127.0.0.22:5353"}));
+  EXPECT_EQ(set("mail.example.test", 0, 1), (Texts{"127.0.0.23:5353", "127.0.0.21:5353", "127.0.0.22:5353"}));
   EXPECT_EQ(set("example.test", 0, 0), (Texts{"127.0.0.11:5353", "127.0.0.12:5353", "127.0.0.13:5353"}));
 
-  // What cannot be looked up leaves the list alone.
+  // A failed lookup leaves the list unchanged.
   const KAVO_ERR no_name = kavo_convert_status(DNS_E_BADQUERY);
   const struct {
     const char *name;
@@ -474,7 +475,7 @@ TEST_F(HostTraceTest, OfTheToolShowsEveryPacket) {
   argv.emplace_back("192.0.2.10");
   const testbed::Result result = testbed::run(argv);
   EXPECT_EQ(result.status, 1) << result.err;
-  // Questions leave with their letters in random case.
+  // Queries leave in random 0x20 case.
   std::string asked = result.out;
   std::transform(asked.begin(), asked.end(), asked.begin(), [](char c) { return static_cast<char>(tolower(c)); });
   EXPECT_TRUE(has_line(asked, ";; trying 10.2.0.192.list.test.")) << result.out;

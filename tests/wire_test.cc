@@ -1,4 +1,4 @@
-// wire_test.cc - names, packets and record blocks, from well-formed answers to bytes that mean harm.
+// wire_test.cc - names, packets and record blocks, from well-formed answers to hostile bytes.
 #include <block.h>
 #include <block_text.h>
 #include <chain.h>
@@ -40,17 +40,17 @@ Bytes dn(const std::string &text) {
 
 // Laid is a block in a buffer of exactly the size it needs, every pointer checked, or the status of why there is none.
 struct Laid {
-  Laid(Block kind, const Packet &packet, const std::string &name, unsigned aliases = dns::kCnamesMax)
-      : Laid(kind, packet.bytes, packet.answers_at, name, aliases) {}
+  Laid(Block kind, const Packet &packet, const std::string &name, unsigned cnames_max = dns::kCnamesMax)
+      : Laid(kind, packet.bytes, packet.answers_at, name, cnames_max) {}
   Laid(Block kind, const Bytes &packet, size_t answers_at, const std::string &name,
-       unsigned aliases = dns::kCnamesMax) {
+       unsigned cnames_max = dns::kCnamesMax) {
     const testbed::Exact exact(packet);
-    const Bytes question = dn(name);
+    const Bytes qname = dn(name);
     size_t needed = 0;
-    status = dns::lay_block(kind, exact.span(), answers_at, question.data(), {}, &needed, aliases);
+    status = dns::lay_block(kind, exact.span(), answers_at, qname.data(), {}, &needed, cnames_max);
     if (status != DNS_E_NOBUFS) return;
     memory.reset(new uint8_t[needed]);
-    status = dns::lay_block(kind, exact.span(), answers_at, question.data(), {memory.get(), needed}, nullptr, aliases);
+    status = dns::lay_block(kind, exact.span(), answers_at, qname.data(), {memory.get(), needed}, nullptr, cnames_max);
     EXPECT_EQ(status, static_cast<int>(needed));
     EXPECT_EQ(as<dns_rr_mem>()->dnsm_size, needed);
     EXPECT_EQ(as<dns_rr_mem>()->dnsm_written, needed);
@@ -194,7 +194,7 @@ TEST(Compression, OnlyBackwardsAndNeverTooLong) {
   EXPECT_EQ(read(relays, relays.size() - 2), "refused");
 }
 
-TEST(Blocks, EveryKindAtTheEndOfAnAlias) {
+TEST(Blocks, EveryKindAtTheEndOfACname) {
   const Packet answer = rich_answer();
   const std::string name = "www.example.org";
   for (const Block kind : kBlocks) {
@@ -206,7 +206,7 @@ TEST(Blocks, EveryKindAtTheEndOfAnAlias) {
     EXPECT_STREQ(laid.as<dns_rr_null>()->dnsn_qname, "www.example.org");
   }
   const Laid a4(Block::a4, answer, name);
-  EXPECT_EQ(a4.as<dns_rr_a4>()->dnsa4_ttl, 60) << "the least of its records and aliases";
+  EXPECT_EQ(a4.as<dns_rr_a4>()->dnsa4_ttl, 60) << "the least of its records and CNAMEs";
   const Laid txt(Block::txt, answer, name);
   const Laid etxt(Block::etxt, answer, name);
   EXPECT_EQ(etxt.status, txt.status - 1);
@@ -256,7 +256,7 @@ TEST(Blocks, EmptyAnswersSmallBuffersAndMalformedData) {
   EXPECT_EQ(Laid(Block::a4, high, "www.example.org").as<dns_rr_a4>()->dnsa4_ttl, 0);
 }
 
-TEST(Blocks, HoldTheRecordsOfTheClassThatWasAsked) {
+TEST(Blocks, HoldTheRecordsOfTheQuerysClass) {
   constexpr uint8_t kChaos = 3;
   Packet answer("version.bind");
   answer.add(kQuestionPointer, DNS_T_TXT, {3, 'o', 'n', 'e'});
@@ -324,7 +324,7 @@ TEST(Chains, LargestPacketsTakeBoundedTime) {
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
 }
 
-TEST(Denials, TheSoaMustCoverTheName) {
+TEST(NegativeAnswers, TheSoaMustCoverTheName) {
   const auto read = [](const std::string &owner, uint32_t ttl, uint32_t minimum) {
     Packet answer("www.example.org");
     answer.add("ns.zone", DNS_T_NS, dn("a.b"), 9, DNS_S_NS);
@@ -332,11 +332,11 @@ TEST(Denials, TheSoaMustCoverTheName) {
     for (int shift = 24; shift >= 0; shift -= 8)
       data.push_back(static_cast<uint8_t>(minimum >> shift));
     answer.add(owner, DNS_T_SOA, data, ttl, DNS_S_NS);
-    dns::NegativeAnswer denial;
-    EXPECT_EQ(dns::read_negative(answer.bytes, answer.answers_at, dn("www.example.org"), &denial), 0);
-    EXPECT_TRUE(denial.ns);
-    EXPECT_STREQ(dns_dntosp(denial.zone), denial.soa ? owner.c_str() : "ns.zone");
-    return denial.soa ? denial.ttl : -1;
+    dns::NegativeAnswer negative;
+    EXPECT_EQ(dns::read_negative(answer.bytes, answer.answers_at, dn("www.example.org"), &negative), 0);
+    EXPECT_TRUE(negative.ns);
+    EXPECT_STREQ(dns_dntosp(negative.zone), negative.soa ? owner.c_str() : "ns.zone");
+    return negative.soa ? negative.ttl : -1;
   };
   EXPECT_EQ(read("example.ORG", 300, 60), 60);
   EXPECT_EQ(read(".", 30, 60), 30);
@@ -345,8 +345,8 @@ TEST(Denials, TheSoaMustCoverTheName) {
   EXPECT_EQ(read("a.www.example.org", 30, 60), -1);
   Packet cut("www.example.org");
   cut.add("example.org", DNS_T_SOA, Bytes(21, 0), 1, DNS_S_NS);
-  dns::NegativeAnswer denial;
-  EXPECT_EQ(dns::read_negative(cut.bytes, cut.answers_at, dn("www.example.org"), &denial), DNS_E_PROTOCOL);
+  dns::NegativeAnswer negative;
+  EXPECT_EQ(dns::read_negative(cut.bytes, cut.answers_at, dn("www.example.org"), &negative), DNS_E_PROTOCOL);
 }
 
 TEST(Packets, QuestionsAndRebuiltAnswers) {
@@ -360,16 +360,16 @@ TEST(Packets, QuestionsAndRebuiltAnswers) {
   const Packet source = rich_answer();
   dns_parse parse;
   dns_pkt out;
-  uint8_t question[DNS_MAXDN];
+  uint8_t qname[DNS_MAXDN];
   const uint8_t *first = source.bytes.data();
-  ASSERT_EQ(dns_initparse(&parse, first, first + source.bytes.size(), question), 0);
+  ASSERT_EQ(dns_initparse(&parse, first, first + source.bytes.size(), qname), 0);
   ASSERT_EQ(dns_rewind_sec(&parse, DNS_S_AN), 0);
-  const int start = dns_initpacket(&out, buffer, sizeof buffer, question, DNS_T_A, DNS_C_IN);
+  const int start = dns_initpacket(&out, buffer, sizeof buffer, qname, DNS_T_A, DNS_C_IN);
   ASSERT_GT(start, 0);
   ASSERT_EQ(dns_end_section(&out, DNS_S_AN), 0);
   uint8_t other[512];
   dns_pkt uncompressed;
-  ASSERT_GT(dns_initpacket(&uncompressed, other, sizeof other, question, DNS_T_A, DNS_C_IN), 0);
+  ASSERT_GT(dns_initpacket(&uncompressed, other, sizeof other, qname, DNS_T_A, DNS_C_IN), 0);
   const std::set<dns_type> names = {DNS_T_CNAME, DNS_T_MX, DNS_T_PTR, DNS_T_NS, DNS_T_SRV};
   for (dns_rr rr; dns_nextrr(&parse, &rr) == 1;) {
     ASSERT_EQ(dns_addrr(&out, &parse, &rr), 0);
@@ -388,7 +388,7 @@ TEST(Packets, QuestionsAndRebuiltAnswers) {
   ASSERT_EQ(dns_end_section(&out, DNS_S_ALL), 0);
   dns_rr rr = {};
   EXPECT_EQ(dns_addrr(&out, nullptr, &rr), DNS_E_INVAL);
-  EXPECT_EQ(dns_initpacket(&out, buffer, 20, question, DNS_T_A, DNS_C_IN), DNS_E_NOBUFS);
+  EXPECT_EQ(dns_initpacket(&out, buffer, 20, qname, DNS_T_A, DNS_C_IN), DNS_E_NOBUFS);
 }
 
 TEST(Blocks, AnAnswerCutShortAnywhereIsRefused) {

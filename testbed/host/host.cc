@@ -32,7 +32,7 @@ Host &Host::option(KAVO_OPT option, uint32_t value) {
   return *this;
 }
 
-Host &Host::patient() {
+Host &Host::long_timeout() {
   return option(KAVOOPT_CLOSE_FAST, 1).option(KAVOOPT_TIMEOUT_MSEC, kNeverMs);
 }
 

@@ -13,7 +13,7 @@ namespace testbed {
 inline constexpr unsigned kLongMs = 60'000;
 // For waits that are meant to run out.
 inline constexpr unsigned kShortMs = 60;
-inline constexpr uint32_t kNeverMs = 300'000;  // a timeout that no test sits through
+inline constexpr uint32_t kNeverMs = 300'000;  // a timeout longer than any test
 
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
 inline constexpr bool kSanitized = true;
@@ -49,7 +49,7 @@ class Host {
   Host &server(uint16_t port);  // of 127.0.0.1, after those that are there
   Host &zone(KAVO_TYPE type, const char *name);
   Host &option(KAVO_OPT option, uint32_t value);
-  Host &patient();  // waits for an answer until it is closed, which fails what is open
+  Host &long_timeout();  // no attempt times out before the context is closed, which fails what is open
   Host &open();
 
  private:

@@ -16,7 +16,7 @@
 
 namespace testbed {
 
-// expect_all checks that calls which the library must refuse have all ended alike; the first is number 0.
+// expect_all checks that all calls returned `expected`; a failure names the call, the first as number 0.
 template <typename Result>
 void expect_all(Result expected, std::initializer_list<Result> results) {
   for (const Result &result : results)
@@ -28,11 +28,11 @@ class HostTest : public testing::Test {
  protected:
   void SetUp() override;
   void TearDown() override;
-  // complaints_about returns the lines of warnings and worse that hold a text.
+  // complaints_about returns the log lines of warnings and errors that contain a text.
   [[nodiscard]] static std::vector<std::string> complaints_about(std::string_view text);
 };
 
-// LiveAndDeadTest has a server with a list that answers and one that keeps its questions open.
+// LiveAndDeadTest has a server with a list that answers and one that never does.
 class LiveAndDeadTest : public HostTest {
  protected:
   ListServer server_{"zone live.list\nlist 192.0.2.0/24\nzone dead.list\nfault dead\n"};

@@ -21,7 +21,7 @@ struct Rr {
   operator KAVO_RR *() { return &rr; }
 };
 
-// The parts of a record in a stream: a number, a name and a text behind their lengths.
+// The parts of a record in a stream: a number, a name and a text, the latter two after their lengths.
 std::string u32(uint32_t value);
 std::string name(const std::string &text);
 std::string text(const std::string &bytes);

@@ -1,5 +1,5 @@
-// journey_test.cc - questions that go from zone to zone in a simulated network: an honest tree, servers in it that
-// refer to nowhere, to themselves or to others' zones, and what they say of others, which nobody may ever hear of.
+// resolution_test.cc - iterative resolution in a simulated network: an honest tree, servers in it that refer to
+// nowhere, to themselves or to others' zones, and out-of-bailiwick records, which no query may ever return.
 #include <cache_entry.h>
 #include <context.h>
 #include <gtest/gtest.h>
@@ -27,15 +27,15 @@ constexpr const char *kEvil = "192.0.2.66";
 const Bytes kLie = {6, 6, 6, 6};
 const std::vector<in_addr_t> kLied = {0x06060606};
 
-// Tree is a world with a root, the zone test below it, and below that bank.test, honest all, and evil.test, whose
-// server does as `evil` says and answers with a lie where that leaves the reply as it is.
+// Tree is a world with a root, the zone test below it, and below that bank.test and evil.test. All servers but that of
+// evil.test are honest: it does as `evil` says, and answers with a lie where `evil` leaves the reply as it is.
 class Tree {
  public:
   explicit Tree(uint64_t seed) : world(seed) {
     world.add_server(kRoot, sim::Temper::good);
     EXPECT_EQ(dns_set_cache(world.ctx, DNS_CU_ANS, dns_cache_cacher(answers.get())), DNS_E_NOERROR);
     EXPECT_EQ(dns_set_cache(world.ctx, DNS_CU_REF, dns_cache_cacher(referrals.get())), DNS_E_NOERROR);
-    world.script = [this](const Bytes &question, const std::string &server) { return answer(question, server); };
+    world.script = [this](const Bytes &query, const std::string &server) { return answer(query, server); };
   }
 
   Query &ask(const std::string &text) {
@@ -43,7 +43,7 @@ class Tree {
     submit(&world, asked.back().get());
     return *asked.back();
   }
-  // run asks and waits for the end; `packets` then says what it took.
+  // run resolves a name to its end; `packets` is then the number of queries sent.
   Query &run(const std::string &text) {
     world.packets_sent = 0;
     Query &one = ask(text);
@@ -61,31 +61,31 @@ class Tree {
   unsigned packets = 0;
 
  private:
-  Bytes answer(const Bytes &question, const std::string &server) {
-    Reply reply(question);
+  Bytes answer(const Bytes &query, const std::string &server) {
+    Reply reply(query);
     if (server == kRoot) {
       reply.ns("test", "ns.test").glue("ns.test", kTest);
     } else if (server == kTest) {
       if (reply.under("bank.test")) reply.ns("bank.test", "ns.bank.test").glue("ns.bank.test", kBank);
       if (reply.under("evil.test")) reply.ns("evil.test", "ns.evil.test").glue("ns.evil.test", kEvil);
     } else if (server == kBank) {
-      reply.a(reply.name, testbed::u32(sim::truth_of(question.data() + DNS_HSIZE).address));
+      reply.a(reply.name, testbed::u32(sim::truth_of(query.data() + DNS_HSIZE).address));
     } else {
       const size_t bare = reply.bytes.size();
       if (evil && !reply.under("bank.test")) evil(&reply, server);
       if (reply.bytes.size() == bare && reply.bytes[3] == 0) reply.a(reply.name, kLie);
-      if (reply.bytes[3] == 0x0F) return {};  // says nothing
+      if (reply.bytes[3] == 0x0F) return {};  // silence
     }
     return reply.bytes;
   }
 };
 
-// is_truth tells whether an answer is what is true of the name that it ends at.
+// is_truth tells whether an answer is the truth about its canonical name.
 bool is_truth(const Query &asked) {
   return asked.status == DNS_E_NOERROR && asked.address() == sim::truth_of(testbed::dn(asked.canonical).data()).address;
 }
 
-TEST(Resolution, GoesFromZoneToZoneAndRemembersTheWay) {
+TEST(Resolution, GoesFromZoneToZoneAndCachesDelegations) {
   Tree tree(1);
   EXPECT_TRUE(is_truth(tree.run("one.bank.test")));
   EXPECT_EQ(tree.packets, 3U);
@@ -93,13 +93,13 @@ TEST(Resolution, GoesFromZoneToZoneAndRemembersTheWay) {
   EXPECT_EQ(tree.packets, 1U);
   tree.evil = [](Reply *reply, const std::string &) { reply->cname(reply->name, "three.bank.test"); };
   EXPECT_TRUE(is_truth(tree.run("x.evil.test")));
-  EXPECT_EQ(tree.packets, 3U) << "the alias is asked for where its zone is known to be";
+  EXPECT_EQ(tree.packets, 3U) << "the CNAME's target is asked of its cached delegation";
   tree.world.now_us += 301 * int64_t{1'000'000};
   EXPECT_TRUE(is_truth(tree.run("four.bank.test")));
   EXPECT_EQ(tree.packets, 3U);
 }
 
-TEST(Resolution, RememberedServersThatFailedAMomentAgoEndTheQuestion) {
+TEST(Resolution, CachedServersThatJustFailedEndTheQuery) {
   Tree tree(2);
   tree.evil = [](Reply *reply, const std::string &) { reply->code(DNS_R_SERVFAIL); };
   EXPECT_EQ(tree.run("x.evil.test").status, DNS_E_SERVFAIL);
@@ -109,16 +109,16 @@ TEST(Resolution, RememberedServersThatFailedAMomentAgoEndTheQuestion) {
   EXPECT_EQ(tree.packets, 0U);
 }
 
-TEST(Resolution, WhoFollowsIntoAZoneEndsInAContextWithoutServers) {
+TEST(Resolution, ACoalescedQueryEndsInAContextWithoutServers) {
   Tree tree(1);
   (void)tree.run("listed-1.bank.test");
   ASSERT_EQ(dns_add_serv(tree.world.ctx, nullptr), 0);
   const Query &leader = tree.ask("listed-2.bank.test");
-  const Query &follower = tree.ask("listed-2.bank.test");
+  const Query &coalesced = tree.ask("listed-2.bank.test");
   dns_timeouts(tree.world.ctx, dns_tv_infinite, tree.world.now());
   dns_cancel(tree.world.ctx, leader.handle);
   ASSERT_TRUE(tree.world.run());
-  EXPECT_TRUE(follower.calls == 1 && follower.status == DNS_E_TEMPFAIL);
+  EXPECT_TRUE(coalesced.calls == 1 && coalesced.status == DNS_E_TEMPFAIL);
 }
 
 TEST(Resolution, ADelegationLivesNoLongerThanItsAddresses) {
@@ -148,10 +148,10 @@ TEST(Resolution, ServersWithoutAddressesAreLookedUpWhenTheOthersAreOfNoUse) {
       reply->ns("sub.evil.test", "ns.evil.test").ns("sub.evil.test", "ns.bank.test").glue("ns.evil.test", "192.0.2.67");
   };
   EXPECT_EQ(tree.run("x.sub.evil.test").addresses, kLied);
-  EXPECT_EQ(tree.packets, 3U + 4U + 2U + 1U) << "down to the zone, four tries, the lookup, the server found by it";
+  EXPECT_EQ(tree.packets, 3U + 4U + 2U + 1U) << "down to the zone, four attempts, the lookup, the server that it found";
 }
 
-TEST(Resolution, WhatWasAnsweredAMomentAgoIsAnsweredAgain) {
+TEST(Resolution, WhatWasJustAnsweredIsAnsweredAgainWithoutCaches) {
   Tree tree(4);
   for (const unsigned use : {DNS_CU_ANS, DNS_CU_REF})
     ASSERT_EQ(dns_set_cache(tree.world.ctx, use, nullptr), DNS_E_NOERROR);
@@ -201,8 +201,8 @@ TEST(Resolution, OfAZonesServersTheOneThatAnswersIsAsked) {
   }
 }
 
-// A broken answer behind an alias, and then a good one of the next server: nothing of the first is left.
-TEST(Resolution, ABrokenEndOfAChainLeavesNothingBehind) {
+// A broken answer at the end of a CNAME chain, and then a good one of the next server: no record of the first remains.
+TEST(Resolution, ABrokenEndOfACnameChainLeavesNoRecords) {
   for (const uint64_t seed : {5U, 6U, 7U, 8U}) {  // the servers are asked in random order
     Tree tree(seed);
     tree.evil = [](Reply *reply, const std::string &server) {
@@ -254,8 +254,8 @@ TEST(Resolution, RefersToNowhereWithinBounds) {
          else
            r->ns("b.evil.test", "ns.a.evil.test").ns(r->name, "ns.a.evil.test");
        }},
-      {"aliases", [](Reply *r, const std::string &) { r->cname(r->name, "x" + r->name); }},
-      {"an alias loop",
+      {"CNAMEs", [](Reply *r, const std::string &) { r->cname(r->name, "x" + r->name); }},
+      {"a CNAME loop",
        [](Reply *r, const std::string &s) {
          const bool here = s == kEvil && r->name.starts_with("a");
          if (s == kEvil && r->under("sub.evil.test"))
@@ -269,14 +269,14 @@ TEST(Resolution, RefersToNowhereWithinBounds) {
     Tree tree(6);
     tree.evil = evil;
     const Query &asked = tree.run(trick == "downwards" ? deep : "a.evil.test");
-    EXPECT_EQ(asked.status, trick.find("alias") != std::string::npos ? DNS_E_CNLOOP : DNS_E_PROTOCOL);
+    EXPECT_EQ(asked.status, trick.find("CNAME") != std::string::npos ? DNS_E_CNLOOP : DNS_E_PROTOCOL);
     EXPECT_LE(tree.packets, packets_max);
     tree.run("b.evil.test");
     EXPECT_TRUE(is_truth(tree.run("one.bank.test")));
   }
 }
 
-// slander says of bank.test all that a server of evil.test can say, in answers, referrals and additional records.
+// slander adds false records of bank.test that a server of evil.test can send: in answers, referrals and glue.
 void slander(World *world, Reply *reply) {
   const std::string victim = "listed-" + std::to_string(world->random(9)) + ".bank.test";
   const std::string below = "sub" + std::to_string(world->random(3)) + ".evil.test";
@@ -314,8 +314,8 @@ void slander(World *world, Reply *reply) {
   }
 }
 
-// storm asks for names of both zones, in bad weather, while questions are cancelled and the context is closed. What is
-// said of bank.test is the truth, always, or nothing.
+// storm resolves names of both zones in bad weather, while queries are cancelled and the context is closed. An answer
+// about bank.test is always the truth, or none.
 void storm(uint64_t seed) {
   SCOPED_TRACE("seed " + std::to_string(seed));
   Tree tree(seed);
@@ -352,7 +352,7 @@ void storm(uint64_t seed) {
   }
 }
 
-TEST(Resolution, NobodyIsBelievedAboutOthers) {
+TEST(Resolution, OutOfBailiwickRecordsAreNotBelieved) {
   for (uint64_t seed = 1; seed <= 2000 && !testing::Test::HasFailure(); ++seed)
     storm(seed);
 }
