@@ -28,7 +28,7 @@ class BlockText {
  private:
   void inside(const void *place, size_t size) {
     const auto at = reinterpret_cast<uintptr_t>(place) - reinterpret_cast<uintptr_t>(rr_.rr_mem);
-    check(at <= rr_.rr_mem->dnsm_written && size <= rr_.rr_mem->dnsm_written - at, "what a block points to lies in it");
+    check(at <= rr_.rr_mem->dnsm_written && size <= rr_.rr_mem->dnsm_written - at, "a block points into itself");
   }
   void raw(const void *place, size_t size) {
     if (size == 0) return;

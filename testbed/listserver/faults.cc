@@ -62,10 +62,10 @@ const char *const kFaultsHelp =
     "  dup=N            N answers in 100 are sent twice\n"
     "  delay=MS[~MS]    every answer waits MS milliseconds, give or take the second number\n"
     "  reorder=MS       every answer waits a time of its own, up to MS milliseconds\n"
-    "  case             the question's name comes back with the case of its letters changed\n"
+    "  case             the query name comes back with the case of its letters changed\n"
     "  wrong=KIND[/N]   N answers in 100 (all without /N) are wrong. Kinds: id (another id), question (another\n"
     "                   name), address (an A answer outside 127.0.0.0/8), servfail, refused, notimpl, formerr,\n"
-    "                   tc (cut off, the TC bit set), garbage (random bytes after the id), cut (the packet ends\n"
+    "                   tc (truncated, the TC bit set), garbage (random bytes after the id), cut (the packet ends\n"
     "                   early), loop (a CNAME that leads back to itself)\n"
     "  none             none of the above: undoes what the whole server does\n";
 

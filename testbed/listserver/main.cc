@@ -38,12 +38,12 @@ void describe(CLI::App *app, Arguments *arguments) {
   app->add_option("--seed", arguments->seed, "of everything that is left to chance")->capture_default_str();
   app->footer(
       "Prints \"listening on ADDRESS:PORT\" when it is ready, and its counts (received, answered, dropped, broken)\n"
-      "at SIGUSR1 and when SIGTERM ends it. A TXT question of class CHAOS for stats.listserver is told the same\n"
+      "at SIGUSR1 and when SIGTERM ends it. A TXT query of class CHAOS for stats.listserver returns the same\n"
       "counts and is not counted itself.\n\nStatements of the zones file:\n" +
       std::string(listserver::kZoneFileHelp) + "\nFaults:\n" + listserver::kFaultsHelp);
 }
 
-// Only loopback: this server lies, and must never be asked by anyone else.
+// Only loopback: this server gives wrong answers, and no other host may ask it.
 in_addr loopback(const std::string &text) {
   in_addr address{};
   if (inet_pton(AF_INET, text.c_str(), &address) != 1 || ntohl(address.s_addr) >> kNetShift != kLoopbackNet) {

@@ -1,7 +1,7 @@
-// responder.h - turns one question packet into one answer packet: bytes in, bytes out, no socket and no clock.
+// responder.h - turns one query into one answer: bytes in, bytes out, no socket and no clock.
 //
-// The transport says how large an answer may be at most without EDNS; what it does with the answer, and which faults it
-// still has to act out (dropping, holding back, doubling), stands in the Reply.
+// The transport gives the largest size of an answer without EDNS. The Reply tells the transport what to do with the
+// answer, and which faults remain for it (dropping, holding back, doubling).
 #ifndef KAVO_TOOLS_LISTSERVER_RESPONDER_H
 #define KAVO_TOOLS_LISTSERVER_RESPONDER_H
 
@@ -15,15 +15,15 @@
 
 namespace listserver {
 
-inline constexpr size_t kUdpPlain = 512;  // bytes of an answer to a question without EDNS (RFC 1035, 4.2.1)
+inline constexpr size_t kUdpPlain = 512;  // bytes of an answer to a query without EDNS (RFC 1035, 4.2.1)
 inline constexpr size_t kUdpMax = 4096;   // and with it
 
-// Counts is what the server has seen; a question of class CHAOS for TXT "stats.listserver" is told it, and not counted.
+// Counts is what the server has seen. A query of class CHAOS for TXT "stats.listserver" returns it and is not counted.
 struct Counts {
   uint64_t received = 0;
   uint64_t answered = 0;  // packets sent, doubles included
-  uint64_t dropped = 0;   // questions that were left without an answer on request
-  uint64_t broken = 0;    // packets that are no questions
+  uint64_t dropped = 0;   // queries left without an answer on request
+  uint64_t broken = 0;    // packets that are no queries
 };
 
 struct Reply {
@@ -42,7 +42,7 @@ class Responder {
   Reply answer(std::span<const uint8_t> packet, std::span<uint8_t> buffer, size_t size_plain);
 
  private:
-  struct Question {
+  struct Query {
     dns::Header header;
     std::array<uint8_t, DNS_MAXDN> dn;  // as it came
     std::array<char, DNS_MAXDN> lower;  // in lower case
@@ -61,14 +61,14 @@ class Responder {
     uint16_t authority = 0;
   };
 
-  bool read(std::span<const uint8_t> packet, size_t size_plain, Question *question) const;
-  void read_edns(std::span<const uint8_t> packet, size_t at, Question *question) const;
-  size_t write(const Question &question, const Zone *zone, size_t zone_at, Wrong wrong, std::span<uint8_t> buffer);
-  void write_sections(const Question &question, const Zone *zone, size_t zone_at, Wrong wrong, dns::Writer *writer,
+  bool read(std::span<const uint8_t> packet, size_t size_plain, Query *query) const;
+  void read_edns(std::span<const uint8_t> packet, size_t at, Query *query) const;
+  size_t write(const Query &query, const Zone *zone, size_t zone_at, Wrong wrong, std::span<uint8_t> buffer);
+  void write_sections(const Query &query, const Zone *zone, size_t zone_at, Wrong wrong, dns::Writer *writer,
                       Sections *sections);
-  static void write_header(const Question &question, const Sections &sections, std::span<uint8_t> buffer);
-  bool write_wrong(const Question &question, const Zone &zone, Wrong wrong, dns::Writer *writer, Sections *sections);
-  void write_zone(const Question &question, const Zone *zone, size_t zone_at, dns::Writer *writer, Sections *sections);
+  static void write_header(const Query &query, const Sections &sections, std::span<uint8_t> buffer);
+  bool write_wrong(const Query &query, const Zone &zone, Wrong wrong, dns::Writer *writer, Sections *sections);
+  void write_zone(const Query &query, const Zone *zone, size_t zone_at, dns::Writer *writer, Sections *sections);
   void write_stats(dns::Writer *writer, Sections *sections) const;
   size_t spoil(Wrong wrong, std::span<uint8_t> packet);
 

@@ -15,7 +15,7 @@ namespace listserver {
 namespace {
 
 constexpr unsigned kBatch = 64;             // packets moved in one system call
-constexpr int kSocketBuffer = 64 << 20;     // bytes: a burst of 100,000 questions waits its turn
+constexpr int kSocketBuffer = 64 << 20;     // bytes: room for a burst of 100,000 queries
 constexpr size_t kHeldMax = 1'000'000;      // answers held back at once; beyond it they count as dropped
 constexpr unsigned kBatchesUnwatched = 64;  // under load, a look at the signals after so many batches
 
@@ -47,7 +47,7 @@ sigset_t hold_signals() {
 }
 
 void grow_buffer(int fd, int forced, int plain) {
-  // Beyond the system's limit only for those who may; the limit itself is the next best.
+  // Only a privileged process may exceed the system's limit; any other gets the limit itself.
   if (setsockopt(fd, SOL_SOCKET, forced, &kSocketBuffer, sizeof(kSocketBuffer)) != 0) {
     setsockopt(fd, SOL_SOCKET, plain, &kSocketBuffer, sizeof(kSocketBuffer));
   }
@@ -137,7 +137,7 @@ void Server::post(const sockaddr_in &to, std::span<const uint8_t> packet) {
   ++counts_.answered;
 }
 
-// Acts a reply's faults out: drops it, holds it back, or sends it, perhaps twice.
+// Applies a reply's faults: drops it, holds it back, or sends it, perhaps twice.
 void Server::act(const Reply &reply, const sockaddr_in &to, std::span<const uint8_t> packet) {
   if (!reply.counted) {
     post(to, packet);

@@ -24,7 +24,7 @@ const char *const kZoneFileHelp =
     "  zone NAME                          the statements below belong to this zone\n"
     "  ttl SECONDS                        of the lines below it; 300 at first\n"
     "  soa MNAME RNAME SERIAL REFRESH RETRY EXPIRE MINIMUM\n"
-    "                                     sent with every denial; there is one without this line too\n"
+    "                                     sent with every negative answer; there is one without this line too\n"
     "  default ADDRESS[,ADDRESS] [\"REASON\"]\n"
     "                                     what entries below it answer that do not say; 127.0.0.2 at first\n"
     "  list SUBJECT [ADDRESS[,ADDRESS]] [\"REASON\"]\n"
@@ -225,7 +225,7 @@ void FileReader::set_soa(const std::vector<Word> &words) {
     data += big_endian(number(words[i].text, 0xffffffff), 4);
   zone()->soa = data;
   zone()->soa_ttl = ttl_;
-  zone()->denial_ttl = std::min(ttl_, number(words.back().text, 0xffffffff));
+  zone()->negative_ttl = std::min(ttl_, number(words.back().text, 0xffffffff));
 }
 
 void FileReader::set_default(const std::vector<Word> &words) {
@@ -283,7 +283,7 @@ void FileReader::add_record(const std::vector<Word> &words) {
     owner = dn_from_text(words[1].text, &absolute);
     if (!absolute) owner.replace(owner.size() - 1, 1, zone()->dn);
     if (owner.size() > DNS_MAXDN) fail("\"" + words[1].text + "\" is too long in this zone");
-    if (config_->zones.find(owner).zone != zone()) fail("\"" + words[1].text + "\" does not lie in this zone");
+    if (config_->zones.find(owner).zone != zone()) fail("\"" + words[1].text + "\" is not in this zone");
   }
   const std::vector<Word> data(words.begin() + 3, words.end());
   for (const RecordType &known : kRecordTypes) {

@@ -25,7 +25,7 @@ unsigned label_size(std::string_view dn, size_t at) {
   return static_cast<unsigned char>(dn[at]);
 }
 
-// Labels of a DN that stand before `end`, in order.
+// Labels of a DN before `end`, in order.
 struct Labels {
   std::array<std::string_view, kLabelsMax> label;
   unsigned count = 0;
@@ -127,7 +127,7 @@ const Node *Zone::keep(Node node) {
   return &nodes_.emplace_back(std::move(node));
 }
 
-// The names between `dn` and the zone exist too, if only as a place where longer names hang.
+// The names between `dn` and the zone exist too, as empty non-terminals at least.
 void Zone::add_ancestors(std::string_view name, size_t end) {
   for (size_t at = label_size(name, 0) + 1; at < end; at += label_size(name, at) + 1) {
     ancestors_.insert(texts_.emplace_back(name.substr(at, end - at)));
@@ -185,7 +185,7 @@ Zone::Search Zone::find(std::string_view name) const {
 }
 
 Zone *ZoneSet::add(std::string dn) {
-  if (by_name_.contains(dn)) throw std::runtime_error("zone " + text_from_dn(dn) + " stands there twice");
+  if (by_name_.contains(dn)) throw std::runtime_error("zone " + text_from_dn(dn) + " is there twice");
   Zone *zone = zones_.emplace_back(std::make_unique<Zone>(std::move(dn))).get();
   by_name_[zone->dn] = zone;
   const unsigned depth = split(zone->dn, zone->dn.size() - 1).count;

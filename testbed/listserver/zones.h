@@ -1,6 +1,6 @@
 // zones.h - what the list server knows: zones, their list entries and their plain records, and the search for a name.
 //
-// Everything is filled once, before the first question, and only read afterwards. Names are DNs in lower case, held as
+// Everything is filled once, before the first query, and only read afterwards. Names are DNs in lower case, held as
 // strings with their closing zero byte; a record's data is in wire form, the names in it written whole.
 #ifndef KAVO_TOOLS_LISTSERVER_ZONES_H
 #define KAVO_TOOLS_LISTSERVER_ZONES_H
@@ -29,7 +29,7 @@ struct Record {
   std::string data;
 };
 
-// Node is what stands under one name, or what every name of a list entry answers.
+// Node is the records of one name, or of every name of a list entry.
 struct Node {
   std::vector<Record> records;
 };
@@ -82,7 +82,7 @@ class Zone {
   std::string dn;
   std::string soa;  // the SOA record's data
   uint32_t soa_ttl = 0;
-  uint32_t denial_ttl = 0;  // how long a negative answer may be kept: the lesser of the SOA's TTL and its minimum
+  uint32_t negative_ttl = 0;  // how long a negative answer may be kept: the lesser of the SOA's TTL and its minimum
   Faults faults;
 
  private:
@@ -92,14 +92,14 @@ class Zone {
   std::deque<Node> nodes_;
   Prefixes ip4_;
   Prefixes ip6_;
-  std::unordered_map<std::string_view, const Node *> names_;  // keys lie in texts_
+  std::unordered_map<std::string_view, const Node *> names_;  // keys point into texts_
   std::unordered_map<std::string_view, const Node *> below_;
   std::unordered_map<std::string_view, Node *> records_;
-  std::unordered_set<std::string_view> ancestors_;  // names that exist only because longer ones do, relative
+  std::unordered_set<std::string_view> ancestors_;  // empty non-terminals, relative
   std::deque<std::string> texts_;
 };
 
-// ZoneSet finds the zone that a name lies in: the one with the longest name.
+// ZoneSet finds the zone of a name: the one with the longest name.
 class ZoneSet {
  public:
   // add throws std::runtime_error for a zone that is there already.

@@ -21,12 +21,12 @@ Bytes operator+(Bytes left, std::span<const uint8_t> right);
 // Numbers in network byte order.
 [[nodiscard]] Bytes u16(unsigned value);
 [[nodiscard]] Bytes u32(uint32_t value);
-// dn returns a name in wire form; "" and "." are the root. A dot in a label cannot be told.
+// dn returns a name in wire form; "" and "." are the root. A dot in a label cannot be written.
 [[nodiscard]] Bytes dn(std::string_view dotted);
 // soa returns an SOA record's data, `minimum` its last figure.
 [[nodiscard]] Bytes soa(uint32_t minimum, const Bytes &primary, const Bytes &mailbox);
 
-// question_end returns where a packet's question section ends, which has one question; 0 when it is not whole.
+// question_end returns the end of a packet's question section of one question; 0 when it is not whole.
 [[nodiscard]] size_t question_end(std::span<const uint8_t> packet);
 
 // Places in the header.
@@ -35,7 +35,7 @@ inline constexpr size_t kFlagsAt = 2, kRcodeAt = 3, kQuestionsAt = 5, kAnswersAt
 inline constexpr uint8_t kQr = 0x80, kAa = 4, kTc = 2, kRd = 1;
 inline constexpr uint16_t kQueryFlags = kRd << 8, kAnswerFlags = 0x8180;  // RD; QR, RD and RA
 
-// The owner of a record that is the question's name.
+// A record's owner: a pointer to the query name.
 inline const Bytes kQuestionPointer = {0xC0, DNS_HSIZE};
 
 // Packet is a header, a question and whatever is added.
@@ -48,7 +48,7 @@ struct Packet {
   Packet &add(std::string_view owner, dns_type type, const Bytes &data, uint32_t ttl = 300, int section = DNS_S_AN) {
     return add(dn(owner), type, data, ttl, section);
   }
-  // name returns the question's name in lower case, without a dot at its end.
+  // name returns the query name in lower case, without a dot at its end.
   [[nodiscard]] std::string name() const;
   operator std::span<const uint8_t>() const { return bytes; }
 

@@ -1,4 +1,4 @@
-// reply.h - the answer of a server that is told step by step.
+// reply.h - a server's answer, built step by step.
 #ifndef KAVO_TESTBED_REPLY_H
 #define KAVO_TESTBED_REPLY_H
 
@@ -36,7 +36,7 @@ struct Reply : Packet {
   }
   [[nodiscard]] bool under(const std::string &zone) const { return name == zone || name.ends_with("." + zone); }
 
-  std::string name;  // the question's, in lower case
+  std::string name;  // the query name, in lower case
 };
 
 }  // namespace testbed

@@ -1,7 +1,7 @@
 // process.h - child processes and free ports.
 //
 // A Process is a program that a test starts, reads from and stops by its process id: never by name, and never without a
-// bound on the wait. One reader thread of its own collects what the child writes, so a child that writes much is never
+// timeout. One reader thread of its own collects what the child writes, so a child that writes much is never
 // held up; everything else is called by the thread that owns the Process. A child is killed with the test program even
 // when the test program itself dies.
 #ifndef KAVO_TESTBED_PROCESS_H

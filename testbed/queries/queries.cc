@@ -22,7 +22,7 @@ void parse(dns_ctx *ctx) {
 std::string some_name(World *world) {
   static const char *const kinds[] = {"listed-", "listed-", "gone-", "empty-"};
   std::string text = kinds[world->random(4)] + std::to_string(world->random(1000)) + ".List.test";
-  // Some names are too long to lie in a query's own record.
+  // Some names are too long for a query's own record.
   if (world->chance(20)) text += "." + std::string(60, 'x') + "." + std::string(61, 'y');
   return text;
 }

@@ -12,11 +12,11 @@
 
 namespace sim {
 
-// some_name is a name that the servers have something to say about, now and then a very long one.
+// some_name is a random name that the servers answer about, now and then a very long one.
 std::string some_name(World *world);
 
-// Queries keeps each query at one place. From a callback, and from the debug
-// function where told is that, it asks and cancels in `meddling` of a hundred cases.
+// Queries keeps each query at one place. In `meddling` of a hundred callbacks it submits and cancels queries; so it
+// does in the debug function, if that is `told`.
 class Queries {
  public:
   explicit Queries(World *world) : world_(world) {}
@@ -25,7 +25,7 @@ class Queries {
   Query &ask(const std::string &text, const std::vector<std::string> &servers = {}, unsigned flags = 0);
   void cancel(Query *asked);
   void meddle();
-  // told may also cancel what the engine itself asks, and parses a packet that takes more memory than any answer.
+  // told may also cancel a query of the engine's own, and parses a packet that takes more memory than any answer.
   static void told(dns_ctx *ctx, dns_query *q, int code, void *data, void *udata);
 
   [[nodiscard]] const std::vector<std::unique_ptr<Query>> &all() const { return queries_; }
@@ -46,7 +46,7 @@ class Engine : public ::testing::Test {
   World world{42};
   Queries queries{&world};
 
-  // resolve asks, runs the world and checks that the truth came of it.
+  // resolve submits a query, runs the world and checks that the answer is the truth.
   Query &resolve(const std::string &text, const std::vector<std::string> &servers = {}, unsigned flags = 0) {
     Query &query = queries.ask(text, servers, flags);
     EXPECT_TRUE(world.run());

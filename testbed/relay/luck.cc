@@ -7,16 +7,16 @@
 namespace relay {
 namespace {
 
-constexpr size_t kHeader = 12;       // bytes before the question
-constexpr size_t kTypeAndClass = 4;  // bytes behind its name
+constexpr size_t kHeader = 12;       // bytes before the question section
+constexpr size_t kTypeAndClass = 4;  // bytes after the query name
 constexpr unsigned kHundred = 100;
 
 char lower(uint8_t byte) {
   return static_cast<char>(byte >= 'A' && byte <= 'Z' ? byte + ('a' - 'A') : byte);
 }
 
-// question_of returns the question's bytes in lower case, as clients may change the letters of a name; the whole packet
-// where it holds no question.
+// question_of returns the bytes of the question section in lower case, because clients use 0x20; the whole packet if it
+// has no whole question section.
 std::string question_of(std::span<const uint8_t> packet) {
   size_t at = kHeader;
   while (at < packet.size() && packet[at] != 0)

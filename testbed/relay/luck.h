@@ -1,8 +1,8 @@
-// luck.h - what becomes of a packet on a bad network: lost, late, or there twice.
+// luck.h - the fate of a packet on a bad network: lost, late, or there twice.
 //
-// Luck belongs to the question and to the how-manieth packet about it this is, not to the moment. So two clients that
-// ask the same questions through two relays of the same seed meet the same luck, try for try, and what is left between
-// them is their own doing.
+// A packet's fate depends on its question section and on the number of packets with it before, not on the time. So two
+// clients that send the same queries through two relays with the same seed meet the same luck, attempt for attempt, and
+// any difference between them is their own doing.
 #ifndef KAVO_BENCH_RELAY_LUCK_H
 #define KAVO_BENCH_RELAY_LUCK_H
 
@@ -37,7 +37,7 @@ class Luck {
   [[nodiscard]] Fate next(Way way, std::span<const uint8_t> packet);
 
  private:
-  // Questions whose packets are counted; past them all are forgotten, and their luck begins again.
+  // Question sections whose packets are counted; past this number all are forgotten, and their luck begins again.
   static constexpr size_t kQuestionsMax = 1'000'000;
 
   Terms terms_;

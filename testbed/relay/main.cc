@@ -53,10 +53,10 @@ void describe(CLI::App *app, Arguments *arguments) {
   app->footer(
       "Prints \"listening on ADDRESS:PORT\" when it is ready, and its counts (asked: packets from clients, answered:\n"
       "packets from the server, lost, twice, turned-away for want of room) at SIGUSR1 and when SIGTERM ends it. The\n"
-      "same packets about the same question meet the same luck under the same seed, whoever sends them and when.");
+      "same packets about the same question have the same fate under the same seed, from any client at any time.");
 }
 
-// Only loopback: what is unfit for a network stays off it.
+// Only loopback: a bad network must not reach a real one.
 sockaddr_in loopback(const std::string &text, unsigned port) {
   sockaddr_in address{};
   address.sin_family = AF_INET;

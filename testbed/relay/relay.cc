@@ -13,12 +13,12 @@
 namespace relay {
 namespace {
 
-constexpr size_t kHeldMax = 200'000;    // packets on their way; what finds them all there is turned away
-constexpr size_t kFlowsMax = 512;       // client sockets; past them the one quiet for longest gives way
+constexpr size_t kHeldMax = 200'000;    // packets on their way; further ones are turned away
+constexpr size_t kFlowsMax = 512;       // client sockets; past them the least recently used gives way
 constexpr size_t kStreamEndsMax = 512;  // two for each TCP connection; past them a connection is closed at once
 constexpr size_t kPacketMax = 65535;
 constexpr unsigned kTurns = 256;        // packets taken from one socket before the others get their turn
-constexpr int kSocketBuffer = 8 << 20;  // bytes: a burst waits its turn
+constexpr int kSocketBuffer = 8 << 20;  // bytes: room for a burst
 constexpr unsigned kEvents = 64;
 constexpr int kBacklog = 64;
 
@@ -34,7 +34,7 @@ Descriptor make_socket(int kind) {
   return Descriptor(must(socket(AF_INET, kind | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), "socket"));
 }
 
-// Beyond the system's limit only for those who may; the limit itself is the next best.
+// Only a privileged process may exceed the system's limit; any other gets the limit itself.
 void grow_buffer(int fd) {
   if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &kSocketBuffer, sizeof kSocketBuffer) != 0)
     setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &kSocketBuffer, sizeof kSocketBuffer);
@@ -126,7 +126,7 @@ void Relay::hold(const std::shared_ptr<Flow> &flow, Way way, std::span<const uin
   }
 }
 
-void Relay::take_questions() {
+void Relay::take_queries() {
   std::array<uint8_t, kPacketMax> packet;
   for (unsigned turn = 0; turn < kTurns; ++turn) {
     sockaddr_in client{};
@@ -200,7 +200,7 @@ void Relay::serve_stream(const std::shared_ptr<Stream> &stream, bool broken) {
 }
 
 void Relay::serve(int fd, bool broken) {
-  if (fd == udp_.get()) return take_questions();
+  if (fd == udp_.get()) return take_queries();
   if (fd == tcp_.get()) return accept_stream();
   if (fd == timer_.get()) {
     uint64_t expirations = 0;

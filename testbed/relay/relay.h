@@ -64,7 +64,7 @@ class Relay {
   void watch(int fd, int operation, uint32_t events);
   std::shared_ptr<Flow> flow_of(const sockaddr_in &client);
   void forget_oldest_flow();
-  void take_questions();
+  void take_queries();
   void take_answers(const std::shared_ptr<Flow> &flow);
   void hold(const std::shared_ptr<Flow> &flow, Way way, std::span<const uint8_t> packet);
   void release_due();

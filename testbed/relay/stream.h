@@ -24,12 +24,12 @@ class Stream {
   [[nodiscard]] uint32_t wanted_of_server() const { return wanted(back_, out_); }
 
  private:
-  // Lane is one way: what was read and not yet written. It reads on when all is written.
+  // Lane is one way: the bytes that were read and are not yet written. It continues to read when all are written.
   struct Lane {
     std::array<char, 65536> bytes;
     size_t begin = 0;
     size_t end = 0;
-    bool ended = false;  // the reader's side has said its last
+    bool ended = false;  // the reader's side has closed its end
 
     [[nodiscard]] bool empty() const { return begin == end; }
     [[nodiscard]] bool pass_on(int from, int to);

@@ -1,4 +1,4 @@
-// hand_server.h - a name server that answers when its owner has it do so.
+// hand_server.h - a name server that answers on its owner's command.
 #ifndef KAVO_TESTBED_HAND_SERVER_H
 #define KAVO_TESTBED_HAND_SERVER_H
 

@@ -1,5 +1,5 @@
-// list_server.h - this project's own servers on loopback: the list server, and the relay that is a bad network before
-// it.
+// list_server.h - this project's own servers on loopback: the list server, and the relay that plays a bad network in
+// front of it.
 #ifndef KAVO_TESTBED_LIST_SERVER_H
 #define KAVO_TESTBED_LIST_SERVER_H
 
@@ -43,7 +43,7 @@ class ListServer : private TempDir, public OwnServer {
   size_t asked_ = 0;  // how many times the counts were asked for
 };
 
-// Relay runs kavo-relay before a server of 127.0.0.1.
+// Relay runs kavo-relay in front of a server of 127.0.0.1.
 class Relay : public OwnServer {
  public:
   Relay(uint16_t server_port, const std::vector<std::string> &words);

@@ -34,7 +34,7 @@ std::string required_program(std::string_view name) {
   return path;
 }
 
-// Waits until the daemon answers for every zone; the answer to a zone's own SOA question has code 0.
+// Waits until the daemon answers for every zone; the answer to the zone's SOA query has code 0.
 std::unique_ptr<NameDaemon> ready(std::unique_ptr<NameDaemon> daemon, const std::vector<std::string> &zones,
                                   const std::string &address = "127.0.0.1") {
   size_t answered = 0;

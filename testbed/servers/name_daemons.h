@@ -1,8 +1,8 @@
 // name_daemons.h - real name servers on loopback: a list server, an authoritative server and a resolver.
 //
 // Each start_* call writes a configuration of its own into a scratch directory, starts the distribution's program on a
-// free port of 127.0.0.1, and returns once the program answers a real question over UDP. A NameDaemon is stopped by its
-// process id when it goes out of scope. All of them run as root and as an ordinary user, and talk to nobody outside
+// free port of 127.0.0.1, and returns once the program answers a real query over UDP. A NameDaemon is stopped by its
+// process id when it goes out of scope. All of them run as root and as an ordinary user, and send nothing outside
 // 127.0.0.0/8. They throw std::runtime_error, with what the program wrote, when it does not come up: the test fails and
 // says why.
 #ifndef KAVO_TESTBED_NAME_DAEMONS_H
@@ -54,8 +54,8 @@ struct MasterZone {
 [[nodiscard]] std::unique_ptr<NameDaemon> start_nsd(const std::vector<MasterZone> &zones,
                                                     const std::string &address = "127.0.0.1", uint16_t port = 0);
 
-// start_unbound starts a resolver that knows no root and asks one server for the names of each zone. It also tells who
-// asks without RD what it holds.
+// start_unbound starts a resolver without root servers that asks one server for the names of each zone. It answers
+// queries without RD from its cache.
 struct StubZone {
   std::string name;
   uint16_t port;
@@ -66,7 +66,7 @@ struct StubZone {
 // find_program looks in PATH and in the system administrator's directories; empty when there is no such program.
 [[nodiscard]] std::string find_program(std::string_view name);
 
-// ask_rcode sends one question (class IN, RD set) and returns the response code; nothing without an answer.
+// ask_rcode sends one query (class IN, RD set) and returns the response code; nothing without an answer.
 [[nodiscard]] std::optional<int> ask_rcode(uint16_t port, std::string_view name, uint16_t type, milliseconds bound,
                                            const std::string &address = "127.0.0.1");
 

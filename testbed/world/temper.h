@@ -11,7 +11,7 @@ namespace sim {
 
 using testbed::Bytes;
 
-// What a server makes of a query.
+// How a server answers a query.
 enum class Temper {
   good,
   dead,

@@ -79,7 +79,7 @@ void World::read_sockets() {
   for (dns_ios socket : std::span(sockets).first(std::min(static_cast<size_t>(count), sockets.size()))) {
     const int id = socket.dnsio_sock;
     const auto stream = streams_.find(id);
-    if (stream == streams_.end() && inboxes_.count(id) == 0) continue;  // closed by the one before
+    if (stream == streams_.end() && inboxes_.count(id) == 0) continue;  // the event before has closed it
     const bool writable = (socket.dnsio_events & DNS_IO_OUT) != 0 && !send_buffers_full;
     const bool readable = stream != streams_.end() ? stream->second.closed || !stream->second.out.empty()
                                                    : !inboxes_[id].empty() || !returned_[id].empty();
@@ -124,7 +124,7 @@ void World::forge(const std::string &server, const Bytes &packet, uint16_t port)
     inbox.push_back({socket, address_of(server, port), packet});
 }
 
-// forge_answers sends what a forger can that knows the query and the server's address; it has to guess the id and the
+// forge_answers sends the answers of a forger that knows the query and the server's address, and guesses the id and the
 // socket.
 void World::forge_answers(int socket, const sockaddr_in &peer, const Bytes &query) {
   Bytes forged = answer_to(query, Temper::good);

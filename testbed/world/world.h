@@ -1,6 +1,6 @@
 // world.h - the engine's world in one thread of a test: a network that loses, delays, reorders and doubles
-// packets, servers that answer, refuse, lie or stay silent, forgers, and a clock that jumps from event to event.
-// Everything follows from one seed.
+// packets, servers that answer, refuse, give wrong answers or stay silent, forgers, and a clock that jumps from event
+// to event. Everything follows from one seed.
 #ifndef KAVO_TESTBED_WORLD_H
 #define KAVO_TESTBED_WORLD_H
 
@@ -26,11 +26,11 @@ struct Weather {
   int duplicate_percent = 0;
   int64_t delay_us = 100;
   int64_t jitter_us = 0;
-  int forged_percent = 0;  // packets sent that draw a forger's answer with a guessed id
-  int breaks_percent = 0;  // of the times that a connection is written to or found empty, it breaks
+  int forged_percent = 0;  // of the packets sent, a forger answers with a guessed id
+  int breaks_percent = 0;  // of the writes to a connection and the reads that find it empty, it breaks
 };
 
-// Reply is what becomes of a query; an empty answer is silence.
+// Reply is what the network delivers for a query; an empty answer is silence.
 struct Reply {
   Reply(Bytes answer) : bytes(std::move(answer)) {}  // NOLINT: a script returns bytes
 
@@ -54,11 +54,11 @@ class World {
   dns_ctx *ctx = nullptr;
   int64_t now_us = 1'000'000'000;
   unsigned packets_sent = 0;
-  std::map<std::string, unsigned> asked;     // of them those to each server
+  std::map<std::string, unsigned> asked;     // of the packets, those to each server
   std::map<std::string, int64_t> delays_us;  // of a server's answers, beyond the weather's
   unsigned sockets_open = 0;
   unsigned connections_made = 0;
-  unsigned answers_per_connection = UINT32_MAX;  // after which a server closes it, whatever else was asked there
+  unsigned answers_per_connection = UINT32_MAX;  // after which a server closes it, even with further queries on it
   int tcp_error = 0;                             // of the next `tcp_errors` connections
   unsigned tcp_errors = 0;
   bool by_tcp = false;  // how the query at hand of `script` came
@@ -127,7 +127,7 @@ class World {
   std::multimap<int64_t, Parcel> under_way_;
   std::map<int, std::deque<Parcel>> inboxes_;
   std::map<int, std::deque<Parcel>> returned_;
-  std::map<int, sockaddr_in> connected_;  // sockets that hear nobody else
+  std::map<int, sockaddr_in> connected_;  // sockets that receive from this address only
   std::map<int, Stream> streams_;
   std::map<std::array<uint8_t, 2>, std::set<int>> homes_;  // sockets that queries left from, by their ids
   Bytes last_query_;

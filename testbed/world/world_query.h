@@ -1,4 +1,4 @@
-// world_query.h - a query submitted to the engine in the simulated world, and what came of it.
+// world_query.h - a query submitted to the engine in the simulated world, and its outcome.
 #ifndef KAVO_TESTBED_WORLD_QUERY_H
 #define KAVO_TESTBED_WORLD_QUERY_H
 
@@ -18,13 +18,13 @@ struct Query {
   Query(const Query &) = delete;
   Query &operator=(const Query &) = delete;
 
-  // What is asked.
+  // The query.
   Bytes dn;
   dns_type type = DNS_T_A;
   dns_parse_fn *parser = dns_parse_a4;
-  std::function<void(void *block, unsigned size)> look;  // at the callback, at a block or null
+  std::function<void(void *block, unsigned size)> look;  // called in the callback, with a block or null
 
-  // What came of it.
+  // Its outcome.
   dns_query *handle = nullptr;
   bool cancelled = false;
   int calls = 0;
