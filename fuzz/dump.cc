@@ -1,8 +1,8 @@
-// dump.cc - cache dumps of a forger: the checksums are right, what they guard is not. What is shown is what is loaded;
-// loaded, saved and loaded again, a cache holds the same.
+// dump.cc - forged cache dumps: the checksums are right, the contents are not. The entries shown are the entries
+// loaded; loaded, saved and loaded again, a cache holds the same.
 //
-// The first byte says how the rest is read. As a whole file, whose frames get their checksums; or as what the frames of
-// a file hold, which get everything else too, so that the fuzzer comes to the entries soon.
+// The first byte chooses how the rest is read: as a whole file, whose frames get their checksums, or as the contents of
+// the frames, which get their heads too, so that the fuzzer reaches the entries soon.
 #include <cache_entry.h>
 
 #include <set>
@@ -22,7 +22,7 @@ constexpr size_t kRunSizeAt = 12, kNameSizeAt = 15, kImageHead = 20;  // of an e
 enum Kind : uint32_t { kFileHead = 1, kCacheHead = 2, kBlock = 3, kCacheEnd = 4, kFileEnd = 5 };
 const Bytes kMagic = {0x8d, 'D', 'N', 'C', 'D', '\r', '\n', 0x1a};
 
-// Composer writes the frames of a dump around what the fuzzer puts into them.
+// Composer writes the frames of a dump around the fuzzer's contents.
 class Composer {
  public:
   static Bytes compose(fuzz::Input *input) {
@@ -83,7 +83,7 @@ Cache cache_of(uint8_t how) {
   return cache;
 }
 
-// text_of says what an entry holds, with its TTLs or without.
+// text_of gives an entry as text, with its TTLs or without.
 std::string text_of(dns_cdata *entry, bool ttls) {
   uint8_t dn[DNS_MAXDN];
   unsigned size = sizeof dn;
@@ -145,17 +145,17 @@ void put(dns_cache *cache, const char *name) {
   check(testbed::put(cache, name, DNS_T_A, 300, {{127, 0, 0, 2}}, kNow) == 0, "an entry");
 }
 
-// expect_format checks what is known here of the format, for without it no forged dump gets far: out of the block of a
-// real dump comes that dump.
+// expect_format checks the format as this file knows it, without which no forged dump gets far: from the block of a
+// real dump, Composer makes that dump again.
 void expect_format() {
-  constexpr size_t kTotals = kHead + 16, kBefore = 8 + (kHead + 12) + (kHead + 4) + kHead, kBehind = 2 * kTotals;
+  constexpr size_t kTotals = kHead + 16, kBefore = 8 + (kHead + 12) + (kHead + 4) + kHead, kAfter = 2 * kTotals;
   const Cache cache = cache_of(0);
   put(cache.get(), "name");
   put(cache.get(), "another.name");
   const Bytes whole = saved(cache.get());
-  check(whole.size() > kBefore + kBehind && whole.size() < kBefore + kBehind + 256, "the size of a dump");
-  Bytes parts = {4, 'u', 's', 'e', 'r', 1, static_cast<uint8_t>(whole.size() - kBefore - kBehind), 0};
-  parts.insert(parts.end(), whole.begin() + kBefore, whole.end() - kBehind);
+  check(whole.size() > kBefore + kAfter && whole.size() < kBefore + kAfter + 256, "the size of a dump");
+  Bytes parts = {4, 'u', 's', 'e', 'r', 1, static_cast<uint8_t>(whole.size() - kBefore - kAfter), 0};
+  parts.insert(parts.end(), whole.begin() + kBefore, whole.end() - kAfter);
   fuzz::Input input(parts.data(), parts.size());
   Bytes composed = Composer::compose(&input);
   testbed::seal_dump(composed);

@@ -1,9 +1,9 @@
-// engine.cc - a question on its way through the engine, in a world where every answer is the fuzzer's: with the right
-// id and from the right server, so that it reaches parsers, CNAME chains, referrals, connections and the cache.
-// Whatever comes, the question ends in one callback, its block is sound, and the cache gives back what went in.
+// engine.cc - a query resolved by the engine in a world where the fuzzer makes every answer: with the right id and from
+// the right server, so that it reaches parsers, CNAME chains, referrals, connections and the cache. For any answers,
+// the query ends in one callback, its block is sound, and the cache gives back what went in.
 //
 // The input: the type's place in kTypes, flags (see Flag), the name's text after its length, then the answers. An
-// answer is a byte that says what becomes of it (see How), its length and its bytes.
+// answer is a byte that says how it is delivered (see How), its length and its bytes.
 #include <cache_entry.h>
 #include <world_query.h>
 
@@ -26,15 +26,15 @@ enum Flag : uint8_t {
   kCookies = 4,
   kOwnServer = 8,
   kReferralCache = 16,
-  kTwice = 32,  // asked by two at a time
+  kTwice = 32,  // submitted twice at a time
   kNoTcp = 64,
-  kExpired = 128  // the cache returns expired entries, and time passes before it is asked
+  kExpired = 128  // the cache returns expired entries, and time passes before the second query
 };
 
 // How an answer is delivered. Bits 0 and 1 are the layout; the others add to it.
 enum How : uint8_t {
-  kLayout = 3,      // 0: a header and what follows the question; 1: a packet, which gets the id; else a packet
-  kReturned = 4,    // the question comes back undeliverable, by UDP
+  kLayout = 3,      // 0: a header and what follows the question section; 1: a packet, which gets the id; else a packet
+  kReturned = 4,    // the query comes back undeliverable, by UDP
   kStranger = 8,    // from an address that was not asked
   kDouble = 16,     // twice
   kLost = 32,       // not at all
@@ -69,7 +69,7 @@ Bytes lay_out(std::span<const uint8_t> bytes, const Bytes &query, uint8_t how) {
   return packet;
 }
 
-// next_reply takes what becomes of a query from the input.
+// next_reply takes the reply to a query from the input.
 sim::Reply next_reply(fuzz::Input *input, const Bytes &query) {
   sim::Reply reply({});
   reply.copies = 0;
@@ -107,9 +107,9 @@ void trace(dns_ctx *, dns_query *, int code, void *data, void *) {
   }));
 }
 
-// Question is a query whose block is looked at.
-struct Question : sim::Query {
-  Question(KAVO_TYPE block_type, const Bytes &name, dns_type number, const dns_ctx *ctx) : block(block_type) {
+// CheckedQuery is a query whose block is checked.
+struct CheckedQuery : sim::Query {
+  CheckedQuery(KAVO_TYPE block_type, const Bytes &name, dns_type number, const dns_ctx *ctx) : block(block_type) {
     dn = name;
     type = number;
     parser = parser_of(block);
@@ -123,7 +123,7 @@ struct Question : sim::Query {
   void answered(dns_status outcome, void *result) {
     const bool negative = outcome == DNS_E_NXDOMAIN || outcome == DNS_E_NODATA;
     const bool has_block = outcome >= 0 || (negative && block == KAVOT_PKT);
-    check((result != nullptr) == has_block, "what was answered has a block, a negative answer as a packet only");
+    check((result != nullptr) == has_block, "an answer has a block, a negative answer as a packet only");
     if (result == nullptr) return;
     const KAVO_RR rr = {static_cast<dns_rr_mem *>(result)};
     text = fuzz::text_of(block, rr);
@@ -153,8 +153,8 @@ class Story {
     world.script = [this](const Bytes &query, const std::string &) { return next_reply(&input_, query); };
     const testbed::Cache answers = testbed::cache_of(), referrals = testbed::cache_of();
     configure(&world, answers.get(), referrals.get());
-    Question first(question(type_.block, world)), twin(question(type_.block, world));
-    Question second(question(type_.block, world)), packet(question(KAVOT_PKT, world));
+    CheckedQuery first(query(type_.block, world)), twin(query(type_.block, world));
+    CheckedQuery second(query(type_.block, world)), packet(query(KAVOT_PKT, world));
     ask(&world, &first);
     if (has(kTwice)) ask(&world, &twin);
     run(&world);
@@ -164,7 +164,7 @@ class Story {
     ask(&world, &packet);
     run(&world);
     check(first.calls == 1 && twin.calls == (has(kTwice) ? 1 : 0) && second.calls == 1 && packet.calls == 1,
-          "one callback for each question");
+          "one callback for each query");
     // A packet from the cache is laid out anew, which no other block shows.
     if (first.status == 0 && (second.sflags & DNS_SF_CACHED) != 0 && type_.block != KAVOT_PKT)
       check(second.status == 0 && second.text == first.text, "the cache gives back what went in");
@@ -175,8 +175,8 @@ class Story {
  private:
   [[nodiscard]] bool has(Flag flag) const { return (flags_ & flag) != 0; }
 
-  [[nodiscard]] Question question(KAVO_TYPE block, const sim::World &world) const {
-    return Question(block, dn_, type_.number, world.ctx);
+  [[nodiscard]] CheckedQuery query(KAVO_TYPE block, const sim::World &world) const {
+    return CheckedQuery(block, dn_, type_.number, world.ctx);
   }
 
   static void run(sim::World *world) {
@@ -187,9 +187,9 @@ class Story {
   void configure(sim::World *world, dns_cache *answers, dns_cache *referrals) const {
     for (const std::string &server : kServers)
       world->add_server(server, sim::Temper::good);
-    const uint32_t options = has(kCookies) ? DNS_COOKIES : 0, tries = 3, cached = has(kExpired) ? DNS_CR_EXPIRED : 0;
+    const uint32_t options = has(kCookies) ? DNS_COOKIES : 0, attempts = 3, cached = has(kExpired) ? DNS_CR_EXPIRED : 0;
     check(dns_set_opt(world->ctx, DNS_OPT_FLAGS, &options, sizeof options) == 0, "flags");
-    check(dns_set_opt(world->ctx, DNS_OPT_NTRIES, &tries, sizeof tries) == 0, "tries");
+    check(dns_set_opt(world->ctx, DNS_OPT_NTRIES, &attempts, sizeof attempts) == 0, "attempts");
     const uint32_t cache_flags = cached | DNS_CR_NCACHE;
     check(dns_cacher_setopt(dns_cache_cacher(answers), DNS_CROPT_FLAGS, &cache_flags, sizeof cache_flags) == 0,
           "flags");
@@ -198,8 +198,8 @@ class Story {
     dns_set_dbgfn(world->ctx, trace, nullptr);
   }
 
-  void ask(sim::World *world, Question *question) const {
-    submit(world, question, has(kOwnServer) ? std::vector<std::string>{kOwn} : std::vector<std::string>{},
+  void ask(sim::World *world, CheckedQuery *query) const {
+    submit(world, query, has(kOwnServer) ? std::vector<std::string>{kOwn} : std::vector<std::string>{},
            (has(kRecursive) ? DNS_RCRS : 0) | (has(kDirectCache) ? DNS_DCACHE : 0));
   }
 

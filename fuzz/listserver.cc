@@ -1,5 +1,5 @@
-// listserver.cc - the list server: a zones file up to the first zero byte, then questions, each after its length. What
-// is answered is a sound packet with the question's id that fits, unless the zones file asks for a wrong one.
+// listserver.cc - the list server: a zones file up to the first zero byte, then queries, each after its length. An
+// answer is a sound packet with the query's id that fits, unless the zones file wants a wrong one.
 #include <responder.h>
 
 #include <sstream>
@@ -21,7 +21,7 @@ void ask(listserver::Responder *responder, std::span<const uint8_t> bytes, bool 
   const listserver::Reply reply = responder->answer(packet.span(), answer, tcp ? answer.size() : listserver::kUdpPlain);
   check(reply.size <= answer.size(), "an answer fits");
   if (reply.size == 0 || !tells_the_truth(reply)) return;
-  check(bytes.size() >= DNS_HSIZE && answer[0] == bytes[0] && answer[1] == bytes[1], "an answer has its question's id");
+  check(bytes.size() >= DNS_HSIZE && answer[0] == bytes[0] && answer[1] == bytes[1], "an answer has its query's id");
   const fuzz::Exact exact(std::span<const uint8_t>(answer).first(reply.size));
   fuzz::expect_printable(fuzz::written([&](FILE *stream) {
     check(dns_printpkt(stream, exact.begin(), static_cast<unsigned>(reply.size)) == 0, "an answer is sound");

@@ -14,7 +14,7 @@ void expect_stored(KAVO_TYPE type, const KAVO_RR &rr) {
   KAVO_RR again = {};
   check(kavo_rr_read(type, &again, stream.get()) == KAVOE_OK, "what was written can be read");
   check(fuzz::text_of(type, again) == text, "read, written and read, a block is the same");
-  check(static_cast<size_t>(ftell(stream.get())) == stored.size(), "the reader stops behind the record");
+  check(static_cast<size_t>(ftell(stream.get())) == stored.size(), "the reader stops after the record");
   kavo_rr_free(&again);
 }
 
@@ -44,7 +44,7 @@ void expect_contained(KAVO_TYPE type, const KAVO_RR &rr, size_t place) {
     *byte ^= change;
     const KAVO_ERR error = kavo_rr_dup(type, &rr, &copy);
     *byte ^= change;
-    check(error == KAVOE_OK || error == KAVOE_FAIL || error == KAVOE_NOMEM, "a block that lies is refused");
+    check(error == KAVOE_OK || error == KAVOE_FAIL || error == KAVOE_NOMEM, "a false block is refused");
     if (error == KAVOE_OK) (void)fuzz::text_of(type, copy);
     kavo_rr_free(&copy);
   }

@@ -36,14 +36,14 @@ void parse_block(KAVO_TYPE type, dns::Block kind, const Exact &packet, size_t an
   dns_parse_fn *parse = type == KAVOT_PKT ? kavo_get_parser(KAVOT_DNS_A, KAVOQF_PKT) : kavo_get_parser(type, 0);
   size_t needed = 0;
   const int status = dns::lay_block(kind, packet.span(), answers_at, dn, {}, &needed);
-  if (status != DNS_E_NOBUFS) return check(status < 0, "no block lies in no room");
+  if (status != DNS_E_NOBUFS) return check(status < 0, "no block fits no room");
   const auto make = [&](size_t size, void *block) {
     const uint8_t *at = packet.begin() + answers_at;
     return parse(nullptr, nullptr, dn, packet.begin(), at, packet.end(), &block, static_cast<unsigned>(size));
   };
   const std::unique_ptr<void, decltype(&free)> block(malloc(needed), free), small(malloc(needed - 1), free);
-  check(make(needed - 1, small.get()) == DNS_E_NOBUFS, "no block lies in less than it needs");
-  check(make(needed, block.get()) == static_cast<int>(needed), "a block lies in what it needs");
+  check(make(needed - 1, small.get()) == DNS_E_NOBUFS, "no block fits less than it needs");
+  check(make(needed, block.get()) == static_cast<int>(needed), "a block fits what it needs");
   const KAVO_RR rr = {static_cast<dns_rr_mem *>(block.get())};
   check(rr.rr_mem->dnsm_size == needed && rr.rr_mem->dnsm_written == needed, "a block says its size");
   fuzz::expect_copies(type, rr);
@@ -82,7 +82,7 @@ class Copied {
 
  private:
   void copy(const dns_rr &rr) {
-    const bool plain_ttl = rr.dnsrr_dptr[-6] < 0x80;  // a larger one is no time, and read as 0
+    const bool plain_ttl = rr.dnsrr_dptr[-6] < 0x80;  // a larger one is invalid, and read as 0
     const bool added = dns_addrr(&out_, &parse_, &rr) == 0;
     whole_ = whole_ && added && plain_ttl;
     const int kept = dns_cdata_addrr(entry_.get(), &rr, &parse_);
@@ -129,7 +129,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   uint8_t dn[DNS_MAXDN];
   if (dns_initparse(&parse, packet.begin(), packet.end(), dn) != 0 || dns_dnlen(dn) == 0) return 0;
   size_t at = 0;
-  check(dns::section_at(packet.span(), DNS_S_AN, &at), "questions that were read can be passed");
+  check(dns::section_at(packet.span(), DNS_S_AN, &at), "the question section that was read can be skipped");
   for (size_t i = 0; i < std::size(fuzz::kBlockTypes); ++i)
     parse_block(fuzz::kBlockTypes[i], static_cast<dns::Block>(i), packet, at, dn);
   for (const int section : {DNS_S_AN, DNS_S_NS, DNS_S_AR})

@@ -1,5 +1,5 @@
-// resolver_file.cc - the system's resolver configuration file: whatever it says, figures stay within their bounds and
-// servers are addresses; what was understood is understood again.
+// resolver_file.cc - the system's resolver configuration file: for any contents, figures stay within their bounds and
+// servers are addresses; the settings that were read, written and read again are the same.
 #include <arpa/inet.h>
 #include <bounds.h>
 #include <resolver_file.h>
@@ -40,7 +40,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const dns::Options &options = first.options;
   check(first.count <= 3, "no more servers than there is room for");
   check(options.timeout_us >= dns::kUsPerSecond && options.timeout_us <= 30 * dns::kUsPerSecond, "a timeout in bounds");
-  check(options.ntries >= 1 && options.ntries <= 5 && options.ndots <= 15, "tries and dots in bounds");
+  check(options.ntries >= 1 && options.ntries <= 5 && options.ndots <= 15, "attempts and dots in bounds");
   for (unsigned i = 0; i < first.count; ++i)
     check(first.servers[i].sin_family == AF_INET && first.servers[i].sin_port == htons(53) &&
               first.servers[i].sin_addr.s_addr != 0,

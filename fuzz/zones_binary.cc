@@ -28,10 +28,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     for (unsigned type = KAVOT_BL_MIN; type <= KAVOT_BL_MAX; ++type)
       for (const int32_t zone : kavo_zonesmap_zones(map, static_cast<KAVO_TYPE>(type)))
         check(kavo_zonesmap_zone(kavo, zone) != nullptr, "a number in a list is that of a zone");
-    const std::string first = saved(kavo), behind = first + "behind";
-    const fuzz::Stream stream = fuzz::reading({reinterpret_cast<const uint8_t *>(behind.data()), behind.size()});
+    const std::string first = saved(kavo), longer = first + "after";
+    const fuzz::Stream stream = fuzz::reading({reinterpret_cast<const uint8_t *>(longer.data()), longer.size()});
     check(kavo_zonesmap_init_bin(kavo, map, stream.get()) == KAVOE_OK && saved(kavo) == first, "saved and loaded");
-    check(static_cast<size_t>(ftell(stream.get())) == first.size(), "the reader stops behind the record");
+    check(static_cast<size_t>(ftell(stream.get())) == first.size(), "the reader stops after the record");
   }
   kavo_free(kavo);
   return 0;
