@@ -24,7 +24,7 @@ std::vector<uint8_t> name(const std::string &text) {
 
 const char *const kName = "4.3.2.10.list.example";
 
-// An answer with one address, its owner a pointer to the question.
+// An answer with one address, its owner a pointer to the query name.
 std::vector<uint8_t> answer() {
   std::vector<uint8_t> packet(512);
   packet.resize(dns::write_query(packet, 7, true, name(kName), DNS_T_A, DNS_C_IN));
@@ -42,13 +42,13 @@ void compare_names(benchmark::State &state) {
 }
 BENCHMARK(compare_names);
 
-void write_question(benchmark::State &state) {
+void write_query(benchmark::State &state) {
   const auto dn = name(kName);
   uint8_t buffer[300];
   for (auto _ : state)
     benchmark::DoNotOptimize(dns::write_query(buffer, 7, true, dn, DNS_T_A, DNS_C_IN));
 }
-BENCHMARK(write_question);
+BENCHMARK(write_query);
 
 void parse_answer(benchmark::State &state) {
   const auto dn = name(kName);

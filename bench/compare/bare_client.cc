@@ -43,8 +43,8 @@ class Bare : public Client {
     while (done < packets) {
       const unsigned room = std::min(window_ - (sent - done), packets - sent);
       if (room > 0) sent += send(sent, std::min(kBatch, room), &next);
-      // The answers that are there make room for the next batch; only with all questions outstanding are they waited
-      // for.
+      // The answers that have come make room for the next batch; only with all questions outstanding is there a wait
+      // for them.
       const bool full = sent - done == window_ || sent == packets;
       const unsigned got = receive(full);
       if (got == 0 && full) return packets - done;
@@ -56,13 +56,13 @@ class Bare : public Client {
  private:
   struct Asked {
     uint32_t address = 0;
-    uint32_t size = 0;  // of the question's packet; 0: not under way
+    uint32_t size = 0;  // of the query; 0: not under way
   };
 
   unsigned send(unsigned id, unsigned count, Packets *next) {
     for (unsigned i = 0; i < count; ++i, ++id, next->next()) {
       const auto id16 = static_cast<uint16_t>(id);
-      const size_t size = names_.put_question(packets_[i], id16, next->address(), next->zone());
+      const size_t size = names_.put_query(packets_[i], id16, next->address(), next->zone());
       asked_[id16] = {next->address(), static_cast<uint32_t>(size)};
       parts_[i].iov_len = size;
     }

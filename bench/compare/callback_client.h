@@ -1,4 +1,4 @@
-// callback_client.h - what the clients of libraries that answer through a callback have in common: the questions under
+// callback_client.h - the common part of the clients of libraries that answer through a callback: the questions under
 // way, and the loop that keeps their number up.
 #ifndef KAVO_BENCH_COMPARE_CALLBACK_CLIENT_H
 #define KAVO_BENCH_COMPARE_CALLBACK_CLIENT_H
@@ -28,7 +28,7 @@ class CallbackClient : public Client {
   }
 
  protected:
-  // Asked is a question under way: what the library's callback is handed.
+  // Asked is a question under way, the argument of the library's callback.
   struct Asked {
     CallbackClient *self = nullptr;
     uint32_t address = 0;
@@ -47,8 +47,8 @@ class CallbackClient : public Client {
   // turn waits for the network and lets the library work.
   virtual void turn() = 0;
 
-  // end is what the callback calls. No exception may pass through the library: a wrong answer is kept until its loop is
-  // left.
+  // end ends a question; the callback calls it. No exception may pass through the library: a wrong answer is kept until
+  // the library's loop returns.
   void end(Asked *asked, Says says) {
     free_.push_back(asked);
     if (says == Says::nothing) {

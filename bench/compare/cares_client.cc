@@ -14,7 +14,7 @@ namespace compare {
 namespace {
 
 constexpr const char *kName = "c-ares";
-constexpr int kTimeoutMs = 5000;  // a packet that is lost shows
+constexpr int kTimeoutMs = 5000;  // a lost packet shows
 constexpr int kTries = 1;
 constexpr int kLookMs = 100;  // between two looks at the timeouts
 constexpr int kClassIn = 1, kTypeA = 1;

@@ -43,7 +43,8 @@ Task Plan::task(const char *client, const Responder &responder, unsigned outstan
 void measure_zones(const Plan &plan, Report *report) {
   const auto responder = start_own(plan.responder_core);
   report->add(
-      "## Eight zones a question\n\nEight packets a question; the bare loops send the same packets.\n\n"
+      "## Eight zones a question\n\n"
+      "Eight packets a question; the bare loops send the same packets.\n\n"
       "| outstanding | packets | client | processor, µs a packet pair | × the bare loop |\n"
       "| ---: | ---: | --- | ---: | ---: |\n");
   bench::Spread usual;
@@ -98,7 +99,8 @@ void measure_single(const Plan &plan, Report *report) {
   constexpr const char *kNames[] = {"bare round trip to the responder", "`kavo_query`, asks the responder",
                                     "`kavo_query`, from the cache", "`kavo_cache_get`, a hit"};
   report->add(
-      "## One question at a time\n\n| operation | µs on the wall | × the round trip | processor, µs |\n"
+      "## One question at a time\n\n"
+      "| operation | µs on the wall | × the round trip | processor, µs |\n"
       "| --- | ---: | ---: | ---: |\n");
   bench::Spread ratios[4];
   for (size_t i = 0; i < all.size(); ++i) {
@@ -126,8 +128,11 @@ void measure_cached(const Plan &plan, Report *report) {
   const std::vector<Series> all = interleave(tasks, plan.rounds);
   constexpr const char *kNames[] = {"libunbound, event interface", "kavo, nodes", "`kavo_cache_get`"};
   report->add(
-      "## Cached answers\n\nEach asks for 10,000 names whose answers it holds, again and again; the first two with "
-      "1,000 questions at once.\n\n| client | processor, µs an answer | × libunbound |\n| --- | ---: | ---: |\n");
+      "## Cached answers\n\n"
+      "Each asks for 10,000 names whose answers it holds, again and again; the first two with 1,000 questions at\n"
+      "once.\n\n"
+      "| client | processor, µs an answer | × libunbound |\n"
+      "| --- | ---: | ---: |\n");
   bench::Spread ratios[3];
   for (size_t i = 0; i < all.size(); ++i) {
     ratios[i] = all[i].ratio_to(all[0], &Figures::processor_us);
@@ -147,11 +152,11 @@ void measure_memory(const Plan &plan, Report *report) {
   // one server.
   constexpr unsigned kFew = 1000, kMost = 4000;
   report->add(
-      "## Memory of an outstanding question\n\nThe responder holds its answers back until every question has come, and "
-      "memory is what is\nresident then. The difference between two numbers of questions, so that what a client has "
-      "anyway drops out; the\nbenchmark's own notes, 16 to 24 bytes a question, are part of it.\n\n| client | KiB for "
-      "1,000 | KiB for 4,000 | bytes a "
-      "question |\n"
+      "## Memory of an outstanding question\n\n"
+      "The responder holds its answers back until every question has come, and memory is what is resident then. The\n"
+      "difference between two numbers of questions, so that what a client has anyway drops out; the benchmark's own\n"
+      "notes, 16 to 24 bytes a question, are part of it.\n\n"
+      "| client | KiB for 1,000 | KiB for 4,000 | bytes a question |\n"
       "| --- | ---: | ---: | ---: |\n");
   bench::Spread kavo;
   for (const char *client : {"kavo", "c-ares", "libunbound"}) {
@@ -180,9 +185,10 @@ void measure_memory(const Plan &plan, Report *report) {
 
 void measure_cores(const Plan &plan, Report *report) {
   report->add(
-      "## Two contexts on two cores\n\nEach context, the host thread that asks it and a responder of its own share one "
-      "core. The responder is not what is\nmeasured, so its processor time is taken off the wall time, of one context "
-      "as of two; with 1,000 questions at once a\ncore is never idle. Both contexts are in one process.\n\n"
+      "## Two contexts on two cores\n\n"
+      "Each context, the host thread that asks it and a responder of its own share one core. The responder is not\n"
+      "what is measured, so its processor time is taken off the wall time, of one context as of two; with 1,000\n"
+      "questions at once a core is never idle. Both contexts are in one process.\n\n"
       "| contexts | questions/s, the responder not counting |\n| ---: | ---: |\n");
   const std::unique_ptr<Responder> responders[] = {start_own(plan.client_core), start_own(plan.responder_core)};
   Task one = plan.task("kavo", *responders[0], kUsual), two = one;

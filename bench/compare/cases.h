@@ -9,7 +9,7 @@
 
 namespace compare {
 
-// Plan is how much is measured, and where: the clients on one core, who answers them on another.
+// Plan is how much is measured, and where: the clients on one core, the responder on another.
 struct Plan {
   unsigned rounds = 5;
   unsigned count = 30'000;  // questions of one measurement

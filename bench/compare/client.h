@@ -31,7 +31,7 @@ struct Task {
   unsigned zones = 1;             // packets a question
   unsigned table = 0;             // kavo's table; 0: as many places as questions are outstanding
   bool held = false;              // no answer comes before every question has, and for a while after
-  unsigned subjects = 0;          // above 0: so many listed addresses are asked again and again, and answers are cached
+  unsigned subjects = 0;  // above 0: so many listed addresses are asked about repeatedly, and answers are cached
 
   [[nodiscard]] unsigned window() const { return outstanding > threads ? outstanding / threads : 1; }
   [[nodiscard]] uint16_t port_of(unsigned worker) const { return static_cast<uint16_t>(ports[worker % ports.size()]); }
@@ -62,10 +62,10 @@ class Client {
   [[nodiscard]] long resident_kib() const { return resident_kib_; }
 
  protected:
-  // all_asked is what a client calls when as many questions are under way as there may be.
+  // all_asked must be called when as many questions are under way as there may be.
   void all_asked(const Task &task) {
     if (!task.held || resident_kib_ != 0) return;
-    usleep(kHeldUs / 2);  // what other threads have to do for them
+    usleep(kHeldUs / 2);  // other threads may still work for them
     resident_kib_ = bench::resident_kib();
   }
 
@@ -101,7 +101,7 @@ class Packets {
   unsigned question_, zone_ = 0;
 };
 
-// wrong throws what a client says of an answer that is not the right one.
+// wrong throws a client's report of a wrong answer.
 [[noreturn]] inline void wrong(const char *client, uint32_t address) {
   throw std::runtime_error(std::string(client) + ": wrong answer about " + bench::name_of(address));
 }

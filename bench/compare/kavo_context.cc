@@ -7,7 +7,7 @@ namespace {
 
 constexpr const char *kName = "kavo";
 
-constexpr uint32_t kTimeoutS = 5;  // a packet that is lost shows
+constexpr uint32_t kTimeoutS = 5;  // a lost packet shows
 
 int table_size(const Task &task) {
   const unsigned least = task.window() * task.threads;

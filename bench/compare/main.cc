@@ -1,6 +1,6 @@
 // bench_compare: kavo beside a bare loop of system calls and beside other resolver libraries, in ratios of one run. It
 // measures case after case and prints Markdown; every measurement is a process of its own, which the program starts by
-// running itself with the word "ask" (and who is asked, with "respond").
+// running itself with the word "ask" (and the responder, with "respond").
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
@@ -38,22 +38,25 @@ void choose_cores(Plan *plan) {
 }
 
 std::string explanation(const Plan &plan) {
-  return "## How to read it\n\nEach measurement is a process of its own: all threads of the client run on core " +
-         std::to_string(plan.client_core) + ", who answers on core " + std::to_string(plan.responder_core) +
-         ",\nunless a case says otherwise. Rounds: " + std::to_string(plan.rounds) +
-         ". Figures are their medians, in parentheses the quartiles. Within a round the\nclients take turns, and a "
-         "ratio is of two figures of the same round: on a machine that others use too, figures drift,\nratios hardly "
-         "do. Wall times and questions a second suffer most from others.\n\n"
-         "The bare loop hands the kernel each packet by itself, as c-ares and libunbound do. kavo hands it packets of "
-         "one size\nthat go to one server on this machine as one, which the kernel cuts up (`UDP_SEGMENT`): that is "
-         "why it can cost less than\nthe bare loop. To a server elsewhere it does not. `bare-runs` is the bare loop "
-         "with the same means, and the least that\nasking on this machine can cost. Targets are against the plain "
+  return "## How to read it\n\n"
+         "Each measurement is a process of its own: all threads of the client run on core " +
+         std::to_string(plan.client_core) + ", the responder on core " + std::to_string(plan.responder_core) +
+         ",\n"
+         "unless a case says otherwise. Rounds: " +
+         std::to_string(plan.rounds) +
+         ". Figures are their medians, in parentheses the quartiles. Within a round\n"
+         "the clients take turns, and a ratio is of two figures of the same round: on a machine that others use too,\n"
+         "figures drift, ratios hardly do. Wall times and questions a second suffer most from others.\n\n"
+         "The bare loop hands the kernel each packet by itself, as c-ares and libunbound do. kavo hands it packets of\n"
+         "one size that go to one server on this machine as one, which the kernel cuts up (`UDP_SEGMENT`): that\n"
+         "is why it can cost less than the bare loop. To a server elsewhere it does not. `bare-runs` is the bare loop\n"
+         "with the same means, and the least that asking on this machine can cost. Targets are against the plain\n"
          "one.\n\n"
-         "The responder of this program uses them too. With many questions at once it costs less processor time a "
-         "question than\nthe libraries that ask it (see the table), so that none of them waits for it; rbldnsd costs "
-         "more than most. Half of the\naddresses are listed. c-ares parses its answers with `ares_parse_a_reply`, "
-         "libunbound's are read in place. The bare loops\nand c-ares send no packet twice. kavo and libunbound do when "
-         "an answer is late by their own measure; of how many kavo\nsent again the table tells.\n\n";
+         "The responder of this program uses them too. With many questions at once it costs less processor time a\n"
+         "question than the libraries that ask it (see the table), so that none of them waits for it; rbldnsd costs\n"
+         "more than most. Half of the addresses are listed. c-ares parses its answers with `ares_parse_a_reply`,\n"
+         "libunbound's are read in place. The bare loops and c-ares retransmit nothing. kavo and libunbound do when\n"
+         "an answer is late by their own measure; the table tells how many packets kavo sent again.\n\n";
 }
 
 void measure(const Plan &plan, const std::vector<std::string> &only, const std::string &directory) {

@@ -68,7 +68,7 @@ const char *Names::text_of(uint32_t address, unsigned zone) {
   return text_;
 }
 
-size_t Names::put_question(std::span<uint8_t, kPacketMax> packet, uint16_t id, uint32_t address, unsigned zone) const {
+size_t Names::put_query(std::span<uint8_t, kPacketMax> packet, uint16_t id, uint32_t address, unsigned zone) const {
   const std::array<uint8_t, kHeaderSize> header = {
       static_cast<uint8_t>(id >> kBits), static_cast<uint8_t>(id), 0, 0, 0, 1, 0, 0, 0, 0, 0, 0};
   memcpy(packet.data(), header.data(), header.size());

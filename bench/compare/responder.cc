@@ -24,10 +24,10 @@ namespace {
 constexpr useconds_t kHeldPauseUs = 500;  // between two batches of answers that were held back
 constexpr size_t kFlagsAt = 2, kRcodeAt = 3, kAnswersAt = 7, kAuthorityAt = 9, kAdditionalAt = 11;
 constexpr uint8_t kQr = 0x80, kAa = 0x04, kRd = 0x01, kNxDomain = 3;
-constexpr unsigned kSecondByteLabel = 2;  // an address is asked about last byte first
+constexpr unsigned kSecondByteLabel = 2;  // a name has the last byte of its address first
 constexpr unsigned kZoneLabel = 4;
 
-// The parts of answers. Owners are pointers into the question: its name, and its zone.
+// The parts of answers. Owners are pointers into the question section: the query name, and its zone.
 constexpr std::array<uint8_t, 16> kAddress = {0xc0, kHeaderSize, 0, 1, 0, 1, 0, 1, 0x51, 0x80, 0, 4, 127, 0, 0, 2};
 constexpr std::array<uint8_t, 34> kSoa = {0xc0, 0, 0, 6,    0, 1, 0, 0,    0x01, 0x2c, 0, 22,     // 22 bytes of data:
                                           0,    0, 0, 0,    0, 1, 0, 0,    0x01, 0x2c,            // two root names, and
@@ -39,7 +39,7 @@ size_t append(uint8_t *at, std::span<const uint8_t> part) {
   return part.size();
 }
 
-// make_answer turns a question into its answer, in place, and returns its size; 0 for what is no question.
+// make_answer turns a query into its answer, in place, and returns its size; 0 for an invalid query.
 size_t make_answer(std::span<uint8_t, kPacketMax> packet, size_t size) {
   const size_t end = question_end(std::span<const uint8_t>(packet).first(size));
   if (end == 0) return 0;
@@ -67,29 +67,29 @@ size_t make_answer(std::span<uint8_t, kPacketMax> packet, size_t size) {
   return size;
 }
 
-// Batch is the packets of one system call each way. Answers leave in runs, which makes this process cost less than
-// those that ask it.
+// Batch is the packets of one system call each way. Answers leave in runs, so that this process costs less than its
+// clients.
 class Batch {
  public:
-  Batch() : questions_{} {
+  Batch() : queries_{} {
     for (unsigned i = 0; i < kBatch; ++i) {
-      msghdr &question = questions_[i].msg_hdr;
-      question.msg_iov = &parts_[i];
-      question.msg_iovlen = 1;
-      question.msg_name = &peers_[i];
+      msghdr &query = queries_[i].msg_hdr;
+      query.msg_iov = &parts_[i];
+      query.msg_iovlen = 1;
+      query.msg_name = &peers_[i];
     }
   }
 
-  // Waits for at least one question, makes the answers of those that came, and returns their number.
+  // Waits for at least one query, makes the answers to those received, and returns their number.
   unsigned receive(int fd) {
     for (unsigned i = 0; i < kBatch; ++i) {
       parts_[i] = {packets_[i].data(), packets_[i].size()};
-      questions_[i].msg_hdr.msg_namelen = sizeof peers_[i];
+      queries_[i].msg_hdr.msg_namelen = sizeof peers_[i];
     }
-    const int got = recvmmsg(fd, questions_.data(), kBatch, MSG_WAITFORONE, nullptr);
+    const int got = recvmmsg(fd, queries_.data(), kBatch, MSG_WAITFORONE, nullptr);
     count_ = got > 0 ? static_cast<unsigned>(got) : 0;
     for (unsigned i = 0; i < count_; ++i)
-      parts_[i].iov_len = make_answer(packets_[i], questions_[i].msg_len);
+      parts_[i].iov_len = make_answer(packets_[i], queries_[i].msg_len);
     return count_;
   }
 
@@ -104,7 +104,7 @@ class Batch {
   std::array<std::array<uint8_t, kPacketMax>, kBatch> packets_;
   std::array<iovec, kBatch> parts_;
   std::array<sockaddr_in, kBatch> peers_;
-  std::array<mmsghdr, kBatch> questions_;
+  std::array<mmsghdr, kBatch> queries_;
   Runs answers_;
 };
 
@@ -132,7 +132,7 @@ class Own : public Responder {
 };
 
 // give_room enlarges the receive buffers of another process's sockets: rbldnsd leaves its own at what the system gives,
-// which is too little for a thousand questions at once.
+// which is too little for a thousand queries at once.
 void give_room(pid_t process) {
   constexpr int kDescriptors = 64;
   const int handle = static_cast<int>(syscall(SYS_pidfd_open, process, 0));
@@ -176,9 +176,9 @@ void respond(unsigned hold) {
   std::printf("listening on 127.0.0.1:%u\n", socket.port());
   std::fflush(stdout);
   std::vector<std::unique_ptr<Batch>> held;
-  for (unsigned questions = 0; questions < hold;) {
+  for (unsigned queries = 0; queries < hold;) {
     held.push_back(std::make_unique<Batch>());
-    questions += held.back()->receive(socket.fd());
+    queries += held.back()->receive(socket.fd());
   }
   if (hold > 0) usleep(kHeldUs);
   for (const auto &batch : held) {

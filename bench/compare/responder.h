@@ -1,5 +1,5 @@
-// responder.h - who the clients ask: a process of this program that does nothing but turn questions into answers, and
-// costs less than the bare loop that asks it; or the list server rbldnsd of the distribution.
+// responder.h - the clients' server: a process of this program that only turns queries into answers, and costs less
+// than the bare loop that asks it; or the list server rbldnsd of the distribution.
 #ifndef KAVO_BENCH_COMPARE_RESPONDER_H
 #define KAVO_BENCH_COMPARE_RESPONDER_H
 
@@ -12,9 +12,9 @@
 
 namespace compare {
 
-// respond answers questions about any zone until the process is ended: an A record for listed addresses, for all others
-// a denial with the zone's SOA. It prints "listening on 127.0.0.1:PORT" first. With `hold` above 0 the first `hold`
-// questions are answered when all of them have come, not before.
+// respond answers queries about any zone until the process is ended: an A record for listed addresses, for all others a
+// negative answer with the zone's SOA. It prints "listening on 127.0.0.1:PORT" first. With `hold` above 0 it answers
+// the first `hold` queries when all of them have come, not before.
 [[noreturn]] void respond(unsigned hold);
 
 // self returns the path of this program, which runs itself again for each of its processes.

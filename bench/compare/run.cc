@@ -13,7 +13,7 @@ namespace {
 
 constexpr double kMicro = 1e6;
 constexpr unsigned kWarmUp = 2000;           // questions at least; more where more are outstanding or cached
-constexpr unsigned kWarmUpFrom = 3'000'000;  // these are not asked again
+constexpr unsigned kWarmUpFrom = 3'000'000;  // these are asked only once
 constexpr testbed::milliseconds kTimeMax{120'000};
 
 unsigned long lost_by_all = 0;
@@ -164,7 +164,7 @@ Figures perform(const Task &task) {
   const long memory_before = bench::peak_kib();
   const Team team = make_team(task);
   const unsigned warm_up = task.subjects > 0 ? task.subjects : std::max(kWarmUp, 2 * task.outstanding);
-  // The first pass over the subjects fills the cache; whoever asks from there on is answered from it.
+  // The first pass over the subjects fills the cache, which answers all later questions.
   std::vector<Share> shares = ask_all(task, team, task.subjects > 0 ? 0 : kWarmUpFrom, warm_up);
   Figures figures;
   for (const Share &share : shares)

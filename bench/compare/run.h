@@ -21,7 +21,7 @@ struct Figures {
   unsigned count = 0;  // questions
   unsigned packets = 0;
   unsigned lost = 0;
-  unsigned repeated = 0;  // packets that were sent again, as far as the client tells
+  unsigned repeated = 0;  // retransmissions, as far as the client counts them
   bench::Cost cost;
   long memory_kib = 0;  // of the client at its peak, without what the process had before
   std::vector<Worker> workers;
@@ -46,7 +46,7 @@ void describe(CLI::App *app, Task *task);
 // goes to `under_output`. Throws std::runtime_error for a process that fails, which one with a wrong answer does.
 [[nodiscard]] Figures run(const Task &task, std::vector<std::string> under = {}, std::string *under_output = nullptr);
 
-// lost_questions returns how many questions all runs so far have lost: more than none spoils their figures.
+// lost_questions returns how many questions all runs so far have lost: a single one spoils their figures.
 [[nodiscard]] unsigned long lost_questions();
 
 }  // namespace compare

@@ -12,8 +12,8 @@
 
 namespace compare {
 
-inline constexpr int kSocketBuffer = 32 << 20;  // bytes: ten thousand small packets wait their turn
-inline constexpr timeval kPatience = {1, 0};    // for the next answer; then the questions under way are lost
+inline constexpr int kSocketBuffer = 32 << 20;  // bytes: room for ten thousand small packets
+inline constexpr timeval kTimeout = {1, 0};     // for the next answer; then the questions under way are lost
 
 // grow_buffer makes a socket's receive buffer as large as the system lets this process.
 inline void grow_buffer(int fd) {
@@ -30,7 +30,7 @@ class UdpSocket {
     if (fd_ < 0 || bind(fd_, reinterpret_cast<sockaddr *>(&local), size) != 0 ||
         getsockname(fd_, reinterpret_cast<sockaddr *>(&local), &size) != 0 ||
         (peer != 0 && (connect(fd_, reinterpret_cast<sockaddr *>(&remote), size) != 0 ||
-                       setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &kPatience, sizeof kPatience) != 0)))
+                       setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &kTimeout, sizeof kTimeout) != 0)))
       throw std::system_error(errno, std::generic_category(), "socket");
     grow_buffer(fd_);
     port_ = ntohs(local.sin_port);

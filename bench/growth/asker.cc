@@ -15,7 +15,7 @@
 namespace growth {
 using bench::must;
 
-// Thread is one host thread's part: its questions go round, one being waited for while the others are open.
+// Thread is one host thread's part: its questions go round, and it waits for one while the others are open.
 class Asker::Thread {
  public:
   Thread(const Asker *asker, uint32_t first, unsigned count)

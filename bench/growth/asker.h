@@ -19,10 +19,10 @@ struct Host {
   unsigned outstanding = 1024;  // questions open, of all threads together
   unsigned threads = 1;
   unsigned waiters = 0;  // further threads, each waiting for something else that never comes
-  unsigned zones = 1;    // that a question asks
+  unsigned zones = 1;    // zones of a question
   std::vector<uint16_t> servers;
   bool best_server = false;  // ask the server that is known as the best, instead of all in turn
-  // With a cache of the host's: the questions are about what it holds, and no packet leaves.
+  // With a cache of the host's, it answers all questions, and no packet leaves.
   std::shared_ptr<FilledCache> cache;
 };
 

@@ -1,5 +1,5 @@
-// bare_reads.h - what the memory itself charges: one read after the other, each where the one before says, spread over
-// as much memory as a cache of so many entries takes. No library is in it.
+// bare_reads.h - the cost of memory itself, without the library: reads that each depend on the one before, spread over
+// as much memory as a cache of so many entries takes.
 #ifndef KAVO_BENCH_GROWTH_BARE_READS_H
 #define KAVO_BENCH_GROWTH_BARE_READS_H
 

@@ -24,14 +24,14 @@ class Work {
 struct Dimension {
   std::string name;  // on the command line and in the plot
   std::string size;  // what grows: the head of the table's first column
-  std::string unit;  // what the cost is for one of
+  std::string unit;  // the cost is of one of these
   std::string text;  // what is measured, in a sentence or two
   std::vector<unsigned> sizes;
   std::function<std::unique_ptr<Work>(unsigned size)> make;
   std::function<unsigned(unsigned size)> count;   // of questions in a round
   std::function<unsigned(unsigned size)> warmup;  // of questions before the first
   bool per_size = false;                          // each question has `size` units
-  bool judged = true;                             // not so where it is shown for comparison alone
+  bool judged = true;                             // false if shown for comparison alone
 };
 
 // dimensions returns all of them. They share the list servers, which run as long as one of them is there.

@@ -17,7 +17,7 @@ namespace {
 constexpr unsigned kZonesMost = 64;
 constexpr unsigned kServersMost = 16;
 constexpr unsigned kQuestions = 20'000;    // of a round, where they are cheap
-constexpr unsigned kFewQuestions = 4'000;  // where each is waited for by itself
+constexpr unsigned kFewQuestions = 4'000;  // where each is waited for alone
 constexpr unsigned kLookups = 50'000;
 constexpr unsigned kReads = 1'000'000;
 constexpr unsigned kInFlight = 1024;   // packets, where zones or threads grow
@@ -92,9 +92,8 @@ std::vector<Dimension> of_cache(const std::shared_ptr<Servers> &servers) {
       "bare memory",
       "entries",
       "read",
-      "For comparison, without the library: one read in as much memory as a cache of so many entries takes. A look-up\n"
-      "waits for two of these, one after the other: a line of the index, which says where the entry lies, and the "
-      "entry.",
+      "For comparison, without the library: one read in as much memory as a cache of so many entries takes. A lookup\n"
+      "waits for two of these, one after the other: a line of the index, which says where the entry is, and the entry.",
       sizes,
       [](unsigned size) { return std::make_unique<BareReads>(size); },
       always(kReads),
@@ -108,7 +107,7 @@ std::vector<Dimension> of_cache(const std::shared_ptr<Servers> &servers) {
                     host->cache = std::make_shared<FilledCache>(size);
                   }),
            always(kQuestions), always(kQuestions)},
-          {"cache_get", "entries", "look-up", "`kavo_cache_get`, a hit.", sizes,
+          {"cache_get", "entries", "lookup", "`kavo_cache_get`, a hit.", sizes,
            [](unsigned size) { return std::make_unique<Lookups>(size); }, always(kLookups), always(kLookups)}};
 }
 

@@ -1,4 +1,4 @@
-// filled_cache.h - an answer cache of the host's, full of what a mail filter's is: one address for each name of a list.
+// filled_cache.h - an answer cache of the host's, full like a mail filter's: one address for each name of a list.
 #ifndef KAVO_BENCH_GROWTH_FILLED_CACHE_H
 #define KAVO_BENCH_GROWTH_FILLED_CACHE_H
 
@@ -21,8 +21,8 @@ class FilledCache {
   FilledCache &operator=(const FilledCache &) = delete;
 
   [[nodiscard]] KAVO_CACHE cacher() const { return dns_cache_cacher(cache_); }
-  // address returns one of those that the cache has an entry for; with `n` one after the other, all of them in turn,
-  // none near the one before.
+  // address returns an address that the cache has an entry for. Successive values of `n` go through all of them, none
+  // near the one before.
   [[nodiscard]] uint32_t address(uint32_t n) const;
 
  private:

@@ -18,7 +18,7 @@ void must(KAVO_ERR error) {
   if (error != KAVOE_OK) throw std::runtime_error(kavo_strerror(error));
 }
 
-// KeptZones is a context with so many zones, and all that they can be had from again.
+// KeptZones is a context with so many zones, their names, and their binary record.
 struct KeptZones {
   explicit KeptZones(unsigned zones) : stream(tmpfile(), fclose) {
     KAVO made = nullptr;
@@ -39,7 +39,7 @@ struct KeptZones {
         must(kavo_add_zone(context.get(), KAVOT_BL_IP, name.c_str()));
   }
   void read_file() { must(kavo_zonesmap_init_cfg(context.get(), file().c_str())); }
-  // read_record reads the record and adds a zone that it held: what a load leaves to be done later counts.
+  // read_record reads the record and adds a zone that it held: work that a load defers counts too.
   void read_record() {
     rewind(stream.get());
     must(kavo_zonesmap_init_bin(context.get(), kavo_get_zonesmap(context.get()), stream.get()));

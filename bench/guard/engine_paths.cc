@@ -1,5 +1,5 @@
-// engine_paths.cc - the engine in one thread: a question from submission to callback with no system around it, and the
-// parts of it that every packet passes through. Nothing here depends on threads, sockets or the clock, so the figures
+// engine_paths.cc - the engine in one thread: a query from submission to callback without a system, and the parts that
+// every packet passes through. Nothing here depends on threads, sockets or the clock, so the figures
 // repeat almost to the instruction.
 #include <arpa/inet.h>
 #include <block.h>
@@ -24,7 +24,7 @@
 #include "paths.h"
 
 namespace dns {
-dns_ctx *context_new(const Io *io);  // the engine's, over a world of one's own
+dns_ctx *context_new(const Io *io);  // the engine's context, over another Io
 }
 
 namespace guard {
@@ -34,12 +34,12 @@ constexpr const char *kZone = ".list.example";
 constexpr uint16_t kUdpSize = 1232;
 constexpr uint64_t kCaseBits = 0x5A5A'1234'9876'C3C3;
 constexpr uint8_t kAnswerRecord[] = {0xC0, DNS_HSIZE, 0, DNS_T_A, 0, DNS_C_IN, 0, 0, 1, 44, 0, 4, 127, 0, 0, 2};
-constexpr size_t kQuestionTail = 4;  // type and class, behind the name
+constexpr size_t kTypeAndClass = 4;  // type and class, after the name
 constexpr size_t kPacketMax = 512;
 
 using Name = std::vector<uint8_t>;
 
-// name_of is what a list is asked about the n-th address.
+// name_of is the query name for the n-th address.
 Name name_of(uint32_t n) {
   std::string text;
   for (unsigned shift = 0; shift < 32; shift += 8)
@@ -51,9 +51,9 @@ Name name_of(uint32_t n) {
   return dn;
 }
 
-// answer_to turns a question packet into the answer to it, in place, and returns the answer's size.
+// answer_to turns a query into its answer, in place, and returns the answer's size.
 size_t answer_to(uint8_t *packet) {
-  const size_t end = DNS_HSIZE + dns_dnlen(packet + DNS_HSIZE) + kQuestionTail;
+  const size_t end = DNS_HSIZE + dns_dnlen(packet + DNS_HSIZE) + kTypeAndClass;
   packet[2] |= 0x80;  // QR
   packet[7] = 1;      // an answer record
   packet[11] = 0;     // and no OPT record
@@ -61,8 +61,7 @@ size_t answer_to(uint8_t *packet) {
   return end + sizeof kAnswerRecord;
 }
 
-// Mirror is an Io in which every question is answered as soon as it leaves, and time and chance are the same every
-// time.
+// Mirror is an Io that answers every query as soon as it is sent, with the same time and the same chance in every run.
 class Mirror {
  public:
   [[nodiscard]] const dns::Io *io() const { return &io_; }
@@ -115,14 +114,14 @@ class Mirror {
   int next_socket_ = 100;
 };
 
-class EngineQuestions final : public Work {
+class EngineQueries final : public Work {
  public:
-  EngineQuestions() : ctx_(dns::context_new(mirror_.io())) {
+  EngineQueries() : ctx_(dns::context_new(mirror_.io())) {
     if (ctx_ == nullptr || dns_add_serv(ctx_, nullptr) < 0 || dns_add_serv(ctx_, "192.0.2.1") <= 0 ||
         dns_open(ctx_) != DNS_E_NOERROR)
       throw std::runtime_error("no engine context");
   }
-  ~EngineQuestions() override { dns_destroy(ctx_); }
+  ~EngineQueries() override { dns_destroy(ctx_); }
 
   void run(unsigned count) override {
     for (unsigned asked = 0; asked < count; asked += kAtOnce) {
@@ -130,7 +129,7 @@ class EngineQuestions final : public Work {
       for (unsigned i = 0; i < kAtOnce; ++i)
         if (dns_submit_dn_serv(ctx_, names_[i].data(), DNS_C_IN, DNS_T_A, DNS_RCRS, nullptr, 0, dns_parse_a4, answered,
                                this) == nullptr)
-          throw std::runtime_error("a question was refused");
+          throw std::runtime_error("a query was refused");
       while (dns_active(ctx_) > 0)
         turn();
       if (answered_ != before + kAtOnce) throw std::runtime_error("a wrong answer");
@@ -143,7 +142,7 @@ class EngineQuestions final : public Work {
   static void answered(dns_ctx *ctx, dns_query *, void *result, unsigned, void *data) {
     const auto *block = static_cast<const dns_rr_a4 *>(result);
     if (dns_get_status(ctx) == DNS_E_NOERROR && block != nullptr && block->dnsa4_nrr == 1)
-      ++static_cast<EngineQuestions *>(data)->answered_;
+      ++static_cast<EngineQueries *>(data)->answered_;
   }
 
   void turn() {
@@ -170,8 +169,7 @@ class EngineQuestions final : public Work {
   }();
 };
 
-// Compose writes question packets as the engine does: letters in a case that a forger would have to guess, an OPT
-// record.
+// Compose writes queries as the engine does: with 0x20 and an OPT record.
 class Compose final : public Work {
  public:
   void run(unsigned count) override {
@@ -188,7 +186,7 @@ class Compose final : public Work {
   std::array<uint8_t, kPacketMax> packet_{};
 };
 
-// Parse reads an answer packet as the engine does: header, the question with its letters' case, OPT record, records.
+// Parse reads an answer as the engine does: header, question section with its 0x20 case, OPT record, records.
 class Parse final : public Work {
  public:
   Parse() {
@@ -229,7 +227,7 @@ std::unique_ptr<Work> make() {
 }  // namespace
 
 std::vector<Path> paths() {
-  return {{"engine-question", "question", 20'000, 2'000, make<EngineQuestions>},
+  return {{"engine-query", "query", 20'000, 2'000, make<EngineQueries>},
           {"packet-compose", "packet", 20'000, 100, make<Compose>},
           {"packet-parse", "packet", 20'000, 100, make<Parse>}};
 }

@@ -1,7 +1,7 @@
-// library_paths.cc - questions through the public interface, with all the threads that take part in them: the host's
-// and the context's server thread. The answers come from kavo-listserver over loopback.
+// library_paths.cc - questions through the public interface, on all threads that take part: the host's and the
+// context's server thread. The answers come from kavo-listserver over loopback.
 //
-// Questions go round: one is waited for, read and given up, and the next is asked in its place, with kOutstanding open.
+// Questions go round with kOutstanding open: one is waited for, read and dropped, and the next takes its place.
 #include <arpa/inet.h>
 #include <kavo.h>
 #include <library.h>
@@ -22,8 +22,8 @@ using bench::must;
 constexpr unsigned kOutstanding = 1000;
 constexpr unsigned kLists = 8;
 constexpr int kCacheBytes = 1 << 24;
-constexpr uint32_t kPatienceSeconds = 300;  // no question is asked twice, however slowly all of this runs
-// Cached names are asked again when their nodes have long been given to other names.
+constexpr uint32_t kTimeoutSeconds = 300;  // nothing is retransmitted, however slow the run
+// So many cached names that each comes again after its node has been given to another name.
 constexpr uint32_t kCachedNames = 4 * kOutstanding;
 
 class Questions final : public Work {
@@ -35,7 +35,7 @@ class Questions final : public Work {
       must(kavo_add_zone(kavo_, KAVOT_BL_IP, bench::zone(list).c_str()), "kavo_add_zone");
     must(kavo_add_dns_server(kavo_, nullptr, 0), "kavo_add_dns_server");
     must(kavo_add_dns_server(kavo_, "127.0.0.1", server_.port()), "kavo_add_dns_server");
-    must(kavo_set_opt(kavo_, KAVOOPT_TIMEOUT, kPatienceSeconds), "kavo_set_opt");
+    must(kavo_set_opt(kavo_, KAVOOPT_TIMEOUT, kTimeoutSeconds), "kavo_set_opt");
     must(kavo_open(kavo_), "kavo_open");
     iterator_ = kavo_alloc_answer_iterator();
   }

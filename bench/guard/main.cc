@@ -3,8 +3,8 @@
 // callgrind starts a new count when the path has been set up and warmed, and writes it out when the path has run, so
 // that start-up and end are in no figure. The count holds all threads of the process. One process runs one path, so
 // that no figure depends on the heap that another path left; and it runs on a thread of its own, whose stack begins
-// where it does whatever the environment and the command line are: how many instructions it takes to compare two texts
-// depends on where in a page they lie. Without valgrind the programs only run: all threads, all checks, no count.
+// at the same place for any environment and command line: the number of instructions that compare two texts depends on
+// their place in a page. Without valgrind the programs only run: all threads, all checks, no count.
 #include <valgrind/callgrind.h>
 
 #include <CLI/CLI.hpp>

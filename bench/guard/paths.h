@@ -1,8 +1,8 @@
 // paths.h - the hot paths whose instructions are counted. A path is set up once, outside the count, and then run for a
 // number of units (questions, entries, lines); main.cc says when counting begins and ends.
 //
-// Every path does the same work in every run: what it asks follows from the unit's number, and what it is answered is
-// checked. A path that meets anything else throws.
+// Every path does the same work in every run: its questions follow from the unit's number, and it checks the answers. A
+// path throws on any other answer.
 #ifndef KAVO_BENCH_GUARD_PATHS_H
 #define KAVO_BENCH_GUARD_PATHS_H
 
@@ -23,9 +23,9 @@ class Work {
 
 struct Path {
   const char *name;  // as in figures.txt
-  const char *unit;  // what a figure is for one of
-  unsigned count;    // units that are counted; so many that what does not repeat exactly weighs little
-  unsigned warmup;   // units before them, after which nothing is done for the first time any more
+  const char *unit;  // a figure is the cost of one
+  unsigned count;    // units that are counted; enough to make small variations negligible
+  unsigned warmup;   // units before them; they do everything that happens only once
   std::unique_ptr<Work> (*make)();
 };
 

@@ -16,7 +16,7 @@ namespace {
 constexpr const char *kName = "c-ares";
 constexpr int kUdpSize = 1232;  // as kavo asks for
 constexpr int kAddressesMax = 8;
-constexpr time_t kPatienceS = 1;  // between two looks at the timeouts, where c-ares names none
+constexpr time_t kPollS = 1;  // between two checks of the timeouts, where c-ares names none
 constexpr long kUsPerMs = 1000;
 constexpr long kMsPerSecond = 1000;
 constexpr int kClassIn = 1;
@@ -34,8 +34,8 @@ class Cares : public Client {
     options.flags = ARES_FLAG_EDNS;
     options.ednspsz = kUdpSize;
     options.timeout = static_cast<int>(settings.timeout_ms);
-    // c-ares counts its tries for each server.
-    options.tries = std::max(1, static_cast<int>(settings.tries / ports.size()));
+    // c-ares counts its attempts for each server.
+    options.tries = std::max(1, static_cast<int>(settings.attempts / ports.size()));
     must(ares_init_options(&channel_, &options,
                            ARES_OPT_FLAGS | ARES_OPT_EDNSPSZ | ARES_OPT_TIMEOUTMS | ARES_OPT_TRIES | ARES_OPT_NOROTATE),
          "ares_init_options");
@@ -80,7 +80,7 @@ class Cares : public Client {
     asked->self->end(*asked, status, packet, size);
   }
 
-  // No exception may pass through c-ares: a wrong answer is kept until its loop is left.
+  // No exception may pass through c-ares: a wrong answer is kept until the end of the loop.
   void end(const Asked &asked, int status, const unsigned char *packet, int size) {
     --under_way_;
     if (outcomes_ == nullptr) return;
@@ -115,9 +115,9 @@ class Cares : public Client {
       const int events = (reads ? POLLIN : 0) | (writes ? POLLOUT : 0);
       if (events != 0) ready.push_back({sockets[i], static_cast<short>(events), 0});
     }
-    timeval longest = {kPatienceS, 0}, place{};
+    timeval longest = {kPollS, 0}, place{};
     const timeval *left = ares_timeout(channel_, &longest, &place);
-    // Rounded up: c-ares finds nothing to do a moment too early.
+    // Rounded up: a moment too early, c-ares has nothing to do.
     const auto wait_ms = static_cast<int>(left->tv_sec * kMsPerSecond + (left->tv_usec + kUsPerMs - 1) / kUsPerMs);
     if (poll(ready.data(), ready.size(), wait_ms) <= 0) {
       ares_process_fd(channel_, ARES_SOCKET_BAD, ARES_SOCKET_BAD);

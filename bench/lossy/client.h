@@ -14,11 +14,11 @@ namespace lossy {
 
 using Clock = std::chrono::steady_clock;
 
-// Settings are what both clients are set to, as far as both know of it.
+// Settings are the settings that both clients have.
 struct Settings {
   unsigned window = 100;       // questions outstanding at once
-  unsigned timeout_ms = 1000;  // of the first try
-  unsigned tries = 4;          // packets for one question, over all servers
+  unsigned timeout_ms = 1000;  // of the first attempt
+  unsigned attempts = 4;       // packets for one question, over all servers
 };
 
 // Outcome is how a question ended.

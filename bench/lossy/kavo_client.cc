@@ -20,7 +20,7 @@ class Kavo : public Client {
   Kavo(const Settings &settings, std::span<const uint16_t> ports) : window_(settings.window) {
     must(kavo_init(&kavo_, static_cast<int>(window_), 0, 0), "kavo_init");
     must(kavo_set_opt(kavo_, KAVOOPT_TIMEOUT_MSEC, settings.timeout_ms), "timeout_msec");
-    must(kavo_set_opt(kavo_, KAVOOPT_NTRIES, settings.tries), "ntries");
+    must(kavo_set_opt(kavo_, KAVOOPT_NTRIES, settings.attempts), "ntries");
     must(kavo_add_dns_server(kavo_, nullptr, 0), "kavo_add_dns_server");
     for (const uint16_t port : ports)
       must(kavo_add_dns_server(kavo_, "127.0.0.1", port), "kavo_add_dns_server");

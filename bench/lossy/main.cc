@@ -60,7 +60,7 @@ double ms(Clock::duration span) {
   return std::chrono::duration<double, std::milli>(span).count();
 }
 
-// Contestant is one client with its own network, and what it has got so far.
+// Contestant is one client with its own network, and its outcomes so far.
 struct Contestant {
   const char *name;
   std::unique_ptr<Network> network;
@@ -114,29 +114,33 @@ std::string compete(const Plan &plan, const testbed::ListServer &server, const R
 }
 
 constexpr const char *kHead =
-    "| network | client | answered, in 100 | median, ms | 99th percentile, ms | first answer, ms | packets a question "
-    "|\n"
+    "| network | client | answered, in 100 | median, ms | 99th percentile, ms | first answer, ms | "
+    "packets a question |\n"
     "| --- | --- | ---: | ---: | ---: | ---: | ---: |\n";
 
 std::string explanation(const Plan &plan) {
   std::ostringstream text;
-  text << "# On a lossy network\n\n"
-          "Written by `bench_lossy --write FILE`: kavo beside c-ares, on a bad network on loopback.\n\n"
-          "Both clients ask the list server of this repository, each through a relay of its own (`kavo-relay`). A\n"
-          "relay loses packets as the row says and lets "
-       << kTwiceIn100 << " in 100 arrive twice, and each packet takes " << kDelayMs << " ± " << kJitterMs
-       << " ms, each way, so that\npackets overtake each other. A dead server is a relay that loses everything. Luck "
-          "hangs on the question and on the\nnumber of the packet about it, not on the moment: both clients meet the "
-          "same, try for try.\n\n"
-          "In each row each client asks the same "
-       << plan.count << " different questions, " << plan.settings.window << " outstanding at once, in " << plan.rounds
-       << " turns with the\nother client. Both are set to send at most " << plan.settings.tries
-       << " packets for a question over all servers, and to wait " << plan.settings.timeout_ms
-       << " ms\nfor the first of them. What follows is their own: c-ares doubles this wait with every round; kavo "
-          "waits for what it\nhas measured, and never longer than this. Both ask with EDNS0, neither has a cache. Each "
-          "is used by one thread:\nkavo through its public interface, c-ares with `poll`.\n\n"
-          "Times run from asking to the answer in the host's hands, over the questions that were answered; what every "
-          "answer\nsays is checked. The first answer is counted from the row's first question.\n\n";
+  text
+      << "# On a lossy network\n\n"
+         "Written by `bench_lossy --write FILE`: kavo beside c-ares, on a bad network on loopback.\n\n"
+         "Both clients ask the list server of this repository, each through a relay of its own (`kavo-relay`). A\n"
+         "relay loses packets as the row says and lets "
+      << kTwiceIn100 << " in 100 arrive twice, and each packet takes " << kDelayMs << " ± " << kJitterMs
+      << " ms, each way,\n"
+         "so that packets overtake each other. A dead server is a relay that loses everything. The fate of a packet\n"
+         "depends on its question and on the number of the packets about it before, not on the time: both clients\n"
+         "meet the same luck, attempt for attempt.\n\n"
+         "In each row each client asks the same "
+      << plan.count << " different questions, " << plan.settings.window << " outstanding at once, in " << plan.rounds
+      << " turns with\n"
+         "the other client. Both are set to send at most "
+      << plan.settings.attempts << " packets for a question over all servers, with a timeout of\n"
+      << plan.settings.timeout_ms
+      << " ms for the first of them. The further timeouts are their own: c-ares doubles this one with every round;\n"
+         "kavo measures, and never waits for longer than this. Both ask with EDNS0, neither has a cache. Each is used\n"
+         "by one thread: kavo through its public interface, c-ares with `poll`.\n\n"
+         "Times run from asking to the answer in the host's hands, over the questions that were answered; every\n"
+         "answer's contents are checked. The first answer is counted from the row's first question.\n\n";
   return text.str();
 }
 
@@ -180,10 +184,10 @@ int main(int argc, char **argv) {
   app.add_option("--outstanding", plan.settings.window, "questions outstanding at once")
       ->check(CLI::Range(1U, 1000U))
       ->capture_default_str();
-  app.add_option("--timeout", plan.settings.timeout_ms, "milliseconds of the first try")
+  app.add_option("--timeout", plan.settings.timeout_ms, "milliseconds of the first attempt")
       ->check(CLI::Range(50U, 60'000U))
       ->capture_default_str();
-  app.add_option("--tries", plan.settings.tries, "packets for one question")
+  app.add_option("--tries", plan.settings.attempts, "packets for one question")
       ->check(CLI::Range(1U, 50U))
       ->capture_default_str();
   app.add_option("--seed", plan.seed, "of the relays' luck")->capture_default_str();

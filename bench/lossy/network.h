@@ -1,4 +1,4 @@
-// network.h - the list server and the relays before it, as processes of bench_lossy.
+// network.h - the list server and the relays in front of it, as processes of bench_lossy.
 #ifndef KAVO_BENCH_LOSSY_NETWORK_H
 #define KAVO_BENCH_LOSSY_NETWORK_H
 
@@ -11,7 +11,7 @@
 
 namespace lossy {
 
-// Path is what lies between a client and one server.
+// Path is the network between a client and one server.
 struct Path {
   unsigned loss;  // packets in 100, each way; 100 makes a dead server
 };

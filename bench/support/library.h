@@ -25,7 +25,7 @@ inline void check(const KAVO_ANSWER &answer, bool address_listed) {
   if (!right) throw std::runtime_error(std::string("a wrong or lost answer: ") + kavo_strerror(answer.err_code));
 }
 
-// ListedBlock is the record block of a listed address. The entries and names of a block lie behind its head.
+// ListedBlock is the record block of a listed address. The entries and names of a block follow its head.
 class ListedBlock {
  public:
   ListedBlock() {

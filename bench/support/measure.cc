@@ -35,7 +35,7 @@ void set_cores(const std::vector<unsigned> &wanted) {
     throw std::system_error(errno, std::generic_category(), "sched_setaffinity");
 }
 
-// quantile lies between the two values that are nearest to the place in question.
+// quantile interpolates between the two values nearest to its place.
 double quantile(const std::vector<double> &sorted, double share) {
   const double place = share * static_cast<double>(sorted.size() - 1);
   const auto below = static_cast<size_t>(std::floor(place));

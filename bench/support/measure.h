@@ -24,7 +24,7 @@ struct Cost {
 class Stopwatch {
  public:
   Stopwatch();
-  // stop returns what was spent since; it may be asked again.
+  // stop returns the cost since the start; it may be called again.
   [[nodiscard]] Cost stop() const;
 
  private:
@@ -39,10 +39,10 @@ class Stopwatch {
 [[nodiscard]] long peak_kib();
 [[nodiscard]] long resident_kib();
 
-// Spread is where a number of measured values lie: their median and quartiles.
+// Spread is the median and the quartiles of measured values.
 struct Spread {
   double median = 0;
-  double low = 0;   // a quarter of the values lie at or below it
+  double low = 0;   // a quarter of the values are at or below it
   double high = 0;  // and a quarter at or above this one
 };
 [[nodiscard]] Spread spread_of(std::vector<double> values);  // all zero without values
@@ -52,7 +52,7 @@ struct Spread {
 [[nodiscard]] std::vector<unsigned> cores();
 
 // Pinned keeps the calling thread, and every thread and process that it starts meanwhile, on one core; its end gives
-// this thread the cores back that it had before.
+// this thread its former cores back.
 class Pinned {
  public:
   explicit Pinned(std::optional<unsigned> core);  // none: nothing happens
