@@ -165,7 +165,7 @@ TEST(Cache, TtlCountsDownAndExpiredEntriesComeOnRequest) {
   EXPECT_EQ(expired(DNS_CD_FORCE_EXPIRED), std::vector<int32_t>({-7, -7}));
   option(cache.get(), DNS_CROPT_FLAGS, DNS_CR_NCACHE | DNS_CR_EXPIRED);
   EXPECT_EQ(expired(0), std::vector<int32_t>({-7, -7}));
-  // A clock that is set back does not make an entry immortal: it lives for its TTL from then.
+  // A clock that is set back does not keep an entry forever: it lives for its TTL from then.
   EXPECT_EQ(get(cache.get(), "a.example", DNS_T_A, kNow - kWeek).ttls.at(0), 300);
   EXPECT_LT(get(cache.get(), "a.example", DNS_T_A, kNow - kWeek + 101).ttls.at(0), 0);
   constexpr dns_time kThreeDays = 3 * 24 * 3600;
@@ -288,7 +288,7 @@ TEST(Cache, BytesAreBoundedAndTheLeastRecentlyUsedGiveWay) {
   EXPECT_EQ(put(cache.get(), numbered(0), DNS_T_TXT, 60, large), DNS_E_NOBUFS);
   EXPECT_EQ(present(cache.get(), kEntries), left);
   EXPECT_EQ(get(cache.get(), numbered(0), DNS_T_TXT).records, std::vector<Bytes>({{1, 'a'}}));
-  // A large one that fits takes the place of many, and comes back into a buffer that has to grow for it.
+  // A large entry that fits replaces many others, and its lookup has to grow the buffer.
   const std::vector<Bytes> half(large.begin(), large.begin() + 120);
   EXPECT_EQ(put(cache.get(), numbered(0), DNS_T_TXT, 60, half), 0);
   EXPECT_LT(present(cache.get(), kEntries), left);

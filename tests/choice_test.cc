@@ -269,7 +269,7 @@ TEST_F(Best, TheCostZoneMovesTheTraffic) {
   world.packets_sent = 0;
   expect_shares(100, 0, 0);
   EXPECT_EQ(world.packets_sent, 100U) << "the costs are good for another four minutes";
-  // Records that are gone cost nothing, and a server that is cheap in this way is asked again.
+  // A server whose cost record is gone costs nothing, and is asked again.
   world.script = [](const Bytes &query, const std::string &) {
     Bytes answer = sim::answer_to(query, Temper::good);
     std::string name(query.begin(), query.end());

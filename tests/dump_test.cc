@@ -293,7 +293,7 @@ TEST_F(DumpTest, UnusableFilesAreClearErrors) {
   EXPECT_EQ(kavo_cacheload(kavo, "/dev/zero"), KAVOE_FAIL);
   write("zones: none\n");
   EXPECT_EQ(kavo_cacheload(kavo, path_.c_str()), KAVOE_FILE);
-  // A dump whose cache does not say what it is for.
+  // A dump whose cache has no use.
   const int fd = open(path_.c_str(), O_WRONLY | O_TRUNC);
   dns_cdump *dump = dns_cdump_save_init(fd, kNow);
   EXPECT_EQ(dns_cdump_save_cache(dump, kavo->cache, nullptr, 0), 0);

@@ -89,7 +89,7 @@ TEST(Storm, EveryQueryEndsOnceAndRightly) {
     storm(seed);
 }
 
-TEST_F(Engine, AnswersAreNegativeOrCnameChainsInAnyOrder) {
+TEST_F(Engine, ResolvesPositiveNegativeAndCnameAnswersInAnyOrder) {
   world.add_server("192.0.2.1", Temper::good);
   Query &listed = queries.ask("listed-1.list.test");
   Query &gone = queries.ask("gone-1.list.test");

@@ -22,7 +22,7 @@ using namespace testbed;
 #define CHECKED(expression) \
   if (!(expression)) return "line " + std::to_string(__LINE__) + ": " #expression
 
-// in_child runs `body` in a forked child and returns what that returned; nothing when all was well.
+// in_child runs `body` in a forked child and returns its report; nothing when all was well.
 std::string in_child(const std::function<std::string()> &body) {
   int ends[2];
   EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);

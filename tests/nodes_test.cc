@@ -426,7 +426,7 @@ TEST_F(NodesTest, NameThatGrowsTooLongWithItsZoneFailsItsNodeOnly) {
   EXPECT_EQ(kavo_nactive(host), 0u);
   EXPECT_EQ(answers.query(host, KAVOT_BL_DOM, "example"), KAVOE_OK) << "the server thread continues";
 
-  // Of several zones the one that makes it too long fails alone.
+  // Of several zones, only the zone that makes the name too long fails.
   Host two;
   two.server(server_.port()).zone(KAVOT_BL_DOM, (std::string(40, 'l') + ".list").c_str());
   two.zone(KAVOT_BL_DOM, "live.list").open();

@@ -16,7 +16,7 @@
 
 namespace {
 
-// Log collects what the library says while it lives.
+// Log collects the library's log lines during its lifetime.
 class Log {
  public:
   Log() { kavo_set_log_cb(&Log::line, this); }

@@ -286,7 +286,7 @@ TEST_F(StoredTest, ManyZonesAreFoundByTheirNames) {
             names + u32(1) + zone_list({3, 2}) + u32(2) + zone_list({1}) + u32(3));
 }
 
-// A host's code looks at the number first: one that was left from something else sends it the wrong way.
+// A host's code reads the error number first: a stale one would mislead it.
 TEST_F(StoredTest, FailuresOfNoCallAreReportedWithoutAnErrorNumber) {
   const TempDir directory;
   Host host(4, 1 << 16);

@@ -39,7 +39,7 @@ constexpr unsigned kListedNet = 10;  // addresses of 10.x are listed by x, those
 constexpr unsigned kOctets = 256;
 constexpr unsigned kDomains = 256;  // names below d0 to d127 are listed, those below d128 to d255 are not
 
-// The code that the first list gives to an address of 10.octet, and the one that the second gives to even octets.
+// The code of the first list for an address of 10.octet, and the code of the second for even octets.
 unsigned first_code(unsigned octet) {
   return 2 + octet % 250;
 }

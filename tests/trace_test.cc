@@ -1,5 +1,5 @@
-// trace_test.cc - what a host sees of the DNS traffic, and its synchronous lookups: the ready-made trace and its record
-// texts, the trace of a context, the engine's synchronous lookups, and the servers that are set through them.
+// trace_test.cc - the DNS traffic that a host sees, and its synchronous lookups: the ready-made trace and its record
+// texts, the trace of a context, the lookups, and the servers that are set through them.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <host_test.h>
