@@ -40,15 +40,17 @@ class Composer {
     for (size_t i = size; i > 0; --i)
       bytes_.push_back(static_cast<uint8_t>(value >> 8 * (i - 1)));
   }
-  void frame(Kind kind, const Bytes &body) {
+  void head(Kind kind, size_t body_size) {
     be(0, kSum);
     be(kind, sizeof(uint32_t));
-    be(body.size(), sizeof(uint32_t));
+    be(body_size, sizeof(uint32_t));
+  }
+  void frame(Kind kind, const Bytes &body) {
+    head(kind, body.size());
     bytes_.insert(bytes_.end(), body.begin(), body.end());
   }
   void totals(Kind kind, uint64_t first, uint64_t second) {
-    frame(kind, Bytes(2 * sizeof(uint64_t)));
-    bytes_.resize(bytes_.size() - 2 * sizeof(uint64_t));
+    head(kind, 2 * sizeof(uint64_t));
     be(first, sizeof first);
     be(second, sizeof second);
   }
