@@ -2,6 +2,7 @@
 // servers are addresses; the settings that were read, written and read again are the same.
 #include <arpa/inet.h>
 #include <bounds.h>
+#include <dns_wire.h>
 #include <resolver_file.h>
 
 #include "fuzz.h"
@@ -12,7 +13,7 @@ using fuzz::check;
 
 struct Read {
   dns::Options options;
-  sockaddr_in servers[3] = {};
+  dns::Address servers[3];
   unsigned count = 0;
 
   explicit Read(std::span<const uint8_t> bytes) {
@@ -27,8 +28,11 @@ std::string file_of(const Read &read) {
                      " attempts:" + std::to_string(options.ntries) + " ndots:" + std::to_string(options.ndots) +
                      ((options.flags & DNS_SERVRRB) != 0 ? " rotate\n" : "\n");
   for (unsigned i = 0; i < read.count; ++i) {
-    char address[INET_ADDRSTRLEN];
-    text += std::string("nameserver ") + inet_ntop(AF_INET, &read.servers[i].sin_addr, address, sizeof address) + "\n";
+    const dns::Address &server = read.servers[i];
+    char address[INET6_ADDRSTRLEN];
+    const int family = server.family == dns::Family::ipv6 ? AF_INET6 : AF_INET;
+    text += std::string("nameserver ") + dns_ntop(family, server.octets, address, sizeof address) +
+            (server.scope != 0 ? "%" + std::to_string(server.scope) : "") + "\n";
   }
   return text;
 }
@@ -42,9 +46,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   check(options.timeout_us >= dns::kUsPerSecond && options.timeout_us <= 30 * dns::kUsPerSecond, "a timeout in bounds");
   check(options.ntries >= 1 && options.ntries <= 5 && options.ndots <= 15, "attempts and dots in bounds");
   for (unsigned i = 0; i < first.count; ++i)
-    check(first.servers[i].sin_family == AF_INET && first.servers[i].sin_port == htons(53) &&
-              first.servers[i].sin_addr.s_addr != 0,
-          "a server has an address");
+    check(first.servers[i].port == 53 && !dns::is_unspecified(first.servers[i]), "a server has an address");
   const std::string text = file_of(first);
   check(file_of(Read({reinterpret_cast<const uint8_t *>(text.data()), text.size()})) == text, "read, written and read");
   return 0;

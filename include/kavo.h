@@ -396,13 +396,17 @@ KAVO_EXPORT KAVO_ERR kavo_set_ext_cache(KAVO kavo, KAVO_CACHE_TYPE use, KAVO_CAC
 KAVO_EXPORT KAVO_CACHE kavo_get_ext_cache(KAVO kavo, KAVO_CACHE_TYPE use);
 
 /* kavo_set_cost_zone names the zone that gives servers their costs where the best is chosen (KAVOOPT_BSC_SIZE above 0);
- * null: none. The A record 127.0.h.l of 1.2.0.192.ZONE adds h * 256 + l milliseconds to the cost of 192.0.2.1. 0;
+ * null: none. The A record 127.0.h.l of 1.2.0.192.ZONE adds h * 256 + l milliseconds to the cost of 192.0.2.1; an
+ * IPv6 server's record has the 32 nibbles of its address in reverse. 0;
  * KAVOE_BADPAR; KAVOE_SRV while running; KAVOE_DNS for no name. */
 KAVO_EXPORT int kavo_set_cost_zone(KAVO kavo, const char *zone);
 
 /* kavo_add_expserv accepts answers from `addr` to queries that were sent elsewhere; null forgets all such addresses. 0;
  * KAVOE_BADPAR; KAVOE_SRV while running; KAVOE_DNS. */
 KAVO_EXPORT int kavo_add_expserv(KAVO kavo, const struct in_addr *addr);
+
+/* kavo_add_expserv_s does so for a struct sockaddr_in or sockaddr_in6; port 0: any. */
+KAVO_EXPORT KAVO_ERR kavo_add_expserv_s(KAVO kavo, const struct sockaddr *addr);
 
 /* ---- subscribing ------------------------------------------------------------------------------------------------ */
 
@@ -412,37 +416,46 @@ KAVO_EXPORT int kavo_add_expserv(KAVO kavo, const struct in_addr *addr);
  *
  *   query_type  the question's type
  *   dn          the name as a DN; for a list type without its zone, which is appended
- *   serv, nserv the servers to ask instead of the context's: IPv4 socket addresses of 16 bytes each, at most
- *               KAVO_MAX_SERV
+ *   serv, nserv the servers to ask instead of the context's, at most KAVO_MAX_SERV: IPv4 socket addresses of 16 bytes
+ *               each, or for the functions in _ss those of either family in a struct sockaddr_storage each; port 0 is
+ *               KAVOOPT_DNS_PORT's
  *   flags       KAVOQF_...
  *   deadline    how long to wait for a free node when the table is full; not a limit on the answer. The wait ends too
  *               when the context is closed: KAVOE_SRV
  *   node        out: the node
  *
- * All of them return KAVOE_OK; KAVOE_BADPAR (also for a server that is not IPv4, or too many of them); KAVOE_SRV when
- * the context is not running; KAVOE_NOZONES for a list type without zones; KAVOE_NOPARSER for a type that can only be
- * asked with KAVOQF_PKT; KAVOE_TIMEOUT when no node became free; KAVOE_NOMEM; KAVOE_THR; KAVOE_FAIL. Any thread; they
- * block only while the table is full.
+ * All of them return KAVOE_OK; KAVOE_BADPAR (also for too many servers, for one of another family, and for a link-local
+ * one without its sin6_scope_id); KAVOE_SRV when the context is not running; KAVOE_NOZONES for a list type without
+ * zones; KAVOE_NOPARSER for a type that can only be asked with KAVOQF_PKT; KAVOE_TIMEOUT when no node became free;
+ * KAVOE_NOMEM; KAVOE_THR; KAVOE_FAIL. Any thread; they block only while the table is full.
  */
 KAVO_EXPORT KAVO_ERR kavo_subscribe_node_dn(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn, unsigned flags,
                                             const struct timeval *deadline, KAVO_QUERY_NODE *node);
 
-/* kavo_subscribe_node_serv_ext asks the given servers, never with recursion; kavo_subscribe_node_serv without flags. */
+/* kavo_subscribe_node_serv_ext and kavo_subscribe_node_serv_ss ask the given servers, never with recursion;
+ * kavo_subscribe_node_serv without flags. */
 KAVO_EXPORT KAVO_ERR kavo_subscribe_node_serv_ext(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn,
                                                   const struct sockaddr *serv, unsigned nserv, unsigned flags,
                                                   const struct timeval *deadline, KAVO_QUERY_NODE *node);
 KAVO_EXPORT KAVO_ERR kavo_subscribe_node_serv(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn,
                                               const struct sockaddr *serv, unsigned nserv,
                                               const struct timeval *deadline, KAVO_QUERY_NODE *node);
+KAVO_EXPORT KAVO_ERR kavo_subscribe_node_serv_ss(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn,
+                                                 const struct sockaddr_storage *serv, unsigned nserv, unsigned flags,
+                                                 const struct timeval *deadline, KAVO_QUERY_NODE *node);
 
-/* kavo_subscribe_node_dcache_ext asks the server `dcserv` (null: the context's servers) for what its cache holds first;
- * kavo_subscribe_node_dcache without flags. KAVOWT_DCACHE waits for that check to fail. */
+/* kavo_subscribe_node_dcache_ext and kavo_subscribe_node_dcache_ss ask the server `dcserv` (null: the context's
+ * servers) for what its cache holds first; kavo_subscribe_node_dcache without flags. KAVOWT_DCACHE waits for that check
+ * to fail. */
 KAVO_EXPORT KAVO_ERR kavo_subscribe_node_dcache_ext(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn,
                                                     const struct sockaddr *dcserv, unsigned flags,
                                                     const struct timeval *deadline, KAVO_QUERY_NODE *node);
 KAVO_EXPORT KAVO_ERR kavo_subscribe_node_dcache(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn,
                                                 const struct sockaddr *dcserv, const struct timeval *deadline,
                                                 KAVO_QUERY_NODE *node);
+KAVO_EXPORT KAVO_ERR kavo_subscribe_node_dcache_ss(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn,
+                                                   const struct sockaddr_storage *dcserv, unsigned flags,
+                                                   const struct timeval *deadline, KAVO_QUERY_NODE *node);
 
 /* kavo_subscribe_node takes the subject as bytes: for KAVOT_BL_IP, KAVOT_BL_IP_TXT and KAVOT_DNS_PTR the 4 bytes of an
  * IPv4 address in network order, else a name as text of 1 to 255 bytes. */
@@ -470,10 +483,10 @@ KAVO_EXPORT KAVO_TYPE kavo_node_type(KAVO kavo, KAVO_QUERY_NODE node);
 KAVO_EXPORT KAVO_ERR kavo_node_qdn(KAVO kavo, KAVO_QUERY_NODE node, unsigned char *qdn, unsigned size,
                                    unsigned *written);
 
-/* Statistics of the server at the IPv4 socket address `sa`, since the context first asked it: the average and the last
- * round-trip time (milliseconds), the moment of the last check (seconds since 1970-01-01 UTC), the packets sent to the
- * server, the answers taken from it, the attempts that timed out. KAVOE_BADPAR also for a server that was not asked
- * yet. Any thread. */
+/* Statistics of the server at `sa`, a struct sockaddr_in or sockaddr_in6 (port 0: KAVOOPT_DNS_PORT's), since the
+ * context first asked it: the average and the last round-trip time (milliseconds), the moment of the last check
+ * (seconds since 1970-01-01 UTC), the packets sent to the server, the answers taken from it, the attempts that timed
+ * out. KAVOE_BADPAR also for a server that was not asked yet. Any thread. */
 KAVO_EXPORT KAVO_ERR kavo_get_serv_avgrtt(KAVO kavo, const struct sockaddr *sa, int *value);
 KAVO_EXPORT KAVO_ERR kavo_get_serv_lastrtt(KAVO kavo, const struct sockaddr *sa, int *value);
 KAVO_EXPORT KAVO_ERR kavo_get_serv_last_check(KAVO kavo, const struct sockaddr *sa, int *value);
@@ -577,6 +590,10 @@ KAVO_EXPORT KAVO_ERR kavo_signal_syncnode(KAVO kavo, KAVO_QUERY_NODE node);
 
 /* kavo_dns_a4todn writes an address as DN, octets in reverse: 192.0.2.1 gives 1.2.0.192. Returns its length or 0. */
 KAVO_EXPORT int kavo_dns_a4todn(const struct in_addr *addr, unsigned char *dn, int dnsiz);
+
+/* kavo_dns_a6todn writes an IPv6 address as DN, its 32 nibbles in reverse (RFC 5782, section 2.4; RFC 3596): 65 bytes.
+ * Returns its length or 0. */
+KAVO_EXPORT int kavo_dns_a6todn(const struct in6_addr *addr, unsigned char *dn, int dnsiz);
 
 /* kavo_dns_ptodn converts a name of `len` bytes (0: up to its terminator). Returns the DN's length, 0 or less for text
  * that is no name or does not fit. */
@@ -752,21 +769,25 @@ KAVO_EXPORT KAVO_ERR kavo_cacheload(KAVO kavo, const char *filename);
 
 /* ---- servers ---------------------------------------------------------------------------------------------------- */
 
-/* kavo_set_dns_server replaces the servers to ask: by one, where `server_domain` is an IPv4 address; with `direct` not
- * 0, by the addresses of the host `server_domain`; with 0, by the addresses of the name servers of the zone
- * `server_domain`. All are asked on `port` (0: KAVOOPT_DNS_PORT's; at most 65534). Names are looked up through the
- * servers so far, and the call waits for as long as timeouts and attempts allow. KAVOE_BADPAR; KAVOE_SRV while running;
- * KAVOE_NXDOM, KAVOE_NODATA, KAVOE_TIMEOUT, KAVOE_DNS or another code when a name cannot be looked up: the servers
- * stay; KAVOE_NOMEM; KAVOE_DNS too when a server cannot be added: those before it are set. */
+/* kavo_set_dns_server replaces the servers to ask: by one, where `server_domain` is an address as kavo_add_dns_server
+ * takes it; with `direct` not 0, by the addresses of the host `server_domain`; with 0, by the addresses of the name
+ * servers of the zone `server_domain`. A host's IPv4 addresses come before its IPv6 addresses. All are asked on `port`
+ * (0: KAVOOPT_DNS_PORT's; at most 65534). Names are looked up through the servers so far, and the call waits for as
+ * long as timeouts and attempts allow. KAVOE_BADPAR; KAVOE_SRV while running; KAVOE_NXDOM, KAVOE_NODATA, KAVOE_TIMEOUT,
+ * KAVOE_DNS or another code when a name cannot be looked up: the servers stay; KAVOE_NOMEM; KAVOE_DNS too when a server
+ * cannot be added: those before it are set. */
 KAVO_EXPORT KAVO_ERR kavo_set_dns_server(KAVO kavo, const char *server_domain, unsigned port, int direct);
 
-/* kavo_add_dns_server appends a server to ask by its dotted IPv4 address, on `port` (0: KAVOOPT_DNS_PORT's; at most
- * 65534); a null address empties the list. KAVOE_BADPAR; KAVOE_SRV while running; KAVOE_DNS. */
+/* kavo_add_dns_server appends a server to ask by its address, IPv4 in four decimal octets or IPv6 (2001:db8::53), a
+ * link-local one with its interface (fe80::1%eth0), on `port` (0: KAVOOPT_DNS_PORT's; at most 65534); a null address
+ * empties the list. KAVOE_BADPAR; KAVOE_SRV while running; KAVOE_DNS. */
 KAVO_EXPORT KAVO_ERR kavo_add_dns_server(KAVO kavo, const char *addr, unsigned port);
 
-/* kavo_get_dns_servers copies the servers' socket addresses into `serv`, an array of `*nserv` entries, and stores their
- * number. KAVOE_NOMEM when there are more, with their number stored. */
+/* kavo_get_dns_servers copies the socket addresses of the IPv4 servers into `serv`, an array of `*nserv` entries, and
+ * stores their number. KAVOE_NOMEM when there are more, with their number stored. kavo_get_dns_servers_ss does so for
+ * all servers. */
 KAVO_EXPORT KAVO_ERR kavo_get_dns_servers(KAVO kavo, struct sockaddr *serv, unsigned *nserv);
+KAVO_EXPORT KAVO_ERR kavo_get_dns_servers_ss(KAVO kavo, struct sockaddr_storage *serv, unsigned *nserv);
 
 /* kavo_set_cookies turns the exchange of DNS cookies with the servers (RFC 7873) on, or off, as it is at first. Cookies
  * make forged answers hopeless where servers give them, but some forwarders and filters drop queries with a cookie.

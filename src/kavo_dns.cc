@@ -72,6 +72,14 @@ constexpr unsigned engine_flags(unsigned flags) {
   return nullptr;
 }
 
+// submit_to submits a query to the servers in a key.
+template <typename Submit>
+[[nodiscard]] struct dns_query *submit_to(std::span<const uint8_t> bytes, Submit submit) {
+  kavo_node_servers servers;
+  kavo_node_servers_unpack(bytes, &servers);
+  return submit(servers.all, servers.count);
+}
+
 // Zone is what became of a zone's query: it was queued, zone and question make no name, or the engine failed.
 enum class Zone { asked, impossible, failed };
 
@@ -106,6 +114,18 @@ void fail_zone(KAVO_QUERY_NODE node, kavo_cb_arg *arg, int32_t number) {
   kavo_node_deliver(node, arg);
 }
 
+// to_dn writes the labels of an address, and the root's after them.
+template <typename Address>
+[[nodiscard]] int to_dn(unsigned char *(*labels)(const Address *, unsigned char *, const unsigned char *),
+                        const Address *addr, unsigned char *dn, int dnsiz) {
+  if (addr == nullptr || dn == nullptr || dnsiz < 1) return 0;
+  const unsigned char *end = dn + std::min(dnsiz, static_cast<int>(DNS_MAXDN));
+  unsigned char *last = labels(addr, dn, end);
+  if (last == nullptr || last == dn || last >= end) return 0;
+  *last = 0;
+  return static_cast<int>(last - dn) + 1;
+}
+
 }  // namespace
 
 struct dns_query *kavo_submit_key(KAVO ctx, const unsigned char *key, unsigned keylen,
@@ -123,12 +143,13 @@ struct dns_query *kavo_submit_key(KAVO ctx, const unsigned char *key, unsigned k
   std::array<unsigned char, DNS_MAXDN> joined;
   if (zone != nullptr && !join_zone(dn, dn_size, *zone, &joined)) return refuse(err, KAVOE_BADPAR);
 
-  std::array<struct sockaddr_in, KAVO_MAX_SERV> servers;
+  const auto submit = [&](const dns::Address *servers, unsigned nserv) {
+    return dns_submit_dn_serv(ctx->udns_ctx, zone == nullptr ? dn : joined.data(), DNS_C_IN, kavo_convert_type(type),
+                              engine_flags(flags), servers, nserv, parser, cbck, data);
+  };
   const unsigned head = std::min(keylen, KAVO_KEY_DN + dn_size);
-  const unsigned nserv = kavo_node_servers_unpack(&servers, {key + head, keylen - head});
-  struct dns_query *query = dns_submit_dn_serv(
-      ctx->udns_ctx, zone == nullptr ? dn : joined.data(), DNS_C_IN, kavo_convert_type(type), engine_flags(flags),
-      nserv == 0 ? nullptr : reinterpret_cast<const struct sockaddr *>(servers.data()), nserv, parser, cbck, data);
+  const std::span<const uint8_t> own(key + head, keylen - head);
+  struct dns_query *query = own.empty() ? submit(nullptr, 0) : submit_to(own, submit);
   if (query != nullptr) return query;
   const KAVO_ERR code = kavo_dns_status(ctx);
   PELK_ERROR(kSource, __func__, code == KAVOE_NOMEM ? errno : 0, code, "Unable to submit query, DNS transport error");
@@ -175,12 +196,11 @@ KAVO_ERR kavo_cancel_query(KAVO ctx, KAVO_QUERY_NODE node) {
 extern "C" {
 
 int kavo_dns_a4todn(const struct in_addr *addr, unsigned char *dn, int dnsiz) {
-  if (addr == nullptr || dn == nullptr || dnsiz < 1) return 0;
-  const unsigned char *end = dn + std::min(dnsiz, static_cast<int>(DNS_MAXDN));
-  unsigned char *last = dns_a4todn_(addr, dn, end);
-  if (last == nullptr || last == dn || last >= end) return 0;
-  *last = 0;
-  return static_cast<int>(last - dn) + 1;
+  return to_dn(dns_a4todn_, addr, dn, dnsiz);
+}
+
+int kavo_dns_a6todn(const struct in6_addr *addr, unsigned char *dn, int dnsiz) {
+  return to_dn(dns_a6todn_, addr, dn, dnsiz);
 }
 
 int kavo_dns_ptodn(const char *name, unsigned len, unsigned char *dn, int dnsiz) {

@@ -44,8 +44,7 @@ inline constexpr kavo_query_state KAVOQS_NOBODY{UINT32_MAX};
 
 // A key: the type in host order, the name as DN, the question's own servers.
 inline constexpr unsigned KAVO_KEY_DN = sizeof(uint32_t);
-inline constexpr unsigned KAVO_KEY_SIZE_MAX = KAVO_KEY_DN + DNS_MAXDN + KAVO_MAX_SERV * sizeof(kavo_sa);
-static_assert(KAVO_KEY_SIZE_MAX == 387);
+inline constexpr unsigned KAVO_KEY_SIZE_MAX = KAVO_KEY_DN + DNS_MAXDN + KAVO_SA_MAX * sizeof(kavo_sa);
 static_assert(KAVO_KEY_SIZE_MAX <= KAVO_SPARE_CLASSES * KAVO_SPARE_STEP);
 
 // kavo_cb_arg: one query to the engine, the tie between its answer and the node and zone that the answer is for. A

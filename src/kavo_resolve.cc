@@ -35,7 +35,6 @@ constexpr int kQueryMax = 255;
 constexpr char kInAddrArpa[] = "\7in-addr\4arpa";
 
 using Dn = std::array<unsigned char, DNS_MAXDN>;
-using Servers = std::array<kavo_sa, KAVO_MAX_SERV>;
 
 constexpr unsigned public_flags(unsigned flags) {
   return flags & ~KAVOQF_INTERNAL;
@@ -58,7 +57,7 @@ constexpr unsigned public_flags(unsigned flags) {
 // kavo_subscribe_node_ is the core of every subscription: the checks, then the table. `flags` are taken as given, the
 // internal ones included; but a question with servers of its own is never recursive.
 [[nodiscard]] KAVO_ERR kavo_subscribe_node_(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn,
-                                            const struct sockaddr *serv, unsigned nserv, unsigned flags,
+                                            const kavo_given_servers &given, unsigned flags,
                                             const struct timeval *deadline, KAVO_QUERY_NODE *node) {
   if (kavo == nullptr) return KAVOE_BADPAR;
   const uint32_t run = kavo_table_run(kavo);
@@ -68,11 +67,9 @@ constexpr unsigned public_flags(unsigned flags) {
     PELK_INFO(kSource, __func__, "Cannot subscribe node, no zones defined for query type");
     return KAVOE_NOZONES;
   }
-  Servers servers;
-  const unsigned count = serv == nullptr ? 0 : nserv;
-  if (count > 0) {
-    if (count > servers.size()) return KAVOE_BADPAR;
-    error = kavo_node_servers_pack(servers.data(), serv, count);
+  kavo_packed_servers servers;
+  if (given.any()) {
+    error = kavo_node_servers_pack(given, &servers);
     if (error != KAVOE_OK) return error;
     flags &= ~static_cast<unsigned>(KAVOQF_RECURSIVE);
   }
@@ -80,8 +77,7 @@ constexpr unsigned public_flags(unsigned flags) {
     PELK_INFO(kSource, __func__, "There is no parser for such type, use raw packet answer flag");
     return KAVOE_NOPARSER;
   }
-  error =
-      kavo_table_add(kavo, query_type, dn, count == 0 ? nullptr : servers.data(), count, deadline, flags, run, node);
+  error = kavo_table_add(kavo, query_type, dn, servers.entries, servers.count, deadline, flags, run, node);
   if (error != KAVOE_SRV) [[likely]]
     return error;
   return kavo_not_running(kavo, kSource, __func__, kStopped, __LINE__);
@@ -93,30 +89,43 @@ extern "C" {
 
 KAVO_ERR kavo_subscribe_node_dn(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn, unsigned flags,
                                 const struct timeval *deadline, KAVO_QUERY_NODE *node) {
-  return kavo_subscribe_node_(kavo, query_type, dn, nullptr, 0, public_flags(flags), deadline, node);
+  return kavo_subscribe_node_(kavo, query_type, dn, {}, public_flags(flags), deadline, node);
 }
 
 KAVO_ERR kavo_subscribe_node_serv_ext(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn,
                                       const struct sockaddr *serv, unsigned nserv, unsigned flags,
                                       const struct timeval *deadline, KAVO_QUERY_NODE *node) {
-  return kavo_subscribe_node_(kavo, query_type, dn, serv, nserv, public_flags(flags), deadline, node);
+  return kavo_subscribe_node_(kavo, query_type, dn, {serv, nserv}, public_flags(flags), deadline, node);
 }
 
 KAVO_ERR kavo_subscribe_node_serv(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn, const struct sockaddr *serv,
                                   unsigned nserv, const struct timeval *deadline, KAVO_QUERY_NODE *node) {
-  return kavo_subscribe_node_(kavo, query_type, dn, serv, nserv, 0, deadline, node);
+  return kavo_subscribe_node_(kavo, query_type, dn, {serv, nserv}, 0, deadline, node);
+}
+
+KAVO_ERR kavo_subscribe_node_serv_ss(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn,
+                                     const struct sockaddr_storage *serv, unsigned nserv, unsigned flags,
+                                     const struct timeval *deadline, KAVO_QUERY_NODE *node) {
+  return kavo_subscribe_node_(kavo, query_type, dn, {serv, nserv, sizeof *serv}, public_flags(flags), deadline, node);
 }
 
 KAVO_ERR kavo_subscribe_node_dcache_ext(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn,
                                         const struct sockaddr *dcserv, unsigned flags, const struct timeval *deadline,
                                         KAVO_QUERY_NODE *node) {
-  return kavo_subscribe_node_(kavo, query_type, dn, dcserv, 1, public_flags(flags) | KAVOQF_DCACHE, deadline, node);
+  return kavo_subscribe_node_(kavo, query_type, dn, {dcserv, 1}, public_flags(flags) | KAVOQF_DCACHE, deadline, node);
+}
+
+KAVO_ERR kavo_subscribe_node_dcache_ss(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn,
+                                       const struct sockaddr_storage *dcserv, unsigned flags,
+                                       const struct timeval *deadline, KAVO_QUERY_NODE *node) {
+  return kavo_subscribe_node_(kavo, query_type, dn, {dcserv, 1, sizeof *dcserv}, public_flags(flags) | KAVOQF_DCACHE,
+                              deadline, node);
 }
 
 KAVO_ERR kavo_subscribe_node_dcache(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn,
                                     const struct sockaddr *dcserv, const struct timeval *deadline,
                                     KAVO_QUERY_NODE *node) {
-  return kavo_subscribe_node_(kavo, query_type, dn, dcserv, 1, KAVOQF_DCACHE, deadline, node);
+  return kavo_subscribe_node_(kavo, query_type, dn, {dcserv, 1}, KAVOQF_DCACHE, deadline, node);
 }
 
 KAVO_ERR kavo_subscribe_node(KAVO kavo, KAVO_TYPE query_type, const void *query, int query_len, unsigned flags,

@@ -9,7 +9,6 @@
 #include <algorithm>
 
 #include <dns_engine.h>
-#include <dns_wire.h>
 #include <pelk_log.h>
 
 #include "kavo_rest.h"
@@ -27,10 +26,6 @@ constexpr unsigned kPortMax = 65534;
 // From 1970-01-01 00:00:00 UTC to 2000-01-01, where the engine's seconds begin.
 constexpr int64_t kEngineEpoch = 946684800;
 
-const struct sockaddr *as_address(const struct sockaddr_in *address) {
-  return reinterpret_cast<const struct sockaddr *>(address);
-}
-
 // statistic asks the engine for one of its figures about a server.
 template <typename Value>
 [[nodiscard]] KAVO_ERR statistic(dns_status (*getter)(struct dns_ctx *, const struct sockaddr *, Value *), KAVO kavo,
@@ -38,6 +33,14 @@ template <typename Value>
   if (kavo == nullptr || sa == nullptr || value == nullptr) return KAVOE_BADPAR;
   if (kavo_is_foreign(kavo)) return KAVOE_SRV;
   return kavo_convert_status(getter(kavo->udns_ctx, sa, value));
+}
+
+// add_expected accepts answers from an address too, or forgets all such addresses.
+[[nodiscard]] KAVO_ERR add_expected(KAVO kavo, const char *function, const struct sockaddr *server) {
+  const KAVO_ERR refused =
+      kavo_check_at_rest(kavo, kContextSource, function, "Attempt to set expected server for already opened context");
+  if (refused != KAVOE_OK) return refused;
+  return dns_add_expserv_s(kavo->udns_ctx, server) < 0 ? KAVOE_DNS : KAVOE_OK;
 }
 
 }  // namespace
@@ -49,11 +52,11 @@ KAVO_ERR kavo_add_dns_server(KAVO kavo, const char *addr, unsigned port) {
   const KAVO_ERR refused =
       kavo_check_at_rest(kavo, kSource, __func__, "Cannot add DNS server because KAVO is already opened");
   if (refused != KAVOE_OK) return refused;
-  struct sockaddr_in server = {};
-  server.sin_family = AF_INET;
-  server.sin_port = htons(static_cast<uint16_t>(port == 0 ? kavo->dns_port : port));
-  if (addr != nullptr && dns_pton(AF_INET, addr, &server.sin_addr) <= 0) return KAVOE_BADPAR;
-  if (dns_add_serv_s(kavo->udns_ctx, addr == nullptr ? nullptr : as_address(&server)) < 0) {
+  const auto port_used = static_cast<uint16_t>(port == 0 ? kavo->dns_port : port);
+  const int status =
+      addr == nullptr ? dns_add_serv(kavo->udns_ctx, nullptr) : dns_add_serv_p(kavo->udns_ctx, addr, port_used);
+  if (status == DNS_E_INVAL && addr != nullptr) return KAVOE_BADPAR;
+  if (status < 0) {
     PELK_ERROR(kSource, __func__, 0, KAVOE_DNS, "Unable to add addr: %s", addr == nullptr ? "" : addr);
     return KAVOE_DNS;
   }
@@ -72,15 +75,23 @@ KAVO_ERR kavo_get_dns_servers(KAVO kavo, struct sockaddr *serv, unsigned *nserv)
   return result < 0 ? KAVOE_NOMEM : KAVOE_OK;
 }
 
+KAVO_ERR kavo_get_dns_servers_ss(KAVO kavo, struct sockaddr_storage *serv, unsigned *nserv) {
+  if (kavo == nullptr || nserv == nullptr) return KAVOE_BADPAR;
+  if (kavo_is_foreign(kavo)) return KAVOE_SRV;
+  if (serv == nullptr) *nserv = 0;
+  return dns_get_serv_ss(kavo->udns_ctx, serv, nserv) < 0 ? KAVOE_NOMEM : KAVOE_OK;
+}
+
 int kavo_add_expserv(KAVO kavo, const struct in_addr *addr) {
-  const KAVO_ERR refused =
-      kavo_check_at_rest(kavo, kContextSource, __func__, "Attempt to set expected server for already opened context");
-  if (refused != KAVOE_OK) return static_cast<int>(refused);
   struct sockaddr_in server = {};
   server.sin_family = AF_INET;
   if (addr != nullptr) server.sin_addr = *addr;
-  const int status = dns_add_expserv_s(kavo->udns_ctx, addr == nullptr ? nullptr : as_address(&server));
-  return status < 0 ? KAVOE_DNS : KAVOE_OK;
+  return static_cast<int>(
+      add_expected(kavo, __func__, addr == nullptr ? nullptr : reinterpret_cast<const struct sockaddr *>(&server)));
+}
+
+KAVO_ERR kavo_add_expserv_s(KAVO kavo, const struct sockaddr *addr) {
+  return add_expected(kavo, __func__, addr);
 }
 
 int kavo_set_cost_zone(KAVO kavo, const char *zone) {

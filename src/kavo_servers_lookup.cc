@@ -4,14 +4,15 @@
 // configured so far: this thread opens the engine's transport and drives it itself.
 #include <errno.h>
 #include <stdint.h>
+#include <string.h>
 
 #include <memory>
 #include <span>
 
 #include <dns_engine.h>
-#include <dns_wire.h>
 #include <pelk_log.h>
 #include <pelk_thread.h>
+#include <socket_address.h>
 
 #include "kavo_rest.h"
 #include "kavo_t.h"
@@ -49,7 +50,7 @@ class Transport {
   bool opened_;
 };
 
-// Hosts is the answers to the lookups of a zone's name servers, in the order of their names, without the servers that
+// Hosts is the answers to the lookups of hosts, in the order of their names and for each IPv4 first, without those that
 // have no address.
 class Hosts {
  public:
@@ -57,33 +58,62 @@ class Hosts {
   Hosts(const Hosts &) = delete;
   Hosts &operator=(const Hosts &) = delete;
   ~Hosts() {
-    for (unsigned i = 0; i < count_; ++i)
-      kavo_rr_free(&answers_[i]);
+    for (Answer &answer : std::span(answers_.get(), count_))
+      kavo_rr_free(&answer.block);
   }
 
-  [[nodiscard]] bool reserve(size_t count) {
-    answers_.reset(static_cast<KAVO_RR *>(dns_calloc(count, sizeof(KAVO_RR))));
+  // reserve makes room for the answers of so many hosts. False without memory.
+  [[nodiscard]] bool reserve(size_t hosts) {
+    answers_.reset(static_cast<Answer *>(dns_calloc(2 * hosts, sizeof(Answer))));
     return answers_ != nullptr;
   }
-  // add keeps a copy of an answer with addresses, unless it cannot be copied.
-  void add(dns_rr_a4 *answer) {
-    KAVO_RR source = {};
-    source.rr_a = answer;
-    if (kavo_rr_dup(KAVOT_DNS_A, &source, &answers_[count_]) == KAVOE_OK)
-      ++count_;
-    else
-      kavo_rr_free(&answers_[count_]);
+  // look_up looks up the addresses of a host, those of IPv6 only of a host that exists.
+  void look_up(struct dns_ctx *ctx, const char *host) {
+    const Owned<dns_rr_a4> ip4(dns_resolve_a4(ctx, host, 0));
+    const dns_status status = dns_get_status(ctx);
+    if (ip4 != nullptr && ip4->dnsa4_nrr > 0) add(KAVOT_DNS_A, {.rr_a = ip4.get()});
+    if (status != DNS_E_NOERROR && status != DNS_E_NODATA) return;
+    const Owned<dns_rr_a6> ip6(
+        static_cast<dns_rr_a6 *>(dns_resolve_p(ctx, host, DNS_C_IN, DNS_T_AAAA, 0, dns_parse_a6)));
+    if (ip6 != nullptr && ip6->dnsa6_nrr > 0) add(KAVOT_DNS_AAAA, {.rr_a6 = ip6.get()});
   }
-  [[nodiscard]] std::span<const KAVO_RR> all() const { return {answers_.get(), count_}; }
+  [[nodiscard]] bool empty() const { return count_ == 0; }
+
+  // each calls `use` with each address, on a port.
+  template <typename Use>
+  void each(uint16_t port, Use use) const {
+    for (const Answer &answer : std::span(answers_.get(), count_)) {
+      const dns_rr_a4 *ip4 = answer.block.rr_a;
+      const dns_rr_a6 *ip6 = answer.block.rr_a6;
+      const bool six = answer.type == KAVOT_DNS_AAAA;
+      for (int i = 0; i < (six ? ip6->dnsa6_nrr : ip4->dnsa4_nrr); ++i)
+        use(six ? dns::ipv6(ip6->dnsa6_addr[i].s6_addr, port) : dns::ipv4(octets_of(&ip4->dnsa4_addr[i]), port));
+    }
+  }
 
  private:
-  Owned<KAVO_RR[]> answers_;
+  struct Answer {
+    KAVO_TYPE type;
+    KAVO_RR block;
+  };
+
+  static std::span<const uint8_t, dns::kIpv4Size> octets_of(const struct in_addr *address) {
+    return std::span<const uint8_t, dns::kIpv4Size>(reinterpret_cast<const uint8_t *>(address), dns::kIpv4Size);
+  }
+
+  // add keeps a copy of an answer with addresses, unless it cannot be copied.
+  void add(KAVO_TYPE type, KAVO_RR source) {
+    Answer &answer = answers_[count_];
+    answer.type = type;
+    if (kavo_rr_dup(type, &source, &answer.block) == KAVOE_OK)
+      ++count_;
+    else
+      kavo_rr_free(&answer.block);
+  }
+
+  Owned<Answer[]> answers_;
   unsigned count_ = 0;
 };
-
-std::span<const struct in_addr> addresses_of(const dns_rr_a4 *answer) {
-  return {answer->dnsa4_addr, static_cast<size_t>(answer->dnsa4_nrr)};
-}
 
 // lookup_error returns why a lookup has no result.
 [[nodiscard]] KAVO_ERR lookup_error(KAVO kavo) {
@@ -98,50 +128,55 @@ std::span<const struct in_addr> addresses_of(const dns_rr_a4 *answer) {
 }
 
 // append appends a server. Returns the engine's new count of servers, or a negative status.
-[[nodiscard]] int append(KAVO kavo, in_port_t port, const struct in_addr &address) {
-  struct sockaddr_in server = {};
-  server.sin_family = AF_INET;
-  server.sin_port = port;
-  server.sin_addr = address;
-  return dns_add_serv_s(kavo->udns_ctx, reinterpret_cast<const struct sockaddr *>(&server));
+[[nodiscard]] int append(KAVO kavo, const dns::Address &address) {
+  return dns_add_serv_s(kavo->udns_ctx, dns::SocketAddress(address).generic());
 }
 
-// replace_list makes these addresses the servers. An address that cannot be added ends the list with those before it.
-[[nodiscard]] KAVO_ERR replace_list(KAVO kavo, in_port_t port, std::span<const struct in_addr> addresses) {
+// replace_list makes a server the only one.
+[[nodiscard]] KAVO_ERR replace_list(KAVO kavo, const dns::Address &server) {
   const KAVO_ERR error = empty_list(kavo);
   if (error != KAVOE_OK) return error;
+  if (append(kavo, server) == 1) return KAVOE_OK;
+  PELK_INFO(kSource, kFunction, "Unable to add new server to the list");
+  return KAVOE_DNS;
+}
+
+// replace_list_by_host makes a host's addresses the servers. An address that cannot be added ends the list with those
+// before it.
+[[nodiscard]] KAVO_ERR replace_list_by_host(KAVO kavo, uint16_t port, const Hosts &host) {
+  KAVO_ERR error = empty_list(kavo);
   int count = 0;
-  for (const struct in_addr &address : addresses) {
-    if (append(kavo, port, address) == ++count) continue;
+  host.each(port, [&](const dns::Address &address) {
+    if (error != KAVOE_OK || append(kavo, address) == ++count) return;
     PELK_INFO(kSource, kFunction, "Unable to add new server to the list");
-    return KAVOE_DNS;
-  }
-  return KAVOE_OK;
+    error = KAVOE_DNS;
+  });
+  return error;
 }
 
 // replace_list_by_hosts makes the addresses of several hosts the servers, without those that cannot be added.
-[[nodiscard]] KAVO_ERR replace_list_by_hosts(KAVO kavo, in_port_t port, const Hosts &hosts) {
+[[nodiscard]] KAVO_ERR replace_list_by_hosts(KAVO kavo, uint16_t port, const Hosts &hosts) {
   const KAVO_ERR error = empty_list(kavo);
   if (error != KAVOE_OK) return error;
   int count = 0;
-  for (const KAVO_RR &host : hosts.all()) {
-    for (const struct in_addr &address : addresses_of(host.rr_a)) {
-      if (append(kavo, port, address) == count + 1)
-        ++count;
-      else
-        PELK_INFO(kSource, kFunction, "Unable to add server to the list");
-    }
-  }
+  hosts.each(port, [&](const dns::Address &address) {
+    if (append(kavo, address) == count + 1)
+      ++count;
+    else
+      PELK_INFO(kSource, kFunction, "Unable to add server to the list");
+  });
   if (count > 0) return KAVOE_OK;
   PELK_INFO(kSource, kFunction, "No servers added to the servers list");
   return KAVOE_DNS;
 }
 
-[[nodiscard]] KAVO_ERR set_by_host(KAVO kavo, in_port_t port, const char *host, Transport *transport) {
-  const Owned<dns_rr_a4> answer(dns_resolve_a4(kavo->udns_ctx, host, 0));
-  if (answer == nullptr || answer->dnsa4_nrr <= 0) return lookup_error(kavo);
+[[nodiscard]] KAVO_ERR set_by_host(KAVO kavo, uint16_t port, const char *name, Transport *transport) {
+  Hosts host;
+  if (!host.reserve(1)) return KAVOE_NOMEM;
+  host.look_up(kavo->udns_ctx, name);
+  if (host.empty()) return lookup_error(kavo);
   transport->close();
-  return replace_list(kavo, port, addresses_of(answer.get()));
+  return replace_list_by_host(kavo, port, host);
 }
 
 // look_up_zone stores the names of a zone's name servers in a block of the caller's.
@@ -165,14 +200,12 @@ std::span<const struct in_addr> addresses_of(const dns_rr_a4 *answer) {
                static_cast<int>(count * sizeof(KAVO_RR)));
     return KAVOE_NOMEM;
   }
-  for (const char *name : std::span(names.dnsns_ns, count)) {
-    const Owned<dns_rr_a4> answer(dns_resolve_a4(kavo->udns_ctx, name, 0));
-    if (answer != nullptr && answer->dnsa4_nrr > 0) hosts->add(answer.get());
-  }
+  for (const char *name : std::span(names.dnsns_ns, count))
+    hosts->look_up(kavo->udns_ctx, name);
   return KAVOE_OK;
 }
 
-[[nodiscard]] KAVO_ERR set_by_zone(KAVO kavo, in_port_t port, const char *zone, Transport *transport) {
+[[nodiscard]] KAVO_ERR set_by_zone(KAVO kavo, uint16_t port, const char *zone, Transport *transport) {
   KAVO_RR names = {};
   KAVO_ERR error = look_up_zone(kavo, zone, &names);
   const Owned<void> names_block(names.rr_mem);
@@ -181,7 +214,7 @@ std::span<const struct in_addr> addresses_of(const dns_rr_a4 *answer) {
   error = look_up_hosts(kavo, *names.rr_ns, &hosts);
   if (error != KAVOE_OK) return error;
   transport->close();
-  if (!hosts.all().empty()) return replace_list_by_hosts(kavo, port, hosts);
+  if (!hosts.empty()) return replace_list_by_hosts(kavo, port, hosts);
   PELK_INFO(kSource, kFunction, "No DNS servers addresses resolved for specified zone");
   return lookup_error(kavo);
 }
@@ -196,17 +229,19 @@ KAVO_ERR kavo_set_dns_server(KAVO kavo, const char *server_domain, unsigned port
       kavo_check_at_rest(kavo, kSource, __func__, "Cannot set DNS server because KAVO is already opened");
   if (refused != KAVOE_OK) return refused;
   const pelk_no_cancel whole;
-  const in_port_t port_n = htons(static_cast<uint16_t>(port == 0 ? kavo->dns_port : port));
-  struct in_addr address = {};
-  if (dns_pton(AF_INET, server_domain, &address) > 0) return replace_list(kavo, port_n, {&address, 1});
+  const auto port_used = static_cast<uint16_t>(port == 0 ? kavo->dns_port : port);
+  const dns::Address address = dns::read_address(server_domain, port_used);
+  if (address.family != dns::Family::none) return replace_list(kavo, address);
+  // No name has a colon: this is an IPv6 address that is none.
+  if (strchr(server_domain, ':') != nullptr) return KAVOE_BADPAR;
   errno = 0;  // what fails below may have no call's reason
   Transport transport(kavo->udns_ctx);
   if (!transport.opened()) {
     PELK_ERROR(kSource, __func__, errno, KAVOE_DNS, "Unable to open DNS transport");
     return KAVOE_DNS;
   }
-  return direct != 0 ? set_by_host(kavo, port_n, server_domain, &transport)
-                     : set_by_zone(kavo, port_n, server_domain, &transport);
+  return direct != 0 ? set_by_host(kavo, port_used, server_domain, &transport)
+                     : set_by_zone(kavo, port_used, server_domain, &transport);
 }
 
 }  // extern "C"

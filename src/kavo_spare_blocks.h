@@ -12,7 +12,7 @@ struct kavo_spare_block;
 
 // Bytes between the sizes of blocks: one block fits most of the questions to come.
 inline constexpr unsigned KAVO_SPARE_STEP = 16;
-inline constexpr unsigned KAVO_SPARE_CLASSES = 25;
+inline constexpr unsigned KAVO_SPARE_CLASSES = 41;
 
 struct kavo_spare_blocks {
   kavo_spare_block *first[KAVO_SPARE_CLASSES] = {};

@@ -45,7 +45,7 @@ struct Question {
   const uint32_t number = question->type;
   const unsigned dnlen = dns_dnlen(dn);
   const unsigned servers = serv == nullptr ? 0 : nserv;
-  if (dnlen < 1 || dnlen > DNS_MAXDN || servers > KAVO_MAX_SERV) return false;
+  if (dnlen < 1 || dnlen > DNS_MAXDN || servers > KAVO_SA_MAX) return false;
   memcpy(question->key, &number, sizeof number);
   memcpy(question->key + KAVO_KEY_DN, dn, dnlen);
   if (servers != 0) memcpy(question->key + KAVO_KEY_DN + dnlen, serv, servers * sizeof *serv);

@@ -18,8 +18,9 @@
 }
 
 // kavo_table_add hands out the node of a question with one hold for the caller. A node that exists is joined; else one
-// is taken when a permit is free, for which the call waits until `deadline`, and the server thread is woken. `serv` has
-// at most KAVO_MAX_SERV entries. KAVOE_SRV, without a line in the log, once `run` is over.
+// is taken when a permit is free, for which the call waits until `deadline`, and the server thread is woken. The
+// question's own servers, if any, are the `nserv` entries of `serv`. KAVOE_SRV, without a line in the log, once `run`
+// is over.
 [[nodiscard]] KAVO_ERR kavo_table_add(KAVO ctx, KAVO_TYPE type, const unsigned char *dn, const kavo_sa *serv,
                                       unsigned nserv, const struct timeval *deadline, unsigned flags, uint32_t run,
                                       KAVO_QUERY_NODE *query_node) PELK_EXCLUDES(ctx->mx_table);

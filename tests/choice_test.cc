@@ -18,9 +18,8 @@ TEST_F(Engine, StatisticsFollowTheServers) {
   world.add_server("192.0.2.1", Temper::dead);
   world.add_server("192.0.2.2", Temper::good);
   world.weather.delay_us = 20'000;
-  const sockaddr_in places[] = {World::address_of("192.0.2.1"), World::address_of("192.0.2.2")};
-  const auto *dead = reinterpret_cast<const sockaddr *>(&places[0]);
-  const auto *good = reinterpret_cast<const sockaddr *>(&places[1]);
+  const dns::SocketAddress places[] = {socket_of("192.0.2.1"), socket_of("192.0.2.2")};
+  const sockaddr *dead = places[0].generic(), *good = places[1].generic();
   uint64_t sent = 7, timed_out = 7, used = 7;
   int average = 0, last = 0, check = 0;
   EXPECT_EQ(dns_get_serv_nqsent(world.ctx, good, &sent), DNS_E_INVAL) << "not asked yet";
@@ -318,11 +317,10 @@ TEST_F(Best, NoQueryWaitsForTheCostZone) {
 TEST_F(Engine, ARoundTripIsMeasuredWhereThePacketIsSure) {
   world.add_server("192.0.2.1", Temper::good);
   world.weather.delay_us = 1'600'000;
-  const sockaddr_in place = World::address_of("192.0.2.1");
   int last_ms = 7;
   expect_truth((queries.ask("listed-1.list.test", {"192.0.2.1", "192.0.2.1"}), world.run(), *queries.all().back()));
   EXPECT_EQ(world.packets_sent, 2U);
-  EXPECT_EQ(dns_get_serv_lastrtt(world.ctx, reinterpret_cast<const sockaddr *>(&place), &last_ms), DNS_E_NOERROR);
+  EXPECT_EQ(dns_get_serv_lastrtt(world.ctx, socket_of("192.0.2.1").generic(), &last_ms), DNS_E_NOERROR);
   EXPECT_EQ(last_ms, 0) << "the answer may be either packet's";
 }
 

@@ -224,7 +224,7 @@ TEST_F(Engine, RefusesInvalidQueries) {
   const uint8_t long_label[DNS_MAXDN] = {64};
   uint8_t endless[DNS_MAXDN + 1];
   memset(endless, 1, sizeof endless);
-  const sockaddr six = {AF_INET6, {}};
+  const dns::Address none;
   const struct {
     const uint8_t *dn;
     int cls, typ;
@@ -237,7 +237,7 @@ TEST_F(Engine, RefusesInvalidQueries) {
       {long_label, DNS_C_IN, DNS_T_A, 0, DNS_E_BADQUERY}, {endless, DNS_C_IN, DNS_T_A, 0, DNS_E_BADQUERY}};
   for (const auto &row : rows) {
     SCOPED_TRACE(&row - rows);
-    EXPECT_EQ(dns_submit_dn_serv(world.ctx, row.dn, row.cls, row.typ, 0, row.nserv > 0 ? &six : nullptr, row.nserv,
+    EXPECT_EQ(dns_submit_dn_serv(world.ctx, row.dn, row.cls, row.typ, 0, row.nserv > 0 ? &none : nullptr, row.nserv,
                                  nullptr, answered, &asked),
               nullptr);
     EXPECT_EQ(dns_get_status(world.ctx), row.status);
@@ -406,16 +406,24 @@ TEST_F(Engine, SocketsGrowWithTheLoadAndAreRenewed) {
 
 TEST(ResolverFile, ServersAndFiguresWithinTheirBounds) {
   const std::string text =
-      "; a comment\nnameserver 192.0.2.1\nnameserver 2001:db8::1\nnameserver\nnameserver 192.0.2.256\n#" +
+      "; a comment\nnameserver 192.0.2.1\nnameserver 2001:db8::1\nnameserver\nnameserver 192.0.2.256\n"
+      "nameserver fe80::1%lo\nnameserver fe80::1\nnameserver fe80::1%nowhere\nnameserver 2001:db8::1%lo\n"
+      "nameserver ::ffff:192.0.2.7\nnameserver fe80::1%7\nnameserver ::\n#" +
       std::string(2000, 'x') + " nameserver 192.0.2.9\noptions rotate timeout:99 attempts:0 ndots: ndots:x\n" +
       "nameserver\t0.0.0.0";
   const testbed::MemoryFile file({reinterpret_cast<const uint8_t *>(text.data()), text.size()});
   const std::string path = file.path();
   dns::Options options;
-  sockaddr_in servers[dns::kServersMax];
-  ASSERT_EQ(dns::read_resolver_file(path.c_str(), &options, servers, dns::kServersMax), 2U);
-  EXPECT_TRUE(dns::same_address(servers[0], World::address_of("192.0.2.1")));
-  EXPECT_TRUE(dns::same_address(servers[1], World::address_of("127.0.0.1"))) << "where a packet to 0.0.0.0 arrives";
+  dns::Address servers[dns::kServersMax];
+  std::vector<std::string> read;
+  const unsigned count = dns::read_resolver_file(path.c_str(), &options, servers, dns::kServersMax);
+  for (const dns::Address &server : std::span(servers).first(count)) {
+    read.push_back(name_of(server) + (server.scope != 0 ? "%" + std::to_string(server.scope) : ""));
+    EXPECT_EQ(server.port, 53);
+  }
+  // The unspecified addresses mean this host, a mapped one the IPv4 server.
+  EXPECT_EQ(read, (std::vector<std::string>{"192.0.2.1", "2001:db8::1", "fe80::1%1", "192.0.2.7", "fe80::1%7", "::1",
+                                            "127.0.0.1"}));
   EXPECT_EQ(options.timeout_us, 30 * dns::kUsPerSecond);
   EXPECT_EQ(options.ntries, 1U);
   EXPECT_EQ(options.ndots, dns::Options{}.ndots);

@@ -83,8 +83,7 @@ TEST_F(Engine, AStrangersAnswerCountsWhereItIsExpected) {
     return asked.calls > 0;
   };
   const auto expect_answers_of = [this](const char *stranger, uint16_t port) {
-    const sockaddr_in address = World::address_of(stranger, port);
-    EXPECT_GT(dns_add_expserv_s(world.ctx, reinterpret_cast<const sockaddr *>(&address)), 0);
+    EXPECT_GT(dns_add_expserv_s(world.ctx, socket_of(stranger, port).generic()), 0);
   };
   EXPECT_FALSE(believed("192.0.2.7", 53)) << "a fresh context expects no other address";
   EXPECT_FALSE(believed("192.0.2.1", 54)) << "nor its own server at another port";

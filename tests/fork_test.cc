@@ -166,7 +166,8 @@ TEST_F(ForkTest, WorkersThatOpenOneContextRepeatNothing) {
   }
   for (size_t i = 0; i < queries.size(); ++i)
     for (size_t j = 0; j < i; ++j)
-      EXPECT_FALSE(queries[i].packet == queries[j].packet && queries[i].from.sin_port == queries[j].from.sin_port)
+      EXPECT_FALSE(queries[i].packet == queries[j].packet &&
+                   testbed::port_of(queries[i].from) == testbed::port_of(queries[j].from))
           << i << " and " << j;
 }
 

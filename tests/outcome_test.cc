@@ -290,8 +290,7 @@ TEST_F(Engine, WhatDoesNotRepeatTheOneQuestionIsDropped) {
 TEST_F(Engine, AStrangersAnswerCountsForTheServerThatWasAsked) {
   for (const char *server : {"192.0.2.1", "192.0.2.2", "192.0.2.3"})
     world.add_server(server, Temper::dead);
-  const sockaddr_in stranger = World::address_of("192.0.2.7", 0);
-  ASSERT_GT(dns_add_expserv_s(world.ctx, reinterpret_cast<const sockaddr *>(&stranger)), 0);
+  ASSERT_GT(dns_add_expserv_s(world.ctx, socket_of("192.0.2.7", 0).generic()), 0);
   Query &asked = queries.ask("listed-1.list.test");
   for (const Temper temper : {Temper::fails, Temper::truncates, Temper::good}) {
     EXPECT_EQ(asked.calls, 0);

@@ -12,6 +12,8 @@
 #include <shash.h>
 #include <signal.h>
 #include <siphash.h>
+#include <socket_address.h>
+#include <string.h>
 #include <strings.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -475,11 +477,14 @@ TEST(Shash, CapacityCostsNothingBeforeItemsComeAndBadArgumentsAreRefused) {
 // Packets of one size leave in runs that the kernel cuts up; on a socket without checksums it refuses to.
 TEST(SystemIo, DatagramsArriveAsTheyWereHoweverTheKernelTakesThem) {
   const dns::Io *io = dns::system_io();
-  for (const int refuses : {0, 1}) {
-    SCOPED_TRACE(refuses);
-    const testbed::HandServer receiver;
-    const sockaddr_in peer = testbed::loopback(receiver.port());
-    const int sender = io->udp_open(io->self, 0, &peer);
+  for (const char *host : {"127.0.0.1", "127.0.0.1 without checksums", "::1"}) {
+    SCOPED_TRACE(host);
+    if (*host == ':' && !testbed::ipv6_works()) continue;
+    const std::string text(host, strcspn(host, " "));
+    const int refuses = text != host ? 1 : 0;
+    const testbed::HandServer receiver(text);
+    const dns::Address peer = dns::read_address(text.c_str(), receiver.port());
+    const int sender = io->udp_open(io->self, peer.family, 0, &peer);
     ASSERT_GE(sender, 0);
     ASSERT_EQ(setsockopt(sender, SOL_SOCKET, SO_NO_CHECK, &refuses, sizeof refuses), 0);
 

@@ -70,7 +70,7 @@ class Mirror {
   struct Packet {
     std::array<uint8_t, kPacketMax> bytes;
     uint32_t size;
-    sockaddr_in peer;
+    dns::Address peer;
   };
   static Mirror *of(void *self) { return static_cast<Mirror *>(self); }
 
@@ -80,7 +80,7 @@ class Mirror {
       static_cast<uint8_t *>(bytes)[at] = static_cast<uint8_t>(of(self)->random_() >> 8);
     return true;
   }
-  static int udp_open(void *self, uint16_t, const sockaddr_in *) { return of(self)->next_socket_++; }
+  static int udp_open(void *self, dns::Family, uint16_t, const dns::Address *) { return of(self)->next_socket_++; }
   static void udp_close(void *self, int socket) { of(self)->inboxes_.erase(socket); }
   static int udp_send(void *self, int socket, const dns::Datagram *datagrams, unsigned count, bool) {
     std::deque<Packet> &inbox = of(self)->inboxes_[socket];
@@ -103,7 +103,7 @@ class Mirror {
     return static_cast<int>(given);
   }
   static int nothing_returned(void *, int, dns::Datagram *) { return 0; }
-  static int no_tcp(void *, const sockaddr_in &) { return -ECONNREFUSED; }
+  static int no_tcp(void *, const dns::Address &) { return -ECONNREFUSED; }
   static int no_tcp_send(void *, int, const uint8_t *, size_t) { return -ECONNRESET; }
   static int no_tcp_receive(void *, int, uint8_t *, size_t) { return -ECONNRESET; }
 

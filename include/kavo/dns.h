@@ -71,12 +71,14 @@ KAVO_EXPORT void dns_set_dbgfn(struct dns_ctx *ctx, dns_dbg_fn *fn, void *udata)
 
 /* ---- servers -------------------------------------------------------------------------------------------------- */
 
-/* dns_add_serv appends a server by its dotted-quad address, on the port of DNS_OPT_PORT; null empties the list. Returns
- * the new number of servers (0 after emptying), or a negative status: DNS_E_INVAL for a text that is no address,
- * DNS_E_NOMEM. An address that the list holds already is appended again. */
+/* dns_add_serv appends a server by its address, IPv4 in four decimal octets or IPv6, a link-local one with its
+ * interface (fe80::1%eth0), on the port of DNS_OPT_PORT; null empties the list. Returns the new number of servers (0
+ * after emptying), or a negative status: DNS_E_INVAL for a text that is no address, DNS_E_NOMEM. An address that the
+ * list holds already is appended again. */
 KAVO_EXPORT int dns_add_serv(struct dns_ctx *ctx, const char *address);
 
-/* dns_add_serv_s does the same with an IPv4 socket address (port 0: that of DNS_OPT_PORT). */
+/* dns_add_serv_s does the same with a socket address, a struct sockaddr_in or sockaddr_in6 (port 0: that of
+ * DNS_OPT_PORT). */
 KAVO_EXPORT int dns_add_serv_s(struct dns_ctx *ctx, const struct sockaddr *address);
 
 /* ---- synchronous lookups -------------------------------------------------------------------------------------- */

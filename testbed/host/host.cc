@@ -17,8 +17,8 @@ Host::~Host() {
   EXPECT_EQ(kavo_free(kavo_), KAVOE_OK);
 }
 
-Host &Host::server(uint16_t port) {
-  EXPECT_EQ(kavo_add_dns_server(kavo_, "127.0.0.1", port), KAVOE_OK);
+Host &Host::server(uint16_t port, const char *address) {
+  EXPECT_EQ(kavo_add_dns_server(kavo_, address, port), KAVOE_OK);
   return *this;
 }
 

@@ -46,7 +46,7 @@ class Host {
   Host &operator=(const Host &) = delete;
 
   operator KAVO() const { return kavo_; }
-  Host &server(uint16_t port);  // of 127.0.0.1, after those that are there
+  Host &server(uint16_t port, const char *address = "127.0.0.1");  // after those that are there
   Host &zone(KAVO_TYPE type, const char *name);
   Host &option(KAVO_OPT option, uint32_t value);
   Host &long_timeout();  // no attempt times out before the context is closed, which fails what is open

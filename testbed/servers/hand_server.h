@@ -3,22 +3,32 @@
 #define KAVO_TESTBED_HAND_SERVER_H
 
 #include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 namespace testbed {
 
 [[nodiscard]] sockaddr_in loopback(uint16_t port);
 
+// ipv6_works tells whether this machine has ::1.
+[[nodiscard]] bool ipv6_works();
+
+// socket_address makes one from an address of either family, and port_of returns its port.
+[[nodiscard]] sockaddr_storage socket_address(const std::string &address, uint16_t port);
+[[nodiscard]] uint16_t port_of(const sockaddr_storage &address);
+
 class HandServer {
  public:
   struct Query {
     std::vector<uint8_t> packet;  // empty if none has come within a minute
-    sockaddr_in from;
+    sockaddr_storage from;
+    socklen_t from_size;
   };
 
-  explicit HandServer(const char *address = "127.0.0.1");
+  explicit HandServer(const std::string &address = "127.0.0.1");
   ~HandServer();
   HandServer(const HandServer &) = delete;
   HandServer &operator=(const HandServer &) = delete;

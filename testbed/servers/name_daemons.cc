@@ -1,8 +1,7 @@
 #include "name_daemons.h"
 
-#include <arpa/inet.h>
+#include <hand_server.h>
 #include <packet.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -66,18 +65,16 @@ NameDaemon::NameDaemon(std::unique_ptr<TempDir> directory, std::vector<std::stri
 
 std::optional<int> ask_rcode(uint16_t port, std::string_view name, uint16_t type, milliseconds bound,
                              const std::string &address) {
-  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  const sockaddr_storage to = socket_address(address, port);
+  const int fd = socket(to.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return std::nullopt;
   const timeval wait{bound.count() / 1000, (bound.count() % 1000) * 1000};
   setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
-  sockaddr_in to{};
-  to.sin_family = AF_INET;
-  inet_pton(AF_INET, address.c_str(), &to.sin_addr);
-  to.sin_port = htons(port);
   const Bytes packet = Packet(name, type, kProbeId, kQueryFlags).bytes;
   std::array<unsigned char, 4096> answer;
   ssize_t got = -1;
-  if (connect(fd, reinterpret_cast<const sockaddr *>(&to), sizeof to) == 0 &&
+  if (connect(fd, reinterpret_cast<const sockaddr *>(&to),
+              to.ss_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in)) == 0 &&
       send(fd, packet.data(), packet.size(), 0) == static_cast<ssize_t>(packet.size()))
     got = recv(fd, answer.data(), answer.size(), 0);
   close(fd);
@@ -96,11 +93,11 @@ std::string find_program(std::string_view name) {
   return "";
 }
 
-std::unique_ptr<NameDaemon> start_rbldnsd(const std::vector<ListZone> &zones) {
+std::unique_ptr<NameDaemon> start_rbldnsd(const std::vector<ListZone> &zones, const std::string &address) {
   const uint16_t port = free_udp_port();
   auto directory = shared_directory();
-  std::vector<std::string> argv{required_program("rbldnsd"),        "-n", "-c", "0", "-b",
-                                "127.0.0.1/" + std::to_string(port)};
+  std::vector<std::string> argv{required_program("rbldnsd"),         "-n", "-c", "0", "-b",
+                                address + "/" + std::to_string(port)};
   // It refuses to serve as root.
   if (geteuid() == 0) argv.insert(argv.end(), {"-u", "nobody"});
   std::vector<std::string> names;
@@ -110,7 +107,7 @@ std::unique_ptr<NameDaemon> start_rbldnsd(const std::vector<ListZone> &zones) {
     argv.push_back(zone.name + ":" + zone.kind + ":" + file);
     names.push_back(zone.name);
   }
-  return ready(std::make_unique<NameDaemon>(std::move(directory), std::move(argv), port), names);
+  return ready(std::make_unique<NameDaemon>(std::move(directory), std::move(argv), port), names, address);
 }
 
 std::unique_ptr<NameDaemon> start_nsd(const std::vector<MasterZone> &zones, const std::string &address, uint16_t port) {
@@ -136,15 +133,17 @@ std::unique_ptr<NameDaemon> start_nsd(const std::vector<MasterZone> &zones, cons
   return ready(std::make_unique<NameDaemon>(std::move(directory), std::move(argv), port), names, address);
 }
 
-std::unique_ptr<NameDaemon> start_unbound(const std::vector<StubZone> &zones) {
+std::unique_ptr<NameDaemon> start_unbound(const std::vector<StubZone> &zones, const std::string &address) {
   const uint16_t port = free_udp_port();
   auto directory = shared_directory();
   std::ostringstream config;
-  config << "server:\n  interface: 127.0.0.1\n  port: " << port << "\n  username: \"\"\n  chroot: \"\"\n  directory: \""
-         << directory->path() << "\"\n  pidfile: \"" << directory->file("unbound.pid")
+  config << "server:\n  interface: " << address << "\n  port: " << port
+         << "\n  username: \"\"\n  chroot: \"\"\n  directory: \"" << directory->path() << "\"\n  pidfile: \""
+         << directory->file("unbound.pid")
          << "\"\n  do-daemonize: no\n  use-syslog: no\n  num-threads: 1\n  outgoing-interface: 127.0.0.1\n"
          << "  do-not-query-localhost: no\n  module-config: \"iterator\"\n  access-control: 127.0.0.0/8 allow_snoop\n"
-         << "  do-ip6: no\n  outgoing-range: 64\n  num-queries-per-thread: 64\n  unblock-lan-zones: yes\n";
+         << "  access-control: ::1/128 allow_snoop\n  do-ip6: " << (address == "::1" ? "yes" : "no") << "\n"
+         << "  outgoing-range: 64\n  num-queries-per-thread: 64\n  unblock-lan-zones: yes\n";
   // Names that it would otherwise answer for itself, such as those below test.
   for (const StubZone &zone : zones)
     config << "  local-zone: \"" << zone.name << "\" transparent\n";
@@ -157,7 +156,7 @@ std::unique_ptr<NameDaemon> start_unbound(const std::vector<StubZone> &zones) {
   }
   std::vector<std::string> argv{required_program("unbound"), "-d", "-c",
                                 directory->write("unbound.conf", config.str())};
-  return ready(std::make_unique<NameDaemon>(std::move(directory), std::move(argv), port), names);
+  return ready(std::make_unique<NameDaemon>(std::move(directory), std::move(argv), port), names, address);
 }
 
 }  // namespace testbed

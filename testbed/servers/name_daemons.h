@@ -1,10 +1,10 @@
 // name_daemons.h - real name servers on loopback: a list server, an authoritative server and a resolver.
 //
 // Each start_* call writes a configuration of its own into a scratch directory, starts the distribution's program on a
-// free port of 127.0.0.1, and returns once the program answers a real query over UDP. A NameDaemon is stopped by its
-// process id when it goes out of scope. All of them run as root and as an ordinary user, and send nothing outside
-// 127.0.0.0/8. They throw std::runtime_error, with what the program wrote, when it does not come up: the test fails and
-// says why.
+// free port of 127.0.0.1 or ::1, and returns once the program answers a real query over UDP. A NameDaemon is stopped by
+// its process id when it goes out of scope. All of them run as root and as an ordinary user, and send nothing outside
+// 127.0.0.0/8 and ::1. They throw std::runtime_error, with what the program wrote, when it does not come up: the test
+// fails and says why.
 #ifndef KAVO_TESTBED_NAME_DAEMONS_H
 #define KAVO_TESTBED_NAME_DAEMONS_H
 
@@ -42,10 +42,11 @@ struct ListZone {
   std::string kind;
   std::string data;
 };
-[[nodiscard]] std::unique_ptr<NameDaemon> start_rbldnsd(const std::vector<ListZone> &zones);
+[[nodiscard]] std::unique_ptr<NameDaemon> start_rbldnsd(const std::vector<ListZone> &zones,
+                                                        const std::string &address = "127.0.0.1");
 
 // MasterZone is a zone of the authoritative server, its records in the usual text form; SOA and NS are among them.
-// Several servers may share a port, each on an address of its own in 127.0.0.0/8; port 0 is a free one.
+// Several servers may share a port, each on an address of its own, ::1 or in 127.0.0.0/8; port 0 is a free one.
 struct MasterZone {
   std::string name;
   std::string records;
@@ -61,7 +62,8 @@ struct StubZone {
   uint16_t port;
   std::string address = "127.0.0.1";
 };
-[[nodiscard]] std::unique_ptr<NameDaemon> start_unbound(const std::vector<StubZone> &zones);
+[[nodiscard]] std::unique_ptr<NameDaemon> start_unbound(const std::vector<StubZone> &zones,
+                                                        const std::string &address = "127.0.0.1");
 
 // find_program looks in PATH and in the system administrator's directories; empty when there is no such program.
 [[nodiscard]] std::string find_program(std::string_view name);

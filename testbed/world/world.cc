@@ -1,6 +1,5 @@
 #include "world.h"
 
-#include <arpa/inet.h>
 #include <check.h>
 #include <invariants.h>
 #include <open.h>
@@ -26,14 +25,6 @@ World::World(uint64_t seed)
 World::~World() {
   dns_destroy(ctx);
   testbed::check(sockets_open == 0, "a context that is destroyed closes every socket");
-}
-
-sockaddr_in World::address_of(const std::string &address, uint16_t port) {
-  sockaddr_in result{};
-  result.sin_family = AF_INET;
-  result.sin_port = htons(port);
-  if (inet_pton(AF_INET, address.c_str(), &result.sin_addr) != 1) throw std::invalid_argument(address);
-  return result;
 }
 
 void World::add_server(const std::string &address, Temper temper) {
@@ -103,13 +94,11 @@ void World::deliver_due() {
   }
 }
 
-void World::mail(int socket, const sockaddr_in &from, Bytes bytes) {
+void World::mail(int socket, const dns::Address &from, Bytes bytes) {
   if (bytes.empty() || chance(weather.loss_percent)) return;
   const auto only = connected_.find(socket);
-  if (only != connected_.end() && memcmp(&only->second, &from, sizeof from) != 0) return;
-  char text[INET_ADDRSTRLEN];
-  inet_ntop(AF_INET, &from.sin_addr, text, sizeof text);
-  const auto delay = delays_us.find(text);
+  if (only != connected_.end() && !(only->second == from)) return;
+  const auto delay = delays_us.find(name_of(from));
   const int64_t delay_us = delay != delays_us.end() ? delay->second : 0;
   const int copies = chance(weather.duplicate_percent) ? 2 : 1;
   for (int i = 0; i < copies; ++i) {
@@ -126,7 +115,7 @@ void World::forge(const std::string &server, const Bytes &packet, uint16_t port)
 
 // forge_answers sends the answers of a forger that knows the query and the server's address, and guesses the id and the
 // socket.
-void World::forge_answers(int socket, const sockaddr_in &peer, const Bytes &query) {
+void World::forge_answers(int socket, const dns::Address &peer, const Bytes &query) {
   Bytes forged = answer_to(query, Temper::good);
   forged[0] = static_cast<uint8_t>(random(256));
   forged[1] = static_cast<uint8_t>(random(256));
@@ -137,8 +126,8 @@ void World::forge_answers(int socket, const sockaddr_in &peer, const Bytes &quer
   Bytes right_id = answer_to(query, Temper::good);
   right_id.back() ^= 0xFF;
   if (homes_[{query[0], query[1]}].count(other->first) == 0) mail(other->first, peer, right_id);
-  sockaddr_in stranger = peer;
-  stranger.sin_addr.s_addr ^= htonl(0xFF);
+  dns::Address stranger = peer;
+  stranger.octets[peer.ip().size() - 1] ^= 0xFF;
   mail(socket, stranger, right_id);
 }
 
@@ -146,8 +135,7 @@ void World::send(int socket, const dns::Datagram &datagram) {
   ++packets_sent;
   const Bytes query(datagram.data, datagram.data + datagram.size);
   last_query_ = query;
-  char server[INET_ADDRSTRLEN];
-  inet_ntop(AF_INET, &datagram.peer.sin_addr, server, sizeof server);
+  const std::string server = name_of(datagram.peer);
   ++asked[server];
   homes_[{query[0], query[1]}].insert(socket);
   if (chance(weather.forged_percent)) forge_answers(socket, datagram.peer, query);

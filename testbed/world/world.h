@@ -7,6 +7,7 @@
 #include <dns_engine.h>
 #include <dns_io.h>
 #include <dns_wire.h>
+#include <names.h>
 #include <temper.h>
 
 #include <array>
@@ -64,11 +65,12 @@ class World {
   bool by_tcp = false;  // how the query at hand of `script` came
   // script, where there is one, answers in place of every server's temper, over TCP what is too large for a datagram.
   std::function<Reply(const Bytes &query, const std::string &server)> script;
-  bool send_buffers_full = false;  // every send finds its buffer full until this is cleared
+  bool send_buffers_full = false;   // every send finds its buffer full until this is cleared
+  std::set<dns::Family> routeless;  // families to which the system refuses to send
+  unsigned refused = 0;             // sends and connections that it has refused
 
   void add_server(const std::string &address, Temper temper);
   void set_temper(const std::string &address, Temper temper) { tempers_[address] = temper; }
-  static sockaddr_in address_of(const std::string &address, uint16_t port = 53);
 
   // worsen draws the weather of a storm, with forgers up to so many percent.
   void worsen(int forged_percent_max);
@@ -91,7 +93,7 @@ class World {
  private:
   struct Parcel {
     int socket;
-    sockaddr_in from;
+    dns::Address from;
     Bytes bytes;
   };
 
@@ -105,20 +107,21 @@ class World {
 
   static dns_time wall(void *self);
   static bool random_bytes(void *self, void *bytes, size_t size);
-  static int udp_open(void *self, uint16_t port, const sockaddr_in *peer);
+  static int udp_open(void *self, dns::Family family, uint16_t port, const dns::Address *peer);
   static void udp_close(void *self, int socket);
   static int udp_send(void *self, int socket, const dns::Datagram *datagrams, unsigned count, bool connected);
   static int udp_receive(void *self, int socket, dns::Datagram *datagrams, unsigned count);
   static int udp_returned(void *self, int socket, dns::Datagram *datagram);
-  static int tcp_open(void *self, const sockaddr_in &peer);
+  static int tcp_open(void *self, const dns::Address &peer);
   static void tcp_close(void *self, int socket);
   static int tcp_send(void *self, int socket, const uint8_t *bytes, size_t size);
   static int tcp_receive(void *self, int socket, uint8_t *bytes, size_t size);
 
   void send(int socket, const dns::Datagram &datagram);
-  void forge_answers(int socket, const sockaddr_in &peer, const Bytes &query);
+  void forge_answers(int socket, const dns::Address &peer, const Bytes &query);
   void answer_stream(Stream *stream, const Bytes &query);
-  void mail(int socket, const sockaddr_in &from, Bytes bytes);
+  void mail(int socket, const dns::Address &from, Bytes bytes);
+  [[nodiscard]] bool refuses(dns::Family family);
   void deliver_due();
 
   std::mt19937_64 random_;
@@ -127,7 +130,8 @@ class World {
   std::multimap<int64_t, Parcel> under_way_;
   std::map<int, std::deque<Parcel>> inboxes_;
   std::map<int, std::deque<Parcel>> returned_;
-  std::map<int, sockaddr_in> connected_;  // sockets that receive from this address only
+  std::map<int, dns::Family> families_;    // of the sockets
+  std::map<int, dns::Address> connected_;  // sockets that receive from this address only
   std::map<int, Stream> streams_;
   std::map<std::array<uint8_t, 2>, std::set<int>> homes_;  // sockets that queries left from, by their ids
   Bytes last_query_;

@@ -1,5 +1,5 @@
 // world_io.cc - the table of functions through which the engine reaches the simulated world.
-#include <arpa/inet.h>
+#include <check.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -11,7 +11,7 @@ namespace {
 
 constexpr int64_t kUsPerSecond = 1'000'000;
 
-void fill(const Bytes &bytes, const sockaddr_in &peer, dns::Datagram *datagram) {
+void fill(const Bytes &bytes, const dns::Address &peer, dns::Datagram *datagram) {
   datagram->size = static_cast<uint32_t>(bytes.size());
   datagram->peer = peer;
   std::copy_n(bytes.begin(), std::min<size_t>(bytes.size(), datagram->capacity), datagram->data);
@@ -29,8 +29,16 @@ bool World::random_bytes(void *self, void *bytes, size_t size) {
   return true;
 }
 
-int World::udp_open(void *self, uint16_t, const sockaddr_in *peer) {
+bool World::refuses(dns::Family family) {
+  const bool lacks = routeless.contains(family);
+  refused += lacks ? 1 : 0;
+  return lacks;
+}
+
+int World::udp_open(void *self, dns::Family family, uint16_t, const dns::Address *peer) {
   auto *world = static_cast<World *>(self);
+  if (peer != nullptr && world->refuses(family)) return -ENETUNREACH;
+  world->families_[world->next_socket_] = family;
   if (peer != nullptr) world->connected_[world->next_socket_] = *peer;
   world->inboxes_[world->next_socket_];
   ++world->sockets_open;
@@ -48,8 +56,11 @@ void World::udp_close(void *self, int socket) {
 int World::udp_send(void *self, int socket, const dns::Datagram *datagrams, unsigned count, bool) {
   auto *world = static_cast<World *>(self);
   if (world->send_buffers_full) return -EAGAIN;
-  for (unsigned i = 0; i < count; ++i)
+  if (world->refuses(world->families_.at(socket))) return -ENETUNREACH;
+  for (unsigned i = 0; i < count; ++i) {
+    testbed::check(datagrams[i].peer.family == world->families_.at(socket), "a packet leaves by its family's socket");
     world->send(socket, datagrams[i]);
+  }
   return static_cast<int>(count);
 }
 
@@ -69,10 +80,10 @@ int World::udp_returned(void *self, int socket, dns::Datagram *datagram) {
   return 1;
 }
 
-int World::tcp_open(void *self, const sockaddr_in &peer) {
+int World::tcp_open(void *self, const dns::Address &peer) {
   auto *world = static_cast<World *>(self);
-  char text[INET_ADDRSTRLEN];
-  inet_ntop(AF_INET, &peer.sin_addr, text, sizeof text);
+  const std::string text = name_of(peer);
+  if (world->refuses(peer.family)) return -ENETUNREACH;
   const Temper temper = world->script ? Temper::good : world->tempers_.at(text);
   if (world->tcp_errors > 0 && world->tcp_errors-- > 0) return world->tcp_error;
   if (temper == Temper::refuses_tcp || temper == Temper::lowers_case) return -ECONNREFUSED;

@@ -29,11 +29,10 @@ void answered(dns_ctx *ctx, dns_query *q, void *result, unsigned size, void *dat
 void submit(World *world, Query *query, const std::vector<std::string> &servers, unsigned flags) {
   query->world = world;
   query->took_us = world->now_us;  // until the callback, the moment of submission
-  std::vector<sockaddr_in> addresses;
+  std::vector<dns::Address> addresses;
   for (const std::string &server : servers)
-    addresses.push_back(World::address_of(server));
-  query->handle = dns_submit_dn_serv(world->ctx, query->dn.data(), DNS_C_IN, query->type, flags,
-                                     addresses.empty() ? nullptr : reinterpret_cast<const sockaddr *>(addresses.data()),
+    addresses.push_back(address_of(server));
+  query->handle = dns_submit_dn_serv(world->ctx, query->dn.data(), DNS_C_IN, query->type, flags, addresses.data(),
                                      static_cast<unsigned>(addresses.size()), query->parser, answered, query);
   check(query->handle != nullptr, "a query can be submitted");
   check(query->calls == 0, "no callback runs inside a submission");

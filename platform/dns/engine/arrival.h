@@ -2,10 +2,11 @@
 #ifndef DNS_ENGINE_ARRIVAL_H
 #define DNS_ENGINE_ARRIVAL_H
 
-#include <netinet/in.h>
 #include <stdint.h>
 
 #include <span>
+
+#include <address.h>
 
 #include "connection.h"
 
@@ -13,7 +14,7 @@ namespace dns {
 
 struct Arrival {
   std::span<const uint8_t> packet;
-  const sockaddr_in *peer;
+  const Address *peer;
   int slot;  // of the socket or connection
 
   [[nodiscard]] bool by_udp() const { return slot < kTcpSlot; }

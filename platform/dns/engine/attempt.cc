@@ -12,6 +12,7 @@
 #include "move.h"
 #include "places.h"
 #include "resolution.h"
+#include "route.h"
 
 namespace dns {
 namespace {
@@ -70,7 +71,8 @@ void not_reached(dns_query *q) {
     ask_again(q);
     return;
   }
-  if (q->attempt.pauses == kPausesMax) {
+  // Servers that are not starting, but out of reach, are not waited for while the zone has others.
+  if (q->attempt.pauses == kPausesMax || (is_cut_off(ctx, present_server(q)) && has_other_servers(q))) {
     give_up(q);
     return;
   }

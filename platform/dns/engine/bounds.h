@@ -16,8 +16,10 @@ inline constexpr int64_t kUsPerSecond = 1'000'000;
 // Servers. A query's sets of servers are 32-bit masks.
 inline constexpr unsigned kServersMax = 32;  // of a context
 inline constexpr unsigned kExpectedServersMax = 32;
-inline constexpr unsigned kDelegatedMax = 13;  // of a zone
-static_assert(DNS_MAXSERV <= kServersMax && kDelegatedMax <= kServersMax);
+inline constexpr unsigned kDelegatedMax = 13;            // of a zone
+inline constexpr unsigned kGlueMax = 2 * kDelegatedMax;  // addresses of a zone's servers
+inline constexpr int64_t kCutOffUs = 5 * kUsPerSecond;   // that a server to which there was no route is passed over
+static_assert(DNS_MAXSERV <= kServersMax && kGlueMax <= kServersMax);
 
 // Packets.
 inline constexpr unsigned kAnswerRoom = 4096;          // the largest UDP answer that can be asked for

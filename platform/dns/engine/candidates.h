@@ -10,7 +10,8 @@
 namespace dns {
 
 // Candidates are the servers that have not refused a query, as masks of their places: `open` are those that it may go
-// to, `down` those that are marked down. If all are marked down, all are open.
+// to, `down` those that are marked down. If all are marked down, all are open. Servers to which the host has no route
+// (route.h) are neither, unless there are no others.
 struct Candidates {
   uint32_t open = 0;
   uint32_t down = 0;

@@ -14,6 +14,7 @@
 #include "cost_zone.h"
 #include "places.h"
 #include "resolving.h"
+#include "route.h"
 #include "rto.h"
 
 namespace dns {
@@ -119,9 +120,9 @@ void first_in_turn(dns_query *q) {
   const auto count = static_cast<unsigned>(servers.size());
   const bool turns = (ctx->options.flags & DNS_SERVRRB) != 0 && q->question.own == nullptr;
   unsigned place = turns ? (ctx->next_first + 1) % count : 0;
-  if (servers[place]->marked_down()) {
+  if (servers[place]->marked_down() || is_cut_off(ctx, servers[place])) {
     const Candidates found = candidates(q);
-    while (!has(found.open, place) && !probe(q, place))
+    while (!has(found.open, place) && !(has(found.down, place) && probe(q, place)))
       place = (place + 1) % count;
   }
   if (turns) ctx->next_first = place;
@@ -155,16 +156,14 @@ void first_by_cost(dns_query *q) {
 uint64_t key_of(const dns_query *q, const Server *server) {
   struct {
     uint64_t name;
-    uint16_t typ, cls, recursive, port;
-    uint32_t address;
-    uint32_t unused;
+    uint16_t typ, cls, recursive, unused;
+    Address address;
   } const key = {siphash_folded(q->ctx->secret, q->question.ask, q->ask_size),
                  q->question.typ,
                  q->question.cls,
                  static_cast<uint16_t>(recursive(q)),
-                 server->address.sin_port,
-                 server->address.sin_addr.s_addr,
-                 0};
+                 0,
+                 server->address};
   return siphash(q->ctx->secret, &key, sizeof key);
 }
 

@@ -37,9 +37,10 @@ struct dns_ctx {
   unsigned nserv = 0;
   uint32_t portless = 0;    // the servers, by their places, that were named without a port and follow DNS_OPT_PORT
   unsigned next_first = 0;  // where DNS_SERVRRB started the last query; with costs, a count of queries
-  sockaddr_in expected[dns::kExpectedServersMax] = {};
+  dns::Address expected[dns::kExpectedServersMax];
   unsigned nexpected = 0;
   dns::CostZone costs;
+  int64_t cut_off_until_us[dns::kFamilies] = {};  // families without a route (route.h)
 
   dns_cacher *answer_cache = nullptr;
   uint8_t cache_number = 0;  // of the answer cache among those that were installed, modulo 256

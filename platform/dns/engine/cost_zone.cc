@@ -35,7 +35,11 @@ void costed(dns_ctx *ctx, dns_query *lookup, void *result, unsigned, void *) {
 // cost_name writes the name of a server's cost in the cost zone; false when it would be too long.
 bool cost_name(const dns_ctx *ctx, const Server *server, uint8_t *dn) {
   const uint8_t *end = dn + DNS_MAXDN;
-  uint8_t *at = dns_a4todn_(&server->address.sin_addr, dn, end);
+  in_addr ip4;
+  in6_addr ip6;
+  memcpy(&ip4, server->address.octets, sizeof ip4);
+  memcpy(&ip6, server->address.octets, sizeof ip6);
+  uint8_t *at = server->address.family == Family::ipv6 ? dns_a6todn_(&ip6, dn, end) : dns_a4todn_(&ip4, dn, end);
   return at != nullptr && dns_dntodn(ctx->costs.zone, at, static_cast<unsigned>(end - at)) != 0;
 }
 

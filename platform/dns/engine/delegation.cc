@@ -23,26 +23,22 @@ namespace {
 // taken for an answer to an NS query, which only the zone itself may give (RFC 2181, 5.4.1).
 constexpr dns_class kDelegationClass = 0xFF01;
 
-// Where an address leads: to the network, back to this host, to its own link, or nowhere.
-enum class Reach { network, host, link, nowhere };
-
-Reach reach_of(in_addr address) {
-  const in_addr_t bits = ntohl(address.s_addr);
-  constexpr in_addr_t kLinkLocal = 0xA9FE;  // 169.254.0.0/16
-  if (bits >> 24 == 127) return Reach::host;
-  if (bits >> 16 == kLinkLocal) return Reach::link;
-  return bits >> 24 == 0 || bits >> 28 >= 14 ? Reach::nowhere : Reach::network;  // 0.0.0.0/8; multicast and reserved
-}
-
 // may_lead_to tells whether a delegation to an address is followed. One to this host or its link would let untrusted
-// peers direct queries at services there; it is followed only if the context's own servers are in the same place.
-bool may_lead_to(const dns_ctx *ctx, in_addr address) {
+// peers direct queries at services there; it is followed only if the context's own servers are in the same place. No
+// record says on which link a link-local IPv6 address is.
+bool may_lead_to(const dns_ctx *ctx, const Address &address) {
   const Reach reach = reach_of(address);
   if (reach == Reach::network) return true;
-  const std::span servers(ctx->servers, ctx->nserv);
-  return reach != Reach::nowhere && std::ranges::any_of(servers, [reach](const Server *server) {
-           return reach_of(server->address.sin_addr) == reach;
-         });
+  if (reach == Reach::nowhere || (reach == Reach::link && address.family == Family::ipv6)) return false;
+  return std::ranges::any_of(std::span(ctx->servers, ctx->nserv),
+                             [reach](const Server *server) { return reach_of(server->address) == reach; });
+}
+
+// address_in returns the address in a record's data, one of no family for another record.
+Address address_in(dns_type typ, std::span<const uint8_t> data) {
+  if (typ == DNS_T_A && data.size() == kIpv4Size) return ipv4(data.first<kIpv4Size>(), 0);
+  if (typ == DNS_T_AAAA && data.size() == kIpv6Size) return ipv6(data.first<kIpv6Size>(), 0);
+  return {};
 }
 
 struct Freed {
@@ -105,11 +101,10 @@ void Delegation::add_target(const uint8_t *dn) {
   if (ntargets < kDelegatedMax && target(dn) < 0 && dns_dntodn(dn, targets[ntargets], DNS_MAXDN) != 0) ++ntargets;
 }
 
-bool Delegation::add_address(const dns_ctx *ctx, const uint8_t *owner, const uint8_t *bytes) {
+bool Delegation::add_address(const dns_ctx *ctx, const uint8_t *owner, dns_type typ, std::span<const uint8_t> data) {
+  const Address address = address_in(typ, data);
   const int place = target(owner);
-  in_addr address;
-  memcpy(&address, bytes, sizeof address);
-  if (place < 0 || naddresses == kDelegatedMax || !may_lead_to(ctx, address)) return false;
+  if (place < 0 || naddresses == kGlueMax || !may_lead_to(ctx, address)) return false;
   addresses[naddresses] = address;
   owners[naddresses++] = static_cast<uint8_t>(place);
   return true;
@@ -131,8 +126,7 @@ bool read_delegation(const dns_ctx *ctx, std::span<const uint8_t> packet, const 
     delegation->ttl = std::min(delegation->ttl, record.ttl);
   });
   return named && delegation->ntargets > 0 && read_section(packet, DNS_S_AR, [&](const Record &record) {
-           if (record.typ == DNS_T_A && record.data.size() == sizeof(in_addr) && covers(from, record.owner) &&
-               delegation->add_address(ctx, record.owner, record.data.data()))
+           if (covers(from, record.owner) && delegation->add_address(ctx, record.owner, record.typ, record.data))
              delegation->ttl = std::min(delegation->ttl, record.ttl);
          });
 }
@@ -147,9 +141,12 @@ void keep_delegation(dns_ctx *ctx, const Delegation &delegation) {
     const uint8_t *target = delegation.targets[i];
     whole = whole && add_record(entry.get(), delegation.zone, DNS_T_NS, delegation.ttl, target, dns_dnlen(target));
   }
-  for (unsigned i = 0; i < delegation.naddresses; ++i)
-    whole = whole && add_record(entry.get(), delegation.targets[delegation.owners[i]], DNS_T_A, delegation.ttl,
-                                &delegation.addresses[i], sizeof(in_addr));
+  for (unsigned i = 0; i < delegation.naddresses; ++i) {
+    const Address &address = delegation.addresses[i];
+    const dns_type typ = address.family == Family::ipv6 ? DNS_T_AAAA : DNS_T_A;
+    whole = whole && add_record(entry.get(), delegation.targets[delegation.owners[i]], typ, delegation.ttl,
+                                address.octets, static_cast<unsigned>(address.ip().size()));
+  }
   if (whole) (void)dns_cacher_put(ctx->referral_cache, entry.get(), wall(ctx));
 }
 
@@ -166,7 +163,7 @@ bool known_delegation(dns_ctx *ctx, const uint8_t *zone, Delegation *delegation)
     rr.dnsrr_dsz = sizeof data;
     if (dns_cdata_nextrr(entry, &rr) <= 0) break;
     if (rr.dnsrr_typ == DNS_T_NS) delegation->add_target(data);
-    if (rr.dnsrr_typ == DNS_T_A && rr.dnsrr_dsz == sizeof(in_addr)) delegation->add_address(ctx, rr.dnsrr_dn, data);
+    if (rr.dnsrr_typ != DNS_T_NS) delegation->add_address(ctx, rr.dnsrr_dn, rr.dnsrr_typ, {data, rr.dnsrr_dsz});
   }
   return delegation->ntargets > 0;
 }

@@ -4,10 +4,11 @@
 #ifndef DNS_ENGINE_DELEGATION_H
 #define DNS_ENGINE_DELEGATION_H
 
-#include <netinet/in.h>
 #include <stdint.h>
 
 #include <span>
+
+#include <address.h>
 
 #include "bounds.h"
 
@@ -20,14 +21,14 @@ struct Delegation {
   unsigned ntargets = 0;
   unsigned naddresses = 0;
   uint8_t targets[kDelegatedMax][DNS_MAXDN];
-  in_addr addresses[kDelegatedMax];
-  uint8_t owners[kDelegatedMax];  // the target that each address belongs to
+  Address addresses[kGlueMax];  // without a port
+  uint8_t owners[kGlueMax];     // the target that each address belongs to
 
   // target returns the place of a server's name, below 0 for a name that is none.
   [[nodiscard]] int target(const uint8_t *dn) const;
   void add_target(const uint8_t *dn);
-  // add_address takes an address of `owner` (4 bytes, as in an A record); false for one that is not taken.
-  bool add_address(const dns_ctx *ctx, const uint8_t *owner, const uint8_t *bytes);
+  // add_address takes an address of `owner` from the data of an A or AAAA record; false for one that is not taken.
+  bool add_address(const dns_ctx *ctx, const uint8_t *owner, dns_type typ, std::span<const uint8_t> data);
   [[nodiscard]] bool has_address(unsigned place) const;
 };
 

@@ -44,7 +44,7 @@ dns_ctx *dns_new(const dns_ctx *from) {
   const pelk_no_cancel whole;
   dns_ctx *ctx = context_new(from != nullptr ? from->io : system_io());
   if (ctx == nullptr) return nullptr;
-  sockaddr_in servers[kServersMax];
+  Address servers[kServersMax];
   unsigned count = 0;
   uint32_t portless = UINT32_MAX;
   if (from != nullptr) {
@@ -56,10 +56,7 @@ dns_ctx *dns_new(const dns_ctx *from) {
   } else {
     count = read_resolver_file(kResolverFile, &ctx->options, servers, kServersMax);
     if (count == 0) {
-      servers[0] = {};
-      servers[0].sin_family = AF_INET;
-      servers[0].sin_port = htons(static_cast<uint16_t>(ctx->options.port));
-      servers[0].sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+      servers[0] = loopback(Family::ipv4, static_cast<uint16_t>(ctx->options.port));
       count = 1;
     }
   }

@@ -125,7 +125,7 @@ void go_back_to(dns_query *q, unsigned place) {
 // asked_otherwise sends the query to the server at `place` again without EDNS0 or over TCP, where its answer calls for
 // that. False otherwise, or when another address has answered for the server.
 bool asked_otherwise(dns_query *q, unsigned place, int code, const Arrival &arrival, const Header &header) {
-  if (!same_address(servers_of(q)[place]->address, *arrival.peer)) return false;
+  if (!(servers_of(q)[place]->address == *arrival.peer)) return false;
   const bool error = code == DNS_D_PKT_SERVERR;
   if (error && wants_cookie(q, place, arrival.packet, header)) {
     go_back_to(q, place);

@@ -32,14 +32,14 @@ constexpr int kNotAsked = -1;
 
 // asked_server is the place of the server that sent a packet among those that were asked: for an address of
 // dns_add_expserv_s, the place of the present attempt's server. kNotAsked for any other sender.
-int asked_server(const dns_query *q, const sockaddr_in &peer) {
+int asked_server(const dns_query *q, const Address &peer) {
   const auto servers = servers_of(q);
   for (unsigned i = 0; i < servers.size(); ++i)
-    if ((q->attempt.asked & bit(i)) != 0 && same_address(servers[i]->address, peer)) return static_cast<int>(i);
-  for (const sockaddr_in &expected : std::span(q->ctx->expected, q->ctx->nexpected))
-    if (expected.sin_addr.s_addr == peer.sin_addr.s_addr &&
-        (expected.sin_port == 0 || expected.sin_port == peer.sin_port))
-      return q->attempt.server;
+    if ((q->attempt.asked & bit(i)) != 0 && servers[i]->address == peer) return static_cast<int>(i);
+  for (Address expected : std::span(q->ctx->expected, q->ctx->nexpected)) {
+    if (expected.port == 0) expected.port = peer.port;
+    if (expected == peer) return q->attempt.server;
+  }
   return kNotAsked;
 }
 
@@ -93,13 +93,12 @@ Found find(dns_ctx *ctx, const Arrival &arrival, Header *header) {
 
 // returned_to finds the query of a packet that came back, if its present attempt is at the server that the packet was
 // sent to.
-dns_query *returned_to(dns_ctx *ctx, int slot, std::span<const uint8_t> packet, const sockaddr_in &server) {
+dns_query *returned_to(dns_ctx *ctx, int slot, std::span<const uint8_t> packet, const Address &server) {
   Header header;
   if (!read_header(packet, &header)) return nullptr;
   for (dns_query *q = ctx->index.first(header.id); q != nullptr; q = q->index_next) {
     if (q->attempt.id != header.id || q->attempt.slot != slot || q->state != State::waiting) continue;
-    if (same_address(present_server(q)->address, server) && match(q, q->attempt.server, packet, header) == Match::whole)
-      return q;
+    if (present_server(q)->address == server && match(q, q->attempt.server, packet, header) == Match::whole) return q;
   }
   return nullptr;
 }
@@ -125,7 +124,7 @@ void prefetch_queries(const dns_ctx *ctx, std::span<const Datagram> batch) {
 
 }  // namespace
 
-bool take_packet(dns_ctx *ctx, std::span<uint8_t> packet, const sockaddr_in &peer, int slot) {
+bool take_packet(dns_ctx *ctx, std::span<uint8_t> packet, const Address &peer, int slot) {
   const Arrival arrival = {packet, &peer, slot};
   Header header;
   const Found found = find(ctx, arrival, &header);

@@ -2,17 +2,17 @@
 #ifndef DNS_ENGINE_RECEIVE_H
 #define DNS_ENGINE_RECEIVE_H
 
-#include <netinet/in.h>
 #include <stdint.h>
 
 #include <span>
 
+#include <address.h>
 #include <dns_engine.h>
 
 namespace dns {
 
 // take_packet gives a packet to the query that it answers; false when there is none.
-bool take_packet(dns_ctx *ctx, std::span<uint8_t> packet, const sockaddr_in &peer, int slot);
+bool take_packet(dns_ctx *ctx, std::span<uint8_t> packet, const Address &peer, int slot);
 
 // receive reads what has arrived on a UDP socket.
 void receive(dns_ctx *ctx, int slot);

@@ -22,6 +22,7 @@
 #include "move.h"
 #include "places.h"
 #include "resolving.h"
+#include "route.h"
 
 namespace dns {
 namespace {
@@ -47,10 +48,8 @@ Resolution *top(Resolution *resolution) {
   dns_ctx *ctx = q->ctx;
   release_servers(q);
   for (unsigned i = 0; i < delegation.naddresses; ++i) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(ctx->options.port));
-    address.sin_addr = delegation.addresses[i];
+    Address address = delegation.addresses[i];
+    address.port = static_cast<uint16_t>(ctx->options.port);
     Server *server = ctx->server_table.hold(address);
     if (server == nullptr) break;
     resolution->servers[resolution->nserv++] = server;
@@ -71,24 +70,61 @@ Resolution *top(Resolution *resolution) {
 
 void lookup_next(dns_query *q);
 
+// add_addresses adds the addresses in a lookup's block to a delegation.
+void add_addresses(const dns_ctx *ctx, const dns_query *lookup, const void *block, Delegation *delegation) {
+  const auto add = [=](const auto *addresses, int count, int32_t ttl) {
+    delegation->ttl = std::min(delegation->ttl, ttl);
+    for (const auto &address : std::span(addresses, static_cast<size_t>(count)))
+      delegation->add_address(ctx, dns_qdn(lookup), dns_qtyp(lookup),
+                              {reinterpret_cast<const uint8_t *>(&address), sizeof address});
+  };
+  if (dns_qtyp(lookup) == DNS_T_AAAA) {
+    const auto *ip6 = static_cast<const dns_rr_a6 *>(block);
+    add(ip6->dnsa6_addr, ip6->dnsa6_nrr, ip6->dnsa6_ttl);
+  } else {
+    const auto *ip4 = static_cast<const dns_rr_a4 *>(block);
+    add(ip4->dnsa4_addr, ip4->dnsa4_nrr, ip4->dnsa4_ttl);
+  }
+}
+
 // looked_up is the callback of a lookup: `data` is the query that waits for it.
 void looked_up(dns_ctx *ctx, dns_query *lookup, void *result, unsigned, void *data) {
   auto *q = static_cast<dns_query *>(data);
-  q->resolution->lookup = nullptr;
-  const auto *block = static_cast<const dns_rr_a4 *>(result);
+  Resolution *resolution = q->resolution;
+  resolution->lookup = nullptr;
+  const dns_status status = dns_get_status(ctx);
   Delegation delegation;
-  memcpy(delegation.zone, q->resolution->coming, sizeof delegation.zone);
-  if (dns_get_status(ctx) == DNS_E_NOERROR && block != nullptr) {
-    delegation.ttl = std::min(q->resolution->coming_ttl, block->dnsa4_ttl);
-    delegation.add_target(dns_qdn(lookup));
-    for (int i = 0; i < block->dnsa4_nrr; ++i)
-      delegation.add_address(ctx, dns_qdn(lookup), reinterpret_cast<const uint8_t *>(&block->dnsa4_addr[i]));
-  }
+  memcpy(delegation.zone, resolution->coming, sizeof delegation.zone);
+  delegation.ttl = resolution->coming_ttl;
+  delegation.add_target(dns_qdn(lookup));
+  if (status == DNS_E_NOERROR && result != nullptr) add_addresses(ctx, lookup, result, &delegation);
+  // A name that exists may have addresses of the other family.
+  resolution->same_target = delegation.naddresses == 0 && (status == DNS_E_NOERROR || status == DNS_E_NODATA);
   if (delegation.naddresses > 0) keep_delegation(ctx, delegation);
   if (delegation.naddresses == 0 || !install(q, delegation)) lookup_next(q);
 }
 
-// lookup_next looks up the address of the next server of the delegation, or ends the query.
+// next_family returns the family in which a target is to be looked up. IPv4 comes first, unless the host has no route
+// to it.
+Family next_family(const dns_ctx *ctx, const Target &target) {
+  if (!target.ipv4 || !target.ipv6) return target.ipv4 ? Family::ipv4 : Family::ipv6;
+  return is_family_cut_off(ctx, Family::ipv4) ? Family::ipv6 : Family::ipv4;
+}
+
+// next_target chooses the target that is looked up next, among at least one: the last one in its other family where
+// that is promising, else the next that has not been looked up at all, else what is left.
+Target *next_target(Resolution *resolution) {
+  Target *last = &resolution->targets[resolution->ntargets - 1];
+  if (std::exchange(resolution->same_target, false)) return last;
+  const auto targets = std::span(resolution->targets).first(resolution->ntargets);
+  const auto fresh = std::ranges::find_if(targets.rbegin(), targets.rend(),
+                                          [](const Target &target) { return target.ipv4 && target.ipv6; });
+  if (fresh == targets.rend()) return last;
+  std::swap(*fresh, *last);
+  return last;
+}
+
+// lookup_next looks up addresses of the next server of the delegation, or ends the query.
 void lookup_next(dns_query *q) {
   dns_ctx *ctx = q->ctx;
   Resolution *resolution = q->resolution;
@@ -96,8 +132,12 @@ void lookup_next(dns_query *q) {
   move(q, State::resolving, &ctx->resolving);
   while (resolution->ntargets > 0 && resolution->depth < kDepthMax && top(resolution)->lookups < kLookupsMax) {
     ++top(resolution)->lookups;
-    const uint8_t *target = resolution->targets[--resolution->ntargets];
-    dns_query *lookup = dns_submit_dn_serv(ctx, target, DNS_C_IN, DNS_T_A, 0, nullptr, 0, dns_parse_a4, looked_up, q);
+    Target *target = next_target(resolution);
+    const bool six = next_family(ctx, *target) == Family::ipv6;
+    (six ? target->ipv6 : target->ipv4) = false;
+    if (!target->ipv4 && !target->ipv6) --resolution->ntargets;
+    dns_query *lookup = dns_submit_dn_serv(ctx, target->dn, DNS_C_IN, six ? DNS_T_AAAA : DNS_T_A, 0, nullptr, 0,
+                                           six ? dns_parse_a6 : dns_parse_a4, looked_up, q);
     if (lookup == nullptr) continue;
     Resolution *own = dns::resolution(lookup);
     if (own == nullptr) {
@@ -119,10 +159,13 @@ void adopt(dns_query *q, const Delegation &delegation) {
   memcpy(resolution->coming, delegation.zone, sizeof resolution->coming);
   resolution->coming_ttl = delegation.ttl;
   resolution->ntargets = 0;
+  resolution->same_target = false;
   // An in-bailiwick server without glue cannot be found, as only the zone itself could tell its address.
   for (unsigned i = 0; i < delegation.ntargets && resolution->ntargets < kTargetsMax; ++i)
-    if (!delegation.has_address(i) && !covers(delegation.zone, delegation.targets[i]))
-      memcpy(resolution->targets[resolution->ntargets++], delegation.targets[i], DNS_MAXDN);
+    if (!delegation.has_address(i) && !covers(delegation.zone, delegation.targets[i])) {
+      Target *target = new (&resolution->targets[resolution->ntargets++]) Target;
+      memcpy(target->dn, delegation.targets[i], sizeof target->dn);
+    }
   if (delegation.naddresses == 0 || !install(q, delegation)) lookup_next(q);
 }
 

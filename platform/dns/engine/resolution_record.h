@@ -16,15 +16,23 @@ namespace dns {
 
 struct Server;
 
+// Target is a server whose addresses are to be looked up: those of IPv4, of IPv6, or both.
+struct Target {
+  uint8_t dn[DNS_MAXDN];
+  bool ipv4 = true;
+  bool ipv6 = true;
+};
+
 struct Resolution {
   uint8_t ask[DNS_MAXDN];
   uint8_t zone[DNS_MAXDN];    // the zone that `servers` answer for
   uint8_t coming[DNS_MAXDN];  // the zone of the last delegation
   int32_t coming_ttl = 0;
-  uint8_t targets[kTargetsMax][DNS_MAXDN];  // that zone's servers without glue, not looked up yet
+  Target targets[kTargetsMax];  // that zone's servers without glue, with addresses not looked up yet
   unsigned ntargets = 0;
-  unsigned nserv = 0;  // 0: the context's servers, or the query's own
-  Server *servers[kDelegatedMax];
+  bool same_target = false;  // the last of them has no address in the family that was looked up
+  unsigned nserv = 0;        // 0: the context's servers, or the query's own
+  Server *servers[kGlueMax];
   bool remembered = false;      // the servers are those of a cached delegation
   bool names_others = false;    // that delegation has servers without glue too
   dns_cdata *passed = nullptr;  // the CNAMEs that were followed, under the query's own key

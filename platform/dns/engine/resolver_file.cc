@@ -1,7 +1,6 @@
 // resolver_file.cc - servers and options from the system's resolver configuration file (resolv.conf's format).
 #include "resolver_file.h"
 
-#include <arpa/inet.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -9,8 +8,8 @@
 #include <algorithm>
 #include <memory>
 
-#include <dns_wire.h>
 #include <pelk_file.h>
+#include <socket_address.h>
 
 #include "bounds.h"
 
@@ -45,7 +44,7 @@ struct FileCloser {
 
 }  // namespace
 
-unsigned read_resolver_file(const char *path, Options *options, sockaddr_in *servers, unsigned capacity) {
+unsigned read_resolver_file(const char *path, Options *options, Address *servers, unsigned capacity) {
   const std::unique_ptr<FILE, FileCloser> file(pelk_fopen(path, pelk_file_mode::read));
   if (file == nullptr) return 0;
   unsigned count = 0;
@@ -60,13 +59,8 @@ unsigned read_resolver_file(const char *path, Options *options, sockaddr_in *ser
     if (keyword == nullptr) continue;
     const char *word = strtok_r(nullptr, kBlanks, &state);
     if (strcmp(keyword, "nameserver") == 0 && word != nullptr && count < capacity) {
-      sockaddr_in server{};
-      server.sin_family = AF_INET;
-      server.sin_port = htons(static_cast<uint16_t>(options->port));
-      if (dns_pton(AF_INET, word, &server.sin_addr) <= 0) continue;
-      // The address 0.0.0.0 means this host, which answers from the address below.
-      if (server.sin_addr.s_addr == htonl(INADDR_ANY)) server.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-      servers[count++] = server;
+      const Address server = as_server(read_address(word, 0), static_cast<uint16_t>(options->port));
+      if (server.family != Family::none) servers[count++] = server;
     } else if (strcmp(keyword, "options") == 0) {
       for (; word != nullptr; word = strtok_r(nullptr, kBlanks, &state))
         take_option(word, options);

@@ -2,7 +2,7 @@
 #ifndef DNS_ENGINE_RESOLVER_FILE_H
 #define DNS_ENGINE_RESOLVER_FILE_H
 
-#include <netinet/in.h>
+#include <address.h>
 
 #include "options.h"
 
@@ -10,7 +10,7 @@ namespace dns {
 
 // read_resolver_file takes servers and options from the file. A file that cannot be read, and lines that make no sense,
 // change nothing. Returns how many of the `capacity` addresses it filled.
-unsigned read_resolver_file(const char *path, Options *options, sockaddr_in *servers, unsigned capacity);
+unsigned read_resolver_file(const char *path, Options *options, Address *servers, unsigned capacity);
 
 }  // namespace dns
 

@@ -50,25 +50,25 @@ bool rearm(dns_query *q) {
   return true;
 }
 
-uint32_t answering(const dns_query *q, const sockaddr_in &peer) {
+uint32_t answering(const dns_query *q, const Address &peer) {
   const auto servers = servers_of(q);
   uint32_t set = 0;
   for (unsigned i = 0; i < servers.size(); ++i)
-    if (same_address(servers[i]->address, peer)) set |= bit(i);
+    if (servers[i]->address == peer) set |= bit(i);
   return set != 0 ? set : bit(q->attempt.server);
 }
 
 void measure(dns_query *q, const Arrival &arrival) {
   dns_ctx *ctx = q->ctx;
-  const sockaddr_in &peer = *arrival.peer;
+  const Address &peer = *arrival.peer;
   const auto servers = servers_of(q);
   Server *present = present_server(q);
-  const auto found = std::ranges::find_if(servers, [&peer](const Server *s) { return same_address(s->address, peer); });
-  Server *server = same_address(present->address, peer) || found == servers.end() ? present : *found;
+  const auto found = std::ranges::find_if(servers, [&peer](const Server *s) { return s->address == peer; });
+  Server *server = present->address == peer || found == servers.end() ? present : *found;
   server->used.fetch_add(1, std::memory_order_relaxed);
   server->heard(ctx->now_us);
   // Over TCP the time includes opening the connection, or waiting for other queries.
-  if (!arrival.by_udp() || !same_address(server->address, peer)) return;
+  if (!arrival.by_udp() || !(server->address == peer)) return;
   // A server that is in the list twice may answer the packet sent to either place.
   const bool once = (answering(q, peer) & q->attempt.asked & ~bit(q->attempt.server)) == 0;
   const bool sure = server == present && q->attempt.round == 0 && once;

@@ -24,7 +24,7 @@ void measure(dns_query *q, const Arrival &arrival);
 
 // answering returns the set of the query's servers that have an answer's address. It is empty for an address of
 // dns_add_expserv_s, whose answer counts as the present server's.
-[[nodiscard]] uint32_t answering(const dns_query *q, const sockaddr_in &peer);
+[[nodiscard]] uint32_t answering(const dns_query *q, const Address &peer);
 
 }  // namespace dns
 

@@ -7,12 +7,14 @@
 #include <algorithm>
 #include <iterator>
 #include <numeric>
+#include <utility>
 
 #include "attempt.h"
 #include "choice.h"
 #include "context.h"
 #include "places.h"
 #include "query_packet.h"
+#include "route.h"
 #include "rto.h"
 #include "tcp.h"
 #include "trace.h"
@@ -40,13 +42,10 @@ unsigned collect(dns_ctx *ctx, int slot, unsigned room, const Server *only) {
     base::prefetch_after<dns_query>(q);
     const bool is_new = q->attempt.slot == UdpPool::kNone;
     if (q->attempt.over_tcp || is_new != fresh || (!is_new && q->attempt.slot != slot)) break;
+    if (present_server(q)->marked_down()) turn_away(q);
     const Server *server = present_server(q);
-    if (is_new ? only_server(q) != only : !ctx->sockets.reaches(slot, server->address)) break;
+    if ((is_new && only_server(q) != only) || !ctx->sockets.reaches(slot, server->address)) break;
     if (is_new && q->attempt.former_slot == UdpPool::kNone && !new_id(q)) break;
-    if (server->marked_down()) {
-      turn_away(q);
-      server = present_server(q);
-    }
     Datagram &datagram = buffers->out[count];
     datagram.data = buffers->queries[count];
     datagram.size = static_cast<uint32_t>(build(q, buffers->queries[count]));
@@ -98,7 +97,9 @@ void sent_by_udp(dns_query *q, int slot) {
   wait_for_answer(q);
 }
 
-void not_sent(dns_query *q) {
+// not_sent ends an attempt that the system did not send, because of `error`, a negated errno.
+void not_sent(dns_query *q, int error) {
+  note_refusal(q->ctx, present_server(q), error);
   ++q->progress.attempts;
   not_reached(q);
 }
@@ -142,7 +143,7 @@ bool send_batch(dns_ctx *ctx, int slot, unsigned count) {
     sent_by_udp(buffers->leaving[i], slot);
   tell_sent(ctx, slot, std::max(result, 0));
   // The network refused the first of them (no route, say): that attempt has failed.
-  if (result <= 0) not_sent(buffers->leaving[0]);
+  if (result <= 0) not_sent(buffers->leaving[0], result);
   return true;
 }
 
@@ -151,17 +152,24 @@ unsigned room_at(const Server *server) {
   return kUnderWayMax - std::min(kUnderWayMax, server->under_way);
 }
 
-// choose_socket moves a query off a socket that cannot help it: one that is connected to another server than its next,
-// or on which two attempts got no answer. The server may only be slow, so the query still takes answers on the first
-// such socket.
+// choose_socket moves a query off a socket that cannot help it: one that does not reach its next server, or on which
+// two attempts got no answer. An earlier server may only be slow, so the query still takes answers on the first such
+// socket, and goes back to it with a server that it reaches.
 void choose_socket(dns_query *q) {
   constexpr unsigned kSilentAttempts = 2;
   const UdpPool &sockets = q->ctx->sockets;
+  const Address &server = present_server(q)->address;
   if (q->attempt.slot == UdpPool::kNone) return;
-  if (!sockets.reaches(q->attempt.slot, present_server(q)->address))
-    give_up_slot(q);
-  else if (q->progress.attempts % kSilentAttempts == 0 && sockets.silent(q->attempt.slot, q->attempt.first_sent_us))
+  if (!sockets.reaches(q->attempt.slot, server)) {
+    if (sockets.connected(q->attempt.slot))
+      give_up_slot(q);
+    else if (q->attempt.former_slot != UdpPool::kNone && sockets.reaches(q->attempt.former_slot, server))
+      std::swap(q->attempt.slot, q->attempt.former_slot);
+    else
+      change_socket(q);
+  } else if (q->progress.attempts % kSilentAttempts == 0 && sockets.silent(q->attempt.slot, q->attempt.first_sent_us)) {
     change_socket(q);
+  }
 }
 
 // send_next sends the query at the head of the list, together with those that can leave in the same batch.
@@ -183,7 +191,7 @@ void send_next(dns_ctx *ctx, base::Link *held) {
   const Server *only = only_server(q);
   const int slot = q->attempt.slot != UdpPool::kNone
                        ? q->attempt.slot
-                       : ctx->sockets.pick(ctx->now_us, only != nullptr ? &only->address : nullptr, &room);
+                       : ctx->sockets.pick(ctx->now_us, server->address, only != nullptr, &room);
   if (slot != UdpPool::kNone && ctx->sockets.blocked(slot)) {
     // An attempt that cannot leave ends after the longest timeout, so that every query ends.
     if (ctx->now_us - q->attempt.sent_us >= ctx->options.timeout_us) {
@@ -196,7 +204,7 @@ void send_next(dns_ctx *ctx, base::Link *held) {
   }
   const unsigned count = slot == UdpPool::kNone ? 0 : collect(ctx, slot, room, only);
   if (count == 0) {
-    not_sent(q);
+    not_sent(q, ctx->sockets.refusal());
   } else if (!send_batch(ctx, slot, count)) {
     ctx->sockets.set_blocked(slot, true);
   }

@@ -40,6 +40,7 @@ int64_t Server::rto_us(unsigned round, int64_t longest_us) const {
 void Server::heard(int64_t now_us) {
   heard_us = now_us;
   silent = 0;
+  cut_off_until_us = 0;
   loss -= loss / kLossWeight;
 }
 

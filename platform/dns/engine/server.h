@@ -4,11 +4,11 @@
 #ifndef DNS_ENGINE_SERVER_H
 #define DNS_ENGINE_SERVER_H
 
-#include <netinet/in.h>
 #include <stdint.h>
 
 #include <atomic>
 
+#include <address.h>
 #include <kavo/dns_types.h>
 #include <list.h>
 
@@ -25,7 +25,7 @@ inline constexpr unsigned kLettersKnown = 32;
 
 // Server is one address that queries go to. As a Link it is in the list of unused records.
 struct Server : base::Link {
-  sockaddr_in address = {};
+  Address address;
   unsigned holders = 0;
   Server *bucket_next = nullptr;
   uint32_t hash = 0;  // of its address
@@ -61,6 +61,7 @@ struct Server : base::Link {
   int64_t cost_us = 0;        // its cost then
   int64_t zone_cost_us = 0;   // what the cost zone says, until `zone_until_us`
   int64_t zone_until_us = 0;
+  int64_t cut_off_until_us = 0;  // until when it counts as one to which the host has no route
 
   std::atomic<int> average_ms = 0;
   std::atomic<int> last_ms = 0;
@@ -87,10 +88,6 @@ struct Server : base::Link {
   void forget_losses(int64_t now_us);
   void forget_cost() { zone_cost_us = zone_until_us = rated_us = 0; }
 };
-
-inline bool same_address(const sockaddr_in &a, const sockaddr_in &b) {
-  return a.sin_addr.s_addr == b.sin_addr.s_addr && a.sin_port == b.sin_port;
-}
 
 }  // namespace dns
 

@@ -3,7 +3,10 @@
 
 #include <string.h>
 
-#include <dns_wire.h>
+#include <algorithm>
+#include <ranges>
+
+#include <socket_address.h>
 
 #include "context.h"
 #include "cost_zone.h"
@@ -17,7 +20,7 @@ void drop_servers(dns_ctx *ctx) {
   ctx->portless = 0;
 }
 
-int add_server(dns_ctx *ctx, const sockaddr_in &address, bool portless) {
+int add_server(dns_ctx *ctx, const Address &address, bool portless) {
   if (ctx->nserv == kServersMax) return DNS_E_NOBUFS;
   Server *server = ctx->server_table.hold(address);
   if (server == nullptr) return DNS_E_NOMEM;
@@ -32,8 +35,8 @@ dns_status move_portless(dns_ctx *ctx, uint32_t port) {
   drop_ratings(ctx);
   for (unsigned i = 0; i < ctx->nserv; ++i) {
     if ((ctx->portless & 1U << i) == 0) continue;
-    sockaddr_in address = ctx->servers[i]->address;
-    address.sin_port = htons(static_cast<uint16_t>(port));
+    Address address = ctx->servers[i]->address;
+    address.port = static_cast<uint16_t>(port);
     Server *server = ctx->server_table.hold(address);
     if (server == nullptr) return DNS_E_NOMEM;
     ctx->server_table.release(ctx->servers[i]);
@@ -42,53 +45,74 @@ dns_status move_portless(dns_ctx *ctx, uint32_t port) {
   return DNS_E_NOERROR;
 }
 
-bool read_server(const sockaddr *address, uint32_t port, sockaddr_in *server) {
-  memcpy(server, address, sizeof *server);
-  if (server->sin_family != AF_INET) return false;
-  // The address that means "this host" answers from loopback.
-  if (server->sin_addr.s_addr == htonl(INADDR_ANY)) server->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (server->sin_port == 0) server->sin_port = htons(static_cast<uint16_t>(port));
-  memset(server->sin_zero, 0, sizeof server->sin_zero);
-  return true;
-}
-
 }  // namespace dns
 
 using namespace dns;
 
-extern "C" {
+namespace {
 
-int dns_add_serv_s(dns_ctx *ctx, const sockaddr *address) {
-  if (ctx == nullptr) return DNS_E_INVAL;
+// append adds a server to the context's list, or empties that where there is none.
+int append(dns_ctx *ctx, const Address *address) {
   if (ctx->open_queries() > 0) return DNS_E_BUSY;  // they remember servers by their place in the list
   drop_ratings(ctx);
   if (address == nullptr) {
     drop_servers(ctx);
     return 0;
   }
-  sockaddr_in server;
-  memcpy(&server, address, sizeof server);
-  const bool portless = server.sin_port == 0;
-  if (!read_server(address, ctx->options.port, &server)) return DNS_E_INVAL;
-  return add_server(ctx, server, portless);
+  const Address server = as_server(*address, static_cast<uint16_t>(ctx->options.port));
+  return server.family != Family::none ? add_server(ctx, server, address->port == 0) : int{DNS_E_INVAL};
+}
+
+}  // namespace
+
+extern "C" {
+
+int dns_add_serv_s(dns_ctx *ctx, const sockaddr *address) {
+  if (ctx == nullptr) return DNS_E_INVAL;
+  if (address == nullptr) return append(ctx, nullptr);
+  const Address server = from_host(address);
+  return append(ctx, &server);
 }
 
 int dns_add_serv(dns_ctx *ctx, const char *address) {
-  if (address == nullptr) return dns_add_serv_s(ctx, nullptr);
-  sockaddr_in server{};
-  server.sin_family = AF_INET;
-  if (dns_pton(AF_INET, address, &server.sin_addr) <= 0) return DNS_E_INVAL;
-  return dns_add_serv_s(ctx, reinterpret_cast<const sockaddr *>(&server));
+  if (ctx == nullptr) return DNS_E_INVAL;
+  if (address == nullptr) return append(ctx, nullptr);
+  const Address server = read_address(address, 0);
+  return append(ctx, &server);
+}
+
+int dns_add_serv_p(dns_ctx *ctx, const char *address, unsigned port) {
+  if (ctx == nullptr || address == nullptr || port > UINT16_MAX) return DNS_E_INVAL;
+  const Address server = read_address(address, static_cast<uint16_t>(port));
+  return append(ctx, &server);
 }
 
 int dns_get_serv(const dns_ctx *ctx, sockaddr *addresses, unsigned *size) {
   if (ctx == nullptr || size == nullptr) return DNS_E_INVAL;
-  const unsigned needed = ctx->nserv * static_cast<unsigned>(sizeof(sockaddr_in));
+  const std::span servers(ctx->servers, ctx->nserv);
+  const auto is_ipv4 = [](const Server *server) { return server->address.family == Family::ipv4; };
+  const auto count = static_cast<unsigned>(std::ranges::count_if(servers, is_ipv4));
+  const unsigned needed = count * static_cast<unsigned>(sizeof(sockaddr));
   const bool fits = *size >= needed && (addresses != nullptr || needed == 0);
   *size = needed;
   if (!fits) return DNS_E_NOBUFS;
-  for (unsigned i = 0; i < ctx->nserv; ++i)
-    memcpy(addresses + i, &ctx->servers[i]->address, sizeof(sockaddr_in));
+  for (const Server *server : servers | std::views::filter(is_ipv4)) {
+    const SocketAddress address(server->address);
+    memcpy(addresses++, address.generic(), address.size());
+  }
+  return static_cast<int>(count);
+}
+
+int dns_get_serv_ss(const dns_ctx *ctx, sockaddr_storage *addresses, unsigned *count) {
+  if (ctx == nullptr || count == nullptr) return DNS_E_INVAL;
+  const bool fits = *count >= ctx->nserv && (addresses != nullptr || ctx->nserv == 0);
+  *count = ctx->nserv;
+  if (!fits) return DNS_E_NOBUFS;
+  for (const Server *server : std::span(ctx->servers, ctx->nserv)) {
+    const SocketAddress address(server->address);
+    *addresses = {};
+    memcpy(addresses++, address.generic(), address.size());
+  }
   return static_cast<int>(ctx->nserv);
 }
 
@@ -98,11 +122,10 @@ int dns_add_expserv_s(dns_ctx *ctx, const sockaddr *address) {
     ctx->nexpected = 0;
     return 0;
   }
-  sockaddr_in server;
-  memcpy(&server, address, sizeof server);
-  if (server.sin_family != AF_INET) return DNS_E_INVAL;
+  const Address server = from_host(address);
+  if (server.family == Family::none) return DNS_E_INVAL;
   if (ctx->nexpected == kExpectedServersMax) return DNS_E_NOBUFS;
-  ctx->expected[ctx->nexpected++] = server;
+  ctx->expected[ctx->nexpected++] = is_mapped(server) ? unmapped(server) : server;
   return static_cast<int>(ctx->nexpected);
 }
 

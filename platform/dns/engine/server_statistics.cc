@@ -1,6 +1,7 @@
 // server_statistics.cc - what any thread may read of a server (dns_get_serv_avgrtt and its relatives).
+#include <socket_address.h>
+
 #include "context.h"
-#include "server_list.h"
 
 using namespace dns;
 
@@ -9,8 +10,7 @@ namespace {
 template <typename Use>
 dns_status statistic(dns_ctx *ctx, const sockaddr *server, const void *value, Use use) {
   if (ctx == nullptr || server == nullptr || value == nullptr) return DNS_E_INVAL;
-  sockaddr_in address;
-  if (!read_server(server, ctx->options.port, &address)) return DNS_E_INVAL;
+  const Address address = as_server(from_host(server), static_cast<uint16_t>(ctx->options.port));
   bool asked = false;
   const bool found = ctx->server_table.read(address, [&](const Server &s) {
     asked = s.sent.load(std::memory_order_relaxed) > 0;

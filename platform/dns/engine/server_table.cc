@@ -2,17 +2,24 @@
 #include "server_table.h"
 
 #include <stdlib.h>
+#include <string.h>
 
 #include <new>
 
 namespace dns {
 namespace {
 
-uint32_t hash_of(const sockaddr_in &address) {
-  // Addresses come from the host's own configuration, so a plain multiplicative hash will do.
+uint32_t hash_of(const Address &address) {
+  // Zones choose the addresses of their servers, but the table holds too few records for long chains.
   constexpr uint64_t kGolden = 0x9E3779B97F4A7C15;
-  const uint64_t key = uint64_t{address.sin_addr.s_addr} << 16 | address.sin_port;
-  return static_cast<uint32_t>((key * kGolden) >> 32);
+  uint64_t words[sizeof address / sizeof(uint64_t)];
+  memcpy(words, &address, sizeof words);
+  uint64_t hash = 0;
+  for (const uint64_t word : words) {
+    hash = (hash ^ word) * kGolden;
+    hash ^= hash >> 32;
+  }
+  return static_cast<uint32_t>(hash);
 }
 
 }  // namespace
@@ -30,14 +37,14 @@ ServerTable::~ServerTable() {
   (void)pelk_mutex_destroy(&mutex_);
 }
 
-Server *ServerTable::find(const sockaddr_in &address) {
+Server *ServerTable::find(const Address &address) {
   Server *server = servers_.first(hash_of(address));
-  while (server != nullptr && !same_address(server->address, address))
+  while (server != nullptr && !(server->address == address))
     server = server->bucket_next;
   return server;
 }
 
-Server *ServerTable::hold(const sockaddr_in &address) {
+Server *ServerTable::hold(const Address &address) {
   pelk_lock lock(&mutex_);
   Server *server = find(address);
   if (server == nullptr) {

@@ -3,8 +3,7 @@
 #ifndef DNS_ENGINE_SERVER_TABLE_H
 #define DNS_ENGINE_SERVER_TABLE_H
 
-#include <netinet/in.h>
-
+#include <address.h>
 #include <chained_table.h>
 #include <list.h>
 #include <pelk_annotations.h>
@@ -23,7 +22,7 @@ class ServerTable {
   ServerTable &operator=(const ServerTable &) = delete;
 
   // hold returns the record of an address and counts a holder, or null without memory; release drops one.
-  [[nodiscard]] Server *hold(const sockaddr_in &address);
+  [[nodiscard]] Server *hold(const Address &address);
   void hold_again(Server *server) { ++server->holders; }
   void release(Server *server);
 
@@ -39,7 +38,7 @@ class ServerTable {
 
   // read calls `use` with the address's record while the table's lock is held; false when there is none. Any thread.
   template <typename Use>
-  bool read(const sockaddr_in &address, Use use) {
+  bool read(const Address &address, Use use) {
     pelk_lock lock(&mutex_);
     Server *server = find(address);
     if (server == nullptr) return false;
@@ -48,7 +47,7 @@ class ServerTable {
   }
 
  private:
-  [[nodiscard]] Server *find(const sockaddr_in &address) PELK_REQUIRES(mutex_);
+  [[nodiscard]] Server *find(const Address &address) PELK_REQUIRES(mutex_);
   void forget(Server *server) PELK_REQUIRES(mutex_);
 
   pelk_mutex_t mutex_;

@@ -4,12 +4,12 @@
 #include <new>
 
 #include <dns_wire.h>
+#include <socket_address.h>
 
 #include "answer_cache.h"
 #include "context.h"
 #include "delivery.h"
 #include "resolving.h"
-#include "server_list.h"
 
 namespace dns {
 namespace {
@@ -27,15 +27,15 @@ bool keep_name(dns_query *q, const uint8_t *dn, unsigned size) {
   return true;
 }
 
-dns_status keep_servers(dns_query *q, std::span<const sockaddr> servers) {
+dns_status keep_servers(dns_query *q, std::span<const Address> servers) {
   dns_ctx *ctx = q->ctx;
   void *block = ctx->own_servers.get();
   if (block == nullptr) return DNS_E_NOMEM;
   auto *own = new (block) OwnServers;
   q->question.own = own;
-  for (const sockaddr &server : servers) {
-    sockaddr_in address;
-    if (!read_server(&server, ctx->options.port, &address)) return DNS_E_INVAL;
+  for (const Address &server : servers) {
+    const Address address = as_server(server, static_cast<uint16_t>(ctx->options.port));
+    if (address.family == Family::none) return DNS_E_INVAL;
     own->servers[own->count] = ctx->server_table.hold(address);
     if (own->servers[own->count] == nullptr) return DNS_E_NOMEM;
     ++own->count;
@@ -51,7 +51,7 @@ using namespace dns;
 extern "C" {
 
 dns_query *dns_submit_dn_serv(dns_ctx *ctx, const unsigned char *dn, dns_class cls, dns_type typ, unsigned flags,
-                              const sockaddr *servers, unsigned nserv, dns_parse_fn *parse, dns_query_fn *callback,
+                              const Address *servers, unsigned nserv, dns_parse_fn *parse, dns_query_fn *callback,
                               void *data) {
   if (ctx == nullptr) return nullptr;
   const auto refuse = [ctx](dns_status status) -> dns_query * {

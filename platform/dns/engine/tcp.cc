@@ -19,6 +19,7 @@
 #include "places.h"
 #include "query_packet.h"
 #include "receive.h"
+#include "route.h"
 #include "rto.h"
 #include "trace.h"
 
@@ -121,7 +122,10 @@ Connection *connection_to(dns_ctx *ctx, const Server *server) {
 Connection *connect(dns_ctx *ctx, Server *server, int *error) {
   Connection *connection = spare(ctx);
   *error = connection == nullptr ? -EBUSY : connection->link.open(ctx->io, server->address);
-  if (*error != 0) return nullptr;
+  if (*error != 0) {
+    note_refusal(ctx, server, *error);
+    return nullptr;
+  }
   ctx->server_table.hold_again(server);
   connection->server = server;
   connection->heard_us = ctx->now_us;
@@ -156,7 +160,7 @@ Connection *connect(dns_ctx *ctx, Server *server, int *error) {
 // take_messages reads a connection until it is empty. Returns a negated errno once it is broken, or when no query is
 // under way on it: a server that sends unasked must not keep an idle context awake.
 [[nodiscard]] int take_messages(dns_ctx *ctx, Connection *connection) {
-  const sockaddr_in peer = connection->server->address;
+  const Address peer = connection->server->address;
   if (connection->count == 0) return -ECONNRESET;
   for (unsigned i = 0; i < kReadsMax; ++i) {
     const int got = connection->link.fill();

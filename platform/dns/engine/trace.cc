@@ -1,10 +1,11 @@
 // trace.cc - see trace.h.
 #include "trace.h"
 
-#include <netinet/in.h>
 #include <stdlib.h>
 
 #include <utility>
+
+#include <socket_address.h>
 
 #include "arrival.h"
 #include "context.h"
@@ -31,15 +32,16 @@ Hold::~Hold() {
 void tell_packet(dns_ctx *ctx, dns_query *q, int code, const Arrival &arrival, int rtt_ms) {
   if (!ctx->tells(DNS_DE_PKT)) return;
   const bool by_udp = arrival.by_udp();
-  sockaddr_in local{};  // the port is what tells queries apart; the address is the system's to choose
-  local.sin_family = AF_INET;
-  local.sin_port = htons(by_udp ? ctx->sockets.port(arrival.slot) : uint16_t{0});
-  dns_dpkt event = {arrival.packet.data(),
-                    static_cast<unsigned>(arrival.packet.size()),
-                    by_udp ? reinterpret_cast<const sockaddr *>(&local) : nullptr,
-                    reinterpret_cast<const sockaddr *>(arrival.peer),
-                    by_udp ? IPPROTO_UDP : IPPROTO_TCP,
-                    rtt_ms};
+  Address own;  // the port is what tells queries apart; the address is the system's to choose
+  if (by_udp) {
+    own.family = ctx->sockets.family(arrival.slot);
+    own.port = ctx->sockets.port(arrival.slot);
+  }
+  const SocketAddress local(own);
+  const SocketAddress remote(*arrival.peer);
+  dns_dpkt event = {
+      arrival.packet.data(), static_cast<unsigned>(arrival.packet.size()), by_udp ? local.generic() : nullptr,
+      remote.generic(),      by_udp ? IPPROTO_UDP : IPPROTO_TCP,           rtt_ms};
   ctx->dbg(ctx, q, code, &event, ctx->dbg_data);
 }
 

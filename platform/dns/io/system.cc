@@ -14,6 +14,7 @@
 
 #include <dns_io.h>
 #include <pelk_file.h>
+#include <socket_address.h>
 
 namespace dns {
 namespace {
@@ -36,24 +37,49 @@ bool system_random(void *, void *bytes, size_t size) {
   return true;
 }
 
-int system_udp_open(void *, uint16_t port, const sockaddr_in *peer) {
-  const int descriptor = pelk_lift(socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_UDP));
+constexpr int kOn = 1;
+
+int protocol_family(Family family) {
+  return family == Family::ipv6 ? PF_INET6 : PF_INET;
+}
+
+// bind_to gives a socket its port, on every local address of the family.
+int bind_to(int descriptor, Family family, uint16_t port) {
+  Address any;
+  any.family = family;
+  any.port = port;
+  // Without this an IPv6 socket would take the IPv4 port too.
+  if (family == Family::ipv6) (void)setsockopt(descriptor, IPPROTO_IPV6, IPV6_V6ONLY, &kOn, sizeof kOn);
+  const SocketAddress local(any);
+  return bind(descriptor, local.generic(), local.size()) == 0 ? 0 : -errno;
+}
+
+// connect_to connects a socket. A route that prohibits the peer is reported as an unreachable peer: of udp_open,
+// -EACCES says that the port is refused.
+int connect_to(int descriptor, const Address &peer) {
+  const SocketAddress remote(peer);
+  if (connect(descriptor, remote.generic(), remote.size()) == 0) return 0;
+  return errno == EACCES ? -EHOSTUNREACH : -errno;
+}
+
+int system_udp_open(void *, Family family, uint16_t port, const Address *peer) {
+  const int descriptor =
+      pelk_lift(socket(protocol_family(family), SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_UDP));
   if (descriptor < 0) return -errno;
-  sockaddr_in local{};
-  local.sin_family = AF_INET;
-  local.sin_port = htons(port);
-  local.sin_addr.s_addr = htonl(INADDR_ANY);
-  if (bind(descriptor, reinterpret_cast<const sockaddr *>(&local), sizeof local) != 0 ||
-      (peer != nullptr && connect(descriptor, reinterpret_cast<const sockaddr *>(peer), sizeof *peer) != 0)) {
-    const int error = errno;
+  int error = bind_to(descriptor, family, port);
+  if (error == 0 && peer != nullptr) error = connect_to(descriptor, *peer);
+  if (error != 0) {
     close(descriptor);
-    return -error;
+    return error;
   }
   // As much as an unprivileged process may have. The pool does not rely on getting it.
   constexpr int kReceiveBytes = 1 << 20;
   (void)setsockopt(descriptor, SOL_SOCKET, SO_RCVBUF, &kReceiveBytes, sizeof kReceiveBytes);
-  constexpr int kOn = 1;
-  (void)setsockopt(descriptor, IPPROTO_IP, IP_RECVERR, &kOn, sizeof kOn);
+  if (family == Family::ipv6) {
+    (void)setsockopt(descriptor, IPPROTO_IPV6, IPV6_RECVERR, &kOn, sizeof kOn);
+  } else {
+    (void)setsockopt(descriptor, IPPROTO_IP, IP_RECVERR, &kOn, sizeof kOn);
+  }
   return descriptor;
 }
 
@@ -95,8 +121,11 @@ class Outgoing {
       while (++end < total && in_runs && datagrams[end].size == datagrams[begin].size);
       messages_[count_] = {};
       msghdr &message = messages_[count_].msg_hdr;
-      message.msg_name = connected ? nullptr : const_cast<sockaddr_in *>(&datagrams[begin].peer);
-      message.msg_namelen = connected ? 0 : sizeof datagrams[begin].peer;
+      if (!connected) {
+        names_[count_] = SocketAddress(datagrams[begin].peer);
+        message.msg_name = names_[count_].generic();
+        message.msg_namelen = names_[count_].size();
+      }
       message.msg_iov = &vectors_[begin];
       message.msg_iovlen = end - begin;
       if (message.msg_iovlen > 1) cut(&message, static_cast<uint16_t>(datagrams[begin].size));
@@ -134,6 +163,7 @@ class Outgoing {
   unsigned count_ = 0;
   mmsghdr messages_[kBatch];
   iovec vectors_[kBatch];
+  SocketAddress names_[kBatch];
   Control controls_[kBatch];
 };
 
@@ -142,8 +172,7 @@ class Outgoing {
 // send no runs: when nothing listens at a server, ICMP returns only the beginning of a run, so the other queries in it
 // would not learn that they have to go elsewhere.
 int system_udp_send(void *, int descriptor, const Datagram *datagrams, unsigned count, bool connected) {
-  const bool stays = ntohl(datagrams->peer.sin_addr.s_addr) >> IN_CLASSA_NSHIFT == IN_LOOPBACKNET;
-  if (connected && count > 1 && stays && kernel_cuts()) {
+  if (connected && count > 1 && reach_of(datagrams->peer) == Reach::host && kernel_cuts()) {
     const int left = Outgoing(datagrams, count, connected, true).send(descriptor);
     // After any other error the packets are sent one by one, which report their own errors.
     if (left > 0 || left == -EAGAIN || left == -EWOULDBLOCK || left == -ENOBUFS || left == -EINTR) return left;
@@ -156,13 +185,14 @@ int system_udp_send(void *, int descriptor, const Datagram *datagrams, unsigned 
 struct Incoming {
   mmsghdr messages[kBatch];
   iovec vectors[kBatch];
+  SocketAddress names[kBatch];
 
   Incoming(Datagram *datagrams, unsigned count) {
     for (unsigned i = 0; i < count; ++i) {
       vectors[i] = {datagrams[i].data, datagrams[i].capacity};
       messages[i] = {};
-      messages[i].msg_hdr.msg_name = &datagrams[i].peer;
-      messages[i].msg_hdr.msg_namelen = sizeof datagrams[i].peer;
+      messages[i].msg_hdr.msg_name = names[i].generic();
+      messages[i].msg_hdr.msg_namelen = sizeof(sockaddr_in6);
       messages[i].msg_hdr.msg_iov = &vectors[i];
       messages[i].msg_hdr.msg_iovlen = 1;
     }
@@ -175,7 +205,7 @@ int system_udp_receive(void *, int descriptor, Datagram *datagrams, unsigned cou
   if (received < 0) return -errno;
   for (int i = 0; i < received; ++i) {
     datagrams[i].size = incoming.messages[i].msg_len;
-    if (incoming.messages[i].msg_hdr.msg_namelen != sizeof(sockaddr_in)) datagrams[i].peer = {};
+    datagrams[i].peer = from_socket(incoming.names[i].generic(), incoming.messages[i].msg_hdr.msg_namelen);
   }
   return received;
 }
@@ -183,10 +213,12 @@ int system_udp_receive(void *, int descriptor, Datagram *datagrams, unsigned cou
 // came_back_by_icmp tells whether a message of the error queue comes from an ICMP error by a router or by the peer.
 bool came_back_by_icmp(msghdr *message) {
   for (cmsghdr *part = CMSG_FIRSTHDR(message); part != nullptr; part = CMSG_NXTHDR(message, part)) {
-    if (part->cmsg_level != IPPROTO_IP || part->cmsg_type != IP_RECVERR) continue;
+    const bool ipv4 = part->cmsg_level == IPPROTO_IP && part->cmsg_type == IP_RECVERR;
+    const bool ipv6 = part->cmsg_level == IPPROTO_IPV6 && part->cmsg_type == IPV6_RECVERR;
+    if (!ipv4 && !ipv6) continue;
     sock_extended_err error;
     memcpy(&error, CMSG_DATA(part), sizeof error);
-    return error.ee_origin == SO_EE_ORIGIN_ICMP;
+    return error.ee_origin == (ipv4 ? SO_EE_ORIGIN_ICMP : SO_EE_ORIGIN_ICMP6);
   }
   return false;
 }
@@ -194,10 +226,11 @@ bool came_back_by_icmp(msghdr *message) {
 int system_udp_returned(void *, int descriptor, Datagram *datagram) {
   for (;;) {
     iovec vector = {datagram->data, datagram->capacity};
-    alignas(cmsghdr) uint8_t control[CMSG_SPACE(sizeof(sock_extended_err) + sizeof(sockaddr_in))];
+    alignas(cmsghdr) uint8_t control[CMSG_SPACE(sizeof(sock_extended_err) + sizeof(sockaddr_in6))];
+    SocketAddress destination;
     msghdr message{};
-    message.msg_name = &datagram->peer;
-    message.msg_namelen = sizeof datagram->peer;
+    message.msg_name = destination.generic();
+    message.msg_namelen = sizeof(sockaddr_in6);
     message.msg_iov = &vector;
     message.msg_iovlen = 1;
     message.msg_control = control;
@@ -206,20 +239,20 @@ int system_udp_returned(void *, int descriptor, Datagram *datagram) {
     if (got < 0 && errno == EINTR) continue;
     if (got < 0) return 0;
     datagram->size = static_cast<uint32_t>(got);
-    if (came_back_by_icmp(&message) && message.msg_namelen == sizeof datagram->peer) return 1;
+    datagram->peer = from_socket(destination.generic(), message.msg_namelen);
+    if (came_back_by_icmp(&message) && datagram->peer.family != Family::none) return 1;
   }
 }
 
-int system_tcp_open(void *, const sockaddr_in &peer) {
-  const int descriptor = pelk_lift(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
+int system_tcp_open(void *, const Address &peer) {
+  const int descriptor =
+      pelk_lift(socket(protocol_family(peer.family), SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
   if (descriptor < 0) return -errno;
-  constexpr int kOn = 1;
   (void)setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &kOn, sizeof kOn);
-  if (connect(descriptor, reinterpret_cast<const sockaddr *>(&peer), sizeof peer) == 0 || errno == EINPROGRESS)
-    return descriptor;
-  const int error = errno;
+  const int error = connect_to(descriptor, peer);
+  if (error == 0 || error == -EINPROGRESS) return descriptor;
   close(descriptor);
-  return -error;
+  return error;
 }
 
 int result_of(ssize_t moved) {

@@ -16,7 +16,7 @@ constexpr size_t kIncomingMax = kLengthSize + DNS_MAXPACKET;
 
 }  // namespace
 
-int TcpLink::open(const Io *io, const sockaddr_in &peer) {
+int TcpLink::open(const Io *io, const Address &peer) {
   out_ = static_cast<uint8_t *>(malloc(kUnsentMax + kIncomingMax));
   if (out_ == nullptr) return -ENOMEM;
   const int descriptor = io->tcp_open(io->self, peer);

@@ -11,7 +11,8 @@ constexpr int kBindAttempts = 64;  // random ports, before the pool gives up
 }  // namespace
 
 int UdpPool::open() {
-  return open_ > 0 ? 0 : (open_slot(0, nullptr) >= 0 ? 0 : -EADDRNOTAVAIL);
+  const auto opens = [this](Family family) { return open_slot(0, loopback(family, 0), false) != kNone; };
+  return open_ > 0 || opens(Family::ipv4) || opens(Family::ipv6) ? 0 : -EADDRNOTAVAIL;
 }
 
 void UdpPool::close() {
@@ -33,23 +34,24 @@ void UdpPool::retire(int64_t now_us) {
   }
 }
 
-int UdpPool::pick(int64_t now_us, const sockaddr_in *peer, unsigned *room) {
+int UdpPool::pick(int64_t now_us, const Address &server, bool alone, unsigned *room) {
   constexpr int64_t kLookUs = 1'000'000;
+  refusal_ = 0;
   if (now_us - retired_us_ >= kLookUs) retire(now_us);
   unsigned serving = 0;
   for (unsigned i = 0; i < extent_; ++i)
-    serving += serves(static_cast<int>(i), peer) ? 1 : 0;
+    serving += serves(static_cast<int>(i), server, alone) ? 1 : 0;
   // The pool grows to its least size before it uses any socket again, as fewer ports are easier to guess.
-  if (serving < kSocketsMin) (void)open_slot(now_us, peer);
+  if (serving < kSocketsMin) (void)open_slot(now_us, server, alone);
   uint16_t random = 0;
   if (!random_->u16(&random) || extent_ == 0) return kNone;
   for (unsigned i = 0; i < extent_; ++i) {
     const int slot = static_cast<int>((random + i) % extent_);
-    if (!serves(slot, peer) || !usable(slot)) continue;
+    if (!serves(slot, server, alone) || !usable(slot)) continue;
     *room = kInFlightPerSocket - slots_[slot].in_flight;
     return slot;
   }
-  const int fresh = open_slot(now_us, peer);
+  const int fresh = open_slot(now_us, server, alone);
   if (fresh != kNone) {
     *room = kInFlightPerSocket;
     return fresh;
@@ -58,22 +60,10 @@ int UdpPool::pick(int64_t now_us, const sockaddr_in *peer, unsigned *room) {
   int least = kNone;
   for (unsigned i = 0; i < extent_; ++i) {
     const int slot = static_cast<int>((random + i) % extent_);
-    if (serves(slot, peer) && (least == kNone || busier(least, slot))) least = slot;
+    if (serves(slot, server, alone) && (least == kNone || busier(least, slot))) least = slot;
   }
   *room = kBatch;
   return least;
-}
-
-// serves tells whether a slot is open and connected to `peer`, or unconnected when that is null.
-bool UdpPool::serves(int slot, const sockaddr_in *peer) const {
-  if (!is_open(slot)) return false;
-  return peer == nullptr ? !connected(slot) : connected(slot) && reaches(slot, *peer);
-}
-
-bool UdpPool::reaches(int slot, const sockaddr_in &server) const {
-  const sockaddr_in &peer = slots_[slot].peer;
-  if (!connected(slot)) return true;
-  return peer.sin_addr.s_addr == server.sin_addr.s_addr && peer.sin_port == server.sin_port;
 }
 
 bool UdpPool::usable(int slot) const {
@@ -104,36 +94,38 @@ int UdpPool::slot_of(int descriptor) const {
   return kNone;
 }
 
-// free_slot returns a slot for a new socket to `peer`: an empty one, or else that of an idle socket for another peer.
-int UdpPool::free_slot(const sockaddr_in *peer) {
+// free_slot returns a slot for a new socket: an empty one, or else that of an idle socket that serves other queries.
+int UdpPool::free_slot(const Address &server, bool alone) {
   for (unsigned slot = 0; slot < extent_; ++slot)
     if (slots_[slot].descriptor < 0) return static_cast<int>(slot);
   if (extent_ < kSocketsMax) return static_cast<int>(extent_++);
   for (unsigned i = 0; i < extent_; ++i) {
     const int slot = static_cast<int>(i);
-    if (slots_[slot].in_flight > 0 || serves(slot, peer)) continue;
+    if (slots_[slot].in_flight > 0 || serves(slot, server, alone)) continue;
     close_slot(slot);
     return slot;
   }
   return kNone;
 }
 
-int UdpPool::open_slot(int64_t now_us, const sockaddr_in *peer) {
-  const int slot = free_slot(peer);
+int UdpPool::open_slot(int64_t now_us, const Address &server, bool alone) {
+  const int slot = free_slot(server, alone);
   if (slot == kNone) return kNone;
   for (int i = 0; i < kBindAttempts; ++i) {
     uint16_t port = 0;
     if (!random_->u16(&port)) return kNone;
     // Ports below kPortMin are drawn again rather than mapped upwards, so that every port stays equally likely.
     if (port < kPortMin) continue;
-    const int descriptor = io_->udp_open(io_->self, port, peer);
+    const int descriptor = io_->udp_open(io_->self, server.family, port, alone ? &server : nullptr);
+    if (descriptor < 0) refusal_ = descriptor;
     if (descriptor == -EADDRINUSE || descriptor == -EACCES) continue;
     if (descriptor < 0) return kNone;
     slots_[slot] = {};
     slots_[slot].descriptor = descriptor;
     slots_[slot].born_us = now_us;
     slots_[slot].port = port;
-    if (peer != nullptr) slots_[slot].peer = *peer;
+    slots_[slot].family = server.family;
+    if (alone) slots_[slot].peer = server;
     ++open_;
     return slot;
   }

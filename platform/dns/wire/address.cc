@@ -1,84 +1,85 @@
-// address.cc - addresses as labels of the names that lists are queried for (RFC 5782), and as texts. Stateless; any
-// thread.
-#include <arpa/inet.h>
-#include <string.h>
+// address.cc - see address.h.
+#include <address.h>
 
 #include <algorithm>
-#include <array>
+#include <iterator>
 
-#include <dns_wire.h>
-
+namespace dns {
 namespace {
 
-constexpr unsigned kNibbleBits = 4;
-constexpr unsigned kNibbleMask = 0x0F;
-constexpr unsigned kNibbleLabelBytes = 2;  // a length byte and one hexadecimal digit
+constexpr uint8_t kMapped[] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
 
-// OctetLabel is an octet's label: a length byte, and its decimal digits without leading zeros.
-using OctetLabel = std::array<uint8_t, 4>;
-constexpr std::array<OctetLabel, UINT8_MAX + 1> kOctetLabels = [] {
-  std::array<OctetLabel, UINT8_MAX + 1> labels{};
-  for (unsigned octet = 0; octet < labels.size(); ++octet) {
-    constexpr unsigned kTen = 10;
-    constexpr unsigned kHundred = 100;
-    const unsigned digits = octet >= kHundred ? 3 : octet >= kTen ? 2 : 1;
-    labels[octet][0] = static_cast<uint8_t>(digits);
-    for (unsigned i = digits, rest = octet; i > 0; --i, rest /= kTen)
-      labels[octet][i] = static_cast<uint8_t>('0' + rest % kTen);
-  }
-  return labels;
-}();
-
-// put_octet writes an octet's label. Returns the position after it, or null when it does not fit before `end`.
-unsigned char *put_octet(uint8_t octet, unsigned char *at, const unsigned char *end) {
-  const OctetLabel &label = kOctetLabels[octet];
-  const size_t size = size_t{1} + label[0];
-  const auto room = static_cast<size_t>(end - at);
-  if (room < size) return nullptr;
-  if (room >= label.size()) {
-    memcpy(at, label.data(), label.size());
-  } else {
-    std::copy_n(label.begin(), size, at);
-  }
-  return at + size;
+bool begins_with(const Address &address, std::span<const uint8_t> octets) {
+  return std::equal(octets.begin(), octets.end(), address.octets);
 }
 
-unsigned char *put_nibble(unsigned nibble, unsigned char *at) {
-  constexpr char kHex[] = "0123456789abcdef";
-  *at++ = 1;
-  *at++ = static_cast<unsigned char>(kHex[nibble]);
-  return at;
+Reach reach_of_ipv4(const Address &address) {
+  constexpr uint8_t kLinkLocal[] = {169, 254};
+  constexpr uint8_t kMulticast = 224;  // and above it what is reserved
+  const uint8_t first = address.octets[0];
+  if (first == 127) return Reach::host;
+  if (begins_with(address, kLinkLocal)) return Reach::link;
+  return first == 0 || first >= kMulticast ? Reach::nowhere : Reach::network;
+}
+
+Reach reach_of_ipv6(const Address &address) {
+  constexpr uint8_t kLowZeros[kIpv6Size - sizeof(uint32_t)] = {};
+  constexpr uint8_t kMulticast = 0xFF;
+  const uint8_t *octets = address.octets;
+  if (octets[0] == 0xFE && (octets[1] & 0xC0) == 0x80) return Reach::link;  // fe80::/10
+  if (octets[0] == kMulticast || is_mapped(address)) return Reach::nowhere;
+  if (!begins_with(address, kLowZeros)) return Reach::network;
+  // ::/96, in which only ::1 is an address that packets may have.
+  return address == loopback(Family::ipv6, address.port) ? Reach::host : Reach::nowhere;
 }
 
 }  // namespace
 
-unsigned char *dns_a4todn_(const struct in_addr *address, unsigned char *dn, const unsigned char *end) {
-  if (address == nullptr || dn == nullptr || end == nullptr) return nullptr;
-  unsigned char octets[sizeof address->s_addr];
-  memcpy(octets, &address->s_addr, sizeof octets);
-  for (size_t i = sizeof octets; i > 0 && dn != nullptr; --i)
-    dn = put_octet(octets[i - 1], dn, end);
-  return dn;
+Address ipv4(std::span<const uint8_t, kIpv4Size> octets, uint16_t port) {
+  Address address;
+  std::copy(octets.begin(), octets.end(), address.octets);
+  address.port = port;
+  address.family = Family::ipv4;
+  return address;
 }
 
-unsigned char *dns_a6todn_(const struct in6_addr *address, unsigned char *dn, const unsigned char *end) {
-  if (address == nullptr || dn == nullptr || end == nullptr) return nullptr;
-  const auto &octets = address->s6_addr;
-  constexpr size_t kOctets = sizeof(struct in6_addr);
-  if (end - dn < static_cast<ptrdiff_t>(kOctets * 2 * kNibbleLabelBytes)) return nullptr;
-  for (size_t i = kOctets; i > 0; --i) {
-    dn = put_nibble(octets[i - 1] & kNibbleMask, dn);
-    dn = put_nibble(octets[i - 1] >> kNibbleBits, dn);
+Address ipv6(std::span<const uint8_t, kIpv6Size> octets, uint16_t port, uint32_t scope) {
+  Address address;
+  std::copy(octets.begin(), octets.end(), address.octets);
+  address.scope = scope;
+  address.port = port;
+  address.family = Family::ipv6;
+  return address;
+}
+
+Address loopback(Family family, uint16_t port) {
+  constexpr uint8_t kIpv4[kIpv4Size] = {127, 0, 0, 1};
+  constexpr uint8_t kIpv6[kIpv6Size] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+  return family == Family::ipv6 ? ipv6(kIpv6, port) : ipv4(kIpv4, port);
+}
+
+bool is_mapped(const Address &address) {
+  return address.family == Family::ipv6 && begins_with(address, kMapped);
+}
+
+Address unmapped(const Address &address) {
+  return ipv4(std::span<const uint8_t, kIpv4Size>(address.octets + std::size(kMapped), kIpv4Size), address.port);
+}
+
+bool is_unspecified(const Address &address) {
+  return std::ranges::all_of(address.octets, [](uint8_t octet) { return octet == 0; });
+}
+
+Reach reach_of(const Address &address) {
+  switch (address.family) {
+    case Family::ipv4:
+      return reach_of_ipv4(address);
+    case Family::ipv6:
+      return reach_of_ipv6(address);
+    case Family::none:
+      break;
   }
-  return dn;
+  return Reach::nowhere;
 }
 
-int dns_pton(int family, const char *text, void *address) {
-  if (text == nullptr || address == nullptr) return -1;
-  return inet_pton(family, text, address);
-}
-
-const char *dns_ntop(int family, const void *address, char *text, unsigned size) {
-  if (address == nullptr || text == nullptr) return nullptr;
-  return inet_ntop(family, address, text, size);
-}
+}  // namespace dns

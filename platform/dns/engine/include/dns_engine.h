@@ -12,6 +12,7 @@
 
 #include <stdint.h>
 
+#include <address.h>
 #include <cacher.h>
 #include <kavo/dns.h>
 
@@ -63,22 +64,27 @@ void dns_set_dcfn(struct dns_ctx *ctx, dns_dc_fn *fn);
 
 // ---- servers -------------------------------------------------------------------------------------------------------
 
-// dns_get_serv copies the servers' socket addresses (16 bytes each); `size` is the buffer's bytes in and the bytes
-// used, or needed, out. The number of servers, or DNS_E_NOBUFS.
-int dns_get_serv(const struct dns_ctx *ctx, struct sockaddr *addresses, unsigned *size);
+// dns_add_serv_p is dns_add_serv with a port; 0 is that of DNS_OPT_PORT.
+int dns_add_serv_p(struct dns_ctx *ctx, const char *address, unsigned port);
 
-// dns_add_expserv_s also takes answers from `address` (port 0: any) for queries sent to other servers; null empties the
-// list. The new number of such addresses, or a negative status.
+// dns_get_serv copies the socket addresses of the IPv4 servers (16 bytes each); `size` is the buffer's bytes in and the
+// bytes used, or needed, out. The number of such servers, or DNS_E_NOBUFS. dns_get_serv_ss copies those of all servers;
+// `count` is the buffer's entries in and the number of servers out.
+int dns_get_serv(const struct dns_ctx *ctx, struct sockaddr *addresses, unsigned *size);
+int dns_get_serv_ss(const struct dns_ctx *ctx, struct sockaddr_storage *addresses, unsigned *count);
+
+// dns_add_expserv_s also takes answers from `address`, of either family (port 0: any), for queries sent to other
+// servers; null empties the list. The new number of such addresses, or a negative status.
 int dns_add_expserv_s(struct dns_ctx *ctx, const struct sockaddr *address);
 
 // dns_set_cost_zone names the zone whose A records give servers their costs (null: none) where the best is chosen, with
-// DNS_OPT_BSC_SIZE above 0: for 192.0.2.1 that of 1.2.0.192.ZONE, where 127.0.h.l adds h * 256 + l milliseconds. 0, or
-// DNS_E_BADQUERY for a text that is no name.
+// DNS_OPT_BSC_SIZE above 0: for 192.0.2.1 that of 1.2.0.192.ZONE, for an IPv6 address that of its 32 nibbles in
+// reverse, where 127.0.h.l adds h * 256 + l milliseconds. 0, or DNS_E_BADQUERY for a text that is no name.
 dns_status dns_set_cost_zone(struct dns_ctx *ctx, const char *zone);
 
-// Statistics of one server, kept since the context's first query to it: round-trip times in milliseconds, the moment of
-// the last answer (seconds since 2000-01-01 UTC), packets sent, queries answered, attempts that timed out. DNS_E_INVAL
-// for a server that the context has not queried.
+// Statistics of one server, of either family, kept since the context's first query to it: round-trip times in
+// milliseconds, the moment of the last answer (seconds since 2000-01-01 UTC), packets sent, queries answered, attempts
+// that timed out. DNS_E_INVAL for a server that the context has not queried.
 dns_status dns_get_serv_avgrtt(struct dns_ctx *ctx, const struct sockaddr *server, int *value);
 dns_status dns_get_serv_lastrtt(struct dns_ctx *ctx, const struct sockaddr *server, int *value);
 dns_status dns_get_serv_last_check(struct dns_ctx *ctx, const struct sockaddr *server, int *value);
@@ -95,12 +101,13 @@ using dns_query_fn = void(struct dns_ctx *ctx, struct dns_query *q, void *result
 
 enum { DNS_MAXSERV = 16 };  // servers of one query
 
-// dns_submit_dn_serv queues a query. `servers` are IPv4 socket addresses (null: the context's servers), at most
-// DNS_MAXSERV. With a null parser the callback gets no result. Returns the handle, or null: the context's status is
-// then DNS_E_INVAL, DNS_E_BADQUERY, DNS_E_NOMEM, or DNS_E_PERM on a context that is not open.
+// dns_submit_dn_serv queues a query. `servers` are the addresses that it goes to (null: the context's servers), at most
+// DNS_MAXSERV; port 0 is that of DNS_OPT_PORT. With a null parser the callback gets no result. Returns the handle, or
+// null: the context's status is then DNS_E_INVAL, DNS_E_BADQUERY, DNS_E_NOMEM, or DNS_E_PERM on a context that is not
+// open.
 struct dns_query *dns_submit_dn_serv(struct dns_ctx *ctx, const unsigned char *dn, dns_class cls, dns_type typ,
-                                     unsigned flags, const struct sockaddr *servers, unsigned nserv,
-                                     dns_parse_fn *parse, dns_query_fn *callback, void *data);
+                                     unsigned flags, const dns::Address *servers, unsigned nserv, dns_parse_fn *parse,
+                                     dns_query_fn *callback, void *data);
 
 // dns_cancel drops a query; its callback never runs.
 void dns_cancel(struct dns_ctx *ctx, struct dns_query *q);

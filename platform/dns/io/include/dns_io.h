@@ -6,10 +6,10 @@
 #ifndef DNS_IO_H
 #define DNS_IO_H
 
-#include <netinet/in.h>
 #include <stddef.h>
 #include <stdint.h>
 
+#include <address.h>
 #include <kavo/dns_types.h>
 
 namespace dns {
@@ -20,7 +20,7 @@ struct Datagram {
   uint8_t *data;
   uint32_t capacity;
   uint32_t size;
-  sockaddr_in peer;
+  Address peer;
 };
 
 inline constexpr unsigned kBatch = 64;  // datagrams that one call sends or receives at most
@@ -31,9 +31,9 @@ struct Io {
   void *self;
   dns_time (*wall)(void *self);
   bool (*random)(void *self, void *bytes, size_t size);
-  // udp_open returns a non-blocking socket bound to `port` on every local address. With a `peer` it is connected: it
-  // then sends to that address and receives from it alone.
-  int (*udp_open)(void *self, uint16_t port, const sockaddr_in *peer);
+  // udp_open returns a non-blocking socket bound to `port` on every local address of a family. With a `peer` it is
+  // connected: it then sends to that address and receives from it alone.
+  int (*udp_open)(void *self, Family family, uint16_t port, const Address *peer);
   void (*udp_close)(void *self, int socket);
   // udp_send sends up to kBatch datagrams and returns how many left; a negated errno when the first could not.
   // `connected` tells that the socket is connected to the peer of all of them; datagrams of one size are then cheapest
@@ -45,7 +45,7 @@ struct Io {
   // and its destination as the peer. 1; 0 when there is none.
   int (*udp_returned)(void *self, int socket, Datagram *datagram);
   // tcp_open returns a non-blocking socket that is connecting to `peer`.
-  int (*tcp_open)(void *self, const sockaddr_in &peer);
+  int (*tcp_open)(void *self, const Address &peer);
   void (*tcp_close)(void *self, int socket);
   // tcp_send and tcp_receive return how many bytes went through; -EAGAIN when none can yet, also while connecting;
   // tcp_receive returns 0 after the peer has closed.

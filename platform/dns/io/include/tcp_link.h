@@ -5,7 +5,6 @@
 #ifndef TCP_LINK_H
 #define TCP_LINK_H
 
-#include <netinet/in.h>
 #include <stddef.h>
 #include <stdint.h>
 
@@ -27,7 +26,7 @@ class TcpLink {
   TcpLink &operator=(const TcpLink &) = delete;
 
   // open begins to connect. 0 or a negated errno, -ENOMEM among them.
-  [[nodiscard]] int open(const Io *io, const sockaddr_in &peer);
+  [[nodiscard]] int open(const Io *io, const Address &peer);
   void close();
   // abandon closes only the descriptor, in a forked child: the parent's thread may have been inside any of the other
   // functions.

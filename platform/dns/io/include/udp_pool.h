@@ -5,7 +5,6 @@
 #ifndef UDP_POOL_H
 #define UDP_POOL_H
 
-#include <netinet/in.h>
 #include <stdint.h>
 
 #include <dns_io.h>
@@ -15,10 +14,10 @@ namespace dns {
 
 // UdpPool keeps the sockets that queries leave from. Each is bound to a random port. A socket that is connected to one
 // server carries the queries that only this server can answer, which saves the kernel much of its work for each packet;
-// the unconnected ones carry the rest. A batch of queries takes one of them at random, and an answer counts only on the
-// socket that its query left from. The pool grows with the queries in flight, because a socket's receive buffer holds a
-// few hundred answers. A worn socket, which has had its share of queries or of time, is replaced by one on a fresh port
-// (RFC 5452, section 9.2) as soon as nothing is in flight on it.
+// the unconnected ones, of either family, carry the rest. A batch of queries takes one of them at random, and an answer
+// counts only on the socket that its query left from. The pool grows with the queries in flight, because a socket's
+// receive buffer holds a few hundred answers. A worn socket, which has had its share of queries or of time, is replaced
+// by one on a fresh port (RFC 5452, section 9.2) as soon as nothing is in flight on it.
 class UdpPool {
  public:
   static constexpr unsigned kSocketsMin = 4;
@@ -34,14 +33,16 @@ class UdpPool {
   UdpPool(const UdpPool &) = delete;
   UdpPool &operator=(const UdpPool &) = delete;
 
-  // open makes sure that at least one socket is there. 0 or a negated errno.
+  // open makes sure that at least one socket is there, of whatever family the host has. 0 or a negated errno.
   [[nodiscard]] int open();
   void close();
 
-  // pick chooses the slot that the next batch leaves from, and opens a socket where the pool needs one; `room` receives
-  // how many queries the slot has room for. It returns a blocked slot when all are blocked, kNone when no socket can be
-  // opened. The slot is connected to `peer`, or unconnected when that is null.
-  [[nodiscard]] int pick(int64_t now_us, const sockaddr_in *peer, unsigned *room);
+  // pick chooses the slot that a batch of queries to `server` leaves from, and opens a socket where the pool needs one;
+  // `room` receives how many queries the slot has room for. It returns a blocked slot when all are blocked, kNone when
+  // no socket can be opened, for the reason of `refusal`, a negated errno. The slot is connected to the server where
+  // that `alone` can answer, else it is unconnected.
+  [[nodiscard]] int pick(int64_t now_us, const Address &server, bool alone, unsigned *room);
+  [[nodiscard]] int refusal() const { return refusal_; }
   // used counts a query that left from a slot, done one that no longer waits there; done closes a worn slot once it is
   // idle.
   void used(int slot);
@@ -57,11 +58,14 @@ class UdpPool {
     if (silent(slot, sent_us)) slots_[slot].uses = kUsesPerSocket;
   }
   // reaches tells whether a slot can send to a server and receive its answer.
-  [[nodiscard]] bool reaches(int slot, const sockaddr_in &server) const;
-  [[nodiscard]] bool connected(int slot) const { return slots_[slot].peer.sin_family != AF_UNSPEC; }
+  [[nodiscard]] bool reaches(int slot, const Address &server) const {
+    return connected(slot) ? slots_[slot].peer == server : slots_[slot].family == server.family;
+  }
+  [[nodiscard]] bool connected(int slot) const { return slots_[slot].peer.family != Family::none; }
 
   [[nodiscard]] int descriptor(int slot) const { return slots_[slot].descriptor; }
-  // port returns a slot's local port.
+  // family and port are those of a slot's local address.
+  [[nodiscard]] Family family(int slot) const { return slots_[slot].family; }
   [[nodiscard]] uint16_t port(int slot) const { return slots_[slot].port; }
   [[nodiscard]] int slot_of(int descriptor) const;
   // A blocked slot has a full send buffer; the loop then waits for it to drain.
@@ -85,16 +89,19 @@ class UdpPool {
     unsigned uses = 0;
     bool blocked = false;
     uint16_t port = 0;
-    int64_t born_us = 0;    // 0 until retire first sees it
-    int64_t heard_us = 0;   // when something last arrived
-    sockaddr_in peer = {};  // of a connected one
+    Family family = Family::none;
+    int64_t born_us = 0;   // 0 until retire first sees it
+    int64_t heard_us = 0;  // when something last arrived
+    Address peer;          // of a connected one
   };
 
-  [[nodiscard]] int open_slot(int64_t now_us, const sockaddr_in *peer);
-  [[nodiscard]] int free_slot(const sockaddr_in *peer);
+  [[nodiscard]] int open_slot(int64_t now_us, const Address &server, bool alone);
+  [[nodiscard]] int free_slot(const Address &server, bool alone);
   void retire(int64_t now_us);
   void close_slot(int slot);
-  [[nodiscard]] bool serves(int slot, const sockaddr_in *peer) const;
+  [[nodiscard]] bool serves(int slot, const Address &server, bool alone) const {
+    return is_open(slot) && connected(slot) == alone && reaches(slot, server);
+  }
   [[nodiscard]] bool usable(int slot) const;
   [[nodiscard]] bool busier(int a, int b) const;
 
@@ -104,6 +111,7 @@ class UdpPool {
   int64_t retired_us_ = 0;  // when retire last checked the ages
   unsigned extent_ = 0;     // slots below this one may be open
   unsigned open_ = 0;
+  int refusal_ = 0;  // why no socket could be opened
 };
 
 }  // namespace dns
