@@ -18,7 +18,7 @@ using fuzz::check;
 
 constexpr unsigned kTurnsMax = 20'000;
 constexpr int64_t kMinuteUs = 60'000'000;
-const std::string kServers[] = {"192.0.2.1", "192.0.2.2"}, kOwn = "192.0.2.3", kStrange = "192.0.2.200";
+const std::string kServers[] = {"192.0.2.1", "2001:db8::2"}, kOwn = "192.0.2.3", kStrange = "192.0.2.200";
 
 enum Flag : uint8_t {
   kRecursive = 1,

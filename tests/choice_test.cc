@@ -290,6 +290,109 @@ TEST_F(Best, TheCostZoneMovesTheTraffic) {
   expect_shares(0, 100, 0);
 }
 
+TEST_F(Engine, AFamilyWithoutARouteCostsNothing) {
+  for (const char *server : {"2001:db8::1", "2001:db8::2", "192.0.2.3"})
+    world.add_server(server, Temper::good);
+  world.routeless = {dns::Family::ipv6};
+  const auto expect_no_cost = [this](unsigned attempts) {
+    world.refused = 0;
+    for (const int64_t took_us : ask_in_turn(&world, 20, 10'000))
+      EXPECT_EQ(took_us, world.weather.delay_us);
+    EXPECT_EQ(world.refused, 2 * attempts) << "a refused send is repeated once";
+  };
+  expect_no_cost(1);  // one of the family is enough
+  expect_no_cost(0);
+  world.now_us += dns::kCutOffUs;
+  set(&world, DNS_OPT_FLAGS, DNS_SERVRRB);
+  expect_no_cost(1);
+  world.now_us += dns::kCutOffUs;
+  set(&world, DNS_OPT_BSC_SIZE, 16);
+  expect_no_cost(1);
+  world.routeless.clear();
+  world.now_us += dns::kCutOffUs;
+  (void)ask_in_turn(&world, 20, 10'000);
+  EXPECT_GE(world.asked["2001:db8::1"] + world.asked["2001:db8::2"], 2U);
+
+  // Where there is no other family, the query waits for a route a few times.
+  World alone(7);
+  Queries asks(&alone);
+  alone.add_server("2001:db8::1", Temper::good);
+  alone.routeless = {dns::Family::ipv6};
+  const Query &lost = asks.ask("listed-1.list.test");
+  ASSERT_TRUE(alone.run());
+  EXPECT_EQ(lost.status, DNS_E_TEMPFAIL);
+  const Query &late = asks.ask("listed-2.list.test");
+  alone.turn();
+  alone.routeless.clear();
+  ASSERT_TRUE(alone.run());
+  expect_truth(late);
+}
+
+TEST_F(Engine, TheEstimateDecidesNotTheFamily) {
+  set(&world, DNS_OPT_BSC_SIZE, 16);
+  const std::vector<std::string> servers = {"192.0.2.9", "2001:db8::9", "2001:db8::1", "192.0.2.1"};
+  for (const std::string &server : servers)
+    world.add_server(server, Temper::good);
+  for (const std::string &quick : servers) {
+    for (const std::string &server : servers)
+      world.delays_us[server] = server == quick ? 1000 : 20'000;
+    (void)ask_in_turn(&world, 300, 1'000'000);
+    (void)ask_in_turn(&world, 100, 10'000);
+    EXPECT_GE(world.asked[quick], 90U) << quick;
+  }
+  world.delays_us.clear();
+  ASSERT_EQ(dns_set_cost_zone(world.ctx, "cost.test"), DNS_E_NOERROR);
+  world.now_us += 400 * dns::kUsPerSecond;
+  (void)ask_in_turn(&world, 100, 10'000);
+  (void)ask_in_turn(&world, 100, 10'000);
+  EXPECT_GE(world.asked["192.0.2.1"] + world.asked["2001:db8::1"], 90U) << "the last nibble costs as the last octet";
+}
+
+// Attempts to servers of both families leave from sockets of both, and the query takes answers on either.
+TEST_F(Engine, LateAnswersOfEitherFamilyCount) {
+  const std::vector<std::string> four = {"192.0.2.1", "192.0.2.2"}, six = {"2001:db8::1", "2001:db8::2"};
+  for (const auto &[slow, others] : {std::pair(four, six), std::pair(six, four)}) {
+    World other(8);
+    Queries asks(&other);
+    for (size_t i = 0; i < slow.size(); ++i) {
+      other.add_server(slow[i], i == 0 ? Temper::good : Temper::dead);
+      other.add_server(others[i], Temper::dead);
+    }
+    other.delays_us[slow[0]] = 5'000'000;
+    const Query &asked = asks.ask("listed-1.list.test");
+    ASSERT_TRUE(other.run());
+    expect_truth(asked);
+    EXPECT_EQ(asked.took_us, 5'000'000 + other.weather.delay_us) << "the answer to the first attempt";
+    EXPECT_GE(other.packets_sent, 3U);
+    expect_rest(&other);
+  }
+}
+
+TEST_F(Engine, ServersAreToldApartByEveryByteOfTheirAddresses) {
+  // What differs is a letter's case, were it one; the port; the interface.
+  const std::pair<const char *, const char *> pairs[] = {
+      {"2001:db8::41", "2001:db8::61"}, {"2001:db8:41::", "2001:db8:61::"}, {"fe80::1%1", "fe80::1%2"}};
+  for (const auto &[failing, good] : pairs) {
+    World other(9);
+    Queries asks(&other);
+    const dns::SocketAddress places[] = {socket_of(failing), socket_of(good)};
+    other.script = [&other, first = true](const Bytes &query, const std::string &) mutable {
+      return sim::answer_to(query, std::exchange(first, false) ? Temper::fails : Temper::good);
+    };
+    const Query &failed = asks.ask("listed-1.list.test", {failing});
+    ASSERT_TRUE(other.run());
+    EXPECT_EQ(failed.status, DNS_E_SERVFAIL);
+    const Query &asked = asks.ask("listed-1.list.test", {good});
+    ASSERT_TRUE(other.run());
+    expect_truth(asked);
+    for (const dns::SocketAddress &place : places) {
+      uint64_t sent = 0;
+      EXPECT_EQ(dns_get_serv_nqsent(other.ctx, place.generic(), &sent), DNS_E_NOERROR);
+      EXPECT_EQ(sent, 1U);
+    }
+  }
+}
+
 TEST_F(Best, NoQueryWaitsForTheCostZone) {
   ASSERT_EQ(dns_set_cost_zone(world.ctx, "cost.test"), DNS_E_NOERROR);
   for (const char *server : {"192.0.2.1", "192.0.2.2", "192.0.2.3"})

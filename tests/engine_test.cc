@@ -42,9 +42,13 @@ void storm(uint64_t seed) {
       Temper::wrong_type,  Temper::request,      Temper::chains,      Temper::refers,
       Temper::refuses_tcp, Temper::knows_no_opt, Temper::lowers_case, Temper::lowers_case_by_tcp};
   const unsigned servers = 1 + static_cast<unsigned>(world.random(4));
-  for (unsigned i = 0; i < servers; ++i)
-    world.add_server("192.0.2." + std::to_string(i + 1),
-                     i == 0 ? Temper::good : kTempers[world.random(std::size(kTempers))]);
+  std::string good;
+  for (unsigned i = 0; i < servers; ++i) {
+    const std::string name = (world.chance(50) ? "192.0.2." : "2001:db8::") + std::to_string(i + 1);
+    world.add_server(name, i == 0 ? Temper::good : kTempers[world.random(std::size(kTempers))]);
+    if (i == 0) good = name;
+  }
+  if (world.chance(20)) world.routeless.insert(world.chance(50) ? dns::Family::ipv4 : dns::Family::ipv6);
   if (world.chance(30)) set(&world, DNS_OPT_FLAGS, DNS_SERVRRB);
   if (world.chance(30)) {
     set(&world, DNS_OPT_BSC_SIZE, 16);
@@ -58,10 +62,10 @@ void storm(uint64_t seed) {
   if (world.chance(50)) dns_set_dbgfn(world.ctx, Queries::told, &queries);
   const unsigned count = 1 + static_cast<unsigned>(world.random(40));
   for (unsigned i = 0; i < count; ++i) {
-    queries.ask(some_name(&world),
-                world.chance(20) ? std::vector<std::string>{"192.0.2.1"} : std::vector<std::string>{},
+    queries.ask(some_name(&world), world.chance(20) ? std::vector<std::string>{good} : std::vector<std::string>{},
                 world.chance(50) ? DNS_RCRS : 0);
     if (world.chance(50)) world.turn();
+    if (world.chance(5)) world.routeless.clear();
     if (world.chance(10)) queries.cancel(queries.all()[world.random(queries.all().size())].get());
   }
   const bool closes = world.chance(10);

@@ -70,11 +70,10 @@ TEST_F(Engine, AMillionForgedPacketsAreNotBelieved) {
 }
 
 TEST_F(Engine, AStrangersAnswerCountsWhereItIsExpected) {
-  // Two servers: a socket connected to a lone server receives from no other address.
-  world.add_server("192.0.2.1", Temper::dead);
-  world.add_server("192.0.2.2", Temper::dead);
   const auto believed = [this](const std::string &stranger, uint16_t port) {
-    Query &asked = queries.ask("listed-" + std::to_string(port) + ".list.test");
+    // Two servers: a socket connected to a lone server receives from no other address.
+    const std::string net = stranger.substr(0, stranger.size() - 1);
+    Query &asked = queries.ask("listed-" + std::to_string(port) + ".list.test", {net + "1", net + "2"});
     dns_timeouts(world.ctx, dns_tv_infinite, world.now());
     world.forge(stranger, sim::answer_to(world.last_query(), Temper::good), port);
     world.read_sockets();
@@ -82,22 +81,26 @@ TEST_F(Engine, AStrangersAnswerCountsWhereItIsExpected) {
     queries.cancel(&asked);
     return asked.calls > 0;
   };
-  const auto expect_answers_of = [this](const char *stranger, uint16_t port) {
+  const auto expect_answers_of = [this](const std::string &stranger, uint16_t port) {
     EXPECT_GT(dns_add_expserv_s(world.ctx, socket_of(stranger, port).generic()), 0);
   };
-  EXPECT_FALSE(believed("192.0.2.7", 53)) << "a fresh context expects no other address";
-  EXPECT_FALSE(believed("192.0.2.1", 54)) << "nor its own server at another port";
-  expect_answers_of("192.0.2.7", 0);
-  expect_answers_of("192.0.2.8", 5353);
-  for (const uint16_t port : {53, 54, 5353})
-    EXPECT_TRUE(believed("192.0.2.7", port));
-  EXPECT_TRUE(believed("192.0.2.8", 5353));
-  EXPECT_FALSE(believed("192.0.2.8", 53));
-  for (const uint16_t port : {53, 5353})
-    EXPECT_FALSE(believed("192.0.2.9", port));
-  ASSERT_EQ(dns_add_expserv_s(world.ctx, nullptr), 0);
-  EXPECT_FALSE(believed("192.0.2.7", 53));
-  EXPECT_FALSE(believed("192.0.2.8", 5353));
+  for (const std::string net : {"192.0.2.", "2001:db8::"}) {
+    for (const char *server : {"1", "2"})
+      world.add_server(net + server, Temper::dead);
+    EXPECT_FALSE(believed(net + "7", 53)) << "a fresh context expects no other address";
+    EXPECT_FALSE(believed(net + "1", 54)) << "nor its own server at another port";
+    expect_answers_of(net + "7", 0);
+    expect_answers_of(net + "8", 5353);
+    for (const uint16_t port : {53, 54, 5353})
+      EXPECT_TRUE(believed(net + "7", port));
+    EXPECT_TRUE(believed(net + "8", 5353));
+    EXPECT_FALSE(believed(net + "8", 53));
+    for (const uint16_t port : {53, 5353})
+      EXPECT_FALSE(believed(net + "9", port));
+    ASSERT_EQ(dns_add_expserv_s(world.ctx, nullptr), 0);
+    EXPECT_FALSE(believed(net + "7", 53));
+    EXPECT_FALSE(believed(net + "8", 5353));
+  }
 }
 
 TEST_F(Engine, AServerThatDoesNotKeepTheCaseIsAskedInLowerCase) {

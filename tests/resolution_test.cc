@@ -31,11 +31,13 @@ const std::vector<in_addr_t> kLied = {0x06060606};
 // evil.test are honest: it does as `evil` says, and answers with a lie where `evil` leaves the reply as it is.
 class Tree {
  public:
-  explicit Tree(uint64_t seed) : world(seed) {
-    world.add_server(kRoot, sim::Temper::good);
+  explicit Tree(uint64_t seed, std::set<std::string> with_six = {}) : world(seed), six(std::move(with_six)) {
+    world.add_server(place_of(kRoot), sim::Temper::good);
     EXPECT_EQ(dns_set_cache(world.ctx, DNS_CU_ANS, dns_cache_cacher(answers.get())), DNS_E_NOERROR);
     EXPECT_EQ(dns_set_cache(world.ctx, DNS_CU_REF, dns_cache_cacher(referrals.get())), DNS_E_NOERROR);
-    world.script = [this](const Bytes &query, const std::string &server) { return answer(query, server); };
+    world.script = [this](const Bytes &query, const std::string &server) {
+      return answer(query, server.starts_with("2001:db8::") ? "192.0.2." + server.substr(10) : server);
+    };
   }
 
   Query &ask(const std::string &text) {
@@ -53,9 +55,14 @@ class Tree {
     return one;
   }
 
+  [[nodiscard]] std::string place_of(const std::string &server) const {
+    return six.contains(server) ? "2001:db8::" + server.substr(8) : server;
+  }
+
   testbed::Cache answers = testbed::cache_of();
   testbed::Cache referrals = testbed::cache_of();
   World world;
+  std::set<std::string> six;  // servers that are at 2001:db8::N in the place of 192.0.2.N
   std::function<void(Reply *, const std::string &server)> evil;
   std::vector<std::unique_ptr<Query>> asked;
   unsigned packets = 0;
@@ -64,12 +71,12 @@ class Tree {
   Bytes answer(const Bytes &query, const std::string &server) {
     Reply reply(query);
     if (server == kRoot) {
-      reply.ns("test", "ns.test").glue("ns.test", kTest);
+      reply.ns("test", "ns.test").glue("ns.test", place_of(kTest));
     } else if (server == kTest) {
-      if (reply.under("bank.test")) reply.ns("bank.test", "ns.bank.test").glue("ns.bank.test", kBank);
-      if (reply.under("evil.test")) reply.ns("evil.test", "ns.evil.test").glue("ns.evil.test", kEvil);
+      if (reply.under("bank.test")) reply.ns("bank.test", "ns.bank.test").glue("ns.bank.test", place_of(kBank));
+      if (reply.under("evil.test")) reply.ns("evil.test", "ns.evil.test").glue("ns.evil.test", place_of(kEvil));
     } else if (server == kBank) {
-      reply.a(reply.name, testbed::u32(sim::truth_of(query.data() + DNS_HSIZE).address));
+      if (reply.type == DNS_T_A) reply.a(reply.name, testbed::u32(sim::truth_of(query.data() + DNS_HSIZE).address));
     } else {
       const size_t bare = reply.bytes.size();
       if (evil && !reply.under("bank.test")) evil(&reply, server);
@@ -151,6 +158,50 @@ TEST(Resolution, ServersWithoutAddressesAreLookedUpWhenTheOthersAreOfNoUse) {
   EXPECT_EQ(tree.packets, 3U + 4U + 2U + 1U) << "down to the zone, four attempts, the lookup, the server that it found";
 }
 
+TEST(Resolution, ServersAreFoundInTheirFamily) {
+  const std::set<std::string> all = {kRoot, kTest, kBank, kEvil};
+  for (const std::set<std::string> &six : {all, {kTest}, {kBank, kEvil}}) {
+    Tree tree(5, six);
+    if (six == all) tree.world.routeless = {dns::Family::ipv4};
+    EXPECT_TRUE(is_truth(tree.run("one.bank.test")));
+    EXPECT_EQ(tree.packets, 3U);
+    EXPECT_TRUE(is_truth(tree.run("two.bank.test")));
+    EXPECT_EQ(tree.packets, 1U) << "the delegation is cached with its addresses";
+    // A server without glue, whose name has an IPv6 address alone.
+    tree.evil = [](Reply *reply, const std::string &server) {
+      if (reply->name == "ns.other.evil.test")
+        reply->type == DNS_T_AAAA ? reply->a6(reply->name, "2001:db8::68") : reply->no_data("evil.test");
+      else if (server == kEvil)
+        reply->ns("sub.evil.test", "ns.other.evil.test");
+    };
+    EXPECT_EQ(tree.run("x.sub.evil.test").addresses, kLied);
+    EXPECT_EQ(tree.packets, 2U + 2U + 1U) << "down from a cached zone, a lookup in each family, the server found";
+    EXPECT_EQ(tree.run("y.sub.evil.test").addresses, kLied);
+    EXPECT_EQ(tree.packets, 1U);
+    EXPECT_EQ(tree.world.refused, 0U);
+  }
+}
+
+// Of a zone's servers one has IPv4 glue, to which the host has no route; the other is looked up in both families.
+TEST(Resolution, AFamilyWithoutARouteIsLeftAtOnce) {
+  Tree tree(6, {kRoot, kTest, kBank, kEvil});
+  tree.world.routeless = {dns::Family::ipv4};
+  std::vector<dns_type> looked_up;
+  tree.evil = [&looked_up](Reply *reply, const std::string &server) {
+    if (reply->name == "ns.other.evil.test") {
+      looked_up.push_back(reply->type);
+      reply->type == DNS_T_AAAA ? reply->a6(reply->name, "2001:db8::68") : reply->a(reply->name, {192, 0, 2, 68});
+    } else if (server == kEvil) {
+      reply->ns("sub.evil.test", "a.sub.evil.test").ns("sub.evil.test", "ns.other.evil.test");
+      reply->glue("a.sub.evil.test", "192.0.2.67");
+    }
+  };
+  const int64_t start = tree.world.now_us;
+  EXPECT_EQ(tree.run("x.sub.evil.test").addresses, kLied);
+  EXPECT_EQ(looked_up, std::vector<dns_type>{DNS_T_AAAA});
+  EXPECT_LE(tree.world.now_us - start, 10 * tree.world.weather.delay_us);
+}
+
 TEST(Resolution, WhatWasJustAnsweredIsAnsweredAgainWithoutCaches) {
   Tree tree(4);
   for (const unsigned use : {DNS_CU_ANS, DNS_CU_REF})
@@ -168,8 +219,10 @@ TEST(Resolution, NoZoneLeadsIntoThisHost) {
   struct Row {
     const char *place, *own;
   };
-  for (const auto &[place, own] : {Row{"127.0.0.1", "127.0.0.9"}, Row{"169.254.7.7", "169.254.8.8"},
-                                   Row{"0.0.0.0", nullptr}, Row{"224.0.0.251", nullptr}}) {
+  for (const auto &[place, own] :
+       {Row{"127.0.0.1", "127.0.0.9"}, Row{"169.254.7.7", "169.254.8.8"}, Row{"0.0.0.0", nullptr},
+        Row{"224.0.0.251", nullptr}, Row{"::1", "127.0.0.9"}, Row{"127.0.0.1", "::1"}, Row{"fe80::1", nullptr},
+        Row{"::", nullptr}, Row{"ff02::fb", nullptr}, Row{"::127.0.0.1", nullptr}, Row{"::ffff:127.0.0.1", nullptr}}) {
     Tree tree(4);
     tree.evil = [place = place](Reply *reply, const std::string &server) {
       if (server == kEvil) reply->ns("sub.evil.test", "ns.evil.test").glue("ns.evil.test", place);
@@ -322,6 +375,8 @@ void storm(uint64_t seed) {
   World &world = tree.world;
   world.worsen(0);
   tree.evil = [&world](Reply *reply, const std::string &) { slander(&world, reply); };
+  for (const char *server : {kTest, kBank, kEvil})
+    if (world.chance(50)) tree.six.insert(server);
   std::set<const Query *> cancelled;
   bool closed = false;
   for (uint64_t left = 1 + world.random(40); left > 0; --left) {

@@ -71,10 +71,9 @@ Truth truth_of(const uint8_t *dn) {
   std::transform(label.begin(), label.end(), label.begin(), [](char c) { return static_cast<char>(tolower(c)); });
   const Bytes cost_zone = testbed::dn("cost.test");
   const uint8_t *zone = dn;
-  for (int i = 0; i < 4 && *zone != 0; ++i)
-    zone += 1 + *zone;
-  if (dns_dnequal(zone, cost_zone.data()) != 0)
-    return {DNS_E_NOERROR, 0x7F000000U | static_cast<in_addr_t>(stoul(label)) * 257};
+  for (int labels = 0; *zone != 0; ++labels, zone += 1 + *zone)
+    if ((labels == 4 || labels == 32) && dns_dnequal(zone, cost_zone.data()) != 0)
+      return {DNS_E_NOERROR, 0x7F000000U | static_cast<in_addr_t>(stoul(label, nullptr, labels == 4 ? 10 : 16)) * 257};
   if (label.starts_with("gone-")) return {DNS_E_NXDOMAIN, 0};
   if (label.starts_with("empty-")) return {DNS_E_NODATA, 0};
   return {DNS_E_NOERROR, 0x0A000000U | (static_cast<uint32_t>(std::hash<std::string>{}(label)) & 0xFFFFFF)};

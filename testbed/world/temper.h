@@ -35,7 +35,7 @@ enum class Temper {
 };
 
 // The truth about a name, as every honest server tells it: names are "listed-N", "gone-N" or "empty-N" under any zone.
-// In cost.test a server's last octet N costs 127.0.N.N.
+// In cost.test a server's last octet N, or last nibble, costs 127.0.N.N.
 struct Truth {
   dns_status status;
   in_addr_t address;  // host byte order

@@ -95,7 +95,7 @@ void World::deliver_due() {
 }
 
 void World::mail(int socket, const dns::Address &from, Bytes bytes) {
-  if (bytes.empty() || chance(weather.loss_percent)) return;
+  if (bytes.empty() || families_.at(socket) != from.family || chance(weather.loss_percent)) return;
   const auto only = connected_.find(socket);
   if (only != connected_.end() && !(only->second == from)) return;
   const auto delay = delays_us.find(name_of(from));
