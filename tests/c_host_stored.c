@@ -21,6 +21,8 @@ static void speak_of_names(void) {
   unsigned char from_address[DNS_MAXDN], from_text[DNS_MAXDN], copy[DNS_MAXDN];
   const char *reversed = "1.2.0.192, and more";
   const int length = 11; /* four labels with their length bytes, and the root's */
+  const char *nibbles = "f.e.d.c.b.a.9.8.7.6.5.4.3.2.1.0.0.0.0.0.0.0.0.0.8.b.d.0.1.0.0.2";
+  const struct in6_addr six = {{{0x20, 1, 0x0d, 0xb8, 0, 0, 0, 0, 1, 0x23, 0x45, 0x67, 0x89, 0xab, 0xcd, 0xef}}};
   struct in_addr address;
 
   EXPECT(kavo_dns_ptoa4("192.0.2.256", &address) <= 0);
@@ -33,6 +35,9 @@ static void speak_of_names(void) {
   EXPECT(kavo_dns_dntodn(from_text, copy, sizeof copy) == (unsigned)length);
   copy[length - 2] ^= 1;
   EXPECT(!kavo_dns_dnequal(from_address, copy));
+  EXPECT(kavo_dns_a6todn(&six, from_address, 64) == 0);
+  EXPECT(kavo_dns_a6todn(&six, from_address, 65) == 65);
+  EXPECT(kavo_dns_ptodn(nibbles, 0, from_text, sizeof from_text) == 65 && memcmp(from_address, from_text, 65) == 0);
 }
 
 void speak_of_types(void) {

@@ -62,6 +62,7 @@ static void count_packets(struct dns_ctx *ctx, struct dns_query *query, int code
 static void choose_server(KAVO kavo, unsigned port) {
   struct sockaddr servers[2];
   const struct sockaddr_in expected = loopback(port);
+  struct sockaddr_storage either;
   unsigned count = 2;
   int packets = 0;
 
@@ -75,16 +76,21 @@ static void choose_server(KAVO kavo, unsigned port) {
   EXPECT(packets >= 4);
   EXPECT(kavo_get_dns_servers(kavo, servers, &count) == KAVOE_OK && count == 1);
   EXPECT(memcmp(&servers[0], &expected, sizeof servers[0]) == 0);
+  count = 1;
+  EXPECT(kavo_get_dns_servers_ss(kavo, &either, &count) == KAVOE_OK && count == 1);
+  EXPECT(memcmp(&either, &expected, sizeof expected) == 0);
 }
 
 /* Everything that is set before opening; `right` is KAVOE_OK then, and KAVOE_SRV on a running context. */
 static void configure(KAVO kavo, KAVO_ERR right) {
   const struct in_addr elsewhere = {htonl(INADDR_LOOPBACK + 1)};
+  const struct sockaddr_in6 six = {.sin6_family = AF_INET6, .sin6_addr = IN6ADDR_LOOPBACK_INIT};
 
   EXPECT(kavo_set_opt(kavo, KAVOOPT_CLOSE_FAST, 1) == right);
   EXPECT(kavo_set_cookies(kavo, 1) == right);
   EXPECT(kavo_set_cost_zone(kavo, "cost.list") == (int)right);
   EXPECT(kavo_add_expserv(kavo, &elsewhere) == (int)right);
+  EXPECT(kavo_add_expserv_s(kavo, (const struct sockaddr *)&six) == right);
 }
 
 static void choose_zones(KAVO kavo) {
@@ -171,6 +177,7 @@ static void finish(KAVO kavo, KAVO_QUERY_NODE node, KAVO_ERR code, uint32_t addr
 static void ask_by_every_road(KAVO kavo, unsigned port) {
   const struct sockaddr_in place = loopback(port);
   const struct sockaddr *server = (const struct sockaddr *)(const void *)&place;
+  struct sockaddr_storage either = {0};
   const uint32_t address = INADDR_LOOPBACK;
   unsigned char dn[DNS_MAXDN], back[DNS_MAXDN];
   unsigned written = 0;
@@ -190,6 +197,11 @@ static void ask_by_every_road(KAVO kavo, unsigned port) {
   EXPECT(kavo_node_type(kavo, node) == KAVOT_DNS_SOA);
   finish(kavo, node, KAVOE_NODATA, 0);
   EXPECT(kavo_subscribe_node_dcache(kavo, KAVOT_DNS_A, dn, server, NULL, &node) == KAVOE_OK);
+  finish(kavo, node, KAVOE_OK, address);
+  memcpy(&either, &place, sizeof place);
+  EXPECT(kavo_subscribe_node_serv_ss(kavo, KAVOT_DNS_A, dn, &either, 1, 0, NULL, &node) == KAVOE_OK);
+  finish(kavo, node, KAVOE_OK, address);
+  EXPECT(kavo_subscribe_node_dcache_ss(kavo, KAVOT_DNS_A, dn, &either, 0, NULL, &node) == KAVOE_OK);
   finish(kavo, node, KAVOE_OK, address);
 }
 
