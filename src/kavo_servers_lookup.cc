@@ -76,18 +76,24 @@ class Hosts {
     const Owned<dns_rr_a6> ip6(
         static_cast<dns_rr_a6 *>(dns_resolve_p(ctx, host, DNS_C_IN, DNS_T_AAAA, 0, dns_parse_a6)));
     if (ip6 != nullptr && ip6->dnsa6_nrr > 0) add(KAVOT_DNS_AAAA, {.rr_a6 = ip6.get()});
+    dns_set_status(ctx, status);
   }
   [[nodiscard]] bool empty() const { return count_ == 0; }
+  // lacks_memory tells whether an answer with addresses could not be kept.
+  [[nodiscard]] bool lacks_memory() const { return lacks_memory_; }
 
-  // each calls `use` with each address, on a port.
+  // each calls `use` with each address that a server can have, on a port.
   template <typename Use>
   void each(uint16_t port, Use use) const {
     for (const Answer &answer : std::span(answers_.get(), count_)) {
       const dns_rr_a4 *ip4 = answer.block.rr_a;
       const dns_rr_a6 *ip6 = answer.block.rr_a6;
       const bool six = answer.type == KAVOT_DNS_AAAA;
-      for (int i = 0; i < (six ? ip6->dnsa6_nrr : ip4->dnsa4_nrr); ++i)
-        use(six ? dns::ipv6(ip6->dnsa6_addr[i].s6_addr, port) : dns::ipv4(octets_of(&ip4->dnsa4_addr[i]), port));
+      for (int i = 0; i < (six ? ip6->dnsa6_nrr : ip4->dnsa4_nrr); ++i) {
+        const dns::Address address =
+            six ? dns::ipv6(ip6->dnsa6_addr[i].s6_addr, port) : dns::ipv4(octets_of(&ip4->dnsa4_addr[i]), port);
+        if (dns::as_server(address, port).family != dns::Family::none) use(address);
+      }
     }
   }
 
@@ -105,14 +111,17 @@ class Hosts {
   void add(KAVO_TYPE type, KAVO_RR source) {
     Answer &answer = answers_[count_];
     answer.type = type;
-    if (kavo_rr_dup(type, &source, &answer.block) == KAVOE_OK)
+    if (kavo_rr_dup(type, &source, &answer.block) == KAVOE_OK) {
       ++count_;
-    else
+    } else {
+      lacks_memory_ = true;
       kavo_rr_free(&answer.block);
+    }
   }
 
   Owned<Answer[]> answers_;
   unsigned count_ = 0;
+  bool lacks_memory_ = false;
 };
 
 // lookup_error returns why a lookup has no result.
@@ -142,14 +151,14 @@ class Hosts {
 }
 
 // replace_list_by_host makes a host's addresses the servers. An address that cannot be added ends the list with those
-// before it.
+// before it; that is no error where only IPv6 addresses are left out.
 [[nodiscard]] KAVO_ERR replace_list_by_host(KAVO kavo, uint16_t port, const Hosts &host) {
   KAVO_ERR error = empty_list(kavo);
   int count = 0;
   host.each(port, [&](const dns::Address &address) {
     if (error != KAVOE_OK || append(kavo, address) == ++count) return;
     PELK_INFO(kSource, kFunction, "Unable to add new server to the list");
-    error = KAVOE_DNS;
+    if (address.family == dns::Family::ipv4 || --count == 0) error = KAVOE_DNS;
   });
   return error;
 }
@@ -174,7 +183,7 @@ class Hosts {
   Hosts host;
   if (!host.reserve(1)) return KAVOE_NOMEM;
   host.look_up(kavo->udns_ctx, name);
-  if (host.empty()) return lookup_error(kavo);
+  if (host.empty()) return host.lacks_memory() ? KAVOE_NOMEM : lookup_error(kavo);
   transport->close();
   return replace_list_by_host(kavo, port, host);
 }
@@ -232,7 +241,7 @@ KAVO_ERR kavo_set_dns_server(KAVO kavo, const char *server_domain, unsigned port
   const auto port_used = static_cast<uint16_t>(port == 0 ? kavo->dns_port : port);
   const dns::Address address = dns::read_address(server_domain, port_used);
   if (address.family != dns::Family::none) return replace_list(kavo, address);
-  // No name has a colon: this is an IPv6 address that is none.
+  // No host's name has a colon: this is an IPv6 address that is none.
   if (strchr(server_domain, ':') != nullptr) return KAVOE_BADPAR;
   errno = 0;  // what fails below may have no call's reason
   Transport transport(kavo->udns_ctx);

@@ -298,7 +298,7 @@ TEST_F(Engine, AFamilyWithoutARouteCostsNothing) {
     world.refused = 0;
     for (const int64_t took_us : ask_in_turn(&world, 20, 10'000))
       EXPECT_EQ(took_us, world.weather.delay_us);
-    EXPECT_EQ(world.refused, 2 * attempts) << "a refused send is repeated once";
+    EXPECT_EQ(world.refused, 3 * attempts) << "a refused send is repeated twice";
   };
   expect_no_cost(1);  // one of the family is enough
   expect_no_cost(0);
@@ -312,6 +312,14 @@ TEST_F(Engine, AFamilyWithoutARouteCostsNothing) {
   world.now_us += dns::kCutOffUs;
   (void)ask_in_turn(&world, 20, 10'000);
   EXPECT_GE(world.asked["2001:db8::1"] + world.asked["2001:db8::2"], 2U);
+
+  // A connection that has no local port says nothing about routes.
+  world.set_temper("192.0.2.3", Temper::truncates);
+  world.tcp_error = -EADDRNOTAVAIL;
+  world.tcp_errors = 1;
+  (void)ask_in_turn(&world, 1, 10'000, {"192.0.2.3", "2001:db8::1"});
+  (void)ask_in_turn(&world, 1, 10'000, {"192.0.2.3", "2001:db8::1"});
+  EXPECT_EQ(world.asked["192.0.2.3"], 1U);
 
   // Where there is no other family, the query waits for a route a few times.
   World alone(7);

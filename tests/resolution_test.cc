@@ -182,24 +182,65 @@ TEST(Resolution, ServersAreFoundInTheirFamily) {
   }
 }
 
-// Of a zone's servers one has IPv4 glue, to which the host has no route; the other is looked up in both families.
-TEST(Resolution, AFamilyWithoutARouteIsLeftAtOnce) {
-  Tree tree(6, {kRoot, kTest, kBank, kEvil});
-  tree.world.routeless = {dns::Family::ipv4};
+// Servers of sub.evil.test in one family, on a host without a route to the other.
+TEST(Resolution, AFamilyWithoutARouteCostsNothing) {
+  constexpr const char *kOther = "ns.other.evil.test";
   std::vector<dns_type> looked_up;
-  tree.evil = [&looked_up](Reply *reply, const std::string &server) {
-    if (reply->name == "ns.other.evil.test") {
+  std::function<void(Reply *)> refer;
+  const auto evil = [&](Reply *reply, const std::string &server) {
+    if (reply->name.ends_with("other.evil.test")) {
       looked_up.push_back(reply->type);
       reply->type == DNS_T_AAAA ? reply->a6(reply->name, "2001:db8::68") : reply->a(reply->name, {192, 0, 2, 68});
     } else if (server == kEvil) {
-      reply->ns("sub.evil.test", "a.sub.evil.test").ns("sub.evil.test", "ns.other.evil.test");
-      reply->glue("a.sub.evil.test", "192.0.2.67");
+      refer(reply);
+    } else if (server == "192.0.2.67") {
+      reply->code(DNS_R_SERVFAIL);
     }
   };
-  const int64_t start = tree.world.now_us;
-  EXPECT_EQ(tree.run("x.sub.evil.test").addresses, kLied);
-  EXPECT_EQ(looked_up, std::vector<dns_type>{DNS_T_AAAA});
-  EXPECT_LE(tree.world.now_us - start, 10 * tree.world.weather.delay_us);
+  const auto expect = [&](dns::Family lacking, dns_status status, const std::vector<dns_type> &lookups) {
+    Tree tree(
+        6, lacking == dns::Family::ipv4 ? std::set<std::string>{kRoot, kTest, kBank, kEvil} : std::set<std::string>{});
+    tree.world.routeless = {lacking};
+    tree.evil = evil;
+    looked_up.clear();
+    const int64_t start = tree.world.now_us;
+    for (const char *name : {"x.sub.evil.test", "y.sub.evil.test"})
+      EXPECT_EQ(tree.run(name).status, status);
+    EXPECT_LE(tree.world.now_us - start, 20 * tree.world.weather.delay_us) << "nothing is waited for";
+    EXPECT_EQ(looked_up, lookups);
+  };
+  // The address that can be reached has no glue, or is looked up at once in the family that can.
+  refer = [](Reply *reply) { reply->ns("sub.evil.test", kOther).glue(kOther, "2001:db8::68"); };
+  expect(dns::Family::ipv6, DNS_E_NOERROR, {DNS_T_A});
+  refer = [](Reply *reply) {
+    reply->ns("sub.evil.test", "a.sub.evil.test").ns("sub.evil.test", kOther).glue("a.sub.evil.test", "192.0.2.66");
+  };
+  expect(dns::Family::ipv4, DNS_E_NOERROR, {DNS_T_AAAA});
+  // No server can be reached, or the one that can be says that it fails.
+  refer = [](Reply *reply) { reply->ns("sub.evil.test", "a.sub.evil.test").glue("a.sub.evil.test", "2001:db8::67"); };
+  expect(dns::Family::ipv6, DNS_E_TEMPFAIL, {});
+  refer = [](Reply *reply) {
+    reply->ns("sub.evil.test", "a.sub.evil.test").glue("a.sub.evil.test", "2001:db8::67");
+    reply->glue("a.sub.evil.test", "192.0.2.67");
+  };
+  expect(dns::Family::ipv6, DNS_E_SERVFAIL, {});
+  // However many addresses there are, each family has its places.
+  refer = [](Reply *reply) {
+    const auto each = [](const auto &use) {
+      for (int i = 10; i < 23; ++i)
+        use(std::to_string(i));
+    };
+    each([=](const std::string &i) { reply->ns("sub.evil.test", i + ".sub.evil.test"); });
+    for (const char *last : {"::1", "::2"})
+      each([=](const std::string &i) { reply->glue(i + ".sub.evil.test", "2001:db8:1:" + i + last); });
+    each([=](const std::string &i) { reply->glue(i + ".sub.evil.test", "192.0.2.68"); });
+  };
+  expect(dns::Family::ipv6, DNS_E_NOERROR, {});
+  // Servers whose IPv4 addresses are of no use are not looked up in a family that is not lacking either.
+  refer = [](Reply *reply) {
+    reply->ns("sub.evil.test", "a.other.evil.test").ns("sub.evil.test", "b.other.evil.test");
+  };
+  expect(dns::Family::none, DNS_E_NOERROR, {DNS_T_A});
 }
 
 TEST(Resolution, WhatWasJustAnsweredIsAnsweredAgainWithoutCaches) {
@@ -218,20 +259,24 @@ TEST(Resolution, WhatWasJustAnsweredIsAnsweredAgainWithoutCaches) {
 TEST(Resolution, NoZoneLeadsIntoThisHost) {
   struct Row {
     const char *place, *own;
+    bool opens;  // a context with its own server there follows
   };
-  for (const auto &[place, own] :
-       {Row{"127.0.0.1", "127.0.0.9"}, Row{"169.254.7.7", "169.254.8.8"}, Row{"0.0.0.0", nullptr},
-        Row{"224.0.0.251", nullptr}, Row{"::1", "127.0.0.9"}, Row{"127.0.0.1", "::1"}, Row{"fe80::1", nullptr},
-        Row{"::", nullptr}, Row{"ff02::fb", nullptr}, Row{"::127.0.0.1", nullptr}, Row{"::ffff:127.0.0.1", nullptr}}) {
+  for (const auto &[place, own, opens] :
+       {Row{"127.0.0.1", "127.0.0.9", true}, Row{"169.254.7.7", "169.254.8.8", true}, Row{"::1", "::1", true},
+        Row{"0.0.0.0", "127.0.0.9", false}, Row{"224.0.0.251", "127.0.0.9", false}, Row{"::1", "127.0.0.9", false},
+        Row{"127.0.0.1", "::1", false}, Row{"169.254.7.7", "fe80::1%1", false}, Row{"fe80::1", "fe80::2%1", false},
+        Row{"::", "::1", false}, Row{"ff02::fb", "::1", false}, Row{"::127.0.0.1", "::1", false},
+        Row{"::ffff:127.0.0.1", "127.0.0.9", false}}) {
+    SCOPED_TRACE(std::string(place) + " " + own);
     Tree tree(4);
     tree.evil = [place = place](Reply *reply, const std::string &server) {
       if (server == kEvil) reply->ns("sub.evil.test", "ns.evil.test").glue("ns.evil.test", place);
     };
     EXPECT_TRUE(tree.run("x.sub.evil.test").addresses.empty());
     EXPECT_EQ(tree.world.asked[place], 0U);
-    if (own == nullptr) continue;
-    tree.world.add_server(own, sim::Temper::good);  // a host that has servers there itself
-    EXPECT_EQ(tree.run("y.sub.evil.test").addresses, kLied) << place;
+    tree.world.add_server(own, sim::Temper::good);
+    EXPECT_EQ(tree.run("y.sub.evil.test").addresses, opens ? kLied : std::vector<in_addr_t>{});
+    EXPECT_EQ(tree.world.asked[place], opens ? 1U : 0U);
   }
 }
 

@@ -12,6 +12,7 @@
 #include "move.h"
 #include "places.h"
 #include "resolution.h"
+#include "resolving.h"
 #include "route.h"
 
 namespace dns {
@@ -71,8 +72,9 @@ void not_reached(dns_query *q) {
     ask_again(q);
     return;
   }
-  // Servers that are not starting, but out of reach, are not waited for while the zone has others.
-  if (q->attempt.pauses == kPausesMax || (is_cut_off(ctx, present_server(q)) && has_other_servers(q))) {
+  // The context's own servers may be reached once the host's network is up. Those of a zone are not waited for.
+  const bool out_of_reach = zone_of(q) != nullptr && route_to(ctx, present_server(q)) == Route::none;
+  if (q->attempt.pauses == kPausesMax || out_of_reach) {
     give_up(q);
     return;
   }

@@ -8,14 +8,26 @@ namespace dns {
 
 Candidates candidates(const dns_query *q) {
   Candidates found;
-  uint32_t cut_off = 0;
+  uint32_t cut_off = 0, doubtful = 0;
   const auto servers = servers_of(q);
   for (unsigned i = 0; i < servers.size(); ++i) {
     if ((q->progress.refused & bit(i)) != 0) continue;
-    (is_cut_off(q->ctx, servers[i]) ? cut_off : servers[i]->marked_down() ? found.down : found.open) |= bit(i);
+    switch (route_to(q->ctx, servers[i])) {
+      case Route::there:
+        (servers[i]->marked_down() ? found.down : found.open) |= bit(i);
+        break;
+      case Route::doubtful:
+        doubtful |= bit(i);
+        break;
+      case Route::none:
+        cut_off |= bit(i);
+        break;
+    }
   }
   if (found.open != 0) return found;
-  return {found.down != 0 ? found.down : cut_off, 0};
+  if ((found.down | doubtful) != 0) return {found.down | doubtful, 0};
+  // A server that has answered, with an error, says more than one that cannot be asked.
+  return {q->progress.refused == 0 ? cut_off : 0, 0};
 }
 
 bool is_unreached(const dns_query *q) {

@@ -11,7 +11,7 @@ namespace dns {
 
 // Candidates are the servers that have not refused a query, as masks of their places: `open` are those that it may go
 // to, `down` those that are marked down. If all are marked down, all are open. Servers to which the host has no route
-// (route.h) are neither, unless there are no others.
+// (route.h) are neither, unless all are such.
 struct Candidates {
   uint32_t open = 0;
   uint32_t down = 0;

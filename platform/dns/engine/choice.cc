@@ -120,7 +120,7 @@ void first_in_turn(dns_query *q) {
   const auto count = static_cast<unsigned>(servers.size());
   const bool turns = (ctx->options.flags & DNS_SERVRRB) != 0 && q->question.own == nullptr;
   unsigned place = turns ? (ctx->next_first + 1) % count : 0;
-  if (servers[place]->marked_down() || is_cut_off(ctx, servers[place])) {
+  if (servers[place]->marked_down() || route_to(ctx, servers[place]) != Route::there) {
     const Candidates found = candidates(q);
     while (!has(found.open, place) && !(has(found.down, place) && probe(q, place)))
       place = (place + 1) % count;

@@ -30,8 +30,9 @@ bool may_lead_to(const dns_ctx *ctx, const Address &address) {
   const Reach reach = reach_of(address);
   if (reach == Reach::network) return true;
   if (reach == Reach::nowhere || (reach == Reach::link && address.family == Family::ipv6)) return false;
-  return std::ranges::any_of(std::span(ctx->servers, ctx->nserv),
-                             [reach](const Server *server) { return reach_of(server->address) == reach; });
+  return std::ranges::any_of(std::span(ctx->servers, ctx->nserv), [&](const Server *server) {
+    return server->address.family == address.family && reach_of(server->address) == reach;
+  });
 }
 
 // address_in returns the address in a record's data, one of no family for another record.
@@ -104,14 +105,18 @@ void Delegation::add_target(const uint8_t *dn) {
 bool Delegation::add_address(const dns_ctx *ctx, const uint8_t *owner, dns_type typ, std::span<const uint8_t> data) {
   const Address address = address_in(typ, data);
   const int place = target(owner);
-  if (place < 0 || naddresses == kGlueMax || !may_lead_to(ctx, address)) return false;
+  const auto known = std::span(addresses).first(naddresses);
+  const auto of_family = std::ranges::count(known, address.family, &Address::family);
+  if (place < 0 || of_family == kDelegatedMax || !may_lead_to(ctx, address)) return false;
   addresses[naddresses] = address;
   owners[naddresses++] = static_cast<uint8_t>(place);
   return true;
 }
 
-bool Delegation::has_address(unsigned place) const {
-  return std::find(owners, owners + naddresses, place) != owners + naddresses;
+bool Delegation::has_address(unsigned place, Family family) const {
+  for (unsigned i = 0; i < naddresses; ++i)
+    if (owners[i] == place && addresses[i].family == family) return true;
+  return false;
 }
 
 bool read_delegation(const dns_ctx *ctx, std::span<const uint8_t> packet, const uint8_t *zone, const uint8_t *from,

@@ -29,7 +29,7 @@ struct Delegation {
   void add_target(const uint8_t *dn);
   // add_address takes an address of `owner` from the data of an A or AAAA record; false for one that is not taken.
   bool add_address(const dns_ctx *ctx, const uint8_t *owner, dns_type typ, std::span<const uint8_t> data);
-  [[nodiscard]] bool has_address(unsigned place) const;
+  [[nodiscard]] bool has_address(unsigned place, Family family) const;
 };
 
 // read_delegation reads the referral to `zone` that servers of the zone `from` gave.

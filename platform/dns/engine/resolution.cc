@@ -111,17 +111,20 @@ Family next_family(const dns_ctx *ctx, const Target &target) {
   return is_family_cut_off(ctx, Family::ipv4) ? Family::ipv6 : Family::ipv4;
 }
 
-// next_target chooses the target that is looked up next, among at least one: the last one in its other family where
-// that is promising, else the next that has not been looked up at all, else what is left.
-Target *next_target(Resolution *resolution) {
-  Target *last = &resolution->targets[resolution->ntargets - 1];
-  if (std::exchange(resolution->same_target, false)) return last;
+// next_target returns the target that is looked up next: the last one in its other family, if it has no address in the
+// first, else the next that was not looked up yet, else one whose addresses are of a family without a route. Null when
+// there is none.
+Target *next_target(const dns_ctx *ctx, Resolution *resolution) {
   const auto targets = std::span(resolution->targets).first(resolution->ntargets);
-  const auto fresh = std::ranges::find_if(targets.rbegin(), targets.rend(),
-                                          [](const Target &target) { return target.ipv4 && target.ipv6; });
-  if (fresh == targets.rend()) return last;
-  std::swap(*fresh, *last);
-  return last;
+  if (targets.empty()) return nullptr;
+  Target *last = &targets.back();
+  if (resolution->same_target && (last->ipv4 || last->ipv6)) return last;
+  const auto fresh = std::ranges::find(targets.rbegin(), targets.rend(), false, &Target::looked_up);
+  if (fresh != targets.rend()) return &*fresh;
+  for (Target &target : targets)
+    for (const auto &[family, other] : {std::pair(Family::ipv4, Family::ipv6), std::pair(Family::ipv6, Family::ipv4)})
+      if (target.waits_for(family) && !target.waits_for(other) && is_family_cut_off(ctx, other)) return &target;
+  return nullptr;
 }
 
 // lookup_next looks up addresses of the next server of the delegation, or ends the query.
@@ -130,12 +133,16 @@ void lookup_next(dns_query *q) {
   Resolution *resolution = q->resolution;
   leave(q);
   move(q, State::resolving, &ctx->resolving);
-  while (resolution->ntargets > 0 && resolution->depth < kDepthMax && top(resolution)->lookups < kLookupsMax) {
+  for (;;) {
+    Target *target = next_target(ctx, resolution);
+    if (target == nullptr || resolution->depth >= kDepthMax || top(resolution)->lookups >= kLookupsMax) break;
     ++top(resolution)->lookups;
-    Target *target = next_target(resolution);
+    std::swap(*target, resolution->targets[resolution->ntargets - 1]);
+    target = &resolution->targets[resolution->ntargets - 1];
     const bool six = next_family(ctx, *target) == Family::ipv6;
     (six ? target->ipv6 : target->ipv4) = false;
-    if (!target->ipv4 && !target->ipv6) --resolution->ntargets;
+    target->looked_up = true;
+    resolution->same_target = false;
     dns_query *lookup = dns_submit_dn_serv(ctx, target->dn, DNS_C_IN, six ? DNS_T_AAAA : DNS_T_A, 0, nullptr, 0,
                                            six ? dns_parse_a6 : dns_parse_a4, looked_up, q);
     if (lookup == nullptr) continue;
@@ -162,9 +169,10 @@ void adopt(dns_query *q, const Delegation &delegation) {
   resolution->same_target = false;
   // An in-bailiwick server without glue cannot be found, as only the zone itself could tell its address.
   for (unsigned i = 0; i < delegation.ntargets && resolution->ntargets < kTargetsMax; ++i)
-    if (!delegation.has_address(i) && !covers(delegation.zone, delegation.targets[i])) {
+    if (!delegation.has_address(i, Family::ipv4) && !covers(delegation.zone, delegation.targets[i])) {
       Target *target = new (&resolution->targets[resolution->ntargets++]) Target;
       memcpy(target->dn, delegation.targets[i], sizeof target->dn);
+      target->ipv6 = !delegation.has_address(i, Family::ipv6);
     }
   if (delegation.naddresses == 0 || !install(q, delegation)) lookup_next(q);
 }
@@ -190,14 +198,15 @@ void no_server_left(dns_query *q) {
 void begin_at_delegation(dns_query *q) {
   dns_ctx *ctx = q->ctx;
   if (ctx->referral_cache == nullptr || !iterates(q)) return;
+  Delegation delegation;
   for (const uint8_t *zone = q->question.ask; *zone != 0; zone += 1 + *zone) {
-    Delegation delegation;
+    delegation.ntargets = delegation.naddresses = 0;
     if (!known_delegation(ctx, zone, &delegation) || delegation.naddresses == 0) continue;
     if (resolution(q) == nullptr) return;
     q->resolution->remembered = take_servers(q, delegation);
     q->resolution->names_others = false;
     for (unsigned i = 0; i < delegation.ntargets; ++i)
-      if (!delegation.has_address(i)) q->resolution->names_others = true;
+      if (!delegation.has_address(i, Family::ipv4)) q->resolution->names_others = true;
     return;
   }
 }
@@ -206,7 +215,7 @@ bool begin_anew(dns_query *q) {
   Resolution *resolution = q->resolution;
   if (resolution == nullptr) return false;
   if (!std::exchange(resolution->remembered, false)) {
-    if (resolution->ntargets == 0) return false;
+    if (next_target(q->ctx, resolution) == nullptr) return false;
     lookup_next(q);
     return true;
   }
@@ -218,8 +227,9 @@ bool begin_anew(dns_query *q) {
 }
 
 bool has_other_servers(const dns_query *q) {
-  const Resolution *resolution = q->resolution;
-  return resolution != nullptr && (resolution->remembered ? resolution->names_others : resolution->ntargets > 0);
+  Resolution *resolution = q->resolution;
+  if (resolution == nullptr) return false;
+  return resolution->remembered ? resolution->names_others : next_target(q->ctx, resolution) != nullptr;
 }
 
 bool ask_on(dns_query *q, std::span<const uint8_t> packet, size_t answers_at, const Chain &chain) {

@@ -21,6 +21,9 @@ struct Target {
   uint8_t dn[DNS_MAXDN];
   bool ipv4 = true;
   bool ipv6 = true;
+  bool looked_up = false;  // in one family
+
+  [[nodiscard]] bool waits_for(Family family) const { return family == Family::ipv4 ? ipv4 : ipv6; }
 };
 
 struct Resolution {
@@ -28,9 +31,9 @@ struct Resolution {
   uint8_t zone[DNS_MAXDN];    // the zone that `servers` answer for
   uint8_t coming[DNS_MAXDN];  // the zone of the last delegation
   int32_t coming_ttl = 0;
-  Target targets[kTargetsMax];  // that zone's servers without glue, with addresses not looked up yet
+  Target targets[kTargetsMax];  // that zone's servers without IPv4 glue
   unsigned ntargets = 0;
-  bool same_target = false;  // the last of them has no address in the family that was looked up
+  bool same_target = false;  // the last of them has no address in the family that was looked up last
   unsigned nserv = 0;        // 0: the context's servers, or the query's own
   Server *servers[kGlueMax];
   bool remembered = false;      // the servers are those of a cached delegation

@@ -6,20 +6,44 @@
 namespace dns {
 namespace {
 
-// lacks_route tells whether an error of the system means that the host has no route, or no address to send from.
-bool lacks_route(int error) {
-  return error == -ENETUNREACH || error == -EHOSTUNREACH || error == -EADDRNOTAVAIL || error == -EAFNOSUPPORT ||
-         error == -ENETDOWN;
+// What an error of the system says: that it cannot send to one server, or to none of the family.
+enum class Lack { nothing, of_server, of_family };
+
+Lack lack_of(int error) {
+  switch (-error) {
+    case ENETUNREACH:
+    case EADDRNOTAVAIL:
+    case EAFNOSUPPORT:
+    case ENETDOWN:
+      return Lack::of_family;
+    case EHOSTUNREACH:
+    case EACCES:
+      return Lack::of_server;
+    default:
+      return Lack::nothing;
+  }
+}
+
+// has_answered tells whether any server of a family in the network has ever answered: the host then has routes for some
+// of its addresses.
+bool has_answered(dns_ctx *ctx, Family family) {
+  bool any = false;
+  ctx->server_table.each([&any, family](const Server *server) {
+    const Address &address = server->address;
+    any = any || (address.family == family && server->srtt_us != 0 && reach_of(address) == Reach::network);
+  });
+  return any;
 }
 
 }  // namespace
 
 void note_refusal(dns_ctx *ctx, Server *server, int error) {
-  if (!lacks_route(error)) return;
+  const Lack lack = lack_of(error);
+  if (lack == Lack::nothing) return;
   server->cut_off_until_us = ctx->now_us + kCutOffUs;
-  // One unreachable host says nothing about the others, nor does a fault on this host or its link.
-  if (error != -EHOSTUNREACH && reach_of(server->address) == Reach::network)
-    ctx->cut_off_until_us[static_cast<size_t>(server->address.family)] = server->cut_off_until_us;
+  const Family family = server->address.family;
+  if (lack == Lack::of_family && reach_of(server->address) == Reach::network && !has_answered(ctx, family))
+    ctx->cut_off_until_us[static_cast<size_t>(family)] = server->cut_off_until_us;
 }
 
 }  // namespace dns

@@ -10,17 +10,20 @@
 
 namespace dns {
 
-// is_cut_off tells whether the host had no route to a server a moment ago.
-[[nodiscard]] inline bool is_cut_off(const dns_ctx *ctx, const Server *server) {
-  if (ctx->now_us < server->cut_off_until_us) return true;
-  const auto family = static_cast<size_t>(server->address.family);
-  return server->srtt_us == 0 && ctx->now_us < ctx->cut_off_until_us[family] &&
-         reach_of(server->address) == Reach::network;
-}
+// Route is what the system said of a server a moment ago: it refused to send there; or to another of the family, of
+// which no server has ever answered.
+enum class Route : uint8_t { there, doubtful, none };
 
 // is_family_cut_off tells whether the host had no route to a server of a family in the network a moment ago.
 [[nodiscard]] inline bool is_family_cut_off(const dns_ctx *ctx, Family family) {
   return ctx->now_us < ctx->cut_off_until_us[static_cast<size_t>(family)];
+}
+
+[[nodiscard]] inline Route route_to(const dns_ctx *ctx, const Server *server) {
+  if (ctx->now_us < server->cut_off_until_us) return Route::none;
+  const bool doubtful = server->srtt_us == 0 && is_family_cut_off(ctx, server->address.family) &&
+                        reach_of(server->address) == Reach::network;
+  return doubtful ? Route::doubtful : Route::there;
 }
 
 // note_refusal notes that the system refused to send to a server with `error`, a negated errno.

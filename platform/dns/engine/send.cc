@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <iterator>
 #include <numeric>
+#include <span>
 #include <utility>
 
 #include "attempt.h"
@@ -44,7 +45,9 @@ unsigned collect(dns_ctx *ctx, int slot, unsigned room, const Server *only) {
     if (q->attempt.over_tcp || is_new != fresh || (!is_new && q->attempt.slot != slot)) break;
     if (present_server(q)->marked_down()) turn_away(q);
     const Server *server = present_server(q);
-    if ((is_new && only_server(q) != only) || !ctx->sockets.reaches(slot, server->address)) break;
+    const bool leaves =
+        is_new && only != nullptr ? only_server(q) == only : ctx->sockets.reaches(slot, server->address);
+    if (!leaves || (is_new && only == nullptr && only_server(q) != nullptr)) break;
     if (is_new && q->attempt.former_slot == UdpPool::kNone && !new_id(q)) break;
     Datagram &datagram = buffers->out[count];
     datagram.data = buffers->queries[count];
@@ -55,23 +58,28 @@ unsigned collect(dns_ctx *ctx, int slot, unsigned room, const Server *only) {
   return count;
 }
 
-// order_by_size sorts a batch so that packets of one size are next to each other.
+// order_by_size sorts a batch to one server so that packets of one size are next to each other.
 void order_by_size(dns_ctx *ctx, unsigned count) {
+  if (count < 3) return;
+  struct Leaving {
+    uint8_t *packet;
+    uint32_t size;
+    dns_query *q;
+  };
   Buffers *buffers = ctx->buffers;
-  Datagram out[kBatch];
-  dns_query *leaving[kBatch];
-  std::copy_n(buffers->out, count, out);
-  std::copy_n(buffers->leaving, count, leaving);
+  Leaving leaving[kBatch];
   // Sizes that share a bucket merely mix.
   uint8_t place[kBatch] = {};
-  const auto place_of = [&](const Datagram &datagram) -> uint8_t & { return place[datagram.size % kBatch]; };
-  for (unsigned i = 0; i < count; ++i)
-    ++place_of(out[i]);
-  std::exclusive_scan(std::begin(place), std::end(place), std::begin(place), uint8_t{0});
   for (unsigned i = 0; i < count; ++i) {
-    const unsigned to = place_of(out[i])++;
-    buffers->out[to] = out[i];
-    buffers->leaving[to] = leaving[i];
+    leaving[i] = {buffers->out[i].data, buffers->out[i].size, buffers->leaving[i]};
+    ++place[leaving[i].size % kBatch];
+  }
+  std::exclusive_scan(std::begin(place), std::end(place), std::begin(place), uint8_t{0});
+  for (const Leaving &one : std::span(leaving).first(count)) {
+    const unsigned to = place[one.size % kBatch]++;
+    buffers->out[to].data = one.packet;
+    buffers->out[to].size = one.size;
+    buffers->leaving[to] = one.q;
   }
 }
 
@@ -119,17 +127,18 @@ void tell_sent(dns_ctx *ctx, int slot, int count) {
   }
 }
 
-// try_send sends a batch. A socket may report the error of an earlier packet at the next send, which is then repeated.
-// A packet that the system's own queue drops counts as sent, like one that the network loses.
+// try_send sends a batch. A socket may report the error of an earlier packet at the next send, which is then repeated;
+// another such error may come meanwhile. A packet that the system's own queue drops counts as sent, like one that the
+// network loses.
 int try_send(dns_ctx *ctx, int slot, unsigned count) {
-  const auto attempt = [&] {
+  constexpr int kRepeats = 2;
+  for (int repeat = 0;; ++repeat) {
     const int left = ctx->io->udp_send(ctx->io->self, ctx->sockets.descriptor(slot), ctx->buffers->out, count,
                                        ctx->sockets.connected(slot));
-    return left == -ENOBUFS ? 1 : left;
-  };
-  const int result = attempt();
-  const bool settled = result > 0 || result == -EAGAIN || result == -EWOULDBLOCK || result == -EINTR;
-  return settled ? result : attempt();
+    if (left == -ENOBUFS) return 1;
+    const bool settled = left > 0 || left == -EAGAIN || left == -EWOULDBLOCK || left == -EINTR;
+    if (settled || repeat == kRepeats) return left;
+  }
 }
 
 // send_batch sends what `collect` gathered; false when the socket's buffer is full.
@@ -159,12 +168,15 @@ void choose_socket(dns_query *q) {
   constexpr unsigned kSilentAttempts = 2;
   const UdpPool &sockets = q->ctx->sockets;
   const Address &server = present_server(q)->address;
-  if (q->attempt.slot == UdpPool::kNone) return;
-  if (!sockets.reaches(q->attempt.slot, server)) {
-    if (sockets.connected(q->attempt.slot))
-      give_up_slot(q);
-    else if (q->attempt.former_slot != UdpPool::kNone && sockets.reaches(q->attempt.former_slot, server))
+  const int16_t former = q->attempt.former_slot;
+  const bool goes_back = former != UdpPool::kNone && !sockets.connected(former) && sockets.reaches(former, server);
+  if (q->attempt.slot == UdpPool::kNone) {
+    if (goes_back) std::swap(q->attempt.slot, q->attempt.former_slot);
+  } else if (!sockets.reaches(q->attempt.slot, server)) {
+    if (goes_back)
       std::swap(q->attempt.slot, q->attempt.former_slot);
+    else if (sockets.connected(q->attempt.slot))
+      give_up_slot(q);
     else
       change_socket(q);
   } else if (q->progress.attempts % kSilentAttempts == 0 && sockets.silent(q->attempt.slot, q->attempt.first_sent_us)) {

@@ -4,7 +4,6 @@
 #include <string.h>
 
 #include <algorithm>
-#include <ranges>
 
 #include <socket_address.h>
 
@@ -77,14 +76,13 @@ int dns_add_serv_s(dns_ctx *ctx, const sockaddr *address) {
 int dns_add_serv(dns_ctx *ctx, const char *address) {
   if (ctx == nullptr) return DNS_E_INVAL;
   if (address == nullptr) return append(ctx, nullptr);
-  const Address server = read_address(address, 0);
-  return append(ctx, &server);
+  return dns_add_serv_p(ctx, address, 0);
 }
 
 int dns_add_serv_p(dns_ctx *ctx, const char *address, unsigned port) {
   if (ctx == nullptr || address == nullptr || port > UINT16_MAX) return DNS_E_INVAL;
   const Address server = read_address(address, static_cast<uint16_t>(port));
-  return append(ctx, &server);
+  return server.family != Family::none ? append(ctx, &server) : int{DNS_E_INVAL};
 }
 
 int dns_get_serv(const dns_ctx *ctx, sockaddr *addresses, unsigned *size) {
@@ -96,7 +94,8 @@ int dns_get_serv(const dns_ctx *ctx, sockaddr *addresses, unsigned *size) {
   const bool fits = *size >= needed && (addresses != nullptr || needed == 0);
   *size = needed;
   if (!fits) return DNS_E_NOBUFS;
-  for (const Server *server : servers | std::views::filter(is_ipv4)) {
+  for (const Server *server : servers) {
+    if (!is_ipv4(server)) continue;
     const SocketAddress address(server->address);
     memcpy(addresses++, address.generic(), address.size());
   }
@@ -122,10 +121,11 @@ int dns_add_expserv_s(dns_ctx *ctx, const sockaddr *address) {
     ctx->nexpected = 0;
     return 0;
   }
-  const Address server = from_host(address);
+  Address server = from_host(address);
+  if (server.family == Family::ipv6) server = as_server(server, 0);
   if (server.family == Family::none) return DNS_E_INVAL;
   if (ctx->nexpected == kExpectedServersMax) return DNS_E_NOBUFS;
-  ctx->expected[ctx->nexpected++] = is_mapped(server) ? unmapped(server) : server;
+  ctx->expected[ctx->nexpected++] = server;
   return static_cast<int>(ctx->nexpected);
 }
 

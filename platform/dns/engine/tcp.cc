@@ -123,7 +123,8 @@ Connection *connect(dns_ctx *ctx, Server *server, int *error) {
   Connection *connection = spare(ctx);
   *error = connection == nullptr ? -EBUSY : connection->link.open(ctx->io, server->address);
   if (*error != 0) {
-    note_refusal(ctx, server, *error);
+    // A connection may lack a local port alone.
+    if (*error != -EADDRNOTAVAIL) note_refusal(ctx, server, *error);
     return nullptr;
   }
   ctx->server_table.hold_again(server);

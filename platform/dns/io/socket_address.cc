@@ -67,8 +67,8 @@ Address from_host(const sockaddr *address) {
 Address as_server(Address address, uint16_t port) {
   if (address.family == Family::none) return {};
   if (address.port == 0) address.port = port;
+  if (is_mapped(address)) address = unmapped(address);
   if (is_unspecified(address)) return loopback(address.family, address.port);
-  if (is_mapped(address)) return unmapped(address);
   if (address.family == Family::ipv6) {
     const bool on_link = reach_of(address) == Reach::link;
     if (on_link && address.scope == 0) return {};

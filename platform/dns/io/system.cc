@@ -54,12 +54,9 @@ int bind_to(int descriptor, Family family, uint16_t port) {
   return bind(descriptor, local.generic(), local.size()) == 0 ? 0 : -errno;
 }
 
-// connect_to connects a socket. A route that prohibits the peer is reported as an unreachable peer: of udp_open,
-// -EACCES says that the port is refused.
 int connect_to(int descriptor, const Address &peer) {
   const SocketAddress remote(peer);
-  if (connect(descriptor, remote.generic(), remote.size()) == 0) return 0;
-  return errno == EACCES ? -EHOSTUNREACH : -errno;
+  return connect(descriptor, remote.generic(), remote.size()) == 0 ? 0 : -errno;
 }
 
 int system_udp_open(void *, Family family, uint16_t port, const Address *peer) {
@@ -67,7 +64,11 @@ int system_udp_open(void *, Family family, uint16_t port, const Address *peer) {
       pelk_lift(socket(protocol_family(family), SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_UDP));
   if (descriptor < 0) return -errno;
   int error = bind_to(descriptor, family, port);
-  if (error == 0 && peer != nullptr) error = connect_to(descriptor, *peer);
+  if (error == 0 && peer != nullptr) {
+    error = connect_to(descriptor, *peer);
+    // A route that prohibits the peer: -EACCES would say that the port is refused.
+    if (error == -EACCES) error = -EHOSTUNREACH;
+  }
   if (error != 0) {
     close(descriptor);
     return error;

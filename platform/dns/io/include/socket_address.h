@@ -42,7 +42,7 @@ class SocketAddress {
 
 // read_address reads an IPv4 address in four decimal octets, or an IPv6 address, a link-local one with its interface
 // by name or number (fe80::1%eth0; RFC 4007, section 11). It returns an address of no family for any other text, and
-// for an interface that does not exist.
+// for the name of an interface that does not exist.
 [[nodiscard]] Address read_address(const char *text, uint16_t port);
 
 }  // namespace dns
