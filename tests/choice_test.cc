@@ -384,7 +384,7 @@ TEST_F(Engine, ServersAreToldApartByEveryByteOfTheirAddresses) {
     World other(9);
     Queries asks(&other);
     const dns::SocketAddress places[] = {socket_of(failing), socket_of(good)};
-    other.script = [&other, first = true](const Bytes &query, const std::string &) mutable {
+    other.script = [first = true](const Bytes &query, const std::string &) mutable {
       return sim::answer_to(query, std::exchange(first, false) ? Temper::fails : Temper::good);
     };
     const Query &failed = asks.ask("listed-1.list.test", {failing});
