@@ -26,7 +26,7 @@ class Bare : public Client {
         in_runs_(in_runs),
         window_(task.window() * task.zones),
         names_(task.zones),
-        socket_(port),
+        socket_(task.server_address, port),
         asked_(kIds) {
     for (unsigned i = 0; i < kBatch; ++i) {
       parts_[i] = {packets_[i].data(), packets_[i].size()};

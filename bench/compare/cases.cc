@@ -1,5 +1,7 @@
 #include "cases.h"
 
+#include <hand_server.h>
+
 #include <algorithm>
 
 namespace compare {
@@ -13,7 +15,7 @@ constexpr unsigned kCachedFactor = 8;  // how many more cached answers than othe
 constexpr double kKib = 1024;
 
 constexpr double kZonesMax = 1.15, kLargeMax = 1.2, kSingleMax = 2, kCachedMax = 0.65, kGetMax = 0.2, kMemoryMax = 600,
-                 kCoresLeast = 1.8, kHitMax = 1, kGetToTripMax = 0.05;
+                 kCoresLeast = 1.8, kHitMax = 1, kGetToTripMax = 0.05, kIpv6Max = 1.1;
 
 std::string cell(const std::string &text) {
   return text + " | ";
@@ -32,6 +34,7 @@ double rate_alone(const Figures &figures) {
 Task Plan::task(const char *client, const Responder &responder, unsigned outstanding) const {
   Task task;
   task.client = client;
+  task.server_address = responder.address();
   task.ports = {responder.port()};
   task.responders = {responder.process()};
   task.cores = {client_core};
@@ -212,6 +215,27 @@ void measure_cores(const Plan &plan, Report *report) {
   report->add(Target{"two contexts on two cores against one",
                      "at least 1.8 × the questions a second, the responder not counting", print(spread, 2) + " ×",
                      spread.median >= kCoresLeast});
+}
+
+void measure_ipv6(const Plan &plan, Report *report) {
+  report->add("## IPv6\n\n");
+  if (!testbed::ipv6_works()) {
+    report->add("Left out: this machine has no ::1.\n\n");
+    return;
+  }
+  report->add(
+      "kavo asks the responder on either address, 1,000 questions at once, one zone.\n\n"
+      "| responder on | processor, µs a question | × 127.0.0.1 |\n| --- | ---: | ---: |\n");
+  const auto ipv4 = start_own(plan.responder_core), ipv6 = start_own(plan.responder_core, 0, "::1");
+  const std::vector<Series> all =
+      interleave({plan.task("kavo", *ipv4, kUsual), plan.task("kavo", *ipv6, kUsual)}, plan.rounds);
+  for (const Series &series : all)
+    report->add("| " + cell(series.task.server_address) + cell(print(series.spread(&Figures::processor_us), 2)) +
+                print(series.ratio_to(all[0], &Figures::processor_us), 2) + " |\n");
+  report->add("\n");
+  const bench::Spread ratio = all[1].ratio_to(all[0], &Figures::processor_us);
+  report->add(Target{"1,000 outstanding, 1 host thread, one zone, the responder on ::1: processor time a question",
+                     "at most 1.1 × the case on 127.0.0.1", print(ratio, 2) + " ×", ratio.median <= kIpv6Max});
 }
 
 }  // namespace compare

@@ -36,6 +36,7 @@ void measure_single(const Plan &plan, Report *report);
 void measure_cached(const Plan &plan, Report *report);
 void measure_memory(const Plan &plan, Report *report);
 void measure_cores(const Plan &plan, Report *report);
+void measure_ipv6(const Plan &plan, Report *report);
 
 inline constexpr Case kCases[] = {
     {"table", "every client, 1 to 10,000 questions at once, two responders", measure_table},
@@ -46,6 +47,7 @@ inline constexpr Case kCases[] = {
     {"cached", "answers from the cache", measure_cached},
     {"memory", "memory of a question", measure_memory},
     {"cores", "two contexts on two cores", measure_cores},
+    {"ipv6", "::1 beside 127.0.0.1", measure_ipv6},
 };
 
 }  // namespace compare

@@ -22,7 +22,9 @@ namespace compare {
 // Task is what a client is to do.
 struct Task {
   std::string client = "kavo";
-  std::vector<unsigned> ports;    // responders of 127.0.0.1: worker t asks the one at place t, going round
+  // The address of all responders; c-ares and libunbound ask 127.0.0.1 alone.
+  std::string server_address = "127.0.0.1";
+  std::vector<unsigned> ports;    // responders: worker t asks the one at place t, going round
   std::vector<pid_t> responders;  // their processes, whose processor time is taken as well; may be empty
   std::vector<unsigned> cores;    // worker t runs on the one at place t, going round; none: anywhere
   unsigned outstanding = 1000;    // questions at once, of all workers together, but at least one a worker

@@ -24,7 +24,7 @@ bool is_answered(const KAVO_ANSWER &answer, uint32_t address, bool from_cache) {
   return true;
 }
 
-Context::Context(const Task &task, uint16_t port) : port_(port) {
+Context::Context(const Task &task, uint16_t port) : server_(testbed::socket_address(task.server_address, port)) {
   const int cache_bytes = static_cast<int>(task.subjects * kCacheBytesEach);
   must(kavo_init_ext(&kavo_, table_size(task), cache_bytes, static_cast<int>(task.zones), 0), "kavo_init_ext");
   must(kavo_set_opt(kavo_, KAVOOPT_TIMEOUT, kTimeoutS), "timeout");
@@ -32,17 +32,13 @@ Context::Context(const Task &task, uint16_t port) : port_(port) {
   for (unsigned n = 0; n < task.zones; ++n)
     must(kavo_add_zone(kavo_, KAVOT_BL_IP, bench::zone(n).c_str()), "kavo_add_zone");
   must(kavo_add_dns_server(kavo_, nullptr, 0), "kavo_add_dns_server");
-  must(kavo_add_dns_server(kavo_, "127.0.0.1", port), "kavo_add_dns_server");
+  must(kavo_add_dns_server(kavo_, task.server_address.c_str(), port), "kavo_add_dns_server");
   must(kavo_open(kavo_), "kavo_open");
 }
 
 uint64_t Context::packets_sent() const {
-  sockaddr_in server = {};
-  server.sin_family = AF_INET;
-  server.sin_port = htons(port_);
-  server.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   uint64_t sent = 0;
-  must(kavo_get_serv_nqsent(kavo_, reinterpret_cast<const sockaddr *>(&server), &sent), "kavo_get_serv_nqsent");
+  must(kavo_get_serv_nqsent(kavo_, reinterpret_cast<const sockaddr *>(&server_), &sent), "kavo_get_serv_nqsent");
   return sent;
 }
 

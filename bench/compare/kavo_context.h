@@ -2,6 +2,7 @@
 #ifndef KAVO_BENCH_COMPARE_KAVO_CONTEXT_H
 #define KAVO_BENCH_COMPARE_KAVO_CONTEXT_H
 
+#include <hand_server.h>
 #include <kavo.h>
 #include <library.h>
 
@@ -35,7 +36,7 @@ class Context {
 
  private:
   KAVO kavo_ = nullptr;
-  uint16_t port_;
+  sockaddr_storage server_;
 };
 
 }  // namespace compare

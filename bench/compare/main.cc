@@ -78,15 +78,17 @@ int main(int argc, char **argv) {
   compare::Task task;
   std::vector<std::string> only;
   std::string directory;
+  std::string address = "127.0.0.1";
   unsigned hold = 0;
   compare::describe_plan(&app, &plan, &only, &directory);
   CLI::App *ask = app.add_subcommand("ask", "one measurement: a client asks a responder; prints what it took");
   compare::describe(ask, &task);
   CLI::App *respond = app.add_subcommand("respond", "the responder, until it is ended");
+  respond->add_option("--address", address, "where it listens")->capture_default_str();
   respond->add_option("--hold", hold, "answer the first so many questions when all of them have come");
   CLI11_PARSE(app, argc, argv);
   try {
-    if (respond->parsed()) compare::respond(hold);
+    if (respond->parsed()) compare::respond(address, hold);
     if (ask->parsed()) {
       std::cout << compare::to_text(compare::perform(task));
       return 0;

@@ -103,7 +103,7 @@ class Batch {
   unsigned count_ = 0;
   std::array<std::array<uint8_t, kPacketMax>, kBatch> packets_;
   std::array<iovec, kBatch> parts_;
-  std::array<sockaddr_in, kBatch> peers_;
+  std::array<sockaddr_in6, kBatch> peers_;  // of either family
   std::array<mmsghdr, kBatch> queries_;
   Runs answers_;
 };
@@ -116,16 +116,19 @@ uint16_t port_of(testbed::Process *process) {
 
 class Own : public Responder {
  public:
-  Own(unsigned core, unsigned hold)
-      : pinned_(std::make_unique<bench::Pinned>(core)),
-        process_({self(), "respond", "--hold", std::to_string(hold)}),
+  Own(unsigned core, unsigned hold, const std::string &address)
+      : address_(address),
+        pinned_(std::make_unique<bench::Pinned>(core)),
+        process_({self(), "respond", "--address", address, "--hold", std::to_string(hold)}),
         port_(port_of(&process_)) {
     pinned_.reset();
   }
+  [[nodiscard]] std::string address() const override { return address_; }
   [[nodiscard]] uint16_t port() const override { return port_; }
   [[nodiscard]] pid_t process() const override { return process_.pid(); }
 
  private:
+  std::string address_;
   std::unique_ptr<bench::Pinned> pinned_;  // while the process starts
   testbed::Process process_;
   uint16_t port_;
@@ -171,9 +174,9 @@ std::string self() {
   return std::filesystem::read_symlink("/proc/self/exe");
 }
 
-void respond(unsigned hold) {
-  UdpSocket socket;
-  std::printf("listening on 127.0.0.1:%u\n", socket.port());
+void respond(const std::string &address, unsigned hold) {
+  UdpSocket socket(address);
+  std::printf("listening on %s:%u\n", address.c_str(), socket.port());
   std::fflush(stdout);
   std::vector<std::unique_ptr<Batch>> held;
   for (unsigned queries = 0; queries < hold;) {
@@ -190,8 +193,8 @@ void respond(unsigned hold) {
     (void)batch.receive(socket.fd());
 }
 
-std::unique_ptr<Responder> start_own(unsigned core, unsigned hold) {
-  return std::make_unique<Own>(core, hold);
+std::unique_ptr<Responder> start_own(unsigned core, unsigned hold, const std::string &address) {
+  return std::make_unique<Own>(core, hold, address);
 }
 
 std::unique_ptr<Responder> start_rbldnsd(unsigned core) {

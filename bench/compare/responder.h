@@ -13,9 +13,9 @@
 namespace compare {
 
 // respond answers queries about any zone until the process is ended: an A record for listed addresses, for all others a
-// negative answer with the zone's SOA. It prints "listening on 127.0.0.1:PORT" first. With `hold` above 0 it answers
-// the first `hold` queries when all of them have come, not before.
-[[noreturn]] void respond(unsigned hold);
+// negative answer with the zone's SOA. It prints "listening on ADDRESS:PORT" first. With `hold` above 0 it answers the
+// first `hold` queries when all of them have come, not before.
+[[noreturn]] void respond(const std::string &address, unsigned hold);
 
 // self returns the path of this program, which runs itself again for each of its processes.
 [[nodiscard]] std::string self();
@@ -24,12 +24,14 @@ namespace compare {
 class Responder {
  public:
   virtual ~Responder() = default;
+  [[nodiscard]] virtual std::string address() const { return "127.0.0.1"; }
   [[nodiscard]] virtual uint16_t port() const = 0;
   [[nodiscard]] virtual pid_t process() const = 0;
 };
 
 // They keep the process on one core and throw std::runtime_error when it does not start.
-[[nodiscard]] std::unique_ptr<Responder> start_own(unsigned core, unsigned hold = 0);
+[[nodiscard]] std::unique_ptr<Responder> start_own(unsigned core, unsigned hold = 0,
+                                                   const std::string &address = "127.0.0.1");
 [[nodiscard]] std::unique_ptr<Responder> start_rbldnsd(unsigned core);
 
 }  // namespace compare

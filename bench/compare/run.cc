@@ -84,6 +84,7 @@ std::vector<std::string> argv_of(const Task &task) {
   std::vector<std::string> argv = {self(),
                                    "ask",
                                    task.client,
+                                   "--address=" + task.server_address,
                                    list("--port", task.ports),
                                    "--outstanding=" + std::to_string(task.outstanding),
                                    "--threads=" + std::to_string(task.threads),
@@ -142,10 +143,10 @@ std::vector<std::string> client_names() {
 
 void describe(CLI::App *app, Task *task) {
   app->add_option("CLIENT", task->client, "who asks")->required()->check(CLI::IsMember(client_names()));
-  app->add_option("--port", task->ports, "responders' ports on 127.0.0.1")
-      ->required()
-      ->check(CLI::Range(1, 65535))
-      ->delimiter(',');
+  app->add_option("--address", task->server_address,
+                  "responders' address; c-ares and libunbound take the default alone")
+      ->capture_default_str();
+  app->add_option("--port", task->ports, "responders' ports")->required()->check(CLI::Range(1, 65535))->delimiter(',');
   app->add_option("--responder", task->responders, "their processes")->delimiter(',');
   app->add_option("--core", task->cores, "where the workers run")->delimiter(',');
   app->add_option("--outstanding", task->outstanding, "questions at once")

@@ -9,11 +9,11 @@
 
 namespace compare {
 
-void Runs::lay_out(std::span<const iovec> packets, sockaddr_in *peers) {
+void Runs::lay_out(std::span<const iovec> packets, sockaddr_in6 *peers) {
   std::array<uint8_t, kBatch> order;
   std::iota(order.begin(), order.end(), uint8_t{0});
   const auto key = [&](uint8_t i) {
-    return std::pair(peers == nullptr ? in_port_t{0} : peers[i].sin_port, packets[i].iov_len);
+    return std::pair(peers == nullptr ? in_port_t{0} : peers[i].sin6_port, packets[i].iov_len);
   };
   const auto total = static_cast<unsigned>(packets.size());
   std::stable_sort(order.begin(), order.begin() + total, [&](uint8_t a, uint8_t b) { return key(a) < key(b); });
@@ -36,7 +36,7 @@ unsigned Runs::send(int fd) {
   return refused;
 }
 
-void Runs::add(sockaddr_in *peer, std::span<iovec> parts) {
+void Runs::add(sockaddr_in6 *peer, std::span<iovec> parts) {
   Control &room = controls_[count_];
   msghdr &message = messages_[count_++].msg_hdr;
   message = {};

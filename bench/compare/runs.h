@@ -17,8 +17,9 @@ inline constexpr unsigned kBatch = 64;  // packets of one system call each way
 class Runs {
  public:
   // lay_out brings up to kBatch packets into order, those of no bytes left out. `peers` tells where each is going, null
-  // on a connected socket. Packets and peers stay the caller's, and are sent from where they are.
-  void lay_out(std::span<const iovec> packets, sockaddr_in *peers);
+  // on a connected socket; an IPv4 address takes the first bytes of its peer. Packets and peers stay the caller's, and
+  // are sent from where they are.
+  void lay_out(std::span<const iovec> packets, sockaddr_in6 *peers);
 
   // send returns how many of the runs the system refused.
   unsigned send(int fd);
@@ -28,7 +29,7 @@ class Runs {
     alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(uint16_t))> bytes;
   };
 
-  void add(sockaddr_in *peer, std::span<iovec> parts);
+  void add(sockaddr_in6 *peer, std::span<iovec> parts);
 
   unsigned count_ = 0;
   std::array<iovec, kBatch> sorted_;

@@ -2,12 +2,13 @@
 #ifndef KAVO_BENCH_COMPARE_SOCKET_H
 #define KAVO_BENCH_COMPARE_SOCKET_H
 
-#include <arpa/inet.h>
+#include <hand_server.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
+#include <string>
 #include <system_error>
 
 namespace compare {
@@ -21,19 +22,20 @@ inline void grow_buffer(int fd) {
     (void)setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &kSocketBuffer, sizeof kSocketBuffer);
 }
 
-// UdpSocket is bound to a free port of 127.0.0.1, and connected to `peer` unless that is 0.
+// UdpSocket is bound to a free port of `address`, and connected to its port `peer` unless that is 0.
 class UdpSocket {
  public:
-  explicit UdpSocket(uint16_t peer = 0) : fd_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in local = loopback(0), remote = loopback(peer);
+  explicit UdpSocket(const std::string &address, uint16_t peer = 0) {
+    sockaddr_storage local = testbed::socket_address(address, 0), remote = testbed::socket_address(address, peer);
     socklen_t size = sizeof local;
+    fd_ = ::socket(local.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd_ < 0 || bind(fd_, reinterpret_cast<sockaddr *>(&local), size) != 0 ||
         getsockname(fd_, reinterpret_cast<sockaddr *>(&local), &size) != 0 ||
         (peer != 0 && (connect(fd_, reinterpret_cast<sockaddr *>(&remote), size) != 0 ||
                        setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &kTimeout, sizeof kTimeout) != 0)))
       throw std::system_error(errno, std::generic_category(), "socket");
     grow_buffer(fd_);
-    port_ = ntohs(local.sin_port);
+    port_ = testbed::port_of(local);
   }
   ~UdpSocket() {
     if (fd_ >= 0) close(fd_);
@@ -45,15 +47,7 @@ class UdpSocket {
   [[nodiscard]] uint16_t port() const { return port_; }
 
  private:
-  static sockaddr_in loopback(uint16_t port) {
-    sockaddr_in place{};
-    place.sin_family = AF_INET;
-    place.sin_port = htons(port);
-    place.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return place;
-  }
-
-  int fd_;
+  int fd_ = -1;
   uint16_t port_ = 0;
 };
 
