@@ -2,6 +2,7 @@
 #include "rto.h"
 
 #include <algorithm>
+#include <bit>
 
 #include "arrival.h"
 #include "candidates.h"
@@ -9,6 +10,18 @@
 #include "move.h"
 
 namespace dns {
+namespace {
+
+// places_of returns the set of the query's servers that have an address.
+uint32_t places_of(const dns_query *q, const Address &address) {
+  const auto servers = servers_of(q);
+  uint32_t set = 0;
+  for (unsigned i = 0; i < servers.size(); ++i)
+    if (servers[i]->address == address) set |= bit(i);
+  return set;
+}
+
+}  // namespace
 
 int64_t attempt_timeout_us(const dns_query *q) {
   const dns_ctx *ctx = q->ctx;
@@ -51,27 +64,22 @@ bool rearm(dns_query *q) {
 }
 
 uint32_t answering(const dns_query *q, const Address &peer) {
-  const auto servers = servers_of(q);
-  uint32_t set = 0;
-  for (unsigned i = 0; i < servers.size(); ++i)
-    if (servers[i]->address == peer) set |= bit(i);
+  const uint32_t set = places_of(q, peer);
   return set != 0 ? set : bit(q->attempt.server);
 }
 
 void measure(dns_query *q, const Arrival &arrival) {
   dns_ctx *ctx = q->ctx;
-  const Address &peer = *arrival.peer;
-  const auto servers = servers_of(q);
-  Server *present = present_server(q);
-  const auto found = std::ranges::find_if(servers, [&peer](const Server *s) { return s->address == peer; });
-  Server *server = present->address == peer || found == servers.end() ? present : *found;
+  const uint32_t places = places_of(q, *arrival.peer), present = bit(q->attempt.server);
+  const bool from_present = places == 0 || (places & present) != 0;
+  Server *server = from_present ? present_server(q) : servers_of(q)[static_cast<size_t>(std::countr_zero(places))];
   server->used.fetch_add(1, std::memory_order_relaxed);
   server->heard(ctx->now_us);
   // Over TCP the time includes opening the connection, or waiting for other queries.
-  if (!arrival.by_udp() || !(server->address == peer)) return;
+  if (!arrival.by_udp() || places == 0) return;
   // A server that is in the list twice may answer the packet sent to either place.
-  const bool once = (answering(q, peer) & q->attempt.asked & ~bit(q->attempt.server)) == 0;
-  const bool sure = server == present && q->attempt.round == 0 && once;
+  const bool once = (places & q->attempt.asked & ~present) == 0;
+  const bool sure = from_present && q->attempt.round == 0 && once;
   // After a retransmission the answer may belong to an earlier packet (Karn's rule), and only the time since the first
   // packet is sure to include its round trip. That time counts if it is above the estimate and no clear measurement has
   // come in since. Otherwise a server that has become slower than its RTO would never be measured again and always be

@@ -43,11 +43,14 @@ unsigned collect(dns_ctx *ctx, int slot, unsigned room, const Server *only) {
     base::prefetch_after<dns_query>(q);
     const bool is_new = q->attempt.slot == UdpPool::kNone;
     if (q->attempt.over_tcp || is_new != fresh || (!is_new && q->attempt.slot != slot)) break;
-    if (present_server(q)->marked_down()) turn_away(q);
     const Server *server = present_server(q);
-    const bool leaves =
-        is_new && only != nullptr ? only_server(q) == only : ctx->sockets.reaches(slot, server->address);
-    if (!leaves || (is_new && only == nullptr && only_server(q) != nullptr)) break;
+    if (server->marked_down()) {
+      turn_away(q);
+      server = present_server(q);
+    }
+    if (is_new && only_server(q) != only) break;
+    // A slot for `only` was picked for its address.
+    if ((!is_new || only == nullptr) && !ctx->sockets.reaches(slot, server->address)) break;
     if (is_new && q->attempt.former_slot == UdpPool::kNone && !new_id(q)) break;
     Datagram &datagram = buffers->out[count];
     datagram.data = buffers->queries[count];
