@@ -1,7 +1,9 @@
 // tool_test.cc - the command `kavo` in a shell, against the list server: what it prints, and its exit status.
 #include <gtest/gtest.h>
+#include <hand_server.h>
 #include <kavo.h>
 #include <list_server.h>
+#include <name_daemons.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -165,6 +167,21 @@ TEST_F(ToolTest, EveryServerIsAskedWhenTheOthersAreDead) {
   EXPECT_EQ(testbed::run(argv).status, 1);
 }
 
+TEST_F(ToolTest, ServersOfIpv6AreAskedInEveryForm) {
+  if (!testbed::ipv6_works()) GTEST_SKIP() << "this machine has no ::1";
+  const auto daemon = testbed::start_rbldnsd({{"six.test", "ip4set", "192.0.2.10 :127.0.0.6:six\n"}}, "::1");
+  const std::string port = std::to_string(daemon->port());
+  for (const std::string &server : {"[::1]:" + port, "[0:0::1]:" + port, "[::]:" + port}) {
+    const Result result = testbed::run({KAVO_TOOL, "check", "--server", "127.0.0.2:9", "--server", server, "--timeout",
+                                        "200", "--zone", "six.test", "192.0.2.10"});
+    EXPECT_EQ(result.status, 1) << server << result.err;
+    EXPECT_NE(result.out.find("127.0.0.6"), std::string::npos) << result.out;
+  }
+  for (const char *server : {"::1", "fe80::1%lo"})
+    EXPECT_NE(testbed::run({KAVO_TOOL, "query", "--server", server, "--timeout", "1", "six.test"}).status, 64)
+        << server;
+}
+
 // Nothing of the library may take the place of a standard stream that the caller closed.
 TEST_F(ToolTest, ClosedStreamsAreFaultsAndNotSockets) {
   const std::string command = KAVO_TOOL " check --server " + address_ + " --zone one.test ";
@@ -244,10 +261,17 @@ TEST_F(ToolTest, FaultsOfTheCommandLineAreOneLineWithStatus64) {
       {{"--zones", crlf, "192.0.2.1"}, "carriage return"},
       {{"--zones", label, "192.0.2.1"}, "line 2"},
       {{"--zone", "a..b", "192.0.2.1"}, "is no zone name"},
-      {{zone, "--server", "localhost", "192.0.2.1"}, "is no IPv4 address"},
+      {{zone, "--server", "localhost", "192.0.2.1"}, "\"localhost\" is no IP address"},
       {{zone, "--server", "127.0.0.1:65536", "192.0.2.1"}, "port"},
       {{zone, "--server", "127.0.0.1:", "192.0.2.1"}, "port"},
-      {{zone, "--server", "::1", "192.0.2.1"}, "only IPv4"},
+      {{zone, "--server", "[::1]:", "192.0.2.1"}, "port"},
+      {{zone, "--server", "[::1]5300", "192.0.2.1"}, "port"},
+      {{zone, "--server", "[::1:5300", "192.0.2.1"}, "brackets"},
+      {{zone, "--server", "[127.0.0.1]:5300", "192.0.2.1"}, "brackets"},
+      {{zone, "--server", "2001:db8::g", "192.0.2.1"}, "\"2001:db8::g\" is no IP address"},
+      {{zone, "--server", "2001:db8::1%lo", "192.0.2.1"}, "only a link-local address"},
+      {{zone, "--server", "fe80::1", "192.0.2.1"}, "needs its interface"},
+      {{zone, "--server", "[fe80::1%no-such]:5300", "192.0.2.1"}, "\"fe80::1%no-such\" names an interface"},
       {{zone, "--timeout", "0", "192.0.2.1"}, "timeout"},
       {{zone, "--unknown", "192.0.2.1"}, "--unknown"},
       {{zone, "192.0.2.256"}, "neither an address nor a domain name"},

@@ -46,8 +46,10 @@ constexpr const char *kCacheShowFooter =
 
 void describe_network(CLI::App *command, Network *network) {
   command
-      ->add_option("--server", network->servers,
-                   "a DNS server to ask, ADDRESS[:PORT]; may be repeated; without it the system's servers are asked")
+      ->add_option(
+          "--server", network->servers,
+          "a DNS server to ask, ADDRESS[:PORT], or [ADDRESS]:PORT for IPv6; may be repeated; without it the system's "
+          "servers are asked")
       ->allow_extra_args(false);
   command
       ->add_option("--timeout", network->timeout_ms,

@@ -1,8 +1,11 @@
 #include "session.h"
 
+#include <arpa/inet.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
+#include <string_view>
 
 #include "subject.h"
 
@@ -19,22 +22,38 @@ struct ServerAddress {
   unsigned port;  // 0: the library's default
 };
 
+// parse_port returns the port that follows a server's address, with its colon; 0 where nothing does.
+unsigned parse_port(std::string_view rest, const std::string &name) {
+  if (rest.empty()) return 0;
+  const char *begin = rest.data() + 1, *end = rest.data() + rest.size();
+  unsigned port = 0;
+  const auto [stop, error] = std::from_chars(begin, end, port);
+  if (rest[0] != ':' || error != std::errc() || stop != end || port < 1 || port > kPortMax)
+    throw Usage{name + ": the port must be a number from 1 to " + std::to_string(kPortMax)};
+  return port;
+}
+
+// parse_server reads ADDRESS[:PORT]. An IPv6 address with a port is in brackets.
 ServerAddress parse_server(const std::string &text) {
   const std::string name = "server " + quoted(text);
   const size_t colon = text.find(':');
-  if (colon != text.rfind(':') || text.starts_with("["))
-    throw Usage{name + ": only IPv4 addresses of servers are supported"};
-  ServerAddress server{text.substr(0, colon), 0};
-  in_addr ignored;
-  if (kavo_dns_ptoa4(server.address.c_str(), &ignored) <= 0)
-    throw Usage{name + ": " + quoted(server.address) + " is no IPv4 address"};
-  if (colon == std::string::npos) return server;
-  const char *begin = text.data() + colon + 1, *end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(begin, end, server.port);
-  if (error != std::errc() || stop != end || server.port < 1 || server.port > kPortMax) {
-    throw Usage{name + ": the port must be a number from 1 to " + std::to_string(kPortMax)};
+  if (text.starts_with('[')) {
+    const size_t bracket = text.find(']');
+    if (bracket == std::string::npos || colon > bracket) throw Usage{name + ": brackets must hold an IPv6 address"};
+    return {text.substr(1, bracket - 1), parse_port(std::string_view(text).substr(bracket + 1), name)};
   }
-  return server;
+  if (colon == std::string::npos || colon != text.rfind(':')) return {text, 0};
+  return {text.substr(0, colon), parse_port(std::string_view(text).substr(colon), name)};
+}
+
+// fault_of returns what is wrong with an address that the library takes for none.
+std::string fault_of(const std::string &address) {
+  const size_t percent = address.find('%');
+  in6_addr bare;
+  if (inet_pton(AF_INET6, address.substr(0, percent).c_str(), &bare) != 1) return "is no IP address";
+  if (!IN6_IS_ADDR_LINKLOCAL(&bare)) return "names an interface, which only a link-local address does";
+  return percent == std::string::npos ? "is link-local and needs its interface, as in fe80::1%eth0"
+                                      : "names an interface that does not exist";
 }
 
 // attempts_of returns how many attempts a query has: each server gets one at least.
@@ -47,7 +66,10 @@ void set_servers(const Network &network, KAVO kavo) {
   must(kavo_add_dns_server(kavo, nullptr, 0), "cannot replace the servers");
   for (const std::string &text : network.servers) {
     const ServerAddress server = parse_server(text);
-    must(kavo_add_dns_server(kavo, server.address.c_str(), server.port), "cannot add a server");
+    const KAVO_ERR error = kavo_add_dns_server(kavo, server.address.c_str(), server.port);
+    if (error == KAVOE_BADPAR)
+      throw Usage{"server " + quoted(text) + ": " + quoted(server.address) + " " + fault_of(server.address)};
+    must(error, "cannot add a server");
   }
 }
 

@@ -27,7 +27,7 @@ inline constexpr size_t kWindow = 1024;  // subjects asked about at once: bounds
 
 // Network is how servers are asked.
 struct Network {
-  std::vector<std::string> servers;  // ADDRESS[:PORT]; empty: the system's
+  std::vector<std::string> servers;  // ADDRESS[:PORT] or [ADDRESS]:PORT; empty: the system's
   unsigned timeout_ms = kTimeoutMs;  // of one attempt
   bool trace = false;
 };

@@ -12,9 +12,6 @@
 namespace tool {
 namespace {
 
-constexpr size_t kNibbles = 32;
-constexpr unsigned kNibbleBits = 4;
-constexpr unsigned kNibbleMask = 0xf;
 constexpr std::string_view kMarks = "!\"#$%&'()*+,/:;<=>?@[]^`{|}~";
 constexpr size_t kQuotedMax = 300;  // bytes of a text that a message repeats: every name, and no endless line
 constexpr size_t kMappedAt = 12;    // where the IPv4 address is in a mapped one (RFC 4291, 2.5.5.2)
@@ -30,14 +27,7 @@ void set_ip4(const in_addr &address, Subject *subject) {
 
 void set_ip6(const in6_addr &address, Subject *subject) {
   subject->kind = Kind::ip6;
-  auto at = subject->dn.begin();
-  for (size_t nibble = kNibbles; nibble-- > 0;) {
-    const unsigned byte = address.s6_addr[nibble / 2];
-    *at++ = 1;
-    *at++ =
-        static_cast<unsigned char>("0123456789abcdef"[(nibble % 2 == 0 ? byte >> kNibbleBits : byte) & kNibbleMask]);
-  }
-  *at = 0;
+  if (kavo_dns_a6todn(&address, subject->dn.data(), DNS_MAXDN) <= 0) refuse(subject->text, "cannot be reversed");
 }
 
 void set_domain(Subject *subject) {
