@@ -175,6 +175,8 @@ TEST_F(LifecycleTest, SubscriptionsCheckTheirArguments) {
               kavo_subscribe_node_dn(nullptr, KAVOT_DNS_A, root, 0, nullptr, &node),
               kavo_subscribe_node_serv(nullptr, KAVOT_DNS_A, root, nullptr, 0, nullptr, &node),
               kavo_subscribe_node_dcache(nullptr, KAVOT_DNS_A, root, nullptr, nullptr, &node),
+              kavo_subscribe_node_serv_ss(nullptr, KAVOT_DNS_A, root, nullptr, 0, 0, nullptr, &node),
+              kavo_subscribe_node_dcache_ss(nullptr, KAVOT_DNS_A, root, nullptr, 0, nullptr, &node),
               kavo_subscribe_syncnode(nullptr, nullptr, &node), kavo_subscribe_syncnode(host, nullptr, nullptr)});
   EXPECT_EQ(kavo_nactive(host), 0u) << "no failure leaves a node held";
 
@@ -217,6 +219,14 @@ TEST_F(LifecycleTest, SubscriptionsCheckTheirArguments) {
   EXPECT_TRUE(std::equal(dn.begin(), dn.begin() + 10, expected.begin()));
   EXPECT_EQ(kavo_dns_dntodn(expected.data(), dn.data(), 24), 24U);
   EXPECT_EQ(kavo_node_type(host, pointer), KAVOT_DNS_PTR);
+
+  in6_addr address6;
+  ASSERT_EQ(inet_pton(AF_INET6, "2001:db8:123:4567:89ab:cdef::1", &address6), 1);
+  const char *nibbles = "1.0.0.0.0.0.0.0.f.e.d.c.b.a.9.8.7.6.5.4.3.2.1.0.8.b.d.0.1.0.0.2";
+  ASSERT_EQ(kavo_dns_ptodn(nibbles, 0, expected.data(), expected.size()), 65);
+  EXPECT_EQ(kavo_dns_a6todn(&address6, dn.data(), 64), 0);
+  ASSERT_EQ(kavo_dns_a6todn(&address6, dn.data(), 65), 65);
+  EXPECT_TRUE(std::equal(dn.begin(), dn.begin() + 65, expected.begin()));
 }
 
 TEST_F(LifecycleTest, EveryOperationTakesNullsCalmly) {
@@ -231,16 +241,26 @@ TEST_F(LifecycleTest, EveryOperationTakesNullsCalmly) {
   unsigned char byte = 0;
   const sockaddr_in unknown = loopback(1);
   const auto *address = reinterpret_cast<const sockaddr *>(&unknown);
-  expect_all(KAVOE_BADPAR,
-             {kavo_open(nullptr), kavo_close(nullptr), kavo_free(nullptr), kavo_set_opt(nullptr, KAVOOPT_NTRIES, 1),
-              static_cast<KAVO_ERR>(kavo_set_srvstate_chg_cb(nullptr, nullptr, nullptr)),
-              static_cast<KAVO_ERR>(kavo_nactive(nullptr)), kavo_set_ext_cache(nullptr, KAVOCT_ANS, nullptr),
-              static_cast<KAVO_ERR>(kavo_set_cost_zone(nullptr, "x")),
-              static_cast<KAVO_ERR>(kavo_add_expserv(nullptr, nullptr)), kavo_set_cookies(nullptr, 1),
-              kavo_add_zone(nullptr, KAVOT_BL_IP, "x"), kavo_add_dns_server(nullptr, "127.0.0.1", 0),
-              kavo_get_dns_servers(host, nullptr, nullptr), kavo_get_serv_avgrtt(nullptr, address, &value),
-              kavo_get_serv_nused(host, address, &big), kavo_get_serv_lastrtt(host, nullptr, &value),
-              kavo_get_serv_nqsent(host, address, nullptr)});
+  expect_all(KAVOE_BADPAR, {kavo_open(nullptr),
+                            kavo_close(nullptr),
+                            kavo_free(nullptr),
+                            kavo_set_opt(nullptr, KAVOOPT_NTRIES, 1),
+                            static_cast<KAVO_ERR>(kavo_set_srvstate_chg_cb(nullptr, nullptr, nullptr)),
+                            static_cast<KAVO_ERR>(kavo_nactive(nullptr)),
+                            kavo_set_ext_cache(nullptr, KAVOCT_ANS, nullptr),
+                            static_cast<KAVO_ERR>(kavo_set_cost_zone(nullptr, "x")),
+                            static_cast<KAVO_ERR>(kavo_add_expserv(nullptr, nullptr)),
+                            kavo_set_cookies(nullptr, 1),
+                            kavo_add_zone(nullptr, KAVOT_BL_IP, "x"),
+                            kavo_add_dns_server(nullptr, "127.0.0.1", 0),
+                            kavo_get_dns_servers(host, nullptr, nullptr),
+                            kavo_get_dns_servers_ss(host, nullptr, nullptr),
+                            kavo_get_dns_servers_ss(nullptr, nullptr, nullptr),
+                            kavo_add_expserv_s(nullptr, address),
+                            kavo_get_serv_avgrtt(nullptr, address, &value),
+                            kavo_get_serv_nused(host, address, &big),
+                            kavo_get_serv_lastrtt(host, nullptr, &value),
+                            kavo_get_serv_nqsent(host, address, nullptr)});
   EXPECT_EQ(kavo_get_ext_cache(nullptr, KAVOCT_ANS), nullptr);
   expect_all<const char *>(nullptr, {kavo_zonesmap_zone(nullptr, 0), kavo_zonesmap_zone(host, -1)});
 

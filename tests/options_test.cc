@@ -36,28 +36,50 @@ std::string the_answer(KAVO kavo, const Node &node) {
   return texts.size() == 1 ? texts[0] : "not one answer";
 }
 
+// believed returns the answer that a host believes: another's, which is faster, or its server's.
+std::string believed(Host *host, const HandServer &server, const HandServer &other) {
+  host->open();
+  const Node node(*host, KAVOT_DNS_A, "who.example");
+  const HandServer::Query query = server.receive();
+  other.answer(query, 66);
+  server.answer(query, 2);
+  const std::string answer = the_answer(*host, node);
+  EXPECT_EQ(kavo_close(*host), KAVOE_OK);
+  return answer;
+}
+
 TEST_F(OptionsTest, OnlyExpectedStrangersAreBelieved) {
   const HandServer server, expected("127.0.0.9"), stranger("127.0.0.8");
   Host host;
   host.server(server.port()).long_timeout();
-  // The answer that the host believes: the stranger's, which is faster, or its server's.
-  const auto believed = [&](const HandServer &other) {
-    host.open();
-    const Node node(host, KAVOT_DNS_A, "who.example");
-    const HandServer::Query query = server.receive();
-    other.answer(query, 66);
-    server.answer(query, 2);
-    const std::string answer = the_answer(host, node);
-    EXPECT_EQ(kavo_close(host), KAVOE_OK);
-    return answer;
-  };
-  EXPECT_EQ(believed(expected), "127.0.0.2") << "a fresh context expects no stranger";
+  EXPECT_EQ(believed(&host, server, expected), "127.0.0.2") << "a fresh context expects no stranger";
   const in_addr address{htonl(INADDR_LOOPBACK + 8)};
   ASSERT_EQ(kavo_add_expserv(host, &address), 0);
-  EXPECT_EQ(believed(expected), "127.0.0.66");
-  EXPECT_EQ(believed(stranger), "127.0.0.2");
+  EXPECT_EQ(believed(&host, server, expected), "127.0.0.66");
+  EXPECT_EQ(believed(&host, server, stranger), "127.0.0.2");
   ASSERT_EQ(kavo_add_expserv(host, nullptr), 0);
-  EXPECT_EQ(believed(expected), "127.0.0.2");
+  EXPECT_EQ(believed(&host, server, expected), "127.0.0.2");
+}
+
+TEST_F(OptionsTest, OnlyExpectedStrangersOfIpv6AreBelieved) {
+  if (!ipv6_works()) GTEST_SKIP() << "this machine has no ::1";
+  const HandServer server("::1"), expected("::1"), stranger("::1");
+  Host host;
+  host.server(server.port(), "::1").long_timeout();
+  const auto expect = [&host](const char *address, uint16_t port) {
+    const sockaddr_storage place = socket_address(address, port);
+    ASSERT_EQ(kavo_add_expserv_s(host, reinterpret_cast<const sockaddr *>(&place)), KAVOE_OK);
+  };
+  expect("::2", 0);
+  expect("127.0.0.1", 0);
+  EXPECT_EQ(believed(&host, server, expected), "127.0.0.2") << "not even from its server's address";
+  expect("::1", expected.port());
+  EXPECT_EQ(believed(&host, server, expected), "127.0.0.66");
+  EXPECT_EQ(believed(&host, server, stranger), "127.0.0.2");
+  expect("::1", 0);
+  EXPECT_EQ(believed(&host, server, stranger), "127.0.0.66");
+  ASSERT_EQ(kavo_add_expserv_s(host, nullptr), KAVOE_OK);
+  EXPECT_EQ(believed(&host, server, expected), "127.0.0.2");
 }
 
 // Cookies and the rotation of servers are bits of one option of the engine's.

@@ -56,7 +56,7 @@ struct Traced : Host {
   std::vector<int> records;    // to be read when everything is answered
 };
 
-class TreeTest : public HostTest {
+class WalkTest : public HostTest {
  protected:
   static std::string zone(const std::string &records) { return kSoa + records; }
 
@@ -66,6 +66,10 @@ class TreeTest : public HostTest {
   }
 
   const uint16_t port_ = free_udp_port();
+};
+
+class TreeTest : public WalkTest {
+ protected:
   std::unique_ptr<NameDaemon> root_ =
       start_nsd({{".", zone("@ NS ns.root.\nns.root. A 127.0.0.1\ntest. NS ns.test.\nns.test. A 127.0.0.2\n")}},
                 "127.0.0.1", port_);
@@ -157,6 +161,28 @@ TEST_F(TreeTest, AResolverIsAskedForWhatItHolds) {
     EXPECT_EQ(host.by_udp - before, row.packets);
     EXPECT_EQ(kavo_unsubscribe_node(host, node), KAVOE_OK);
   }
+}
+
+// The servers of a zone have addresses of one family.
+TEST_F(WalkTest, TheFamiliesAlternateOnTheWayDown) {
+  if (!ipv6_works()) GTEST_SKIP() << "this machine has no ::1";
+  const auto root = start_nsd({{".", zone("@ NS ns.root.\nns.root. A 127.0.0.1\ntest. NS ns.test.\n"
+                                          "ns.test. AAAA ::1\nnet. NS ns.net.\nns.net. A 127.0.0.2\n")}},
+                              "127.0.0.1", port_);
+  const auto four = start_nsd({{"net", zone("@ NS ns\nns A 127.0.0.2\nfar NS six.test.\n")},
+                               {"four.test", zone("@ NS ns\nns A 127.0.0.2\nwww A 192.0.2.2\n")}},
+                              "127.0.0.2", port_);
+  const auto six = start_nsd({{"test", zone("@ NS ns\nns AAAA ::1\nsix AAAA ::1\nwww A 192.0.2.1\n"
+                                            "four NS ns.four\nns.four A 127.0.0.2\n")},
+                              {"far.net", zone("@ NS six.test.\nwww A 192.0.2.3\n")}},
+                             "::1", port_);
+  Traced host;
+  walker(&host);
+  EXPECT_EQ(host.ask(KAVOT_DNS_A, "www.test"), "192.0.2.1 2");
+  EXPECT_EQ(host.ask(KAVOT_DNS_A, "www.four.test"), "192.0.2.2 2");
+  // The referral gives no address of the server, which has one of IPv6 alone.
+  EXPECT_EQ(host.ask(KAVOT_DNS_A, "www.far.net"), "192.0.2.3 5");
+  EXPECT_EQ(host.ask(KAVOT_DNS_TXT, "www.far.net"), "NODATA 1");
 }
 
 using Large = HostTest;

@@ -79,8 +79,8 @@ TEST_F(RunsTest, ConfigurationIsRefusedWhileAContextRunsAndWhileItCloses) {
                           static_cast<KAVO_ERR>(kavo_set_srvstate_chg_cb(host, nullptr, nullptr)),
                           kavo_zonesmap_init_cfg(host, zones.c_str()), kavo_set_ext_cache(host, KAVOCT_FULL, nullptr),
                           static_cast<KAVO_ERR>(kavo_set_cost_zone(host, "cost.list")),
-                          static_cast<KAVO_ERR>(kavo_add_expserv(host, &address)), kavo_set_cookies(host, 1),
-                          kavo_set_trace(host, nullptr, nullptr), kavo_zonesmap_init(host),
+                          static_cast<KAVO_ERR>(kavo_add_expserv(host, &address)), kavo_add_expserv_s(host, nullptr),
+                          kavo_set_cookies(host, 1), kavo_set_trace(host, nullptr, nullptr), kavo_zonesmap_init(host),
                           kavo_add_zone(host, KAVOT_BL_IP, "another.list")});
   };
   configure(KAVOE_SRV);

@@ -5,6 +5,7 @@
 #include <host_test.h>
 #include <kavo.h>
 #include <name_daemons.h>
+#include <netdb.h>
 #include <process.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -257,6 +258,9 @@ constexpr const char *kZones =
     "record ns1 A 127.0.0.11\nrecord ns1 A 127.0.0.12\nrecord ns3 A 127.0.0.13\n"
     "record www A 127.0.0.23\nrecord www A 127.0.0.21\nrecord www A 127.0.0.22\n"
     "record mail CNAME www.example.test\n"
+    "record both AAAA 2001:db8::2\nrecord both A 127.0.0.31\nrecord both AAAA 2001:db8::1\n"
+    "record six AAAA 2001:db8::6\n"
+    "record apart NS mail.example.test\nrecord apart NS six.example.test\n"
     "record blind NS ns2.example.test\nrecord blind NS nowhere.example.test\n"
     "record text TXT \"only text\"\n"
     "zone dead.test\nfault dead\n";
@@ -307,14 +311,16 @@ TEST_F(HostTraceTest, LookupHandsOutABlockOfItsOwnOrSaysWhyNot) {
 
 // The servers of a context, as "address:port" each.
 std::vector<std::string> servers_of(KAVO kavo) {
-  std::vector<sockaddr> all(64);
+  std::vector<sockaddr_storage> all(64);
   auto count = static_cast<unsigned>(all.size());
-  EXPECT_EQ(kavo_get_dns_servers(kavo, all.data(), &count), KAVOE_OK);
+  EXPECT_EQ(kavo_get_dns_servers_ss(kavo, all.data(), &count), KAVOE_OK);
   std::vector<std::string> texts;
   for (unsigned i = 0; i < count; ++i) {
-    sockaddr_in ip4;
-    std::memcpy(&ip4, &all[i], sizeof ip4);
-    texts.push_back(inet_ntoa(ip4.sin_addr) + (":" + std::to_string(ntohs(ip4.sin_port))));
+    std::array<char, NI_MAXHOST> host{}, port{};
+    EXPECT_EQ(getnameinfo(reinterpret_cast<const sockaddr *>(&all[i]), sizeof all[i], host.data(), host.size(),
+                          port.data(), port.size(), NI_NUMERICHOST | NI_NUMERICSERV),
+              0);
+    texts.push_back(std::string(host.data()) + ":" + port.data());
   }
   return texts;
 }
@@ -340,10 +346,17 @@ TEST_F(HostTraceTest, ServersAreSetByAddressByHostAndByZone) {
   EXPECT_EQ(set("192.0.2.53", 0, 0), Texts{"192.0.2.53:5353"});
   EXPECT_EQ(set("192.0.2.53", 1, 0), Texts{"192.0.2.53:1"});
   EXPECT_EQ(set("192.0.2.53", 65534, 1), Texts{"192.0.2.53:65534"});
+  EXPECT_EQ(set("2001:db8::53", 5300, 0), Texts{"2001:db8::53:5300"});
+  EXPECT_EQ(set("fe80::1%lo", 0, 1), Texts{"fe80::1%lo:5353"});
   EXPECT_EQ(server.received(), 0U);
   EXPECT_EQ(set("www.example.test", 54, 1), (Texts{"127.0.0.23:54", "127.0.0.21:54", "127.0.0.22:54"}));
   EXPECT_EQ(set("mail.example.test", 0, 1), (Texts{"127.0.0.23:5353", "127.0.0.21:5353", "127.0.0.22:5353"}));
   EXPECT_EQ(set("example.test", 0, 0), (Texts{"127.0.0.11:5353", "127.0.0.12:5353", "127.0.0.13:5353"}));
+
+  EXPECT_EQ(set("six.example.test", 54, 1), Texts{"2001:db8::6:54"});
+  EXPECT_EQ(set("both.example.test", 54, 1), (Texts{"127.0.0.31:54", "2001:db8::2:54", "2001:db8::1:54"}));
+  EXPECT_EQ(set("apart.example.test", 54, 0),
+            (Texts{"127.0.0.23:54", "127.0.0.21:54", "127.0.0.22:54", "2001:db8::6:54"}));
 
   // A failed lookup leaves the list unchanged.
   const KAVO_ERR no_name = kavo_convert_status(DNS_E_BADQUERY);
@@ -358,6 +371,8 @@ TEST_F(HostTraceTest, ServersAreSetByAddressByHostAndByZone) {
                 {"blind.example.test", 0, 0, KAVOE_NXDOM},
                 {"a..b", 0, 1, no_name},
                 {"", 0, 0, no_name},
+                {"::zz", 0, 1, KAVOE_BADPAR},
+                {"fe80::1", 0, 0, KAVOE_BADPAR},
                 {"www.example.test", 65535, 1, KAVOE_BADPAR},
                 {"www.example.test", 0, -1, KAVOE_BADPAR},
                 {nullptr, 0, 0, KAVOE_BADPAR}};
@@ -399,16 +414,25 @@ TEST_F(HostTraceTest, AsManyServersAreTakenAsAContextHolds) {
   EXPECT_EQ(servers_of(single), Texts{"127.0.0.7:53"});
   Host host;
   EXPECT_EQ(servers_of(host), Texts{});
-  EXPECT_EQ(kavo_add_dns_server(host, "127.0.0", 1), KAVOE_BADPAR);
-  EXPECT_EQ(kavo_add_dns_server(host, "127.0.0.1", 1), KAVOE_OK);
+  for (const char *bad : {"127.0.0", "::1x", "[::1]", "fe80::1", "fe80::1%", "fe80::1%no-such", "2001:db8::1%lo"})
+    EXPECT_EQ(kavo_add_dns_server(host, bad, 1), KAVOE_BADPAR) << bad;
+  for (const char *good : {"127.0.0.1", "fe80::1%lo", "fe80::1%1", "::ffff:127.0.0.2", "::", "2001:DB8::0:1"})
+    EXPECT_EQ(kavo_add_dns_server(host, good, 1), KAVOE_OK) << good;
   EXPECT_EQ(kavo_add_dns_server(host, "127.0.0.1", 65534), KAVOE_OK);
   EXPECT_EQ(kavo_add_dns_server(host, "127.0.0.1", 65535), KAVOE_BADPAR);
-  EXPECT_EQ(servers_of(host), (Texts{"127.0.0.1:1", "127.0.0.1:65534"}));
-  std::array<sockaddr, 3> few{};
-  unsigned count = 1;
-  EXPECT_EQ(kavo_get_dns_servers(host, few.data(), &count), KAVOE_NOMEM);
-  EXPECT_EQ(count, 2U);
-  EXPECT_EQ(few[0].sa_family, 0) << "an array that is too small is left alone";
+  EXPECT_EQ(servers_of(host), (Texts{"127.0.0.1:1", "fe80::1%lo:1", "fe80::1%lo:1", "127.0.0.2:1", "::1:1",
+                                     "2001:db8::1:1", "127.0.0.1:65534"}));
+  std::array<sockaddr_in, 3> few{};
+  unsigned count = 2;
+  EXPECT_EQ(kavo_get_dns_servers(host, address(few.data()), &count), KAVOE_NOMEM);
+  EXPECT_EQ(count, 3U) << "those of IPv4";
+  EXPECT_EQ(few[0].sin_family, 0) << "an array that is too small is left alone";
+  EXPECT_EQ(kavo_get_dns_servers(host, address(few.data()), &count), KAVOE_OK);
+  EXPECT_EQ(few[1].sin_addr.s_addr, inet_addr("127.0.0.2"));
+  std::array<sockaddr_storage, 3> some{};
+  EXPECT_EQ(kavo_get_dns_servers_ss(host, some.data(), &count), KAVOE_NOMEM);
+  EXPECT_EQ(count, 7U);
+  EXPECT_EQ(some[0].ss_family, 0);
   for (unsigned i = count; i < kMost; ++i)
     EXPECT_EQ(kavo_add_dns_server(host, "127.0.0.1", 1), KAVOE_OK);
   EXPECT_EQ(kavo_add_dns_server(host, "127.0.0.1", 1), KAVOE_DNS);
