@@ -416,7 +416,7 @@ TEST_F(HostTraceTest, AsManyServersAreTakenAsAContextHolds) {
   EXPECT_EQ(servers_of(host), Texts{});
   for (const char *bad : {"127.0.0", "::1x", "[::1]", "fe80::1", "fe80::1%", "fe80::1%no-such", "2001:db8::1%lo"})
     EXPECT_EQ(kavo_add_dns_server(host, bad, 1), KAVOE_BADPAR) << bad;
-  for (const char *good : {"127.0.0.1", "fe80::1%lo", "fe80::1%1", "::ffff:127.0.0.2", "::", "2001:DB8::0:1"})
+  for (const char *good : {"::ffff:0.0.0.0", "fe80::1%lo", "fe80::1%1", "::ffff:127.0.0.2", "::", "2001:DB8::0:1"})
     EXPECT_EQ(kavo_add_dns_server(host, good, 1), KAVOE_OK) << good;
   EXPECT_EQ(kavo_add_dns_server(host, "127.0.0.1", 65534), KAVOE_OK);
   EXPECT_EQ(kavo_add_dns_server(host, "127.0.0.1", 65535), KAVOE_BADPAR);
