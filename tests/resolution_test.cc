@@ -263,8 +263,8 @@ TEST(Resolution, NoZoneLeadsIntoThisHost) {
   };
   for (const auto &[place, own, opens] :
        {Row{"127.0.0.1", "127.0.0.9", true}, Row{"169.254.7.7", "169.254.8.8", true}, Row{"::1", "::1", true},
-        Row{"0.0.0.0", "127.0.0.9", false}, Row{"224.0.0.251", "127.0.0.9", false}, Row{"::1", "127.0.0.9", false},
-        Row{"127.0.0.1", "::1", false}, Row{"169.254.7.7", "fe80::1%1", false}, Row{"fe80::1", "fe80::2%1", false},
+        Row{"0.0.0.0", "127.0.0.9", false}, Row{"224.0.0.251", "127.0.0.9", false}, Row{"::1", "127.0.0.9", true},
+        Row{"127.0.0.1", "::1", true}, Row{"169.254.7.7", "fe80::1%1", false}, Row{"fe80::1", "fe80::2%1", false},
         Row{"::", "::1", false}, Row{"ff02::fb", "::1", false}, Row{"::127.0.0.1", "::1", false},
         Row{"::ffff:127.0.0.1", "127.0.0.9", false}}) {
     SCOPED_TRACE(std::string(place) + " " + own);

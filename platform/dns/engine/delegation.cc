@@ -24,14 +24,14 @@ namespace {
 constexpr dns_class kDelegationClass = 0xFF01;
 
 // may_lead_to tells whether a delegation to an address is followed. One to this host or its link would let untrusted
-// peers direct queries at services there; it is followed only if the context's own servers are in the same place. No
-// record says on which link a link-local IPv6 address is.
+// peers direct queries at services there; it is followed only if the context's own servers are in the same place: on
+// this host, or on an IPv4 link. No record says on which link a link-local IPv6 address is.
 bool may_lead_to(const dns_ctx *ctx, const Address &address) {
   const Reach reach = reach_of(address);
   if (reach == Reach::network) return true;
   if (reach == Reach::nowhere || (reach == Reach::link && address.family == Family::ipv6)) return false;
   return std::ranges::any_of(std::span(ctx->servers, ctx->nserv), [&](const Server *server) {
-    return server->address.family == address.family && reach_of(server->address) == reach;
+    return reach_of(server->address) == reach && (reach == Reach::host || server->address.family == address.family);
   });
 }
 
