@@ -47,11 +47,11 @@ std::vector<unsigned char> dn_of(const char *name) {
   return dn;
 }
 
-// Asked is a question to servers of its own, about the address of www.a.test.
+// Asked is a question to servers of its own, about an address.
 struct Asked {
-  Asked(KAVO context, const Servers &servers)
+  Asked(KAVO context, const Servers &servers, const char *name = "www.a.test")
       : kavo(context),
-        error(kavo_subscribe_node_serv_ss(context, KAVOT_DNS_A, dn_of("www.a.test").data(), servers.data(),
+        error(kavo_subscribe_node_serv_ss(context, KAVOT_DNS_A, dn_of(name).data(), servers.data(),
                                           static_cast<unsigned>(servers.size()), 0, Deadline(kLongMs), &node)) {}
   ~Asked() {
     if (node != nullptr) {
@@ -166,10 +166,16 @@ TEST_F(Ipv6Test, ServersDecideWhichQuestionsShareANode) {
   const Asked port(host, {socket_address("::1", mute4.port())}), twice(host, {at("::1"), at("::1")}),
       mixed(host, {at("127.0.0.1"), at("::1")}), swapped(host, {at("::1"), at("127.0.0.1")}),
       link(host, {at("fe80::1", 1'000'001)}), other_link(host, {at("fe80::1", 1'000'002)});
-  EXPECT_EQ((std::set<KAVO_QUERY_NODE>{before, six.node, port.node, twice.node, mixed.node, swapped.node, link.node,
-                                       other_link.node})
+  std::string longest;
+  for (int i = 0; i < 127; ++i)
+    longest += "a.";
+  const Servers most(KAVO_MAX_SERV, at("::1"));
+  const Asked whole(host, most, longest.c_str()), again(host, most, longest.c_str());
+  EXPECT_EQ(whole.node, again.node) << "the longest name, and most servers";
+  EXPECT_EQ((std::set<KAVO_QUERY_NODE>{nullptr, before, six.node, port.node, twice.node, mixed.node, swapped.node,
+                                       link.node, other_link.node, whole.node})
                 .size(),
-            8U);
+            10U);
   sockaddr_storage local{};
   local.ss_family = AF_UNIX;
   for (const Servers &bad :

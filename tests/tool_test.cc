@@ -172,9 +172,10 @@ TEST_F(ToolTest, ServersOfIpv6AreAskedInEveryForm) {
   const auto daemon = testbed::start_rbldnsd({{"six.test", "ip4set", "192.0.2.10 :127.0.0.6:six\n"}}, "::1");
   const std::string port = std::to_string(daemon->port());
   for (const std::string &server : {"[::1]:" + port, "[0:0::1]:" + port, "[::]:" + port}) {
-    const Result result = testbed::run({KAVO_TOOL, "check", "--server", "127.0.0.2:9", "--server", server, "--timeout",
-                                        "200", "--zone", "six.test", "192.0.2.10"});
+    const Result result = testbed::run({KAVO_TOOL, "check", "--trace", "--server", "127.0.0.2:9", "--server", server,
+                                        "--timeout", "200", "--zone", "six.test", "192.0.2.10"});
     EXPECT_EQ(result.status, 1) << server << result.err;
+    EXPECT_NE(result.err.find("response from <<unknown socket type 10>>"), std::string::npos) << result.err;
     EXPECT_NE(result.out.find("127.0.0.6"), std::string::npos) << result.out;
   }
   for (const char *server : {"::1", "fe80::1%lo"})
