@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -101,6 +102,66 @@ TEST_F(Engine, AStrangersAnswerCountsWhereItIsExpected) {
     EXPECT_FALSE(believed(net + "7", 53));
     EXPECT_FALSE(believed(net + "8", 5353));
   }
+}
+
+// What the debug function is told of a packet. It may cancel the query then.
+TEST_F(Engine, TheTraceSaysWhatAPacketIsTakenFor) {
+  struct Row {
+    int code;
+    std::function<void(Bytes *)> spoil;
+    const char *from = "192.0.2.1";
+  };
+  struct Told {
+    int code;  // that counts, and at which the query is cancelled if there are `queries`
+    Queries *queries;
+    unsigned codes = 0, others = 0;
+  };
+  const Row rows[] = {
+      {DNS_D_PKT_RPAN, [](Bytes *) {}},
+      {DNS_D_PKT_NOQR, [](Bytes *packet) { (*packet)[2] &= 0x7F; }},
+      {DNS_D_PKT_RPINV, [](Bytes *packet) { (*packet)[2] |= 0x08; }},
+      {DNS_D_PKT_RPINV, [](Bytes *packet) { packet->resize(DNS_HSIZE - 1); }},
+      {DNS_D_PKT_RPINV, [](Bytes *packet) { (*packet)[testbed::question_end(*packet) - 3] = DNS_T_NS; }},
+      {DNS_D_PKT_RPINV, [](Bytes *packet) { (*packet)[DNS_HSIZE + 1] = 'x'; }},
+      {DNS_D_PKT_RPINV, [](Bytes *packet) { (*packet)[DNS_HSIZE + 1] ^= 0x20; }},
+      {DNS_D_PKT_RPINV, [](Bytes *packet) { (*packet)[testbed::kQuestionsAt] = 0; }},
+      {DNS_D_PKT_RPINV, [](Bytes *packet) { packet->resize(dns::kAnswerRoom + 1); }},
+      {DNS_D_PKT_NOREQ, [](Bytes *packet) { (*packet)[1] ^= 1; }},
+      {DNS_D_PKT_NOREQ, [](Bytes *) {}, "192.0.2.7"},
+      {DNS_D_PKT_NEDNS0,
+       [](Bytes *packet) {
+         *packet = {(*packet)[0], (*packet)[1], 0x80, DNS_R_FORMERR};
+         packet->resize(DNS_HSIZE);
+       }},
+  };
+  for (const Row &row : rows)
+    for (const bool cancels : {false, true}) {
+      SCOPED_TRACE(std::to_string(&row - rows) + (cancels ? " cancelled" : ""));
+      World other(11);
+      Queries asks(&other);
+      Told told = {row.code, &asks};
+      other.add_server("192.0.2.1", Temper::dead);
+      const auto hear = [](dns_ctx *, dns_query *, int code, void *, void *data) {
+        auto *heard = static_cast<Told *>(data);
+        // A packet is no answer to the sockets that its query has not left from.
+        if (code == heard->code) ++heard->codes;
+        if (code != heard->code && code != DNS_D_PKT_REQ && code != DNS_D_PKT_NOREQ) ++heard->others;
+        if (code == heard->code && heard->queries != nullptr) heard->queries->cancel(heard->queries->all()[0].get());
+      };
+      if (!cancels) told.queries = nullptr;
+      dns_set_dbgfn(other.ctx, hear, &told);
+      const Query &asked = asks.ask("listed-1.list.test");
+      dns_timeouts(other.ctx, dns_tv_infinite, other.now());
+      Bytes packet = sim::answer_to(other.last_query(), Temper::good);
+      row.spoil(&packet);
+      other.forge(row.from, packet);
+      other.read_sockets();
+      EXPECT_TRUE(told.codes > 0 && told.others == 0) << told.codes << " " << told.others;
+      EXPECT_EQ(asked.calls, row.code == DNS_D_PKT_RPAN && !cancels ? 1 : 0);
+      other.set_temper("192.0.2.1", Temper::good);
+      ASSERT_TRUE(other.run());
+      EXPECT_EQ(asked.calls, cancels ? 0 : 1);
+    }
 }
 
 TEST_F(Engine, AServerThatDoesNotKeepTheCaseIsAskedInLowerCase) {
