@@ -6,6 +6,7 @@
 #include <stdint.h>
 #include <string.h>
 
+#include <algorithm>
 #include <memory>
 #include <span>
 
@@ -75,8 +76,8 @@ class Hosts {
     if (status != DNS_E_NOERROR && status != DNS_E_NODATA) return;
     const Owned<dns_rr_a6> ip6(
         static_cast<dns_rr_a6 *>(dns_resolve_p(ctx, host, DNS_C_IN, DNS_T_AAAA, 0, dns_parse_a6)));
-    if (ip6 != nullptr && ip6->dnsa6_nrr > 0) add(KAVOT_DNS_AAAA, {.rr_a6 = ip6.get()});
-    dns_set_status(ctx, status);
+    if (ip6 != nullptr && any_server(*ip6)) add(KAVOT_DNS_AAAA, {.rr_a6 = ip6.get()});
+    if (status == DNS_E_NOERROR || dns_get_status(ctx) == DNS_E_NOERROR) dns_set_status(ctx, status);
   }
   [[nodiscard]] bool empty() const { return count_ == 0; }
   // lacks_memory tells whether an answer with addresses could not be kept.
@@ -105,6 +106,14 @@ class Hosts {
 
   static std::span<const uint8_t, dns::kIpv4Size> octets_of(const struct in_addr *address) {
     return std::span<const uint8_t, dns::kIpv4Size>(reinterpret_cast<const uint8_t *>(address), dns::kIpv4Size);
+  }
+
+  // any_server tells whether one of the addresses can be a server's.
+  static bool any_server(const dns_rr_a6 &answer) {
+    return std::ranges::any_of(std::span(answer.dnsa6_addr, static_cast<size_t>(answer.dnsa6_nrr)),
+                               [](const struct in6_addr &address) {
+                                 return dns::as_server(dns::ipv6(address.s6_addr, 0), 0).family != dns::Family::none;
+                               });
   }
 
   // add keeps a copy of an answer with addresses, unless it cannot be copied.
@@ -150,8 +159,8 @@ class Hosts {
   return KAVOE_DNS;
 }
 
-// replace_list_by_host makes a host's addresses the servers. An address that cannot be added ends the list with those
-// before it; that is no error where only IPv6 addresses are left out.
+// replace_list_by_host makes a host's addresses the servers. An IPv4 address that cannot be added ends the list with
+// those before it. IPv6 addresses after others may be left out.
 [[nodiscard]] KAVO_ERR replace_list_by_host(KAVO kavo, uint16_t port, const Hosts &host) {
   KAVO_ERR error = empty_list(kavo);
   int count = 0;
@@ -241,7 +250,7 @@ KAVO_ERR kavo_set_dns_server(KAVO kavo, const char *server_domain, unsigned port
   const auto port_used = static_cast<uint16_t>(port == 0 ? kavo->dns_port : port);
   const dns::Address address = dns::read_address(server_domain, port_used);
   if (address.family != dns::Family::none) return replace_list(kavo, address);
-  // No host's name has a colon: this is an IPv6 address that is none.
+  // No name in use has a colon: this is an IPv6 address that is none.
   if (strchr(server_domain, ':') != nullptr) return KAVOE_BADPAR;
   errno = 0;  // what fails below may have no call's reason
   Transport transport(kavo->udns_ctx);

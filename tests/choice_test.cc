@@ -321,6 +321,17 @@ TEST_F(Engine, AFamilyWithoutARouteCostsNothing) {
   (void)ask_in_turn(&world, 1, 10'000, {"192.0.2.3", "2001:db8::1"});
   EXPECT_EQ(world.asked["192.0.2.3"], 1U);
 
+  // A server that cannot be asked is tried where the others fail: its route may be back.
+  for (const bool there : {false, true}) {
+    const std::string name = there ? "listed-7.list.test" : "listed-8.list.test";
+    world.set_temper("192.0.2.3", Temper::fails);
+    world.routeless = there ? std::set<dns::Family>{} : std::set{dns::Family::ipv6};
+    const Query &asked = queries.ask(name, {"192.0.2.3", "2001:db8::1"});
+    ASSERT_TRUE(world.run());
+    EXPECT_EQ(asked.status, there ? DNS_E_NOERROR : DNS_E_SERVFAIL);
+    EXPECT_EQ(asked.took_us, (there ? 2 : 1) * world.weather.delay_us);
+  }
+
   // Where there is no other family, the query waits for a route a few times.
   World alone(7);
   Queries asks(&alone);

@@ -190,7 +190,10 @@ TEST(Resolution, AFamilyWithoutARouteCostsNothing) {
   const auto evil = [&](Reply *reply, const std::string &server) {
     if (reply->name.ends_with("other.evil.test")) {
       looked_up.push_back(reply->type);
-      reply->type == DNS_T_AAAA ? reply->a6(reply->name, "2001:db8::68") : reply->a(reply->name, {192, 0, 2, 68});
+      if (reply->type == DNS_T_A && reply->name.starts_with("six"))
+        reply->no_data("evil.test");
+      else
+        reply->type == DNS_T_AAAA ? reply->a6(reply->name, "2001:db8::68") : reply->a(reply->name, {192, 0, 2, 68});
     } else if (server == kEvil) {
       refer(reply);
     } else if (server == "192.0.2.67") {
@@ -216,6 +219,8 @@ TEST(Resolution, AFamilyWithoutARouteCostsNothing) {
     reply->ns("sub.evil.test", "a.sub.evil.test").ns("sub.evil.test", kOther).glue("a.sub.evil.test", "192.0.2.66");
   };
   expect(dns::Family::ipv4, DNS_E_NOERROR, {DNS_T_AAAA});
+  refer = [](Reply *reply) { reply->ns("sub.evil.test", kOther).glue(kOther, "192.0.2.68"); };
+  expect(dns::Family::ipv4, DNS_E_NOERROR, {DNS_T_AAAA});
   // No server can be reached, or the one that can be says that it fails.
   refer = [](Reply *reply) { reply->ns("sub.evil.test", "a.sub.evil.test").glue("a.sub.evil.test", "2001:db8::67"); };
   expect(dns::Family::ipv6, DNS_E_TEMPFAIL, {});
@@ -224,6 +229,11 @@ TEST(Resolution, AFamilyWithoutARouteCostsNothing) {
     reply->glue("a.sub.evil.test", "192.0.2.67");
   };
   expect(dns::Family::ipv6, DNS_E_SERVFAIL, {});
+  refer = [](Reply *reply) {
+    reply->ns("sub.evil.test", "a.sub.evil.test").ns("sub.evil.test", "six.other.evil.test");
+    reply->glue("a.sub.evil.test", "192.0.2.67");
+  };
+  expect(dns::Family::ipv6, DNS_E_SERVFAIL, {DNS_T_A, DNS_T_AAAA});
   // However many addresses there are, each family has its places.
   refer = [](Reply *reply) {
     const auto each = [](const auto &use) {

@@ -2,6 +2,7 @@
 #include "attempt.h"
 
 #include <algorithm>
+#include <bit>
 #include <utility>
 
 #include "candidates.h"
@@ -27,6 +28,14 @@ void leave_server(dns_query *q) {
     take_out(q);
     give_up_place(q);
   }
+}
+
+// is_out_of_reach tells whether the host has no route to any server of the zone that a query may still go to. A
+// context's own servers are waited for, as the host's network may be coming up.
+bool is_out_of_reach(const dns_query *q) {
+  const uint32_t open = candidates(q).open;
+  return zone_of(q) != nullptr && open != 0 &&
+         route_to(q->ctx, servers_of(q)[static_cast<size_t>(std::countr_zero(open))]) == Route::none;
 }
 
 bool is_direct(const dns_query *q) {
@@ -72,9 +81,10 @@ void not_reached(dns_query *q) {
     ask_again(q);
     return;
   }
-  // The context's own servers may be reached once the host's network is up. Those of a zone are not waited for.
-  const bool out_of_reach = zone_of(q) != nullptr && route_to(ctx, present_server(q)) == Route::none;
-  if (q->attempt.pauses == kPausesMax || out_of_reach) {
+  if (is_out_of_reach(q)) q->resolution->out_of_reach = true;
+  const bool waits = zone_of(q) == nullptr || !q->resolution->out_of_reach ||
+                     !(has_other_servers(q) || is_family_cut_off(ctx, present_server(q)->address.family));
+  if (q->attempt.pauses == kPausesMax || !waits) {
     give_up(q);
     return;
   }

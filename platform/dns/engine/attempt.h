@@ -21,7 +21,8 @@ inline void ask_over_tcp(dns_query *q) {
 
 // not_reached is for a query whose present attempt could not leave, without a route or a socket; turned_back for one
 // whose attempt came back at once, because nothing listens there. The query goes to another server at once. If there is
-// none it pauses, up to kPausesMax times, as the servers may be starting. end_pause sends it again.
+// none it pauses, up to kPausesMax times, as the servers may be starting; it does not wait for servers of a zone to
+// which the host has no route if there are others, or none in their family. end_pause sends it again.
 void not_reached(dns_query *q);
 inline void turned_back(dns_query *q) {
   q->attempt.turned_back = true;

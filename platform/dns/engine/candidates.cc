@@ -26,8 +26,8 @@ Candidates candidates(const dns_query *q) {
   }
   if (found.open != 0) return found;
   if ((found.down | doubtful) != 0) return {found.down | doubtful, 0};
-  // A server that has answered, with an error, says more than one that cannot be asked.
-  return {q->progress.refused == 0 ? cut_off : 0, 0};
+  // Beside servers that have answered, with errors, those that cannot be asked are tried once.
+  return {q->progress.refused == 0 ? cut_off : cut_off & ~q->progress.unreached, 0};
 }
 
 bool is_unreached(const dns_query *q) {

@@ -10,8 +10,8 @@
 namespace dns {
 
 // Candidates are the servers that have not refused a query, as masks of their places: `open` are those that it may go
-// to, `down` those that are marked down. If all are marked down, all are open. Servers to which the host has no route
-// (route.h) are neither, unless all are such.
+// to, `down` those that are marked down. If all are marked down, all are open. Servers to which the host had no
+// route a moment ago (route.h) are neither while one is up, and while one is marked down if the refusal was their own.
 struct Candidates {
   uint32_t open = 0;
   uint32_t down = 0;

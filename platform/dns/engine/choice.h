@@ -7,8 +7,8 @@
 namespace dns {
 
 // choose_first sets the first server of a query that starts, or starts over; choose_next the next one, false when every
-// server has refused the query. turn_away chooses another server for a query that waits to be sent to a server that has
-// been marked down meanwhile.
+// server has refused the query or could not be asked beside those. turn_away chooses another server for a query that
+// waits to be sent to a server that has been marked down meanwhile.
 void choose_first(dns_query *q);
 [[nodiscard]] bool choose_next(dns_query *q);
 void turn_away(dns_query *q);

@@ -47,6 +47,7 @@ Resolution *top(Resolution *resolution) {
   Resolution *resolution = q->resolution;
   dns_ctx *ctx = q->ctx;
   release_servers(q);
+  resolution->out_of_reach = false;
   for (unsigned i = 0; i < delegation.naddresses; ++i) {
     Address address = delegation.addresses[i];
     address.port = static_cast<uint16_t>(ctx->options.port);
@@ -61,10 +62,10 @@ Resolution *top(Resolution *resolution) {
 }
 
 // install sends the query to the servers of a delegation, which may end it. False when it gets none of them.
-[[nodiscard]] bool install(dns_query *q, const Delegation &delegation) {
+[[nodiscard]] bool install(dns_query *q, const Delegation &delegation, dns_status error = DNS_E_NOERROR) {
   leave(q);
   if (!take_servers(q, delegation)) return false;
-  start_over(q);
+  start_over(q, error);
   return true;
 }
 
@@ -101,7 +102,8 @@ void looked_up(dns_ctx *ctx, dns_query *lookup, void *result, unsigned, void *da
   // A name that exists may have addresses of the other family.
   resolution->same_target = delegation.naddresses == 0 && (status == DNS_E_NOERROR || status == DNS_E_NODATA);
   if (delegation.naddresses > 0) keep_delegation(ctx, delegation);
-  if (delegation.naddresses == 0 || !install(q, delegation)) lookup_next(q);
+  // What the zone's other servers have said still counts if this one says nothing.
+  if (delegation.naddresses == 0 || !install(q, delegation, q->progress.error)) lookup_next(q);
 }
 
 // next_family returns the family in which a target is to be looked up. IPv4 comes first, unless the host has no route
@@ -112,19 +114,20 @@ Family next_family(const dns_ctx *ctx, const Target &target) {
 }
 
 // next_target returns the target that is looked up next: the last one in its other family, if it has no address in the
-// first, else the next that was not looked up yet, else one whose addresses are of a family without a route. Null when
-// there is none.
+// first, else the next of which no address is known, else, if those that are known are out of reach, one in its other
+// family. Null when there is none.
 Target *next_target(const dns_ctx *ctx, Resolution *resolution) {
+  const auto lacks_other = [ctx](const Target &target) {
+    return target.ipv4 != target.ipv6 && !is_family_cut_off(ctx, target.ipv4 ? Family::ipv4 : Family::ipv6);
+  };
   const auto targets = std::span(resolution->targets).first(resolution->ntargets);
   if (targets.empty()) return nullptr;
-  Target *last = &targets.back();
-  if (resolution->same_target && (last->ipv4 || last->ipv6)) return last;
-  const auto fresh = std::ranges::find(targets.rbegin(), targets.rend(), false, &Target::looked_up);
+  if (resolution->same_target && lacks_other(targets.back())) return &targets.back();
+  const auto fresh = std::ranges::find(targets.rbegin(), targets.rend(), false, &Target::known);
   if (fresh != targets.rend()) return &*fresh;
-  for (Target &target : targets)
-    for (const auto &[family, other] : {std::pair(Family::ipv4, Family::ipv6), std::pair(Family::ipv6, Family::ipv4)})
-      if (target.waits_for(family) && !target.waits_for(other) && is_family_cut_off(ctx, other)) return &target;
-  return nullptr;
+  if (!resolution->out_of_reach) return nullptr;
+  const auto other = std::ranges::find_if(targets.rbegin(), targets.rend(), lacks_other);
+  return other != targets.rend() ? &*other : nullptr;
 }
 
 // lookup_next looks up addresses of the next server of the delegation, or ends the query.
@@ -141,7 +144,7 @@ void lookup_next(dns_query *q) {
     target = &resolution->targets[resolution->ntargets - 1];
     const bool six = next_family(ctx, *target) == Family::ipv6;
     (six ? target->ipv6 : target->ipv4) = false;
-    target->looked_up = true;
+    target->known = true;
     resolution->same_target = false;
     dns_query *lookup = dns_submit_dn_serv(ctx, target->dn, DNS_C_IN, six ? DNS_T_AAAA : DNS_T_A, 0, nullptr, 0,
                                            six ? dns_parse_a6 : dns_parse_a4, looked_up, q);
@@ -159,6 +162,15 @@ void lookup_next(dns_query *q) {
   deliver(q, q->progress.error != 0 ? dns_status{q->progress.error} : dns_status{DNS_E_TEMPFAIL}, nullptr, 0, 0);
 }
 
+// add_target adds a server whose addresses may be looked up in the families that are given.
+void add_target(Resolution *resolution, const uint8_t *dn, bool ipv4, bool ipv6) {
+  auto *target = new (&resolution->targets[resolution->ntargets++]) Target;
+  memcpy(target->dn, dn, sizeof target->dn);
+  target->ipv4 = ipv4;
+  target->ipv6 = ipv6;
+  target->known = !ipv4;
+}
+
 // adopt continues the query at a delegation's servers. Those without glue are looked up only when the others were of no
 // use.
 void adopt(dns_query *q, const Delegation &delegation) {
@@ -166,21 +178,23 @@ void adopt(dns_query *q, const Delegation &delegation) {
   memcpy(resolution->coming, delegation.zone, sizeof resolution->coming);
   resolution->coming_ttl = delegation.ttl;
   resolution->ntargets = 0;
-  resolution->same_target = false;
-  // An in-bailiwick server without glue cannot be found, as only the zone itself could tell its address.
-  for (unsigned i = 0; i < delegation.ntargets && resolution->ntargets < kTargetsMax; ++i)
-    if (!delegation.has_address(i, Family::ipv4) && !covers(delegation.zone, delegation.targets[i])) {
-      Target *target = new (&resolution->targets[resolution->ntargets++]) Target;
-      memcpy(target->dn, delegation.targets[i], sizeof target->dn);
-      target->ipv6 = !delegation.has_address(i, Family::ipv6);
+  resolution->same_target = resolution->out_of_reach = false;
+  // Those without IPv4 glue come first. An in-bailiwick server without glue cannot be found, as only the zone itself
+  // could tell its address.
+  for (const bool ipv4 : {false, true})
+    for (unsigned i = 0; i < delegation.ntargets && resolution->ntargets < kTargetsMax; ++i) {
+      const bool ipv6 = delegation.has_address(i, Family::ipv6);
+      if (delegation.has_address(i, Family::ipv4) != ipv4 || (ipv4 && ipv6)) continue;
+      if (!covers(delegation.zone, delegation.targets[i])) add_target(resolution, delegation.targets[i], !ipv4, !ipv6);
     }
   if (delegation.naddresses == 0 || !install(q, delegation)) lookup_next(q);
 }
 
 }  // namespace
 
-void start_over(dns_query *q) {
+void start_over(dns_query *q, dns_status error) {
   q->progress = Progress{};
+  q->progress.error = static_cast<int16_t>(error);
   q->attempt.pauses = 0;
   q->attempt.turned_back = false;
   choose_first(q);

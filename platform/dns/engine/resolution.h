@@ -20,12 +20,12 @@ namespace dns {
 void begin_at_delegation(dns_query *q);
 
 // begin_anew continues after a query's servers were of no use. It forgets a cached delegation and starts over at the
-// context's servers, or it looks up the zone's servers that came without glue. False when there are neither.
-// has_other_servers tells whether the zone has further servers, without a known address. start_over sends a query,
-// which has left everything, to its present servers as if it were new.
+// context's servers, or it looks up further addresses of the zone's servers. False when there are neither.
+// has_other_servers tells whether there are such addresses to look up. start_over sends a query, which has left
+// everything, to its present servers as if it were new, with the status of the last error that servers answered with.
 [[nodiscard]] bool begin_anew(dns_query *q);
 [[nodiscard]] bool has_other_servers(const dns_query *q);
-void start_over(dns_query *q);
+void start_over(dns_query *q, dns_status error = DNS_E_NOERROR);
 
 // no_server_left ends a query at which every server failed a moment ago, unless its zone has further servers to look
 // up.

@@ -16,14 +16,12 @@ namespace dns {
 
 struct Server;
 
-// Target is a server whose addresses are to be looked up: those of IPv4, of IPv6, or both.
+// Target is a server whose addresses may have to be looked up: those of IPv4, of IPv6, or both.
 struct Target {
   uint8_t dn[DNS_MAXDN];
   bool ipv4 = true;
   bool ipv6 = true;
-  bool looked_up = false;  // in one family
-
-  [[nodiscard]] bool waits_for(Family family) const { return family == Family::ipv4 ? ipv4 : ipv6; }
+  bool known = false;  // it has an address in one family, or was looked up in it
 };
 
 struct Resolution {
@@ -31,13 +29,14 @@ struct Resolution {
   uint8_t zone[DNS_MAXDN];    // the zone that `servers` answer for
   uint8_t coming[DNS_MAXDN];  // the zone of the last delegation
   int32_t coming_ttl = 0;
-  Target targets[kTargetsMax];  // that zone's servers without IPv4 glue
+  Target targets[kTargetsMax];  // that zone's servers without glue in both families
   unsigned ntargets = 0;
-  bool same_target = false;  // the last of them has no address in the family that was looked up last
-  unsigned nserv = 0;        // 0: the context's servers, or the query's own
+  bool same_target = false;   // the last of them has no address in the family that was looked up last
+  bool out_of_reach = false;  // the host has no route to the zone's servers that are known
+  unsigned nserv = 0;         // 0: the context's servers, or the query's own
   Server *servers[kGlueMax];
   bool remembered = false;      // the servers are those of a cached delegation
-  bool names_others = false;    // that delegation has servers without glue too
+  bool names_others = false;    // that delegation has servers without IPv4 glue too
   dns_cdata *passed = nullptr;  // the CNAMEs that were followed, under the query's own key
   CdataEnd passed_end;          // the end of those CNAMEs in `passed`
   int32_t ttl = INT32_MAX;      // the least TTL of those CNAMEs

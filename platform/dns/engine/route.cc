@@ -30,7 +30,7 @@ bool has_answered(dns_ctx *ctx, Family family) {
   bool any = false;
   ctx->server_table.each([&any, family](const Server *server) {
     const Address &address = server->address;
-    any = any || (address.family == family && server->srtt_us != 0 && reach_of(address) == Reach::network);
+    any = any || (address.family == family && server->heard_us != 0 && reach_of(address) == Reach::network);
   });
   return any;
 }

@@ -1,7 +1,7 @@
 // route.h - servers to which the host has no route.
 //
 // A host with one address family finds out when it first sends a packet to a server of the other: the system refuses at
-// once. The server, and the others of its family that have never answered, are then passed over for kCutOffUs wherever
+// once. The server, and the others of its family if none has ever answered, are then passed over for kCutOffUs wherever
 // a query has another server. These functions run on the thread that drives the context, and nothing is locked.
 #ifndef DNS_ENGINE_ROUTE_H
 #define DNS_ENGINE_ROUTE_H
@@ -10,8 +10,8 @@
 
 namespace dns {
 
-// Route is what the system said of a server a moment ago: it refused to send there; or to another of the family, of
-// which no server has ever answered.
+// Route is what the system said of a server a moment ago: it refused to send there; or to another of the family, when
+// no server of the family in the network had ever answered.
 enum class Route : uint8_t { there, doubtful, none };
 
 // is_family_cut_off tells whether the host had no route to a server of a family in the network a moment ago.
@@ -21,7 +21,7 @@ enum class Route : uint8_t { there, doubtful, none };
 
 [[nodiscard]] inline Route route_to(const dns_ctx *ctx, const Server *server) {
   if (ctx->now_us < server->cut_off_until_us) return Route::none;
-  const bool doubtful = server->srtt_us == 0 && is_family_cut_off(ctx, server->address.family) &&
+  const bool doubtful = server->heard_us == 0 && is_family_cut_off(ctx, server->address.family) &&
                         reach_of(server->address) == Reach::network;
   return doubtful ? Route::doubtful : Route::there;
 }
