@@ -57,7 +57,7 @@ constexpr unsigned public_flags(unsigned flags) {
 // kavo_subscribe_node_ is the core of every subscription: the checks, then the table. `flags` are taken as given, the
 // internal ones included; but a question with servers of its own is never recursive.
 [[nodiscard]] KAVO_ERR kavo_subscribe_node_(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn,
-                                            const kavo_given_servers &given, unsigned flags,
+                                            const kavo_given_servers *given, unsigned flags,
                                             const struct timeval *deadline, KAVO_QUERY_NODE *node) {
   if (kavo == nullptr) return KAVOE_BADPAR;
   const uint32_t run = kavo_table_run(kavo);
@@ -68,8 +68,8 @@ constexpr unsigned public_flags(unsigned flags) {
     return KAVOE_NOZONES;
   }
   kavo_packed_servers servers;
-  if (given.any()) {
-    error = kavo_node_servers_pack(given, &servers);
+  if (given != nullptr && given->any()) {
+    error = kavo_node_servers_pack(*given, &servers);
     if (error != KAVOE_OK) return error;
     flags &= ~static_cast<unsigned>(KAVOQF_RECURSIVE);
   }
@@ -89,43 +89,48 @@ extern "C" {
 
 KAVO_ERR kavo_subscribe_node_dn(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn, unsigned flags,
                                 const struct timeval *deadline, KAVO_QUERY_NODE *node) {
-  return kavo_subscribe_node_(kavo, query_type, dn, {}, public_flags(flags), deadline, node);
+  return kavo_subscribe_node_(kavo, query_type, dn, nullptr, public_flags(flags), deadline, node);
 }
 
 KAVO_ERR kavo_subscribe_node_serv_ext(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn,
                                       const struct sockaddr *serv, unsigned nserv, unsigned flags,
                                       const struct timeval *deadline, KAVO_QUERY_NODE *node) {
-  return kavo_subscribe_node_(kavo, query_type, dn, {serv, nserv}, public_flags(flags), deadline, node);
+  const kavo_given_servers given = {serv, nserv};
+  return kavo_subscribe_node_(kavo, query_type, dn, &given, public_flags(flags), deadline, node);
 }
 
 KAVO_ERR kavo_subscribe_node_serv(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn, const struct sockaddr *serv,
                                   unsigned nserv, const struct timeval *deadline, KAVO_QUERY_NODE *node) {
-  return kavo_subscribe_node_(kavo, query_type, dn, {serv, nserv}, 0, deadline, node);
+  const kavo_given_servers given = {serv, nserv};
+  return kavo_subscribe_node_(kavo, query_type, dn, &given, 0, deadline, node);
 }
 
 KAVO_ERR kavo_subscribe_node_serv_ss(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn,
                                      const struct sockaddr_storage *serv, unsigned nserv, unsigned flags,
                                      const struct timeval *deadline, KAVO_QUERY_NODE *node) {
-  return kavo_subscribe_node_(kavo, query_type, dn, {serv, nserv, sizeof *serv}, public_flags(flags), deadline, node);
+  const kavo_given_servers given = {serv, nserv, sizeof *serv};
+  return kavo_subscribe_node_(kavo, query_type, dn, &given, public_flags(flags), deadline, node);
 }
 
 KAVO_ERR kavo_subscribe_node_dcache_ext(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn,
                                         const struct sockaddr *dcserv, unsigned flags, const struct timeval *deadline,
                                         KAVO_QUERY_NODE *node) {
-  return kavo_subscribe_node_(kavo, query_type, dn, {dcserv, 1}, public_flags(flags) | KAVOQF_DCACHE, deadline, node);
+  const kavo_given_servers given = {dcserv, 1};
+  return kavo_subscribe_node_(kavo, query_type, dn, &given, public_flags(flags) | KAVOQF_DCACHE, deadline, node);
 }
 
 KAVO_ERR kavo_subscribe_node_dcache_ss(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn,
                                        const struct sockaddr_storage *dcserv, unsigned flags,
                                        const struct timeval *deadline, KAVO_QUERY_NODE *node) {
-  return kavo_subscribe_node_(kavo, query_type, dn, {dcserv, 1, sizeof *dcserv}, public_flags(flags) | KAVOQF_DCACHE,
-                              deadline, node);
+  const kavo_given_servers given = {dcserv, 1, sizeof *dcserv};
+  return kavo_subscribe_node_(kavo, query_type, dn, &given, public_flags(flags) | KAVOQF_DCACHE, deadline, node);
 }
 
 KAVO_ERR kavo_subscribe_node_dcache(KAVO kavo, KAVO_TYPE query_type, const unsigned char *dn,
                                     const struct sockaddr *dcserv, const struct timeval *deadline,
                                     KAVO_QUERY_NODE *node) {
-  return kavo_subscribe_node_(kavo, query_type, dn, {dcserv, 1}, KAVOQF_DCACHE, deadline, node);
+  const kavo_given_servers given = {dcserv, 1};
+  return kavo_subscribe_node_(kavo, query_type, dn, &given, KAVOQF_DCACHE, deadline, node);
 }
 
 KAVO_ERR kavo_subscribe_node(KAVO kavo, KAVO_TYPE query_type, const void *query, int query_len, unsigned flags,

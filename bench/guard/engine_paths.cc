@@ -92,13 +92,13 @@ class Mirror {
     }
     return static_cast<int>(count);
   }
-  static int udp_receive(void *self, int socket, dns::Datagram *datagrams, unsigned count) {
+  static int udp_receive(void *self, int socket, dns::Datagram *datagrams, unsigned count, bool connected) {
     std::deque<Packet> &inbox = of(self)->inboxes_[socket];
     unsigned given = 0;
     for (; given < count && !inbox.empty(); ++given, inbox.pop_front()) {
       memcpy(datagrams[given].data, inbox.front().bytes.data(), inbox.front().size);
       datagrams[given].size = inbox.front().size;
-      datagrams[given].peer = inbox.front().peer;
+      if (!connected) datagrams[given].peer = inbox.front().peer;
     }
     return static_cast<int>(given);
   }

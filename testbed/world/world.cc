@@ -94,10 +94,14 @@ void World::deliver_due() {
   }
 }
 
-void World::mail(int socket, const dns::Address &from, Bytes bytes) {
-  if (bytes.empty() || families_.at(socket) != from.family || chance(weather.loss_percent)) return;
+// hears tells whether the system lets a socket have packets from an address.
+bool World::hears(int socket, const dns::Address &from) const {
   const auto only = connected_.find(socket);
-  if (only != connected_.end() && !(only->second == from)) return;
+  return only != connected_.end() ? only->second == from : families_.at(socket) == from.family;
+}
+
+void World::mail(int socket, const dns::Address &from, Bytes bytes) {
+  if (bytes.empty() || !hears(socket, from) || chance(weather.loss_percent)) return;
   const auto delay = delays_us.find(name_of(from));
   const int64_t delay_us = delay != delays_us.end() ? delay->second : 0;
   const int copies = chance(weather.duplicate_percent) ? 2 : 1;
@@ -110,7 +114,7 @@ void World::mail(int socket, const dns::Address &from, Bytes bytes) {
 
 void World::forge(const std::string &server, const Bytes &packet, uint16_t port) {
   for (auto &[socket, inbox] : inboxes_)
-    inbox.push_back({socket, address_of(server, port), packet});
+    if (hears(socket, address_of(server, port))) inbox.push_back({socket, address_of(server, port), packet});
 }
 
 // forge_answers sends the answers of a forger that knows the query and the server's address, and guesses the id and the

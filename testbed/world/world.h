@@ -74,7 +74,7 @@ class World {
 
   // worsen draws the weather of a storm, with forgers up to so many percent.
   void worsen(int forged_percent_max);
-  // forge puts a packet into the inbox of every socket, as if it came from a server's port.
+  // forge puts a packet into the inbox of every socket that hears a server's port, as if it came from there.
   void forge(const std::string &server, const Bytes &packet, uint16_t port = 53);
   // last_query is the last packet that was sent by UDP.
   [[nodiscard]] const Bytes &last_query() const { return last_query_; }
@@ -110,7 +110,7 @@ class World {
   static int udp_open(void *self, dns::Family family, uint16_t port, const dns::Address *peer);
   static void udp_close(void *self, int socket);
   static int udp_send(void *self, int socket, const dns::Datagram *datagrams, unsigned count, bool connected);
-  static int udp_receive(void *self, int socket, dns::Datagram *datagrams, unsigned count);
+  static int udp_receive(void *self, int socket, dns::Datagram *datagrams, unsigned count, bool connected);
   static int udp_returned(void *self, int socket, dns::Datagram *datagram);
   static int tcp_open(void *self, const dns::Address &peer);
   static void tcp_close(void *self, int socket);
@@ -122,6 +122,7 @@ class World {
   void answer_stream(Stream *stream, const Bytes &query);
   void mail(int socket, const dns::Address &from, Bytes bytes);
   [[nodiscard]] bool refuses(dns::Family family);
+  [[nodiscard]] bool hears(int socket, const dns::Address &from) const;
   void deliver_due();
 
   std::mt19937_64 random_;

@@ -64,11 +64,11 @@ int World::udp_send(void *self, int socket, const dns::Datagram *datagrams, unsi
   return static_cast<int>(count);
 }
 
-int World::udp_receive(void *self, int socket, dns::Datagram *datagrams, unsigned count) {
+int World::udp_receive(void *self, int socket, dns::Datagram *datagrams, unsigned count, bool connected) {
   auto &inbox = static_cast<World *>(self)->inboxes_.at(socket);
   unsigned got = 0;
   for (; got < count && !inbox.empty(); ++got, inbox.pop_front())
-    fill(inbox.front().bytes, inbox.front().from, &datagrams[got]);
+    fill(inbox.front().bytes, connected ? dns::Address{} : inbox.front().from, &datagrams[got]);
   return got == 0 ? -EAGAIN : static_cast<int>(got);
 }
 

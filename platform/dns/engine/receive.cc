@@ -151,23 +151,26 @@ bool take_packet(dns_ctx *ctx, std::span<uint8_t> packet, const Address &peer, i
 
 void receive(dns_ctx *ctx, int slot) {
   const int descriptor = ctx->sockets.descriptor(slot);
+  const bool connected = ctx->sockets.connected(slot);
   for (unsigned turn = 0; turn < kReceiveTurns; ++turn) {
     for (unsigned i = 0; i < kBatch; ++i) {
       ctx->buffers->in[i].data = ctx->buffers->answers[i];
       ctx->buffers->in[i].capacity = kAnswerRoom;
     }
-    const int count = ctx->io->udp_receive(ctx->io->self, descriptor, ctx->buffers->in, kBatch);
+    const int count = ctx->io->udp_receive(ctx->io->self, descriptor, ctx->buffers->in, kBatch, connected);
     if (count > 0) {
       ctx->sockets.heard(slot, ctx->now_us);
       prefetch_queries(ctx, {ctx->buffers->in, static_cast<size_t>(count)});
     }
     for (int i = 0; i < count; ++i) {
       const Datagram &in = ctx->buffers->in[i];
+      // A copy, as an answer may have its socket closed.
+      const Address peer = connected ? ctx->sockets.peer(slot) : in.peer;
       if (in.size <= in.capacity) {
-        take_packet(ctx, {in.data, in.size}, in.peer, slot);
+        take_packet(ctx, {in.data, in.size}, peer, slot);
       } else {
         // Larger than the EDNS0 size, and cut by the kernel: it is treated as garbage.
-        tell_packet(ctx, nullptr, DNS_D_PKT_RPINV, {{in.data, in.capacity}, &in.peer, slot}, 0);
+        tell_packet(ctx, nullptr, DNS_D_PKT_RPINV, {{in.data, in.capacity}, &peer, slot}, 0);
       }
       // An answer may have been the last that a worn socket waited for.
       if (ctx->sockets.descriptor(slot) != descriptor) return;

@@ -188,24 +188,27 @@ struct Incoming {
   iovec vectors[kBatch];
   SocketAddress names[kBatch];
 
-  Incoming(Datagram *datagrams, unsigned count) {
+  Incoming(Datagram *datagrams, unsigned count, bool connected) {
     for (unsigned i = 0; i < count; ++i) {
       vectors[i] = {datagrams[i].data, datagrams[i].capacity};
       messages[i] = {};
-      messages[i].msg_hdr.msg_name = names[i].generic();
-      messages[i].msg_hdr.msg_namelen = sizeof(sockaddr_in6);
+      if (!connected) {
+        messages[i].msg_hdr.msg_name = names[i].generic();
+        messages[i].msg_hdr.msg_namelen = sizeof(sockaddr_in6);
+      }
       messages[i].msg_hdr.msg_iov = &vectors[i];
       messages[i].msg_hdr.msg_iovlen = 1;
     }
   }
 };
 
-int system_udp_receive(void *, int descriptor, Datagram *datagrams, unsigned count) {
-  Incoming incoming(datagrams, count);
+int system_udp_receive(void *, int descriptor, Datagram *datagrams, unsigned count, bool connected) {
+  Incoming incoming(datagrams, count, connected);
   const int received = recvmmsg(descriptor, incoming.messages, count, MSG_DONTWAIT | MSG_TRUNC, nullptr);
   if (received < 0) return -errno;
   for (int i = 0; i < received; ++i) {
     datagrams[i].size = incoming.messages[i].msg_len;
+    if (connected) continue;
     datagrams[i].peer = from_socket(incoming.names[i].generic(), incoming.messages[i].msg_hdr.msg_namelen);
   }
   return received;

@@ -39,8 +39,9 @@ struct Io {
   // `connected` tells that the socket is connected to the peer of all of them; datagrams of one size are then cheapest
   // next to each other.
   int (*udp_send)(void *self, int socket, const Datagram *datagrams, unsigned count, bool connected);
-  // udp_receive fills up to kBatch datagrams and returns how many arrived; 0 or -EAGAIN when none is there.
-  int (*udp_receive)(void *self, int socket, Datagram *datagrams, unsigned count);
+  // udp_receive fills up to kBatch datagrams and returns how many arrived; 0 or -EAGAIN when none is there. Those on a
+  // connected socket get no `peer`, as there is only one.
+  int (*udp_receive)(void *self, int socket, Datagram *datagrams, unsigned count, bool connected);
   // udp_returned takes one packet that the network reported back as undeliverable: as many of its bytes as came back,
   // and its destination as the peer. 1; 0 when there is none.
   int (*udp_returned)(void *self, int socket, Datagram *datagram);

@@ -63,6 +63,9 @@ class UdpPool {
   }
   [[nodiscard]] bool connected(int slot) const { return slots_[slot].peer.family != Family::none; }
 
+  // peer returns the server that a connected slot is connected to.
+  [[nodiscard]] const Address &peer(int slot) const { return slots_[slot].peer; }
+
   [[nodiscard]] int descriptor(int slot) const { return slots_[slot].descriptor; }
   // family and port are those of a slot's local address.
   [[nodiscard]] Family family(int slot) const { return slots_[slot].family; }
