@@ -57,13 +57,14 @@ KAVO_ERR kavo_node_servers_pack(const kavo_given_servers &given, kavo_packed_ser
   if (given.count > KAVO_MAX_SERV) return KAVOE_BADPAR;
   const auto *at = static_cast<const uint8_t *>(given.array);
   for (unsigned i = 0; i < given.count; ++i, at += given.step) {
-    const Address server =
+    Address server =
         dns::from_socket(reinterpret_cast<const struct sockaddr *>(at), static_cast<socklen_t>(given.step));
     if (given.step == sizeof(struct sockaddr) && server.family != Family::ipv4)
       return refuse("Only IPv4 addresses are supported in servers list for node");
-    if (server.family != Family::ipv4 && dns::as_server(server, 0).family == Family::none)
+    if (server.family != Family::ipv4) server = dns::as_server(server, 0);
+    if (server.family == Family::none)
       return refuse("Only addresses of servers are supported in servers list for node");
-    append(server.family == Family::ipv4 ? server : dns::as_server(server, 0), packed);
+    append(server, packed);
   }
   return KAVOE_OK;
 }
