@@ -351,28 +351,29 @@ TEST_F(Engine, AFailureIsRememberedForAFewSeconds) {
 }
 
 TEST_F(Engine, MoreThanAServerMayHaveUnderWayWaitsForRoom) {
+  constexpr unsigned kRoom = dns::kWindowFirst;
   world.add_server("192.0.2.1", Temper::good);
-  for (unsigned i = 0; i < 3 * dns::kUnderWayMax; ++i)
+  for (unsigned i = 0; i < 3 * kRoom; ++i)
     queries.ask("listed-" + std::to_string(i) + ".list.test");
   dns_timeouts(world.ctx, dns_tv_infinite, world.now());
-  EXPECT_EQ(world.packets_sent, dns::kUnderWayMax);
-  for (const unsigned first : {0U, 2 * dns::kUnderWayMax})
+  EXPECT_EQ(world.packets_sent, dns::kPaceBurst);
+  for (const unsigned first : {0U, 2 * kRoom})
     for (unsigned i = first; i < first + 100; ++i)
       queries.cancel(queries.all()[i].get());
   ASSERT_TRUE(world.run());
-  for (size_t i = 100; i < 2 * dns::kUnderWayMax; ++i)
+  for (size_t i = 100; i < 2 * kRoom; ++i)
     expect_truth(*queries.all()[i]);
   EXPECT_EQ(dns_active(world.ctx), 0);
   // The next in the queue are cancelled before they are sent: the queries after them must not wait for their answers.
   Queries others(&world);
-  for (unsigned i = 0; i < 3 * dns::kUnderWayMax; ++i)
+  for (unsigned i = 0; i < 3 * kRoom; ++i)
     others.ask("listed-" + std::to_string(i) + ".list.test");
   world.turn();
-  for (unsigned i = dns::kUnderWayMax; i < 2 * dns::kUnderWayMax; ++i)
+  for (unsigned i = kRoom; i < 2 * kRoom; ++i)
     others.cancel(others.all()[i].get());
   ASSERT_TRUE(world.run(1000));
   expect_truth(*others.all().back());
-  for (unsigned i = 0; i < 3 * dns::kUnderWayMax; ++i)
+  for (unsigned i = 0; i < 3 * kRoom; ++i)
     queries.ask("listed-" + std::to_string(i) + ".list.test");
   dns_timeouts(world.ctx, dns_tv_infinite, world.now());
   dns_close(world.ctx);
@@ -381,10 +382,12 @@ TEST_F(Engine, MoreThanAServerMayHaveUnderWayWaitsForRoom) {
 
 TEST_F(Engine, SocketsGrowWithTheLoadAndAreRenewed) {
   world.add_server("192.0.2.1", Temper::good);
-  for (int i = 0; i < 3000; ++i)
+  world.weather.delay_us = 50'000;
+  for (int i = 0; i < 6000; ++i)
     queries.ask("listed-" + std::to_string(i) + ".list.test");
   ASSERT_TRUE(world.run());
-  EXPECT_GE(world.sockets_open, 3000 / dns::UdpPool::kInFlightPerSocket);
+  EXPECT_GE(world.sockets_open, 1000 / dns::UdpPool::kInFlightPerSocket) << "as the server's window grows";
+  world.weather.delay_us = 100;
   dns_ios before[dns::UdpPool::kSocketsMax];
   const int count = dns_sockio(world.ctx, before, dns::UdpPool::kSocketsMax);
   std::set<int> old;

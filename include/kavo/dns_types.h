@@ -110,7 +110,9 @@ enum {
   DNS_OPT_BSC_SIZE = 11,
   DNS_OPT_BSC_UPDTIME = 12,
   DNS_OPT_BSC_NBEST = 14,
-  DNS_OPT_MINTTL = 15 /* seconds below which no answer's TTL falls */
+  DNS_OPT_MINTTL = 15, /* seconds below which no answer's TTL falls */
+  DNS_OPT_WINDOW = 16, /* the most queries under way to one server by UDP, 1 to 4096 (4096 until it is set) */
+  DNS_OPT_RATE = 17    /* the most queries a second to one server by UDP, 0 (until it is set) for no limit */
 };
 
 /* dns_cacher_opt and the bits of DNS_CROPT_FLAGS. */

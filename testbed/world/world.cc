@@ -16,8 +16,8 @@ constexpr size_t kUdpMax = 1232;
 }  // namespace
 
 World::World(uint64_t seed)
-    : random_(seed), io_{this,        wall,         random_bytes, udp_open,  udp_close, udp_send,
-                         udp_receive, udp_returned, tcp_open,     tcp_close, tcp_send,  tcp_receive} {
+    : random_(seed), io_{this,         wall,        random_bytes, udp_open,  udp_close, udp_send,   udp_receive,
+                         udp_returned, udp_dropped, tcp_open,     tcp_close, tcp_send,  tcp_receive} {
   ctx = dns::context_new(&io_);
   if (ctx == nullptr || dns_open(ctx) != DNS_E_NOERROR) throw std::runtime_error("no engine context");
 }

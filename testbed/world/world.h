@@ -112,6 +112,7 @@ class World {
   static int udp_send(void *self, int socket, const dns::Datagram *datagrams, unsigned count, bool connected);
   static int udp_receive(void *self, int socket, dns::Datagram *datagrams, unsigned count, bool connected);
   static int udp_returned(void *self, int socket, dns::Datagram *datagram);
+  static int udp_dropped(void *self, int socket);
   static int tcp_open(void *self, const dns::Address &peer);
   static void tcp_close(void *self, int socket);
   static int tcp_send(void *self, int socket, const uint8_t *bytes, size_t size);
@@ -132,6 +133,7 @@ class World {
   std::map<int, std::deque<Parcel>> inboxes_;
   std::map<int, std::deque<Parcel>> returned_;
   std::map<int, dns::Family> families_;    // of the sockets
+  std::map<int, int> drops_;               // at the sockets
   std::map<int, dns::Address> connected_;  // sockets that receive from this address only
   std::map<int, Stream> streams_;
   std::map<std::array<uint8_t, 2>, std::set<int>> homes_;  // sockets that queries left from, by their ids

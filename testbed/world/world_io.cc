@@ -80,6 +80,12 @@ int World::udp_returned(void *self, int socket, dns::Datagram *datagram) {
   return 1;
 }
 
+int World::udp_dropped(void *self, int socket) {
+  auto *world = static_cast<World *>(self);
+  const auto drops = world->drops_.find(socket);
+  return drops == world->drops_.end() ? 0 : drops->second;
+}
+
 int World::tcp_open(void *self, const dns::Address &peer) {
   auto *world = static_cast<World *>(self);
   const std::string text = name_of(peer);

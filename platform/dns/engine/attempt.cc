@@ -42,6 +42,25 @@ bool is_direct(const dns_query *q) {
   return (q->question.flags & DNS_DCACHE) != 0;
 }
 
+// all_are_down tells whether all servers of a query are marked down.
+bool all_are_down(const dns_query *q) {
+  const auto servers = servers_of(q);
+  return std::all_of(servers.begin(), servers.end(), [](const Server *server) { return server->marked_down(); });
+}
+
+// give_up_parked gives up, with a query whose attempts all met with silence, those that have been parked at the server
+// since before its first attempt: nothing else would become of them.
+void give_up_parked(const dns_query *q) {
+  const int64_t since_us = q->attempt.first_sent_us;
+  if (q->progress.attempts == 0 || !all_are_down(q) || present_server(q)->heard_us >= since_us) return;
+  const base::Link &parked = present_server(q)->parked;
+  while (!parked.alone()) {
+    auto *next = static_cast<dns_query *>(parked.next);
+    if (next->attempt.sent_us > since_us || !all_are_down(next)) return;
+    give_up(next);
+  }
+}
+
 }  // namespace
 
 void ask_again(dns_query *q) {
@@ -61,6 +80,7 @@ void give_up(dns_query *q) {
     return;
   }
   if (begin_anew(q)) return;
+  give_up_parked(q);
   const dns_status silence = q->attempt.turned_back && is_unreached(q) ? DNS_E_REFUSED : DNS_E_TEMPFAIL;
   deliver(q, q->progress.error != 0 ? dns_status{q->progress.error} : silence, nullptr, 0, 0);
 }

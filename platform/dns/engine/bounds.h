@@ -28,8 +28,21 @@ inline constexpr size_t kOptSize = 1 + 2 + 2 + 4 + 2;  // an OPT record without 
 inline constexpr size_t kCookieMax = 4 + 8 + 32;       // a cookie option (RFC 7873, section 4)
 static_assert(kQueryRoom >= DNS_HSIZE + DNS_MAXDN + 4 + kOptSize + kCookieMax);
 
-// Queries under way by UDP to one server; further ones are parked.
-inline constexpr unsigned kUnderWayMax = 4096;
+// Windows: queries under way by UDP to one server; further ones are parked.
+inline constexpr uint32_t kWindowFirst = 128;  // at first: no more bytes than RFC 6928 lets a connection begin with
+inline constexpr uint32_t kWindowLeast = 2;
+inline constexpr uint32_t kWindowMost = 4096;
+inline constexpr int64_t kWindowIdleUs = 1 * kUsPerSecond;  // without queries, after which it is as at first
+inline constexpr int64_t kGrowthUs = 10 * kUsPerMs;         // between two steps of its slow growth
+inline constexpr unsigned kFlatRounds = 3;                  // without more answers a second, which end its fast growth
+inline constexpr uint32_t kCohort = 64;                     // queries by which the share of losses is judged
+inline constexpr int64_t kQueueingUs = 200;                 // by which round-trip times vary without a queue
+inline constexpr int64_t kLeastRttUs = 10 * kUsPerSecond;   // after which the least round-trip time is raised
+inline constexpr int64_t kPaceBurst = 64;                   // queries that leave at once
+inline constexpr int64_t kPacedFromUs = 2 * kUsPerMs;       // round-trip times over which queries are spread
+inline constexpr int64_t kFirstPaceUs = 100;                // between queries before the first answer
+inline constexpr uint32_t kRateMax = 1'000'000;             // the highest limit of queries a second
+inline constexpr uint32_t kBurstsPerSecond = 20;            // that share a limit of queries a second
 
 // TCP connections.
 inline constexpr unsigned kConnectionsMax = 16;
@@ -41,10 +54,13 @@ inline constexpr int64_t kTcpLimitUs = 60 * kUsPerSecond;  // for which a server
 // Attempts.
 inline constexpr int64_t kRtoMinUs = 50 * kUsPerMs;
 inline constexpr int64_t kRearmUs = 250 * kUsPerMs;  // a server without an estimate may have one by then
+inline constexpr uint8_t kOverloadsMax = 16;         // lost attempts of a query that do not count
 inline constexpr unsigned kPausesMax = 3;            // of a query none of whose servers was reached
 inline constexpr int64_t kPauseUs = 100 * kUsPerMs;  // the first pause; each is twice as long as the last
 
-// Servers that are marked down, and the choice by cost.
+// Servers that are marked down, losses, and the choice by cost.
+inline constexpr int64_t kLossWhole = 1024;                // shares are counted in parts of this
+inline constexpr uint32_t kHeavyLoss = 1024 / 8;           // the share that may shrink a window
 inline constexpr unsigned kSilentMax = 2;                  // attempts without an answer that mark a server down
 inline constexpr int64_t kProbeMinUs = 1 * kUsPerSecond;   // between probes of a server that is marked down: at first
 inline constexpr int64_t kProbeMaxUs = 60 * kUsPerSecond;  // and at last

@@ -85,7 +85,7 @@ unsigned cheapest(const dns_query *q, uint32_t set, unsigned start) {
 bool probe(dns_query *q, unsigned place) {
   const dns_ctx *ctx = q->ctx;
   Server *server = servers_of(q)[place];
-  if (ctx->now_us < server->probe_at_us || server->under_way >= kUnderWayMax) return false;
+  if (ctx->now_us < server->probe_at_us || !server->window.has_room(server->under_way)) return false;
   q->attempt.server = static_cast<uint8_t>(place);
   q->attempt.probes = true;
   server->probe_wait_us = std::min(2 * server->probe_wait_us, kProbeMaxUs);
@@ -202,7 +202,7 @@ bool choose_next(dns_query *q) {
 void turn_away(dns_query *q) {
   if (q->attempt.probes || !has(candidates(q).down, q->attempt.server)) return;
   // The queries parked at the server would wait in vain.
-  q->ctx->sending.take_all(&present_server(q)->parked);
+  unpark(q->ctx, present_server(q));
   give_up_place(q);
   (void)choose_next(q);
   prepare_for(q, q->attempt.server);

@@ -5,6 +5,7 @@
 #include "attempt.h"
 #include "choice.h"
 #include "coalesce.h"
+#include "congestion.h"
 #include "context.h"
 #include "delivery.h"
 #include "invariants.h"
@@ -92,8 +93,7 @@ void give_up_late(dns_ctx *ctx) {
     if (q->attempt.over_tcp) {
       tcp_timed_out(q);
     } else {
-      ctx->sockets.missed(q->attempt.slot, q->attempt.sent_us);
-      missed(q);
+      note_loss(q);
       q->progress.unreached = 0;
       if (q->attempt.doubt == Doubt::none)
         ask_again(q);
@@ -115,11 +115,12 @@ dns_timeval dns_timeouts(dns_ctx *ctx, dns_timeval longest, dns_timeval now) {
   if (ctx->open_queries() == 0) return dns_tv_infinite;
   give_up_late(ctx);
   take_queued(ctx);
+  release_paced(ctx);
   flush(ctx);
   tcp_tidy(ctx);
   if (ctx->open_queries() == 0) return dns_tv_infinite;
   if (!ctx->queued.alone()) return dns_tv_zero;
-  const int64_t next = ctx->timers.next_us();
+  const int64_t next = std::min(ctx->timers.next_us(), next_pace_us(ctx));
   int64_t wait = next == base::TimerWheel::kNever ? kBlockedWaitUs : std::max<int64_t>(next - ctx->now_us, 0);
   if (!ctx->sending.alone() || !ctx->tcp_waiting.alone()) wait = std::min(wait, kBlockedWaitUs);
   return to_timeval(std::min(wait, to_us(longest)));

@@ -67,7 +67,10 @@ void check_all(dns_ctx *ctx) {
   census.take_list(ctx->resolving, State::resolving);
   unsigned under_way = 0;
   ctx->server_table.each([&](const Server *server) {
-    census.take_list(server->parked, State::sending);
+    const unsigned before = census.queries;
+    census.take_list(server->parked_again, State::parked);
+    census.take_list(server->parked, State::parked);
+    require(census.queries - before == server->waiting, nullptr, "a server's count of parked queries is wrong");
     under_way += server->under_way;
   });
   ctx->timers.each([&](const base::Timer *timer) {

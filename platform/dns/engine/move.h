@@ -28,9 +28,11 @@ void step(dns_query *q, State to);
 inline void take_out(dns_query *q) {
   if (has_timer(q->state)) {
     q->ctx->timers.remove(q);
-  } else {
-    q->unlink();
+    return;
   }
+  if (q->state == State::parked) [[unlikely]]
+    present_server(q)->waiting.fetch_sub(1, std::memory_order_relaxed);
+  q->unlink();
 }
 inline void move(dns_query *q, State to, base::Link *list) {
   take_out(q);

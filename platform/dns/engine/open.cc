@@ -10,6 +10,7 @@
 
 #include "context.h"
 #include "delivery.h"
+#include "places.h"
 #include "resolver_file.h"
 #include "server_list.h"
 #include "tcp.h"
@@ -92,7 +93,7 @@ void dns_close(dns_ctx *ctx) {
   // What has been sent is in the index, what pauses among the timers. Dropping a leader may move a query that was
   // coalesced with it to `sending`.
   while (ctx->active > 0) {
-    ctx->server_table.each([ctx](Server *server) { ctx->sending.take_all(&server->parked); });
+    ctx->server_table.each([ctx](Server *server) { unpark(ctx, server); });
     for (base::Link *list : {&ctx->resolving, &ctx->queued, &ctx->sending, &ctx->tcp_waiting})
       while (!list->alone())
         drop(static_cast<dns_query *>(list->next));

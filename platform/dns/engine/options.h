@@ -5,6 +5,7 @@
 #include <stdint.h>
 
 #include "bounds.h"
+#include "window.h"
 
 namespace dns {
 
@@ -21,6 +22,10 @@ struct Options {
   uint32_t bsc_update_s = 60;
   uint32_t bsc_nbest = 1;
   uint32_t minttl = 0;
+  uint32_t window = kWindowMost;
+  uint32_t rate = 0;
+
+  [[nodiscard]] Limits limits() const { return {window, rate}; }
 };
 
 }  // namespace dns

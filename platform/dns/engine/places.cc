@@ -1,6 +1,7 @@
 // places.cc - see places.h.
 #include "places.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "context.h"
@@ -17,18 +18,78 @@ void leave_connection(dns_query *q) {
   last.query->attempt.place = q->attempt.place;
 }
 
+// occupy counts a query that may leave now among those under way to a server.
+void occupy(dns_query *q, Server *server) {
+  const dns_ctx *ctx = q->ctx;
+  server->window.sent(server->under_way, server->round_trip(), ctx->options.limits(), ctx->now_us);
+  ++server->under_way;
+  q->attempt.under_way = server;
+}
+
 }  // namespace
+
+bool take_place(dns_query *q) {
+  if (q->attempt.under_way != nullptr) return true;
+  Server *server = present_server(q);
+  if (server->has_parked()) return false;
+  if (!server->window.has_room(server->under_way)) {
+    server->window.full();
+    return false;
+  }
+  const dns_ctx *ctx = q->ctx;
+  if (server->window.due_us(ctx->now_us) != 0) return false;
+  occupy(q, server);
+  return true;
+}
+
+void park(dns_query *q) {
+  Server *server = present_server(q);
+  move(q, State::parked, q->progress.attempts > 0 ? &server->parked_again : &server->parked);
+  server->waiting.fetch_add(1, std::memory_order_relaxed);
+  if (server->window.has_room(server->under_way)) q->ctx->pacing.append(server);
+}
 
 void give_up_place(dns_query *q) {
   Server *server = std::exchange(q->attempt.under_way, nullptr);
   if (server == nullptr) return;
-  if (server->parked.alone()) {
-    --server->under_way;
-    return;
+  --server->under_way;
+  if (server->has_parked()) release(q->ctx, server);
+}
+
+void release(dns_ctx *ctx, Server *server) {
+  while (server->has_parked() && server->window.has_room(server->under_way)) {
+    if (server->window.due_us(ctx->now_us) != 0) {
+      ctx->pacing.append(server);
+      return;
+    }
+    const base::Link &list = server->parked_again.alone() ? server->parked : server->parked_again;
+    auto *q = static_cast<dns_query *>(list.next);
+    move(q, State::sending, &ctx->sending);
+    occupy(q, server);
   }
-  auto *next = static_cast<dns_query *>(server->parked.next);
-  next->attempt.under_way = server;
-  move(next, State::sending, &q->ctx->sending);
+}
+
+void release_paced(dns_ctx *ctx) {
+  base::Link servers;
+  servers.take_all(&ctx->pacing);
+  while (!servers.alone()) {
+    auto *server = static_cast<Server *>(servers.next);
+    server->unlink();
+    release(ctx, server);
+  }
+}
+
+int64_t next_pace_us(const dns_ctx *ctx) {
+  int64_t next = base::TimerWheel::kNever;
+  for (const base::Link *link = ctx->pacing.next; link != &ctx->pacing; link = link->next)
+    next = std::min(next, static_cast<const Server *>(link)->window.due_us(ctx->now_us));
+  return next;
+}
+
+void unpark(dns_ctx *ctx, Server *server) {
+  for (base::Link *list : {&server->parked_again, &server->parked})
+    while (!list->alone())
+      move(static_cast<dns_query *>(list->next), State::sending, &ctx->sending);
 }
 
 void leave(dns_query *q) {

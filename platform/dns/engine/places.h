@@ -32,9 +32,18 @@ inline void prepare_for(dns_query *q, unsigned place) {
   return q->state == State::waiting && place == q->attempt.server;
 }
 
-// give_up_place gives up a query's place among those under way to a server, and hands it to the first query that is
-// parked there.
+// take_place gives a query a place among those under way to its present server, if the server's window lets it leave
+// now. park has it wait until then. give_up_place gives the place up, and release lets parked queries leave, in their
+// order: those that were sent before, then new ones. release_paced does so for servers whose queries wait for the pace
+// alone; next_pace_us is when it is due again, base::TimerWheel::kNever without such servers. unpark moves all of a
+// server's parked queries back to those that are to be sent.
+[[nodiscard]] bool take_place(dns_query *q);
+void park(dns_query *q);
 void give_up_place(dns_query *q);
+void release(dns_ctx *ctx, Server *server);
+void release_paced(dns_ctx *ctx);
+[[nodiscard]] int64_t next_pace_us(const dns_ctx *ctx);
+void unpark(dns_ctx *ctx, Server *server);
 
 // leave takes a query out of its list, the timers, the index and its connection, and gives its socket back.
 void leave(dns_query *q);

@@ -74,11 +74,12 @@ struct Attempt {
 
 // Progress is what the servers have answered so far, and how often the query was sent.
 struct Progress {
-  uint32_t refused = 0;    // servers that answered with an error, and are not sent it again
-  uint32_t unreached = 0;  // where nothing listened at the last attempt
-  uint32_t tried = 0;      // which it has been to in the present round
-  int16_t error = 0;       // the status of the last error that a server answered with
-  uint16_t attempts = 0;   // how often it was sent, without probes
+  uint32_t refused = 0;        // servers that answered with an error, and are not sent it again
+  uint32_t unreached = 0;      // where nothing listened at the last attempt
+  uint32_t tried = 0;          // which it has been to in the present round
+  int16_t error = 0;           // the status of the last error that a server answered with
+  uint16_t attempts : 11 = 0;  // how often it was sent, without probes, and without what was lost by overload
+  uint16_t overloads : 5 = 0;  // attempts that were lost so
 };
 
 }  // namespace dns

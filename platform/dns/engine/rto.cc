@@ -6,6 +6,7 @@
 
 #include "arrival.h"
 #include "candidates.h"
+#include "congestion.h"
 #include "context.h"
 #include "move.h"
 
@@ -75,6 +76,7 @@ void measure(dns_query *q, const Arrival &arrival) {
   Server *server = from_present ? present_server(q) : servers_of(q)[static_cast<size_t>(std::countr_zero(places))];
   server->used.fetch_add(1, std::memory_order_relaxed);
   server->heard(ctx->now_us);
+  if (q->attempt.under_way == server && arrival.by_udp()) note_answer(q);
   // Over TCP the time includes opening the connection, or waiting for other queries.
   if (!arrival.by_udp() || places == 0) return;
   // A server that is in the list twice may answer the packet sent to either place.

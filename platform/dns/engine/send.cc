@@ -49,6 +49,7 @@ unsigned collect(dns_ctx *ctx, int slot, unsigned room, const Server *only) {
       server = present_server(q);
     }
     if (is_new && only_server(q) != only) break;
+    if (!take_place(q)) break;
     // A slot for `only` was picked for its address.
     if ((!is_new || only == nullptr) && !ctx->sockets.reaches(slot, server->address)) break;
     if (is_new && q->attempt.former_slot == UdpPool::kNone && !new_id(q)) break;
@@ -97,14 +98,9 @@ void sent_by_udp(dns_query *q, int slot) {
       q->attempt.first_sent_us = ctx->now_us;
     }
   }
-  Server *server = present_server(q);
   // A probe of a server that is marked down costs no attempt.
   if (!q->attempt.probes) ++q->progress.attempts;
   q->attempt.asked |= bit(q->attempt.server);
-  if (q->attempt.under_way == nullptr) {
-    q->attempt.under_way = server;
-    ++server->under_way;
-  }
   wait_for_answer(q);
 }
 
@@ -159,11 +155,6 @@ bool send_batch(dns_ctx *ctx, int slot, unsigned count) {
   return true;
 }
 
-// room_at returns how many more queries a server may have under way.
-unsigned room_at(const Server *server) {
-  return kUnderWayMax - std::min(kUnderWayMax, server->under_way);
-}
-
 // choose_socket moves a query off a socket that cannot help it: one that does not reach its next server, or on which
 // two attempts got no answer. An earlier server may only be slow, so the query still takes answers on the first such
 // socket, and goes back to it with a server that it reaches.
@@ -196,9 +187,8 @@ void send_next(dns_ctx *ctx, base::Link *held) {
     return;
   }
   if (present_server(q)->marked_down()) turn_away(q);
-  Server *server = present_server(q);
-  if (q->attempt.under_way == nullptr && room_at(server) == 0) {
-    server->parked.append(q);
+  if (!take_place(q)) {
+    park(q);
     return;
   }
   choose_socket(q);
@@ -206,7 +196,7 @@ void send_next(dns_ctx *ctx, base::Link *held) {
   const Server *only = only_server(q);
   const int slot = q->attempt.slot != UdpPool::kNone
                        ? q->attempt.slot
-                       : ctx->sockets.pick(ctx->now_us, server->address, only != nullptr, &room);
+                       : ctx->sockets.pick(ctx->now_us, present_server(q)->address, only != nullptr, &room);
   if (slot != UdpPool::kNone && ctx->sockets.blocked(slot)) {
     // An attempt that cannot leave ends after the longest timeout, so that every query ends.
     if (ctx->now_us - q->attempt.sent_us >= ctx->options.timeout_us) {

@@ -13,11 +13,11 @@
 #include <list.h>
 
 #include "bounds.h"
+#include "window.h"
 
 namespace dns {
 
 inline constexpr unsigned kServerCookieMax = 32;  // RFC 7873, section 4
-inline constexpr int64_t kLossWhole = 1024;
 
 // A server counts as one that keeps the case after so many letters came back as they were sent. A server with a case of
 // its own matches that many by chance once in 2^32.
@@ -46,8 +46,11 @@ struct Server : base::Link {
   uint8_t cookie_size = 0;
   uint8_t cookie[kServerCookieMax] = {};  // the server's own (RFC 7873)
 
-  // Queries that wait for its answer by UDP, and those that are parked until there are fewer.
+  // Queries that wait for its answer by UDP, and those that are parked until the window lets them leave: those that
+  // were sent before go first. A server whose parked queries wait for nothing but time is in dns_ctx::pacing.
   unsigned under_way = 0;
+  Window window;
+  base::Link parked_again;
   base::Link parked;
 
   // Whether it is up, and what a query to it costs.
@@ -69,12 +72,16 @@ struct Server : base::Link {
   std::atomic<uint64_t> sent = 0;
   std::atomic<uint64_t> used = 0;
   std::atomic<uint64_t> timed_out = 0;
+  std::atomic<uint64_t> overloads = 0;  // of those, attempts that were lost because too much was sent
+  std::atomic<uint32_t> waiting = 0;    // queries that are parked
 
   // keeps_case tells whether it is known to keep the case of letters: an answer in another case is then forged.
   [[nodiscard]] bool keeps_case() const { return letters_kept >= kLettersKnown; }
   // gives_cookies tells whether it has lately answered with a cookie.
   [[nodiscard]] bool gives_cookies(int64_t now_us) const { return now_us < cookie_until_us; }
   [[nodiscard]] bool marked_down() const { return silent >= kSilentMax; }
+  [[nodiscard]] RoundTrip round_trip() const { return {srtt_us, rttvar_us}; }
+  [[nodiscard]] bool has_parked() const { return !parked.alone() || !parked_again.alone(); }
 
   // sample takes one measured round trip into the estimate. rto_us is the timeout of an attempt in the given round,
   // between kRtoMinUs and `longest_us`.

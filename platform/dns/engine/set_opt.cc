@@ -31,6 +31,8 @@ constexpr Figure kFigures[] = {
     {DNS_OPT_BSC_UPDTIME, &Options::bsc_update_s, 0, kAny},
     {DNS_OPT_BSC_NBEST, &Options::bsc_nbest, 1, kAny},
     {DNS_OPT_MINTTL, &Options::minttl, 0, INT32_MAX},
+    {DNS_OPT_WINDOW, &Options::window, 1, kWindowMost},
+    {DNS_OPT_RATE, &Options::rate, 0, kRateMax},
 };
 
 const Figure *figure_of(int opt) {

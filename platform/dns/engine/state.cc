@@ -24,7 +24,8 @@ constexpr uint16_t kEnds = set_of(State::delivering, State::cancelled);
 constexpr Row kRows[] = {
     {"queued", set_of(State::coalesced, State::sending, State::resolving) | kEnds},
     {"coalesced", set_of(State::sending) | kEnds},
-    {"sending", set_of(State::sending, State::waiting, State::pausing, State::resolving) | kEnds},
+    {"sending", set_of(State::sending, State::parked, State::waiting, State::pausing, State::resolving) | kEnds},
+    {"parked", set_of(State::sending, State::resolving) | kEnds},
     {"waiting", set_of(State::sending, State::waiting, State::pausing, State::resolving) | kEnds},
     {"pausing", set_of(State::sending, State::resolving) | kEnds},
     {"resolving", set_of(State::sending, State::resolving) | kEnds},

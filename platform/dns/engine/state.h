@@ -3,7 +3,7 @@
 //   dns_submit_dn_serv -> queued -> (cache) -> sending <-> waiting -> delivering
 //                           |                   |  ^          |            ^
 //                           +-> coalesced ------|--+----------|------------+
-//                                               |             |            |
+//                                               +-> parked <--|------------+
 //                                               +-> pausing <-+------------+
 //                                               +-> resolving <-+----------+
 //
@@ -19,7 +19,8 @@ namespace dns {
 enum class State : uint8_t {
   queued,      // submitted; the cache lookup is next
   coalesced,   // shares the outcome of its leader
-  sending,     // to leave by UDP or TCP: now, or when its server, socket or connection has room
+  sending,     // to leave by UDP or TCP: now, or when its socket or connection has room
+  parked,      // until its server's window lets it leave
   waiting,     // until its present attempt is answered or times out
   pausing,     // until the next attempt, as none of its servers was reached
   resolving,   // until the lookup of a server's address is over

@@ -3,6 +3,8 @@
 
 #include <errno.h>
 
+#include <algorithm>
+
 namespace dns {
 namespace {
 
@@ -48,12 +50,12 @@ int UdpPool::pick(int64_t now_us, const Address &server, bool alone, unsigned *r
   for (unsigned i = 0; i < extent_; ++i) {
     const int slot = static_cast<int>((random + i) % extent_);
     if (!serves(slot, server, alone) || !usable(slot)) continue;
-    *room = kInFlightPerSocket - slots_[slot].in_flight;
+    *room = per_socket_ - slots_[slot].in_flight;
     return slot;
   }
   const int fresh = open_slot(now_us, server, alone);
   if (fresh != kNone) {
-    *room = kInFlightPerSocket;
+    *room = per_socket_;
     return fresh;
   }
   // Every socket is full: share the queries evenly, and let the kernel drop what its buffers cannot hold.
@@ -68,7 +70,7 @@ int UdpPool::pick(int64_t now_us, const Address &server, bool alone, unsigned *r
 
 bool UdpPool::usable(int slot) const {
   const Slot &s = slots_[slot];
-  return s.descriptor >= 0 && !s.blocked && s.in_flight < kInFlightPerSocket && s.uses < kUsesPerSocket;
+  return s.descriptor >= 0 && !s.blocked && s.in_flight < per_socket_ && s.uses < kUsesPerSocket;
 }
 
 // busier tells whether slot `a` is a worse choice than slot `b`: blocked, or with more in flight.
@@ -86,6 +88,21 @@ void UdpPool::done(int slot) {
   Slot &s = slots_[slot];
   --s.in_flight;
   if (s.in_flight == 0 && s.uses >= kUsesPerSocket) close_slot(slot);
+}
+
+bool UdpPool::dropped(int slot, int64_t sent_us, int64_t now_us) {
+  Slot &s = slots_[slot];
+  if (s.looked_us != now_us) {
+    s.looked_us = now_us;
+    const int drops = io_->udp_dropped(io_->self, s.descriptor);
+    if (drops > s.drops) {
+      drops_.fetch_add(static_cast<uint64_t>(drops - s.drops), std::memory_order_relaxed);
+      s.drops = drops;
+      s.dropped_us = now_us;
+      per_socket_ = std::max(kInFlightLeast, per_socket_ / 2);
+    }
+  }
+  return sent_us < s.dropped_us;
 }
 
 int UdpPool::slot_of(int descriptor) const {

@@ -45,6 +45,9 @@ struct Io {
   // udp_returned takes one packet that the network reported back as undeliverable: as many of its bytes as came back,
   // and its destination as the peer. 1; 0 when there is none.
   int (*udp_returned)(void *self, int socket, Datagram *datagram);
+  // udp_dropped returns how many datagrams the system has dropped at the socket since it was opened, modulo 2^31, as
+  // its receive buffer was full.
+  int (*udp_dropped)(void *self, int socket);
   // tcp_open returns a non-blocking socket that is connecting to `peer`.
   int (*tcp_open)(void *self, const Address &peer);
   void (*tcp_close)(void *self, int socket);

@@ -7,6 +7,8 @@
 
 #include <stdint.h>
 
+#include <atomic>
+
 #include <dns_io.h>
 #include <random_source.h>
 
@@ -23,6 +25,7 @@ class UdpPool {
   static constexpr unsigned kSocketsMin = 4;
   static constexpr unsigned kSocketsMax = 64;
   static constexpr unsigned kInFlightPerSocket = 192;  // answers that the usual receive buffer (208 KiB) surely holds
+  static constexpr unsigned kInFlightLeast = 16;       // that a socket has room for, however many were dropped
   static constexpr unsigned kUsesPerSocket = 1024;     // queries after which a socket is replaced
   static constexpr int64_t kAgeMaxUs = 60'000'000;     // and the time after which it is
   static constexpr uint16_t kPortMin = 10240;          // lower ports are left to services
@@ -57,6 +60,10 @@ class UdpPool {
   void missed(int slot, int64_t sent_us) {
     if (silent(slot, sent_us)) slots_[slot].uses = kUsesPerSocket;
   }
+  // dropped tells whether the answer to a query sent at `sent_us` may have been dropped at its slot, for lack of room
+  // in the receive buffer. Each socket then has half as many queries in flight. drops counts such answers; any thread.
+  [[nodiscard]] bool dropped(int slot, int64_t sent_us, int64_t now_us);
+  [[nodiscard]] uint64_t drops() const { return drops_.load(std::memory_order_relaxed); }
   // reaches tells whether a slot can send to a server and receive its answer.
   [[nodiscard]] bool reaches(int slot, const Address &server) const {
     return connected(slot) ? slots_[slot].peer == server : slots_[slot].family == server.family;
@@ -93,9 +100,12 @@ class UdpPool {
     bool blocked = false;
     uint16_t port = 0;
     Family family = Family::none;
-    int64_t born_us = 0;   // 0 until retire first sees it
-    int64_t heard_us = 0;  // when something last arrived
-    Address peer;          // of a connected one
+    int64_t born_us = 0;     // 0 until retire first sees it
+    int64_t heard_us = 0;    // when something last arrived
+    int64_t looked_us = 0;   // when `drops` was read
+    int64_t dropped_us = 0;  // until when it has risen
+    int drops = 0;
+    Address peer;  // of a connected one
   };
 
   [[nodiscard]] int open_slot(int64_t now_us, const Address &server, bool alone);
@@ -114,6 +124,8 @@ class UdpPool {
   int64_t retired_us_ = 0;  // when retire last checked the ages
   unsigned extent_ = 0;     // slots below this one may be open
   unsigned open_ = 0;
+  unsigned per_socket_ = kInFlightPerSocket;
+  std::atomic<uint64_t> drops_ = 0;
   int refusal_ = 0;  // why no socket could be opened
 };
 
