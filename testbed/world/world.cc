@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <utility>
 
 namespace sim {
 namespace {
@@ -90,7 +91,11 @@ void World::deliver_due() {
     Parcel parcel = std::move(under_way_.begin()->second);
     under_way_.erase(under_way_.begin());
     const auto inbox = inboxes_.find(parcel.socket);
-    if (inbox != inboxes_.end()) inbox->second.push_back(std::move(parcel));
+    if (inbox == inboxes_.end()) continue;
+    if (inbox->second.size() < inbox_room)
+      inbox->second.push_back(std::move(parcel));
+    else
+      ++drops_[parcel.socket];
   }
 }
 
@@ -100,7 +105,25 @@ bool World::hears(int socket, const dns::Address &from) const {
   return only != connected_.end() ? only->second == from : families_.at(socket) == from.family;
 }
 
-void World::mail(int socket, const dns::Address &from, Bytes bytes) {
+bool World::take(const std::string &server, Temper *temper, int64_t *wait_us) {
+  const auto found = capacities.find(server);
+  if (found == capacities.end()) return true;
+  Capacity &capacity = found->second;
+  const int64_t begins_us = std::max(capacity.busy_until_us, now_us);
+  if (begins_us - now_us > capacity.queue * capacity.service_us) {
+    ++capacity.dropped;
+    return false;
+  }
+  capacity.busy_until_us = begins_us + capacity.service_us;
+  *wait_us = capacity.busy_until_us - now_us;
+  constexpr int64_t kPeriodUs = 20'000;
+  const int64_t period = now_us / kPeriodUs;
+  if (std::exchange(capacity.period, period) != period) capacity.in_period = 0;
+  if (++capacity.in_period > capacity.per_second * kPeriodUs / kUsPerSecond) *temper = capacity.above;
+  return true;
+}
+
+void World::mail(int socket, const dns::Address &from, Bytes bytes, int64_t wait_us) {
   if (bytes.empty() || !hears(socket, from) || chance(weather.loss_percent)) return;
   const auto delay = delays_us.find(name_of(from));
   const int64_t delay_us = delay != delays_us.end() ? delay->second : 0;
@@ -108,7 +131,7 @@ void World::mail(int socket, const dns::Address &from, Bytes bytes) {
   for (int i = 0; i < copies; ++i) {
     const int64_t jitter =
         weather.jitter_us > 0 ? static_cast<int64_t>(random(static_cast<uint64_t>(weather.jitter_us))) : 0;
-    under_way_.emplace(now_us + weather.delay_us + delay_us + jitter, Parcel{socket, from, bytes});
+    under_way_.emplace(now_us + wait_us + weather.delay_us + delay_us + jitter, Parcel{socket, from, bytes});
   }
 }
 
@@ -144,8 +167,11 @@ void World::send(int socket, const dns::Datagram &datagram) {
   homes_[{query[0], query[1]}].insert(socket);
   if (chance(weather.forged_percent)) forge_answers(socket, datagram.peer, query);
   if (chance(weather.loss_percent)) return;
-  const bool absent = !script && tempers_.at(server) == Temper::absent;
-  Reply reply = script ? script(query, server) : answer_to(query, tempers_.at(server));
+  Temper temper = script ? Temper::good : tempers_.at(server);
+  int64_t wait_us = 0;
+  if (!take(server, &temper, &wait_us)) return;
+  const bool absent = !script && temper == Temper::absent;
+  Reply reply = script ? script(query, server) : answer_to(query, temper);
   const int returns = absent && chance(weather.duplicate_percent) ? 2 : absent || reply.returned ? 1 : 0;
   for (int i = 0; i < returns; ++i)
     returned_[socket].push_back({socket, datagram.peer, query});
@@ -154,7 +180,7 @@ void World::send(int socket, const dns::Datagram &datagram) {
     reply.bytes[testbed::kFlagsAt] |= testbed::kTc;
   }
   for (unsigned i = 0; i < reply.copies; ++i)
-    mail(socket, reply.from.empty() ? datagram.peer : address_of(reply.from), reply.bytes);
+    mail(socket, reply.from.empty() ? datagram.peer : address_of(reply.from), reply.bytes, wait_us);
 }
 
 // answer_stream has the server at a connection's other end answer one query.

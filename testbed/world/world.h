@@ -9,6 +9,7 @@
 #include <dns_wire.h>
 #include <names.h>
 #include <temper.h>
+#include <weather.h>
 
 #include <array>
 #include <cstdint>
@@ -21,15 +22,6 @@
 #include <vector>
 
 namespace sim {
-
-struct Weather {
-  int loss_percent = 0;
-  int duplicate_percent = 0;
-  int64_t delay_us = 100;
-  int64_t jitter_us = 0;
-  int forged_percent = 0;  // of the packets sent, a forger answers with a guessed id
-  int breaks_percent = 0;  // of the writes to a connection and the reads that find it empty, it breaks
-};
 
 // Reply is what the network delivers for a query; an empty answer is silence.
 struct Reply {
@@ -55,9 +47,11 @@ class World {
   dns_ctx *ctx = nullptr;
   int64_t now_us = 1'000'000'000;
   unsigned packets_sent = 0;
-  std::map<std::string, unsigned> asked;     // of the packets, those to each server
-  std::map<std::string, int64_t> delays_us;  // of a server's answers, beyond the weather's
+  std::map<std::string, unsigned> asked;       // of the packets, those to each server
+  std::map<std::string, Capacity> capacities;  // of servers that have not all the room and time there is
+  std::map<std::string, int64_t> delays_us;    // of a server's answers, beyond the weather's
   unsigned sockets_open = 0;
+  unsigned inbox_room = UINT32_MAX;  // packets that a socket's receive buffer holds
   unsigned connections_made = 0;
   unsigned answers_per_connection = UINT32_MAX;  // after which a server closes it, even with further queries on it
   int tcp_error = 0;                             // of the next `tcp_errors` connections
@@ -121,7 +115,9 @@ class World {
   void send(int socket, const dns::Datagram &datagram);
   void forge_answers(int socket, const dns::Address &peer, const Bytes &query);
   void answer_stream(Stream *stream, const Bytes &query);
-  void mail(int socket, const dns::Address &from, Bytes bytes);
+  // take has a server take a query: false if its queue is full; `temper` and `wait_us` become how and when it answers.
+  [[nodiscard]] bool take(const std::string &server, Temper *temper, int64_t *wait_us);
+  void mail(int socket, const dns::Address &from, Bytes bytes, int64_t wait_us = 0);
   [[nodiscard]] bool refuses(dns::Family family);
   [[nodiscard]] bool hears(int socket, const dns::Address &from) const;
   void deliver_due();

@@ -50,6 +50,7 @@ void World::udp_close(void *self, int socket) {
   world->inboxes_.erase(socket);
   world->connected_.erase(socket);
   world->returned_.erase(socket);
+  world->drops_.erase(socket);
   --world->sockets_open;
 }
 

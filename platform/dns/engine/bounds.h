@@ -35,14 +35,16 @@ inline constexpr uint32_t kWindowMost = 4096;
 inline constexpr int64_t kWindowIdleUs = 1 * kUsPerSecond;  // without queries, after which it is as at first
 inline constexpr int64_t kGrowthUs = 10 * kUsPerMs;         // between two steps of its slow growth
 inline constexpr unsigned kFlatRounds = 3;                  // without more answers a second, which end its fast growth
-inline constexpr uint32_t kCohort = 64;                     // queries by which the share of losses is judged
-inline constexpr int64_t kQueueingUs = 200;                 // by which round-trip times vary without a queue
-inline constexpr int64_t kLeastRttUs = 10 * kUsPerSecond;   // after which the least round-trip time is raised
-inline constexpr int64_t kPaceBurst = 64;                   // queries that leave at once
-inline constexpr int64_t kPacedFromUs = 2 * kUsPerMs;       // round-trip times over which queries are spread
-inline constexpr int64_t kFirstPaceUs = 100;                // between queries before the first answer
-inline constexpr uint32_t kRateMax = 1'000'000;             // the highest limit of queries a second
-inline constexpr uint32_t kBurstsPerSecond = 20;            // that share a limit of queries a second
+inline constexpr unsigned kCalmRounds = 32;  // of slow growth without a queue, after which it is fast again
+inline constexpr uint32_t kCohort = 64;      // queries by which the share of losses is judged
+inline constexpr uint32_t kSample = 64;      // queries by whose round-trip times a queue is judged
+inline constexpr int64_t kQueueingUs = 200;  // by which round-trip times vary without a queue
+inline constexpr int64_t kLeastRttUs = 10 * kUsPerSecond;  // for which the least round-trip time is kept
+inline constexpr int64_t kPaceBurst = 64;                  // queries that leave at once
+inline constexpr int64_t kPacedFromUs = 2 * kUsPerMs;      // round-trip times over which queries are spread
+inline constexpr int64_t kFirstPaceUs = 100;               // between queries before the first answer
+inline constexpr uint32_t kRateMax = 1'000'000;            // the highest limit of queries a second
+inline constexpr uint32_t kBurstsPerSecond = 20;           // that share a limit of queries a second
 
 // TCP connections.
 inline constexpr unsigned kConnectionsMax = 16;
@@ -54,7 +56,7 @@ inline constexpr int64_t kTcpLimitUs = 60 * kUsPerSecond;  // for which a server
 // Attempts.
 inline constexpr int64_t kRtoMinUs = 50 * kUsPerMs;
 inline constexpr int64_t kRearmUs = 250 * kUsPerMs;  // a server without an estimate may have one by then
-inline constexpr uint8_t kOverloadsMax = 16;         // lost attempts of a query that do not count
+inline constexpr uint8_t kOverloadsMax = 8;          // lost attempts of a query that do not count
 inline constexpr unsigned kPausesMax = 3;            // of a query none of whose servers was reached
 inline constexpr int64_t kPauseUs = 100 * kUsPerMs;  // the first pause; each is twice as long as the last
 

@@ -85,7 +85,7 @@ unsigned cheapest(const dns_query *q, uint32_t set, unsigned start) {
 bool probe(dns_query *q, unsigned place) {
   const dns_ctx *ctx = q->ctx;
   Server *server = servers_of(q)[place];
-  if (ctx->now_us < server->probe_at_us || !server->window.has_room(server->under_way)) return false;
+  if (ctx->now_us < server->probe_at_us || server->under_way >= server->window.size()) return false;
   q->attempt.server = static_cast<uint8_t>(place);
   q->attempt.probes = true;
   server->probe_wait_us = std::min(2 * server->probe_wait_us, kProbeMaxUs);

@@ -1,7 +1,6 @@
 // congestion.cc - see congestion.h.
 #include "congestion.h"
 
-#include "choice.h"
 #include "places.h"
 
 namespace dns {
@@ -20,24 +19,24 @@ void forgive(dns_query *q) {
 void note_answer(dns_query *q) {
   dns_ctx *ctx = q->ctx;
   Server *server = q->attempt.under_way;
-  server->window.answered(q->attempt.sent_us, server->has_parked(), server->round_trip(), ctx->options.window,
-                          ctx->now_us);
-  if (server->has_parked()) release(ctx, server);
+  const Answered answer = {q->attempt.sent_us, q->progress.attempts == 1, server->has_parked(), server->under_way};
+  server->window.answered(answer, server->round_trip(), ctx->options.window, ctx->now_us);
+  release_later(ctx, server);
 }
 
-void note_loss(dns_query *q) {
+bool note_loss(dns_query *q) {
   dns_ctx *ctx = q->ctx;
   Server *server = present_server(q);
   if (ctx->sockets.dropped(q->attempt.slot, q->attempt.sent_us, ctx->now_us)) {
     forgive(q);
-    return;
+    return false;
   }
   ctx->sockets.missed(q->attempt.slot, q->attempt.sent_us);
   if (server->window.lost(q->attempt.sent_us, server->round_trip(), ctx->now_us)) {
     server->overloads.fetch_add(1, std::memory_order_relaxed);
     forgive(q);
   }
-  missed(q);
+  return true;
 }
 
 }  // namespace dns

@@ -13,7 +13,7 @@ namespace dns {
 // UDP that timed out: its answer was dropped at the host's own socket, or the server was sent too much at once; then
 // the attempt does not count. Otherwise the packet was lost, or the server is silent.
 void note_answer(dns_query *q);
-void note_loss(dns_query *q);
+[[nodiscard]] bool note_loss(dns_query *q);
 
 }  // namespace dns
 

@@ -73,7 +73,7 @@ struct dns_ctx {
   base::Link sending;
   base::Link resolving;
   base::Link tcp_waiting;  // queries for which no connection has room
-  base::Link pacing;       // servers whose parked queries wait for the pace of their window
+  base::Link pacing;       // servers that may have room for parked queries, now or when their pace lets them leave
   base::TimerWheel timers;
 
   // Queries that were sent, until they are over, by id; and those that others may be coalesced with.

@@ -93,7 +93,7 @@ void give_up_late(dns_ctx *ctx) {
     if (q->attempt.over_tcp) {
       tcp_timed_out(q);
     } else {
-      note_loss(q);
+      if (note_loss(q)) missed(q);
       q->progress.unreached = 0;
       if (q->attempt.doubt == Doubt::none)
         ask_again(q);
@@ -115,7 +115,6 @@ dns_timeval dns_timeouts(dns_ctx *ctx, dns_timeval longest, dns_timeval now) {
   if (ctx->open_queries() == 0) return dns_tv_infinite;
   give_up_late(ctx);
   take_queued(ctx);
-  release_paced(ctx);
   flush(ctx);
   tcp_tidy(ctx);
   if (ctx->open_queries() == 0) return dns_tv_infinite;

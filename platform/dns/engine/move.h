@@ -30,7 +30,7 @@ inline void take_out(dns_query *q) {
     q->ctx->timers.remove(q);
     return;
   }
-  if (q->state == State::parked) [[unlikely]]
+  if (q->state == State::parked && !q->alone()) [[unlikely]]
     present_server(q)->waiting.fetch_sub(1, std::memory_order_relaxed);
   q->unlink();
 }

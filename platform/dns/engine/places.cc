@@ -26,38 +26,13 @@ void occupy(dns_query *q, Server *server) {
   q->attempt.under_way = server;
 }
 
-}  // namespace
-
-bool take_place(dns_query *q) {
-  if (q->attempt.under_way != nullptr) return true;
-  Server *server = present_server(q);
-  if (server->has_parked()) return false;
-  if (!server->window.has_room(server->under_way)) {
-    server->window.full();
-    return false;
-  }
-  const dns_ctx *ctx = q->ctx;
-  if (server->window.due_us(ctx->now_us) != 0) return false;
-  occupy(q, server);
-  return true;
+bool has_room(const dns_ctx *ctx, const Server *server) {
+  return server->under_way < std::min(server->window.size(), ctx->options.window);
 }
 
-void park(dns_query *q) {
-  Server *server = present_server(q);
-  move(q, State::parked, q->progress.attempts > 0 ? &server->parked_again : &server->parked);
-  server->waiting.fetch_add(1, std::memory_order_relaxed);
-  if (server->window.has_room(server->under_way)) q->ctx->pacing.append(server);
-}
-
-void give_up_place(dns_query *q) {
-  Server *server = std::exchange(q->attempt.under_way, nullptr);
-  if (server == nullptr) return;
-  --server->under_way;
-  if (server->has_parked()) release(q->ctx, server);
-}
-
+// release lets as many of a server's parked queries leave as may; later if only its pace keeps them.
 void release(dns_ctx *ctx, Server *server) {
-  while (server->has_parked() && server->window.has_room(server->under_way)) {
+  while (server->has_parked() && has_room(ctx, server)) {
     if (server->window.due_us(ctx->now_us) != 0) {
       ctx->pacing.append(server);
       return;
@@ -69,7 +44,37 @@ void release(dns_ctx *ctx, Server *server) {
   }
 }
 
-void release_paced(dns_ctx *ctx) {
+}  // namespace
+
+bool take_place(dns_query *q) {
+  if (q->attempt.under_way != nullptr) return true;
+  Server *server = present_server(q);
+  if (server->has_parked()) return false;
+  const dns_ctx *ctx = q->ctx;
+  if (!has_room(ctx, server)) {
+    server->window.full();
+    return false;
+  }
+  if (server->window.due_us(ctx->now_us) != 0) return false;
+  occupy(q, server);
+  return true;
+}
+
+void park(dns_query *q) {
+  Server *server = present_server(q);
+  move(q, State::parked, q->progress.attempts > 0 ? &server->parked_again : &server->parked);
+  server->waiting.fetch_add(1, std::memory_order_relaxed);
+  release_later(q->ctx, server);
+}
+
+void give_up_place(dns_query *q) {
+  Server *server = std::exchange(q->attempt.under_way, nullptr);
+  if (server == nullptr) return;
+  --server->under_way;
+  release_later(q->ctx, server);
+}
+
+void release_parked(dns_ctx *ctx) {
   base::Link servers;
   servers.take_all(&ctx->pacing);
   while (!servers.alone()) {

@@ -33,17 +33,21 @@ inline void prepare_for(dns_query *q, unsigned place) {
 }
 
 // take_place gives a query a place among those under way to its present server, if the server's window lets it leave
-// now. park has it wait until then. give_up_place gives the place up, and release lets parked queries leave, in their
-// order: those that were sent before, then new ones. release_paced does so for servers whose queries wait for the pace
-// alone; next_pace_us is when it is due again, base::TimerWheel::kNever without such servers. unpark moves all of a
-// server's parked queries back to those that are to be sent.
+// now. park has it wait until then. give_up_place gives the place up. unpark moves all of a server's parked queries
+// back to those that are to be sent.
 [[nodiscard]] bool take_place(dns_query *q);
 void park(dns_query *q);
 void give_up_place(dns_query *q);
-void release(dns_ctx *ctx, Server *server);
-void release_paced(dns_ctx *ctx);
-[[nodiscard]] int64_t next_pace_us(const dns_ctx *ctx);
 void unpark(dns_ctx *ctx, Server *server);
+
+// release_later notes that a server may have room for parked queries. release_parked then lets them leave, once all
+// that is due in this turn is parked too: those that were sent before go first. next_pace_us is when more may leave, so
+// far as that hangs on time alone; base::TimerWheel::kNever if it does not.
+inline void release_later(dns_ctx *ctx, Server *server) {
+  if (server->has_parked()) ctx->pacing.append(server);
+}
+void release_parked(dns_ctx *ctx);
+[[nodiscard]] int64_t next_pace_us(const dns_ctx *ctx);
 
 // leave takes a query out of its list, the timers, the index and its connection, and gives its socket back.
 void leave(dns_query *q);

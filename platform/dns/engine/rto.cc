@@ -9,6 +9,7 @@
 #include "congestion.h"
 #include "context.h"
 #include "move.h"
+#include "places.h"
 
 namespace dns {
 namespace {
@@ -48,6 +49,7 @@ void wait_for_answer(dns_query *q) {
     // By then another query's answer may have given the server an estimate.
     timeout = attempt_timeout_us(q);
     if (server->srtt_us == 0) timeout = std::min(timeout, kRearmUs);
+    timeout = std::min(timeout, server->rto_us(0, timeout));
   }
   q->attempt.sent_us = ctx->now_us;
   server->sent.fetch_add(1, std::memory_order_relaxed);
@@ -59,7 +61,10 @@ bool rearm(dns_query *q) {
   if (q->attempt.over_tcp) return false;
   const int64_t left_us = q->attempt.sent_us + attempt_timeout_us(q) - ctx->now_us;
   if (left_us <= 0) return false;
-  const bool known = present_server(q)->srtt_us != 0;
+  const Server *server = present_server(q);
+  const bool known = server->srtt_us != 0;
+  // A packet that is so late is on its way no more, whatever the attempt still waits for.
+  if (known && ctx->now_us >= q->attempt.sent_us + server->rto_us(0, INT64_MAX)) give_up_place(q);
   move_until(q, State::waiting, ctx->now_us + (known ? left_us : std::min(left_us, kRearmUs)));
   return true;
 }

@@ -231,7 +231,8 @@ void flush(dns_ctx *ctx) {
         send_next(ctx, &held);
       }
     }
-  } while (tcp_flush(ctx));
+    release_parked(ctx);
+  } while (!ctx->sending.alone() || tcp_flush(ctx));
   ctx->sending.take_all(&held);
 }
 

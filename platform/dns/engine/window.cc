@@ -2,6 +2,7 @@
 #include "window.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace dns {
 namespace {
@@ -43,13 +44,9 @@ int64_t Window::due_us(int64_t now_us) const {
 }
 
 void Window::sent(unsigned under_way, const RoundTrip &rtt, const Limits &limits, int64_t now_us) {
-  // After a pause nothing is known of the way to the server any more (RFC 5681, section 4.1).
-  if (under_way == 0 && now_us - left_us_ > kWindowIdleUs && size() > kWindowFirst) {
-    threshold_ = std::max(threshold_, size() / 4 * 3);
-    resize(kWindowFirst);
-  }
+  if (under_way == 0) rest(now_us);
   left_us_ = now_us;
-  if (cohort_.ended_us == 0 && ++cohort_.sent == kCohort) {
+  if (cohort_.ended_us == 0 && now_us >= cohort_.begun_us && ++cohort_.sent == kCohort) {
     cohort_.ended_us = now_us;
     cohort_.limited = limits_;
   }
@@ -58,68 +55,109 @@ void Window::sent(unsigned under_way, const RoundTrip &rtt, const Limits &limits
   ahead_ns_ = std::max(pace.interval_ns * (pace.burst - 1), limits.per_second == 0 ? kUsPerMs * kNsPerUs : 0);
 }
 
-void Window::answered(int64_t sent_us, bool others_wait, const RoundTrip &rtt, uint32_t most, int64_t now_us) {
+// rest begins anew after a pause, in which the way to the server may have changed (RFC 5681, section 4.1).
+void Window::rest(int64_t now_us) {
+  const int64_t paused_us = now_us - left_us_;
+  if (paused_us > kWindowIdleUs) resize(std::min(size(), kWindowFirst));
+  if (paused_us <= kLeastRttUs) return;
+  resize(kWindowFirst);
+  threshold_ = kWindowMost;
+  best_rate_ = cut_us_ = 0;
+  flat_rounds_ = 0;
+}
+
+void Window::answered(const Answered &answer, const RoundTrip &rtt, uint32_t most, int64_t now_us) {
   ++in_round_;
-  if (cohort_.has(sent_us)) ++cohort_.answered;
-  if (sent_us >= round_us_) end_round(rtt, others_wait, now_us);
+  if (answer.once) sample(now_us - answer.sent_us, now_us);
+  if (cohort_.has(answer.sent_us)) ++cohort_.answered;
+  if (answer.sent_us >= round_us_ && now_us - round_us_ >= mean_us_) end_round(answer, rtt, now_us);
   if (limits_) grow(most, now_us);
 }
 
-void Window::end_round(const RoundTrip &rtt, bool others_wait, int64_t now_us) {
+void Window::end_round(const Answered &answer, const RoundTrip &rtt, int64_t now_us) {
   const int64_t rate = in_round_ * kUsPerSecond / std::max<int64_t>(now_us - round_us_, 1);
+  const unsigned flat_max = cut_us_ == 0 ? kFlatRounds : 1;
+  const bool loses = in_round_ < under_way_then_ / 5 * 4;
   if (rate > best_rate_ / 4 * 5) {
     best_rate_ = rate;
     flat_rounds_ = 0;
-  } else if (limits_ && size() < threshold_ && ++flat_rounds_ == kFlatRounds) {
+  } else if (limits_ && size() < threshold_ && (++flat_rounds_ >= flat_max || loses || queueing_)) {
+    if (loses) resize(std::min(size(), std::max(in_round_, kWindowFirst)));
     threshold_ = size();
   }
+  calm_rounds_ = queueing_ || !limits_ || size() < threshold_ ? 0 : calm_rounds_ + 1;
+  if (calm_rounds_ == kCalmRounds) {
+    threshold_ = kWindowMost;
+    best_rate_ = rate;
+    calm_rounds_ = flat_rounds_ = 0;
+  }
+  under_way_then_ = answer.under_way;
   in_last_round_ = in_round_;
   in_round_ = 0;
   round_us_ = now_us;
-  limits_ = others_wait;
-  if (now_us - least_at_us_ > kLeastRttUs) {
-    least_rtt_us_ += (rtt.smoothed_us - least_rtt_us_) / 8;
-    least_at_us_ = now_us;
-  }
-  if (least_rtt_us_ == 0 || rtt.smoothed_us < least_rtt_us_) least_rtt_us_ = rtt.smoothed_us;
+  limits_ = answer.others_wait;
   settle(rtt, now_us);
 }
 
+// sample compares the round-trip times of kSample queries with the least. A mean alone would be raised by a few slow
+// answers of a resolver, a least time alone by chance where times vary.
+void Window::sample(int64_t rtt_us, int64_t now_us) {
+  sample_least_us_ = std::min(sample_least_us_, std::max<int64_t>(rtt_us, 1));
+  sample_sum_us_ += rtt_us;
+  if (++sampled_ < kSample) return;
+  const int64_t least = sample_least_us_, mean = sample_sum_us_ / kSample;
+  mean_us_ = mean;
+  sampled_ = 0;
+  sample_least_us_ = kUnknown;
+  sample_sum_us_ = 0;
+  if (now_us - period_us_ > kLeastRttUs) {
+    period_us_ = now_us;
+    least_us_ = std::exchange(period_least_us_, kUnknown);
+    least_mean_us_ = std::exchange(period_least_mean_us_, kUnknown);
+  }
+  period_least_us_ = std::min(period_least_us_, least);
+  period_least_mean_us_ = std::min(period_least_mean_us_, mean);
+  least_us_ = std::min(least_us_, least);
+  least_mean_us_ = std::min(least_mean_us_, mean);
+  queueing_ = least > least_us_ + least_us_ / 4 + kQueueingUs && mean > least_mean_us_ + least_mean_us_ / 8;
+}
+
+void Window::grow_fast() {
+  // A lost packet is noticed late. Until then a server that takes no more is not sent ever more.
+  if (size() >= std::max(kWindowFirst, 2 * std::max(in_round_, in_last_round_))) return;
+  const bool carefully = queueing_ || cut_us_ != 0;
+  if (++credit_ % (carefully ? 8 : 2) == 0) resize(size() + 1);
+}
+
 void Window::grow(uint32_t most, int64_t now_us) {
-  uint32_t size = this->size();
-  if (size >= most) return;
-  if (size < threshold_) {
-    // Losses are noticed late. Until then a server that takes no more is not sent ever more.
-    if (size < std::max(kWindowFirst, 2 * std::max(in_round_, in_last_round_))) ++size;
-  } else if (++credit_ >= size && now_us - grown_us_ >= kGrowthUs) {
-    ++size;
+  if (size() >= most) return;
+  if (size() < threshold_) {
+    grow_fast();
+  } else if (++credit_ >= size() && now_us - grown_us_ >= kGrowthUs) {
+    resize(size() + 1);
     credit_ = 0;
     grown_us_ = now_us;
   }
-  resize(size);
-}
-
-bool Window::is_queueing(const RoundTrip &rtt) const {
-  const int64_t slack = std::max({least_rtt_us_ / 4, 2 * rtt.variation_us, kQueueingUs});
-  return least_rtt_us_ != 0 && rtt.smoothed_us > least_rtt_us_ + slack;
 }
 
 bool Window::lost(int64_t sent_us, const RoundTrip &rtt, int64_t now_us) {
   settle(rtt, now_us);
-  // One overload loses many queries, and shrinks the window once.
+  // One overload loses many queries, for a round trip after the first was noticed too, and shrinks the window once.
   if (sent_us <= cut_us_) return true;
-  if (!is_queueing(rtt)) return false;
+  if (!queueing_) return false;
   cut(now_us);
   return true;
 }
 
+// cut lets the queue drain, and then has the window grow fast to a little less than what was taken.
 void Window::cut(int64_t now_us) {
   const uint32_t taken = std::min(size(), std::max(in_round_, in_last_round_));
-  const uint32_t size = std::max(kWindowLeast, taken / 10 * 7 + taken % 10 * 7 / 10);
-  threshold_ = size;
-  resize(size);
-  credit_ = 0;
-  cut_us_ = now_us;
+  resize(std::max(kWindowLeast, taken * 7 / 10));
+  threshold_ = std::max(size(), taken * 9 / 10);
+  credit_ = calm_rounds_ = 0;
+  cut_us_ = now_us + mean_us_;
+  cohort_ = {};
+  cohort_.begun_us = cut_us_;
 }
 
 // settle judges the cohort when all its answers must have come, and begins the next.

@@ -19,6 +19,14 @@ struct RoundTrip {
   int64_t variation_us;
 };
 
+// Answered is an answer, as a window sees it.
+struct Answered {
+  int64_t sent_us;     // when its query left
+  bool once;           // which left only once: the time since then is the round trip
+  bool others_wait;    // for room
+  unsigned under_way;  // queries, this one included
+};
+
 // Limits are a context's bounds on every window.
 struct Limits {
   uint32_t most = kWindowMost;  // queries under way
@@ -27,30 +35,30 @@ struct Limits {
 
 // Window decides when a query may leave.
 //
-// A server that has more queries than room grows its window: by one for each answer up to `threshold_`, then by one for
-// each round, in which all that was under way is answered. The first growth ends, too, when more queries under way
-// bring no more answers a second. A loss shrinks the window if it is one by overload: if the round-trip time has risen
-// above the least that was seen, which is queueing, or if a large share of the queries is lost and the window is what
-// limits them. If that share is no smaller after the window has shrunk, the line loses packets of its own: the window
-// is given its size back, and only a larger share counts from then on.
+// A server that has more queries than room grows its window: by half of its size in a round up to `threshold_`, then by
+// one for each round, in which all that was under way is answered. The first growth ends, too, when more queries under
+// way bring no more answers a second. A loss shrinks the window if it is one by overload: if the round-trip time has
+// risen above the least that was seen, which is queueing, or if a large share of the queries is lost and the window is
+// what limits them. If that share is no smaller after the window has shrunk, the line loses packets of its own: the
+// window is given its size back, and only a larger share counts from then on.
 class Window {
  public:
-  // room tells how many queries may leave now, so far as the window goes. due_us is when the pace lets the next one
-  // leave, 0 for now.
-  [[nodiscard]] bool has_room(unsigned under_way) const { return under_way < size(); }
+  // due_us is when the pace lets the next query leave, 0 for now.
   [[nodiscard]] int64_t due_us(int64_t now_us) const;
   // sent counts a query that leaves. full notes that one had to wait for room.
   void sent(unsigned under_way, const RoundTrip &rtt, const Limits &limits, int64_t now_us);
   void full() { limits_ = true; }
 
-  // answered takes the answer to a query that was sent at `sent_us`; `others_wait` tells whether queries wait for room.
-  void answered(int64_t sent_us, bool others_wait, const RoundTrip &rtt, uint32_t most, int64_t now_us);
+  // answered takes an answer, with what then is under way.
+  void answered(const Answered &answer, const RoundTrip &rtt, uint32_t most, int64_t now_us);
   // lost takes an attempt that timed out; true if it was lost by overload.
   [[nodiscard]] bool lost(int64_t sent_us, const RoundTrip &rtt, int64_t now_us);
 
   [[nodiscard]] uint32_t size() const { return size_.load(std::memory_order_relaxed); }
 
  private:
+  static constexpr int64_t kUnknown = INT64_MAX / 8;
+
   // Cohort is a sample of the queries: those sent between two moments, and how many were answered.
   struct Cohort {
     int64_t begun_us = 0;
@@ -64,29 +72,42 @@ class Window {
   };
 
   void resize(uint32_t size) { size_.store(size, std::memory_order_relaxed); }
-  void end_round(const RoundTrip &rtt, bool others_wait, int64_t now_us);
+  void end_round(const Answered &answer, const RoundTrip &rtt, int64_t now_us);
+  void rest(int64_t now_us);
   void grow(uint32_t most, int64_t now_us);
+  void grow_fast();
   void cut(int64_t now_us);
   void settle(const RoundTrip &rtt, int64_t now_us);
-  [[nodiscard]] bool is_queueing(const RoundTrip &rtt) const;
+  void sample(int64_t rtt_us, int64_t now_us);
 
   std::atomic<uint32_t> size_ = kWindowFirst;
   uint32_t threshold_ = kWindowMost;
   uint32_t credit_ = 0;  // answers towards the next growth by one
   bool limits_ = false;  // queries have waited for room in this round
   int64_t grown_us_ = 0;
-  int64_t cut_us_ = 0;
+  int64_t cut_us_ = 0;   // until when queries that left belong to the last overload
   int64_t left_us_ = 0;  // when a query last left
 
   // The present round, and what the last one brought.
   int64_t round_us_ = 0;
   uint32_t in_round_ = 0;
   uint32_t in_last_round_ = 0;
-  unsigned flat_rounds_ = 0;  // in a row that were no faster than the best before
-  int64_t best_rate_ = 0;     // answers a second
+  uint32_t under_way_then_ = 0;  // when it began
+  unsigned flat_rounds_ = 0;     // in a row that were no faster than the best before
+  unsigned calm_rounds_ = 0;     // of slow growth in a row without a queue
+  int64_t best_rate_ = 0;        // answers a second
 
-  int64_t least_rtt_us_ = 0;  // the least smoothed round-trip time, which rises slowly
-  int64_t least_at_us_ = 0;
+  // The round-trip times of the present sample, and the least that samples had in this period and the last.
+  uint32_t sampled_ = 0;
+  int64_t sample_least_us_ = kUnknown;
+  int64_t sample_sum_us_ = 0;
+  int64_t least_us_ = kUnknown;
+  int64_t least_mean_us_ = kUnknown;
+  int64_t period_us_ = 0;  // when the present period began, and its least
+  int64_t period_least_us_ = kUnknown;
+  int64_t period_least_mean_us_ = kUnknown;
+  int64_t mean_us_ = 0;    // of the last sample
+  bool queueing_ = false;  // by the last sample, queries queue on their way
 
   Cohort cohort_;
   uint32_t noise_ = 0;       // of kLossWhole, the share that the line loses
