@@ -23,10 +23,8 @@ TEST_F(Engine, StatisticsFollowTheServers) {
   uint64_t sent = 7, timed_out = 7, used = 7;
   int average = 0, last = 0, check = 0;
   EXPECT_EQ(dns_get_serv_nqsent(world.ctx, good, &sent), DNS_E_INVAL) << "not asked yet";
-  for (int i = 0; i < 5; ++i) {
-    queries.ask("listed-1.list.test");
-    ASSERT_TRUE(world.run());
-  }
+  for (int i = 0; i < 5; ++i)
+    run("listed-1.list.test");
   // Two timeouts are enough for a server to be marked down.
   for (const int error :
        {dns_get_serv_nqsent(world.ctx, dead, &sent), dns_get_serv_ntimeout(world.ctx, dead, &timed_out),
@@ -91,8 +89,7 @@ TEST(Choice, ADeadServerCostsTheMedianNothingAndRecovers) {
       set(&world, DNS_OPT_FLAGS, row.flags);
       set(&world, DNS_OPT_BSC_SIZE, row.bsc_size);
       set(&world, DNS_OPT_NTRIES, row.ntries);
-      for (const std::string &server : both)
-        world.add_server(server, Temper::good);
+      world.add_servers(both);
       if (dead == 1) world.set_temper(both[0], Temper::dead);
       took[dead] = ask_in_turn(&world, kQueries, 10'000, own);
     }
@@ -130,18 +127,16 @@ TEST_F(Engine, QueriesQueuedAtADyingServerGoToTheNext) {
   world.add_server("192.0.2.1", Temper::dead);
   world.add_server("192.0.2.2", Temper::good);
   const unsigned count = 2 * dns::kWindowFirst;
-  for (unsigned i = 0; i < count; ++i)
-    queries.ask("listed-" + std::to_string(i) + ".list.test");
+  queries.ask_listed(count);
   for (const unsigned place : {0U, 1U}) {
     for (int64_t ms = 0; ms < 10; ++ms, world.now_us += dns::kUsPerMs)
-      (void)dns_timeouts(world.ctx, dns_tv_infinite, world.now());
+      send();
     EXPECT_EQ(world.ctx->servers[place]->under_way, dns::kWindowFirst);
     EXPECT_EQ(world.ctx->servers[1 - place]->under_way, 0U);
     world.now_us += place == 0 ? dns::Options{}.timeout_us / 2 : 0;
   }
   ASSERT_TRUE(world.run());
-  for (const auto &asked : queries.all())
-    expect_truth(*asked);
+  queries.expect_truths();
   EXPECT_LT(world.asked["192.0.2.1"], dns::kWindowFirst + 100) << "no query waits there for the next round";
   expect_rest(&world);
 }
@@ -207,9 +202,8 @@ TEST_F(Best, ALossyServerIsPassedOverThoughItIsTheFastest) {
 
 TEST_F(Best, OthersAreMeasuredNowAndThen) {
   // Of queries submitted together, each unmeasured server gets one, and one server the others.
-  for (int i = 0; i < 9; ++i)
-    queries.ask("listed-" + std::to_string(i) + ".list.test");
-  dns_timeouts(world.ctx, dns_tv_infinite, world.now());
+  queries.ask_listed(9);
+  send();
   EXPECT_EQ(world.asked["192.0.2.1"], 1U);
   EXPECT_EQ(world.asked["192.0.2.2"], 1U);
   ASSERT_TRUE(world.run());
@@ -237,8 +231,7 @@ TEST_F(Best, TheFastestIsAskedAgainOnceItRecovers) {
 
 TEST_F(Engine, ServersTakeTheirTurnsInTheOrderOfTheList) {
   const std::vector<std::string> servers = {"192.0.2.1", "192.0.2.2", "192.0.2.3"};
-  for (const std::string &server : servers)
-    world.add_server(server, Temper::good);
+  world.add_servers(servers);
   const auto order = [&] {
     std::string places;
     for (int i = 0; i < 6; ++i) {
@@ -292,8 +285,7 @@ TEST_F(Best, TheCostZoneMovesTheTraffic) {
 }
 
 TEST_F(Engine, AFamilyWithoutARouteCostsNothing) {
-  for (const char *server : {"2001:db8::1", "2001:db8::2", "192.0.2.3"})
-    world.add_server(server, Temper::good);
+  world.add_servers({"2001:db8::1", "2001:db8::2", "192.0.2.3"});
   world.routeless = {dns::Family::ipv6};
   const auto expect_no_cost = [this](unsigned attempts) {
     world.refused = 0;
@@ -327,32 +319,27 @@ TEST_F(Engine, AFamilyWithoutARouteCostsNothing) {
     const std::string name = there ? "listed-7.list.test" : "listed-8.list.test";
     world.set_temper("192.0.2.3", Temper::fails);
     world.routeless = there ? std::set<dns::Family>{} : std::set{dns::Family::ipv6};
-    const Query &asked = queries.ask(name, {"192.0.2.3", "2001:db8::1"});
-    ASSERT_TRUE(world.run());
+    const Query &asked = run(name, {"192.0.2.3", "2001:db8::1"});
     EXPECT_EQ(asked.status, there ? DNS_E_NOERROR : DNS_E_SERVFAIL);
     EXPECT_EQ(asked.took_us, (there ? 2 : 1) * world.weather.delay_us);
   }
 
   // Where there is no other family, the query waits for a route a few times.
-  World alone(7);
-  Queries asks(&alone);
-  alone.add_server("2001:db8::1", Temper::good);
-  alone.routeless = {dns::Family::ipv6};
-  const Query &lost = asks.ask("listed-1.list.test");
-  ASSERT_TRUE(alone.run());
-  EXPECT_EQ(lost.status, DNS_E_TEMPFAIL);
-  const Query &late = asks.ask("listed-2.list.test");
-  alone.turn();
-  alone.routeless.clear();
-  ASSERT_TRUE(alone.run());
+  Scene alone(7);
+  alone.world.add_server("2001:db8::1", Temper::good);
+  alone.world.routeless = {dns::Family::ipv6};
+  EXPECT_EQ(alone.run("listed-1.list.test").status, DNS_E_TEMPFAIL);
+  const Query &late = alone.queries.ask("listed-2.list.test");
+  alone.world.turn();
+  alone.world.routeless.clear();
+  ASSERT_TRUE(alone.world.run());
   expect_truth(late);
 }
 
 TEST_F(Engine, TheEstimateDecidesNotTheFamily) {
   set(&world, DNS_OPT_BSC_SIZE, 16);
   const std::vector<std::string> servers = {"192.0.2.9", "2001:db8::9", "2001:db8::1", "192.0.2.1"};
-  for (const std::string &server : servers)
-    world.add_server(server, Temper::good);
+  world.add_servers(servers);
   for (const std::string &quick : servers) {
     for (const std::string &server : servers)
       world.delays_us[server] = server == quick ? 1000 : 20'000;
@@ -372,19 +359,14 @@ TEST_F(Engine, TheEstimateDecidesNotTheFamily) {
 TEST_F(Engine, LateAnswersOfEitherFamilyCount) {
   const std::vector<std::string> four = {"192.0.2.1", "192.0.2.2"}, six = {"2001:db8::1", "2001:db8::2"};
   for (const auto &[slow, others] : {std::pair(four, six), std::pair(six, four)}) {
-    World other(8);
-    Queries asks(&other);
-    for (size_t i = 0; i < slow.size(); ++i) {
-      other.add_server(slow[i], i == 0 ? Temper::good : Temper::dead);
-      other.add_server(others[i], Temper::dead);
-    }
-    other.delays_us[slow[0]] = 5'000'000;
-    const Query &asked = asks.ask("listed-1.list.test");
-    ASSERT_TRUE(other.run());
-    expect_truth(asked);
-    EXPECT_EQ(asked.took_us, 5'000'000 + other.weather.delay_us) << "the answer to the first attempt";
-    EXPECT_GE(other.packets_sent, 3U);
-    expect_rest(&other);
+    Scene other(8);
+    other.world.add_servers({slow[0], others[0], slow[1], others[1]}, Temper::dead);
+    other.world.set_temper(slow[0], Temper::good);
+    other.world.delays_us[slow[0]] = 5'000'000;
+    const Query &asked = other.resolve("listed-1.list.test");
+    EXPECT_EQ(asked.took_us, 5'000'000 + other.world.weather.delay_us) << "the answer to the first attempt";
+    EXPECT_GE(other.world.packets_sent, 3U);
+    expect_rest(&other.world);
   }
 }
 
@@ -393,21 +375,15 @@ TEST_F(Engine, ServersAreToldApartByEveryByteOfTheirAddresses) {
   const std::pair<const char *, const char *> pairs[] = {
       {"2001:db8::41", "2001:db8::61"}, {"2001:db8:41::", "2001:db8:61::"}, {"fe80::1%1", "fe80::1%2"}};
   for (const auto &[failing, good] : pairs) {
-    World other(9);
-    Queries asks(&other);
-    const dns::SocketAddress places[] = {socket_of(failing), socket_of(good)};
-    other.script = [first = true](const Bytes &query, const std::string &) mutable {
+    Scene other(9);
+    other.world.script = [first = true](const Bytes &query, const std::string &) mutable {
       return sim::answer_to(query, std::exchange(first, false) ? Temper::fails : Temper::good);
     };
-    const Query &failed = asks.ask("listed-1.list.test", {failing});
-    ASSERT_TRUE(other.run());
-    EXPECT_EQ(failed.status, DNS_E_SERVFAIL);
-    const Query &asked = asks.ask("listed-1.list.test", {good});
-    ASSERT_TRUE(other.run());
-    expect_truth(asked);
-    for (const dns::SocketAddress &place : places) {
+    EXPECT_EQ(other.run("listed-1.list.test", {failing}).status, DNS_E_SERVFAIL);
+    other.resolve("listed-1.list.test", {good});
+    for (const char *place : {failing, good}) {
       uint64_t sent = 0;
-      EXPECT_EQ(dns_get_serv_nqsent(other.ctx, place.generic(), &sent), DNS_E_NOERROR);
+      EXPECT_EQ(dns_get_serv_nqsent(other.world.ctx, socket_of(place).generic(), &sent), DNS_E_NOERROR);
       EXPECT_EQ(sent, 1U);
     }
   }
@@ -441,7 +417,7 @@ TEST_F(Engine, ARoundTripIsMeasuredWhereThePacketIsSure) {
   world.add_server("192.0.2.1", Temper::good);
   world.weather.delay_us = 1'600'000;
   int last_ms = 7;
-  expect_truth((queries.ask("listed-1.list.test", {"192.0.2.1", "192.0.2.1"}), world.run(), *queries.all().back()));
+  resolve("listed-1.list.test", {"192.0.2.1", "192.0.2.1"});
   EXPECT_EQ(world.packets_sent, 2U);
   EXPECT_EQ(dns_get_serv_lastrtt(world.ctx, socket_of("192.0.2.1").generic(), &last_ms), DNS_E_NOERROR);
   EXPECT_EQ(last_ms, 0) << "the answer may be either packet's";
@@ -454,10 +430,8 @@ TEST_F(Engine, TheTimeoutFollowsAServerThatSlowsDown) {
     world.weather.delay_us = delay_us;
     world.packets_sent = 0;
     constexpr unsigned kQueries = 20;
-    for (unsigned i = 0; i < kQueries; ++i) {
-      queries.ask("listed-1.list.test");
-      ASSERT_TRUE(world.run());
-    }
+    for (unsigned i = 0; i < kQueries; ++i)
+      run("listed-1.list.test");
     EXPECT_LE(world.packets_sent, kQueries + 5);
   }
 }
@@ -465,11 +439,10 @@ TEST_F(Engine, TheTimeoutFollowsAServerThatSlowsDown) {
 TEST_F(Engine, TheLastAttemptWaitsForTheWholeTimeoutWhereNoServerIsLeft) {
   world.weather.delay_us = 1000;
   world.add_server("192.0.2.1", Temper::good);
-  ASSERT_TRUE((queries.ask("listed-1.list.test"), world.run()));
+  run("listed-1.list.test");
   world.set_temper("192.0.2.1", Temper::dead);
   for (const auto &[flags, longest_us] : {std::pair{0U, 751'000}, {unsigned{DNS_RCRS}, 3'351'000}}) {
-    Query &asked = queries.ask("listed-2.list.test", {}, flags);
-    ASSERT_TRUE(world.run());
+    Query &asked = run("listed-2.list.test", {}, flags);
     EXPECT_EQ(asked.status, DNS_E_TEMPFAIL);
     EXPECT_TRUE(asked.took_us <= longest_us && asked.took_us >= longest_us - 1000) << "each round doubles the timeout";
   }
@@ -484,7 +457,7 @@ TEST_F(Best, AllAreAskedBeforeOneIsAskedTwice) {
     places += server.back();
     return Bytes{};
   };
-  ASSERT_TRUE((queries.ask("listed-1.list.test"), world.run()));
+  run("listed-1.list.test");
   EXPECT_EQ(places, "231231") << "in the order of their costs";
 }
 
@@ -497,8 +470,7 @@ Bytes referral(const Bytes &query, uint8_t servers) {
 }
 
 TEST_F(Engine, TheServersOfAZoneAreAskedAsIfTheQueryWereNew) {
-  for (const char *server : {"192.0.2.1", "192.0.2.2", "192.0.2.3"})
-    world.add_server(server, Temper::good);
+  world.add_servers({"192.0.2.1", "192.0.2.2", "192.0.2.3"});
   set(&world, DNS_OPT_NTRIES, 8);
   world.delays_us["192.0.2.5"] = 9000;
   bool lossy = false;
@@ -510,25 +482,23 @@ TEST_F(Engine, TheServersOfAZoneAreAskedAsIfTheQueryWereNew) {
     if (server.back() < '4') return lossy && places.size() < 6 ? Bytes{} : referral(query, 2);
     return lossy && server.back() == '4' ? Bytes{} : answer_to(query, Temper::good);
   };
-  for (int i = 0; i < 80; ++i)
-    queries.ask("listed-" + std::to_string(i) + ".list.test");
+  queries.ask_listed(80);
   ASSERT_TRUE(world.run());
   for (const char *server : {"192.0.2.4", "192.0.2.5"})
     EXPECT_GE(world.asked[server], 20U) << "they share what comes before they are known";
   lossy = true;
   places.clear();
-  expect_truth((queries.ask("listed-1.list.test"), world.run(), *queries.all().back()));
+  resolve("listed-1.list.test");
   EXPECT_EQ(places, "12312345");
   EXPECT_LT(waited_us, 60'000);
 }
 
 TEST(Choice, AttemptsAfterAProbeCount) {
   for (const bool refers : {true, false}) {
-    World world(7);
-    Queries queries(&world);
+    Scene scene(7);
+    World &world = scene.world;
     bool later = false;
-    for (const char *server : {"192.0.2.1", "192.0.2.2"})
-      world.add_server(server, Temper::good);
+    world.add_servers({"192.0.2.1", "192.0.2.2"});
     world.script = [&](const Bytes &query, const std::string &server) {
       if (server == "192.0.2.2" && !later) return answer_to(query, Temper::good);
       return server == "192.0.2.1" && later && refers ? referral(query, 1) : Bytes{};
@@ -536,7 +506,7 @@ TEST(Choice, AttemptsAfterAProbeCount) {
     (void)ask_in_turn(&world, 2, 2 * dns::kUsPerSecond);
     later = true;
     world.packets_sent = 0;
-    EXPECT_EQ((queries.ask("listed-1.list.test"), world.run(), queries.all().back()->status), DNS_E_TEMPFAIL);
+    EXPECT_EQ(scene.run("listed-1.list.test").status, DNS_E_TEMPFAIL);
     EXPECT_EQ(world.packets_sent, 1 + dns::Options{}.ntries);
   }
 }

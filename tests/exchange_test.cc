@@ -16,17 +16,13 @@ using namespace sim;
 
 TEST_F(Engine, TruncatedAnswersAreFetchedOverOneConnection) {
   world.add_server("192.0.2.1", Temper::truncates);
-  std::vector<Query *> all;
-  for (int i = 0; i < 500; ++i)
-    all.push_back(&queries.ask("listed-" + std::to_string(i) + ".list.test"));
+  queries.ask_listed(500);
   ASSERT_TRUE(world.run());
-  for (const Query *asked : all)
-    expect_truth(*asked);
+  queries.expect_truths();
   EXPECT_EQ(world.connections_made, 1U);
   EXPECT_EQ(world.packets_sent, 500U);
   world.weather.breaks_percent = 30;
-  for (int i = 0; i < 200; ++i)
-    queries.ask("listed-" + std::to_string(i) + ".list.test");
+  queries.ask_listed(200);
   ASSERT_TRUE(world.run());
   EXPECT_GT(world.connections_made, 1U);
   dns_close(world.ctx);
@@ -35,14 +31,20 @@ TEST_F(Engine, TruncatedAnswersAreFetchedOverOneConnection) {
 
 TEST_F(Engine, AServerWithoutEdnsIsAskedPlainlyFromThenOn) {
   world.add_server("192.0.2.1", Temper::knows_no_opt);
-  for (const unsigned packets : {2U, 3U, 4U}) {
-    resolve("listed-1.list.test");
-    EXPECT_EQ(world.packets_sent, packets);
-  }
-  world.now_us += dns::kNoEdnsUs;
-  queries.ask("listed-1.list.test");
-  ASSERT_TRUE(world.run());
-  EXPECT_EQ(world.packets_sent, 6U);
+  const auto expect_plain = [this] {
+    world.packets_sent = 0;
+    for (const unsigned packets : {2U, 3U, 4U}) {
+      resolve("listed-1.list.test");
+      EXPECT_EQ(world.packets_sent, packets);
+    }
+    world.now_us += dns::kNoEdnsUs;
+  };
+  expect_plain();
+  world.script = [](const Bytes &query, const std::string &) {
+    if (query[11] == 0) return answer_to(query, Temper::good);
+    return Bytes{query[0], query[1], 0x80, DNS_R_FORMERR, 0, 0, 0, 0, 0, 0, 0, 0};  // without a question
+  };
+  expect_plain();
 }
 
 // A forger who knows the query, the server and even every socket, and must guess the id and the 0x20 case.
@@ -52,7 +54,7 @@ TEST_F(Engine, AMillionForgedPacketsAreNotBelieved) {
   const dns_timeval timeout = {kLongUs / dns::kUsPerSecond, 0};
   ASSERT_EQ(dns_set_opt(world.ctx, DNS_OPT_TIMEOUT, &timeout, sizeof timeout), 0);
   Query &asked = queries.ask("listed-1.list.test");
-  dns_timeouts(world.ctx, dns_tv_infinite, world.now());
+  send();
   Bytes forged = sim::answer_to(world.last_query(), Temper::good);
   const Bytes sent = world.last_query();
   for (int i = 0; i < 1'000'000; ++i) {
@@ -75,9 +77,8 @@ TEST_F(Engine, AStrangersAnswerCountsWhereItIsExpected) {
     // Two servers: a socket connected to a lone server receives from no other address.
     const std::string net = stranger.substr(0, stranger.size() - 1);
     Query &asked = queries.ask("listed-" + std::to_string(port) + ".list.test", {net + "1", net + "2"});
-    dns_timeouts(world.ctx, dns_tv_infinite, world.now());
-    world.forge(stranger, sim::answer_to(world.last_query(), Temper::good), port);
-    world.read_sockets();
+    send();
+    hear(stranger, sim::answer_to(world.last_query(), Temper::good), port);
     if (asked.calls > 0) expect_truth(asked);
     queries.cancel(&asked);
     return asked.calls > 0;
@@ -137,10 +138,9 @@ TEST_F(Engine, TheTraceSaysWhatAPacketIsTakenFor) {
   for (const Row &row : rows)
     for (const bool cancels : {false, true}) {
       SCOPED_TRACE(std::to_string(&row - rows) + (cancels ? " cancelled" : ""));
-      World other(11);
-      Queries asks(&other);
-      Told told = {row.code, &asks};
-      other.add_server("192.0.2.1", Temper::dead);
+      Scene other(11);
+      Told told = {row.code, cancels ? &other.queries : nullptr};
+      other.world.add_server("192.0.2.1", Temper::dead);
       const auto hear = [](dns_ctx *, dns_query *, int code, void *, void *data) {
         auto *heard = static_cast<Told *>(data);
         // A packet is no answer to the sockets that its query has not left from.
@@ -148,36 +148,29 @@ TEST_F(Engine, TheTraceSaysWhatAPacketIsTakenFor) {
         if (code != heard->code && code != DNS_D_PKT_REQ && code != DNS_D_PKT_NOREQ) ++heard->others;
         if (code == heard->code && heard->queries != nullptr) heard->queries->cancel(heard->queries->all()[0].get());
       };
-      if (!cancels) told.queries = nullptr;
-      dns_set_dbgfn(other.ctx, hear, &told);
-      const Query &asked = asks.ask("listed-1.list.test");
-      dns_timeouts(other.ctx, dns_tv_infinite, other.now());
-      Bytes packet = sim::answer_to(other.last_query(), Temper::good);
+      dns_set_dbgfn(other.world.ctx, hear, &told);
+      const Query &asked = other.queries.ask("listed-1.list.test");
+      other.send();
+      Bytes packet = sim::answer_to(other.world.last_query(), Temper::good);
       row.spoil(&packet);
-      other.forge(row.from, packet);
-      other.read_sockets();
+      other.hear(row.from, packet);
       EXPECT_TRUE(told.codes > 0 && told.others == 0) << told.codes << " " << told.others;
       EXPECT_EQ(asked.calls, row.code == DNS_D_PKT_RPAN && !cancels ? 1 : 0);
-      other.set_temper("192.0.2.1", Temper::good);
-      ASSERT_TRUE(other.run());
+      other.world.set_temper("192.0.2.1", Temper::good);
+      ASSERT_TRUE(other.world.run());
       EXPECT_EQ(asked.calls, cancels ? 0 : 1);
     }
 }
 
 TEST_F(Engine, AServerThatDoesNotKeepTheCaseIsAskedInLowerCase) {
   for (const Temper temper : {Temper::lowers_case, Temper::lowers_case_by_tcp}) {
-    World other(7);
-    Queries asks(&other);
-    other.add_server("192.0.2.1", temper);
-    for (int i = 0; i < 3; ++i) {
-      const Query &asked = asks.ask("Listed-" + std::to_string(i) + ".LIST.test");
-      ASSERT_TRUE(other.run());
-      expect_truth(asked);
-      EXPECT_EQ(asked.canonical, "Listed-" + std::to_string(i) + ".LIST.test") << "as it was asked";
-    }
+    Scene other(7);
+    other.world.add_server("192.0.2.1", temper);
+    for (const std::string name : {"Listed-0.LIST.test", "Listed-1.LIST.test", "Listed-2.LIST.test"})
+      EXPECT_EQ(other.resolve(name).canonical, name) << "as it was asked";
     const bool by_tcp = temper == Temper::lowers_case_by_tcp;
-    EXPECT_EQ(other.packets_sent, by_tcp ? 3U : 4U);
-    EXPECT_EQ(other.connections_made, by_tcp ? 1U : 0U);
+    EXPECT_EQ(other.world.packets_sent, by_tcp ? 3U : 4U);
+    EXPECT_EQ(other.world.connections_made, by_tcp ? 1U : 0U);
   }
 }
 
@@ -195,16 +188,14 @@ TEST_F(Engine, CookiesAreExchangedWhereTheyAreAskedFor) {
   world.set_temper("192.0.2.1", Temper::good);
   for (const int64_t delay_us : {0, 200'000}) {
     world.delays_us["192.0.2.1"] = delay_us;
-    Query &asked = queries.ask("listed-1.list.test");
-    ASSERT_TRUE(world.run());
-    EXPECT_EQ(asked.status, DNS_E_TEMPFAIL);
+    EXPECT_EQ(run("listed-1.list.test").status, DNS_E_TEMPFAIL);
   }
   // A server that no longer sends cookies proves it over TCP; without TCP the engine forgets the cookie after minutes.
   world.tcp_errors = 0;
   world.delays_us.clear();
-  expect_truth((queries.ask("listed-2.list.test"), world.run(), *queries.all().back()));
+  resolve("listed-2.list.test");
   EXPECT_EQ(world.connections_made, 1U);
-  expect_truth((queries.ask("listed-3.list.test"), world.run(), *queries.all().back()));
+  resolve("listed-3.list.test");
   EXPECT_EQ(world.connections_made, 1U);
 }
 
@@ -213,11 +204,11 @@ TEST_F(Engine, ACookieThatNoLongerComesIsForgotten) {
   set(&world, DNS_OPT_FLAGS, DNS_COOKIES);
   world.tcp_error = -ECONNREFUSED;
   world.tcp_errors = UINT32_MAX;
-  ASSERT_TRUE((queries.ask("listed-1.list.test"), world.run()));
+  run("listed-1.list.test");
   world.set_temper("192.0.2.1", Temper::good);
-  EXPECT_NE((queries.ask("listed-2.list.test"), world.run(), queries.all().back()->status), DNS_E_NOERROR);
+  EXPECT_NE(run("listed-2.list.test").status, DNS_E_NOERROR);
   world.now_us += dns::kCookieUs;
-  expect_truth((queries.ask("listed-3.list.test"), world.run(), *queries.all().back()));
+  resolve("listed-3.list.test");
 }
 
 TEST_F(Engine, ServersThatCloseConnectionsLoseNothing) {
@@ -226,12 +217,9 @@ TEST_F(Engine, ServersThatCloseConnectionsLoseNothing) {
     world.answers_per_connection = answers;
     world.connections_made = 0;
     world.now_us += dns::kTcpLimitUs;  // the engine forgets what it learned of the server
-    std::vector<Query *> all;
-    for (int i = 0; i < 60; ++i)
-      all.push_back(&queries.ask("listed-" + std::to_string(i) + ".list.test"));
+    queries.ask_listed(60);
     ASSERT_TRUE(world.run());
-    for (const Query *asked : all)
-      expect_truth(*asked);
+    queries.expect_truths();
     EXPECT_LE(world.connections_made, 60 / answers + 3);
   }
 }
@@ -240,10 +228,10 @@ TEST_F(Engine, AnAnswerThatALateLoopFindsOnAConnectionCounts) {
   world.add_server("192.0.2.1", Temper::truncates);
   Query &asked = queries.ask("listed-1.list.test");
   ASSERT_TRUE(world.turn());
-  (void)dns_timeouts(world.ctx, dns_tv_infinite, world.now());
+  send();
   ASSERT_EQ(world.connections_made, 1U);
   world.now_us += 60 * dns::kUsPerSecond;
-  (void)dns_timeouts(world.ctx, dns_tv_infinite, world.now());
+  send();
   expect_truth(asked);
 }
 
@@ -261,7 +249,7 @@ TEST_F(Engine, AConnectionThatCannotBeHadCostsAttemptsAndNotTheQuery) {
 
 TEST_F(Engine, WhatAnEarlierServerTruncatesIsFetchedThere) {
   world.add_server("192.0.2.1", Temper::good);
-  ASSERT_TRUE((queries.ask("listed-1.list.test"), world.run()));
+  run("listed-1.list.test");
   world.set_temper("192.0.2.1", Temper::truncates);
   world.delays_us["192.0.2.1"] = 200'000;
   world.add_server("192.0.2.2", Temper::dead);
@@ -298,39 +286,22 @@ TEST_F(Engine, AServerIsNotBelievedUnderAnIdThatItWasNotAskedUnder) {
   Query &asked = queries.ask("listed-1.list.test");
   while (world.asked["192.0.2.2"] == 0)
     ASSERT_TRUE(world.turn());
-  world.forge("192.0.2.1", answer_to(world.last_query(), Temper::good));
-  world.read_sockets();
+  hear("192.0.2.1", answer_to(world.last_query(), Temper::good));
   EXPECT_EQ(asked.calls, 0);
-  world.forge("192.0.2.2", answer_to(world.last_query(), Temper::good));
-  world.read_sockets();
+  hear("192.0.2.2", answer_to(world.last_query(), Temper::good));
   expect_truth(asked);
-}
-
-TEST_F(Engine, AnErrorWithoutAQuestionEndsEdns) {
-  world.add_server("192.0.2.1", Temper::good);
-  world.script = [](const Bytes &query, const std::string &) {
-    if (query[11] == 0) return answer_to(query, Temper::good);
-    return Bytes{query[0], query[1], 0x80, DNS_R_FORMERR, 0, 0, 0, 0, 0, 0, 0, 0};
-  };
-  for (const unsigned packets : {2U, 3U, 4U}) {
-    expect_truth((queries.ask("listed-1.list.test"), world.run(), *queries.all().back()));
-    EXPECT_EQ(world.packets_sent, packets);
-  }
 }
 
 TEST_F(Engine, NothingThatListensIsToldApartFromSilence) {
   world.add_server("192.0.2.1", Temper::absent);
   world.weather.duplicate_percent = 100;  // an ICMP error during a pause changes nothing
-  const Query &refused = queries.ask("listed-1.list.test");
-  ASSERT_TRUE(world.run());
+  const Query &refused = run("listed-1.list.test");
   EXPECT_EQ(refused.status, DNS_E_REFUSED);
   EXPECT_TRUE(refused.took_us >= 500'000 && refused.took_us < dns::kUsPerSecond) << refused.took_us;
   EXPECT_EQ(world.packets_sent, 4U);
 
-  for (const char *server : {"192.0.2.2", "192.0.2.3"})
-    world.add_server(server, Temper::absent);
-  const Query &all_refused = queries.ask("listed-1.list.test");
-  ASSERT_TRUE(world.run());
+  world.add_servers({"192.0.2.2", "192.0.2.3"}, Temper::absent);
+  const Query &all_refused = run("listed-1.list.test");
   EXPECT_TRUE(all_refused.status == DNS_E_REFUSED && all_refused.took_us >= 500'000) << all_refused.took_us;
   ASSERT_EQ(dns_add_serv(world.ctx, nullptr), 0);
   world.add_server("192.0.2.1", Temper::absent);
@@ -380,7 +351,7 @@ bool has_capitals(const Bytes &query) {
 TEST_F(Engine, AServerThatKeepsTheCaseIsNotTalkedOutOfIt) {
   const auto ask = [&](int times) {
     for (int i = 0; i < times; ++i)
-      expect_truth((queries.ask("listed-1.list.test"), world.run(), *queries.all().back()));
+      resolve("listed-1.list.test");
   };
   world.add_server("192.0.2.1", Temper::good);
   ask(10);
@@ -391,9 +362,8 @@ TEST_F(Engine, AServerThatKeepsTheCaseIsNotTalkedOutOfIt) {
     ASSERT_EQ(dns_add_serv(world.ctx, nullptr), 0);
     world.add_server(server, Temper::dead);
     Query &asked = queries.ask("listed-2.list.test");
-    (void)dns_timeouts(world.ctx, dns_tv_infinite, world.now());
-    world.forge(server, answer_to(world.last_query(), Temper::lowers_case));
-    world.read_sockets();
+    send();
+    hear(server, answer_to(world.last_query(), Temper::lowers_case));
     EXPECT_EQ(asked.calls, 0);
     world.set_temper(server, Temper::good);
     world.tcp_errors = 2;
@@ -418,7 +388,7 @@ TEST_F(Engine, AServerWithoutTcpThatDoesNotKeepTheCaseIsNeverTakenForOneThatDoes
     for (int i = 0; i < 100; ++i) {
       world.now_us += dns::kLowerUs;
       // A single letter comes back right by chance every other time.
-      expect_truth((queries.ask("1.x"), world.run(), *queries.all().back()));
+      resolve("1.x");
     }
   }
 }
@@ -426,11 +396,11 @@ TEST_F(Engine, AServerWithoutTcpThatDoesNotKeepTheCaseIsNeverTakenForOneThatDoes
 TEST_F(Engine, AnotherMachineInAKnownServersPlaceIsFoundOut) {
   world.add_server("192.0.2.1", Temper::good);
   for (int i = 0; i < 10; ++i)
-    expect_truth((queries.ask("listed-1.list.test"), world.run(), *queries.all().back()));
+    resolve("listed-1.list.test");
   world.set_temper("192.0.2.1", Temper::lowers_case);
-  EXPECT_NE((queries.ask("listed-2.list.test"), world.run(), queries.all().back()->status), DNS_E_NOERROR);
+  EXPECT_NE(run("listed-2.list.test").status, DNS_E_NOERROR);
   world.now_us += dns::kOtherCaseUs;
-  expect_truth((queries.ask("listed-3.list.test"), world.run(), *queries.all().back()));
+  resolve("listed-3.list.test");
 }
 
 TEST_F(Engine, AServerMayHaveACaseOfItsOwn) {
@@ -442,7 +412,7 @@ TEST_F(Engine, AServerMayHaveACaseOfItsOwn) {
     return answer;
   };
   for (int i = 0; i < 3; ++i)
-    expect_truth((queries.ask("listed-1.list.test"), world.run(), *queries.all().back()));
+    resolve("listed-1.list.test");
   EXPECT_EQ(world.connections_made, 1U);
 }
 
@@ -456,7 +426,7 @@ TEST_F(Engine, ASentPacketIsToldWithTheNameAsItWasGiven) {
   int count = 0;
   dns_set_dbgfn(world.ctx, told, &count);
   world.add_server("192.0.2.1", Temper::truncates);
-  expect_truth((queries.ask("listed-1.List.Test"), world.run(), *queries.all().back()));
+  resolve("listed-1.List.Test");
   EXPECT_EQ(count, 2) << "by UDP and over TCP";
 }
 
@@ -464,46 +434,39 @@ TEST_F(Engine, AFailureOfOneServerIsNotAnothers) {
   world.add_server("192.0.2.1", Temper::good);
   world.set_temper("192.0.2.65", Temper::fails);
   world.set_temper("192.0.2.97", Temper::good);
-  EXPECT_EQ((queries.ask("Listed-1.list.test", {"192.0.2.65"}), world.run(), queries.all().back()->status),
-            DNS_E_SERVFAIL);
-  expect_truth((queries.ask("listed-1.list.test", {"192.0.2.97"}), world.run(), *queries.all().back()));
+  EXPECT_EQ(run("Listed-1.list.test", {"192.0.2.65"}).status, DNS_E_SERVFAIL);
+  resolve("listed-1.list.test", {"192.0.2.97"});
   const unsigned packets = world.packets_sent;
-  EXPECT_EQ((queries.ask("LISTED-1.list.test", {"192.0.2.65"}), world.run(), queries.all().back()->status),
-            DNS_E_SERVFAIL);
+  EXPECT_EQ(run("LISTED-1.list.test", {"192.0.2.65"}).status, DNS_E_SERVFAIL);
   EXPECT_EQ(world.packets_sent, packets) << "names are the same in any case";
 }
 
 TEST_F(Engine, ALateIcmpErrorStartsNoAttempt) {
   world.add_server("192.0.2.1", Temper::absent);
-  for (const char *server : {"192.0.2.2", "192.0.2.3"})
-    world.add_server(server, Temper::dead);
+  world.add_servers({"192.0.2.2", "192.0.2.3"}, Temper::dead);
   Query &asked = queries.ask("listed-1.list.test");
-  (void)dns_timeouts(world.ctx, dns_tv_infinite, world.now());
+  send();
   world.forge("192.0.2.1", answer_to(world.last_query(), Temper::fails));  // overtakes the packet
   for (int i = 0; i < 2; ++i) {
     world.read_sockets();
-    (void)dns_timeouts(world.ctx, dns_tv_infinite, world.now());
+    send();
   }
   EXPECT_TRUE(world.asked["192.0.2.2"] == 1 && world.asked["192.0.2.3"] == 0);
-  world.forge("192.0.2.2", answer_to(world.last_query(), Temper::good));
-  world.read_sockets();
+  hear("192.0.2.2", answer_to(world.last_query(), Temper::good));
   expect_truth(asked);
 }
 
 TEST_F(Engine, Only0x20OverUdpProvesThatAServerKeepsTheCase) {
   for (const bool by_udp_alone : {true, false}) {
-    World other(7);
-    Queries asks(&other);
-    other.add_server("192.0.2.1", Temper::good);
-    other.script = [&](const Bytes &query, const std::string &) {
-      const bool lowers = !other.by_tcp || !by_udp_alone;
+    Scene other(7);
+    other.world.add_server("192.0.2.1", Temper::good);
+    other.world.script = [&](const Bytes &query, const std::string &) {
+      const bool lowers = !other.world.by_tcp || !by_udp_alone;
       return answer_to(query, lowers ? Temper::lowers_case : Temper::good);
     };
     for (int i = 0; i < 20; ++i) {
-      if (i % 10 == 0) other.now_us += dns::kLowerUs;
-      const Query &asked = asks.ask("listed-" + std::to_string(i) + ".list.test");
-      ASSERT_TRUE(other.run());
-      expect_truth(asked);
+      if (i % 10 == 0) other.world.now_us += dns::kLowerUs;
+      const Query &asked = other.resolve("listed-" + std::to_string(i) + ".list.test");
       EXPECT_LT(asked.took_us, 10'000) << "was taken for a forgery";
     }
   }

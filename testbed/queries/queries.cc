@@ -34,6 +34,16 @@ Query &Queries::ask(const std::string &text, const std::vector<std::string> &ser
   return query;
 }
 
+void Queries::ask_listed(unsigned count) {
+  for (unsigned i = 0; i < count; ++i)
+    ask("listed-" + std::to_string(i) + ".list.test");
+}
+
+void Queries::expect_truths() const {
+  for (const auto &asked : queries_)
+    expect_truth(*asked);
+}
+
 void Queries::cancel(Query *asked) {
   if (asked->calls == 0 && !std::exchange(asked->cancelled, true)) dns_cancel(world_->ctx, asked->handle);
 }

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <world_query.h>
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -23,6 +24,9 @@ class Queries {
   int meddling = 0;
 
   Query &ask(const std::string &text, const std::vector<std::string> &servers = {}, unsigned flags = 0);
+  // ask_listed asks for the first `count` names that are listed, expect_truths checks the answers of all queries.
+  void ask_listed(unsigned count);
+  void expect_truths() const;
   void cancel(Query *asked);
   void meddle();
   // told may also cancel a query of the engine's own, and parses a packet that takes more memory than any answer.
@@ -40,19 +44,36 @@ void expect_truth(const Query &asked);
 void expect_rest(World *world);
 void set(World *world, int option, uint32_t value);
 
-// Engine is a world for one test.
-class Engine : public ::testing::Test {
- protected:
-  World world{42};
-  Queries queries{&world};
+// Scene is a world and the queries in it.
+struct Scene {
+  explicit Scene(uint64_t seed) : world(seed) {}
 
-  // resolve submits a query, runs the world and checks that the answer is the truth.
-  Query &resolve(const std::string &text, const std::vector<std::string> &servers = {}, unsigned flags = 0) {
+  // run submits a query and runs the world; resolve also checks that the answer is the truth.
+  Query &run(const std::string &text, const std::vector<std::string> &servers = {}, unsigned flags = 0) {
     Query &query = queries.ask(text, servers, flags);
     EXPECT_TRUE(world.run());
+    return query;
+  }
+  Query &resolve(const std::string &text, const std::vector<std::string> &servers = {}, unsigned flags = 0) {
+    Query &query = run(text, servers, flags);
     expect_truth(query);
     return query;
   }
+  // send lets the engine do what is due; hear lets it read a forged packet.
+  void send() { (void)dns_timeouts(world.ctx, dns_tv_infinite, world.now()); }
+  void hear(const std::string &server, const Bytes &packet, uint16_t port = 53) {
+    world.forge(server, packet, port);
+    world.read_sockets();
+  }
+
+  World world;
+  Queries queries{&world};
+};
+
+// Engine is a scene for one test.
+class Engine : public ::testing::Test, protected Scene {
+ protected:
+  Engine() : Scene(42) {}
 };
 
 }  // namespace sim

@@ -64,6 +64,10 @@ class World {
   unsigned refused = 0;             // sends and connections that it has refused
 
   void add_server(const std::string &address, Temper temper);
+  void add_servers(const std::vector<std::string> &addresses, Temper temper = Temper::good) {
+    for (const std::string &address : addresses)
+      add_server(address, temper);
+  }
   void set_temper(const std::string &address, Temper temper) { tempers_[address] = temper; }
 
   // worsen draws the weather of a storm, with forgers up to so many percent.
