@@ -100,7 +100,7 @@ std::string works(KAVO kavo) {
   CHECKED(kavo_open(kavo) == KAVOE_OK);
   Answers answers;
   CHECKED(answers.query(kavo, KAVOT_BL_IP, address_bytes("192.0.2.1")) == KAVOE_OK);
-  CHECKED(answers.texts() == std::vector<std::string>{"127.0.0.2"});
+  CHECKED(answers.texts() == Texts{"127.0.0.2"});
   CHECKED(kavo_close(kavo) == KAVOE_OK);
   return "";
 }
@@ -137,7 +137,7 @@ TEST_F(ForkTest, ARunningContextStaysItsParentsAndAChildMakesItsOwn) {
   EXPECT_EQ(words_of_child, "");
   slow.deny(query);
   waiter.join();
-  EXPECT_EQ(in_place(host, node), std::vector<std::string>{"NXDOM"});
+  EXPECT_EQ(in_place(host, node), Texts{"NXDOM"});
   bell.drop();
   guest.join();
   EXPECT_EQ(kavo_unsubscribe_node(host, late), KAVOE_OK);

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <host_test.h>
 #include <kavo.h>
+#include <packet.h>
 
 #include <algorithm>
 #include <array>
@@ -236,7 +237,7 @@ TEST_F(NodesTest, FullTableMakesOthersWaitUntilTheirDeadline) {
     const std::string subject = i % 3 == 0 ? "192.0.2.1" : "192.0.2." + std::to_string(i);
     Node node(host, KAVOT_BL_IP, subject);
     ASSERT_EQ(node.wait(KAVOWT_FULL), KAVOE_OK);
-    ASSERT_EQ(in_place(host, node), std::vector<std::string>{"127.0.0.2"});
+    ASSERT_EQ(in_place(host, node), Texts{"127.0.0.2"});
   }
   EXPECT_EQ(kavo_nactive(host), 0u);
 }
@@ -297,14 +298,13 @@ TEST_F(NodesTest, SameQuestionSharesItsNode) {
   EXPECT_EQ((std::set<KAVO_QUERY_NODE>{plain, lower, high}.size()), 1u) << "the high bits are the library's own";
   EXPECT_EQ(kavo_nactive(host), 3u);
 
-  unsigned char dn[DNS_MAXDN];
-  ASSERT_GT(kavo_dns_ptodn("mail.example.org", 0, dn, sizeof dn), 0);
+  const Bytes name = testbed::dn("mail.example.org");
   std::array<sockaddr_in, KAVO_MAX_SERV + 1> servers;
   servers.fill(loopback(server_.port()));
   servers[1].sin_addr.s_addr = htonl(INADDR_LOOPBACK + 1);
   const auto *list = reinterpret_cast<const sockaddr *>(servers.data());
   const auto subscribe = [&](const sockaddr *serv, unsigned count, unsigned flags, KAVO_QUERY_NODE *node) {
-    return kavo_subscribe_node_serv_ext(host, KAVOT_BL_DOM, dn, serv, count, flags, nullptr, node);
+    return kavo_subscribe_node_serv_ext(host, KAVOT_BL_DOM, name.data(), serv, count, flags, nullptr, node);
   };
   std::array<KAVO_QUERY_NODE, 8> nodes{};
   EXPECT_EQ(subscribe(list, 2, 0, &nodes[0]), KAVOE_OK);
@@ -314,7 +314,7 @@ TEST_F(NodesTest, SameQuestionSharesItsNode) {
   EXPECT_EQ(subscribe(list, KAVO_MAX_SERV, 0, &nodes[3]), KAVOE_OK);
   EXPECT_EQ(kavo_wait_node(host, nodes[3], KAVOWT_NONE, Deadline(kLongMs)), KAVOE_OK);
   EXPECT_EQ(subscribe(nullptr, 2, 0, &nodes[4]), KAVOE_OK);
-  EXPECT_EQ(kavo_subscribe_node_dcache(host, KAVOT_BL_DOM, dn, list, nullptr, &nodes[5]), KAVOE_OK);
+  EXPECT_EQ(kavo_subscribe_node_dcache(host, KAVOT_BL_DOM, name.data(), list, nullptr, &nodes[5]), KAVOE_OK);
   EXPECT_EQ(subscribe(list, 0, KAVOQF_RECURSIVE, &nodes[7]), KAVOE_OK);
   EXPECT_EQ(nodes[7], static_cast<KAVO_QUERY_NODE>(recursive)) << "nor by their number";
   EXPECT_EQ(nodes[0], nodes[1]) << "servers of its own are never asked for recursion";
@@ -326,7 +326,7 @@ TEST_F(NodesTest, SameQuestionSharesItsNode) {
   servers[1].sin_family = AF_INET6;
   EXPECT_EQ(subscribe(list, 3, 0, &refused), KAVOE_BADPAR);
   KAVO_QUERY_NODE &again = nodes[6];
-  EXPECT_EQ(kavo_subscribe_node_dcache_ext(host, KAVOT_BL_DOM, dn, list, 0, nullptr, &again), KAVOE_OK);
+  EXPECT_EQ(kavo_subscribe_node_dcache_ext(host, KAVOT_BL_DOM, name.data(), list, 0, nullptr, &again), KAVOE_OK);
   EXPECT_EQ(again, nodes[5]);
   for (KAVO_QUERY_NODE node : nodes)
     EXPECT_EQ(kavo_unsubscribe_node(host, node), KAVOE_OK);
@@ -409,8 +409,7 @@ TEST_F(NodesTest, NameThatGrowsTooLongWithItsZoneFailsItsNodeOnly) {
   host.server(server_.port()).zone(KAVOT_BL_DOM, "live.list").open();
   const size_t longest = DNS_MAXDN + 1 - kZoneSize;
   Answers answers;
-  EXPECT_EQ(answers.query(host, KAVOT_BL_DOM, name_of(longest)), KAVOE_OK);
-  EXPECT_EQ(answers.texts(), std::vector<std::string>{"NXDOM"});
+  EXPECT_EQ(answers.ask(host, KAVOT_BL_DOM, name_of(longest)), Texts{"NXDOM"});
   for (const size_t size : {longest + 1, size_t{DNS_MAXDN}}) {
     Node node(host, KAVOT_BL_DOM, name_of(size));
     EXPECT_EQ(node.wait(KAVOWT_FULL), KAVOE_OK) << "a failed node ends every wait";
@@ -430,8 +429,7 @@ TEST_F(NodesTest, NameThatGrowsTooLongWithItsZoneFailsItsNodeOnly) {
   Host two;
   two.server(server_.port()).zone(KAVOT_BL_DOM, (std::string(40, 'l') + ".list").c_str());
   two.zone(KAVOT_BL_DOM, "live.list").open();
-  EXPECT_EQ(answers.query(two, KAVOT_BL_DOM, name_of(230)), KAVOE_OK);
-  EXPECT_EQ(answers.texts(), (std::vector<std::string>{"error 6", "NXDOM"}));
+  EXPECT_EQ(answers.ask(two, KAVOT_BL_DOM, name_of(230)), (Texts{"error 6", "NXDOM"}));
 }
 
 TEST_F(NodesTest, AZoneThatIsNoNameFailsAlone) {
@@ -448,7 +446,7 @@ TEST_F(NodesTest, AZoneThatIsNoNameFailsAlone) {
     for (const KAVO_WAIT_LEVEL level : {KAVOWT_NONE, KAVOWT_CACHE, KAVOWT_FIRST})
       EXPECT_EQ(open.wait(level), KAVOE_OK) << level;
     EXPECT_EQ(open.wait(KAVOWT_FULL, kShortMs), KAVOE_TIMEOUT);
-    ASSERT_EQ(in_place(host, open, &all), (std::vector<std::string>{"127.0.0.2", "error 6"}));
+    ASSERT_EQ(in_place(host, open, &all), (Texts{"127.0.0.2", "error 6"}));
     EXPECT_TRUE(all[1].zone == 2 && all[1].type == KAVOT_BL_IP && all[1].actual_size == 0);
     ASSERT_EQ(whole.wait(KAVOWT_FULL), KAVOE_OK);
     Answers answers;

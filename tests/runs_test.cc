@@ -60,7 +60,7 @@ TEST_F(RunsTest, NodesOfOtherListsAreNotJoined) {
   Node fresh(host, KAVOT_BL_IP, "192.0.2.1"), bell(host);
   EXPECT_NE(static_cast<KAVO_QUERY_NODE>(bell), static_cast<KAVO_QUERY_NODE>(old_bell));
   EXPECT_EQ(fresh.wait(KAVOWT_FULL, kShortMs), KAVOE_TIMEOUT) << "the list that is asked now is silent";
-  EXPECT_EQ(in_place(host, old), std::vector<std::string>{"127.0.0.2"});
+  EXPECT_EQ(in_place(host, old), Texts{"127.0.0.2"});
   EXPECT_EQ(kavo_nactive(host), 4u);
 }
 
@@ -97,7 +97,7 @@ TEST_F(RunsTest, ConfigurationIsRefusedWhileAContextRunsAndWhileItCloses) {
   EXPECT_EQ(count, 1U);
   slow.deny(query);
   closer.join();
-  EXPECT_EQ(in_place(host, node), std::vector<std::string>{"NXDOM"});
+  EXPECT_EQ(in_place(host, node), Texts{"NXDOM"});
   configure(KAVOE_OK);
 }
 

@@ -325,7 +325,7 @@ std::vector<std::string> servers_of(KAVO kavo) {
   return texts;
 }
 
-using Texts = std::vector<std::string>;
+using testbed::Texts;
 
 TEST_F(HostTraceTest, ServersAreSetByAddressByHostAndByZone) {
   KAVO fresh = nullptr;
@@ -389,9 +389,7 @@ TEST_F(HostTraceTest, ServersAreSetByAddressByHostAndByZone) {
   // The transport is closed again: the context opens, answers, and refuses while it runs.
   mute.open();
   EXPECT_EQ(kavo_set_dns_server(mute, "192.0.2.53", 0, 0), KAVOE_SRV);
-  testbed::Answers answers;
-  EXPECT_EQ(answers.query(mute, KAVOT_DNS_TXT, "text.example.test", KAVOQF_RECURSIVE), KAVOE_OK);
-  EXPECT_EQ(answers.texts(), Texts{"only text"});
+  EXPECT_EQ(testbed::Answers().ask(mute, KAVOT_DNS_TXT, "text.example.test", KAVOQF_RECURSIVE), Texts{"only text"});
 }
 
 TEST_F(HostTraceTest, AsManyServersAreTakenAsAContextHolds) {
@@ -474,8 +472,7 @@ TEST_F(HostTraceTest, SeesTheTrafficWhileAnswersArrive) {
   EXPECT_EQ(kavo_set_trace(host, nullptr, nullptr), KAVOE_SRV);
   const auto ask = [&host] {
     testbed::Answers answers;
-    EXPECT_EQ(answers.query(host, KAVOT_DNS_TXT, "text.example.test", KAVOQF_RECURSIVE), KAVOE_OK);
-    EXPECT_EQ(answers.texts(), Texts{"only text"});
+    EXPECT_EQ(answers.ask(host, KAVOT_DNS_TXT, "text.example.test", KAVOQF_RECURSIVE), Texts{"only text"});
     return answers.size() == 1 ? answers[0].cache_code : KAVOCC_ERROR;
   };
   EXPECT_EQ(ask(), KAVOCC_NEXISTS);  // the library still hears of its cache

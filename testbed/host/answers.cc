@@ -1,6 +1,7 @@
 #include "answers.h"
 
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -92,7 +93,12 @@ KAVO_ERR Answers::query(KAVO kavo, KAVO_TYPE type, std::string_view subject, uns
   return result;
 }
 
-std::vector<std::string> Answers::texts() const {
+Texts Answers::ask(KAVO kavo, KAVO_TYPE type, std::string_view subject, unsigned flags) {
+  EXPECT_EQ(query(kavo, type, subject, flags), KAVOE_OK) << subject;
+  return texts();
+}
+
+Texts Answers::texts() const {
   std::vector<std::string> all;
   for (int i = 0; i < written_; ++i)
     all.push_back(render(data_[i]));
@@ -112,7 +118,7 @@ std::string render(const KAVO_ANSWER &answer) {
   return text;
 }
 
-std::vector<std::string> in_place(KAVO kavo, KAVO_QUERY_NODE node, std::vector<KAVO_ANSWER> *all) {
+Texts in_place(KAVO kavo, KAVO_QUERY_NODE node, std::vector<KAVO_ANSWER> *all) {
   std::vector<std::string> texts;
   KAVO_ANSWER_ITERATOR iterator = kavo_alloc_answer_iterator();
   if (kavo_set_answer_iterator(kavo, node, iterator) == KAVOE_OK) {
