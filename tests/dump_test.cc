@@ -105,29 +105,6 @@ class DumpTest : public testing::Test {
     return status < 0 ? status : count;
   }
 
-  // shown gives the entries of the file's first cache, each as its name, type and text.
-  std::set<std::string> shown(dns_time now) {
-    const int fd = open(path_.c_str(), O_RDONLY);
-    dns_cdump *dump = dns_cdump_load_init(fd, now);
-    close(fd);
-    const Data entry(dns_cdata_init(0), dns_cdata_free);
-    EXPECT_EQ(dns_cdump_next_entry(dump, entry.get()), DNS_E_INVAL) << "no cache yet";
-    EXPECT_EQ(dns_cdump_first_cache(dump), 1);
-    std::set<std::string> entries;
-    int status = 1;
-    while ((status = dns_cdump_next_entry(dump, entry.get())) == 1) {
-      unsigned char dn[DNS_MAXDN];
-      unsigned size = sizeof dn;
-      EXPECT_EQ(dns_cdata_dn(entry.get(), dn, &size), 0);
-      const std::string key(reinterpret_cast<char *>(dn), size - 1);
-      entries.insert(key + "/" + std::to_string(dns_cdata_typ(entry.get())) + "/" + text_of(entry.get()));
-    }
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(dns_cdump_next_entry(dump, entry.get()), 0) << "the end stays";
-    EXPECT_EQ(dns_cdump_load_finish(dump), 0);
-    return entries;
-  }
-
   std::string file() {
     std::ifstream in(path_, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), {}};
@@ -154,11 +131,6 @@ TEST_F(DumpTest, EntriesComeBackOlderByTheTimeBetween) {
   put(to.get(), "both.example", kTtl, "new ", kNow + 1);
   save({from.get()});
   EXPECT_EQ(file().find("gone"), std::string::npos) << "what has expired is not even saved";
-  const std::set<std::string> entries = shown(kNow + 101);
-  EXPECT_EQ(entries.size(), 6U);
-  for (const std::string &entry :
-       {"/1/3499/0 3499:root"s, "\5short\7example/1/-1/0 -1:\x7f\0\0\2"s, "\6absent\7example/1/3499/0"s})
-    EXPECT_EQ(entries.count(entry), 1U) << entry;
   ASSERT_EQ(load(to.get(), kNow + 60), 1);
   EXPECT_EQ(user_data_, "user");
   for (const char *name : {"short.example", "several.example", "absent.example", "."})
@@ -295,6 +267,7 @@ TEST_F(DumpTest, UnusableFilesAreClearErrors) {
   EXPECT_EQ(dns_cdump_save_cache(dump, kavo->cache, nullptr, 0), 0);
   EXPECT_EQ(dns_cdump_save_cache(dump, kavo->cache, nullptr, 4), DNS_E_INVAL);
   EXPECT_EQ(dns_cdump_load_cache(dump, kavo->cache), DNS_E_INVAL);
+  EXPECT_EQ(dns_cdump_next_entry(dump, entry_of("a").get()), DNS_E_INVAL);
   EXPECT_EQ(dns_cdump_save_finish(dump), 0);
   EXPECT_EQ(dns_cdump_load_init(fd, kNow), nullptr) << "not open for reading";
   close(fd);

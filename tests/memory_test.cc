@@ -2,6 +2,7 @@
 // allocations fail. The server is a socket that no process reads, so that every question stays outstanding.
 #include <gtest/gtest.h>
 #include <hand_server.h>
+#include <host.h>
 #include <kavo.h>
 #include <malloc.h>
 
@@ -35,16 +36,9 @@ size_t allocated() {
   return info.uordblks + info.hblkhd;
 }
 
-KAVO make(int table_size, uint16_t port) {
-  KAVO kavo = nullptr;
-  EXPECT_EQ(kavo_init(&kavo, table_size, 0, 0), KAVOE_OK);
-  EXPECT_EQ(kavo_add_zone(kavo, KAVOT_BL_IP, "list.test"), KAVOE_OK);
-  EXPECT_EQ(kavo_set_opt(kavo, KAVOOPT_CLOSE_FAST, 1), KAVOE_OK);
-  EXPECT_EQ(kavo_set_opt(kavo, KAVOOPT_TIMEOUT, 300), KAVOE_OK);
-  EXPECT_EQ(kavo_add_dns_server(kavo, nullptr, 0), KAVOE_OK);
-  EXPECT_EQ(kavo_add_dns_server(kavo, "127.0.0.1", port), KAVOE_OK);
-  EXPECT_EQ(kavo_open(kavo), KAVOE_OK);
-  return kavo;
+void open(testbed::Host *host, uint16_t port) {
+  host->server(port).zone(KAVOT_BL_IP, "list.test").option(KAVOOPT_CLOSE_FAST, 1).option(KAVOOPT_TIMEOUT, 300);
+  host->open();
 }
 
 // ask asks up to `questions` questions, as long as the context takes them.
@@ -69,11 +63,9 @@ TEST(Memory, ALargeTableCostsNothingBeforeItIsUsed) {
   const testbed::HandServer silence;
   const auto cost = [&](int table_size) {
     const size_t before = allocated();
-    KAVO kavo = make(table_size, silence.port());
-    const size_t after = allocated();
-    EXPECT_EQ(kavo_close(kavo), KAVOE_OK);
-    EXPECT_EQ(kavo_free(kavo), KAVOE_OK);
-    return after - before;
+    testbed::Host host(table_size);
+    open(&host, silence.port());
+    return allocated() - before;
   };
   (void)cost(64);
   EXPECT_LE(cost(100'000), cost(64) + 4096);
@@ -83,7 +75,8 @@ TEST(Memory, AnOutstandingQuestionCostsLessThanOneKibibyte) {
   constexpr int kQuestions = 10'000;
   constexpr size_t kBound = 1024;
   const testbed::HandServer silence;
-  KAVO kavo = make(kQuestions, silence.port());
+  testbed::Host kavo(kQuestions);
+  open(&kavo, silence.port());
   const size_t before = allocated();
   std::vector<KAVO_QUERY_NODE> nodes = ask(kavo, kQuestions);
   ASSERT_EQ(nodes.size(), size_t{kQuestions});
@@ -106,14 +99,14 @@ TEST(Memory, AnOutstandingQuestionCostsLessThanOneKibibyte) {
     EXPECT_LT(bare, held);
     EXPECT_GE(allocated(), bare + kQuestions * sizeof(KAVO_ANSWER));
   }
-  EXPECT_EQ(kavo_free(kavo), KAVOE_OK);
 }
 
 TEST(Memory, AContextThatRanOutOfItIsConfiguredAndOpenedAgain) {
   if (!kCounts) GTEST_SKIP() << "the sanitizer's allocator does not fail";
   constexpr int kQuestions = 1000;
   const testbed::HandServer silence;
-  KAVO kavo = make(kQuestions, silence.port());
+  testbed::Host kavo(kQuestions);
+  open(&kavo, silence.port());
   nothing_grows = true;  // the list of sockets, for one
   std::vector<KAVO_QUERY_NODE> lost = ask(kavo, kQuestions);
   // The thread that fails ends the waits for an answer and the waits for room.
@@ -134,7 +127,6 @@ TEST(Memory, AContextThatRanOutOfItIsConfiguredAndOpenedAgain) {
   EXPECT_EQ(kavo_wait_multiple_nodes(kavo, nodes.data(), kQuestions, KAVOWT_NONE, 1, nullptr, nullptr), KAVOE_OK);
   EXPECT_EQ(kavo_close(kavo), KAVOE_OK);
   leave(kavo, nodes);
-  EXPECT_EQ(kavo_free(kavo), KAVOE_OK);
 }
 
 }  // namespace

@@ -147,13 +147,15 @@ TEST(Resolution, ADelegationLivesNoLongerThanItsAddresses) {
   }
 }
 
+void refer_to_silence_or_bank(Reply *reply, const std::string &server) {
+  if (server == "192.0.2.67") reply->code(0x0F);
+  if (server == kEvil)
+    reply->ns("sub.evil.test", "ns.evil.test").ns("sub.evil.test", "ns.bank.test").glue("ns.evil.test", "192.0.2.67");
+}
+
 TEST(Resolution, ServersWithoutAddressesAreLookedUpWhenTheOthersAreOfNoUse) {
   Tree tree(4);
-  tree.evil = [](Reply *reply, const std::string &server) {
-    if (server == "192.0.2.67") reply->code(0x0F);
-    if (server == kEvil)
-      reply->ns("sub.evil.test", "ns.evil.test").ns("sub.evil.test", "ns.bank.test").glue("ns.evil.test", "192.0.2.67");
-  };
+  tree.evil = refer_to_silence_or_bank;
   EXPECT_EQ(tree.run("x.sub.evil.test").addresses, kLied);
   EXPECT_EQ(tree.packets, 3U + 4U + 2U + 1U) << "down to the zone, four attempts, the lookup, the server that it found";
 }
@@ -257,11 +259,7 @@ TEST(Resolution, WhatWasJustAnsweredIsAnsweredAgainWithoutCaches) {
   Tree tree(4);
   for (const unsigned use : {DNS_CU_ANS, DNS_CU_REF})
     ASSERT_EQ(dns_set_cache(tree.world.ctx, use, nullptr), DNS_E_NOERROR);
-  tree.evil = [](Reply *reply, const std::string &server) {
-    if (server == "192.0.2.67") reply->code(0x0F);
-    if (server == kEvil)
-      reply->ns("sub.evil.test", "ns.evil.test").ns("sub.evil.test", "ns.bank.test").glue("ns.evil.test", "192.0.2.67");
-  };
+  tree.evil = refer_to_silence_or_bank;
   for (int i = 0; i < 3; ++i)
     EXPECT_EQ(tree.run("x.sub.evil.test").addresses, kLied);
 }

@@ -6,6 +6,7 @@
 #include <host_test.h>
 #include <kavo.h>
 #include <pthread.h>
+#include <stored_records.h>
 #include <unistd.h>
 
 #include <array>
@@ -104,14 +105,7 @@ TEST_F(RunsTest, ConfigurationIsRefusedWhileAContextRunsAndWhileItCloses) {
 TEST_F(RunsTest, AContextsOwnCacheMayBeHandedBack) {
   Host host(4, 1 << 20);
   KAVO_CACHE own = kavo_get_ext_cache(host, KAVOCT_ANS);
-  in_addr address{htonl(INADDR_LOOPBACK)};
-  dns_rr_a4 block{};
-  block.dnsa4_ttl = 300;
-  block.dnsa4_nrr = 1;
-  block.dnsa4_addr = &address;
-  KAVO_RR rr{};
-  rr.rr_a = &block;
-  ASSERT_EQ(kavo_cache_put(own, KAVOT_DNS_A, "kept", 4, &rr), KAVOE_OK);
+  ASSERT_EQ(kavo_cache_put(own, KAVOT_DNS_A, "kept", 4, read(KAVOT_DNS_A, every_layout()[0].bytes)), KAVOE_OK);
   for (const KAVO_CACHE_TYPE use : {KAVOCT_FULL, KAVOCT_ANS, KAVOCT_REF}) {
     ASSERT_EQ(kavo_set_ext_cache(host, use, own), KAVOE_OK);
     EXPECT_EQ(kavo_get_ext_cache(host, use), own);
