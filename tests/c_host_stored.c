@@ -49,7 +49,6 @@ void speak_of_types(void) {
   EXPECT(kavo_convert_status(DNS_E_NXDOMAIN) == KAVOE_NXDOM);
   EXPECT(kavo_get_parser(KAVOT_BL_MX, 0) == dns_parse_mx);
   EXPECT(kavo_get_parser(KAVOT_DNS_SOA, 0) == NULL && !kavo_isparseable(KAVOT_DNS_SOA));
-  EXPECT(kavo_get_parser(KAVOT_DNS_SOA, KAVOQF_PKT) == dns_parse_pkt);
   EXPECT(kavo_name2type(kavo_typename(KAVOT_BL_DOM_TXT)) == KAVOT_BL_DOM_TXT);
   EXPECT(strcmp(kavo_strerror(KAVOE_NOZONES), kavo_strerror(KAVOE_NODATA)) != 0);
   for (option = KAVOOPT_NXDOM_TTL; option <= KAVOOPT_TIMEOUT_MSEC; option++)
@@ -154,7 +153,6 @@ void keep_answers_itself(const KAVO_ANSWER *answer) {
   EXPECT(kavo_init(&kavo, TABLE_SIZE, 0, 0) == KAVOE_OK && kavo_get_ext_cache(kavo, KAVOCT_ANS) == NULL);
   EXPECT(kavo_set_ext_cache(kavo, KAVOCT_ANS, cacher) == KAVOE_OK);
   EXPECT(kavo_get_ext_cache(kavo, KAVOCT_ANS) == cacher && kavo_get_ext_cache(kavo, KAVOCT_REF) == NULL);
-  EXPECT(kavo_cache_has(cacher, answer->type, "kept.example", 12) == KAVOE_NODATA);
   EXPECT(kavo_cache_put(cacher, answer->type, "kept.example", 12, &block) == KAVOE_OK);
   EXPECT(kavo_cache_has(cacher, answer->type, "kept.example", 12) == KAVOE_OK);
   EXPECT(kavo_cache_get(cacher, answer->type, "KEPT.example", 12, &found, 0) == KAVOE_OK);

@@ -14,28 +14,6 @@ namespace {
 
 using namespace sim;
 
-TEST_F(Engine, StatisticsFollowTheServers) {
-  world.add_server("192.0.2.1", Temper::dead);
-  world.add_server("192.0.2.2", Temper::good);
-  world.weather.delay_us = 20'000;
-  const dns::SocketAddress places[] = {socket_of("192.0.2.1"), socket_of("192.0.2.2")};
-  const sockaddr *dead = places[0].generic(), *good = places[1].generic();
-  uint64_t sent = 7, timed_out = 7, used = 7;
-  int average = 0, last = 0, check = 0;
-  EXPECT_EQ(dns_get_serv_nqsent(world.ctx, good, &sent), DNS_E_INVAL) << "not asked yet";
-  for (int i = 0; i < 5; ++i)
-    run("listed-1.list.test");
-  // Two timeouts are enough for a server to be marked down.
-  for (const int error :
-       {dns_get_serv_nqsent(world.ctx, dead, &sent), dns_get_serv_ntimeout(world.ctx, dead, &timed_out),
-        dns_get_serv_nused(world.ctx, good, &used), dns_get_serv_avgrtt(world.ctx, good, &average),
-        dns_get_serv_lastrtt(world.ctx, good, &last), dns_get_serv_last_check(world.ctx, good, &check)})
-    EXPECT_EQ(error, DNS_E_NOERROR);
-  EXPECT_TRUE(sent == 2 && timed_out == 2 && used == 5) << sent << " " << timed_out << " " << used;
-  EXPECT_TRUE(average == 20 && last == 20) << average << " " << last;
-  EXPECT_EQ(check, world.now_us / 1'000'000);
-}
-
 // ask_in_turn sends one query after the other, `pause_us` after each answer, and returns how long each took.
 std::vector<int64_t> ask_in_turn(World *world, int count, int64_t pause_us, const std::vector<std::string> &own = {}) {
   Queries queries(world);

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -257,27 +258,20 @@ TEST_F(Engine, WhatAnEarlierServerTruncatesIsFetchedThere) {
   EXPECT_LT(asked.took_us, 300'000);
 }
 
+// The answer to the first attempt counts, and the answer to the third: each socket of a lone server serves two.
 TEST_F(Engine, ASlowServerIsHeardThoughItsQueryHasLeftTheSocket) {
   const dns_timeval timeout = {1, 0};
-  ASSERT_EQ(dns_set_opt(world.ctx, DNS_OPT_TIMEOUT, &timeout, sizeof timeout), 0);
-  set(&world, DNS_OPT_NTRIES, 10);
-  world.add_server("192.0.2.1", Temper::good);
-  world.delays_us["192.0.2.1"] = 3'500'000;
-  Query &asked = resolve("listed-2.list.test");
-  EXPECT_LE(asked.took_us, 3'501'000) << "the answer to the first attempt counts";
-}
-
-TEST_F(Engine, EachSocketOfALoneServerIsHeardForTwoAttempts) {
-  const dns_timeval timeout = {1, 0};
-  ASSERT_EQ(dns_set_opt(world.ctx, DNS_OPT_TIMEOUT, &timeout, sizeof timeout), 0);
-  set(&world, DNS_OPT_NTRIES, 10);
-  world.add_server("192.0.2.1", Temper::good);
-  world.delays_us["192.0.2.1"] = 1'200'000;
-  world.script = [this](const Bytes &query, const std::string &) {
-    return world.packets_sent <= 2 ? Bytes{} : answer_to(query, Temper::good);
-  };
-  Query &asked = resolve("listed-2.list.test");
-  EXPECT_LE(asked.took_us, 3'201'000) << "the answer to the third attempt counts";
+  for (const auto &[lost, delay_us] : {std::pair{0U, 3'500'000}, {2U, 1'200'000}}) {
+    Scene other(42);
+    ASSERT_EQ(dns_set_opt(other.world.ctx, DNS_OPT_TIMEOUT, &timeout, sizeof timeout), 0);
+    set(&other.world, DNS_OPT_NTRIES, 10);
+    other.world.add_server("192.0.2.1", Temper::good);
+    other.world.delays_us["192.0.2.1"] = delay_us;
+    other.world.script = [&other, lost = lost](const Bytes &query, const std::string &) {
+      return other.world.packets_sent <= lost ? Bytes{} : answer_to(query, Temper::good);
+    };
+    EXPECT_LE(other.resolve("listed-2.list.test").took_us, lost * dns::kUsPerSecond + delay_us + 1000);
+  }
 }
 
 TEST_F(Engine, AServerIsNotBelievedUnderAnIdThatItWasNotAskedUnder) {

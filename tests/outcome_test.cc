@@ -184,6 +184,11 @@ TEST_F(Outcome, ARoundTripCountsForTheServerThatAnsweredByUdp) {
   EXPECT_EQ(outcome("listed-1.list.test"), DNS_E_NOERROR);
   EXPECT_EQ(figures(0), Figures(1, 20));
   EXPECT_EQ(told_rtt_ms, 20);
+  const dns::SocketAddress place = socket_of("192.0.2.1");
+  int average = 0, check = 0;
+  EXPECT_EQ(dns_get_serv_avgrtt(world.ctx, place.generic(), &average), DNS_E_NOERROR);
+  EXPECT_EQ(dns_get_serv_last_check(world.ctx, place.generic(), &check), DNS_E_NOERROR);
+  EXPECT_TRUE(average == 20 && check == world.now_us / dns::kUsPerSecond) << average << " " << check;
   world.now_us += 1000;
   world.delays_us["192.0.2.1"] = 90'000;  // while the attempt at the second server waits
   EXPECT_EQ(outcome("listed-2.list.test"), DNS_E_NOERROR);
