@@ -9,7 +9,6 @@
 #include <functional>
 #include <string>
 #include <utility>
-#include <vector>
 
 namespace {
 

@@ -166,13 +166,14 @@ TEST_F(LifecycleTest, SubscriptionsCheckTheirArguments) {
     EXPECT_EQ(text(type, "example", KAVOQF_PKT), KAVOE_BADPAR) << type;
   for (const char *no_address : {"example", "1.2.3", "0x1.2.3.4", "1.2.3.4.5", "1.2.3.256", "", "1.2.3.4 "})
     EXPECT_EQ(text(KAVOT_BL_IP, no_address), KAVOE_BADPAR) << no_address;
+  const std::string label(DNS_MAXLABEL, 'a'), too_long = label + "." + label + "." + label + "." + label;
   for (const int length : {-1, 0, 3, 5, 256, INT_MAX})
     EXPECT_EQ(kavo_subscribe_node(host, KAVOT_BL_IP, four, length, 0, nullptr, &node), KAVOE_BADPAR) << length;
   for (const int length : {INT_MIN, 0, 256, INT_MAX})
     EXPECT_EQ(kavo_subscribe_node(host, KAVOT_DNS_A, "a", length, 0, nullptr, &node), KAVOE_BADPAR) << length;
   expect_all(KAVOE_BADPAR,
-             {text(KAVOT_DNS_A, nullptr), text(KAVOT_DNS_A, ""), text(KAVOT_DNS_A, "a..b"),
-              text(KAVOT_DNS_A, std::string(DNS_MAXLABEL + 1, 'a').c_str()),
+             {text(KAVOT_DNS_A, too_long.c_str()), text(KAVOT_DNS_A, nullptr), text(KAVOT_DNS_A, ""),
+              text(KAVOT_DNS_A, "a..b"), text(KAVOT_DNS_A, (label + "a").c_str()),
               kavo_subscribe_node(nullptr, KAVOT_BL_IP, four, 4, 0, nullptr, &node),
               kavo_subscribe_node(host, KAVOT_BL_IP, nullptr, 4, 0, nullptr, &node),
               kavo_subscribe_node(host, KAVOT_BL_IP, four, 4, 0, nullptr, nullptr),

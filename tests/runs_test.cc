@@ -14,7 +14,6 @@
 #include <cstring>
 #include <string>
 #include <thread>
-#include <vector>
 
 namespace {
 
