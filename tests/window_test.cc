@@ -19,8 +19,7 @@ class Crowd : public Engine {
   // run asks so many queries at once, and returns how long it took until all were over, in microseconds.
   int64_t run(int count) {
     const int64_t begun_us = world.now_us;
-    for (int i = 0; i < count; ++i)
-      queries.ask("listed-" + std::to_string(i) + ".list.test");
+    queries.ask_listed(count);
     EXPECT_TRUE(world.run(1'000'000));
     expect_rest(&world);
     return world.now_us - begun_us;
@@ -101,8 +100,7 @@ TEST_F(Crowd, WhoeverWaitsForADeadServerIsNotKeptLongerThanOthers) {
 TEST_F(Crowd, AServerThatFlapsIsAskedAgain) {
   world.weather.delay_us = 5'000;
   set(&world, DNS_OPT_NTRIES, 10);
-  for (int i = 0; i < 3000; ++i)
-    queries.ask("listed-" + std::to_string(i) + ".list.test");
+  queries.ask_listed(3000);
   for (int turn = 0; world.turn() && turn < 1'000'000; ++turn)
     world.set_temper(kServer, world.now_us / 700'000 % 2 == 0 ? Temper::good : Temper::dead);
   EXPECT_EQ(failed(), 0);
