@@ -103,12 +103,14 @@ class Mirror {
     return static_cast<int>(given);
   }
   static int nothing_returned(void *, int, dns::Datagram *) { return 0; }
+  static int nothing_dropped(void *, int) { return 0; }
   static int no_tcp(void *, const dns::Address &) { return -ECONNREFUSED; }
   static int no_tcp_send(void *, int, const uint8_t *, size_t) { return -ECONNRESET; }
   static int no_tcp_receive(void *, int, uint8_t *, size_t) { return -ECONNRESET; }
 
-  dns::Io io_ = {this,   wall,      random,      udp_open,      udp_close, udp_send, udp_receive, nothing_returned,
-                 no_tcp, udp_close, no_tcp_send, no_tcp_receive};
+  dns::Io io_ = {this,      wall,        random,           udp_open,        udp_close,
+                 udp_send,  udp_receive, nothing_returned, nothing_dropped, no_tcp,
+                 udp_close, no_tcp_send, no_tcp_receive};
   std::mt19937 random_;
   std::map<int, std::deque<Packet>> inboxes_;
   int next_socket_ = 100;

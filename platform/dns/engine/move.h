@@ -31,7 +31,7 @@ inline void take_out(dns_query *q) {
     return;
   }
   if (q->state == State::parked && !q->alone()) [[unlikely]]
-    present_server(q)->waiting.fetch_sub(1, std::memory_order_relaxed);
+    present_server(q)->count_waiting(-1);
   q->unlink();
 }
 inline void move(dns_query *q, State to, base::Link *list) {

@@ -63,7 +63,7 @@ bool take_place(dns_query *q) {
 void park(dns_query *q) {
   Server *server = present_server(q);
   move(q, State::parked, q->progress.attempts > 0 ? &server->parked_again : &server->parked);
-  server->waiting.fetch_add(1, std::memory_order_relaxed);
+  server->count_waiting(1);
   release_later(q->ctx, server);
 }
 

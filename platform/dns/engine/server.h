@@ -81,6 +81,10 @@ struct Server : base::Link {
   [[nodiscard]] bool gives_cookies(int64_t now_us) const { return now_us < cookie_until_us; }
   [[nodiscard]] bool marked_down() const { return silent >= kSilentMax; }
   [[nodiscard]] RoundTrip round_trip() const { return {srtt_us, rttvar_us}; }
+  // Only the driving thread writes the count, so it needs no atomic addition.
+  void count_waiting(int more) {
+    waiting.store(waiting.load(std::memory_order_relaxed) + static_cast<uint32_t>(more), std::memory_order_relaxed);
+  }
   [[nodiscard]] bool has_parked() const { return !parked.alone() || !parked_again.alone(); }
 
   // sample takes one measured round trip into the estimate. rto_us is the timeout of an attempt in the given round,

@@ -70,7 +70,8 @@ void Window::answered(const Answered &answer, const RoundTrip &rtt, uint32_t mos
   ++in_round_;
   if (answer.once) sample(now_us - answer.sent_us, now_us);
   if (cohort_.has(answer.sent_us)) ++cohort_.answered;
-  if (answer.sent_us >= round_us_ && now_us - round_us_ >= mean_us_) end_round(answer, rtt, now_us);
+  if (answer.sent_us >= round_us_ && now_us - round_us_ >= std::max(mean_us_, kRoundMinUs))
+    end_round(answer, rtt, now_us);
   if (limits_) grow(most, now_us);
 }
 
