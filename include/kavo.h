@@ -201,7 +201,10 @@ typedef enum KAVO_OPT KAVO_ENUM_UNSIGNED {
   KAVOOPT_SERV_RRB = 14,         /* 1: start each query at the next server in turn; 0: in list order */
   KAVOOPT_MIN_TTL = 15,          /* seconds below which no answer's TTL falls; 0 to 2147483647 */
   KAVOOPT_CH_REXPRD = 16,        /* 1: an expired cache entry is delivered as an early answer; 0: not */
-  KAVOOPT_TIMEOUT_MSEC = 17      /* KAVOOPT_TIMEOUT in milliseconds; 1 to 300000 */
+  KAVOOPT_TIMEOUT_MSEC = 17,     /* KAVOOPT_TIMEOUT in milliseconds; 1 to 300000 */
+  KAVOOPT_WINDOW = 18,           /* the most queries under way to one server by UDP; 1 to 4096 (4096 until it is set) */
+  KAVOOPT_RATE = 19              /* the most queries a second to one server by UDP, retransmissions included;
+                                    0 (until it is set: no limit) to 1000000. By TCP there is no limit */
 } KAVO_OPT;
 
 /* KAVO_WAIT_LEVEL: how far a node must have come for a wait to end. A failed node ends every wait. */
@@ -493,6 +496,19 @@ KAVO_EXPORT KAVO_ERR kavo_get_serv_last_check(KAVO kavo, const struct sockaddr *
 KAVO_EXPORT KAVO_ERR kavo_get_serv_nqsent(KAVO kavo, const struct sockaddr *sa, uint64_t *value);
 KAVO_EXPORT KAVO_ERR kavo_get_serv_nused(KAVO kavo, const struct sockaddr *sa, uint64_t *value);
 KAVO_EXPORT KAVO_ERR kavo_get_serv_ntimeout(KAVO kavo, const struct sockaddr *sa, uint64_t *value);
+
+/* Statistics of what limits the queries to the server at `sa`, as above: its window, which is how many queries may be
+ * under way to it by UDP now; the queries that wait for room in it or for the rate (KAVOOPT_RATE) to let them leave;
+ * and, of the attempts that timed out, those that were lost because the server was sent too much. The latter do not
+ * count towards KAVOOPT_NTRIES, within bounds. */
+KAVO_EXPORT KAVO_ERR kavo_get_serv_window(KAVO kavo, const struct sockaddr *sa, int *value);
+KAVO_EXPORT KAVO_ERR kavo_get_serv_nwaiting(KAVO kavo, const struct sockaddr *sa, int *value);
+KAVO_EXPORT KAVO_ERR kavo_get_serv_noverload(KAVO kavo, const struct sockaddr *sa, uint64_t *value);
+
+/* kavo_get_ndropped stores how many answers the system has dropped at the context's own sockets since kavo_init, as
+ * their receive buffers were full. Drops are noticed when an attempt times out, whose loss then does not count towards
+ * KAVOOPT_NTRIES, within bounds. KAVOE_BADPAR. Any thread. */
+KAVO_EXPORT KAVO_ERR kavo_get_ndropped(KAVO kavo, uint64_t *value);
 
 /* ---- waiting ---------------------------------------------------------------------------------------------------- */
 

@@ -82,7 +82,7 @@ constexpr uint32_t kMaxInt = INT32_MAX;
 constexpr auto kScratch = &kavo_t::scratch;
 
 // In the order of the codes. def_val is what a context starts with where nothing else says so; it is not applied.
-constexpr std::array<Option, 18> kOptions = {{
+constexpr std::array<Option, 20> kOptions = {{
     {"negative_ttl", KAVOOPT_NXDOM_TTL, kScratch, 65535, 0, kMaxInt, set_negative_ttl, DNS_CROPT_DEFTTL},
     {"min_cache_delay", KAVOOPT_MIN_CACHE_DELAY, &kavo_t::min_cache_delay, 1000, 0, 65535, keep_only, 0},
     {"dns_port", KAVOOPT_DNS_PORT, &kavo_t::dns_port, 53, 1, 65535, set_engine, DNS_OPT_PORT},
@@ -101,6 +101,8 @@ constexpr std::array<Option, 18> kOptions = {{
     {"minimum_ttl", KAVOOPT_MIN_TTL, kScratch, 0, 0, kMaxInt, set_minimum_ttl, DNS_CROPT_MINTTL},
     {"cache_return_expired", KAVOOPT_CH_REXPRD, kScratch, 0, 0, 1, set_return_expired, DNS_CROPT_FLAGS},
     {"timeout_msec", KAVOOPT_TIMEOUT_MSEC, kScratch, 3000, 1, 300000, set_milliseconds, DNS_OPT_TIMEOUT},
+    {"window", KAVOOPT_WINDOW, kScratch, 4096, 1, 4096, set_engine, DNS_OPT_WINDOW},
+    {"rate", KAVOOPT_RATE, kScratch, 0, 0, 1000000, set_engine, DNS_OPT_RATE},
 }};
 
 constexpr bool is_sound() {

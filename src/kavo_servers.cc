@@ -127,4 +127,22 @@ KAVO_ERR kavo_get_serv_ntimeout(KAVO kavo, const struct sockaddr *sa, uint64_t *
   return statistic(dns_get_serv_ntimeout, kavo, sa, value);
 }
 
+KAVO_ERR kavo_get_serv_window(KAVO kavo, const struct sockaddr *sa, int *value) {
+  return statistic(dns_get_serv_window, kavo, sa, value);
+}
+
+KAVO_ERR kavo_get_serv_nwaiting(KAVO kavo, const struct sockaddr *sa, int *value) {
+  return statistic(dns_get_serv_nwaiting, kavo, sa, value);
+}
+
+KAVO_ERR kavo_get_serv_noverload(KAVO kavo, const struct sockaddr *sa, uint64_t *value) {
+  return statistic(dns_get_serv_noverload, kavo, sa, value);
+}
+
+KAVO_ERR kavo_get_ndropped(KAVO kavo, uint64_t *value) {
+  if (kavo == nullptr || value == nullptr) return KAVOE_BADPAR;
+  if (kavo_is_foreign(kavo)) return KAVOE_SRV;
+  return kavo_convert_status(dns_get_ndropped(kavo->udns_ctx, value));
+}
+
 }  // extern "C"

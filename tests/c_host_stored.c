@@ -51,7 +51,7 @@ void speak_of_types(void) {
   EXPECT(kavo_get_parser(KAVOT_DNS_SOA, 0) == NULL && !kavo_isparseable(KAVOT_DNS_SOA));
   EXPECT(kavo_name2type(kavo_typename(KAVOT_BL_DOM_TXT)) == KAVOT_BL_DOM_TXT);
   EXPECT(strcmp(kavo_strerror(KAVOE_NOZONES), kavo_strerror(KAVOE_NODATA)) != 0);
-  for (option = KAVOOPT_NXDOM_TTL; option <= KAVOOPT_TIMEOUT_MSEC; option++)
+  for (option = KAVOOPT_NXDOM_TTL; option <= KAVOOPT_RATE; option++)
     EXPECT(kavo_opt_name((KAVO_OPT)option) != NULL);
   EXPECT(kavo_opt_name((KAVO_OPT)option) == NULL);
   EXPECT(kavo_version() >> 24 == 4 && kavo_rev() != 0);

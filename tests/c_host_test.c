@@ -259,8 +259,8 @@ static void be_called_away(KAVO kavo) {
 static void count_for_server(KAVO kavo, unsigned port) {
   const struct sockaddr_in place = loopback(port);
   const struct sockaddr *server = (const struct sockaddr *)(const void *)&place;
-  int average = -1, last = -1, checked = -1;
-  uint64_t sent = 0, used = 0, timed_out = UINT64_MAX;
+  int average = -1, last = -1, checked = -1, window = 0, waiting = -1;
+  uint64_t sent = 0, used = 0, timed_out = UINT64_MAX, overloads = UINT64_MAX, dropped = UINT64_MAX;
 
   EXPECT(kavo_get_serv_avgrtt(kavo, server, &average) == KAVOE_OK && average >= 0);
   EXPECT(kavo_get_serv_lastrtt(kavo, server, &last) == KAVOE_OK && last >= 0);
@@ -268,6 +268,10 @@ static void count_for_server(KAVO kavo, unsigned port) {
   EXPECT(kavo_get_serv_nqsent(kavo, server, &sent) == KAVOE_OK);
   EXPECT(kavo_get_serv_nused(kavo, server, &used) == KAVOE_OK && used > 0 && used <= sent);
   EXPECT(kavo_get_serv_ntimeout(kavo, server, &timed_out) == KAVOE_OK && timed_out < sent);
+  EXPECT(kavo_get_serv_window(kavo, server, &window) == KAVOE_OK && window >= 1 && window <= 4096);
+  EXPECT(kavo_get_serv_nwaiting(kavo, server, &waiting) == KAVOE_OK && waiting == 0);
+  EXPECT(kavo_get_serv_noverload(kavo, server, &overloads) == KAVOE_OK && overloads <= timed_out);
+  EXPECT(kavo_get_ndropped(kavo, &dropped) == KAVOE_OK && dropped == 0);
 }
 
 int main(int argc, char **argv) {

@@ -57,6 +57,7 @@ std::string refused(KAVO kavo, KAVO_QUERY_NODE node, KAVO_QUERY_NODE bell, KAVO_
   sockaddr servers[4];
   unsigned count = 4;
   int value = 0;
+  uint64_t big = 0;
   Answers answers;
   CHECKED(kavo_srv_is_running(kavo) == 0);
   CHECKED(kavo_node_type(kavo, node) == KAVOT_INVALID);
@@ -79,6 +80,7 @@ std::string refused(KAVO kavo, KAVO_QUERY_NODE node, KAVO_QUERY_NODE bell, KAVO_
                               answers.copy(kavo, node),
                               answers.query(kavo, KAVOT_BL_IP, address_bytes("192.0.2.9")),
                               kavo_get_serv_avgrtt(kavo, address, &value),
+                              kavo_get_ndropped(kavo, &big),
                               kavo_cachesave(kavo, path.c_str()),
                               kavo_cacheload(kavo, path.c_str()),
                               kavo_set_opt(kavo, KAVOOPT_NTRIES, 1),

@@ -238,7 +238,9 @@ TEST_F(LifecycleTest, EveryOperationTakesNullsCalmly) {
               kavo_get_dns_servers(host, nullptr, nullptr), kavo_get_dns_servers_ss(host, nullptr, nullptr),
               kavo_get_dns_servers_ss(nullptr, nullptr, nullptr), kavo_add_expserv_s(nullptr, address),
               kavo_get_serv_avgrtt(nullptr, address, &value), kavo_get_serv_nused(host, address, &big),
-              kavo_get_serv_lastrtt(host, nullptr, &value), kavo_get_serv_nqsent(host, address, nullptr)});
+              kavo_get_serv_lastrtt(host, nullptr, &value), kavo_get_serv_nqsent(host, address, nullptr),
+              kavo_get_serv_window(host, address, &value), kavo_get_ndropped(nullptr, &big),
+              kavo_get_ndropped(host, nullptr)});
   EXPECT_EQ(kavo_get_ext_cache(nullptr, KAVOCT_ANS), nullptr);
   expect_all<const char *>(nullptr, {kavo_zonesmap_zone(nullptr, 0), kavo_zonesmap_zone(host, -1)});
 
@@ -361,11 +363,12 @@ TEST_F(LifecycleTest, NamesOptionsAndCodesKeepTheirBounds) {
 
   Host host(1, 1 << 16);
   const auto set = [&host](KAVO_OPT option, uint32_t value) { return kavo_set_opt(host, option, value); };
-  expect_all(KAVOE_BADPAR, {set(static_cast<KAVO_OPT>(-1), 0), set(static_cast<KAVO_OPT>(18), 0),
+  expect_all(KAVOE_BADPAR, {set(static_cast<KAVO_OPT>(-1), 0), set(static_cast<KAVO_OPT>(20), 0),
+                            set(KAVOOPT_WINDOW, 0), set(KAVOOPT_WINDOW, 4097), set(KAVOOPT_RATE, 1000001),
                             set(KAVOOPT_DNS_PORT, 0), set(KAVOOPT_MAX_PACKET, 511), set(KAVOOPT_MAX_PACKET, 4097),
                             set(KAVOOPT_CLOSE_FAST, 2), set(KAVOOPT_NXDOM_TTL, 1U << 31)});
   expect_all(KAVOE_OK, {set(KAVOOPT_MAX_PACKET, 512), set(KAVOOPT_DNSREC_CACHESIZE, UINT32_MAX),
-                        set(KAVOOPT_DNSREC_CACHESIZE, 4096)});
+                        set(KAVOOPT_DNSREC_CACHESIZE, 4096), set(KAVOOPT_WINDOW, 4096), set(KAVOOPT_RATE, 1000000)});
   EXPECT_EQ(kavo_set_ext_cache(host, KAVOCT_FULL, nullptr), KAVOE_OK);
   EXPECT_EQ(kavo_get_ext_cache(host, KAVOCT_ANS), nullptr);
 }

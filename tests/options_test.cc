@@ -9,7 +9,10 @@
 #include <poll.h>
 
 #include <array>
+#include <chrono>
+#include <deque>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -147,6 +150,63 @@ TEST_F(OptionsTest, NegativeAnswersWithoutSoaAreKeptForTheNegativeTtl) {
   EXPECT_TRUE(kept("b.example")) << "though the cache had been told to keep none";
   host.option(KAVOOPT_NXDOM_TTL, 0);
   EXPECT_FALSE(kept("c.example"));
+}
+
+TEST_F(OptionsTest, AWindowBoundsTheQueriesUnderWayAndTheOthersWait) {
+  constexpr size_t kQuestions = 12;
+  for (const size_t window : {size_t{1}, size_t{3}}) {
+    SCOPED_TRACE(window);
+    const HandServer server;
+    const sockaddr_in place = loopback(server.port());
+    const auto *address = reinterpret_cast<const sockaddr *>(&place);
+    Host host;
+    host.server(server.port()).long_timeout().option(KAVOOPT_WINDOW, static_cast<uint32_t>(window)).open();
+    std::deque<Node> nodes;
+    for (size_t i = 0; i < kQuestions; ++i)
+      nodes.emplace_back(host, KAVOT_DNS_A, std::to_string(i) + ".example");
+    std::deque<HandServer::Query> held;
+    for (size_t seen = 0; seen < kQuestions;) {
+      for (; seen < kQuestions && held.size() < window; ++seen)
+        held.push_back(server.receive());
+      int size = 0, waiting = -1;
+      const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(kLongMs);
+      while (kavo_get_serv_nwaiting(host, address, &waiting) == KAVOE_OK &&
+             waiting != static_cast<int>(kQuestions - seen) && std::chrono::steady_clock::now() < until)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      ASSERT_EQ(waiting, static_cast<int>(kQuestions - seen));
+      EXPECT_EQ(kavo_get_serv_window(host, address, &size), KAVOE_OK);
+      EXPECT_EQ(size, static_cast<int>(window));
+      pollfd early{server.descriptor(), POLLIN, 0};
+      ASSERT_EQ(poll(&early, 1, 5), 0) << "one more query than the window has room for";
+      server.answer(held.front(), 2);
+      held.pop_front();
+    }
+    for (const HandServer::Query &query : held)
+      server.answer(query, 2);
+    for (const Node &node : nodes)
+      EXPECT_EQ(the_answer(host, node), "127.0.0.2");
+    uint64_t overloads = 1, dropped = 1;
+    expect_all(KAVOE_OK, {kavo_get_serv_noverload(host, address, &overloads), kavo_get_ndropped(host, &dropped)});
+    EXPECT_EQ(overloads + dropped, 0u);
+  }
+}
+
+TEST_F(OptionsTest, ARateHoldsForRetransmissionsToo) {
+  constexpr unsigned kRate = 200, kQuestions = 150, kBurst = 10;
+  ListServer server("zone a.list\nlist 192.0.2.0/24\n", {"--fault", "drop=30", "--seed", "7"});
+  Host host(kQuestions);
+  host.server(server.port()).zone(KAVOT_BL_IP, "a.list").option(KAVOOPT_RATE, kRate);
+  host.option(KAVOOPT_TIMEOUT_MSEC, 300).option(KAVOOPT_NTRIES, 50).open();
+  const auto begin = std::chrono::steady_clock::now();
+  std::deque<Node> nodes;
+  for (unsigned i = 0; i < kQuestions; ++i)
+    nodes.emplace_back(host, KAVOT_BL_IP, "192.0.2." + std::to_string(i));
+  for (const Node &node : nodes)
+    EXPECT_EQ(the_answer(host, node), "127.0.0.2");
+  const uint64_t received = server.received();
+  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
+  EXPECT_GT(received, kQuestions) << "nothing was sent again";
+  EXPECT_LE(static_cast<double>(received), kRate * took.count() + kBurst);
 }
 
 }  // namespace

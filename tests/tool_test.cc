@@ -246,6 +246,23 @@ TEST_F(ToolTest, LongListFromStandardInputOverAnUnrulyListComesBackWholeAndInOrd
   EXPECT_EQ(lines[kSubjects + 2]["subject"], "192.0.2.10");
 }
 
+TEST_F(ToolTest, AWindowAndARateSlowAListDownAndFailNothing) {
+  constexpr int kSubjects = 40;
+  std::string input;
+  for (int i = 0; i < kSubjects; ++i)
+    input += "192.0.2." + std::to_string(100 + i) + "\n";
+  const auto begin = std::chrono::steady_clock::now();
+  const Result result = check({"--json", "--window", "1", "--rate", "60", "--zone", "plain.test", "-"}, input);
+  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(json_lines(result.out).size(), size_t{kSubjects});
+  const uint64_t received = server_->received();
+  EXPECT_GE(received, 2U * kSubjects) << "an address and a reason each";
+  EXPECT_LE(static_cast<double>(received), 60 * took.count() + 3);
+  EXPECT_EQ(query({"--window", "1", "--rate", "1000000", "plain.test"}).status, 0);
+  EXPECT_EQ(ask({"cache", "save"}, {"--window", "1", "--rate", "1000", dir_.file("dump"), "plain.test"}).status, 0);
+}
+
 TEST_F(ToolTest, FaultsOfTheCommandLineAreOneLineWithStatus64) {
   const std::string wrong = dir_.write("wrong.txt", "#IP\none.test\n#Ip\n");
   const std::string crlf = dir_.write("crlf.txt", "#IP\r\none.test\r\n");
@@ -274,6 +291,10 @@ TEST_F(ToolTest, FaultsOfTheCommandLineAreOneLineWithStatus64) {
       {{zone, "--server", "fe80::1", "192.0.2.1"}, "needs its interface"},
       {{zone, "--server", "[fe80::1%no-such]:5300", "192.0.2.1"}, "\"fe80::1%no-such\" names an interface"},
       {{zone, "--timeout", "0", "192.0.2.1"}, "timeout"},
+      {{zone, "--window", "0", "192.0.2.1"}, "--window: Value 0 not in range"},
+      {{zone, "--window", "4097", "192.0.2.1"}, "--window: Value 4097 not in range"},
+      {{zone, "--rate", "1000001", "192.0.2.1"}, "--rate: Value 1000001 not in range"},
+      {{zone, "--rate", "-1", "192.0.2.1"}, "--rate"},
       {{zone, "--unknown", "192.0.2.1"}, "--unknown"},
       {{zone, "192.0.2.256"}, "neither an address nor a domain name"},
       {{zone, "a b"}, "blank"},

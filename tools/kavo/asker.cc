@@ -11,13 +11,13 @@ namespace {
 class Asker {
  public:
   Asker(const Session &session, KAVO_TYPE type, unsigned flags)
-      : kavo_(session.kavo()),
+      : session_(session),
+        kavo_(session.kavo()),
         large_(session.large()),
-        wait_ms_(session.wait_ms()),
         type_(type),
         flags_(flags | KAVOQF_RECURSIVE) {}
 
-  // Starts a query. Never blocks: the table has a node for each query of a full window.
+  // Starts a query. Never blocks: the table has a node for each query of all subjects.
   AskedName ask(const std::string &text) {
     AskedName asked{text, std::nullopt, "", nullptr};
     try {
@@ -32,11 +32,12 @@ class Asker {
     return asked;
   }
 
-  // Waits for a query's outcome and shows it.
-  void collect(const AskedName &asked, const std::function<void(const NameResult &)> &show) {
+  // Waits for the outcome of the first of the outstanding queries and shows it.
+  void collect(const std::deque<AskedName> &outstanding, const std::function<void(const NameResult &)> &show) {
+    const AskedName &asked = outstanding.front();
     if (!asked.error.empty()) return show({asked, KAVOE_FAIL, asked.error, nullptr});
     timeval deadline;
-    kavo_get_deadline(wait_ms_, &deadline);
+    kavo_get_deadline(session_.wait_ms(outstanding.size()), &deadline);
     KAVO_ERR result = kavo_wait_node(kavo_, asked.node, KAVOWT_FULL, &deadline);
     const KAVO_ANSWER *answer = nullptr;
     KAVO_ANSWER enlarged{};
@@ -56,9 +57,9 @@ class Asker {
     return error == KAVOE_NOMEM ? "the answer is larger than the library hands out" : explain(error);
   }
 
+  const Session &session_;
   KAVO kavo_;
   LargeAnswers *large_;  // null: answers that large are failures
-  unsigned wait_ms_;
   KAVO_TYPE type_;
   unsigned flags_;
   std::unique_ptr<kavo_answer_iterator_t, void (*)(KAVO_ANSWER_ITERATOR)> iterator_{kavo_alloc_answer_iterator(),
@@ -82,8 +83,8 @@ void ask_names(const Session &session, const std::vector<std::string> &names, KA
                const std::function<void(const NameResult &)> &show) {
   Asker asker(session, type, flags);
   const auto ask = [&](const std::string &text) { return asker.ask(text); };
-  const auto show_first = [&](const std::deque<AskedName> &asked) { asker.collect(asked.front(), show); };
-  ask_all(names, kWindow, ask, show_first);
+  const auto show_first = [&](const std::deque<AskedName> &asked) { asker.collect(asked, show); };
+  ask_all(names, kSubjects, ask, show_first);
 }
 
 }  // namespace tool

@@ -188,7 +188,7 @@ int cache_save(const CacheArguments &arguments) {
   const KAVO_TYPE type = parse_type(arguments.type);
   examine_names(arguments.names, type);
   LogKeeper log;  // answers without room, which are saved all the same, are warned of
-  Session session(arguments.network, {static_cast<int>(kWindow), kCacheBytes});
+  Session session(arguments.network, {static_cast<int>(kSubjects), kCacheBytes});
   examine_target(arguments.file);
   session.open();
   Saver saver(session, type);

@@ -50,10 +50,12 @@ struct Asked {
 
 class Checker {
  public:
-  Checker(const Plan &plan, const Session &session) : plan_(plan), kavo_(session.kavo()), wait_ms_(session.wait_ms()) {}
+  Checker(const Plan &plan, const Session &session)
+      : plan_(plan), session_(session), kavo_(session.kavo()), queries_max_(plan.queries_max()) {}
 
   Asked ask(const std::string &text);
-  SubjectReport collect(Asked *asked);
+  // collect waits for the first of the subjects that are being asked about.
+  SubjectReport collect(std::deque<Asked> *all);
 
  private:
   std::string unaskable(const Subject &subject, const Questions &questions) const;
@@ -62,8 +64,9 @@ class Checker {
                  std::vector<Answer> *answers);
 
   const Plan &plan_;
+  const Session &session_;
   KAVO kavo_;
-  unsigned wait_ms_;
+  size_t queries_max_;
   std::unique_ptr<kavo_answer_iterator_t, void (*)(KAVO_ANSWER_ITERATOR)> iterator_{kavo_alloc_answer_iterator(),
                                                                                     kavo_free_answer_iterator};
 };
@@ -93,7 +96,7 @@ KAVO_QUERY_NODE Checker::subscribe(const Subject &subject, KAVO_TYPE type, std::
   return nullptr;
 }
 
-// Starts a subject's questions. Never blocks: the table has a node for each question of a full window.
+// Starts a subject's questions. Never blocks: the table has a node for each question of all subjects.
 Asked Checker::ask(const std::string &text) {
   Asked asked;
   asked.text = text;
@@ -131,11 +134,12 @@ void Checker::read_node(const Questions &questions, KAVO_QUERY_NODE node, const 
   kavo_unsubscribe_node(kavo_, node);
 }
 
-SubjectReport Checker::collect(Asked *asked) {
+SubjectReport Checker::collect(std::deque<Asked> *all) {
+  Asked *asked = &all->front();
   if (!asked->subject) return {asked->text, "invalid", {}, asked->error};
   const Questions &questions = plan_.questions(asked->subject->kind);
   timeval deadline;
-  kavo_get_deadline(wait_ms_, &deadline);
+  kavo_get_deadline(session_.wait_ms(all->size() * queries_max_), &deadline);
   std::vector<Answer> addresses(questions.zones.size()), reasons(questions.zones.size());
   for (size_t i = 0; i < questions.zones.size(); ++i) {
     addresses[i].asked = questions.zones[i].address;
@@ -183,7 +187,7 @@ struct Outcome {
   [[nodiscard]] int status() const { return failed ? kExitFailed : listed ? kExitListed : kExitClear; }
 };
 
-// The table's columns are set by the first window.
+// The table's columns are set by the first subjects.
 Outcome run(const CheckArguments &arguments, const Plan &plan, const Session &session) {
   Checker checker(plan, session);
   std::unique_ptr<Reporter> reporter = arguments.json ? json_reporter() : nullptr;
@@ -191,11 +195,11 @@ Outcome run(const CheckArguments &arguments, const Plan &plan, const Session &se
   const auto ask = [&](const std::string &text) { return checker.ask(text); };
   const auto show = [&](std::deque<Asked> &asked) {
     if (reporter == nullptr) reporter = table_reporter(widths_for(plan, asked), wants_colour());
-    const SubjectReport report = checker.collect(&asked.front());
+    const SubjectReport report = checker.collect(&asked);
     reporter->show(report);
     outcome.note(report);
   };
-  ask_all(arguments.subjects, kWindow, ask, show);
+  ask_all(arguments.subjects, kSubjects, ask, show);
   if (reporter != nullptr) reporter->finish();
   finish_output();
   return outcome;
@@ -228,7 +232,7 @@ void examine(const CheckArguments &arguments, Plan *plan) {
 int check(const CheckArguments &arguments) {
   Plan plan;
   examine(arguments, &plan);
-  Session session(arguments.network, {kNodesPerSubject * static_cast<int>(kWindow), kCacheBytes, plan.zones_max()});
+  Session session(arguments.network, {kNodesPerSubject * static_cast<int>(kSubjects), kCacheBytes, plan.zones_max()});
   plan.configure(session.kavo());
   session.open();
   return run(arguments, plan, session).status();

@@ -56,6 +56,17 @@ void describe_network(CLI::App *command, Network *network) {
                    "milliseconds that one attempt may take; a query has three attempts, or one for each server")
       ->check(CLI::Range(1U, kTimeoutMsMax))
       ->capture_default_str();
+  command
+      ->add_option("--window", network->window,
+                   "the most queries under way to one server by UDP; fewer are while the server or the network cannot "
+                   "take so many")
+      ->check(CLI::Range(1U, kWindowMax))
+      ->capture_default_str();
+  command
+      ->add_option("--rate", network->rate,
+                   "the most queries a second to one server by UDP, retransmissions included; 0 for no limit")
+      ->check(CLI::Range(0U, kRateMax))
+      ->capture_default_str();
 }
 
 void describe_trace(CLI::App *command, Network *network, CLI::Option *json) {

@@ -53,6 +53,13 @@ int Plan::zones_max() const {
   return static_cast<int>(most);
 }
 
+size_t Plan::queries_max() const {
+  size_t ip = 0, domain = 0;
+  for (const auto &[type, zones] : zones_)
+    (type == domain_.address || type == domain_.reason ? domain : ip) += zones.size();
+  return std::max(ip, domain);
+}
+
 void Plan::number_zones(KAVO kavo, Questions *questions) {
   questions->zone_of_number.clear();
   const char *name;

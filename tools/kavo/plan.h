@@ -42,7 +42,9 @@ class Plan {
   // std::runtime_error.
   void configure(KAVO kavo);
 
+  // zones_max returns how many zones a type has at most, queries_max how many queries a subject takes.
   [[nodiscard]] int zones_max() const;
+  [[nodiscard]] size_t queries_max() const;
   [[nodiscard]] bool empty() const { return ip_.zones.empty() && domain_.zones.empty(); }
   [[nodiscard]] const Questions &questions(Kind kind) const { return kind == Kind::domain ? domain_ : ip_; }
 

@@ -101,7 +101,7 @@ int query(const QueryArguments &arguments) {
     throw Usage{"records of type " + type_text(type) + " can be shown with --raw only"};
   examine_names(arguments.names, type);
   LogKeeper log;  // answers without room are warned of
-  Session session(arguments.network, {static_cast<int>(kWindow)});
+  Session session(arguments.network, {static_cast<int>(kSubjects)});
   session.keep_large();
   session.open();
   Printer printer(arguments, type);

@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdint>
 #include <cstdio>
+#include <limits>
 #include <string_view>
 
 #include "subject.h"
@@ -15,7 +17,9 @@ namespace {
 constexpr unsigned kAttempts = 3;
 constexpr unsigned kAttemptsMax = 50;  // the library's own bound
 constexpr unsigned kSlackMs = 5000;    // beyond all attempts, before the tool gives up
+constexpr unsigned kAliasesMax = 16;   // CNAMEs that the library follows
 constexpr unsigned kPortMax = 65534;   // the library's own bound
+constexpr unsigned kMsPerSecond = 1000;
 
 struct ServerAddress {
   std::string address;
@@ -84,11 +88,12 @@ Context::~Context() {
   kavo_free(kavo_);
 }
 
-Session::Session(const Network &network, const Room &room)
-    : context_(room), wait_ms_((attempts_of(network) + 1) * network.timeout_ms + kSlackMs), trace_(network.trace) {
+Session::Session(const Network &network, const Room &room) : context_(room), network_(network) {
   set_servers(network, kavo());
   must(kavo_set_opt(kavo(), KAVOOPT_TIMEOUT_MSEC, network.timeout_ms), "cannot set the timeout");
   must(kavo_set_opt(kavo(), KAVOOPT_NTRIES, attempts_of(network)), "cannot set the number of attempts");
+  must(kavo_set_opt(kavo(), KAVOOPT_WINDOW, network.window), "cannot set the window");
+  must(kavo_set_opt(kavo(), KAVOOPT_RATE, network.rate), "cannot set the rate");
   must(kavo_set_opt(kavo(), KAVOOPT_CLOSE_FAST, 1), "cannot set the manner of closing");
   if (!network.trace) return;
   must(kavo_set_trace(kavo(), kavo_dbgcb, nullptr), "cannot set the trace");
@@ -98,7 +103,17 @@ Session::Session(const Network &network, const Room &room)
 
 void Session::keep_large() {
   large_ = std::make_unique<LargeAnswers>();
-  large_->observe(kavo(), trace_);
+  large_->observe(kavo(), network_.trace);
+}
+
+unsigned Session::wait_ms(size_t outstanding) const {
+  const uint64_t attempts = attempts_of(network_);
+  uint64_t wait = (attempts + 1) * network_.timeout_ms + kSlackMs;
+  // The other queries may come first: each with all its attempts, and those for a CNAME chain.
+  const uint64_t packets = outstanding * (attempts + kAliasesMax);
+  if (network_.rate != 0) wait += packets * kMsPerSecond / network_.rate;
+  if (network_.window != kWindowMax) wait += packets / network_.window * network_.timeout_ms;
+  return static_cast<unsigned>(std::min<uint64_t>(wait, std::numeric_limits<unsigned>::max()));
 }
 
 void Session::open() {

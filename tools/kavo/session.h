@@ -23,12 +23,17 @@ inline constexpr int kExitUsage = 64;  // EX_USAGE of sysexits.h
 inline constexpr unsigned kTimeoutMs = 2000;
 inline constexpr unsigned kTimeoutMsMax = 300000;  // the library's own bound
 
-inline constexpr size_t kWindow = 1024;  // subjects asked about at once: bounds memory whatever the list's length
+inline constexpr unsigned kWindowMax = 4096;  // the library's own bounds
+inline constexpr unsigned kRateMax = 1'000'000;
+
+inline constexpr size_t kSubjects = 1024;  // asked about at once: bounds memory whatever the list's length
 
 // Network is how servers are asked.
 struct Network {
   std::vector<std::string> servers;  // ADDRESS[:PORT] or [ADDRESS]:PORT; empty: the system's
   unsigned timeout_ms = kTimeoutMs;  // of one attempt
+  unsigned window = kWindowMax;      // queries under way to one server
+  unsigned rate = 0;                 // queries a second to one server; 0: no limit
   bool trace = false;
 };
 
@@ -62,14 +67,14 @@ class Session {
   [[nodiscard]] LargeAnswers *large() const { return large_.get(); }
   void open();
   [[nodiscard]] KAVO kavo() const { return context_.kavo(); }
-  // wait_ms returns how long to wait for an answer: for all attempts, and some.
-  [[nodiscard]] unsigned wait_ms() const { return wait_ms_; }
+  // wait_ms returns how long to wait for an answer among `outstanding` queries: for all attempts, and some, after what
+  // the window and the rate hold back.
+  [[nodiscard]] unsigned wait_ms(size_t outstanding) const;
 
  private:
   std::unique_ptr<LargeAnswers> large_;  // outlives the context, which tells it of packets
   Context context_;
-  unsigned wait_ms_;
-  bool trace_;
+  Network network_;
 };
 
 }  // namespace tool

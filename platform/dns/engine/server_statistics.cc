@@ -1,5 +1,8 @@
-// server_statistics.cc - what any thread may read of a server (dns_get_serv_avgrtt and its relatives).
+// server_statistics.cc - what any thread may read of a server (dns_get_serv_avgrtt and its relatives), and of the
+// context's sockets.
 #include <socket_address.h>
+
+#include <algorithm>
 
 #include "context.h"
 
@@ -46,6 +49,26 @@ dns_status dns_get_serv_nused(dns_ctx *ctx, const sockaddr *server, uint64_t *va
 
 dns_status dns_get_serv_ntimeout(dns_ctx *ctx, const sockaddr *server, uint64_t *value) {
   return statistic(ctx, server, value, [=](const Server &s) { *value = s.timed_out.load(std::memory_order_relaxed); });
+}
+
+dns_status dns_get_serv_window(dns_ctx *ctx, const sockaddr *server, int *value) {
+  return statistic(ctx, server, value,
+                   [=](const Server &s) { *value = static_cast<int>(std::min(s.window.size(), ctx->options.window)); });
+}
+
+dns_status dns_get_serv_nwaiting(dns_ctx *ctx, const sockaddr *server, int *value) {
+  return statistic(ctx, server, value,
+                   [=](const Server &s) { *value = static_cast<int>(s.waiting.load(std::memory_order_relaxed)); });
+}
+
+dns_status dns_get_serv_noverload(dns_ctx *ctx, const sockaddr *server, uint64_t *value) {
+  return statistic(ctx, server, value, [=](const Server &s) { *value = s.overloads.load(std::memory_order_relaxed); });
+}
+
+dns_status dns_get_ndropped(dns_ctx *ctx, uint64_t *value) {
+  if (ctx == nullptr || value == nullptr) return DNS_E_INVAL;
+  *value = ctx->sockets.drops();
+  return DNS_E_NOERROR;
 }
 
 }  // extern "C"

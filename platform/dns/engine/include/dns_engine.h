@@ -84,13 +84,20 @@ dns_status dns_set_cost_zone(struct dns_ctx *ctx, const char *zone);
 
 // Statistics of one server, of either family, kept since the context's first query to it: round-trip times in
 // milliseconds, the moment of the last answer (seconds since 2000-01-01 UTC), packets sent, queries answered, attempts
-// that timed out. DNS_E_INVAL for a server that the context has not queried.
+// that timed out; its window, the queries that wait for room in it or for DNS_OPT_RATE, the attempts that timed out
+// because too much was sent. DNS_E_INVAL for a server that the context has not queried.
 dns_status dns_get_serv_avgrtt(struct dns_ctx *ctx, const struct sockaddr *server, int *value);
 dns_status dns_get_serv_lastrtt(struct dns_ctx *ctx, const struct sockaddr *server, int *value);
 dns_status dns_get_serv_last_check(struct dns_ctx *ctx, const struct sockaddr *server, int *value);
 dns_status dns_get_serv_nqsent(struct dns_ctx *ctx, const struct sockaddr *server, uint64_t *value);
 dns_status dns_get_serv_nused(struct dns_ctx *ctx, const struct sockaddr *server, uint64_t *value);
 dns_status dns_get_serv_ntimeout(struct dns_ctx *ctx, const struct sockaddr *server, uint64_t *value);
+dns_status dns_get_serv_window(struct dns_ctx *ctx, const struct sockaddr *server, int *value);
+dns_status dns_get_serv_nwaiting(struct dns_ctx *ctx, const struct sockaddr *server, int *value);
+dns_status dns_get_serv_noverload(struct dns_ctx *ctx, const struct sockaddr *server, uint64_t *value);
+
+// dns_get_ndropped stores how many answers the system has dropped at the context's sockets, so far as it was noticed.
+dns_status dns_get_ndropped(struct dns_ctx *ctx, uint64_t *value);
 
 // ---- queries -------------------------------------------------------------------------------------------------------
 
