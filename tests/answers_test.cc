@@ -13,6 +13,7 @@
 #include <barrier>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <string>
 #include <thread>
 #include <vector>
@@ -206,6 +207,29 @@ TEST_F(AnswersTest, RealListServer) {
   EXPECT_EQ(ask(KAVOT_BL_DOM, "ONLY.Example"), Texts{"127.0.1.2"});
   EXPECT_EQ(ask(KAVOT_BL_DOM, "not.only.example"), Texts{"NXDOM"});
   EXPECT_EQ(ask(KAVOT_BL_DOM_TXT, "bad.example"), Texts{"bad domain"});
+}
+
+// As it is shipped, a list server's socket has room for a few hundred packets.
+TEST_F(AnswersTest, BurstAtAListServerAsItIsShipped) {
+  constexpr int kBurst = 4000, kPerNetwork = 250, kFirstOfSecondList = 8;
+  std::string odd = ":127.0.0.2:odd\n";
+  for (int network = 1; network < kBurst / kPerNetwork; network += 2)
+    odd += "10.0." + std::to_string(network) + ".0/24\n";
+  const auto daemon =
+      start_rbldnsd({{"odd.list", "ip4set", odd}, {"high.list", "ip4set", ":127.0.0.3:high\n10.0.8.0/21\n"}});
+  Host host(kBurst);
+  host.server(daemon->port()).zone(KAVOT_BL_IP, "odd.list").zone(KAVOT_BL_IP, "high.list").open();
+  std::deque<Node> nodes;
+  for (int i = 0; i < kBurst; ++i)
+    nodes.emplace_back(host, KAVOT_BL_IP,
+                       "10.0." + std::to_string(i / kPerNetwork) + "." + std::to_string(i % kPerNetwork));
+  for (int i = 0; i < kBurst; ++i) {
+    const int network = i / kPerNetwork;
+    ASSERT_EQ(nodes[static_cast<size_t>(i)].wait(KAVOWT_FULL), KAVOE_OK);
+    EXPECT_EQ(in_place(host, nodes[static_cast<size_t>(i)]),
+              (Texts{network % 2 == 1 ? "127.0.0.2" : "NXDOM", network >= kFirstOfSecondList ? "127.0.0.3" : "NXDOM"}))
+        << i;
+  }
 }
 
 // ask_at asks one server instead of those of the context.

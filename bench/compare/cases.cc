@@ -44,7 +44,7 @@ Task Plan::task(const char *client, const Responder &responder, unsigned outstan
 }
 
 void measure_zones(const Plan &plan, Report *report) {
-  const auto responder = start_own(plan.responder_core);
+  const Responders responders = start_both(plan.responder_core);
   report->add(
       "## Eight zones a question\n\n"
       "Eight packets a question; the bare loops send the same packets.\n\n"
@@ -54,7 +54,7 @@ void measure_zones(const Plan &plan, Report *report) {
   for (const unsigned outstanding : {kUsual / kZones, kUsual}) {
     std::vector<Task> tasks;
     for (const char *client : {"bare", "kavo", "c-ares", "bare-runs"}) {
-      tasks.push_back(plan.task(client, *responder, outstanding));
+      tasks.push_back(plan.task(client, responders, outstanding));
       tasks.back().zones = kZones;
       tasks.back().count = plan.count / (kZones / 2);
     }
@@ -71,7 +71,7 @@ void measure_zones(const Plan &plan, Report *report) {
 }
 
 void measure_large(const Plan &plan, Report *report) {
-  const auto responder = start_own(plan.responder_core);
+  const auto responder = start_own(plan.responder_core, buffers_for("kavo"));
   Task usual = plan.task("kavo", *responder, kUsual), large = plan.task("kavo", *responder, kMany);
   // Four times what the table holds: three of four questions meet a table that is full, and the memory that it takes
   // once as it fills weighs little.
@@ -90,10 +90,10 @@ void measure_large(const Plan &plan, Report *report) {
 }
 
 void measure_single(const Plan &plan, Report *report) {
-  const auto responder = start_own(plan.responder_core);
+  const Responders responders = start_both(plan.responder_core);
   std::vector<Task> tasks;
   for (const char *client : {"bare", "kavo-query", "kavo-query", "kavo-get"}) {
-    tasks.push_back(plan.task(client, *responder, 1));
+    tasks.push_back(plan.task(client, responders, 1));
     tasks.back().count = plan.count / kSlowdown;
   }
   tasks[2].subjects = tasks[3].subjects = kUsual;
@@ -121,10 +121,10 @@ void measure_single(const Plan &plan, Report *report) {
 }
 
 void measure_cached(const Plan &plan, Report *report) {
-  const auto responder = start_own(plan.responder_core);
+  const Responders responders = start_both(plan.responder_core);
   std::vector<Task> tasks;
   for (const char *client : {"libunbound", "kavo", "kavo-get"}) {
-    tasks.push_back(plan.task(client, *responder, kUsual));
+    tasks.push_back(plan.task(client, responders, kUsual));
     tasks.back().subjects = kSubjects;
     tasks.back().count = plan.count * kCachedFactor;
   }
@@ -151,20 +151,20 @@ void measure_cached(const Plan &plan, Report *report) {
 }
 
 void measure_memory(const Plan &plan, Report *report) {
-  // Two numbers of questions, so that what a client has anyway drops out; kavo has no more than 4,096 on their way to
-  // one server.
+  // Two numbers of questions, so that what a client has anyway drops out.
   constexpr unsigned kFew = 1000, kMost = 4000;
   report->add(
       "## Memory of an outstanding question\n\n"
-      "The responder holds its answers back until every question has come, and memory is what is resident then. The\n"
-      "difference between two numbers of questions, so that what a client has anyway drops out; the benchmark's own\n"
-      "notes, 16 to 24 bytes a question, are part of it.\n\n"
+      "The responder holds its answers back until every question has been asked, and memory is what is resident then;\n"
+      "of kavo's questions, those that its window has no room for yet wait in the library. The difference between two\n"
+      "numbers of questions, so that what a client has anyway drops out; the benchmark's own notes, 16 to 24 bytes a\n"
+      "question, are part of it.\n\n"
       "| client | KiB for 1,000 | KiB for 4,000 | bytes a question |\n"
       "| --- | ---: | ---: | ---: |\n");
   bench::Spread kavo;
   for (const char *client : {"kavo", "c-ares", "libunbound"}) {
     const auto kib = [&](unsigned outstanding) {
-      const auto responder = start_own(plan.responder_core, outstanding);
+      const auto responder = start_own(plan.responder_core, buffers_for(client), true);
       Task task = plan.task(client, *responder, outstanding);
       task.count = outstanding;
       task.held = true;
@@ -193,7 +193,8 @@ void measure_cores(const Plan &plan, Report *report) {
       "what is measured, so its processor time is taken off the wall time, of one context as of two; with 1,000\n"
       "questions at once a core is never idle. Both contexts are in one process.\n\n"
       "| contexts | questions/s, the responder not counting |\n| ---: | ---: |\n");
-  const std::unique_ptr<Responder> responders[] = {start_own(plan.client_core), start_own(plan.responder_core)};
+  const std::unique_ptr<Responder> responders[] = {start_own(plan.client_core, buffers_for("kavo")),
+                                                   start_own(plan.responder_core, buffers_for("kavo"))};
   Task one = plan.task("kavo", *responders[0], kUsual), two = one;
   two.ports.push_back(responders[1]->port());
   two.responders.push_back(responders[1]->process());
@@ -226,7 +227,9 @@ void measure_ipv6(const Plan &plan, Report *report) {
   report->add(
       "kavo asks the responder on either address, 1,000 questions at once, one zone.\n\n"
       "| responder on | processor, µs a question | × 127.0.0.1 |\n| --- | ---: | ---: |\n");
-  const auto ipv4 = start_own(plan.responder_core), ipv6 = start_own(plan.responder_core, 0, "::1");
+  const Buffers buffers = buffers_for("kavo");
+  const auto ipv4 = start_own(plan.responder_core, buffers),
+             ipv6 = start_own(plan.responder_core, buffers, false, "::1");
   const std::vector<Series> all =
       interleave({plan.task("kavo", *ipv4, kUsual), plan.task("kavo", *ipv6, kUsual)}, plan.rounds);
   for (const Series &series : all)

@@ -18,6 +18,9 @@ struct Plan {
 
   // task returns a task of so many questions at once, to be asked of a responder.
   [[nodiscard]] Task task(const char *client, const Responder &responder, unsigned outstanding) const;
+  [[nodiscard]] Task task(const char *client, const Responders &responders, unsigned outstanding) const {
+    return task(client, responders.of(client), outstanding);
+  }
 };
 
 inline constexpr unsigned kUsual = 1000;  // outstanding questions, where nothing else is said

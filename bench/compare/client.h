@@ -32,7 +32,7 @@ struct Task {
   unsigned count = 40'000;        // questions, of all workers together
   unsigned zones = 1;             // packets a question
   unsigned table = 0;             // kavo's table; 0: as many places as questions are outstanding
-  bool held = false;              // no answer comes before every question has, and for a while after
+  bool held = false;              // no answer comes for a while
   unsigned subjects = 0;  // above 0: so many listed addresses are asked about repeatedly, and answers are cached
 
   [[nodiscard]] unsigned window() const { return outstanding > threads ? outstanding / threads : 1; }
@@ -47,8 +47,9 @@ struct Task {
   [[nodiscard]] bool is_cached(uint32_t n) const { return subjects > 0 && n >= subjects; }
 };
 
-// For how long the answers of a task that is held stay back after the last question.
-constexpr useconds_t kHeldUs = 400'000;
+// For how long the answers of a task that is held stay back after the first query, and when its memory is read: after
+// so long from the last question on.
+constexpr useconds_t kHeldUs = 1'200'000, kHeldReadUs = 200'000;
 
 // Client is one worker: it is made by one thread and asks on one thread.
 class Client {
@@ -67,7 +68,7 @@ class Client {
   // all_asked must be called when as many questions are under way as there may be.
   void all_asked(const Task &task) {
     if (!task.held || resident_kib_ != 0) return;
-    usleep(kHeldUs / 2);  // other threads may still work for them
+    usleep(kHeldReadUs);  // other threads may still work for them
     resident_kib_ = bench::resident_kib();
   }
 

@@ -45,7 +45,7 @@ double each(Task task, unsigned few, double (*count)(const Task &task)) {
 }  // namespace
 
 void measure_counts(const Plan &plan, Report *report) {
-  const auto responder = start_own(plan.responder_core);
+  const Responders responders = start_both(plan.responder_core);
   report->add(
       "## Instructions and system calls\n\nOf the whole client process, in user mode, counted by callgrind and by "
       "`strace`, once: what a long run has more than a short\none. 1,000 questions at once, one zone.\n\n"
@@ -53,7 +53,7 @@ void measure_counts(const Plan &plan, Report *report) {
   double kavo_instructions = 0, kavo_calls = 0;
   for (const auto &[client, questions] :
        {std::pair("bare", 4000U), {"kavo", 4000U}, {"c-ares", 4000U}, {"libunbound", 1000U}}) {
-    const Task task = plan.task(client, *responder, kUsual);
+    const Task task = plan.task(client, responders, kUsual);
     const double in_user = each(task, questions, instructions), in_kernel = each(task, questions, calls);
     report->add(std::string("| ") + client + " | " + print(in_user, 0) + " | " + print(in_kernel, 2) + " |\n");
     if (task.client != "kavo") continue;

@@ -1,12 +1,14 @@
 #include "responder.h"
 
 #include <measure.h>
+#include <poll.h>
 #include <questions.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -116,10 +118,11 @@ uint16_t port_of(testbed::Process *process) {
 
 class Own : public Responder {
  public:
-  Own(unsigned core, unsigned hold, const std::string &address)
+  Own(unsigned core, Buffers buffers, bool hold, const std::string &address)
       : address_(address),
         pinned_(std::make_unique<bench::Pinned>(core)),
-        process_({self(), "respond", "--address", address, "--hold", std::to_string(hold)}),
+        process_({self(), "respond", "--address", address, "--large", std::to_string(buffers == Buffers::large),
+                  "--hold", std::to_string(hold)}),
         port_(port_of(&process_)) {
     pinned_.reset();
   }
@@ -134,8 +137,7 @@ class Own : public Responder {
   uint16_t port_;
 };
 
-// give_room enlarges the receive buffers of another process's sockets: rbldnsd leaves its own at what the system gives,
-// which is too little for a thousand queries at once.
+// give_room enlarges the receive buffers of another process's sockets: rbldnsd leaves its own at what the system gives.
 void give_room(pid_t process) {
   constexpr int kDescriptors = 64;
   const int handle = static_cast<int>(syscall(SYS_pidfd_open, process, 0));
@@ -156,10 +158,10 @@ void give_room(pid_t process) {
 
 class Rbldnsd : public Responder {
  public:
-  explicit Rbldnsd(unsigned core) {
+  Rbldnsd(unsigned core, Buffers buffers) {
     const bench::Pinned pinned(core);
     daemon_ = testbed::start_rbldnsd({{bench::zone(0), "ip4set", bench::rbldnsd_zone()}});
-    give_room(daemon_->pid());
+    if (buffers == Buffers::large) give_room(daemon_->pid());
   }
   [[nodiscard]] uint16_t port() const override { return daemon_->port(); }
   [[nodiscard]] pid_t process() const override { return daemon_->pid(); }
@@ -168,37 +170,60 @@ class Rbldnsd : public Responder {
   std::unique_ptr<testbed::NameDaemon> daemon_;
 };
 
+// take_for_a_while receives queries for kHeldUs from the first one on, and returns them with their answers.
+std::vector<std::unique_ptr<Batch>> take_for_a_while(int fd) {
+  using Clock = std::chrono::steady_clock;
+  std::vector<std::unique_ptr<Batch>> taken;
+  taken.push_back(std::make_unique<Batch>());
+  (void)taken.back()->receive(fd);
+  const Clock::time_point end = Clock::now() + std::chrono::microseconds(kHeldUs);
+  for (pollfd readable{fd, POLLIN, 0};;) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
+    if (left <= 0 || poll(&readable, 1, static_cast<int>(left)) <= 0) return taken;
+    taken.push_back(std::make_unique<Batch>());
+    (void)taken.back()->receive(fd);
+  }
+}
+
 }  // namespace
 
 std::string self() {
   return std::filesystem::read_symlink("/proc/self/exe");
 }
 
-void respond(const std::string &address, unsigned hold) {
+void respond(const std::string &address, Buffers buffers, bool hold) {
   UdpSocket socket(address);
+  if (buffers == Buffers::large) grow_buffer(socket.fd());
   std::printf("listening on %s:%u\n", address.c_str(), socket.port());
   std::fflush(stdout);
-  std::vector<std::unique_ptr<Batch>> held;
-  for (unsigned queries = 0; queries < hold;) {
-    held.push_back(std::make_unique<Batch>());
-    queries += held.back()->receive(socket.fd());
+  if (hold) {
+    for (const auto &batch : take_for_a_while(socket.fd())) {
+      batch->send(socket.fd());
+      usleep(kHeldPauseUs);
+    }
   }
-  if (hold > 0) usleep(kHeldUs);
-  for (const auto &batch : held) {
-    batch->send(socket.fd());
-    usleep(kHeldPauseUs);
-  }
-  held.clear();
   for (Batch batch;; batch.send(socket.fd()))
     (void)batch.receive(socket.fd());
 }
 
-std::unique_ptr<Responder> start_own(unsigned core, unsigned hold, const std::string &address) {
-  return std::make_unique<Own>(core, hold, address);
+std::unique_ptr<Responder> start_own(unsigned core, Buffers buffers, bool hold, const std::string &address) {
+  return std::make_unique<Own>(core, buffers, hold, address);
 }
 
-std::unique_ptr<Responder> start_rbldnsd(unsigned core) {
-  return std::make_unique<Rbldnsd>(core);
+std::unique_ptr<Responder> start_rbldnsd(unsigned core, Buffers buffers) {
+  return std::make_unique<Rbldnsd>(core, buffers);
+}
+
+Buffers buffers_for(const std::string &client) {
+  return client.starts_with("kavo") ? Buffers::of_the_system : Buffers::large;
+}
+
+Responders start_both(unsigned core) {
+  return {start_own(core, Buffers::of_the_system), start_own(core, Buffers::large)};
+}
+
+Responders start_both_rbldnsd(unsigned core) {
+  return {start_rbldnsd(core, Buffers::of_the_system), start_rbldnsd(core, Buffers::large)};
 }
 
 }  // namespace compare

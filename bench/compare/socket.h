@@ -1,4 +1,4 @@
-// socket.h - the UDP sockets of the bare loop and of the responder, with room for every answer that may come at once.
+// socket.h - the UDP sockets of the bare loop and of the responder.
 #ifndef KAVO_BENCH_COMPARE_SOCKET_H
 #define KAVO_BENCH_COMPARE_SOCKET_H
 
@@ -22,7 +22,8 @@ inline void grow_buffer(int fd) {
     (void)setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &kSocketBuffer, sizeof kSocketBuffer);
 }
 
-// UdpSocket is bound to a free port of `address`, and connected to its port `peer` unless that is 0.
+// UdpSocket is bound to a free port of `address`, and connected to its port `peer` unless that is 0. A connected one
+// has room for every answer that may come at once.
 class UdpSocket {
  public:
   explicit UdpSocket(const std::string &address, uint16_t peer = 0) {
@@ -34,7 +35,7 @@ class UdpSocket {
         (peer != 0 && (connect(fd_, reinterpret_cast<sockaddr *>(&remote), size) != 0 ||
                        setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &kTimeout, sizeof kTimeout) != 0)))
       throw std::system_error(errno, std::generic_category(), "socket");
-    grow_buffer(fd_);
+    if (peer != 0) grow_buffer(fd_);
     port_ = testbed::port_of(local);
   }
   ~UdpSocket() {

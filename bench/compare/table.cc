@@ -63,23 +63,24 @@ Curves make_curves() {
   return curves;
 }
 
-std::vector<Series> measure_load(const Plan &plan, const Responder &responder, unsigned load, unsigned threads) {
+std::vector<Series> measure_load(const Plan &plan, const Responders &responders, unsigned load, unsigned threads) {
   std::vector<Task> tasks;
   for (const char *client : kClients) {
-    tasks.push_back(plan.task(client, responder, load));
+    tasks.push_back(plan.task(client, responders, load));
     tasks.back().threads = threads;
     if (load == 1) tasks.back().count = plan.count / kSlowdown;
   }
   return interleave(tasks, plan.rounds);
 }
 
-void measure_responder(const Plan &plan, const Responder &responder, const char *name, Curves *curves, Report *report) {
+void measure_responder(const Plan &plan, const Responders &responders, const char *name, Curves *curves,
+                       Report *report) {
   for (const unsigned threads : kThreads) {
     report->add("### " + std::to_string(threads) + (threads == 1 ? " host thread, " : " host threads, ") + name +
                 "\n\n" + kColumns);
     std::vector<Series> usual;
     for (const unsigned load : kLoads) {
-      const std::vector<Series> all = measure_load(plan, responder, load, threads);
+      const std::vector<Series> all = measure_load(plan, responders, load, threads);
       for (const Series &series : all)
         report->add(line(series, all[0]));
       if (curves != nullptr && threads == 1) curves->add(all);
@@ -101,8 +102,8 @@ void measure_table(const Plan &plan, Report *report) {
       "question to the last answer. Memory is what the client's process had at its peak beyond what it had before\n"
       "there was a client.\n\n");
   Curves curves = make_curves();
-  measure_responder(plan, *start_own(plan.responder_core), "the responder of this program", &curves, report);
-  measure_responder(plan, *start_rbldnsd(plan.responder_core), "rbldnsd", nullptr, report);
+  measure_responder(plan, start_both(plan.responder_core), "the responder of this program", &curves, report);
+  measure_responder(plan, start_both_rbldnsd(plan.responder_core), "rbldnsd", nullptr, report);
   report->add(std::move(curves.cost));
   report->add(std::move(curves.rate));
 }

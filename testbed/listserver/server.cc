@@ -15,7 +15,6 @@ namespace listserver {
 namespace {
 
 constexpr unsigned kBatch = 64;             // packets moved in one system call
-constexpr int kSocketBuffer = 64 << 20;     // bytes: room for a burst of 100,000 queries
 constexpr size_t kHeldMax = 1'000'000;      // answers held back at once; beyond it they count as dropped
 constexpr unsigned kBatchesUnwatched = 64;  // under load, a look at the signals after so many batches
 
@@ -44,13 +43,6 @@ sigset_t hold_signals() {
   for (const int number : {SIGTERM, SIGINT, SIGUSR1})
     sigdelset(&before, number);
   return before;
-}
-
-void grow_buffer(int fd, int forced, int plain) {
-  // Only a privileged process may exceed the system's limit; any other gets the limit itself.
-  if (setsockopt(fd, SOL_SOCKET, forced, &kSocketBuffer, sizeof(kSocketBuffer)) != 0) {
-    setsockopt(fd, SOL_SOCKET, plain, &kSocketBuffer, sizeof(kSocketBuffer));
-  }
 }
 
 timespec span_until(std::chrono::steady_clock::time_point due) {
@@ -97,8 +89,6 @@ void Server::open(const in_addr &address, uint16_t port) {
   batch_->wait_mask = hold_signals();
   socket_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (socket_ < 0) throw std::system_error(errno, std::generic_category(), "socket");
-  grow_buffer(socket_, SO_RCVBUFFORCE, SO_RCVBUF);
-  grow_buffer(socket_, SO_SNDBUFFORCE, SO_SNDBUF);
   sockaddr_in local{};
   local.sin_family = AF_INET;
   local.sin_addr = address;

@@ -58,6 +58,13 @@ std::string sign(const TempDir &directory, const std::string &zone, const std::s
   return file + ".signed";
 }
 
+// unbound_head returns what every configuration of unbound begins with: where it is and listens.
+std::string unbound_head(const TempDir &directory, const std::string &address, uint16_t port) {
+  return "server:\n  interface: " + address + "\n  port: " + std::to_string(port) +
+         "\n  username: \"\"\n  chroot: \"\"\n  directory: \"" + directory.path() + "\"\n  pidfile: \"" +
+         directory.file("unbound.pid") + "\"\n  do-daemonize: no\n  use-syslog: no\n";
+}
+
 }  // namespace
 
 NameDaemon::NameDaemon(std::unique_ptr<TempDir> directory, std::vector<std::string> argv, uint16_t port)
@@ -137,10 +144,7 @@ std::unique_ptr<NameDaemon> start_unbound(const std::vector<StubZone> &zones, co
   const uint16_t port = free_udp_port();
   auto directory = shared_directory();
   std::ostringstream config;
-  config << "server:\n  interface: " << address << "\n  port: " << port
-         << "\n  username: \"\"\n  chroot: \"\"\n  directory: \"" << directory->path() << "\"\n  pidfile: \""
-         << directory->file("unbound.pid")
-         << "\"\n  do-daemonize: no\n  use-syslog: no\n  num-threads: 1\n  outgoing-interface: 127.0.0.1\n"
+  config << unbound_head(*directory, address, port) << "  num-threads: 1\n  outgoing-interface: 127.0.0.1\n"
          << "  do-not-query-localhost: no\n  module-config: \"iterator\"\n  access-control: 127.0.0.0/8 allow_snoop\n"
          << "  access-control: ::1/128 allow_snoop\n  do-ip6: " << (address == "::1" ? "yes" : "no") << "\n"
          << "  outgoing-range: 64\n  num-queries-per-thread: 64\n  unblock-lan-zones: yes\n";
@@ -157,6 +161,21 @@ std::unique_ptr<NameDaemon> start_unbound(const std::vector<StubZone> &zones, co
   std::vector<std::string> argv{required_program("unbound"), "-d", "-c",
                                 directory->write("unbound.conf", config.str())};
   return ready(std::make_unique<NameDaemon>(std::move(directory), std::move(argv), port), names, address);
+}
+
+std::unique_ptr<NameDaemon> start_local_unbound(const std::vector<LocalZone> &zones) {
+  const uint16_t port = free_udp_port();
+  auto directory = shared_directory();
+  std::string config = unbound_head(*directory, "127.0.0.1", port);
+  std::vector<std::string> names;
+  for (const LocalZone &zone : zones) {
+    for (const std::string &line : zone.lines)
+      config += "  " + line + "\n";
+    names.push_back(zone.name);
+  }
+  config += "remote-control:\n  control-enable: no\n";
+  std::vector<std::string> argv{required_program("unbound"), "-d", "-c", directory->write("unbound.conf", config)};
+  return ready(std::make_unique<NameDaemon>(std::move(directory), std::move(argv), port), names);
 }
 
 }  // namespace testbed

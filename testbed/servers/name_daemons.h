@@ -65,6 +65,14 @@ struct StubZone {
 [[nodiscard]] std::unique_ptr<NameDaemon> start_unbound(const std::vector<StubZone> &zones,
                                                         const std::string &address = "127.0.0.1");
 
+// start_local_unbound starts a resolver that answers for zones by itself, from lines of its configuration (local-zone,
+// local-data); each zone has an SOA record among them. All else is as the resolver has it if nothing is said.
+struct LocalZone {
+  std::string name;
+  std::vector<std::string> lines;
+};
+[[nodiscard]] std::unique_ptr<NameDaemon> start_local_unbound(const std::vector<LocalZone> &zones);
+
 // find_program looks in PATH and in the system administrator's directories; empty when there is no such program.
 [[nodiscard]] std::string find_program(std::string_view name);
 
