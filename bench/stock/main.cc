@@ -46,9 +46,8 @@ void describe_task(CLI::App *app, Task *task) {
 
 std::string explanation(const Plan &plan, bool own_network) {
   return "## How to read it\n\n"
-         "The servers have their address, port and zones configured and nothing else: one thread, the usual priority, "
-         "and\n"
-         "their own receive buffers; what a socket gets of the system is " +
+         "The servers have their address, port and zones configured and nothing else: one thread, the usual\n"
+         "priority and their own receive buffers; what a socket gets of the system is " +
          std::to_string(default_buffer()) +
          " bytes, a few hundred small\n"
          "packets. nsd's limit of answers a second is off, since a burst is above it; unbound has the lists as local\n"
@@ -57,8 +56,8 @@ std::string explanation(const Plan &plan, bool own_network) {
          "\n"
          "questions in all; the tool does that by itself, with 1,024 addresses at once (`kavo check --zone ZONE\n"
          "--server SERVER -`), dnsperf from a file. libunbound is asked a tenth as many: it needs 16 KiB for each\n"
-         "question. c-ares has timeouts of 0.5, 1 and 2 s; it gives up afterwards. All others have the timeouts that they\n"
-         "have if nothing is said. Answers of all but dnsperf are checked.\n\n"
+         "question. c-ares has timeouts of 0.5, 1 and 2 s; it gives up afterwards. All others have the timeouts that\n"
+         "they have if nothing is said. Answers of all but dnsperf are checked.\n\n"
          "Each measurement is a whole process, and wall time is from its start to its end. Busy means that two\n"
          "processes beside it use the processor all the time, with the same priority. Rounds: " +
          std::to_string(plan.rounds) +
@@ -66,8 +65,8 @@ std::string explanation(const Plan &plan, bool own_network) {
          "medians, in parentheses the quartiles; the clients take turns within a round, and a ratio is of two figures\n"
          "of the same round. Drops and failed questions are those of all rounds together.\n\n"
          "Packets are counted by the kernel, for all clients alike. Those that reached the server are its drops (of\n"
-         "`/proc/net/udp`) and those that it took. The latter are half of all packets that were taken by a process, met\n"
-         "a full buffer at the client or met a closed socket there (`/proc/net/snmp`), since the server answers each\n"
+         "`/proc/net/udp`) and those that it took. The latter are half of all packets that a process took, or that\n"
+         "met a full buffer at the client or a closed socket there (`/proc/net/snmp`), since the server answers each\n"
          "packet that it takes with one. " +
          (own_network ? std::string("The program and the servers are in a network of their own, where\n"
                                     "nothing else is counted.\n\n")

@@ -15,6 +15,7 @@
 #include "resolution.h"
 #include "resolving.h"
 #include "route.h"
+#include "trace.h"
 
 namespace dns {
 namespace {
@@ -49,16 +50,19 @@ bool all_are_down(const dns_query *q) {
 }
 
 // give_up_parked gives up, with a query whose attempts all met with silence, those that have been parked at the server
-// since before its first attempt: nothing else would become of them.
-void give_up_parked(const dns_query *q) {
+// since before its first attempt: nothing else would become of them. False when one of their callbacks has cancelled
+// the query.
+bool give_up_parked(const dns_query *q) {
   const int64_t since_us = q->attempt.first_sent_us;
-  if (q->progress.attempts == 0 || !all_are_down(q) || present_server(q)->heard_us >= since_us) return;
+  if (!was_sent(q) || !all_are_down(q) || present_server(q)->heard_us >= since_us) return true;
+  const Hold hold(q->ctx);
   const base::Link &parked = present_server(q)->parked;
-  while (!parked.alone()) {
+  while (!parked.alone() && q->state != State::cancelled) {
     auto *next = static_cast<dns_query *>(parked.next);
-    if (next->attempt.sent_us > since_us || !all_are_down(next)) return;
+    if (next->attempt.sent_us > since_us || !all_are_down(next)) break;
     give_up(next);
   }
+  return q->state != State::cancelled;
 }
 
 }  // namespace
@@ -80,7 +84,7 @@ void give_up(dns_query *q) {
     return;
   }
   if (begin_anew(q)) return;
-  give_up_parked(q);
+  if (!give_up_parked(q)) return;
   const dns_status silence = q->attempt.turned_back && is_unreached(q) ? DNS_E_REFUSED : DNS_E_TEMPFAIL;
   deliver(q, q->progress.error != 0 ? dns_status{q->progress.error} : silence, nullptr, 0, 0);
 }

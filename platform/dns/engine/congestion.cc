@@ -19,7 +19,8 @@ void forgive(dns_query *q) {
 void note_answer(dns_query *q) {
   dns_ctx *ctx = q->ctx;
   Server *server = q->attempt.under_way;
-  const Answered answer = {q->attempt.sent_us, q->progress.attempts == 1, server->has_parked(), server->under_way};
+  const Answered answer = {q->attempt.sent_us, q->progress.attempts + q->progress.overloads == 1, server->has_parked(),
+                           server->under_way};
   server->window.answered(answer, server->round_trip(), ctx->options.window, ctx->now_us);
   release_later(ctx, server);
 }

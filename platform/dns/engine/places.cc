@@ -62,7 +62,7 @@ bool take_place(dns_query *q) {
 
 void park(dns_query *q) {
   Server *server = present_server(q);
-  move(q, State::parked, q->progress.attempts > 0 ? &server->parked_again : &server->parked);
+  move(q, State::parked, was_sent(q) ? &server->parked_again : &server->parked);
   server->count_waiting(1);
   release_later(q->ctx, server);
 }

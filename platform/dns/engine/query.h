@@ -116,6 +116,11 @@ namespace dns {
   return (q->attempt.lowered & bit(place)) != 0;
 }
 
+// was_sent tells whether a query has left at all.
+[[nodiscard]] inline bool was_sent(const dns_query *q) {
+  return q->progress.attempts + q->progress.overloads > 0;
+}
+
 // The keys of the tables that queries are in.
 [[nodiscard]] inline uint16_t id_of(const dns_query &q) {
   return q.attempt.id;
