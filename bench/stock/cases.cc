@@ -183,8 +183,8 @@ void measure_share(const Plan &plan, Report *report) {
   const double least = *std::min_element(lesser.begin(), lesser.end());
   report->add(
       "## Two contexts at one server\n\n"
-      "Two processes, each a host with a context of its own, begin at the same moment to ask one rbldnsd. The share is\n"
-      "that of the context which had fewer answers when the first of the two had all.\n\n"
+      "Two processes, each a host with a context of its own, begin at the same moment to ask one rbldnsd. The share\n"
+      "is that of the context which had fewer answers when the first of the two had all.\n\n"
       "| the lesser share, in 100 | the least of all rounds | failed |\n| ---: | ---: | ---: |\n| " +
       print(spread, 1) + " | " + print(least, 1) + " | " + std::to_string(failed) + " |\n\n");
   report->add(Target{"two contexts at one rbldnsd: the lesser share of the answers while both run",
