@@ -57,9 +57,9 @@ std::string explanation(const Plan &plan) {
          "more than most. Half of the addresses are listed. c-ares parses its answers with `ares_parse_a_reply`,\n"
          "libunbound's are read in place. The bare loops and c-ares retransmit nothing. kavo and libunbound do when\n"
          "an answer is late by their own measure; the table tells how many packets kavo sent again.\n\n"
-         "kavo asks responders whose receive buffer is what the system gives, a few hundred packets; it sends no faster\n"
-         "than they take. Without a window of that kind the other clients would lose questions: they ask responders\n"
-         "of the same kind with a buffer for ten thousand packets.\n\n";
+         "kavo asks responders whose receive buffer is what the system gives, a few hundred packets; it sends no\n"
+         "faster than they take. Without a window of that kind the other clients would lose questions: they ask\n"
+         "responders of the same kind with a buffer for ten thousand packets.\n\n";
 }
 
 void measure(const Plan &plan, const std::vector<std::string> &only, const std::string &directory) {
