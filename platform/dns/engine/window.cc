@@ -92,6 +92,7 @@ void Window::end_round(const Answered &answer, const RoundTrip &rtt, int64_t now
     best_rate_ = rate;
     calm_rounds_ = flat_rounds_ = 0;
   }
+  if (size() >= threshold_) drain();
   under_way_then_ = answer.under_way;
   in_last_round_ = in_round_;
   in_round_ = 0;
@@ -108,6 +109,7 @@ void Window::sample(int64_t rtt_us, int64_t now_us) {
   if (++sampled_ < kSample) return;
   const int64_t least = sample_least_us_, mean = sample_sum_us_ / kSample;
   mean_us_ = mean;
+  least_of_sample_us_ = least;
   sampled_ = 0;
   sample_least_us_ = kUnknown;
   sample_sum_us_ = 0;
@@ -123,6 +125,20 @@ void Window::sample(int64_t rtt_us, int64_t now_us) {
   queueing_ = least > least_us_ + least_us_ / 4 + kQueueingUs && mean > least_mean_us_ + least_mean_us_ / 8;
 }
 
+// queued estimates how many of the server's queries from here wait in a queue on their way: a share of those under way,
+// as large as the share that waiting has in the round trip.
+uint32_t Window::queued() const {
+  if (!queueing_) return 0;
+  return static_cast<uint32_t>(size() * (least_of_sample_us_ - least_us_) / least_of_sample_us_);
+}
+
+// drain shrinks a window of which more waits in a queue than the server needs to be busy. So all who ask a server come
+// to have the same share of its queue (TCP Vegas), and the queue has room for a burst.
+void Window::drain() {
+  const uint32_t queued = this->queued();
+  if (queued > kQueuedMost) resize(size() - (queued - kQueuedMost + 3) / 4);
+}
+
 void Window::grow_fast() {
   // A lost packet is noticed late. Until then a server that takes no more is not sent ever more.
   if (size() >= std::max(kWindowFirst, 2 * std::max(in_round_, in_last_round_))) return;
@@ -134,7 +150,7 @@ void Window::grow(uint32_t most, int64_t now_us) {
   if (size() >= most) return;
   if (size() < threshold_) {
     grow_fast();
-  } else if (++credit_ >= size() && now_us - grown_us_ >= kGrowthUs) {
+  } else if (queued() < kQueuedLeast && ++credit_ >= size() && now_us - grown_us_ >= kGrowthUs) {
     resize(size() + 1);
     credit_ = 0;
     grown_us_ = now_us;

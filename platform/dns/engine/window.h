@@ -76,6 +76,8 @@ class Window {
   void rest(int64_t now_us);
   void grow(uint32_t most, int64_t now_us);
   void grow_fast();
+  void drain();
+  [[nodiscard]] uint32_t queued() const;
   void cut(int64_t now_us);
   void settle(const RoundTrip &rtt, int64_t now_us);
   void sample(int64_t rtt_us, int64_t now_us);
@@ -106,7 +108,8 @@ class Window {
   int64_t period_us_ = 0;  // when the present period began, and its least
   int64_t period_least_us_ = kUnknown;
   int64_t period_least_mean_us_ = kUnknown;
-  int64_t mean_us_ = 0;    // of the last sample
+  int64_t mean_us_ = 0;  // of the last sample
+  int64_t least_of_sample_us_ = 1;
   bool queueing_ = false;  // by the last sample, queries queue on their way
 
   Cohort cohort_;
